@@ -1,0 +1,53 @@
+# What every target of the project shares: language level, warnings, sanitizers, output folders, and one function each
+# for a library, a loadable node library and a test program.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+if(NOT CMAKE_BUILD_TYPE)
+    set(CMAKE_BUILD_TYPE Release CACHE STRING "Build type" FORCE)
+endif()
+
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+# Where the generated log lines' source paths start.
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
+if(ARBOR_SANITIZE STREQUAL "address")
+    add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -O1 -g1)
+    add_link_options(-fsanitize=address,undefined)
+elseif(ARBOR_SANITIZE STREQUAL "thread")
+    add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -O1 -g1)
+    add_link_options(-fsanitize=thread)
+    # The compiler warns that fences are not instrumented; none of ours is.
+    add_compile_options(-Wno-tsan)
+elseif(ARBOR_SANITIZE)
+    message(FATAL_ERROR "ARBOR_SANITIZE is '${ARBOR_SANITIZE}'; it may be empty, address or thread")
+endif()
+
+# arbor_library(NAME SOURCES... ): a shared library of the framework, found by its siblings beside it.
+function(arbor_library name)
+    add_library(${name} SHARED ${ARGN})
+    set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/arbor)
+endfunction()
+
+# arbor_node_library(NAME SOURCES...): a library that a graph loads at run time.
+function(arbor_node_library name)
+    arbor_library(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE NodeBase)
+endfunction()
+
+# arbor_test(NAME SOURCES... [LIBRARIES ...]): a test program whose cases ctest runs one by one.
+include(GoogleTest)
+function(arbor_test name)
+    cmake_parse_arguments(ARG "" "" "LIBRARIES" ${ARGN})
+    find_package(GTest REQUIRED)
+    add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+    target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gmock GTest::gtest_main Threads::Threads)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+endfunction()

@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Installs what building, testing and demonstrating the project needs, from the distribution's packages.
+# Safe to run again: it returns at once when everything is there.
+set -euo pipefail
+
+packages=(
+    g++ clang clang-format clang-tidy cmake ninja-build ccache pkg-config
+    libboost1.81-dev libboost-json1.81-dev libspdlog-dev libfmt-dev libcpp-httplib-dev libcli11-dev
+    libmount-dev libudev-dev libsystemd-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
+    python3 openssl curl util-linux mount procps ca-certificates git
+)
+# magic_enum 0.9 or newer; the distribution's release may lack it.
+enum_package=libmagicenum-dev
+enum_header=/usr/include/magic_enum/magic_enum.hpp
+next_suite=trixie
+
+log() { printf 'setup: %s\n' "$*"; }
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+missing_packages() {
+    local name
+    for name in "${packages[@]}"; do
+        dpkg-query -W -f='${db:Status-Status}\n' "$name" 2>/dev/null | grep -qx installed || echo "$name"
+    done
+}
+
+# Takes the one header-only package from the next release: a private copy of the machine's own package source with the
+# suite's name replaced and a list folder of its own, so the machine's sources stay as they are.
+fetch_enum_package() {
+    local work suite
+    suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
+    work=$(mktemp -d)
+    mkdir -p "$work/lists/partial" "$work/parts"
+    if [ -e /etc/apt/sources.list.d/debian.sources ]; then
+        sed -n '1,/^$/p' /etc/apt/sources.list.d/debian.sources |
+            sed -e "s/^Suites:.*/Suites: $next_suite/" > "$work/parts/next.sources"
+    else
+        grep -m1 -E "^deb .* $suite " /etc/apt/sources.list | sed -e "s/ $suite / $next_suite /" > "$work/parts/next.list"
+    fi
+    local options=(-o "Dir::Etc::SourceList=/dev/null" -o "Dir::Etc::SourceParts=$work/parts"
+                   -o "Dir::State::Lists=$work/lists" -o "APT::Sandbox::User=root")
+    as_root apt-get "${options[@]}" update -qq
+    (cd "$work" && as_root apt-get "${options[@]}" download -qq "$enum_package")
+    as_root dpkg -i "$work/$enum_package"_*.deb
+    as_root rm -rf "$work"
+}
+
+install_enum_package() {
+    [ -e "$enum_header" ] && return
+    log "installing $enum_package"
+    local version
+    version=$(apt-cache policy "$enum_package" 2>/dev/null | sed -n 's/^ *Candidate: *//p')
+    if [ -n "$version" ] && dpkg --compare-versions "$version" ge 0.9; then
+        as_root apt-get install -y --no-install-recommends "$enum_package"
+    else
+        fetch_enum_package
+    fi
+    [ -e "$enum_header" ] || { echo "setup: $enum_package did not bring $enum_header" >&2; return 1; }
+}
+
+main() {
+    command -v apt-get >/dev/null || { echo "setup: this needs a Debian system (apt-get was not found)" >&2; exit 1; }
+    mapfile -t missing < <(missing_packages)
+    if [ "${#missing[@]}" -gt 0 ]; then
+        log "installing ${missing[*]}"
+        as_root apt-get update -qq
+        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+    fi
+    install_enum_package
+}
+
+main "$@"
