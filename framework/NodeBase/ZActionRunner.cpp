@@ -1,0 +1,114 @@
+#include "NodeBase/ZActionRunner.h"
+
+#include <system_error>
+
+#include "ZShared/ZLog.h"
+
+namespace {
+
+void LogLine(int level, const ZNodeAction& action, const char* function, int line, const char* text) {
+    ZLog::Instance().Log(level, "ZActionRunner", "NodeBase/ZActionRunner", function, line, "%s: %s", action.ClassName(),
+                         text);
+}
+
+void RunGuarded(ZNodeAction& action) {
+    try {
+        if (!action.ActionThread()) {
+            LogLine(3, action, __func__, __LINE__, "the action reports failure");
+        }
+    } catch (const std::exception& failure) {
+        LogLine(4, action, __func__, __LINE__, failure.what());
+    } catch (...) {
+        LogLine(4, action, __func__, __LINE__, "an unknown exception left the action");
+    }
+}
+
+}  // namespace
+
+ZActionRunner::~ZActionRunner() {
+    StopAll();
+    Join();
+}
+
+std::list<ZActionRunner::Running> ZActionRunner::TakeEnded() {
+    std::list<Running> ended;
+    for (auto entry = m_running.begin(); entry != m_running.end();) {
+        const auto next = std::next(entry);
+        if (entry->ended) {
+            ended.splice(ended.end(), m_running, entry);
+        }
+        entry = next;
+    }
+    return ended;
+}
+
+bool ZActionRunner::Start(const std::shared_ptr<ZNodeAction>& action) {
+    std::list<Running> ended;  // joined below, outside the lock
+    bool started = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        ended = TakeEnded();
+        if (!m_stopped) {
+            Running& running = m_running.emplace_back();
+            running.action = action;
+            try {
+                running.thread = std::thread([this, &running] { Run(running); });
+                started = true;
+            } catch (const std::system_error& failure) {
+                LogLine(4, *action, __func__, __LINE__, failure.what());
+                m_running.pop_back();
+            }
+        }
+    }
+    for (Running& running : ended) {
+        running.thread.join();
+    }
+    return started;
+}
+
+void ZActionRunner::Run(Running& running) {
+    {
+        const ZStopScope scope(m_stop);
+        RunGuarded(*running.action);
+    }
+    const std::lock_guard lock(m_mutex);
+    running.action.reset();
+    running.ended = true;
+}
+
+bool ZActionRunner::StopNewest() {
+    const std::lock_guard lock(m_mutex);
+    for (auto entry = m_running.rbegin(); entry != m_running.rend(); ++entry) {
+        if (!entry->ended) {
+            entry->action->Stop();
+            return true;
+        }
+    }
+    return false;
+}
+
+void ZActionRunner::StopAll() {
+    const std::lock_guard lock(m_mutex);
+    m_stopped = true;
+    for (Running& running : m_running) {
+        if (!running.ended) {
+            running.action->Stop();
+        }
+    }
+    m_stop.Set();
+}
+
+void ZActionRunner::Join() {
+    while (true) {
+        std::list<Running> taken;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_running.empty()) {
+                return;
+            }
+            // A thread that still runs refers to its entry; splicing moves no entry.
+            taken.splice(taken.end(), m_running, m_running.begin());
+        }
+        taken.front().thread.join();
+    }
+}

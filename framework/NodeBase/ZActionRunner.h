@@ -1,0 +1,42 @@
+#pragma once
+
+#include <list>
+#include <mutex>
+#include <thread>
+
+#include "NodeBase/ZNodeAction.h"
+#include "ZShared/ZStopEvent.h"
+
+/// Owns a node's running actions, one thread each. Thread-safe.
+class ZActionRunner {
+public:
+    ZActionRunner() = default;
+    ~ZActionRunner();
+    ZActionRunner(const ZActionRunner&) = delete;
+    ZActionRunner& operator=(const ZActionRunner&) = delete;
+
+    /// Runs the action on a new thread. False when no thread can be had, or after StopAll.
+    bool Start(const std::shared_ptr<ZNodeAction>& action);
+    /// Clears the run flag of the action started last that has not ended; false when none runs.
+    bool StopNewest();
+    /// Clears every run flag, ends the commands that actions wait for, and refuses further starts.
+    void StopAll();
+    /// Waits for every action to end.
+    void Join();
+
+    const ZStopEvent& StopEvent() const { return m_stop; }
+
+private:
+    struct Running {
+        std::shared_ptr<ZNodeAction> action;
+        std::thread thread;
+        bool ended = false;  // guarded by m_mutex
+    };
+    void Run(Running& running);
+    std::list<Running> TakeEnded();
+
+    ZStopEvent m_stop;
+    std::mutex m_mutex;
+    std::list<Running> m_running;  // oldest first
+    bool m_stopped = false;
+};

@@ -1,0 +1,138 @@
+#include "NodeBase/ZGraph.h"
+
+#include <ranges>
+
+#include "NodeComm/ZNodeCommLocal.h"
+#include "ZShared/ZLog.h"
+
+namespace {
+
+constexpr const char* kLogSource = "NodeBase/ZGraph";
+
+template <typename... Arguments>
+void LogLine(int level, int line, const char* format, Arguments... arguments) {
+    ZLog::Instance().Log(level, "ZGraph", kLogSource, "ZGraph", line, format, arguments...);
+}
+
+// Long enough for a command that a node runs while it is set up; a node that is stuck must not hang the start for good.
+constexpr auto kSetUpLimit = std::chrono::minutes(20);
+constexpr auto kAskAgainAfter = std::chrono::milliseconds(100);
+
+}  // namespace
+
+ZGraph::ZGraph(std::shared_ptr<ZCoreConfigParams> core, std::shared_ptr<ZNodeComm> comm)
+    : m_core(std::move(core)), m_comm(comm ? std::move(comm) : ZMakeShared<ZNodeCommLocal>()) {
+    m_comm->SetRequestTimeout(std::chrono::seconds(m_core->m_RequestTimeoutSeconds));
+}
+
+ZGraph::~ZGraph() { TearDown(); }
+
+bool ZGraph::AddNode(const std::string& className, const ZString& name, const std::shared_ptr<ZConfig>& config,
+                     std::string& error) {
+    const auto node = cast_shared<ZNode>(ZShared::ZFactory::Instance().CreateShared(className, name));
+    if (!node) {
+        error = "\"" + className + "\" is not the name of a node class";
+        return false;
+    }
+    node->Attach(m_comm, std::make_shared<ZMailbox>(m_core->m_QueueLength));
+    node->StartMessageThread();
+    if (!SetUp(*node, config, error)) {
+        node->BeginStop();
+        node->FinishStop();
+        return false;
+    }
+    m_nodes.push_back(node);
+    return true;
+}
+
+bool ZGraph::SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config, std::string& error) {
+    const char* failed = nullptr;
+    const auto steps = [&] {
+        if (!node.OnInit()) {
+            failed = "could not be initialised";
+        } else if (!node.OnConfig(m_core, config)) {
+            failed = "refused its configuration";
+        } else if (!node.OnConnecting() || !node.InitMessageMap()) {
+            failed = "could not subscribe its keywords";
+        } else {
+            node.OnConnected();
+        }
+    };
+    const bool ran = node.CallOnMessageThread(steps, ZMailbox::Clock::now() + kSetUpLimit);
+    if (ran && failed == nullptr) {
+        return true;
+    }
+    error = "Node \"" + ToStdString(node.Name()) + "\" " + (ran ? failed : "failed while it was set up");
+    return false;
+}
+
+bool ZGraph::Start(std::string& error) {
+    for (const auto& node : m_nodes) {
+        bool created = false;
+        const bool ran = node->CallOnMessageThread([&] { created = node->OnGraphCreated(); },
+                                                   ZMailbox::Clock::now() + kSetUpLimit);
+        if (!ran || !created) {
+            error = "Node \"" + ToStdString(node->Name()) + "\" failed when the graph was created";
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ZGraph::AskToStop(const std::function<bool()>& hurry) {
+    const auto deadline = ZMailbox::Clock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
+    for (const auto& node : m_nodes) {
+        node->CallOnMessageThread([&] { node->OnShutdownWarning(); }, deadline);
+    }
+    std::vector<std::shared_ptr<ZNode>> waiting(m_nodes.begin(), m_nodes.end());
+    for (bool first = true;; first = false) {
+        std::erase_if(waiting, [&](const auto& node) {
+            const auto agreed = std::make_shared<std::atomic<bool>>(false);
+            const auto patience = std::min(deadline, ZMailbox::Clock::now() + std::chrono::seconds(1));
+            node->CallOnMessageThread([node, agreed] { *agreed = node->OnShutdownRequest(false); }, patience);
+            if (!*agreed && first) {
+                LogLine(3, __LINE__, "Waiting for %s, which is not ready to stop", node->Name().c_str());
+            }
+            return agreed->load();
+        });
+        if (waiting.empty()) {
+            return true;
+        }
+        if (hurry() || ZMailbox::Clock::now() >= deadline) {
+            LogLine(3, __LINE__, "Stopping although %s is not ready", waiting.front()->Name().c_str());
+            return false;
+        }
+        std::this_thread::sleep_for(kAskAgainAfter);
+    }
+}
+
+ZGraphEnd ZGraph::Stop(const std::function<bool()>& hurry) {
+    const ZGraphEnd end = AskToStop(hurry) ? ZGraphEnd::Agreed : ZGraphEnd::Forced;
+    TearDown();
+    return end;
+}
+
+void ZGraph::TearDown() {
+    for (const auto& node : m_nodes) {
+        node->BeginStop();
+    }
+    m_comm->Close();
+    for (const auto& node : m_nodes | std::views::reverse) {
+        const auto deadline = ZMailbox::Clock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
+        node->CallOnMessageThread(
+            [node] {
+                node->OnShutdown();
+                node->OnDisconnect();
+            },
+            deadline);
+        node->FinishStop();
+    }
+    while (!m_nodes.empty()) {
+        m_nodes.pop_back();
+    }
+}
+
+std::shared_ptr<ZNode> ZGraph::Node(const ZString& name) const {
+    const auto found = std::ranges::find_if(m_nodes, [&](const auto& node) { return node->Name() == name; });
+    return found == m_nodes.end() ? nullptr : *found;
+}

@@ -1,0 +1,134 @@
+#include "NodeBase/ZNode.h"
+
+#include <future>
+
+#include "ZShared/ZLog.h"
+
+Z_IMPLEMENT(ZNode)
+
+namespace {
+constexpr const char* kLogSource = "NodeBase/ZNode";
+}
+
+ZNode::ZNode(const ZString& name) : ZCommEnabledObject(name) { m_logName = kClassName; }
+
+ZNode::~ZNode() {
+    BeginStop();
+    FinishStop();
+}
+
+std::shared_ptr<ZTimer> ZNode::GetTimer(const ZString& name, ZTimer::Callback callback, void* context) {
+    const std::lock_guard lock(m_timersMutex);
+    auto& timer = m_timers[name];
+    if (!timer) {
+        timer = std::make_shared<ZTimer>(Mailbox(), std::move(callback), context);
+    }
+    return timer;
+}
+
+bool ZNode::OnForward(std::shared_ptr<ZMessage>&) { return false; }
+bool ZNode::OnInit() { return true; }
+bool ZNode::OnConnecting() { return true; }
+void ZNode::OnConnected() {}
+void ZNode::OnIdle() {}
+bool ZNode::OnFilterMessage(const std::shared_ptr<ZMessage>&) { return true; }
+bool ZNode::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>&) { return true; }
+void ZNode::OnConnectionLost(const ZNodeUID&) {}
+void ZNode::OnGraphSwapped() {}
+bool ZNode::ShouldRegisterWithDiscovery() const { return false; }
+void ZNode::OnShutdown() {}
+void ZNode::OnShutdownWarning() {}
+bool ZNode::OnShutdownRequest(bool) { return true; }
+bool ZNode::InitMessageMap() { return true; }
+void ZNode::OnDisconnect() {}
+bool ZNode::OnGraphCreated() { return true; }
+bool ZNode::OnControl(std::shared_ptr<ZMessage>&) { return false; }
+bool ZNode::OnAction(const ZNodeAction&) { return true; }
+
+void ZNode::MessagePump() {
+    const ZStopScope scope(m_actions.StopEvent());
+    Mailbox()->Run([this] { OnIdle(); });
+}
+
+bool ZNode::PublishInternal(const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
+                            std::shared_ptr<ZMessage>* responseOut, bool bReliable, bool bUrgent) {
+    return PublishWithOutcome(endpoint, message, responseOut, {bReliable, bUrgent, {}}) == ZPublishOutcome::Delivered;
+}
+
+bool ZNode::PublishResponseInternal(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response, bool,
+                                    bool) {
+    const auto comm = source.Comm();
+    return comm && comm->Respond(source, response);
+}
+
+bool ZNode::RunAction(const char* name, const std::shared_ptr<ZMessage>& message) {
+    const std::string className = std::string(ClassName()) + '_' + name + "Action";
+    const auto action = cast_shared<ZNodeAction>(ZShared::ZFactory::Instance().CreateShared(className));
+    if (!action) {
+        Z_LOG(4, "There is no action class %s", className.c_str());
+        return false;
+    }
+    action->Prepare({message, this, m_logName, m_logLevel});
+    const bool started = OnAction(*action) && m_actions.Start(action);
+    if (!started) {
+        Z_LOG(3, "Action %s was not started", className.c_str());
+    }
+    return started;
+}
+
+bool ZNode::StopAction(bool bWait) {
+    const bool stopped = m_actions.StopNewest();
+    if (bWait) {
+        m_actions.Join();
+    }
+    return stopped;
+}
+
+void ZNode::StartMessageThread() {
+    m_messageThread = std::thread([this] { MessagePump(); });
+}
+
+bool ZNode::CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clock::time_point deadline) {
+    const auto done = std::make_shared<std::promise<void>>();
+    auto future = done->get_future();
+    const auto guarded = [work, done] {
+        try {
+            work();
+            done->set_value();
+        } catch (...) {
+            done->set_exception(std::current_exception());
+        }
+    };
+    if (!Mailbox()->Post(guarded, deadline, 1) || future.wait_until(deadline) != std::future_status::ready) {
+        return false;
+    }
+    try {
+        future.get();
+        return true;
+    } catch (const std::exception& failure) {
+        Z_LOG(4, "An exception left an operation of %s: %s", Name().c_str(), failure.what());
+    } catch (...) {
+        Z_LOG(4, "An unknown exception left an operation of %s", Name().c_str());
+    }
+    return false;
+}
+
+void ZNode::BeginStop() {
+    m_bInShutdown = true;
+    m_actions.StopAll();
+    const std::lock_guard lock(m_timersMutex);
+    for (const auto& [name, timer] : m_timers) {
+        timer->Stop();
+    }
+}
+
+void ZNode::FinishStop() {
+    m_actions.Join();
+    if (Mailbox()) {
+        Mailbox()->Close();
+    }
+    if (m_messageThread.joinable()) {
+        m_messageThread.join();
+    }
+    Unsubscribe();
+}

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <map>
+
+#include "NodeBase/ZActionRunner.h"
+#include "NodeBase/ZCommEnabledObject.h"
+#include "NodeBase/ZTimer.h"
+
+/// Base of all nodes. The graph makes a node by class name, attaches it, and calls its virtual operations on the node's
+/// message thread: OnInit, OnConfig, OnConnecting, InitMessageMap, OnConnected; OnGraphCreated once all nodes exist;
+/// at the end OnShutdownWarning, OnShutdownRequest until it agrees, OnShutdown, OnDisconnect; the destructor last.
+class ZNode : public ZCommEnabledObject {
+    Z_CLASS(ZNode, ZCommEnabledObject)
+public:
+    explicit ZNode(const ZString& name);
+    ~ZNode() override;
+
+    /// The node's timer of that name, made at the first call and kept by the node. `callback` runs on the message thread.
+    virtual std::shared_ptr<ZTimer> GetTimer(const ZString& name, ZTimer::Callback callback, void* context);
+    /// Offers the node a message that is meant for another device. True when it took it.
+    virtual bool OnForward(std::shared_ptr<ZMessage>& message);
+    virtual bool OnInit();
+    virtual bool OnConnecting();
+    virtual void OnConnected();
+
+protected:
+    bool PublishResponseInternal(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response,
+                                 bool bReliable, bool bUrgent) override;
+
+public:
+    /// Called on the message thread when its queue has become empty.
+    virtual void OnIdle();
+    /// Runs the message thread until the node is stopped.
+    virtual void MessagePump();
+    bool OnFilterMessage(const std::shared_ptr<ZMessage>& message) override;
+    bool OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) override;
+    virtual void OnConnectionLost(const ZNodeUID& peer);
+
+protected:
+    bool PublishInternal(const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
+                         std::shared_ptr<ZMessage>* responseOut, bool bReliable, bool bUrgent) override;
+
+public:
+    virtual void OnGraphSwapped();
+    virtual bool ShouldRegisterWithDiscovery() const;
+    virtual void OnShutdown();
+    virtual void OnShutdownWarning();
+    /// Whether the node agrees to stop now. It is asked again until it does or the grace period is over.
+    virtual bool OnShutdownRequest(bool bUnconditional);
+    /// Subscribes the node's keywords. False makes the node count as not initialised.
+    virtual bool InitMessageMap();
+    virtual void OnDisconnect();
+    /// Called once all nodes of the graph exist and are wired.
+    virtual bool OnGraphCreated();
+    virtual bool OnControl(std::shared_ptr<ZMessage>& message);
+    /// Called on the action's thread, before it runs. False keeps it from running.
+    virtual bool OnAction(const ZNodeAction& action);
+
+    /// Starts the action registered as <own class>_<name>Action on a thread of its own, with `message`, which may be
+    /// null, and returns at once. False when there is no such class, no thread, or the node is stopping.
+    bool RunAction(const char* name, const std::shared_ptr<ZMessage>& message);
+    /// Asks the action that was started last and still runs to stop. `bWait` also waits for all actions' end; an action
+    /// must not do that.
+    bool StopAction(bool bWait);
+    /// True once the graph is shutting down.
+    bool InShutdown() const { return m_bInShutdown; }
+
+    // For the graph.
+
+    /// Starts the message thread. Throws std::system_error when there is none to be had.
+    void StartMessageThread();
+    /// Runs `work` on the message thread and waits for it, at most until `deadline`. False when it did not get to run.
+    bool CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clock::time_point deadline);
+    /// Refuses new actions, asks the running ones to stop and ends what they wait for. Returns at once.
+    void BeginStop();
+    /// Waits for actions and for the queue to drain, and takes the node off the bus.
+    void FinishStop();
+
+private:
+    std::atomic<bool> m_bInShutdown{false};
+    ZActionRunner m_actions;
+    std::mutex m_timersMutex;
+    std::map<ZString, std::shared_ptr<ZTimer>> m_timers;
+    std::thread m_messageThread;
+};

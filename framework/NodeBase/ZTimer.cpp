@@ -1,0 +1,49 @@
+#include "NodeBase/ZTimer.h"
+
+#include <system_error>
+
+#include "ZShared/ZLog.h"
+
+ZTimer::ZTimer(std::shared_ptr<ZMailbox> mailbox, Callback callback, void* context)
+    : m_mailbox(std::move(mailbox)),
+      m_callback(std::make_shared<const Callback>(std::move(callback))),
+      m_context(context) {}
+
+ZTimer::~ZTimer() { Stop(); }
+
+bool ZTimer::Start(std::chrono::milliseconds interval, bool repeat) {
+    Stop();
+    try {
+        m_stopped = false;
+        m_thread = std::thread([this, interval, repeat] { Run(interval, repeat); });
+        return true;
+    } catch (const std::system_error& failure) {
+        m_stopped = true;
+        ZLog::Instance().Log(4, "ZTimer", "NodeBase/ZTimer", __func__, __LINE__, "No timer thread: %s", failure.what());
+        return false;
+    }
+}
+
+void ZTimer::Stop() {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopped = true;
+    }
+    m_changed.notify_all();
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+}
+
+void ZTimer::Run(std::chrono::milliseconds interval, bool repeat) {
+    auto due = ZMailbox::Clock::now() + interval;
+    std::unique_lock lock(m_mutex);
+    do {
+        if (m_changed.wait_until(lock, due, [this] { return m_stopped; })) {
+            return;
+        }
+        // A full queue skips this call: the node is busy, and the next one comes.
+        m_mailbox->Post([callback = m_callback, context = m_context] { (*callback)(context); }, {});
+        due += interval;
+    } while (repeat);
+}

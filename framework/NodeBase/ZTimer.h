@@ -1,0 +1,38 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "NodeComm/ZMailbox.h"
+
+/// A named timer of a node. Its callback runs on the node's message thread. It has a thread of its own only while it is
+/// started, which sleeps until the next due time.
+class ZTimer {
+public:
+    using Callback = std::function<void(void* context)>;
+
+    ZTimer(std::shared_ptr<ZMailbox> mailbox, Callback callback, void* context);
+    ~ZTimer();
+    ZTimer(const ZTimer&) = delete;
+    ZTimer& operator=(const ZTimer&) = delete;
+
+    /// Calls back after `interval`, once or again and again. Starting again replaces the running period.
+    /// False when no thread can be had.
+    bool Start(std::chrono::milliseconds interval, bool repeat);
+    /// No call is posted after this; one that was posted may still run.
+    void Stop();
+
+private:
+    void Run(std::chrono::milliseconds interval, bool repeat);
+
+    const std::shared_ptr<ZMailbox> m_mailbox;
+    const std::shared_ptr<const Callback> m_callback;
+    void* const m_context;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_stopped = true;
+    std::thread m_thread;
+};

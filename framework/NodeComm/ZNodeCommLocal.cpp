@@ -1,0 +1,187 @@
+#include "NodeComm/ZNodeCommLocal.h"
+
+#include <algorithm>
+#include <condition_variable>
+
+#include "ZShared/ZLog.h"
+
+Z_IMPLEMENT(ZNodeCommLocal)
+
+struct ZNodeCommLocal::Subscription {
+    const void* owner;
+    ZNodeUID node;
+    std::shared_ptr<ZMailbox> mailbox;
+    Handler handler;
+    // Cleared by Unsubscribe, which then waits for a running call: afterwards the handler is never entered.
+    std::mutex mutex;
+    bool active = true;
+
+    void Call(std::shared_ptr<ZMessage> message) {
+        const std::lock_guard lock(mutex);
+        if (!active) {
+            return;
+        }
+        try {
+            handler(message);
+        } catch (const std::exception& failure) {
+            ZLog::Instance().Log(4, "ZNodeComm", "NodeComm/ZNodeCommLocal", __func__, __LINE__,
+                                 "An exception left a handler of %s: %s", node.Name().c_str(), failure.what());
+        } catch (...) {
+            ZLog::Instance().Log(4, "ZNodeComm", "NodeComm/ZNodeCommLocal", __func__, __LINE__,
+                                 "An exception left a handler of %s", node.Name().c_str());
+        }
+    }
+};
+
+/// A requester that waits, on its own stack. Guarded by the bus's m_pendingMutex.
+struct ZNodeCommLocal::PendingRequest {
+    std::condition_variable changed;
+    std::shared_ptr<ZMessage> answer;
+    bool ended = false;
+};
+
+ZNodeCommLocal::ZNodeCommLocal() = default;
+ZNodeCommLocal::~ZNodeCommLocal() = default;
+
+bool ZNodeCommLocal::Subscribe(const void* owner, const ZNodeUID& node, const std::shared_ptr<ZMailbox>& mailbox,
+                               const ZCommEndpoint& endpoint, Handler handler) {
+    const bool nameless = endpoint.Name().empty() && endpoint.Type() != ZEndpointType::Progress;
+    if (m_closed || nameless || !handler || !mailbox) {
+        return false;
+    }
+    auto subscription = std::make_shared<Subscription>();
+    subscription->owner = owner;
+    subscription->node = node;
+    subscription->mailbox = mailbox;
+    subscription->handler = std::move(handler);
+
+    const std::unique_lock lock(m_subscribersMutex);
+    auto& current = m_subscribers[{endpoint.Type(), endpoint.Name()}];
+    auto next = current ? std::make_shared<Subscribers>(*current) : std::make_shared<Subscribers>();
+    next->push_back(std::move(subscription));
+    current = std::move(next);
+    return true;
+}
+
+void ZNodeCommLocal::Unsubscribe(const void* owner) {
+    Subscribers removed;
+    {
+        const std::unique_lock lock(m_subscribersMutex);
+        for (auto entry = m_subscribers.begin(); entry != m_subscribers.end();) {
+            auto next = std::make_shared<Subscribers>();
+            for (const auto& subscription : *entry->second) {
+                (subscription->owner == owner ? removed : *next).push_back(subscription);
+            }
+            if (next->empty()) {
+                entry = m_subscribers.erase(entry);
+            } else {
+                entry->second = std::move(next);
+                ++entry;
+            }
+        }
+    }
+    for (const auto& subscription : removed) {
+        const std::lock_guard lock(subscription->mutex);
+        subscription->active = false;
+        subscription->handler = nullptr;
+    }
+}
+
+std::shared_ptr<const ZNodeCommLocal::Subscribers> ZNodeCommLocal::Find(const ZCommEndpoint& endpoint) const {
+    const std::shared_lock lock(m_subscribersMutex);
+    const auto found = m_subscribers.find({endpoint.Type(), endpoint.Name()});
+    return found == m_subscribers.end() ? nullptr : found->second;
+}
+
+ZPublishOutcome ZNodeCommLocal::Publish(const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
+                                        std::shared_ptr<ZMessage>* response, const ZPublishOptions& options) {
+    if (m_closed) {
+        return ZPublishOutcome::Closed;
+    }
+    const auto subscribers = Find(endpoint);
+    if (!subscribers) {
+        return ZPublishOutcome::NoSubscriber;
+    }
+    const auto timeout =
+        options.timeout.count() > 0 ? options.timeout : std::chrono::milliseconds(m_requestTimeout.load());
+    const auto deadline = ZMailbox::Clock::now() + timeout;
+    return response == nullptr ? Deliver(*subscribers, endpoint.Node(), message, options, deadline)
+                               : Request(*subscribers, endpoint.Node(), message, *response, options, deadline);
+}
+
+ZPublishOutcome ZNodeCommLocal::Deliver(const Subscribers& subscribers, const ZNodeUID& node,
+                                        const std::shared_ptr<ZMessage>& message, const ZPublishOptions& options,
+                                        ZMailbox::Clock::time_point deadline) {
+    ZPublishOutcome outcome = ZPublishOutcome::NoSubscriber;
+    const int priority = options.bUrgent ? 1 : message->GetDefaultPriority();
+    for (const auto& subscription : subscribers) {
+        if (!node.IsAny() && !(subscription->node == node)) {
+            continue;
+        }
+        // A node never waits for room in its own queue: it is the one who would have to make it.
+        const bool wait = options.bReliable && !subscription->mailbox->IsMine();
+        const bool posted = subscription->mailbox->Post([subscription, message] { subscription->Call(message); },
+                                                        wait ? deadline : ZMailbox::Clock::time_point{}, priority);
+        if (posted) {
+            outcome = ZPublishOutcome::Delivered;
+            continue;
+        }
+        ZLog::Instance().Log(4, "ZNodeComm", "NodeComm/ZNodeCommLocal", __func__, __LINE__,
+                             "The queue of %s is full or closed: a %s was not delivered",
+                             subscription->node.Name().c_str(), message->ClassName());
+        if (outcome == ZPublishOutcome::NoSubscriber) {
+            outcome = ZPublishOutcome::QueueFull;
+        }
+    }
+    return outcome;
+}
+
+ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const ZNodeUID& node,
+                                        const std::shared_ptr<ZMessage>& message, std::shared_ptr<ZMessage>& response,
+                                        const ZPublishOptions& options, ZMailbox::Clock::time_point deadline) {
+    if (std::all_of(subscribers.begin(), subscribers.end(), [](const auto& s) { return s->mailbox->IsMine(); })) {
+        return ZPublishOutcome::Refused;
+    }
+    PendingRequest pending;
+    std::uint64_t id = 0;
+    {
+        const std::lock_guard lock(m_pendingMutex);
+        id = m_nextRequest++;
+        m_pending.emplace(id, &pending);
+    }
+    message->SetResponseSource(std::make_shared<ZResponseSource>(weak_from_this(), id));
+    ZPublishOutcome outcome = Deliver(subscribers, node, message, options, deadline);
+
+    std::unique_lock lock(m_pendingMutex);
+    if (outcome == ZPublishOutcome::Delivered) {
+        pending.changed.wait_until(lock, deadline, [&] { return pending.ended || m_closed; });
+        response = std::move(pending.answer);
+        if (!response) {
+            outcome = m_closed ? ZPublishOutcome::Closed : ZPublishOutcome::NoAnswer;
+        }
+    }
+    m_pending.erase(id);
+    return outcome;
+}
+
+bool ZNodeCommLocal::Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) {
+    const std::lock_guard lock(m_pendingMutex);
+    const auto found = m_pending.find(source.Request());
+    if (found == m_pending.end() || found->second->ended) {
+        return false;
+    }
+    found->second->answer = response;
+    found->second->ended = true;
+    found->second->changed.notify_one();
+    return true;
+}
+
+void ZNodeCommLocal::Close() {
+    const std::lock_guard lock(m_pendingMutex);
+    m_closed = true;
+    for (const auto& [id, pending] : m_pending) {
+        pending->changed.notify_one();
+    }
+}
+
+void ZNodeCommLocal::SetRequestTimeout(std::chrono::milliseconds timeout) { m_requestTimeout = timeout.count(); }

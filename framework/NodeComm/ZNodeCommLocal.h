@@ -1,0 +1,51 @@
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <shared_mutex>
+#include <unordered_map>
+
+#include "NodeComm/ZNodeComm.h"
+
+/// The bus within one process: messages travel as shared pointers, without a copy.
+class ZNodeCommLocal : public ZNodeComm, public std::enable_shared_from_this<ZNodeCommLocal> {
+    Z_CLASS(ZNodeCommLocal, ZNodeComm)
+public:
+    ZNodeCommLocal();
+    ~ZNodeCommLocal() override;
+    ZNodeCommLocal(const ZNodeCommLocal&) = delete;
+    ZNodeCommLocal& operator=(const ZNodeCommLocal&) = delete;
+
+    bool Subscribe(const void* owner, const ZNodeUID& node, const std::shared_ptr<ZMailbox>& mailbox,
+                   const ZCommEndpoint& endpoint, Handler handler) override;
+    void Unsubscribe(const void* owner) override;
+    ZPublishOutcome Publish(const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
+                            std::shared_ptr<ZMessage>* response, const ZPublishOptions& options) override;
+    bool Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) override;
+    void Close() override;
+    void SetRequestTimeout(std::chrono::milliseconds timeout) override;
+
+private:
+    struct Subscription;
+    struct PendingRequest;
+    using Key = std::pair<ZEndpointType, ZString>;
+    using Subscribers = std::vector<std::shared_ptr<Subscription>>;
+
+    std::shared_ptr<const Subscribers> Find(const ZCommEndpoint& endpoint) const;
+    ZPublishOutcome Deliver(const Subscribers& subscribers, const ZNodeUID& node,
+                            const std::shared_ptr<ZMessage>& message, const ZPublishOptions& options,
+                            ZMailbox::Clock::time_point deadline);
+    ZPublishOutcome Request(const Subscribers& subscribers, const ZNodeUID& node,
+                            const std::shared_ptr<ZMessage>& message, std::shared_ptr<ZMessage>& response,
+                            const ZPublishOptions& options, ZMailbox::Clock::time_point deadline);
+
+    mutable std::shared_mutex m_subscribersMutex;
+    std::map<Key, std::shared_ptr<const Subscribers>> m_subscribers;
+
+    std::mutex m_pendingMutex;
+    std::unordered_map<std::uint64_t, PendingRequest*> m_pending;
+    std::uint64_t m_nextRequest = 1;
+
+    std::atomic<bool> m_closed{false};
+    std::atomic<std::chrono::milliseconds::rep> m_requestTimeout{30'000};
+};

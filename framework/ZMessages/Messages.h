@@ -1,0 +1,330 @@
+#pragma once
+
+#include "ZMessages/Enumerations.h"
+#include "ZMessages/ZFields.h"
+
+// Every message of the graph. A message is one short struct: its members and, once, the list of its fields, from which
+// reading, writing and copying follow. Each is also registered with one line in Messages.cpp.
+
+/// An empty request: the endpoint says what is asked for.
+class ZGenericRequestMsg : public ZMessage {
+    Z_MESSAGE(ZGenericRequestMsg, ZMessage)
+public:
+    Z_NO_FIELDS()
+};
+
+/// An answer with its outcome.
+class ZGenericResponseMsg : public ZMessage {
+    Z_MESSAGE(ZGenericResponseMsg, ZMessage)
+public:
+    ZString m_ErrorText;
+    bool m_bSuccess = true;
+    ZFrameworkErrorCodes::ZErrorCode m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+
+    Z_FIELDS(Z_KEYED_FIELD("text", m_ErrorText),
+             Z_KEYED_FIELD("bSuccess", m_bSuccess),
+             Z_KEYED_FIELD("ErrCode", m_ErrorCode))
+};
+
+/// A software version: answer to version requests, and one record of a scan's result.
+class ZVersionInfoMsg : public ZGenericResponseMsg {
+    Z_MESSAGE(ZVersionInfoMsg, ZGenericResponseMsg)
+public:
+    ZString m_VersionType;  ///< "System"; in the record of a rejected package, the file's path
+    ZString m_Version;
+    bool m_bInstalled = false;
+    ZString m_SerialNumber;
+    ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
+
+    Z_FIELDS(Z_FIELD(m_VersionType), Z_FIELD(m_Version),
+             Z_FIELD(m_bInstalled), Z_FIELD(m_SerialNumber),
+             Z_FIELD(m_DeviceModel))
+};
+
+/// Messages that travel as one, in order.
+class ZMessageArray : public ZMessage {
+    Z_MESSAGE(ZMessageArray, ZMessage)
+public:
+    ZVector<std::shared_ptr<ZMessage>> m_Messages;
+
+    void Add(std::shared_ptr<ZMessage> message) { m_Messages.push_back(std::move(message)); }
+
+    Z_FIELDS(Z_FIELD(m_Messages))
+};
+
+/// One part of a system, in its manifest.
+class ZComponentVersionMsg : public ZMessage {
+    Z_MESSAGE(ZComponentVersionMsg, ZMessage)
+public:
+    ZString m_Name;
+    ZString m_Version;
+    ZString m_Board;
+
+    Z_FIELDS(Z_FIELD(m_Name), Z_FIELD(m_Version),
+             Z_FIELD(m_Board))
+};
+
+/// Contents of a "Manifest.json".
+class ZSystemManifestMsg : public ZMessage {
+    Z_MESSAGE(ZSystemManifestMsg, ZMessage)
+public:
+    ZString m_SystemVersion;
+    ZString m_InstallerVersion;
+    ZString m_InstallerPath;  ///< the installer's folder, relative to the version's directory
+    ZVector<std::shared_ptr<ZMessage>> m_Components;  ///< each a ZComponentVersionMsg
+
+    Z_FIELDS(Z_FIELD(m_SystemVersion), Z_FIELD(m_InstallerVersion),
+             Z_FIELD(m_InstallerPath), Z_FIELD(m_Components))
+};
+
+/// Request "updatesystem", and "remoteinstall".
+class ZSystemUpdateMsg : public ZMessage {
+    Z_MESSAGE(ZSystemUpdateMsg, ZMessage)
+public:
+    ZString m_Version;
+    ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
+    ZString m_SerialNumber;
+    ZString m_ProgressHost;  ///< mDNS name, without ".local", of the device that takes the progress; empty: this one
+    bool m_bReboot = true;
+
+    Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_DeviceModel),
+             Z_FIELD(m_SerialNumber), Z_FIELD(m_ProgressHost),
+             Z_FIELD(m_bReboot))
+};
+
+/// Request "getUpdateInProgress".
+class ZSystemUpdateInProgressRequestMsg : public ZMessage {
+    Z_MESSAGE(ZSystemUpdateInProgressRequestMsg, ZMessage)
+public:
+    ZString m_Message;
+    ZString m_RequestTag;  ///< returned unchanged, so that a requester can tell its answers apart
+
+    Z_FIELDS(Z_FIELD(m_Message),
+             Z_FIELD(m_RequestTag))
+};
+
+class ZSystemUpdateInProgressMsg : public ZMessage {
+    Z_MESSAGE(ZSystemUpdateInProgressMsg, ZMessage)
+public:
+    bool m_bUpdateInProgress = false;
+    ZString m_Message;
+    ZString m_RequestTag;
+
+    Z_FIELDS(Z_FIELD(m_bUpdateInProgress), Z_FIELD(m_Message),
+             Z_FIELD(m_RequestTag))
+};
+
+/// Request "compareversions": is the first at least the second?
+class ZCompareVersionsMsg : public ZMessage {
+    Z_MESSAGE(ZCompareVersionsMsg, ZMessage)
+public:
+    ZString m_Version1;
+    ZString m_Version2;
+
+    Z_FIELDS(Z_FIELD(m_Version1), Z_FIELD(m_Version2))
+};
+
+class ZCompareVersionsResultMsg : public ZMessage {
+    Z_MESSAGE(ZCompareVersionsResultMsg, ZMessage)
+public:
+    bool m_bResult = false;
+
+    Z_FIELDS(Z_FIELD(m_bResult))
+};
+
+/// Answer of "deviceProps".
+class ZDevicePropertiesMsg : public ZMessage {
+    Z_MESSAGE(ZDevicePropertiesMsg, ZMessage)
+public:
+    ZDeviceType m_DeviceType = DEVICE_CART;
+    ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
+    ZString m_Model;  ///< the model's text as the EEPROM has it, which need not be one of the known names
+    ZString m_SerialNumber;
+    ZString m_Board;
+    ZString m_HostName;
+
+    Z_FIELDS(Z_FIELD(m_DeviceType), Z_FIELD(m_DeviceModel),
+             Z_FIELD(m_Model), Z_FIELD(m_SerialNumber),
+             Z_FIELD(m_Board), Z_FIELD(m_HostName))
+};
+
+/// Request "checkCompatibility", and, with the verdict written in, its answer.
+class ZDeviceCompatibilityMsg : public ZMessage {
+    Z_MESSAGE(ZDeviceCompatibilityMsg, ZMessage)
+public:
+    ZString m_Version;
+    bool m_bRequiresUpdate = false;
+    ZDeviceModel m_Model = ZDeviceModel::KiteQM;
+    std::int32_t m_BoardType = 0;  ///< read when m_Board is empty: 0 "apalis-imx8", 1 "verdin-imx8mm"
+    ZString m_TargetVersion;
+    bool m_bCompatible = false;
+    ZString m_Board;
+
+    Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_bRequiresUpdate),
+             Z_FIELD(m_Model), Z_FIELD(m_BoardType),
+             Z_FIELD(m_TargetVersion), Z_FIELD(m_bCompatible),
+             Z_FIELD(m_Board))
+};
+
+/// Asks the graph to end.
+class ZShutdownMsg : public ZMessage {
+    Z_MESSAGE(ZShutdownMsg, ZMessage)
+public:
+    bool m_bRestart = false;      ///< start the graph again afterwards
+    bool m_bUnconditional = false;  ///< a node's refusal is not waited for
+    std::uint16_t m_DelaySeconds = 0;
+
+    Z_FIELDS(Z_FIELD(m_bRestart), Z_FIELD(m_bUnconditional),
+             Z_FIELD(m_DelaySeconds))
+};
+
+/// Progress of an install or a transfer; also the installer's own JSON document.
+class InstallProgressMsg : public ZMessage {
+    Z_MESSAGE(InstallProgressMsg, ZMessage)
+public:
+    ZString m_Header;
+    ZString m_Message;
+    std::int32_t m_Percent = 0;
+    bool m_bError = false;
+    bool m_bDone = false;
+    bool m_bSpinner = false;  ///< show an indeterminate indicator in place of the percentage
+    ZString m_Operation;      ///< "copy" while a package is carried to the accessory
+    ZString m_SerialNumber;
+    ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
+
+    Z_FIELDS(Z_FIELD(m_Header), Z_FIELD(m_Message),
+             Z_FIELD(m_Percent), Z_FIELD(m_bError),
+             Z_FIELD(m_bDone), Z_FIELD(m_bSpinner),
+             Z_FIELD(m_Operation), Z_FIELD(m_SerialNumber),
+             Z_FIELD(m_DeviceModel))
+};
+
+/// What the three messages of a file's journey have in common: which file, on which device.
+class ZFileMsg : public ZMessage {
+    Z_MESSAGE(ZFileMsg, ZMessage)
+public:
+    ZString m_FilePath;
+    ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
+    ZString m_SerialNumber;
+
+    Z_FIELDS(Z_FIELD(m_FilePath), Z_FIELD(m_DeviceModel), Z_FIELD(m_SerialNumber))
+};
+
+/// Open (create) a file on a peer or in the upload folder.
+class ZFileOpenMsg : public ZFileMsg {
+    Z_MESSAGE(ZFileOpenMsg, ZFileMsg)
+public:
+    std::int32_t m_Mode = 0;  ///< permission bits
+
+    Z_FIELDS(Z_FIELD(m_Mode))
+};
+
+/// One chunk of a file, to be written behind the chunk before.
+class ZFileWriteMsg : public ZFileMsg {
+    Z_MESSAGE(ZFileWriteMsg, ZFileMsg)
+public:
+    ZString m_Data;  ///< base64
+
+    Z_FIELDS(Z_FIELD(m_Data))
+};
+
+class ZFileCloseMsg : public ZFileMsg {
+    Z_MESSAGE(ZFileCloseMsg, ZFileMsg)
+public:
+    Z_NO_FIELDS()
+};
+
+/// Asks for a part of a file.
+class ZFileReadMsg : public ZFileMsg {
+    Z_MESSAGE(ZFileReadMsg, ZFileMsg)
+public:
+    std::uint64_t m_Position = 0;
+    std::uint32_t m_Length = 0;
+
+    Z_FIELDS(Z_FIELD(m_Position), Z_FIELD(m_Length))
+};
+
+class ZFileReadResponseMsg : public ZGenericResponseMsg {
+    Z_MESSAGE(ZFileReadResponseMsg, ZGenericResponseMsg)
+public:
+    ZString m_Data;  ///< base64; shorter than asked for at the file's end
+    std::uint64_t m_Size = 0;  ///< of the whole file, in bytes
+
+    Z_FIELDS(Z_FIELD(m_Data), Z_FIELD(m_Size))
+};
+
+/// Request "transfer": carry a version's package to the accessory.
+class TransferMsg : public ZMessage {
+    Z_MESSAGE(TransferMsg, ZMessage)
+public:
+    ZString m_Version;
+    ZString m_SerialNumber;
+    ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
+
+    Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_SerialNumber), Z_FIELD(m_DeviceModel))
+};
+
+/// Notification "newFile": a file in a watched folder is complete.
+class FolderUpdateMsg : public ZMessage {
+    Z_MESSAGE(FolderUpdateMsg, ZMessage)
+public:
+    ZString m_Folder;
+    ZString m_FileName;
+
+    Z_FIELDS(Z_FIELD(m_Folder), Z_FIELD(m_FileName))
+};
+
+/// Notification "storagedeviceupdate" and answer of "getdevices": mount points.
+class StorageDevicesMsg : public ZMessage {
+    Z_MESSAGE(StorageDevicesMsg, ZMessage)
+public:
+    ZVector<ZString> m_AddedDevices;
+    ZVector<ZString> m_Devices;  ///< all that are present now
+    ZVector<ZString> m_RemovedDevices;
+
+    Z_FIELDS(Z_FIELD(m_AddedDevices), Z_FIELD(m_Devices),
+             Z_FIELD(m_RemovedDevices))
+};
+
+class BatteryMsg : public ZMessage {
+    Z_MESSAGE(BatteryMsg, ZMessage)
+public:
+    bool m_bPresent = false;
+    std::int32_t m_PercentRemaining = 0;
+
+    Z_FIELDS(Z_FIELD(m_bPresent), Z_FIELD(m_PercentRemaining))
+};
+
+class ZBatteryInfoRequestMsg : public ZMessage {
+    Z_MESSAGE(ZBatteryInfoRequestMsg, ZMessage)
+public:
+    Z_NO_FIELDS()
+};
+
+// What graph tools keep about a drawing of the graph.
+
+class ZAnchorPointToolsMetadata : public ZMessage {
+    Z_MESSAGE(ZAnchorPointToolsMetadata, ZMessage)
+public:
+    ZEdgeAnchorType m_Type = ZEdgeAnchorType::ZUNDEFINED;
+    ZEdgeAnchorPosition m_Position = ZEdgeAnchorPosition::ZUNDEFINED;
+
+    Z_FIELDS(Z_FIELD(m_Type), Z_FIELD(m_Position))
+};
+
+class ZNodeToolsMetadata : public ZMessage {
+    Z_MESSAGE(ZNodeToolsMetadata, ZMessage)
+public:
+    double m_X = 0;
+    double m_Y = 0;
+
+    Z_FIELDS(Z_FIELD(m_X), Z_FIELD(m_Y))
+};
+
+class ZEdgeToolsMetadata : public ZMessage {
+    Z_MESSAGE(ZEdgeToolsMetadata, ZMessage)
+public:
+    ZVector<std::shared_ptr<ZMessage>> m_Anchors;  ///< each a ZAnchorPointToolsMetadata
+
+    Z_FIELDS(Z_FIELD(m_Anchors))
+};

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "ZShared/ZFactory.h"
+
+class ZCommStream;
+class ZMessage;
+
+/// Anything that a ZCommStream can carry.
+class ZCommStreamObject : public ZShared::ZFactoryObject {
+    Z_CLASS(ZCommStreamObject, ZFactoryObject)
+public:
+    /// Writes the object's members into the stream.
+    virtual bool Serialize(ZCommStream& stream) const;
+    /// Reads them back. A missing key leaves its member as it was; a value of the wrong type makes the result false and
+    /// the stream name the key (ZCommStream::Error).
+    virtual bool Deserialize(ZCommStream& stream);
+};
+
+/// A document of keys and typed values, in some encoding. Writers replace a key that is there already. Readers return
+/// false and leave the value alone when the key is missing or of another type; only the latter sets Error().
+/// Not thread-safe: one stream is used by one thread at a time.
+class ZCommStream : public ZCommStreamObject {
+    Z_CLASS(ZCommStream, ZCommStreamObject)
+public:
+    /// Takes a text in place of the present document. Several documents one after the other load as one, in which the
+    /// later ones' members win. False, with Error() set and the document empty, for anything that is not whole.
+    virtual bool LoadText(std::string_view text) = 0;
+    virtual std::string Text() const = 0;
+    virtual void Clear() = 0;
+
+    virtual void WriteBool(std::string_view key, bool value) = 0;
+    virtual void WriteInt(std::string_view key, std::int64_t value) = 0;
+    virtual void WriteUInt(std::string_view key, std::uint64_t value) = 0;
+    virtual void WriteDouble(std::string_view key, double value) = 0;
+    virtual void WriteString(std::string_view key, std::string_view value) = 0;
+    virtual void WriteStrings(std::string_view key, const ZVector<ZString>& values) = 0;
+    virtual void WriteObject(std::string_view key, const ZCommStreamObject& value) = 0;
+    virtual void WriteMessages(std::string_view key, const ZVector<std::shared_ptr<ZMessage>>& values) = 0;
+
+    virtual bool Has(std::string_view key) const = 0;
+    virtual bool IsText(std::string_view key) const = 0;
+    virtual bool ReadBool(std::string_view key, bool& value) = 0;
+    /// Refuses a number outside [least, most].
+    virtual bool ReadInt(std::string_view key, std::int64_t& value, std::int64_t least, std::int64_t most) = 0;
+    virtual bool ReadUInt(std::string_view key, std::uint64_t& value, std::uint64_t most) = 0;
+    virtual bool ReadDouble(std::string_view key, double& value) = 0;
+    virtual bool ReadString(std::string_view key, ZString& value) = 0;
+    virtual bool ReadStrings(std::string_view key, ZVector<ZString>& values) = 0;
+    virtual bool ReadObject(std::string_view key, ZCommStreamObject& value) = 0;
+    /// Each message is made by the class its document names ("className").
+    virtual bool ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values) = 0;
+
+    /// What was wrong with the text or with a value since the last Clear or LoadText; empty when nothing was.
+    const std::string& Error() const { return m_error; }
+    /// The key that Error() is about; empty when it is about the text as a whole.
+    const std::string& ErrorKey() const { return m_errorKey; }
+
+    /// Records that the value of `key` is not what was wanted. The first such record stays.
+    void SetError(std::string_view key, std::string_view wanted);
+
+protected:
+    void ClearError();
+
+private:
+    std::string m_error;
+    std::string m_errorKey;
+};

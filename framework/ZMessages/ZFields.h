@@ -1,0 +1,198 @@
+#pragma once
+
+#include <array>
+#include <limits>
+#include <magic_enum/magic_enum.hpp>
+#include <tuple>
+#include <type_traits>
+
+#include "ZMessages/ZMessage.h"
+
+/// One declared member of a message: its key on the wire and where it stands in the object.
+template <typename Class, typename Member>
+struct ZField {
+    std::string_view key;
+    Member Class::*member;
+};
+
+/// The key that a member has on the wire: its name without `m_`, `m_b` or `m_p`, starting in lower case
+/// ("m_bReboot" is "reboot"). Made while compiling.
+class ZFieldKey {
+public:
+    template <std::size_t N>
+    consteval explicit ZFieldKey(const char (&memberName)[N]) {
+        std::size_t from = 2;  // behind "m_"
+        const bool marked = N > 4 && (memberName[2] == 'b' || memberName[2] == 'p');
+        if (marked && memberName[3] >= 'A' && memberName[3] <= 'Z') {
+            from = 3;
+        }
+        for (; from + 1 < N; ++from) {
+            m_text[m_length++] = memberName[from];
+        }
+        if (m_text[0] >= 'A' && m_text[0] <= 'Z') {
+            m_text[0] = static_cast<char>(m_text[0] - 'A' + 'a');
+        }
+    }
+    constexpr operator std::string_view() const { return {m_text.data(), m_length}; }  // NOLINT
+
+private:
+    std::array<char, 48> m_text{};
+    std::size_t m_length = 0;
+};
+
+/// Inside a class's list of fields: one member under its usual key, or under a key that is fixed elsewhere.
+#define Z_FIELD(member)                                                                     \
+    ZField<Self, decltype(Self::member)> {                                                \
+        [] {                                                                                \
+            static constexpr ZFieldKey kKey(#member);                                       \
+            return std::string_view(kKey);                                                  \
+        }(),                                                                                \
+            &Self::member                                                                  \
+    }
+#define Z_KEYED_FIELD(key, member) \
+    ZField<Self, decltype(Self::member)> { key, &Self::member }
+
+namespace ZFields {
+
+/// Copies of the messages; one that can't be copied is left out.
+ZVector<std::shared_ptr<ZMessage>> CloneMessages(const ZVector<std::shared_ptr<ZMessage>>& messages);
+
+template <typename T>
+void WriteValue(ZCommStream& stream, std::string_view key, const T& value) {
+    if constexpr (std::is_same_v<T, bool>) {
+        stream.WriteBool(key, value);
+    } else if constexpr (std::is_enum_v<T>) {
+        const std::string_view name = magic_enum::enum_name(value);
+        if (name.empty()) {
+            stream.WriteInt(key, static_cast<std::int64_t>(value));
+        } else {
+            stream.WriteString(key, name);
+        }
+    } else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
+        stream.WriteInt(key, value);
+    } else if constexpr (std::is_integral_v<T>) {
+        stream.WriteUInt(key, value);
+    } else if constexpr (std::is_floating_point_v<T>) {
+        stream.WriteDouble(key, value);
+    } else if constexpr (std::is_same_v<T, ZString>) {
+        stream.WriteString(key, value);
+    } else if constexpr (std::is_same_v<T, ZVector<ZString>>) {
+        stream.WriteStrings(key, value);
+    } else if constexpr (std::is_same_v<T, ZVector<std::shared_ptr<ZMessage>>>) {
+        stream.WriteMessages(key, value);
+    } else {
+        static_assert(std::is_base_of_v<ZCommStreamObject, T>, "a field of this type can't travel");
+        stream.WriteObject(key, value);
+    }
+}
+
+/// By name, or by number: also a number that has no name, which a newer peer may send.
+template <typename T>
+bool ReadEnum(ZCommStream& stream, std::string_view key, T& value) {
+    using Number = std::underlying_type_t<T>;
+    if (!stream.Has(key)) {
+        return false;
+    }
+    if (!stream.IsText(key)) {
+        std::int64_t number = 0;
+        const bool read =
+            stream.ReadInt(key, number, std::numeric_limits<Number>::min(), std::numeric_limits<Number>::max());
+        value = read ? static_cast<T>(number) : value;
+        return read;
+    }
+    ZString name;
+    stream.ReadString(key, name);
+    if (const auto named = magic_enum::enum_cast<T>(std::string_view(name))) {
+        value = *named;
+        return true;
+    }
+    stream.SetError(key, "one of the known names or a number");
+    return false;
+}
+
+template <typename T>
+bool ReadValue(ZCommStream& stream, std::string_view key, T& value) {
+    if constexpr (std::is_same_v<T, bool>) {
+        return stream.ReadBool(key, value);
+    } else if constexpr (std::is_enum_v<T>) {
+        return ReadEnum(stream, key, value);
+    } else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
+        std::int64_t number = 0;
+        const bool read = stream.ReadInt(key, number, std::numeric_limits<T>::min(), std::numeric_limits<T>::max());
+        value = read ? static_cast<T>(number) : value;
+        return read;
+    } else if constexpr (std::is_integral_v<T>) {
+        std::uint64_t number = 0;
+        const bool read = stream.ReadUInt(key, number, std::numeric_limits<T>::max());
+        value = read ? static_cast<T>(number) : value;
+        return read;
+    } else if constexpr (std::is_floating_point_v<T>) {
+        double number = 0;
+        const bool read = stream.ReadDouble(key, number);
+        value = read ? static_cast<T>(number) : value;
+        return read;
+    } else if constexpr (std::is_same_v<T, ZString>) {
+        return stream.ReadString(key, value);
+    } else if constexpr (std::is_same_v<T, ZVector<ZString>>) {
+        return stream.ReadStrings(key, value);
+    } else if constexpr (std::is_same_v<T, ZVector<std::shared_ptr<ZMessage>>>) {
+        return stream.ReadMessages(key, value);
+    } else {
+        return stream.ReadObject(key, value);
+    }
+}
+
+template <typename Class, typename Fields>
+void Write(const Class& object, ZCommStream& stream, const Fields& fields) {
+    std::apply([&](const auto&... field) { (WriteValue(stream, field.key, object.*field.member), ...); }, fields);
+}
+
+template <typename Class, typename Fields>
+void Read(Class& object, ZCommStream& stream, const Fields& fields) {
+    std::apply([&](const auto&... field) { (static_cast<void>(ReadValue(stream, field.key, object.*field.member)), ...); },
+               fields);
+}
+
+/// A deep copy of one member; messages in it are cloned.
+template <typename T>
+void CopyValue(const T& from, T& to) {
+    if constexpr (std::is_same_v<T, ZVector<std::shared_ptr<ZMessage>>>) {
+        to = CloneMessages(from);
+    } else {
+        to = from;
+    }
+}
+
+template <typename Class, typename Fields>
+void Copy(const Class& from, Class& to, const Fields& fields) {
+    std::apply([&](const auto&... field) { (CopyValue(from.*field.member, to.*field.member), ...); }, fields);
+}
+
+}  // namespace ZFields
+
+/// Inside a message class, first: its frame. `Base`'s fields come before its own, on the wire and in the copy.
+#define Z_MESSAGE(Class, Base) \
+    Z_CLASS(Class, Base)       \
+    using Self = Class;        \
+    using Super = Base;
+
+/// Inside a message class, behind its members: `Z_FIELDS(Z_FIELD(m_A), ...)`, in the order in which they are written.
+/// Reading, writing and deep copy follow from it.
+#define Z_FIELDS(...)                                                                                  \
+    static constexpr auto Fields() { return std::make_tuple(__VA_ARGS__); }                            \
+    bool Serialize(ZCommStream& stream) const override {                                               \
+        const bool written = Super::Serialize(stream);                                                 \
+        ZFields::Write(*this, stream, Fields());                                                       \
+        return written;                                                                                \
+    }                                                                                                  \
+    bool Deserialize(ZCommStream& stream) override {                                                   \
+        const bool read = Super::Deserialize(stream);                                                  \
+        ZFields::Read(*this, stream, Fields());                                                        \
+        return read && stream.Error().empty();                                                         \
+    }                                                                                                  \
+    void CloneDataMembers(const ZMessage& from) override {                                             \
+        Super::CloneDataMembers(from);                                                                 \
+        ZFields::Copy(static_cast<const Self&>(from), *this, Fields());                                \
+    }
+/// Inside a message class that adds no field.
+#define Z_NO_FIELDS() Z_FIELDS()

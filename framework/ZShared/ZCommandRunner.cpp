@@ -1,0 +1,193 @@
+#include "ZShared/ZCommandRunner.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/pidfd.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <optional>
+
+#include "ZShared/ZStopEvent.h"
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// posix_spawn's two parameter blocks, set up as every child of ours needs them: no signal blocked, none ignored.
+class SpawnSetup {
+public:
+    SpawnSetup(short placementFlag) {
+        ::posix_spawn_file_actions_init(&m_actions);
+        ::posix_spawnattr_init(&m_attributes);
+        sigset_t none;
+        sigset_t all;
+        ::sigemptyset(&none);
+        ::sigfillset(&all);
+        ::posix_spawnattr_setsigmask(&m_attributes, &none);
+        ::posix_spawnattr_setsigdefault(&m_attributes, &all);
+        ::posix_spawnattr_setflags(
+            &m_attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | placementFlag));
+        ::posix_spawn_file_actions_addopen(&m_actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    }
+    ~SpawnSetup() {
+        ::posix_spawnattr_destroy(&m_attributes);
+        ::posix_spawn_file_actions_destroy(&m_actions);
+    }
+    SpawnSetup(const SpawnSetup&) = delete;
+    SpawnSetup& operator=(const SpawnSetup&) = delete;
+
+    void OutputTo(int descriptor) { ::posix_spawn_file_actions_adddup2(&m_actions, descriptor, STDOUT_FILENO); }
+
+    /// Returns the child, or -1 with the reason.
+    pid_t Spawn(const std::vector<std::string>& arguments, std::string& error) {
+        std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
+        for (const std::string& argument : arguments) {
+            argv.push_back(const_cast<char*>(argument.c_str()));  // posix_spawn's old signature; it does not write
+        }
+        argv.push_back(nullptr);
+        pid_t child = -1;
+        const int failure = ::posix_spawn(&child, argv[0], &m_actions, &m_attributes, argv.data(), environ);
+        if (failure != 0) {
+            error = std::strerror(failure);
+            return -1;
+        }
+        return child;
+    }
+
+private:
+    posix_spawn_file_actions_t m_actions{};
+    posix_spawnattr_t m_attributes{};
+};
+
+int ExitStatus(int waitStatus) {
+    return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+}
+
+/// One running shell command: the group leader and the pipe that its output comes from.
+class RunningCommand {
+public:
+    bool Start(const std::string& commandLine, std::string& error) {
+        std::array<int, 2> ends{};
+        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+            error = std::strerror(errno);
+            return false;
+        }
+        m_output.Reset(ends[0]);
+        ZFileDescriptor childEnd(ends[1]);
+        ::fcntl(m_output.Get(), F_SETFL, O_NONBLOCK);
+        SpawnSetup setup(POSIX_SPAWN_SETPGROUP);
+        setup.OutputTo(childEnd.Get());
+        m_child = setup.Spawn({"/bin/sh", "-c", commandLine}, error);
+        if (m_child < 0) {
+            return false;
+        }
+        m_exit.Reset(::pidfd_open(m_child, 0));
+        if (!m_exit) {
+            error = std::strerror(errno);
+            End();
+            return false;
+        }
+        return true;
+    }
+
+    /// Reads all that is there now; the pipe is closed at its end.
+    void Drain(const std::function<void(std::string_view)>& onOutput) {
+        std::array<char, 16 * 1024> buffer;
+        // Bounded, so that a flood of output can't keep the time limit from being looked at.
+        for (int reads = 0; m_output && reads < 64; ++reads) {
+            const ssize_t count = ::read(m_output.Get(), buffer.data(), buffer.size());
+            if (count > 0) {
+                onOutput({buffer.data(), static_cast<std::size_t>(count)});
+            } else if (count == 0) {
+                m_output.Reset();
+            } else if (errno != EINTR) {
+                return;
+            }
+        }
+    }
+
+    /// Sleeps until there is output, the command has ended (true), the stop event is set or the deadline has come.
+    bool WaitForChange(int stopDescriptor, Clock::time_point deadline) {
+        std::array<pollfd, 3> entries{
+            {{m_exit.Get(), POLLIN, 0}, {m_output.Get(), POLLIN, 0}, {stopDescriptor, POLLIN, 0}}};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        const int wait = static_cast<int>(std::clamp<long long>(left, 0, 1'000'000));
+        return ::poll(entries.data(), entries.size(), wait) > 0 && entries[0].revents != 0;
+    }
+
+    /// Ends the whole group; harmless when it has ended. Leaves the leader to be reaped.
+    void EndGroup() const { ::kill(-m_child, SIGKILL); }
+
+    int Reap() {
+        int status = 0;
+        while (::waitpid(m_child, &status, 0) < 0 && errno == EINTR) {
+        }
+        m_child = -1;
+        return ExitStatus(status);
+    }
+
+    void End() {
+        if (m_child > 0) {
+            EndGroup();
+            Reap();
+        }
+    }
+    ~RunningCommand() { End(); }
+
+private:
+    pid_t m_child = -1;
+    ZFileDescriptor m_output;
+    ZFileDescriptor m_exit;
+};
+
+std::string Seconds(std::chrono::milliseconds time) { return std::to_string(time.count() / 1000) + " s"; }
+
+}  // namespace
+
+ZCommandResult RunShellCommand(const std::string& commandLine, const std::function<void(std::string_view)>& onOutput,
+                               std::chrono::milliseconds timeout) {
+    ZCommandResult result;
+    if (commandLine.find('\0') != std::string::npos) {
+        result.reason = "The command line holds a NUL character";
+        return result;
+    }
+    const ZStopEvent* stop = ZStopEvent::OfThisThread();
+    const auto deadline = Clock::now() + timeout;
+    RunningCommand command;
+    std::string error;
+    if (!command.Start(commandLine, error)) {
+        result.reason = "The command could not be started: " + error;
+        return result;
+    }
+    while (!command.WaitForChange(stop == nullptr ? -1 : stop->Descriptor(), deadline)) {
+        command.Drain(onOutput);
+        if (stop != nullptr && stop->IsSet()) {
+            result.reason = "The command was ended because its owner stops";
+        } else if (Clock::now() >= deadline) {
+            result.reason = "The command was ended after " + Seconds(timeout);
+        }
+        if (!result.reason.empty()) {
+            command.EndGroup();
+            break;
+        }
+    }
+    result.exitStatus = command.Reap();
+    command.Drain(onOutput);
+    return result;
+}
+
+pid_t StartDetached(const std::vector<std::string>& arguments, std::string& error) {
+    if (arguments.empty()) {
+        error = "no program given";
+        return -1;
+    }
+    return SpawnSetup(POSIX_SPAWN_SETSID).Spawn(arguments, error);
+}

@@ -1,0 +1,158 @@
+#include "ZShared/ZLog.h"
+
+#include <spdlog/logger.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/sinks/systemd_sink.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+
+namespace {
+
+constexpr std::size_t kRemembered = 1000;
+
+spdlog::level::level_enum LibraryLevel(int level) {
+    constexpr spdlog::level::level_enum kLevels[] = {spdlog::level::trace, spdlog::level::debug, spdlog::level::info,
+                                                     spdlog::level::warn, spdlog::level::err};
+    return kLevels[std::clamp(level, 0, 4)];
+}
+
+std::string Format(const char* format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    if (length > 0) {
+        std::vsnprintf(text.data(), text.size() + 1, format, again);
+    }
+    va_end(again);
+    return text;
+}
+
+std::string WithoutControls(const std::string& text) {
+    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
+    if (std::none_of(text.begin(), text.end(), isControl)) {
+        return text;
+    }
+    std::string safe;
+    for (const char c : text) {
+        if (!isControl(c)) {
+            safe += c;
+        } else if (c == '\n') {
+            safe += "\\n";
+        } else if (c == '\t') {
+            safe += "\\t";
+        } else {
+            char code[5];
+            std::snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
+            safe += code;
+        }
+    }
+    return safe;
+}
+
+std::shared_ptr<spdlog::logger> MakeLogger(const ZLogSettings& settings) {
+    std::vector<spdlog::sink_ptr> sinks;
+    if (settings.console) {
+        sinks.push_back(std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
+    }
+    if (settings.journal) {
+        sinks.push_back(std::make_shared<spdlog::sinks::systemd_sink_mt>("arbord"));
+    }
+    if (!settings.file.empty()) {
+        sinks.push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
+            settings.file, settings.fileSizeKiB * 1024, settings.fileCount));
+    }
+    auto logger = std::make_shared<spdlog::logger>("arbor", sinks.begin(), sinks.end());
+    logger->set_level(spdlog::level::trace);
+    logger->flush_on(spdlog::level::info);
+    logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%L%$ %v");
+    return logger;
+}
+
+}  // namespace
+
+struct ZLog::Impl {
+    mutable std::mutex mutex;  // guards logger and recent
+    std::shared_ptr<spdlog::logger> logger = MakeLogger({});
+    std::deque<std::string> recent;
+
+    // Shared while listeners are called, so that removing one waits for its call to end.
+    std::shared_mutex listenersMutex;
+    std::map<int, Listener> listeners;
+    int nextListener = 1;
+};
+
+ZLog::ZLog() : m_impl(std::make_unique<Impl>()) {}
+ZLog::~ZLog() = default;
+
+ZLog& ZLog::Instance() {
+    static ZLog log;
+    return log;
+}
+
+bool ZLog::Configure(const ZLogSettings& settings, std::string& error) {
+    try {
+        auto logger = MakeLogger(settings);
+        const std::lock_guard lock(m_impl->mutex);
+        m_impl->logger = std::move(logger);
+        return true;
+    } catch (const std::exception& failure) {
+        error = failure.what();
+        return false;
+    }
+}
+
+void ZLog::Log(int level, const char* channel, const char* file, const char* function, int line, const char* format,
+               ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    try {
+        std::string text = std::string(channel) + ' ' + file + ' ' + function + ':' + std::to_string(line) + ' ' +
+                           WithoutControls(Format(format, arguments));
+        std::shared_ptr<spdlog::logger> logger;
+        {
+            const std::lock_guard lock(m_impl->mutex);
+            logger = m_impl->logger;
+            m_impl->recent.push_back(text);
+            if (m_impl->recent.size() > kRemembered) {
+                m_impl->recent.pop_front();
+            }
+        }
+        logger->log(LibraryLevel(level), spdlog::string_view_t(text));
+        const std::shared_lock lock(m_impl->listenersMutex);
+        for (const auto& [id, listener] : m_impl->listeners) {
+            listener(level, text);
+        }
+    } catch (...) {  // NOLINT(bugprone-empty-catch): a log that fails has nowhere to say so
+    }
+    va_end(arguments);
+}
+
+int ZLog::AddListener(Listener listener) {
+    const std::unique_lock lock(m_impl->listenersMutex);
+    m_impl->listeners.emplace(m_impl->nextListener, std::move(listener));
+    return m_impl->nextListener++;
+}
+
+void ZLog::RemoveListener(int id) {
+    const std::unique_lock lock(m_impl->listenersMutex);
+    m_impl->listeners.erase(id);
+}
+
+std::vector<std::string> ZLog::Recent(std::size_t count) const {
+    const std::lock_guard lock(m_impl->mutex);
+    const std::size_t skip = m_impl->recent.size() - std::min(count, m_impl->recent.size());
+    return {m_impl->recent.begin() + static_cast<std::ptrdiff_t>(skip), m_impl->recent.end()};
+}
+
+void ZLog::Flush() {
+    const std::lock_guard lock(m_impl->mutex);
+    m_impl->logger->flush();
+}

@@ -1,0 +1,178 @@
+#include "ZShared/ZPlatform.h"
+
+#include <memory>
+#include <mutex>
+#include <numeric>
+
+#include "ZShared/ZChildReaper.h"
+#include "ZShared/ZCommandRunner.h"
+#include "ZShared/ZEeprom.h"
+#include "ZShared/ZLog.h"
+#include "ZShared/ZMountTable.h"
+
+namespace {
+
+constexpr const char* kLogSource = "ZShared/ZPlatform";
+
+struct SettingsHolder {
+    std::mutex mutex;
+    std::shared_ptr<const ZPlatformSettings> settings = std::make_shared<ZPlatformSettings>();
+};
+
+SettingsHolder& Holder() {
+    static SettingsHolder holder;
+    return holder;
+}
+
+std::shared_ptr<const ZPlatformSettings> Settings() {
+    const std::lock_guard lock(Holder().mutex);
+    return Holder().settings;
+}
+
+void LogLine(int level, const char* function, int line, const char* text, const std::string& detail) {
+    ZLog::Instance().Log(level, "ZPlatform", kLogSource, function, line, "%s: %s", text, detail.c_str());
+}
+
+std::string EndOfCommand(const ZCommandResult& result) {
+    return result.reason.empty() ? "exit status " + std::to_string(result.exitStatus) : result.reason;
+}
+
+bool Succeeded(const ZCommandResult& result) { return result.reason.empty() && result.exitStatus == 0; }
+
+bool ReadField(ZString& text, std::string ZIdentity::*field) {
+    try {
+        const auto settings = Settings();
+        std::optional<ZIdentity> identity = settings->identity;
+        if (!identity && !settings->eepromPath.empty()) {
+            std::string error;
+            identity = ReadIdentityFromEeprom(settings->eepromPath, error);
+            if (!identity) {
+                LogLine(3, __func__, __LINE__, "The identity could not be read", error);
+            }
+        }
+        if (!identity || ((*identity).*field).empty()) {
+            return false;
+        }
+        text = ToZString((*identity).*field);
+        return true;
+    } catch (const std::exception& failure) {
+        LogLine(4, __func__, __LINE__, "The identity could not be read", failure.what());
+        return false;
+    }
+}
+
+/// Cuts what arrives into lines; a line that never ends is handed on in pieces of a bounded length.
+class LineSplitter {
+public:
+    explicit LineSplitter(const ZPlatform::LineCallback& onLine) : m_onLine(onLine) {}
+
+    void Add(std::string_view data) {
+        for (const char c : data) {
+            if (c == '\n') {
+                Finish();
+                continue;
+            }
+            m_line += c;
+            if (c == '\r' || m_line.size() >= kLongest) {
+                Finish();
+            }
+        }
+    }
+    void Finish() {
+        if (!m_line.empty() && m_onLine) {
+            m_onLine(m_line);
+        }
+        m_line.clear();
+    }
+
+private:
+    static constexpr std::size_t kLongest = 64 * 1024;
+    const ZPlatform::LineCallback& m_onLine;
+    std::string m_line;
+};
+
+}  // namespace
+
+void ZPlatform::Configure(const ZPlatformSettings& settings) {
+    auto copy = std::make_shared<const ZPlatformSettings>(settings);
+    const std::lock_guard lock(Holder().mutex);
+    Holder().settings = std::move(copy);
+}
+
+bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& output) {
+    constexpr std::size_t kMostOutput = 1024 * 1024;
+    try {
+        output.clear();
+        std::size_t dropped = 0;
+        const auto keep = [&](std::string_view data) {
+            const std::size_t kept = std::min(data.size(), kMostOutput - output.size());
+            output.append(data.substr(0, kept));
+            dropped += data.size() - kept;
+        };
+        const ZCommandResult result = RunShellCommand(commandLine, keep, Settings()->commandTimeout);
+        if (dropped > 0) {
+            LogLine(3, __func__, __LINE__, "Output beyond 1 MiB was dropped",
+                    std::to_string(dropped) + " bytes of " + commandLine);
+        }
+        while (!output.empty() && output.back() == '\n') {
+            output.pop_back();
+        }
+        if (!result.reason.empty()) {
+            output += (output.empty() ? "" : "\n") + result.reason;
+        }
+        return Succeeded(result);
+    } catch (const std::exception& failure) {
+        LogLine(4, __func__, __LINE__, "The command could not be run", failure.what());
+        return false;
+    }
+}
+
+bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallback& onLine, const DoneCallback& onDone) {
+    try {
+        LineSplitter lines(onLine);
+        const ZCommandResult result = RunShellCommand(
+            commandLine, [&lines](std::string_view data) { lines.Add(data); }, Settings()->commandTimeout);
+        lines.Finish();
+        if (!Succeeded(result)) {
+            LogLine(3, __func__, __LINE__, "The command failed", EndOfCommand(result));
+        }
+        if (onDone) {
+            onDone(EndOfCommand(result));
+        }
+        return Succeeded(result);
+    } catch (const std::exception& failure) {
+        LogLine(4, __func__, __LINE__, "The command could not be run", failure.what());
+        return false;
+    }
+}
+
+bool ZPlatform::ExecuteCommand(const std::vector<std::string>& arguments) {
+    try {
+        std::string error;
+        const pid_t child = StartDetached(arguments, error);
+        if (child < 0) {
+            LogLine(4, __func__, __LINE__, arguments.empty() ? "no program" : arguments.front().c_str(), error);
+            return false;
+        }
+        ZChildReaper::Instance().Watch(child, arguments.front());
+        return true;
+    } catch (const std::exception& failure) {
+        LogLine(4, __func__, __LINE__, "The program could not be started", failure.what());
+        return false;
+    }
+}
+
+bool ZPlatform::ReadModel(ZString& text) { return ReadField(text, &ZIdentity::model); }
+bool ZPlatform::ReadBoard(ZString& text) { return ReadField(text, &ZIdentity::board); }
+bool ZPlatform::ReadSerialNumber(ZString& text) { return ReadField(text, &ZIdentity::serialNumber); }
+
+std::string ZPlatform::GetMountPointFromDevice(const std::string& device) {
+    try {
+        const auto settings = Settings();
+        const auto found = settings->mounts.find(device);
+        return found != settings->mounts.end() ? found->second : MountPointOfDevice(device);
+    } catch (const std::exception& failure) {
+        LogLine(4, __func__, __LINE__, "The mount table could not be read", failure.what());
+        return {};
+    }
+}
