@@ -1,0 +1,43 @@
+#include "ZNodeArborInstall.h"
+#include "ZShared/ZLog.h"
+
+namespace {
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+}
+
+bool ZNodeArborInstall::OnTransfer(std::shared_ptr<ZMessage>& msg) {
+    Z_LOG(2, "OnTransfer()");
+    if (ZCAST(TransferMsg, msg)) {
+        Z_LOG(2, "Starting Transfer Action");
+        RunAction("Transfer", msg);
+    } else {
+        Z_LOG(4, "Unknown message in OnTransfer <%s>", msg->ClassName());
+    }
+    return true;
+}
+
+bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {
+    if (InShutdown() || m_bShutdownRequested) {
+        const auto refusal = Z_MAKE(ZVersionInfoMsg);
+        refusal->m_VersionType = "System";
+        refusal->m_bInstalled = false;
+        refusal->m_bSuccess = false;
+        refusal->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+        const auto answer = Z_MAKE(ZMessageArray);
+        answer->Add(refusal);
+        PublishResponse(msg, answer, true, false);
+        return true;
+    }
+    const auto request = ZCAST(ZSystemUpdateMsg, msg);
+    if (!request) {
+        return true;
+    }
+    Z_LOG(2, "About to RunAction(RemoteInstall) for version %s", request->m_Version.c_str());
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        m_RemoteInstallSerial = request->m_SerialNumber;
+        m_UpdateVersion = request->m_Version;
+    }
+    RunAction("RemoteInstall", msg);
+    return true;
+}

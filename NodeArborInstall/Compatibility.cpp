@@ -1,0 +1,153 @@
+#include <magic_enum/magic_enum.hpp>
+
+#include "ShellText.h"
+#include "ZNodeArborInstall.h"
+#include "ZShared/ZLog.h"
+#include "ZShared/ZPlatform.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+constexpr const char* kHostBoard = "verdin-imx8mm";
+constexpr const char* kOtherBoard = "apalis-imx8";
+
+std::string ModelName(ZDeviceModel model) { return std::string(magic_enum::enum_name(model)); }
+
+}  // namespace
+
+bool ZNodeArborInstall::OnCheckCompatibility(std::shared_ptr<ZMessage>& message) {
+    const auto request = ZCAST(ZDeviceCompatibilityMsg, message);
+    if (!request) {
+        return true;
+    }
+    Z_LOG(2, "Checking compatibility of %s version %s", ModelName(request->m_Model).c_str(),
+          request->m_Version.c_str());
+    const ZSoftwareVersion accessory(request->m_Version);
+    if (!m_systemVersion.m_valid) {
+        PublishResponse(message, message, true, false);
+        return true;
+    }
+    request->m_bRequiresUpdate = accessory != m_systemVersion;
+    // The "<" is printed whatever the order is; clients parse it.
+    Z_LOG(2, "Version %s < %s -> Requires Update: %s", accessory.Get(), m_systemVersion.Get(),
+          request->m_bRequiresUpdate ? "TRUE" : "FALSE");
+    if (accessory > m_systemVersion) {
+        Z_LOG(3,
+              "Cart version <%s> is behind Palm version <%s> - Cart must be updated before connecting to this Palm "
+              "device!",
+              m_systemVersion.Get(), accessory.Get());
+        request->m_bCompatible = false;
+        request->m_TargetVersion = request->m_Version;
+    } else {
+        DecideBuild(message);
+        request->m_bCompatible = true;
+        request->m_TargetVersion = m_systemVersion.m_text;
+    }
+    PublishResponse(message, message, true, false);
+    return true;
+}
+
+void ZNodeArborInstall::DecideBuild(const std::shared_ptr<ZMessage>& request) {
+    if (m_bBuildInProgress) {
+        Z_LOG(2, "Build already in progress");
+        return;
+    }
+    bool built = false;
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        built = m_builds.contains(m_systemVersion);
+    }
+    if (built) {
+        Z_LOG(2, "Skipping build because we already have it");
+        return;
+    }
+    Z_LOG(2, "Spawning build action");
+    const auto copy = ZNodeComm::CloneMessage(request);
+    // Set before the action starts: it may have ended, and cleared the flag, when RunAction returns.
+    m_bBuildInProgress = true;
+    if (!RunAction("Build", copy)) {
+        m_bBuildInProgress = false;
+    }
+}
+
+void ZNodeArborInstall::BuildPackage(const std::shared_ptr<ZDeviceCompatibilityMsg>& message) {
+    struct Clear {
+        std::atomic<bool>& flag;
+        ~Clear() { flag = false; }
+    };
+    const Clear clear{m_bBuildInProgress};
+    if (!message) {
+        return;
+    }
+    try {
+        RunBuild(*message);
+    } catch (const std::exception& error) {
+        Z_LOG(4, "%s", error.what());
+    }
+}
+
+void ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message) {
+    const fs::path directory = m_archivePath / fs::path(m_systemVersion.m_text);
+    Z_LOG(2, "Build package for model <%s> board = <%s>", ModelName(message.m_Model).c_str(),
+          message.m_Board.c_str());
+    const std::string board = BoardOf(message);
+    const auto script = InstallerScript(directory);
+    if (!script) {
+        return;
+    }
+    if (!fs::is_directory(directory)) {
+        Z_LOG(4, "No package installed at %s", directory.c_str());
+        return;
+    }
+    // Neither is quoted in the command line.
+    if (!IsPlainShellWord(script->string()) || !IsPlainShellWord(board, true)) {
+        Z_LOG(4, "Build refused: script <%s> or board <%s> can't stand in a command line", script->c_str(),
+              board.c_str());
+        return;
+    }
+    const std::string package = board == kHostBoard ? "arbor_qm.pkg" : "arbor_kite.pkg";
+    const std::string command = script->string() + " --build --device " + board + " --output " + package;
+    Z_LOG(2, "Build command: %s", command.c_str());
+    std::string output;
+    const bool built = ZPlatform::ExecuteCommand(command, output);
+    if (built) {
+        const std::lock_guard lock(m_tablesMutex);
+        m_builds[m_systemVersion] = directory / package;
+    }
+    Z_LOG(2, "%s: %s", built ? "SUCCESS" : "FAILURE", output.c_str());
+}
+
+std::string ZNodeArborInstall::BoardOf(const ZDeviceCompatibilityMsg& message) {
+    if (!message.m_Board.empty()) {
+        return ToStdString(message.m_Board);
+    }
+    std::string board;
+    if (message.m_BoardType == 1) {
+        board = kHostBoard;
+    } else if (message.m_BoardType == 0) {
+        board = kOtherBoard;
+    }
+    Z_LOG(2, "No board set in compatability request, set to %s", board.c_str());
+    return board;
+}
+
+std::optional<fs::path> ZNodeArborInstall::InstallerScript(const fs::path& versionDirectory) {
+    std::shared_ptr<ZSystemManifestMsg> manifest;
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        if (const auto found = m_manifests.find(m_systemVersion); found != m_manifests.end()) {
+            manifest = found->second;
+        }
+    }
+    if (!manifest) {
+        Z_LOG(4, "Could not find manifest for current software version %s", m_systemVersion.Get());
+        return std::nullopt;
+    }
+    if (manifest->m_InstallerPath.empty()) {
+        Z_LOG(4, "No Installer Path for package %s: %s", m_systemVersion.Get(), manifest->m_InstallerPath.c_str());
+        return std::nullopt;
+    }
+    return versionDirectory / fs::path(manifest->m_InstallerPath) / "installer.py";
+}

@@ -1,0 +1,47 @@
+#include "ZNodeArborInstall.h"
+#include "ZShared/ZLog.h"
+
+namespace {
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+}
+
+bool ZNodeArborInstall::OnNewUpdateFile(const std::shared_ptr<ZMessage>& message) {
+    const auto update = ZCAST(FolderUpdateMsg, message);
+    if (!update) {
+        Z_LOG(4, "Unknown message %s", message->ClassName());
+        return true;
+    }
+    Z_LOG(2, "Scan file %s in folder %s", update->m_FileName.c_str(), update->m_Folder.c_str());
+    RunAction("CheckFile", message);
+    return true;
+}
+
+bool ZNodeArborInstall::OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& message) {
+    if (!ZCAST(StorageDevicesMsg, message)) {
+        return true;
+    }
+    Z_LOG(2, "Running StorageDevicesUpdate Action");
+    RunAction("StorageDevicesUpdate", message);
+    return true;
+}
+
+bool ZNodeArborInstall::OnFindUpdates(std::shared_ptr<ZMessage>& request) {
+    const auto answer = Z_MAKE(ZMessageArray);
+    PackageTable packages;
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        packages = m_packages;
+    }
+    for (const auto& [version, path] : packages) {
+        const auto record = Z_MAKE(ZVersionInfoMsg);
+        record->m_Version = version.m_text;
+        record->m_VersionType = "System";
+        Z_LOG(2, "Notify Software update version %s: %s", version.Get(), path.c_str());
+        answer->Add(record);
+    }
+    if (packages.empty()) {
+        Z_LOG(2, "No software packages found");
+    }
+    PublishResponse(request, answer, true, false);
+    return true;
+}

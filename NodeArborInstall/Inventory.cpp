@@ -1,0 +1,161 @@
+#include <magic_enum/magic_enum.hpp>
+
+#include "ZNodeArborInstall.h"
+#include "ZShared/ZLog.h"
+#include "ZShared/ZPlatform.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+constexpr const char* kPackageName = "arbor_qm.pkg";
+constexpr const char* kManifestName = "Manifest.json";
+
+}  // namespace
+
+bool ZNodeArborInstall::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
+    if (!ZNode::OnConfig(message, config)) {
+        return false;
+    }
+    ReadIdentity();
+    m_pConfig = ZCAST(ZNodeArborInstallCfg, config);
+    if (!m_pConfig) {
+        Z_LOG(4, "Failed to cast config to ZSystemUpdaterConfigMsg (Class Name = <%s>)!",
+              config ? config->ClassName() : "nullptr");
+        return false;
+    }
+    PrepareUpdatesFolder(message);
+    ReadInstalledSystem();
+    ReadArchive();
+    return true;
+}
+
+void ZNodeArborInstall::ReadIdentity() {
+    if (ZPlatform::ReadModel(m_model)) {
+        m_deviceModel = magic_enum::enum_cast<ZDeviceModel>(std::string_view(m_model));
+        Z_LOG(2, "EEPROM contains device model <%s>.", m_model.c_str());
+    }
+    if (ZPlatform::ReadSerialNumber(m_serialNumber)) {
+        Z_LOG(2, "Set serial number from eeprom to <%s>.", m_serialNumber.c_str());
+    }
+    if (ZPlatform::ReadBoard(m_board)) {
+        Z_LOG(2, "Set Board from eeprom to <%s>", m_board.c_str());
+    }
+}
+
+void ZNodeArborInstall::PrepareUpdatesFolder(const std::shared_ptr<ZMessage>& coreConfig) {
+    const auto core = ZCAST(ZCoreConfigParams, coreConfig);
+    if (core) {
+        m_accessoryHostName = core->m_Comms.m_AccessoryHostName;
+        m_deviceHostName = core->m_Comms.m_DeviceHostName;
+        m_updatesPath = fs::path(core->m_Files.m_UpdatesFolder);
+    }
+    if (m_updatesPath.empty()) {
+        Z_LOG(3, "No updates folder is configured");
+        return;
+    }
+    if (!m_updatesPath.has_filename()) {
+        m_updatesPath = m_updatesPath.parent_path();  // without the trailing separator
+    }
+    try {
+        fs::create_directories(m_updatesPath.parent_path());
+        if (fs::is_directory(m_updatesPath)) {
+            EmptyUpdatesFolder();
+            return;
+        }
+        if (fs::exists(fs::symlink_status(m_updatesPath))) {
+            Z_LOG(3, "Update folder %s was not a directory. Delete it and re-create", m_updatesPath.c_str());
+            fs::remove(m_updatesPath);
+        } else {
+            Z_LOG(2, "Create updates folder %s", m_updatesPath.c_str());
+        }
+        fs::create_directory(m_updatesPath);
+    } catch (const fs::filesystem_error& error) {
+        Z_LOG(4, "%s", error.what());
+    }
+}
+
+void ZNodeArborInstall::EmptyUpdatesFolder() {
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_updatesPath)) {
+        std::error_code error;
+        fs::remove_all(entry.path(), error);
+        if (error) {
+            Z_LOG(4, "Error deleting %s: %s", entry.path().c_str(), error.message().c_str());
+        }
+    }
+}
+
+void ZNodeArborInstall::ReadInstalledSystem() {
+    const ZString path = m_pConfig->GetSystemInfoFilePath();
+    std::error_code error;
+    if (!fs::exists(fs::path(path), error)) {
+        return;
+    }
+    const auto manifest = LoadManifest(path);
+    if (!manifest) {
+        Z_LOG(3, "Could not recognize %s as a System Manifest", path.c_str());
+        return;
+    }
+    if (!manifest->m_SystemVersion.empty()) {
+        m_systemVersion = ZSoftwareVersion(manifest->m_SystemVersion);
+    }
+    LogInstalledSystem(*manifest);
+}
+
+void ZNodeArborInstall::LogInstalledSystem(const ZSystemManifestMsg& manifest) {
+    Z_LOG(2, "------------ SYSTEM VERSION INFO ------------");
+    Z_LOG(2, "System Version = <%s>.", m_systemVersion.Get());
+    Z_LOG(2, "System Installer Version = <%s>", manifest.m_InstallerVersion.c_str());
+    for (const auto& entry : manifest.m_Components) {
+        if (const auto component = ZCAST(ZComponentVersionMsg, entry)) {
+            Z_LOG(2, " - Component <%s> Version = <%s> Board = <%s>.", component->m_Name.c_str(),
+                  component->m_Version.c_str(), component->m_Board.c_str());
+        }
+    }
+    Z_LOG(2, "------------ SYSTEM VERSION INFO ------------");
+}
+
+void ZNodeArborInstall::ReadArchive() {
+    m_archivePath = m_pConfig->m_archiveRoot;
+    try {
+        if (!fs::is_directory(m_archivePath)) {
+            fs::create_directories(m_archivePath);
+        }
+        Z_LOG(2, "Archive path = <%s>", m_archivePath.c_str());
+        std::vector<fs::path> invalid;
+        for (const fs::directory_entry& entry : fs::directory_iterator(m_archivePath)) {
+            const ZSoftwareVersion version(ToZString(entry.path().filename().string()));
+            if (!entry.is_directory()) {
+                Z_LOG(2, "Skipping %s as it is not a directory", entry.path().c_str());
+            } else if (!version.m_valid) {
+                Z_LOG(2, "<%s> Not a valid version", version.Get());
+                invalid.push_back(entry.path());
+            } else {
+                ReadVersionDirectory(entry.path(), version);
+            }
+        }
+        for (const fs::path& directory : invalid) {
+            Z_LOG(2, "Deleting invalid directory <%s>", directory.c_str());
+            fs::remove_all(directory);
+        }
+    } catch (const fs::filesystem_error&) {
+        Z_LOG(4, "Filesystem exception for archive path <%s>", m_archivePath.c_str());
+    }
+}
+
+void ZNodeArborInstall::ReadVersionDirectory(const fs::path& directory, const ZSoftwareVersion& version) {
+    const fs::path package = directory / kPackageName;
+    const fs::path manifestFile = directory / kManifestName;
+    Z_LOG(2, "Directory <%s> Version <%s> File <%s> Manifest <%s>", directory.c_str(), version.Get(), package.c_str(),
+          fs::exists(manifestFile) ? manifestFile.c_str() : "no manifest");
+    const auto manifest = LoadManifest(manifestFile);
+    if (!manifest) {
+        Z_LOG(4, "Manifest file %s was not loaded", manifestFile.c_str());
+    }
+    const std::lock_guard lock(m_tablesMutex);
+    m_builds.emplace(version, package);
+    if (manifest) {
+        m_manifests.emplace(version, manifest);
+    }
+}

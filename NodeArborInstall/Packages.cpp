@@ -1,0 +1,202 @@
+#include <algorithm>
+
+#include "ShellText.h"
+#include "ZNodeArborInstall.h"
+#include "ZShared/ZLog.h"
+#include "ZShared/ZPlatform.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+constexpr fs::perms kAnyExecute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
+
+/// Whether the drive's path components are a leading run of the file's.
+bool IsOnDrive(const fs::path& file, const fs::path& drive) {
+    const auto ends = std::mismatch(drive.begin(), drive.end(), file.begin(), file.end());
+    // "/media/usb1/" ends in an empty component, which no file has there.
+    return ends.first == drive.end() || (ends.first->empty() && std::next(ends.first) == drive.end());
+}
+
+}  // namespace
+
+bool ZNodeArborInstall::ProcessStorageDevices(const ZVector<ZString>& drives, std::shared_ptr<ZMessageArray>& results) {
+    Z_LOG(2, "Processing Storage devices ");
+    bool any = false;
+    for (const ZString& drive : drives) {
+        if (drive.empty()) {
+            continue;
+        }
+        Z_LOG(2, "Checking drive %s", drive.c_str());
+        any = ScanDrive(fs::path(drive), results) || any;
+    }
+    return any;
+}
+
+bool ZNodeArborInstall::ScanDrive(const fs::path& drive, std::shared_ptr<ZMessageArray>& results) {
+    bool any = false;
+    std::error_code error;
+    fs::directory_iterator entry(drive, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        any = CheckDriveEntry(entry->path(), results) || any;
+    }
+    if (error) {
+        Z_LOG(4, "Error reading drive %s: %s", drive.c_str(), error.message().c_str());
+    }
+    return any;
+}
+
+bool ZNodeArborInstall::CheckDriveEntry(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
+    Z_LOG(2, "Checking file %s", file.c_str());
+    std::error_code error;
+    const fs::file_status status = fs::status(file, error);
+    if (error) {
+        Z_LOG(4, "Error getting file permissions %d", error.value());
+    }
+    const bool known = !error && status.permissions() != fs::perms::unknown;
+    const bool executable = known && (status.permissions() & kAnyExecute) != fs::perms::none;
+    const bool regular = fs::is_regular_file(status);
+    if (!executable || !regular) {
+        Z_LOG(2, "File %s %s and %s", file.c_str(), executable ? "is executable" : "Not Executable",
+              regular ? "is regular file" : "Is NOT a regular file");
+        return false;
+    }
+    if (file.extension() != ".pkg") {
+        return false;
+    }
+    Z_LOG(2, "Found package file %s", file.c_str());
+    return CheckPackageFile(file, results);
+}
+
+bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
+    using Codes = ZFrameworkErrorCodes;
+    const ZString path = ToZString(file.string());
+    const std::string command = ShellEscape(file.string()) + " --version";
+    std::string output;
+    if (!ZPlatform::ExecuteCommand(command, output)) {
+        Z_LOG(4, "Execute command %s failed: %s", command.c_str(), output.c_str());
+        AddInvalidPackage(results, "unknown", path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        return false;
+    }
+    ZSoftwareVersion version;
+    version.Set(ToZString(output));
+    if (!version.m_valid) {
+        Z_LOG(4, "File <%s> Invalid package <%s>", path.c_str(), output.c_str());
+        AddInvalidPackage(results, "unknown", path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        return true;
+    }
+    if (!VerifyPackageFile(file, version, output)) {
+        Z_LOG(4, "Verification failed on %s: %s", path.c_str(), output.c_str());
+        AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        return false;
+    }
+    if (!IsVersionAllowed(version, file)) {
+        AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED);
+        return true;
+    }
+    RecordPackage(file, version);
+    return true;
+}
+
+bool ZNodeArborInstall::VerifyPackageFile(const fs::path& file, const ZSoftwareVersion& version, std::string& output) {
+    const std::string escaped = ShellEscape(file.string());
+    Z_LOG(2, "Verify File <%s> Version <%s> Board <%s>", escaped.c_str(), version.Get(), m_board.c_str());
+    // The board stands unquoted in the command line: one that a shell would read as more than a word is not passed on.
+    if (!IsPlainShellWord(m_board, true)) {
+        output = "the board's name can't stand in a command line";
+        return false;
+    }
+    return ZPlatform::ExecuteCommand(escaped + " --verify " + ToStdString(m_board), output);
+}
+
+bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const fs::path& file) {
+    const bool downgrades = Config().m_bAllowDowngrades;
+    if (!(m_systemVersion < version) && !(m_systemVersion == version) && !downgrades) {
+        Z_LOG(2, "Package version <%s> less than or equal to <%s> or downgrades %s", version.Get(),
+              m_systemVersion.Get(), "Not Allowed");
+        return false;
+    }
+    Z_LOG(2, "Package version <%s - %s> greater than or equal to <%s> or downgrades %s", version.Get(), file.c_str(),
+          m_systemVersion.Get(), downgrades ? "Allowed" : "Not Allowed");
+    return true;
+}
+
+void ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version) {
+    std::optional<ZSoftwareVersion> erased;
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        const auto same = std::find_if(m_packages.begin(), m_packages.end(),
+                                       [&](const auto& entry) { return entry.second == file; });
+        if (same != m_packages.end()) {
+            erased = same->first;
+            m_packages.erase(same);
+        }
+        m_packages[version] = file;  // of two files with one version, the one checked last
+    }
+    if (erased) {
+        Z_LOG(2, "Erasing duplicate package file %s version %s", file.c_str(), erased->Get());
+    }
+}
+
+bool ZNodeArborInstall::RemoveStorageDevices(const ZVector<ZString>& drives) {
+    for (const ZString& drive : drives) {
+        const fs::path root = fs::path(drive).lexically_normal();
+        if (root.empty()) {
+            continue;  // would be the beginning of every path
+        }
+        std::vector<fs::path> removed;
+        {
+            const std::lock_guard lock(m_tablesMutex);
+            for (auto entry = m_packages.begin(); entry != m_packages.end();) {
+                if (IsOnDrive(entry->second.lexically_normal(), root)) {
+                    removed.push_back(entry->second);
+                    entry = m_packages.erase(entry);
+                } else {
+                    ++entry;
+                }
+            }
+        }
+        for (const fs::path& package : removed) {
+            Z_LOG(2, "Removing package %s", package.c_str());
+        }
+    }
+    return true;
+}
+
+void ZNodeArborInstall::AddInvalidPackage(std::shared_ptr<ZMessageArray>& results, const ZString& version,
+                                          const ZString& file, ZFrameworkErrorCodes::ZErrorCode code) {
+    const auto record = Z_MAKE(ZVersionInfoMsg);
+    record->m_bSuccess = false;
+    record->m_ErrorCode = code;
+    record->m_Version = version;
+    record->m_VersionType = file;
+    results->Add(record);
+}
+
+void ZNodeArborInstall::CheckAvailableUpdates(std::shared_ptr<ZMessageArray>& results, bool publishAlways) {
+    PackageTable packages;
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        packages = m_packages;
+    }
+    for (const auto& [version, path] : packages) {
+        const auto record = Z_MAKE(ZVersionInfoMsg);
+        record->m_Version = version.m_text;
+        record->m_VersionType = "System";
+        Z_LOG(2, "Notify Software version %s is available for update", version.Get());
+        results->Add(record);
+    }
+    if (results->m_Messages.empty() && !publishAlways) {
+        return;
+    }
+    if (!ZCAST(ZMessage, results)) {
+        Z_LOG(4, "GCAST(ZMessage, pMessageSubclass) %s: %s", "Publish", results->ClassName());
+        return;
+    }
+    if (Publish(GetEndpoint(ZEndpointType::GraphService, "updateavailable", 0), results)) {
+        Z_LOG(2, "Sent software update available");
+    } else {
+        Z_LOG(3, "Software update available message has no destination endpoints");
+    }
+}

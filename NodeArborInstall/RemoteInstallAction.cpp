@@ -1,0 +1,193 @@
+#include <magic_enum/magic_enum.hpp>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "ShellText.h"
+#include "ZNodeArborInstallActions.h"
+#include "ZShared/ZLog.h"
+#include "ZShared/ZPlatform.h"
+
+namespace fs = std::filesystem;
+
+Z_IMPLEMENT(ZNodeArborInstall_RemoteInstallAction)
+
+namespace {
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
+}
+
+/// The accessory's command lines. Nothing in them is quoted, so all that goes in is checked before.
+struct ZNodeArborInstall_RemoteInstallAction::Commands {
+    std::string led;
+    std::string folder;
+    std::string copy;
+    std::string install;
+};
+
+bool ZNodeArborInstall_RemoteInstallAction::FindRemoteHostname(std::string& address, const std::string& modelName,
+                                                               const std::string& serialNumber) {
+    return TryHostname(modelName + "-" + serialNumber + ".local", address) ||
+           TryHostname(ToStdString(Node().AccessoryHostName()), address) ||
+           TryHostname(ToStdString(Node().DeviceHostName()), address);
+}
+
+bool ZNodeArborInstall_RemoteInstallAction::TryHostname(const std::string& candidate, std::string& address) {
+    if (candidate.empty()) {
+        return false;
+    }
+    if (!IsPlainShellWord(candidate)) {
+        Z_LOG(4, "Host name <%s> can't stand in a command line", candidate.c_str());
+        return false;
+    }
+    std::string output;
+    if (!ZPlatform::ExecuteCommand("avahi-resolve -4 -n " + candidate + " | awk '{print $2}'", output)) {
+        return false;
+    }
+    output = WithoutTrailingSpace(output);
+    if (output.empty()) {
+        Z_LOG(2, "Did not resolve address for host %s: <%s>", candidate.c_str(), output.c_str());
+        return false;
+    }
+    if (!IsIPv4Address(output)) {
+        Z_LOG(4, "What host %s resolves to is not one IPv4 address: <%s>", candidate.c_str(), output.c_str());
+        return false;
+    }
+    Z_LOG(2, "Resolved host name <%s> to address <%s>", candidate.c_str(), output.c_str());
+    address = output;
+    return true;
+}
+
+void ZNodeArborInstall_RemoteInstallAction::Answer(const std::shared_ptr<ZMessageArray>& answer, bool success) {
+    std::static_pointer_cast<ZVersionInfoMsg>(answer->m_Messages.front())->m_bSuccess = success;
+    Node().PublishResponse(m_pMessage, answer, true, false);
+}
+
+bool ZNodeArborInstall_RemoteInstallAction::ActionThread() {
+    const auto request = ZCAST(ZSystemUpdateMsg, m_pMessage);
+    if (!request) {
+        return true;
+    }
+    const ZUseFlag::Hold busy(Node().BusyFlag());
+    const auto info = Z_MAKE(ZVersionInfoMsg);
+    info->m_VersionType = "System";
+    info->m_bInstalled = false;
+    const auto answer = Z_MAKE(ZMessageArray);
+    answer->Add(info);
+
+    std::string ownName;
+    ZPlatform::ExecuteCommand("hostname", ownName);
+    ownName = WithoutTrailingSpace(ownName);
+    if (!ownName.empty()) {
+        ownName += ".local";
+    }
+    std::string address;
+    if (!FindRemoteHostname(address, std::string(magic_enum::enum_name(request->m_DeviceModel)),
+                            ToStdString(request->m_SerialNumber))) {
+        Z_LOG(4, "Unable to find the QM host name");
+        Answer(answer, false);
+        return true;
+    }
+    struct Clear {
+        ZNodeArborInstall& node;
+        ~Clear() { node.SetUpdateInProgress(false); }
+    };
+    Node().SetUpdateInProgress(true);
+    const Clear clear{Node()};
+    info->m_Version = Node().SystemVersion().m_text;
+    const std::string source = Node().GetPackage(info->m_Version).string();
+    if (source.empty()) {
+        Answer(answer, false);
+        return true;
+    }
+    const std::string folder = Node().UpdatesPath().string();
+    if (!IsPlainShellWord(source) || !IsPlainShellWord(folder) || !IsPlainShellWord(ownName, true)) {
+        Z_LOG(4, "Remote install refused: <%s>, <%s> or <%s> can't stand in a command line", source.c_str(),
+              folder.c_str(), ownName.c_str());
+        Answer(answer, false);
+        return true;
+    }
+    Answer(answer, true);
+    if (RunCommands(MakeCommands(address, source, ownName))) {
+        RelayProgress();
+    }
+    return true;
+}
+
+ZNodeArborInstall_RemoteInstallAction::Commands ZNodeArborInstall_RemoteInstallAction::MakeCommands(
+    const std::string& address, const std::string& source, const std::string& ownName) const {
+    const std::string folder = Node().UpdatesPath().string();
+    const std::string remote = (Node().UpdatesPath() / fs::path(source).filename()).string();
+    const std::string port = std::to_string(Node().Config().m_ProgressPort);
+    const std::string ssh = "ssh -y -T root@" + address;
+    return {ssh + " '/usr/sbin/i2cset -y -f 1 48 4 0x62;/usr/sbin/i2cset -y -f 1 48 2 0x81; ' 2>&1",
+            ssh + " '[ -f " + folder + " ] && rm -fr " + folder + ";[ -d " + folder + " ] || mkdir -p " + folder + "'",
+            "rsync -azP -e \"ssh -y\" " + source + " root@" + address + ":" + remote,
+            ssh + " '" + remote + " --socket=2 --port=" + port + " --addr=" + ownName +
+                " --dir=/media/mmcblk1p3/Packages >> /usr/share/Logs/arbor_qm.log 2>&1 &'"};
+}
+
+bool ZNodeArborInstall_RemoteInstallAction::RunCommands(const Commands& commands) {
+    std::string output;
+    Z_LOG(2, "Execute: %s", commands.led.c_str());
+    if (!ZPlatform::ExecuteCommand(commands.led, output)) {
+        Z_LOG(4, "Unable to set LED on remote machine - Result = <%s>!", output.c_str());
+        return false;
+    }
+    Z_LOG(2, "Execute: %s", commands.folder.c_str());
+    const bool made = ZPlatform::ExecuteCommand(commands.folder, output);
+    Z_LOG(2, "Make directory result %s: %s", made ? "SUCCESS" : "FAILURE", output.c_str());
+    Z_LOG(2, "Execute: %s", commands.copy.c_str());
+    const auto onLine = [this](std::string line) { InstallProgress(std::move(line), "copy"); };
+    if (!ZPlatform::ExecuteCommand(commands.copy, onLine, nullptr)) {
+        Z_LOG(4, "Failed to copy update file from remote");
+        return false;
+    }
+    Z_LOG(2, "Execute: %s", commands.install.c_str());
+    if (!ZPlatform::ExecuteCommand(commands.install, output)) {
+        Z_LOG(4, "Error executing remote install script");
+        return false;
+    }
+    Z_LOG(2, "Successfully started remote install install.");
+    return true;
+}
+
+void ZNodeArborInstall_RemoteInstallAction::RelayProgress() {
+    const std::optional<int> descriptor = MakeRelaySocket(AF_INET);
+    if (!descriptor) {
+        return;
+    }
+    if (Node().BindSocket(*descriptor, false)) {
+        RelayUntilDone(*descriptor, false);
+    } else {
+        ::close(*descriptor);
+    }
+}
+
+void ZNodeArborInstall_RemoteInstallAction::InstallProgress(std::string line, std::string component) {
+    std::erase(line, '\r');
+    Z_LOG(2, "Component %s output = <%s>", component.c_str(), line.c_str());
+    std::smatch match;
+    if (!std::regex_search(line, match, m_progressPattern) || !match[1].matched) {
+        return;
+    }
+    unsigned long percent = 0;
+    try {
+        percent = std::stoul(match[1].str(), nullptr, 10);
+    } catch (const std::invalid_argument&) {
+        Z_LOG(3, "Invalid argument in copy progress number conversion");
+        return;
+    } catch (const std::out_of_range&) {
+        Z_LOG(3, "Out of range in copy progress number conversion");
+        return;
+    }
+    const auto progress = Z_MAKE(InstallProgressMsg);
+    progress->m_Operation = ToZString(component);
+    progress->m_Header = "Transfer install package";
+    progress->m_Percent = static_cast<std::int32_t>(percent);
+    Z_LOG(2, "Progress %s %u %%", component.c_str(), static_cast<unsigned>(percent));
+    if (!Node().Publish(Node().GetEndpoint(ZEndpointType::Progress, "", 0), progress)) {
+        Z_LOG(3, "Failed to publish Progress message");
+    }
+}

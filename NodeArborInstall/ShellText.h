@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+/// Whether a text can stand unquoted in a shell command line and be read as one word, unchanged: letters, digits and
+/// `_ - . / : + , = @ %` only. An empty text is not one word, but does no harm; `mayBeEmpty` decides.
+bool IsPlainShellWord(std::string_view text, bool mayBeEmpty = false);
+
+/// Whether the text is one IPv4 address in dotted form and nothing else.
+bool IsIPv4Address(const std::string& text);
+
+/// The text without white space at its end.
+std::string WithoutTrailingSpace(std::string text);

@@ -1,0 +1,98 @@
+#include <magic_enum/magic_enum.hpp>
+#include <numeric>
+
+#include "ZNodeArborInstall.h"
+#include "ZShared/ZLog.h"
+#include "ZShared/ZPlatform.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+}
+
+bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
+    const auto request = ZCAST(ZSystemUpdateMsg, msg);
+    if (!request) {
+        return true;
+    }
+    Z_LOG(2, "Find package for version <%s> <%s-%s>", request->m_Version.c_str(),
+          std::string(magic_enum::enum_name(request->m_DeviceModel)).c_str(), request->m_SerialNumber.c_str());
+    const auto answer = Z_MAKE(ZVersionInfoMsg);
+    answer->m_Version = request->m_Version;
+    answer->m_VersionType = "System";
+    answer->m_bInstalled = false;
+    try {
+        fs::path package;
+        if (FindPackage(request->m_Version, package)) {
+            StartInstaller(package, *request, *answer);
+        } else {
+            LogMissingPackage(request->m_Version);
+            answer->m_bSuccess = false;
+            // Clients tell a missing package from a broken one by the absence of an error code.
+            answer->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+        }
+    } catch (const std::exception&) {
+        Z_LOG(4, "Could not find package for software version %s", request->m_Version.c_str());
+        return true;
+    }
+    PublishResponse(msg, answer, true, false);
+    return true;
+}
+
+void ZNodeArborInstall::LogMissingPackage(const ZString& version) {
+    BuildTable builds;
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        builds = m_builds;
+    }
+    Z_LOG(4, "No update file for package %s checked %d", version.c_str(), static_cast<int>(builds.size()));
+    for (const auto& [archived, path] : builds) {
+        Z_LOG(4, "Version %s: %s", archived.Get(), path.c_str());
+    }
+}
+
+void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpdateMsg& request,
+                                       ZVersionInfoMsg& answer) {
+    {
+        const std::lock_guard lock(m_tablesMutex);
+        m_UpdateVersion = request.m_Version;
+    }
+    // The relay's socket has to listen before the installer connects.
+    const bool relaying = RunAction("Progress", nullptr);
+    const std::vector<std::string> arguments = InstallerArguments(package, request);
+    // Logged run together, as tools that read these logs expect it.
+    const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
+    Z_LOG(2, "Software update command %s", command.c_str());
+    const bool started = ZPlatform::ExecuteCommand(arguments);
+    m_bUpdateInProgress = started;
+    Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
+    answer.m_bSuccess = started;
+    answer.m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+    if (!started) {
+        Z_LOG(4, "Unable to start install process. Kill the progress action");
+        if (relaying) {  // else the newest action is another one
+            StopAction(false);
+        }
+        answer.m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
+    }
+}
+
+std::vector<std::string> ZNodeArborInstall::InstallerArguments(const fs::path& package,
+                                                               const ZSystemUpdateMsg& request) {
+    std::vector<std::string> arguments{package.string(), "--skip-verify", "--dir=/media/mmcblk1p3/Packages"};
+    if (request.m_ProgressHost.empty()) {
+        arguments.insert(arguments.end(), {"--sock=1", "--addr=progress"});
+    } else {
+        arguments.insert(arguments.end(), {"--sock=2", "--port=" + std::to_string(Config().m_ProgressPort),
+                                           "--addr=" + ToStdString(request.m_ProgressHost) + ".local"});
+    }
+    if (!request.m_bReboot) {
+        Z_LOG(2, "Setting NO REBOOT flag for the installer");
+        arguments.emplace_back("--no-reboot");
+    }
+    if (Config().m_bDryRun) {
+        arguments.emplace_back("--dry-run");
+    }
+    return arguments;
+}

@@ -1,0 +1,159 @@
+#include <openssl/evp.h>
+
+#include <fstream>
+#include <magic_enum/magic_enum.hpp>
+
+#include "ZNodeArborInstallActions.h"
+#include "ZShared/ZLog.h"
+
+namespace fs = std::filesystem;
+
+Z_IMPLEMENT(ZNodeArborInstall_TransferAction)
+
+namespace {
+
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
+constexpr std::size_t kChunkSize = 776700;  // a multiple of 3: only the last chunk's base64 text is padded
+constexpr std::int32_t kFileMode = 0755;
+
+ZString Base64(const std::vector<char>& data, std::size_t size) {
+    ZString text((size + 2) / 3 * 4 + 1, '\0');  // the encoder ends its text with a NUL
+    const int length =
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                        reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(size));
+    text.resize(static_cast<std::size_t>(length));
+    return text;
+}
+
+}  // namespace
+
+/// What stays the same for all messages of one transfer.
+struct ZNodeArborInstall_TransferAction::Journey {
+    std::shared_ptr<TransferMsg> request;
+    fs::path source;
+    fs::path destination;
+};
+
+std::uint64_t ZNodeArborInstall_TransferAction::GetFileSize(const fs::path& file) {
+    std::ifstream input(file, std::ios::binary | std::ios::ate);
+    return static_cast<std::uint64_t>(std::streamoff(input.tellg()));
+}
+
+bool ZNodeArborInstall_TransferAction::ActionThread() {
+    Journey journey;
+    journey.request = ZCAST(TransferMsg, m_pMessage);
+    if (!journey.request) {
+        return true;
+    }
+    journey.source = Node().GetPackage(journey.request->m_Version);
+    journey.destination = Node().UpdatesPath() / journey.source.filename();
+    std::error_code error;
+    if (journey.source.empty() || !fs::is_regular_file(journey.source, error)) {
+        Z_LOG(4, "No QM install source file: %s.", journey.source.c_str());
+        Refuse(ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED, "Version does not exist");
+        return true;
+    }
+    if (!OpenFile(journey)) {
+        Z_LOG(4, "Unable to Open file %s for transfer", journey.source.c_str());
+        Refuse(ZFrameworkErrorCodes::ERRCODE_NOT_FOUND, "Unable to start file transfer");
+        return true;
+    }
+    Z_LOG(2, "Install File Open <%s> %s", journey.destination.c_str(), "SUCCESS");
+    const auto answer = MakeAnswer();
+    answer->m_bSuccess = true;
+    answer->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+    answer->m_SerialNumber = journey.request->m_SerialNumber;
+    answer->m_DeviceModel = journey.request->m_DeviceModel;
+    Node().PublishResponse(m_pMessage, answer, true, false);
+    SendChunks(journey);
+    CloseFile(journey);
+    return true;
+}
+
+std::shared_ptr<ZVersionInfoMsg> ZNodeArborInstall_TransferAction::MakeAnswer() const {
+    auto answer = Z_MAKE(ZVersionInfoMsg);
+    answer->m_Version = Node().SystemVersion().m_text;
+    answer->m_VersionType = "System";
+    answer->m_bInstalled = false;
+    return answer;
+}
+
+void ZNodeArborInstall_TransferAction::Refuse(ZFrameworkErrorCodes::ZErrorCode code, const char* text) {
+    const auto answer = MakeAnswer();
+    answer->m_bSuccess = false;
+    answer->m_ErrorCode = code;
+    answer->m_ErrorText = text;
+    Node().PublishResponse(m_pMessage, answer, true, false);
+}
+
+std::shared_ptr<ZGenericResponseMsg> ZNodeArborInstall_TransferAction::Send(const Journey& journey,
+                                                                            const std::shared_ptr<ZFileMsg>& message) {
+    message->m_FilePath = ToZString(journey.destination.string());
+    message->m_SerialNumber = journey.request->m_SerialNumber;
+    message->m_DeviceModel = journey.request->m_DeviceModel;
+    std::shared_ptr<ZMessage> response;
+    Node().Publish(Node().GetEndpoint(ZEndpointType::DeviceRequest, "fileIO", 0), message, &response, true, false);
+    return ZCAST(ZGenericResponseMsg, response);
+}
+
+bool ZNodeArborInstall_TransferAction::OpenFile(const Journey& journey) {
+    const auto open = Z_MAKE(ZFileOpenMsg);
+    open->m_Mode = kFileMode;
+    Z_LOG(2, "Sending Install File Open for <%s-%s> <%s> -> <%s>",
+          std::string(magic_enum::enum_name(journey.request->m_DeviceModel)).c_str(),
+          journey.request->m_SerialNumber.c_str(), journey.source.c_str(), journey.destination.c_str());
+    const auto answer = Send(journey, open);
+    return answer && answer->m_bSuccess;
+}
+
+void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
+    std::vector<char> buffer(kChunkSize);
+    const std::uint64_t total = GetFileSize(journey.source);
+    std::ifstream input(journey.source, std::ios::binary);
+    std::uint64_t sent = 0;
+    std::uint64_t lastPercent = 0;
+    while (input && sent < total && m_bRun) {
+        input.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+        const auto count = static_cast<std::size_t>(input.gcount());
+        if (count == 0) {
+            Z_LOG(4, "The file %s ended after %lu of %lu bytes", journey.source.c_str(), sent, total);
+            return;
+        }
+        const auto write = Z_MAKE(ZFileWriteMsg);
+        write->m_Data = Base64(buffer, count);
+        const std::uint64_t percent = sent * 100 / total;  // before this chunk counts: 100 is never reported here
+        if (percent > lastPercent) {
+            Z_LOG(2, "Install File Transfer (%lu encoded %lu bytes) %lu%% (%lu of %lu) to %s", count,
+                  write->m_Data.size(), percent, sent, total, journey.destination.c_str());
+            PublishProgress(journey, static_cast<std::int32_t>(percent));
+            lastPercent = percent;
+        }
+        const auto answer = Send(journey, write);
+        sent += count;
+        if (!answer || !answer->m_bSuccess) {
+            Z_LOG(4, "Error on File write: %s", answer ? answer->m_ErrorText.c_str() : "Bad Response");
+        }
+    }
+}
+
+void ZNodeArborInstall_TransferAction::PublishProgress(const Journey& journey, std::int32_t percent) {
+    const auto progress = Z_MAKE(InstallProgressMsg);
+    progress->m_Header = "Transfer install package";
+    progress->m_Operation = "copy";
+    progress->m_Percent = percent;
+    if (!Node().RemoteInstallSerial().empty()) {
+        progress->m_SerialNumber = journey.request->m_SerialNumber;
+        progress->m_DeviceModel = journey.request->m_DeviceModel;
+    }
+    Node().Publish(Node().GetEndpoint(ZEndpointType::Progress, "", 0), progress);
+}
+
+void ZNodeArborInstall_TransferAction::CloseFile(const Journey& journey) {
+    const auto answer = Send(journey, Z_MAKE(ZFileCloseMsg));
+    if (!answer) {
+        Z_LOG(4, "Unable to publish File Close!");
+        return;
+    }
+    Z_LOG(2, "Install File Close %s Complete %s", journey.destination.c_str(),
+          answer->m_bSuccess ? "SUCCESS" : "FAILED");
+}

@@ -1,0 +1,102 @@
+#include "ZNodeArborInstall.h"
+
+#include <unistd.h>
+
+#include "ZShared/ZLog.h"
+#include "ZShared/ZPlatform.h"
+
+Z_IMPLEMENT(ZNodeArborInstall)
+
+namespace {
+constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+}
+
+ZNodeArborInstall::ZNodeArborInstall(const ZString& name) : ZNode(name) { m_logName = ClassName(); }
+
+ZNodeArborInstall::~ZNodeArborInstall() {
+    // The graph has ended every action by now. Clients that a relay left connected were kept for the next one.
+    for (const int client : m_progressMessages) {
+        ::close(client);
+    }
+}
+
+template <typename Handler>
+bool ZNodeArborInstall::SubscribeKeyword(ZEndpointType type, const char* keyword, Handler handler) {
+    const MessageFunction function = std::bind(handler, this, std::placeholders::_1);
+    return Subscribe(GetEndpoint(type, keyword, 0), function);
+}
+
+bool ZNodeArborInstall::InitMessageMap() {
+    using Self = ZNodeArborInstall;
+    constexpr auto kClient = ZEndpointType::ClientRequest;
+    constexpr auto kDevice = ZEndpointType::DeviceRequest;
+    constexpr auto kGraph = ZEndpointType::GraphService;
+    // The first failure ends the list.
+    return ZNode::InitMessageMap() && SubscribeKeyword(kClient, "updatesystem", &Self::OnSystemUpdate) &&
+           SubscribeKeyword(kDevice, "remoteinstall", &Self::OnRemoteInstall) &&
+           SubscribeKeyword(kGraph, "checkCompatibility", &Self::OnCheckCompatibility) &&
+           SubscribeKeyword(kClient, "compareversions", &Self::OnCompareVersions) &&
+           SubscribeKeyword(kGraph, "newFile", &Self::OnNewUpdateFile) &&
+           SubscribeKeyword(kGraph, "storagedeviceupdate", &Self::OnStorageUpdateDevice) &&
+           SubscribeKeyword(kClient, "findupdates", &Self::OnFindUpdates) &&
+           SubscribeKeyword(kClient, "getinstalledversioninfo", &Self::OnGetInstalledVersionInfo) &&
+           SubscribeKeyword(kDevice, "upload", &Self::OnUpload) &&
+           SubscribeKeyword(kDevice, "transfer", &Self::OnTransfer) &&
+           SubscribeKeyword(kGraph, "getUpdateInProgress", &Self::OnGetUpdateInProgress);
+}
+
+bool ZNodeArborInstall::OnGraphCreated() {
+    RunAction("ScanDrives", nullptr);
+    const auto request = Z_MAKE(ZGenericRequestMsg);
+    std::shared_ptr<ZMessage> response;
+    Publish(GetEndpoint(ZEndpointType::GraphService, "deviceProps", 0), request, &response, true, false);
+    m_pDeviceProperties = ZCAST(ZDevicePropertiesMsg, response);
+    if (!m_pDeviceProperties) {
+        Z_LOG(4, "Could not get Device Properties");
+    }
+    return true;
+}
+
+bool ZNodeArborInstall::OnShutdownRequest(bool) {
+    m_bShutdownRequested = true;
+    return !m_bBusy;
+}
+
+std::string ZNodeArborInstall::ShellEscape(const std::string& text) {
+    std::string escaped = "'";
+    for (const char c : text) {
+        if (c == '\'') {
+            escaped += "'\\''";
+        } else {
+            escaped += c;
+        }
+    }
+    return escaped + "'";
+}
+
+bool ZNodeArborInstall::RunCommand(const std::string& commandLine) {
+    Z_LOG(2, "Running command: %s", commandLine.c_str());
+    std::string output;
+    const bool succeeded = ZPlatform::ExecuteCommand(commandLine, output);
+    if (succeeded) {
+        Z_LOG(2, "Successfully ran command: %s", commandLine.c_str());
+    } else {
+        Z_LOG(4, "Command failure result: %s", output.c_str());
+    }
+    return succeeded;
+}
+
+ZString ZNodeArborInstall::UpdateVersion() const {
+    const std::lock_guard lock(m_tablesMutex);
+    return m_UpdateVersion;
+}
+
+ZString ZNodeArborInstall::RemoteInstallSerial() const {
+    const std::lock_guard lock(m_tablesMutex);
+    return m_RemoteInstallSerial;
+}
+
+const ZNodeArborInstallCfg& ZNodeArborInstall::Config() const {
+    static const ZNodeArborInstallCfg kDefaults;
+    return m_pConfig ? *m_pConfig : kDefaults;
+}

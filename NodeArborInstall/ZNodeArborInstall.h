@@ -1,0 +1,182 @@
+#pragma once
+
+#include <poll.h>
+
+#include <array>
+#include <filesystem>
+#include <functional>
+#include <optional>
+
+#include "NodeBase/ZNode.h"
+#include "ZMessages/Messages.h"
+#include "ZNodeArborInstallCfg.h"
+#include "ZSoftwareVersion.h"
+#include "ZUseFlag.h"
+
+/// The instrument's software-update manager. Handlers (On...) run on the node's message thread and return true when the
+/// message was handled; long work runs in the worker actions of ZNodeArborInstallActions.h, which call back into the
+/// operations below. What both sides touch is an atomic or guarded by m_tablesMutex.
+class ZNodeArborInstall : public ZNode {
+    Z_CLASS(ZNodeArborInstall, ZNode)
+public:
+    using BuildTable = ZMap<ZSoftwareVersion, std::filesystem::path, std::less<ZSoftwareVersion>>;
+    using PackageTable = ZMap<ZSoftwareVersion, std::filesystem::path, std::greater<ZSoftwareVersion>>;
+    using ManifestTable = ZMap<ZSoftwareVersion, std::shared_ptr<ZSystemManifestMsg>, std::less<ZSoftwareVersion>>;
+
+    explicit ZNodeArborInstall(const ZString& name);
+    ~ZNodeArborInstall() override;
+
+    // Lifecycle.
+    bool OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) override;
+    bool InitMessageMap() override;
+    bool OnGraphCreated() override;
+    /// Records the request, also when it refuses because a file check or a remote install runs.
+    bool OnShutdownRequest(bool bUnconditional) override;
+
+    // Handlers.
+    bool OnSystemUpdate(const std::shared_ptr<ZMessage>& msg);
+    bool OnRemoteInstall(std::shared_ptr<ZMessage>& msg);
+    bool OnCheckCompatibility(std::shared_ptr<ZMessage>& message);
+    bool OnCompareVersions(std::shared_ptr<ZMessage>& request);
+    bool OnNewUpdateFile(const std::shared_ptr<ZMessage>& message);
+    bool OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& message);
+    bool OnFindUpdates(std::shared_ptr<ZMessage>& request);
+    bool OnGetInstalledVersionInfo(const std::shared_ptr<ZMessage>& request);
+    bool OnUpload(std::shared_ptr<ZMessage>& message);
+    bool OnTransfer(std::shared_ptr<ZMessage>& msg);
+    bool OnGetUpdateInProgress(std::shared_ptr<ZMessage>& request);
+    // For a caller that wires them itself; no keyword leads here, and the message is not read.
+    bool OnSwitchPartition(std::shared_ptr<ZMessage>& message);
+    bool OnSwitchDevice(std::shared_ptr<ZMessage>& message);
+
+    // Shell commands.
+    /// `text` in single quotes for a POSIX shell.
+    static std::string ShellEscape(const std::string& text);
+    /// Runs a shell command line, logs how it went and returns whether it succeeded.
+    bool RunCommand(const std::string& commandLine);
+
+    // The archive, and the packages found on storage devices. All lookups are exact.
+    /// The archived package of that version; empty when there is none.
+    std::filesystem::path GetBuild(ZSoftwareVersion& version);
+    /// Whether a found package of that version is known and its file exists now. A known path is written to
+    /// `packagePath` also when the file has gone. Throws std::filesystem::filesystem_error when the file can't be asked.
+    bool FindPackage(const ZString& versionText, std::filesystem::path& packagePath);
+    /// The file to install for that version, archive first; empty when there is none.
+    std::filesystem::path GetPackage(const ZString& versionText);
+    std::shared_ptr<ZSystemManifestMsg> LoadManifest(const std::filesystem::path& path);
+    std::shared_ptr<ZSystemManifestMsg> LoadManifest(const ZString& text);
+
+    // Package checks. `results` collects one ZVersionInfoMsg per rejected file and per available update.
+    bool ProcessStorageDevices(const ZVector<ZString>& drives, std::shared_ptr<ZMessageArray>& results);
+    bool ScanDrive(const std::filesystem::path& drive, std::shared_ptr<ZMessageArray>& results);
+    /// Checks one file and records it when it is accepted. False when one of its two commands failed; a package that
+    /// answers but is rejected gives true.
+    bool CheckPackageFile(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
+    bool RemoveStorageDevices(const ZVector<ZString>& drives);
+    void AddInvalidPackage(std::shared_ptr<ZMessageArray>& results, const ZString& version, const ZString& file,
+                           ZFrameworkErrorCodes::ZErrorCode code);
+    /// Adds the known packages and publishes the array; not when it is empty and `publishAlways` is false.
+    void CheckAvailableUpdates(std::shared_ptr<ZMessageArray>& results, bool publishAlways);
+
+    /// Builds a package of the installed version for the accessory's board. On the Build action's thread.
+    void BuildPackage(const std::shared_ptr<ZDeviceCompatibilityMsg>& message);
+
+    // The install-progress socket: used by one relay thread at a time, which BindSocket sees to.
+    /// Binds and listens. False when that fails or while another relay is bound, which stays untouched.
+    bool BindSocket(int sockfd, bool bUnix);
+    void CloseSocket(int sockfd, bool bUnix);
+    /// One poll pass, of 500 ms at most. Whether the relay is to keep running.
+    bool SocketLoop(const int* pSockfd, std::shared_ptr<ZCommStream>& stream);
+
+    // What actions ask.
+    ZString UpdateVersion() const;
+    ZString RemoteInstallSerial() const;
+    const ZSoftwareVersion& SystemVersion() const { return m_systemVersion; }
+    const std::filesystem::path& UpdatesPath() const { return m_updatesPath; }
+    /// The accessory's and the host device's fixed mDNS names; empty ones are not configured.
+    const ZString& AccessoryHostName() const { return m_accessoryHostName; }
+    const ZString& DeviceHostName() const { return m_deviceHostName; }
+    /// The record, or one with default values when there is none.
+    const ZNodeArborInstallCfg& Config() const;
+    ZUseFlag& BusyFlag() { return m_bBusy; }
+    void SetUpdateInProgress(bool inProgress) { m_bUpdateInProgress = inProgress; }
+
+private:
+    friend class NodeAccess;  // tests look at the tables
+
+    template <typename Handler>
+    bool SubscribeKeyword(ZEndpointType type, const char* keyword, Handler handler);
+
+    // Start-up, in this order.
+    void ReadIdentity();
+    void PrepareUpdatesFolder(const std::shared_ptr<ZMessage>& coreConfig);
+    void EmptyUpdatesFolder();
+    void ReadInstalledSystem();
+    void LogInstalledSystem(const ZSystemManifestMsg& manifest);
+    void ReadArchive();
+    void ReadVersionDirectory(const std::filesystem::path& directory, const ZSoftwareVersion& version);
+
+    // Package checks.
+    bool CheckDriveEntry(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
+    bool VerifyPackageFile(const std::filesystem::path& file, const ZSoftwareVersion& version, std::string& output);
+    bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
+    void RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version);
+
+    // System update.
+    void LogMissingPackage(const ZString& version);
+    std::vector<std::string> InstallerArguments(const std::filesystem::path& package, const ZSystemUpdateMsg& request);
+    void StartInstaller(const std::filesystem::path& package, const ZSystemUpdateMsg& request, ZVersionInfoMsg& answer);
+
+    // Compatibility.
+    void DecideBuild(const std::shared_ptr<ZMessage>& request);
+    std::string BoardOf(const ZDeviceCompatibilityMsg& message);
+    std::optional<std::filesystem::path> InstallerScript(const std::filesystem::path& versionDirectory);
+    void RunBuild(const ZDeviceCompatibilityMsg& message);
+
+    // Progress relay.
+    bool BindAddress(int sockfd, bool bUnix);
+    std::filesystem::path ProgressSocketPath() const;
+    std::size_t FillPollTable(int listener);
+    void HandleHangup(const pollfd& entry, bool isListener, bool& keepRunning);
+    void AcceptClients(int listener);
+    void RemoveClient(int descriptor);
+    // False ends the pass. `keepRunning` becomes what the last message says.
+    bool ReadClient(int descriptor, std::shared_ptr<ZCommStream>& stream, bool& keepRunning);
+    bool RelayText(std::string_view text, std::shared_ptr<ZCommStream>& stream, bool& keepRunning);
+
+    // m_logName, "ZNodeArborInstall", and m_logLevel, 2, are the base's.
+    ManifestTable m_manifests;  // guarded by m_tablesMutex
+    BuildTable m_builds;        // guarded by m_tablesMutex
+    std::shared_ptr<ZNodeArborInstallCfg> m_pConfig;
+    ZSoftwareVersion m_systemVersion;
+    std::filesystem::path m_archivePath;
+    std::filesystem::path m_updatesPath;
+    ZUseFlag m_bBusy;  // held by file checks and remote installs; a shutdown is refused meanwhile
+    ZVector<ZString> m_actionTexts;
+    std::atomic<bool> m_bShutdownRequested{false};
+    ZString m_serialNumber;
+    std::optional<ZDeviceModel> m_deviceModel;
+    ZString m_model;
+    ZString m_board;
+    ZString m_UpdateVersion;        // guarded by m_tablesMutex
+    ZString m_RemoteInstallSerial;  // guarded by m_tablesMutex
+    std::atomic<bool> m_bUpdateInProgress{false};
+    PackageTable m_packages;  // guarded by m_tablesMutex
+    std::atomic<bool> m_bBuildInProgress{false};
+    std::shared_ptr<ZDevicePropertiesMsg> m_pDeviceProperties;
+    ZList<int> m_progressMessages;  // the relay's connected clients, in order of acceptance; it alone touches them
+    std::atomic<std::int64_t> m_progressSocket{0};  // the listening socket's descriptor + 1; 0: no relay is bound
+
+    mutable std::mutex m_tablesMutex;
+    ZString m_accessoryHostName;
+    ZString m_deviceHostName;
+
+    static constexpr std::size_t kPollEntries = 5;  // the listening socket and four clients; a fifth one waits
+    static constexpr std::size_t kReadSize = 1024;  // one read is one document
+    struct PollTable {
+        std::array<pollfd, kPollEntries> entries{};
+        std::array<char, kReadSize> buffer{};
+        bool bAcceptPaused = false;  // no descriptor was to be had: the next pass does not look for connections
+    };
+    std::unique_ptr<PollTable> m_pollTable;  // exists while a relay is bound; its thread alone touches it
+};

@@ -1,0 +1,103 @@
+#pragma once
+
+#include <optional>
+#include <regex>
+
+#include "NodeBase/ZNodeAction.h"
+#include "ZNodeArborInstall.h"
+
+/// Base of the node's worker actions: each is started with RunAction under the part of its name between "_" and "Action".
+class ZNodeArborInstallAction : public ZNodeAction {
+    Z_CLASS(ZNodeArborInstallAction, ZNodeAction)
+protected:
+    ZNodeArborInstall& Node() const { return *static_cast<ZNodeArborInstall*>(m_pNode); }
+    /// Relays installer progress over a bound socket until a document or the node ends it, then closes it.
+    void RelayUntilDone(int socket, bool bUnix);
+    /// A non-blocking stream socket; none, and a log line, on failure.
+    std::optional<int> MakeRelaySocket(int family);
+};
+
+/// An empty worker, kept for its registered name.
+class ZNodeArborInstall_ProcessAction : public ZNodeAction {
+    Z_CLASS(ZNodeArborInstall_ProcessAction, ZNodeAction)
+public:
+    bool ActionThread() override { return true; }
+};
+
+/// Checks the file that a FolderUpdateMsg names, and announces what there is.
+class ZNodeArborInstall_CheckFileAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_CheckFileAction, ZNodeAction)
+public:
+    bool ActionThread() override;
+
+private:
+    void CheckFile(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
+};
+
+/// Forgets the packages of drives that left and scans those that came.
+class ZNodeArborInstall_StorageDevicesUpdateAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_StorageDevicesUpdateAction, ZNodeAction)
+public:
+    bool ActionThread() override;
+};
+
+/// Scans, once after start-up, the drives that are there.
+class ZNodeArborInstall_ScanDrivesAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_ScanDrivesAction, ZNodeAction)
+public:
+    bool ActionThread() override;
+};
+
+/// Builds a package for the accessory's board; its message is a ZDeviceCompatibilityMsg.
+class ZNodeArborInstall_BuildAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_BuildAction, ZNodeAction)
+public:
+    bool ActionThread() override;
+};
+
+/// Relays the local installer's progress.
+class ZNodeArborInstall_ProgressAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_ProgressAction, ZNodeAction)
+public:
+    bool ActionThread() override;
+};
+
+/// Carries a package to the accessory as file messages; its message is a TransferMsg.
+class ZNodeArborInstall_TransferAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_TransferAction, ZNodeAction)
+public:
+    bool ActionThread() override;
+    /// The file's size in bytes; the largest value when it can't be opened.
+    static std::uint64_t GetFileSize(const std::filesystem::path& file);
+
+private:
+    struct Journey;
+    void Refuse(ZFrameworkErrorCodes::ZErrorCode code, const char* text);
+    std::shared_ptr<ZVersionInfoMsg> MakeAnswer() const;
+    bool OpenFile(const Journey& journey);
+    void SendChunks(const Journey& journey);
+    void CloseFile(const Journey& journey);
+    void PublishProgress(const Journey& journey, std::int32_t percent);
+    std::shared_ptr<ZGenericResponseMsg> Send(const Journey& journey, const std::shared_ptr<ZFileMsg>& message);
+};
+
+/// Installs the host's own version on the accessory through mDNS, ssh and rsync; its message is a ZSystemUpdateMsg.
+class ZNodeArborInstall_RemoteInstallAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_RemoteInstallAction, ZNodeAction)
+public:
+    bool ActionThread() override;
+    /// Asks mDNS for the accessory: under its own name, then under the two fixed ones. False when none resolves.
+    bool FindRemoteHostname(std::string& address, const std::string& modelName, const std::string& serialNumber);
+    /// Publishes the percentage in a line of the copy's output, if it holds one.
+    void InstallProgress(std::string line, std::string component);
+
+private:
+    struct Commands;
+    bool TryHostname(const std::string& candidate, std::string& address);
+    void Answer(const std::shared_ptr<ZMessageArray>& answer, bool success);
+    Commands MakeCommands(const std::string& address, const std::string& source, const std::string& ownName) const;
+    bool RunCommands(const Commands& commands);
+    void RelayProgress();
+
+    std::regex m_progressPattern{"([0-9]{1,3})%"};
+};

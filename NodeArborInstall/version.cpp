@@ -1,0 +1,4 @@
+#include "version.h"
+
+const char* GetVersionTag() { return "3.044"; }
+const char* GetVersionHash() { return "583f89732"; }
