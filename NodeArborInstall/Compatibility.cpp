@@ -13,7 +13,9 @@ constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
 constexpr const char* kHostBoard = "verdin-imx8mm";
 constexpr const char* kOtherBoard = "apalis-imx8";
 
-std::string ModelName(ZDeviceModel model) { return std::string(magic_enum::enum_name(model)); }
+std::string ModelName(ZDeviceModel model) {
+    return std::string(magic_enum::enum_name(model));
+}
 
 }  // namespace
 
@@ -90,8 +92,7 @@ void ZNodeArborInstall::BuildPackage(const std::shared_ptr<ZDeviceCompatibilityM
 
 void ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message) {
     const fs::path directory = m_archivePath / fs::path(m_systemVersion.m_text);
-    Z_LOG(2, "Build package for model <%s> board = <%s>", ModelName(message.m_Model).c_str(),
-          message.m_Board.c_str());
+    Z_LOG(2, "Build package for model <%s> board = <%s>", ModelName(message.m_Model).c_str(), message.m_Board.c_str());
     const std::string board = BoardOf(message);
     const auto script = InstallerScript(directory);
     if (!script) {

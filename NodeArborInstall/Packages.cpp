@@ -126,8 +126,8 @@ void ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersi
     std::optional<ZSoftwareVersion> erased;
     {
         const std::lock_guard lock(m_tablesMutex);
-        const auto same = std::find_if(m_packages.begin(), m_packages.end(),
-                                       [&](const auto& entry) { return entry.second == file; });
+        const auto same =
+            std::find_if(m_packages.begin(), m_packages.end(), [&](const auto& entry) { return entry.second == file; });
         if (same != m_packages.end()) {
             erased = same->first;
             m_packages.erase(same);

@@ -27,7 +27,9 @@ bool IsOutOfResources(int error) {
 
 }  // namespace
 
-fs::path ZNodeArborInstall::ProgressSocketPath() const { return m_archivePath / fs::path(Config().m_ProgressPath); }
+fs::path ZNodeArborInstall::ProgressSocketPath() const {
+    return m_archivePath / fs::path(Config().m_ProgressPath);
+}
 
 bool ZNodeArborInstall::BindSocket(int sockfd, bool bUnix) {
     std::int64_t unbound = 0;

@@ -40,8 +40,8 @@ bool ZNodeArborInstall::OnGetInstalledVersionInfo(const std::shared_ptr<ZMessage
 bool ZNodeArborInstall::OnGetUpdateInProgress(std::shared_ptr<ZMessage>& request) {
     const bool inProgress = m_bUpdateInProgress;
     const char* const text = inProgress ? "TRUE" : "FALSE";
-    Z_LOG(2, "Received request to check if an update is in progress - Update In Progress = <%s>; Message = <%s>...", text,
-          request->ClassName());
+    Z_LOG(2, "Received request to check if an update is in progress - Update In Progress = <%s>; Message = <%s>...",
+          text, request->ClassName());
     std::shared_ptr<ZSystemUpdateInProgressMsg> answer;
     if (const auto question = ZCAST(ZSystemUpdateInProgressRequestMsg, request)) {
         answer = Z_MAKE(ZSystemUpdateInProgressMsg);

@@ -5,8 +5,7 @@
 #include <algorithm>
 
 bool IsPlainShellWord(std::string_view text, bool mayBeEmpty) {
-    constexpr std::string_view kPlain =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./:+,=@%";
+    constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./:+,=@%";
     return (mayBeEmpty || !text.empty()) && text.find_first_not_of(kPlain) == std::string_view::npos;
 }
 

@@ -18,9 +18,8 @@ constexpr std::int32_t kFileMode = 0755;
 
 ZString Base64(const std::vector<char>& data, std::size_t size) {
     ZString text((size + 2) / 3 * 4 + 1, '\0');  // the encoder ends its text with a NUL
-    const int length =
-        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                        reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(size));
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                       reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(size));
     text.resize(static_cast<std::size_t>(length));
     return text;
 }

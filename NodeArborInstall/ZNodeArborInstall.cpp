@@ -11,7 +11,9 @@ namespace {
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
 }
 
-ZNodeArborInstall::ZNodeArborInstall(const ZString& name) : ZNode(name) { m_logName = ClassName(); }
+ZNodeArborInstall::ZNodeArborInstall(const ZString& name) : ZNode(name) {
+    m_logName = ClassName();
+}
 
 ZNodeArborInstall::~ZNodeArborInstall() {
     // The graph has ended every action by now. Clients that a relay left connected were kept for the next one.

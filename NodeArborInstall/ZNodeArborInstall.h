@@ -59,7 +59,8 @@ public:
     /// The archived package of that version; empty when there is none.
     std::filesystem::path GetBuild(ZSoftwareVersion& version);
     /// Whether a found package of that version is known and its file exists now. A known path is written to
-    /// `packagePath` also when the file has gone. Throws std::filesystem::filesystem_error when the file can't be asked.
+    /// `packagePath` also when the file has gone. Throws std::filesystem::filesystem_error when the file can't be
+    /// asked.
     bool FindPackage(const ZString& versionText, std::filesystem::path& packagePath);
     /// The file to install for that version, archive first; empty when there is none.
     std::filesystem::path GetPackage(const ZString& versionText);

@@ -6,7 +6,8 @@
 #include "NodeBase/ZNodeAction.h"
 #include "ZNodeArborInstall.h"
 
-/// Base of the node's worker actions: each is started with RunAction under the part of its name between "_" and "Action".
+/// Base of the node's worker actions: each is started with RunAction under the part of its name between "_" and
+/// "Action".
 class ZNodeArborInstallAction : public ZNodeAction {
     Z_CLASS(ZNodeArborInstallAction, ZNodeAction)
 protected:

@@ -21,8 +21,8 @@ public:
     ZString m_SwitchPartitionCmd;  ///< shell command that switches the boot partition
     ZString m_RunRecoveryCmd;      ///< shell command that switches to the recovery system
 
-    /// Derived, when the record is read: the device's mount point and ArchiveDir. ArchiveDir alone when the device is not
-    /// mounted; empty without a device.
+    /// Derived, when the record is read: the device's mount point and ArchiveDir. ArchiveDir alone when the device is
+    /// not mounted; empty without a device.
     std::filesystem::path m_archiveRoot;
 
     /// Writes all nine keys; true.

@@ -5,7 +5,9 @@
 
 ZSoftwareVersion::ZSoftwareVersion() : m_text("unknown") {}
 
-ZSoftwareVersion::ZSoftwareVersion(ZString text) : m_text(std::move(text)) { Split(m_text); }
+ZSoftwareVersion::ZSoftwareVersion(ZString text) : m_text(std::move(text)) {
+    Split(m_text);
+}
 
 void ZSoftwareVersion::Set(const ZString& text) {
     m_text = text;
@@ -52,10 +54,18 @@ int ZSoftwareVersion::Compare(const ZSoftwareVersion& other) const {
     return 0;
 }
 
-bool ZSoftwareVersion::operator==(const ZSoftwareVersion& other) const { return Compare(other) == 0; }
-bool ZSoftwareVersion::operator!=(const ZSoftwareVersion& other) const { return Compare(other) != 0; }
-bool ZSoftwareVersion::operator<(const ZSoftwareVersion& other) const { return Compare(other) < 0; }
-bool ZSoftwareVersion::operator>(const ZSoftwareVersion& other) const { return Compare(other) > 0; }
+bool ZSoftwareVersion::operator==(const ZSoftwareVersion& other) const {
+    return Compare(other) == 0;
+}
+bool ZSoftwareVersion::operator!=(const ZSoftwareVersion& other) const {
+    return Compare(other) != 0;
+}
+bool ZSoftwareVersion::operator<(const ZSoftwareVersion& other) const {
+    return Compare(other) < 0;
+}
+bool ZSoftwareVersion::operator>(const ZSoftwareVersion& other) const {
+    return Compare(other) > 0;
+}
 
 bool ZSoftwareVersion::operator>=(const ZSoftwareVersion& other) const {
     if (other.m_components.empty()) {

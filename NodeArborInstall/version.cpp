@@ -1,4 +1,8 @@
 #include "version.h"
 
-const char* GetVersionTag() { return "3.044"; }
-const char* GetVersionHash() { return "583f89732"; }
+const char* GetVersionTag() {
+    return "3.044";
+}
+const char* GetVersionHash() {
+    return "583f89732";
+}

@@ -1,5 +1,6 @@
 #include "NodeBase/ZActionRunner.h"
 
+#include <algorithm>
 #include <system_error>
 
 #include "ZShared/ZLog.h"
@@ -71,9 +72,11 @@ void ZActionRunner::Run(Running& running) {
         const ZStopScope scope(m_stop);
         RunGuarded(*running.action);
     }
+    std::shared_ptr<ZNodeAction> done;  // destroyed outside the lock
     const std::lock_guard lock(m_mutex);
-    running.action.reset();
+    done = std::move(running.action);
     running.ended = true;
+    m_ended.notify_all();
 }
 
 bool ZActionRunner::StopNewest() {
@@ -99,16 +102,14 @@ void ZActionRunner::StopAll() {
 }
 
 void ZActionRunner::Join() {
-    while (true) {
-        std::list<Running> taken;
-        {
-            const std::lock_guard lock(m_mutex);
-            if (m_running.empty()) {
-                return;
-            }
-            // A thread that still runs refers to its entry; splicing moves no entry.
-            taken.splice(taken.end(), m_running, m_running.begin());
-        }
-        taken.front().thread.join();
+    std::list<Running> ended;
+    {
+        std::unique_lock lock(m_mutex);
+        // Those that run stay in the list: StopAll must reach them while somebody waits here.
+        m_ended.wait(lock, [this] { return std::ranges::all_of(m_running, &Running::ended); });
+        ended = TakeEnded();
+    }
+    for (Running& running : ended) {
+        running.thread.join();
     }
 }

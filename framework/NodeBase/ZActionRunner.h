@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <list>
 #include <mutex>
 #include <thread>
@@ -37,6 +38,7 @@ private:
 
     ZStopEvent m_stop;
     std::mutex m_mutex;
-    std::list<Running> m_running;  // oldest first
+    std::condition_variable m_ended;  // an action has ended
+    std::list<Running> m_running;     // oldest first
     bool m_stopped = false;
 };

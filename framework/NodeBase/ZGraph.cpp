@@ -25,17 +25,25 @@ ZGraph::ZGraph(std::shared_ptr<ZCoreConfigParams> core, std::shared_ptr<ZNodeCom
     m_comm->SetRequestTimeout(std::chrono::seconds(m_core->m_RequestTimeoutSeconds));
 }
 
-ZGraph::~ZGraph() { TearDown(); }
+ZGraph::~ZGraph() {
+    TearDown();
+}
 
 bool ZGraph::AddNode(const std::string& className, const ZString& name, const std::shared_ptr<ZConfig>& config,
                      std::string& error) {
-    const auto node = cast_shared<ZNode>(ZShared::ZFactory::Instance().CreateShared(className, name));
-    if (!node) {
-        error = "\"" + className + "\" is not the name of a node class";
+    std::shared_ptr<ZNode> node;
+    try {
+        node = cast_shared<ZNode>(ZShared::ZFactory::Instance().CreateShared(className, name));
+        if (!node) {
+            error = "\"" + className + "\" is not the name of a node class";
+            return false;
+        }
+        node->Attach(m_comm, std::make_shared<ZMailbox>(m_core->m_QueueLength));
+        node->StartMessageThread();
+    } catch (const std::exception& failure) {
+        error = "Node \"" + ToStdString(name) + "\" could not be made: " + failure.what();
         return false;
     }
-    node->Attach(m_comm, std::make_shared<ZMailbox>(m_core->m_QueueLength));
-    node->StartMessageThread();
     if (!SetUp(*node, config, error)) {
         node->BeginStop();
         node->FinishStop();
@@ -46,32 +54,34 @@ bool ZGraph::AddNode(const std::string& className, const ZString& name, const st
 }
 
 bool ZGraph::SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config, std::string& error) {
-    const char* failed = nullptr;
-    const auto steps = [&] {
+    // Shared, like all that is read after a call with a limit: the work may still be running when the limit is over.
+    const auto failed = std::make_shared<std::atomic<const char*>>(nullptr);
+    const auto steps = [&node, core = m_core, config, failed] {
         if (!node.OnInit()) {
-            failed = "could not be initialised";
-        } else if (!node.OnConfig(m_core, config)) {
-            failed = "refused its configuration";
+            *failed = "could not be initialised";
+        } else if (!node.OnConfig(core, config)) {
+            *failed = "refused its configuration";
         } else if (!node.OnConnecting() || !node.InitMessageMap()) {
-            failed = "could not subscribe its keywords";
+            *failed = "could not subscribe its keywords";
         } else {
             node.OnConnected();
         }
     };
     const bool ran = node.CallOnMessageThread(steps, ZMailbox::Clock::now() + kSetUpLimit);
-    if (ran && failed == nullptr) {
+    const char* const reason = ran ? failed->load() : "failed while it was set up";
+    if (reason == nullptr) {
         return true;
     }
-    error = "Node \"" + ToStdString(node.Name()) + "\" " + (ran ? failed : "failed while it was set up");
+    error = "Node \"" + ToStdString(node.Name()) + "\" " + reason;
     return false;
 }
 
 bool ZGraph::Start(std::string& error) {
     for (const auto& node : m_nodes) {
-        bool created = false;
-        const bool ran = node->CallOnMessageThread([&] { created = node->OnGraphCreated(); },
+        const auto created = std::make_shared<std::atomic<bool>>(false);
+        const bool ran = node->CallOnMessageThread([node, created] { *created = node->OnGraphCreated(); },
                                                    ZMailbox::Clock::now() + kSetUpLimit);
-        if (!ran || !created) {
+        if (!ran || !*created) {
             error = "Node \"" + ToStdString(node->Name()) + "\" failed when the graph was created";
             return false;
         }
@@ -81,15 +91,16 @@ bool ZGraph::Start(std::string& error) {
 
 bool ZGraph::AskToStop(const std::function<bool()>& hurry) {
     const auto deadline = ZMailbox::Clock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
+    // A node whose thread is busy must not keep the others from being asked, nor `hurry` from being looked at.
+    const auto patience = [deadline] { return std::min(deadline, ZMailbox::Clock::now() + std::chrono::seconds(1)); };
     for (const auto& node : m_nodes) {
-        node->CallOnMessageThread([&] { node->OnShutdownWarning(); }, deadline);
+        node->CallOnMessageThread([node] { node->OnShutdownWarning(); }, patience());
     }
     std::vector<std::shared_ptr<ZNode>> waiting(m_nodes.begin(), m_nodes.end());
     for (bool first = true;; first = false) {
         std::erase_if(waiting, [&](const auto& node) {
             const auto agreed = std::make_shared<std::atomic<bool>>(false);
-            const auto patience = std::min(deadline, ZMailbox::Clock::now() + std::chrono::seconds(1));
-            node->CallOnMessageThread([node, agreed] { *agreed = node->OnShutdownRequest(false); }, patience);
+            node->CallOnMessageThread([node, agreed] { *agreed = node->OnShutdownRequest(false); }, patience());
             if (!*agreed && first) {
                 LogLine(3, __LINE__, "Waiting for %s, which is not ready to stop", node->Name().c_str());
             }
@@ -124,7 +135,7 @@ void ZGraph::TearDown() {
                 node->OnShutdown();
                 node->OnDisconnect();
             },
-            deadline);
+            deadline, ZNode::ZTurn::Last);
         node->FinishStop();
     }
     while (!m_nodes.empty()) {

@@ -4,8 +4,8 @@
 
 /// How a graph ended.
 enum class ZGraphEnd {
-    Agreed,   ///< every node agreed to stop
-    Forced,   ///< the grace period ended, or the wait was cut short, before every node agreed
+    Agreed,  ///< every node agreed to stop
+    Forced,  ///< the grace period ended, or the wait was cut short, before every node agreed
 };
 
 /// A set of nodes on one bus, and their lifecycle. Used from one thread.
@@ -19,7 +19,8 @@ public:
     ZGraph& operator=(const ZGraph&) = delete;
 
     /// Makes a node by class name, configures and wires it. False, with `error`, when the class is unknown or no node,
-    /// when the node refuses its configuration, or when a keyword could not be subscribed; the node is gone then.
+    /// when its constructor throws or no thread is to be had, when the node refuses its configuration, or when a
+    /// keyword could not be subscribed; the node is gone then.
     bool AddNode(const std::string& className, const ZString& name, const std::shared_ptr<ZConfig>& config,
                  std::string& error);
     /// Tells every node, in order of creation, that the graph exists. False, with `error`, when one reports failure.

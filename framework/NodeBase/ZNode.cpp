@@ -10,7 +10,9 @@ namespace {
 constexpr const char* kLogSource = "NodeBase/ZNode";
 }
 
-ZNode::ZNode(const ZString& name) : ZCommEnabledObject(name) { m_logName = kClassName; }
+ZNode::ZNode(const ZString& name) : ZCommEnabledObject(name) {
+    m_logName = kClassName;
+}
 
 ZNode::~ZNode() {
     BeginStop();
@@ -26,24 +28,46 @@ std::shared_ptr<ZTimer> ZNode::GetTimer(const ZString& name, ZTimer::Callback ca
     return timer;
 }
 
-bool ZNode::OnForward(std::shared_ptr<ZMessage>&) { return false; }
-bool ZNode::OnInit() { return true; }
-bool ZNode::OnConnecting() { return true; }
+bool ZNode::OnForward(std::shared_ptr<ZMessage>&) {
+    return false;
+}
+bool ZNode::OnInit() {
+    return true;
+}
+bool ZNode::OnConnecting() {
+    return true;
+}
 void ZNode::OnConnected() {}
 void ZNode::OnIdle() {}
-bool ZNode::OnFilterMessage(const std::shared_ptr<ZMessage>&) { return true; }
-bool ZNode::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>&) { return true; }
+bool ZNode::OnFilterMessage(const std::shared_ptr<ZMessage>&) {
+    return true;
+}
+bool ZNode::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>&) {
+    return true;
+}
 void ZNode::OnConnectionLost(const ZNodeUID&) {}
 void ZNode::OnGraphSwapped() {}
-bool ZNode::ShouldRegisterWithDiscovery() const { return false; }
+bool ZNode::ShouldRegisterWithDiscovery() const {
+    return false;
+}
 void ZNode::OnShutdown() {}
 void ZNode::OnShutdownWarning() {}
-bool ZNode::OnShutdownRequest(bool) { return true; }
-bool ZNode::InitMessageMap() { return true; }
+bool ZNode::OnShutdownRequest(bool) {
+    return true;
+}
+bool ZNode::InitMessageMap() {
+    return true;
+}
 void ZNode::OnDisconnect() {}
-bool ZNode::OnGraphCreated() { return true; }
-bool ZNode::OnControl(std::shared_ptr<ZMessage>&) { return false; }
-bool ZNode::OnAction(const ZNodeAction&) { return true; }
+bool ZNode::OnGraphCreated() {
+    return true;
+}
+bool ZNode::OnControl(std::shared_ptr<ZMessage>&) {
+    return false;
+}
+bool ZNode::OnAction(const ZNodeAction&) {
+    return true;
+}
 
 void ZNode::MessagePump() {
     const ZStopScope scope(m_actions.StopEvent());
@@ -88,7 +112,7 @@ void ZNode::StartMessageThread() {
     m_messageThread = std::thread([this] { MessagePump(); });
 }
 
-bool ZNode::CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clock::time_point deadline) {
+bool ZNode::CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clock::time_point deadline, ZTurn turn) {
     const auto done = std::make_shared<std::promise<void>>();
     auto future = done->get_future();
     const auto guarded = [work, done] {
@@ -99,7 +123,8 @@ bool ZNode::CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clo
             done->set_exception(std::current_exception());
         }
     };
-    if (!Mailbox()->Post(guarded, deadline, 1) || future.wait_until(deadline) != std::future_status::ready) {
+    if (!Mailbox()->Post(guarded, deadline, static_cast<int>(turn)) ||
+        future.wait_until(deadline) != std::future_status::ready) {
         return false;
     }
     try {

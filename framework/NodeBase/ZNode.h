@@ -15,7 +15,8 @@ public:
     explicit ZNode(const ZString& name);
     ~ZNode() override;
 
-    /// The node's timer of that name, made at the first call and kept by the node. `callback` runs on the message thread.
+    /// The node's timer of that name, made at the first call and kept by the node. `callback` runs on the message
+    /// thread.
     virtual std::shared_ptr<ZTimer> GetTimer(const ZString& name, ZTimer::Callback callback, void* context);
     /// Offers the node a message that is meant for another device. True when it took it.
     virtual bool OnForward(std::shared_ptr<ZMessage>& message);
@@ -53,7 +54,7 @@ public:
     /// Called once all nodes of the graph exist and are wired.
     virtual bool OnGraphCreated();
     virtual bool OnControl(std::shared_ptr<ZMessage>& message);
-    /// Called on the action's thread, before it runs. False keeps it from running.
+    /// Called by RunAction, on its caller's thread, before the action starts. False keeps it from starting.
     virtual bool OnAction(const ZNodeAction& action);
 
     /// Starts the action registered as <own class>_<name>Action on a thread of its own, with `message`, which may be
@@ -69,8 +70,13 @@ public:
 
     /// Starts the message thread. Throws std::system_error when there is none to be had.
     void StartMessageThread();
-    /// Runs `work` on the message thread and waits for it, at most until `deadline`. False when it did not get to run.
-    bool CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clock::time_point deadline);
+    /// Where work stands among what waits in the node's queue.
+    enum class ZTurn : std::int8_t { First = 1, Last = -1 };
+    /// Runs `work` on the message thread and waits for it, at most until `deadline`. False when it was not done by then
+    /// or threw; work that was queued in time still runs later, so it must own what it uses. Not for the message
+    /// thread.
+    bool CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clock::time_point deadline,
+                             ZTurn turn = ZTurn::First);
     /// Refuses new actions, asks the running ones to stop and ends what they wait for. Returns at once.
     void BeginStop();
     /// Waits for actions and for the queue to drain, and takes the node off the bus.

@@ -1,5 +1,6 @@
 #include "NodeBase/ZTimer.h"
 
+#include <algorithm>
 #include <system_error>
 
 #include "ZShared/ZLog.h"
@@ -9,22 +10,30 @@ ZTimer::ZTimer(std::shared_ptr<ZMailbox> mailbox, Callback callback, void* conte
       m_callback(std::make_shared<const Callback>(std::move(callback))),
       m_context(context) {}
 
-ZTimer::~ZTimer() { Stop(); }
+ZTimer::~ZTimer() {
+    Stop();
+}
 
 bool ZTimer::Start(std::chrono::milliseconds interval, bool repeat) {
-    Stop();
+    const std::lock_guard control(m_controlMutex);
+    EndThread();
+    m_stopped = false;  // no thread is there to read it
     try {
-        m_stopped = false;
-        m_thread = std::thread([this, interval, repeat] { Run(interval, repeat); });
+        const auto period = std::max(interval, std::chrono::milliseconds(1));
+        m_thread = std::thread([this, period, repeat] { Run(period, repeat); });
         return true;
     } catch (const std::system_error& failure) {
-        m_stopped = true;
         ZLog::Instance().Log(4, "ZTimer", "NodeBase/ZTimer", __func__, __LINE__, "No timer thread: %s", failure.what());
         return false;
     }
 }
 
 void ZTimer::Stop() {
+    const std::lock_guard control(m_controlMutex);
+    EndThread();
+}
+
+void ZTimer::EndThread() {
     {
         const std::lock_guard lock(m_mutex);
         m_stopped = true;

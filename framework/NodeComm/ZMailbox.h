@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -15,11 +16,13 @@ public:
 
     explicit ZMailbox(std::size_t length);
 
-    /// Queues a task, waiting for room until `deadline`. False when there was none, or when the mailbox is closed.
-    bool Post(Task task, Clock::time_point deadline, int priority = 0);
+    /// Queues a task, waiting for room until `deadline`, or until `givenUp` is true and WakePosters was called. False
+    /// when there was none, or when the mailbox is closed.
+    bool Post(Task task, Clock::time_point deadline, int priority = 0, const std::atomic<bool>* givenUp = nullptr);
+    void WakePosters();
 
-    /// Takes and runs tasks, on the calling thread, until the mailbox is closed and empty. `onIdle` runs whenever the last
-    /// task that waited has been done.
+    /// Takes and runs tasks, on the calling thread, until the mailbox is closed and empty. `onIdle` runs whenever the
+    /// last task that waited has been done. An exception that leaves either is logged, and the next task runs.
     void Run(const Task& onIdle = {});
 
     /// No task is accepted any more; those that are queued still run. Wakes waiting posters.

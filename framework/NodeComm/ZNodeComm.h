@@ -15,7 +15,8 @@ class ZNodeComm;
 class ZResponseSource {
 public:
     ZResponseSource() = default;
-    ZResponseSource(std::weak_ptr<ZNodeComm> comm, std::uint64_t request) : m_comm(std::move(comm)), m_request(request) {}
+    ZResponseSource(std::weak_ptr<ZNodeComm> comm, std::uint64_t request)
+        : m_comm(std::move(comm)), m_request(request) {}
     /// The response source of a message at this moment; one that nobody waits behind when it was not a request.
     explicit ZResponseSource(const ZMessage& message);
 
@@ -55,16 +56,18 @@ public:
     /// False when the endpoint has no name and is not a progress endpoint, or when the bus is closed.
     virtual bool Subscribe(const void* owner, const ZNodeUID& node, const std::shared_ptr<ZMailbox>& mailbox,
                            const ZCommEndpoint& endpoint, Handler handler) = 0;
+    /// Ends the owner's subscriptions. None of its handlers runs once this has returned, but for one that calls it.
     virtual void Unsubscribe(const void* owner) = 0;
 
-    /// Hands the message to every subscriber, in the order of subscription. With `response`, waits for the first answer.
+    /// Hands the message to every subscriber, in the order of subscription. With `response`, waits for the first
+    /// answer.
     virtual ZPublishOutcome Publish(const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
                                     std::shared_ptr<ZMessage>* response, const ZPublishOptions& options) = 0;
 
     /// Gives the waiting requester its answer. False when nobody waits any more.
     virtual bool Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) = 0;
 
-    /// Ends every wait, and refuses what comes later.
+    /// Ends every wait, for answers and for room in queues, and refuses what comes later.
     virtual void Close() = 0;
 
     virtual void SetRequestTimeout(std::chrono::milliseconds timeout) = 0;

@@ -12,8 +12,9 @@ struct ZNodeCommLocal::Subscription {
     ZNodeUID node;
     std::shared_ptr<ZMailbox> mailbox;
     Handler handler;
-    // Cleared by Unsubscribe, which then waits for a running call: afterwards the handler is never entered.
-    std::mutex mutex;
+    // Cleared by Unsubscribe, which then waits for a running call: afterwards the handler is never entered. Recursive,
+    // for a handler that unsubscribes its own node.
+    std::recursive_mutex mutex;
     bool active = true;
 
     void Call(std::shared_ptr<ZMessage> message) {
@@ -83,14 +84,19 @@ void ZNodeCommLocal::Unsubscribe(const void* owner) {
     for (const auto& subscription : removed) {
         const std::lock_guard lock(subscription->mutex);
         subscription->active = false;
-        subscription->handler = nullptr;
     }
 }
 
 std::shared_ptr<const ZNodeCommLocal::Subscribers> ZNodeCommLocal::Find(const ZCommEndpoint& endpoint) const {
     const std::shared_lock lock(m_subscribersMutex);
     const auto found = m_subscribers.find({endpoint.Type(), endpoint.Name()});
-    return found == m_subscribers.end() ? nullptr : found->second;
+    if (found == m_subscribers.end() || endpoint.Node().IsAny()) {
+        return found == m_subscribers.end() ? nullptr : found->second;
+    }
+    auto ofNode = std::make_shared<Subscribers>();
+    std::ranges::copy_if(*found->second, std::back_inserter(*ofNode),
+                         [&](const auto& subscription) { return subscription->node == endpoint.Node(); });
+    return ofNode->empty() ? nullptr : std::move(ofNode);
 }
 
 ZPublishOutcome ZNodeCommLocal::Publish(const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
@@ -105,23 +111,20 @@ ZPublishOutcome ZNodeCommLocal::Publish(const ZCommEndpoint& endpoint, const std
     const auto timeout =
         options.timeout.count() > 0 ? options.timeout : std::chrono::milliseconds(m_requestTimeout.load());
     const auto deadline = ZMailbox::Clock::now() + timeout;
-    return response == nullptr ? Deliver(*subscribers, endpoint.Node(), message, options, deadline)
-                               : Request(*subscribers, endpoint.Node(), message, *response, options, deadline);
+    return response == nullptr ? Deliver(*subscribers, message, options, deadline)
+                               : Request(*subscribers, message, *response, options, deadline);
 }
 
-ZPublishOutcome ZNodeCommLocal::Deliver(const Subscribers& subscribers, const ZNodeUID& node,
-                                        const std::shared_ptr<ZMessage>& message, const ZPublishOptions& options,
-                                        ZMailbox::Clock::time_point deadline) {
+ZPublishOutcome ZNodeCommLocal::Deliver(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
+                                        const ZPublishOptions& options, ZMailbox::Clock::time_point deadline) {
     ZPublishOutcome outcome = ZPublishOutcome::NoSubscriber;
     const int priority = options.bUrgent ? 1 : message->GetDefaultPriority();
     for (const auto& subscription : subscribers) {
-        if (!node.IsAny() && !(subscription->node == node)) {
-            continue;
-        }
         // A node never waits for room in its own queue: it is the one who would have to make it.
         const bool wait = options.bReliable && !subscription->mailbox->IsMine();
-        const bool posted = subscription->mailbox->Post([subscription, message] { subscription->Call(message); },
-                                                        wait ? deadline : ZMailbox::Clock::time_point{}, priority);
+        const bool posted =
+            subscription->mailbox->Post([subscription, message] { subscription->Call(message); },
+                                        wait ? deadline : ZMailbox::Clock::time_point{}, priority, &m_closed);
         if (posted) {
             outcome = ZPublishOutcome::Delivered;
             continue;
@@ -130,15 +133,15 @@ ZPublishOutcome ZNodeCommLocal::Deliver(const Subscribers& subscribers, const ZN
                              "The queue of %s is full or closed: a %s was not delivered",
                              subscription->node.Name().c_str(), message->ClassName());
         if (outcome == ZPublishOutcome::NoSubscriber) {
-            outcome = ZPublishOutcome::QueueFull;
+            outcome = m_closed ? ZPublishOutcome::Closed : ZPublishOutcome::QueueFull;
         }
     }
     return outcome;
 }
 
-ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const ZNodeUID& node,
-                                        const std::shared_ptr<ZMessage>& message, std::shared_ptr<ZMessage>& response,
-                                        const ZPublishOptions& options, ZMailbox::Clock::time_point deadline) {
+ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
+                                        std::shared_ptr<ZMessage>& response, const ZPublishOptions& options,
+                                        ZMailbox::Clock::time_point deadline) {
     if (std::all_of(subscribers.begin(), subscribers.end(), [](const auto& s) { return s->mailbox->IsMine(); })) {
         return ZPublishOutcome::Refused;
     }
@@ -150,7 +153,7 @@ ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const ZN
         m_pending.emplace(id, &pending);
     }
     message->SetResponseSource(std::make_shared<ZResponseSource>(weak_from_this(), id));
-    ZPublishOutcome outcome = Deliver(subscribers, node, message, options, deadline);
+    ZPublishOutcome outcome = Deliver(subscribers, message, options, deadline);
 
     std::unique_lock lock(m_pendingMutex);
     if (outcome == ZPublishOutcome::Delivered) {
@@ -177,11 +180,21 @@ bool ZNodeCommLocal::Respond(const ZResponseSource& source, const std::shared_pt
 }
 
 void ZNodeCommLocal::Close() {
-    const std::lock_guard lock(m_pendingMutex);
-    m_closed = true;
-    for (const auto& [id, pending] : m_pending) {
-        pending->changed.notify_one();
+    {
+        const std::lock_guard lock(m_pendingMutex);
+        m_closed = true;
+        for (const auto& [id, pending] : m_pending) {
+            pending->changed.notify_one();
+        }
+    }
+    const std::shared_lock lock(m_subscribersMutex);
+    for (const auto& [endpoint, subscribers] : m_subscribers) {
+        for (const auto& subscription : *subscribers) {
+            subscription->mailbox->WakePosters();
+        }
     }
 }
 
-void ZNodeCommLocal::SetRequestTimeout(std::chrono::milliseconds timeout) { m_requestTimeout = timeout.count(); }
+void ZNodeCommLocal::SetRequestTimeout(std::chrono::milliseconds timeout) {
+    m_requestTimeout = timeout.count();
+}

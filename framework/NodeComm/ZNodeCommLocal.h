@@ -31,13 +31,13 @@ private:
     using Key = std::pair<ZEndpointType, ZString>;
     using Subscribers = std::vector<std::shared_ptr<Subscription>>;
 
+    /// Those that a publication there reaches; null when there are none.
     std::shared_ptr<const Subscribers> Find(const ZCommEndpoint& endpoint) const;
-    ZPublishOutcome Deliver(const Subscribers& subscribers, const ZNodeUID& node,
-                            const std::shared_ptr<ZMessage>& message, const ZPublishOptions& options,
-                            ZMailbox::Clock::time_point deadline);
-    ZPublishOutcome Request(const Subscribers& subscribers, const ZNodeUID& node,
-                            const std::shared_ptr<ZMessage>& message, std::shared_ptr<ZMessage>& response,
+    ZPublishOutcome Deliver(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
                             const ZPublishOptions& options, ZMailbox::Clock::time_point deadline);
+    ZPublishOutcome Request(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
+                            std::shared_ptr<ZMessage>& response, const ZPublishOptions& options,
+                            ZMailbox::Clock::time_point deadline);
 
     mutable std::shared_mutex m_subscribersMutex;
     std::map<Key, std::shared_ptr<const Subscribers>> m_subscribers;

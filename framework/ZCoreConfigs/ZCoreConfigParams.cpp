@@ -21,4 +21,6 @@ void ZCoreConfigParams::SetEnvironment(const std::shared_ptr<ZEnvironment>& envi
     m_Files.SetEnvironment(environment);
 }
 
-void ZCoreConfigParams::ResolvePaths() { m_Files.ResolvePaths(); }
+void ZCoreConfigParams::ResolvePaths() {
+    m_Files.ResolvePaths();
+}

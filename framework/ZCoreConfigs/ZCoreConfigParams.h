@@ -15,8 +15,8 @@ public:
     std::uint32_t m_FileSizeKiB = 1024;
     std::uint32_t m_FileCount = 5;
 
-    Z_FIELDS(Z_FIELD(m_Level), Z_FIELD(m_bConsole), Z_FIELD(m_bJournal),
-             Z_FIELD(m_File), Z_FIELD(m_FileSizeKiB), Z_FIELD(m_FileCount))
+    Z_FIELDS(Z_FIELD(m_Level), Z_FIELD(m_bConsole), Z_FIELD(m_bJournal), Z_FIELD(m_File), Z_FIELD(m_FileSizeKiB),
+             Z_FIELD(m_FileCount))
 };
 
 // The records of the logs that some graphs keep beside the main one. Nodes may be handed them; this host keeps one log.
@@ -88,6 +88,5 @@ public:
     void SetEnvironment(const std::shared_ptr<ZEnvironment>& environment) override;
     void ResolvePaths() override;
 
-    Z_FIELDS(Z_FIELD(m_RequestTimeoutSeconds), Z_FIELD(m_QueueLength),
-             Z_FIELD(m_ShutdownGraceSeconds))
+    Z_FIELDS(Z_FIELD(m_RequestTimeoutSeconds), Z_FIELD(m_QueueLength), Z_FIELD(m_ShutdownGraceSeconds))
 };

@@ -28,7 +28,9 @@ ZString TakeName(const std::string& text, std::size_t& at) {
 
 }  // namespace
 
-void ZEnvironment::Set(const ZString& name, const ZString& value) { m_variables[name] = value; }
+void ZEnvironment::Set(const ZString& name, const ZString& value) {
+    m_variables[name] = value;
+}
 
 bool ZEnvironment::Lookup(const ZString& name, std::string& value) const {
     if (const auto found = m_variables.find(name); found != m_variables.end()) {

@@ -21,8 +21,7 @@ public:
     bool m_bSuccess = true;
     ZFrameworkErrorCodes::ZErrorCode m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
 
-    Z_FIELDS(Z_KEYED_FIELD("text", m_ErrorText),
-             Z_KEYED_FIELD("bSuccess", m_bSuccess),
+    Z_FIELDS(Z_KEYED_FIELD("text", m_ErrorText), Z_KEYED_FIELD("bSuccess", m_bSuccess),
              Z_KEYED_FIELD("ErrCode", m_ErrorCode))
 };
 
@@ -36,8 +35,7 @@ public:
     ZString m_SerialNumber;
     ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
 
-    Z_FIELDS(Z_FIELD(m_VersionType), Z_FIELD(m_Version),
-             Z_FIELD(m_bInstalled), Z_FIELD(m_SerialNumber),
+    Z_FIELDS(Z_FIELD(m_VersionType), Z_FIELD(m_Version), Z_FIELD(m_bInstalled), Z_FIELD(m_SerialNumber),
              Z_FIELD(m_DeviceModel))
 };
 
@@ -60,8 +58,7 @@ public:
     ZString m_Version;
     ZString m_Board;
 
-    Z_FIELDS(Z_FIELD(m_Name), Z_FIELD(m_Version),
-             Z_FIELD(m_Board))
+    Z_FIELDS(Z_FIELD(m_Name), Z_FIELD(m_Version), Z_FIELD(m_Board))
 };
 
 /// Contents of a "Manifest.json".
@@ -70,11 +67,10 @@ class ZSystemManifestMsg : public ZMessage {
 public:
     ZString m_SystemVersion;
     ZString m_InstallerVersion;
-    ZString m_InstallerPath;  ///< the installer's folder, relative to the version's directory
+    ZString m_InstallerPath;                          ///< the installer's folder, relative to the version's directory
     ZVector<std::shared_ptr<ZMessage>> m_Components;  ///< each a ZComponentVersionMsg
 
-    Z_FIELDS(Z_FIELD(m_SystemVersion), Z_FIELD(m_InstallerVersion),
-             Z_FIELD(m_InstallerPath), Z_FIELD(m_Components))
+    Z_FIELDS(Z_FIELD(m_SystemVersion), Z_FIELD(m_InstallerVersion), Z_FIELD(m_InstallerPath), Z_FIELD(m_Components))
 };
 
 /// Request "updatesystem", and "remoteinstall".
@@ -87,8 +83,7 @@ public:
     ZString m_ProgressHost;  ///< mDNS name, without ".local", of the device that takes the progress; empty: this one
     bool m_bReboot = true;
 
-    Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_DeviceModel),
-             Z_FIELD(m_SerialNumber), Z_FIELD(m_ProgressHost),
+    Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_DeviceModel), Z_FIELD(m_SerialNumber), Z_FIELD(m_ProgressHost),
              Z_FIELD(m_bReboot))
 };
 
@@ -99,8 +94,7 @@ public:
     ZString m_Message;
     ZString m_RequestTag;  ///< returned unchanged, so that a requester can tell its answers apart
 
-    Z_FIELDS(Z_FIELD(m_Message),
-             Z_FIELD(m_RequestTag))
+    Z_FIELDS(Z_FIELD(m_Message), Z_FIELD(m_RequestTag))
 };
 
 class ZSystemUpdateInProgressMsg : public ZMessage {
@@ -110,8 +104,7 @@ public:
     ZString m_Message;
     ZString m_RequestTag;
 
-    Z_FIELDS(Z_FIELD(m_bUpdateInProgress), Z_FIELD(m_Message),
-             Z_FIELD(m_RequestTag))
+    Z_FIELDS(Z_FIELD(m_bUpdateInProgress), Z_FIELD(m_Message), Z_FIELD(m_RequestTag))
 };
 
 /// Request "compareversions": is the first at least the second?
@@ -143,9 +136,8 @@ public:
     ZString m_Board;
     ZString m_HostName;
 
-    Z_FIELDS(Z_FIELD(m_DeviceType), Z_FIELD(m_DeviceModel),
-             Z_FIELD(m_Model), Z_FIELD(m_SerialNumber),
-             Z_FIELD(m_Board), Z_FIELD(m_HostName))
+    Z_FIELDS(Z_FIELD(m_DeviceType), Z_FIELD(m_DeviceModel), Z_FIELD(m_Model), Z_FIELD(m_SerialNumber), Z_FIELD(m_Board),
+             Z_FIELD(m_HostName))
 };
 
 /// Request "checkCompatibility", and, with the verdict written in, its answer.
@@ -160,22 +152,19 @@ public:
     bool m_bCompatible = false;
     ZString m_Board;
 
-    Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_bRequiresUpdate),
-             Z_FIELD(m_Model), Z_FIELD(m_BoardType),
-             Z_FIELD(m_TargetVersion), Z_FIELD(m_bCompatible),
-             Z_FIELD(m_Board))
+    Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_bRequiresUpdate), Z_FIELD(m_Model), Z_FIELD(m_BoardType),
+             Z_FIELD(m_TargetVersion), Z_FIELD(m_bCompatible), Z_FIELD(m_Board))
 };
 
 /// Asks the graph to end.
 class ZShutdownMsg : public ZMessage {
     Z_MESSAGE(ZShutdownMsg, ZMessage)
 public:
-    bool m_bRestart = false;      ///< start the graph again afterwards
+    bool m_bRestart = false;        ///< start the graph again afterwards
     bool m_bUnconditional = false;  ///< a node's refusal is not waited for
     std::uint16_t m_DelaySeconds = 0;
 
-    Z_FIELDS(Z_FIELD(m_bRestart), Z_FIELD(m_bUnconditional),
-             Z_FIELD(m_DelaySeconds))
+    Z_FIELDS(Z_FIELD(m_bRestart), Z_FIELD(m_bUnconditional), Z_FIELD(m_DelaySeconds))
 };
 
 /// Progress of an install or a transfer; also the installer's own JSON document.
@@ -192,11 +181,8 @@ public:
     ZString m_SerialNumber;
     ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
 
-    Z_FIELDS(Z_FIELD(m_Header), Z_FIELD(m_Message),
-             Z_FIELD(m_Percent), Z_FIELD(m_bError),
-             Z_FIELD(m_bDone), Z_FIELD(m_bSpinner),
-             Z_FIELD(m_Operation), Z_FIELD(m_SerialNumber),
-             Z_FIELD(m_DeviceModel))
+    Z_FIELDS(Z_FIELD(m_Header), Z_FIELD(m_Message), Z_FIELD(m_Percent), Z_FIELD(m_bError), Z_FIELD(m_bDone),
+             Z_FIELD(m_bSpinner), Z_FIELD(m_Operation), Z_FIELD(m_SerialNumber), Z_FIELD(m_DeviceModel))
 };
 
 /// What the three messages of a file's journey have in common: which file, on which device.
@@ -247,7 +233,7 @@ public:
 class ZFileReadResponseMsg : public ZGenericResponseMsg {
     Z_MESSAGE(ZFileReadResponseMsg, ZGenericResponseMsg)
 public:
-    ZString m_Data;  ///< base64; shorter than asked for at the file's end
+    ZString m_Data;            ///< base64; shorter than asked for at the file's end
     std::uint64_t m_Size = 0;  ///< of the whole file, in bytes
 
     Z_FIELDS(Z_FIELD(m_Data), Z_FIELD(m_Size))
@@ -282,8 +268,7 @@ public:
     ZVector<ZString> m_Devices;  ///< all that are present now
     ZVector<ZString> m_RemovedDevices;
 
-    Z_FIELDS(Z_FIELD(m_AddedDevices), Z_FIELD(m_Devices),
-             Z_FIELD(m_RemovedDevices))
+    Z_FIELDS(Z_FIELD(m_AddedDevices), Z_FIELD(m_Devices), Z_FIELD(m_RemovedDevices))
 };
 
 class BatteryMsg : public ZMessage {

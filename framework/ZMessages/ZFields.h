@@ -41,16 +41,18 @@ private:
 };
 
 /// Inside a class's list of fields: one member under its usual key, or under a key that is fixed elsewhere.
-#define Z_FIELD(member)                                                                     \
-    ZField<Self, decltype(Self::member)> {                                                \
-        [] {                                                                                \
-            static constexpr ZFieldKey kKey(#member);                                       \
-            return std::string_view(kKey);                                                  \
-        }(),                                                                                \
-            &Self::member                                                                  \
+#define Z_FIELD(member)                               \
+    ZField<Self, decltype(Self::member)> {            \
+        [] {                                          \
+            static constexpr ZFieldKey kKey(#member); \
+            return std::string_view(kKey);            \
+        }(),                                          \
+            &Self::member                             \
     }
-#define Z_KEYED_FIELD(key, member) \
-    ZField<Self, decltype(Self::member)> { key, &Self::member }
+#define Z_KEYED_FIELD(key, member)         \
+    ZField<Self, decltype(Self::member)> { \
+        key, &Self::member                 \
+    }
 
 namespace ZFields {
 
@@ -149,8 +151,9 @@ void Write(const Class& object, ZCommStream& stream, const Fields& fields) {
 
 template <typename Class, typename Fields>
 void Read(Class& object, ZCommStream& stream, const Fields& fields) {
-    std::apply([&](const auto&... field) { (static_cast<void>(ReadValue(stream, field.key, object.*field.member)), ...); },
-               fields);
+    std::apply(
+        [&](const auto&... field) { (static_cast<void>(ReadValue(stream, field.key, object.*field.member)), ...); },
+        fields);
 }
 
 /// A deep copy of one member; messages in it are cloned.
@@ -178,21 +181,23 @@ void Copy(const Class& from, Class& to, const Fields& fields) {
 
 /// Inside a message class, behind its members: `Z_FIELDS(Z_FIELD(m_A), ...)`, in the order in which they are written.
 /// Reading, writing and deep copy follow from it.
-#define Z_FIELDS(...)                                                                                  \
-    static constexpr auto Fields() { return std::make_tuple(__VA_ARGS__); }                            \
-    bool Serialize(ZCommStream& stream) const override {                                               \
-        const bool written = Super::Serialize(stream);                                                 \
-        ZFields::Write(*this, stream, Fields());                                                       \
-        return written;                                                                                \
-    }                                                                                                  \
-    bool Deserialize(ZCommStream& stream) override {                                                   \
-        const bool read = Super::Deserialize(stream);                                                  \
-        ZFields::Read(*this, stream, Fields());                                                        \
-        return read && stream.Error().empty();                                                         \
-    }                                                                                                  \
-    void CloneDataMembers(const ZMessage& from) override {                                             \
-        Super::CloneDataMembers(from);                                                                 \
-        ZFields::Copy(static_cast<const Self&>(from), *this, Fields());                                \
+#define Z_FIELDS(...)                                                   \
+    static constexpr auto Fields() {                                    \
+        return std::make_tuple(__VA_ARGS__);                            \
+    }                                                                   \
+    bool Serialize(ZCommStream& stream) const override {                \
+        const bool written = Super::Serialize(stream);                  \
+        ZFields::Write(*this, stream, Fields());                        \
+        return written;                                                 \
+    }                                                                   \
+    bool Deserialize(ZCommStream& stream) override {                    \
+        const bool read = Super::Deserialize(stream);                   \
+        ZFields::Read(*this, stream, Fields());                         \
+        return read && stream.Error().empty();                          \
+    }                                                                   \
+    void CloneDataMembers(const ZMessage& from) override {              \
+        Super::CloneDataMembers(from);                                  \
+        ZFields::Copy(static_cast<const Self&>(from), *this, Fields()); \
     }
 /// Inside a message class that adds no field.
 #define Z_NO_FIELDS() Z_FIELDS()

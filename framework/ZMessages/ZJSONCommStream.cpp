@@ -11,8 +11,12 @@ Z_IMPLEMENT(ZCommStreamObject)
 Z_IMPLEMENT(ZCommStream)
 Z_IMPLEMENT(ZJSONCommStream)
 
-bool ZCommStreamObject::Serialize(ZCommStream&) const { return true; }
-bool ZCommStreamObject::Deserialize(ZCommStream&) { return true; }
+bool ZCommStreamObject::Serialize(ZCommStream&) const {
+    return true;
+}
+bool ZCommStreamObject::Deserialize(ZCommStream&) {
+    return true;
+}
 
 void ZCommStream::SetError(std::string_view key, std::string_view wanted) {
     if (m_error.empty()) {
@@ -102,7 +106,9 @@ bool ZJSONCommStream::LoadText(std::string_view text) {
     return true;
 }
 
-std::string ZJSONCommStream::Text() const { return json::serialize(m_document->root); }
+std::string ZJSONCommStream::Text() const {
+    return json::serialize(m_document->root);
+}
 
 void ZJSONCommStream::Clear() {
     m_document->root.clear();
@@ -154,7 +160,9 @@ void ZJSONCommStream::WriteMessages(std::string_view key, const ZVector<std::sha
     m_document->current->insert_or_assign(key, std::move(array));
 }
 
-bool ZJSONCommStream::Has(std::string_view key) const { return m_document->Find(key) != nullptr; }
+bool ZJSONCommStream::Has(std::string_view key) const {
+    return m_document->Find(key) != nullptr;
+}
 
 bool ZJSONCommStream::IsText(std::string_view key) const {
     const json::value* found = m_document->Find(key);

@@ -34,14 +34,26 @@ bool ReadFile(const std::filesystem::path& file, std::string& text, std::string&
 }  // namespace
 
 void ZMessage::SetEnvironment(const std::shared_ptr<ZEnvironment>&) {}
-bool ZMessage::Serialize(ZCommStream&) const { return true; }
-bool ZMessage::Deserialize(ZCommStream&) { return true; }
+bool ZMessage::Serialize(ZCommStream&) const {
+    return true;
+}
+bool ZMessage::Deserialize(ZCommStream&) {
+    return true;
+}
 void ZMessage::ResolvePaths() {}
-int ZMessage::GetDefaultPriority() const { return 0; }
-bool ZMessage::IsCloneable() const { return true; }
+int ZMessage::GetDefaultPriority() const {
+    return 0;
+}
+bool ZMessage::IsCloneable() const {
+    return true;
+}
 void ZMessage::CloneDataMembers(const ZMessage&) {}
-std::shared_ptr<const ZCommEndpoint> ZMessage::GetResponseEndpoint() const { return nullptr; }
-std::shared_ptr<const ZCommEndpoint> ZMessage::GetProgressEndpoint() const { return nullptr; }
+std::shared_ptr<const ZCommEndpoint> ZMessage::GetResponseEndpoint() const {
+    return nullptr;
+}
+std::shared_ptr<const ZCommEndpoint> ZMessage::GetProgressEndpoint() const {
+    return nullptr;
+}
 
 bool ZMessage::SerializeClass(ZCommStream& stream) const {
     stream.WriteString(kClassKey, ClassName());
@@ -57,7 +69,9 @@ bool ZMessage::DeserializeClass(ZCommStream& stream) {
     return same;
 }
 
-bool ZMessage::SerializeMessage(ZCommStream& stream) const { return SerializeClass(stream) && Serialize(stream); }
+bool ZMessage::SerializeMessage(ZCommStream& stream) const {
+    return SerializeClass(stream) && Serialize(stream);
+}
 
 bool ZMessage::Save(std::string& text, ZCommStream& stream) const {
     stream.Clear();
@@ -85,7 +99,9 @@ bool ZMessage::Save(const std::filesystem::path& file, ZCommStream& stream) cons
     return false;
 }
 
-bool ZMessage::Load(std::string_view text, ZCommStream& stream) { return stream.LoadText(text) && Deserialize(stream); }
+bool ZMessage::Load(std::string_view text, ZCommStream& stream) {
+    return stream.LoadText(text) && Deserialize(stream);
+}
 
 std::shared_ptr<ZMessage> ZMessage::Load(const std::filesystem::path& file, ZCommStream& stream) {
     stream.Clear();

@@ -17,7 +17,9 @@ void ZAllocatorAccount::Add(std::size_t bytes) noexcept {
     }
 }
 
-void ZAllocatorAccount::Remove(std::size_t bytes) noexcept { g_inUse.fetch_sub(bytes, std::memory_order_relaxed); }
+void ZAllocatorAccount::Remove(std::size_t bytes) noexcept {
+    g_inUse.fetch_sub(bytes, std::memory_order_relaxed);
+}
 
 ZAllocatorUsage ZAllocatorAccount::Usage() noexcept {
     return {g_inUse.load(std::memory_order_relaxed), g_peak.load(std::memory_order_relaxed)};

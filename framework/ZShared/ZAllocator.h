@@ -38,14 +38,14 @@ public:
             throw std::bad_array_new_length();
         }
         const std::size_t bytes = count * sizeof(T);
-        void* memory = ::operator new(bytes, std::align_val_t{alignof(T)});
+        void* memory = ::operator new (bytes, std::align_val_t{alignof(T)});
         ZAllocatorAccount::Add(bytes);
         return static_cast<T*>(memory);
     }
 
     void deallocate(T* memory, std::size_t count) noexcept {
         ZAllocatorAccount::Remove(count * sizeof(T));
-        ::operator delete(memory, std::align_val_t{alignof(T)});
+        ::operator delete (memory, std::align_val_t{alignof(T)});
     }
 
     template <typename U>
@@ -63,5 +63,9 @@ template <typename Key, typename Value, typename Compare = std::less<Key>>
 using ZMap = std::map<Key, Value, Compare, ZAllocator<std::pair<const Key, Value>>>;
 
 /// A standard string's copy in framework memory, and the way back.
-inline ZString ToZString(std::string_view text) { return ZString(text); }
-inline std::string ToStdString(const ZString& text) { return std::string(text.data(), text.size()); }
+inline ZString ToZString(std::string_view text) {
+    return ZString(text);
+}
+inline std::string ToStdString(const ZString& text) {
+    return std::string(text.data(), text.size());
+}

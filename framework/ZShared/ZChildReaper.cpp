@@ -1,7 +1,6 @@
 #include "ZShared/ZChildReaper.h"
 
-#include <poll.h>
-#include <sys/pidfd.h>
+#include <sys/epoll.h>
 #include <sys/wait.h>
 
 #include <mutex>
@@ -10,6 +9,7 @@
 #include <vector>
 
 #include "ZShared/ZLog.h"
+#include "ZShared/ZPidFd.h"
 #include "ZShared/ZStopEvent.h"
 
 namespace {
@@ -24,8 +24,8 @@ void LogEnd(const Child& child, int status) {
     const bool clean = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     const int value = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
     ZLog::Instance().Log(clean ? 2 : 3, "ZPlatform", "ZShared/ZChildReaper", __func__, __LINE__,
-                         "Program %s (process %d) ended with %s %d", child.program.c_str(),
-                         static_cast<int>(child.id), WIFSIGNALED(status) ? "signal" : "status", value);
+                         "Program %s (process %d) ended with %s %d", child.program.c_str(), static_cast<int>(child.id),
+                         WIFSIGNALED(status) ? "signal" : "status", value);
 }
 
 }  // namespace
@@ -36,22 +36,25 @@ struct ZChildReaper::Impl {
     bool running = false;
     std::thread thread;
     ZStopEvent stop;
-    // Tells the sleeping thread that there is a further child: replaced when used.
-    std::unique_ptr<ZStopEvent> more = std::make_unique<ZStopEvent>();
+    // What the thread sleeps on: `stop` and every child's end. A further child counts while the thread sleeps, too.
+    ZFileDescriptor events{::epoll_create1(EPOLL_CLOEXEC)};
+
+    Impl() { WakeOn(stop.Descriptor()); }
+
+    void WakeOn(int descriptor) {
+        epoll_event readable{EPOLLIN, {}};
+        if (::epoll_ctl(events.Get(), EPOLL_CTL_ADD, descriptor, &readable) != 0) {
+            throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+        }
+    }
 
     void Run() {
         std::unique_lock lock(mutex);
         while (!children.empty() && !stop.IsSet()) {
-            std::vector<pollfd> entries{{stop.Descriptor(), POLLIN, 0}, {more->Descriptor(), POLLIN, 0}};
-            for (const Child& child : children) {
-                entries.push_back({child.exit.Get(), POLLIN, 0});
-            }
             lock.unlock();
-            ::poll(entries.data(), entries.size(), -1);
+            epoll_event event{};
+            ::epoll_wait(events.Get(), &event, 1, -1);
             lock.lock();
-            if (more->IsSet()) {
-                more = std::make_unique<ZStopEvent>();
-            }
             ReapEnded();
         }
         running = false;
@@ -60,11 +63,11 @@ struct ZChildReaper::Impl {
     void ReapEnded() {
         std::erase_if(children, [](const Child& child) {
             int status = 0;
-            if (::waitpid(child.id, &status, WNOHANG) != child.id) {
-                return false;
+            const pid_t reaped = ::waitpid(child.id, &status, WNOHANG);
+            if (reaped == child.id) {
+                LogEnd(child, status);
             }
-            LogEnd(child, status);
-            return true;
+            return reaped != 0;  // negative: somebody else saw its end, and there is nothing to wait for
         });
     }
 };
@@ -93,9 +96,9 @@ void ZChildReaper::Watch(pid_t child, const std::string& program) {
         if (!exit) {
             throw std::system_error(errno, std::generic_category(), "pidfd_open");
         }
+        m_impl->WakeOn(exit.Get());
         m_impl->children.push_back({child, program, std::move(exit)});
         if (m_impl->running) {
-            m_impl->more->Set();
             return;
         }
         if (m_impl->thread.joinable()) {

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
 #include <sys/wait.h>
 
 #include <array>
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <optional>
 
+#include "ZShared/ZPidFd.h"
 #include "ZShared/ZStopEvent.h"
 
 extern char** environ;
@@ -32,8 +32,8 @@ public:
         ::sigfillset(&all);
         ::posix_spawnattr_setsigmask(&m_attributes, &none);
         ::posix_spawnattr_setsigdefault(&m_attributes, &all);
-        ::posix_spawnattr_setflags(
-            &m_attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | placementFlag));
+        ::posix_spawnattr_setflags(&m_attributes,
+                                   static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | placementFlag));
         ::posix_spawn_file_actions_addopen(&m_actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     }
     ~SpawnSetup() {
@@ -128,10 +128,13 @@ public:
 
     int Reap() {
         int status = 0;
-        while (::waitpid(m_child, &status, 0) < 0 && errno == EINTR) {
-        }
+        pid_t reaped = -1;
+        do {
+            reaped = ::waitpid(m_child, &status, 0);
+        } while (reaped < 0 && errno == EINTR);
         m_child = -1;
-        return ExitStatus(status);
+        // Where this process was started with SIGCHLD ignored the system forgets how a child ended: no success then.
+        return reaped < 0 ? 255 : ExitStatus(status);
     }
 
     void End() {
@@ -148,7 +151,9 @@ private:
     ZFileDescriptor m_exit;
 };
 
-std::string Seconds(std::chrono::milliseconds time) { return std::to_string(time.count() / 1000) + " s"; }
+std::string Seconds(std::chrono::milliseconds time) {
+    return std::to_string(time.count() / 1000) + " s";
+}
 
 }  // namespace
 

@@ -51,7 +51,9 @@ bool CID::IsKindOf(const CID& base) const noexcept {
     return false;
 }
 
-const char* CID::Name() const noexcept { return m_record == nullptr ? "" : m_record->name.c_str(); }
+const char* CID::Name() const noexcept {
+    return m_record == nullptr ? "" : m_record->name.c_str();
+}
 
 ZFactory::ZFactory() : m_registry(std::make_unique<Registry>()) {}
 ZFactory::~ZFactory() = default;

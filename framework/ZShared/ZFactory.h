@@ -42,7 +42,8 @@ public:
     /// Makes a class known and returns its identity. A further registration of the same name returns the first one's
     /// identity and keeps its creator in reserve, so that several libraries may register what they need.
     CID RegisterObjectCreator(const char* className, const char* baseClassName, ZObjectCreator creator);
-    /// Takes back one registration; the class stops being creatable when its last one is gone. The identity stays valid.
+    /// Takes back one registration; the class stops being creatable when its last one is gone. The identity stays
+    /// valid.
     void UnregisterObjectCreator(const char* className, ZObjectCreator creator);
 
     /// A new object of the named class, or null when the class is unknown or abstract.
@@ -86,9 +87,8 @@ ZObjectCreator MakeCreator() {
             return std::allocate_shared<T>(ZAllocator<T>(), name);
         };
     } else {
-        return [](const ZString&) -> std::shared_ptr<ZFactoryObject> {
-            return std::allocate_shared<T>(ZAllocator<T>());
-        };
+        return
+            [](const ZString&) -> std::shared_ptr<ZFactoryObject> { return std::allocate_shared<T>(ZAllocator<T>()); };
     }
 }
 
@@ -119,22 +119,23 @@ private:
 }  // namespace ZShared
 
 /// Inside a class: its name, its base's name and its identity. `Base` is named without qualification.
-#define Z_CLASS(Class, Base)                                                \
-public:                                                                     \
-    static constexpr const char* kClassName = #Class;                       \
-    static constexpr const char* kBaseClassName = Base::kClassName;         \
-    static ZShared::CID m_cid;                                              \
-    const ZShared::CID& GetCID() const override { return m_cid; }           \
-                                                                            \
+#define Z_CLASS(Class, Base)                                        \
+public:                                                             \
+    static constexpr const char* kClassName = #Class;               \
+    static constexpr const char* kBaseClassName = Base::kClassName; \
+    static ZShared::CID m_cid;                                      \
+    const ZShared::CID& GetCID() const override {                   \
+        return m_cid;                                               \
+    }                                                               \
+                                                                    \
 private:
 
 /// In one source file per class: registers it when the library is loaded and unregisters it when it is unloaded.
-#define Z_IMPLEMENT(Class)                                                                          \
-    namespace {                                                                                     \
-    const ZShared::ZClassRegistration g_registrationOf##Class(Class::kClassName,                    \
-                                                              Class::kBaseClassName,                \
-                                                              ZShared::MakeCreator<Class>());       \
-    }                                                                                               \
+#define Z_IMPLEMENT(Class)                                                                              \
+    namespace {                                                                                         \
+    const ZShared::ZClassRegistration g_registrationOf##Class(Class::kClassName, Class::kBaseClassName, \
+                                                              ZShared::MakeCreator<Class>());           \
+    }                                                                                                   \
     ZShared::CID Class::m_cid = g_registrationOf##Class.Id();
 
 /// A new object in framework memory.

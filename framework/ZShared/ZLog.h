@@ -9,8 +9,8 @@
 /// Where log lines go. Relative sizes and counts follow the logging library's rotating file.
 struct ZLogSettings {
     bool console = true;
-    bool journal = false;         ///< the system journal, under the identifier "arbord"
-    std::string file;             ///< empty: no file. Its directory is created.
+    bool journal = false;            ///< the system journal, under the identifier "arbord"
+    std::string file;                ///< empty: no file. Its directory is created.
     std::size_t fileSizeKiB = 1024;  ///< a file that grows past this is rotated
     std::size_t fileCount = 5;       ///< rotated files kept beside the current one
 };
@@ -50,9 +50,9 @@ private:
 
 /// One log line of an object that has `m_logName`, `m_logLevel` and, in scope, `kLogSource` (its source path without
 /// extension). A threshold of 0 silences the object.
-#define Z_LOG(level, ...)                                                                                     \
-    do {                                                                                                      \
-        if (m_logLevel != 0 && m_logLevel <= (level)) {                                                       \
-            ZLog::Instance().Log((level), m_logName.c_str(), kLogSource, __func__, __LINE__, __VA_ARGS__);    \
-        }                                                                                                     \
+#define Z_LOG(level, ...)                                                                                  \
+    do {                                                                                                   \
+        if (m_logLevel != 0 && m_logLevel <= (level)) {                                                    \
+            ZLog::Instance().Log((level), m_logName.c_str(), kLogSource, __func__, __LINE__, __VA_ARGS__); \
+        }                                                                                                  \
     } while (false)

@@ -37,7 +37,9 @@ std::string EndOfCommand(const ZCommandResult& result) {
     return result.reason.empty() ? "exit status " + std::to_string(result.exitStatus) : result.reason;
 }
 
-bool Succeeded(const ZCommandResult& result) { return result.reason.empty() && result.exitStatus == 0; }
+bool Succeeded(const ZCommandResult& result) {
+    return result.reason.empty() && result.exitStatus == 0;
+}
 
 bool ReadField(ZString& text, std::string ZIdentity::*field) {
     try {
@@ -148,13 +150,14 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallbac
 
 bool ZPlatform::ExecuteCommand(const std::vector<std::string>& arguments) {
     try {
+        ZChildReaper& reaper = ZChildReaper::Instance();
         std::string error;
         const pid_t child = StartDetached(arguments, error);
         if (child < 0) {
             LogLine(4, __func__, __LINE__, arguments.empty() ? "no program" : arguments.front().c_str(), error);
             return false;
         }
-        ZChildReaper::Instance().Watch(child, arguments.front());
+        reaper.Watch(child, arguments.front());
         return true;
     } catch (const std::exception& failure) {
         LogLine(4, __func__, __LINE__, "The program could not be started", failure.what());
@@ -162,9 +165,15 @@ bool ZPlatform::ExecuteCommand(const std::vector<std::string>& arguments) {
     }
 }
 
-bool ZPlatform::ReadModel(ZString& text) { return ReadField(text, &ZIdentity::model); }
-bool ZPlatform::ReadBoard(ZString& text) { return ReadField(text, &ZIdentity::board); }
-bool ZPlatform::ReadSerialNumber(ZString& text) { return ReadField(text, &ZIdentity::serialNumber); }
+bool ZPlatform::ReadModel(ZString& text) {
+    return ReadField(text, &ZIdentity::model);
+}
+bool ZPlatform::ReadBoard(ZString& text) {
+    return ReadField(text, &ZIdentity::board);
+}
+bool ZPlatform::ReadSerialNumber(ZString& text) {
+    return ReadField(text, &ZIdentity::serialNumber);
+}
 
 std::string ZPlatform::GetMountPointFromDevice(const std::string& device) {
     try {

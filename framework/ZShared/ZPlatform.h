@@ -41,8 +41,9 @@ public:
     /// standard output without trailing line feeds, at most 1 MiB; more is read, dropped and logged. When the command
     /// could not run, timed out or was stopped, `output` ends with the reason.
     static bool ExecuteCommand(const std::string& commandLine, std::string& output);
-    /// As above, but hands every line of output to `onLine` as it comes, on the calling thread. A carriage return ends a
-    /// line too, and stays in it. `onDone` receives the outcome as text. Either may be empty.
+    /// As above, but hands every line of output to `onLine` as it comes, on the calling thread. A carriage return ends
+    /// a line too, and stays in it; empty lines are left out. `onDone` receives the outcome as text. Either may be
+    /// empty.
     static bool ExecuteCommand(const std::string& commandLine, const LineCallback& onLine, const DoneCallback& onDone);
     /// Starts a program, without a shell, in a session of its own, and returns whether it started. It outlives this
     /// process; its exit is logged later.

@@ -28,7 +28,13 @@ bool ZStopEvent::IsSet() const noexcept {
     return ::poll(&entry, 1, 0) == 1;
 }
 
-const ZStopEvent* ZStopEvent::OfThisThread() noexcept { return t_event; }
+const ZStopEvent* ZStopEvent::OfThisThread() noexcept {
+    return t_event;
+}
 
-ZStopScope::ZStopScope(const ZStopEvent& event) noexcept : m_previous(t_event) { t_event = &event; }
-ZStopScope::~ZStopScope() { t_event = m_previous; }
+ZStopScope::ZStopScope(const ZStopEvent& event) noexcept : m_previous(t_event) {
+    t_event = &event;
+}
+ZStopScope::~ZStopScope() {
+    t_event = m_previous;
+}

@@ -40,7 +40,9 @@ LogCapture::LogCapture()
           m_lines.push_back({level, text});
       })) {}
 
-LogCapture::~LogCapture() { ZLog::Instance().RemoveListener(m_listener); }
+LogCapture::~LogCapture() {
+    ZLog::Instance().RemoveListener(m_listener);
+}
 
 std::vector<LogCapture::Line> LogCapture::Lines() const {
     const std::lock_guard lock(m_mutex);

@@ -61,8 +61,8 @@ std::string ReadText(const std::filesystem::path& file);
 class ProbeNode : public ZNode {
     Z_CLASS(ProbeNode, ZNode)
 public:
-    using ZNode::ZNode;
     using ZCommEnabledObject::Publish;
+    using ZNode::ZNode;
 
     /// Subscribes and records what arrives; `answer`, when given, makes the answer to each message.
     void Listen(ZEndpointType type, const char* name,

@@ -1,0 +1,97 @@
+#include "NodeFixture.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class Inventory : public NodeFixture {};
+
+TEST_F(Inventory, TellsTheInstalledSystemAndTheArchivedVersions) {
+    InstallSystem("3.044");
+    Archive("3.043");
+    Archive("3.044");
+    folder.Write("mount/Archive/3.050/arbor_qm.pkg", "no manifest here");
+    folder.Write("mount/Archive/3.060/Manifest.json/a-directory", "");
+    folder.Write("mount/Archive/rubbish/file", "");
+    folder.Write("mount/Archive/notes.txt", "kept");
+    Start();
+    EXPECT_EQ(Tables().Builds().size(), 4u);
+    EXPECT_EQ(Tables().Manifests().size(), 2u);
+    EXPECT_FALSE(fs::exists(folder / "mount/Archive/rubbish"));
+    EXPECT_TRUE(fs::exists(folder / "mount/Archive/notes.txt"));
+    const std::string archive = (folder / "mount/Archive").string();
+    std::vector<std::string> wanted{
+        "2 EEPROM contains device model <KiteQM>.",
+        "2 Set serial number from eeprom to <SN42>.",
+        "2 Set Board from eeprom to <verdin-imx8mm>",
+        "2 Create updates folder " + (folder / "updates").string(),
+        "2 ------------ SYSTEM VERSION INFO ------------",
+        "2 System Version = <3.044>.",
+        "2 System Installer Version = <7>",
+        "2  - Component <boot> Version = <2> Board = <b1>.",
+        "2 ------------ SYSTEM VERSION INFO ------------",
+        "2 Archive path = <" + archive + ">",
+    };
+    std::size_t matched = 0;
+    for (const auto& line : log.Lines()) {
+        if (matched < wanted.size() && line.level == wanted[matched][0] - '0' &&
+            line.text.ends_with(wanted[matched].substr(2))) {
+            ++matched;
+        }
+    }
+    EXPECT_EQ(matched, wanted.size()) << "missing, or out of order: " << wanted[std::min(matched, wanted.size() - 1)];
+    EXPECT_TRUE(log.Has(2, "Directory <" + archive + "/3.043> Version <3.043> File <" + archive +
+                               "/3.043/arbor_qm.pkg> Manifest <" + archive + "/3.043/Manifest.json>"));
+    EXPECT_TRUE(log.Has(2, "Manifest <no manifest>"));
+    EXPECT_TRUE(log.Has(4, "Manifest file " + archive + "/3.060/Manifest.json was not loaded"));
+    EXPECT_TRUE(log.Has(2, "Skipping " + archive + "/notes.txt as it is not a directory"));
+    EXPECT_TRUE(log.Has(2, "<rubbish> Not a valid version"));
+    EXPECT_TRUE(log.Has(2, "Deleting invalid directory <" + archive + "/rubbish>"));
+}
+
+TEST_F(Inventory, KeepsAModelTextThatIsNoKnownNameOutOfTheModel) {
+    identity.model = "kiteqm";
+    identity.board.clear();
+    Start();
+    EXPECT_FALSE(Tables().DeviceModel());
+    EXPECT_TRUE(log.Has(2, "EEPROM contains device model <kiteqm>."));
+    EXPECT_FALSE(log.Has(2, "Set Board from eeprom to <>"));
+}
+
+TEST_F(Inventory, EmptiesTheUpdatesFolderAndReplacesAFileInItsPlace) {
+    folder.Write("updates/old.pkg", "x");
+    folder.Write("updates/deep/down", "x");
+    core->m_Files.m_UpdatesFolder += "/";
+    Start();
+    EXPECT_TRUE(fs::is_directory(folder / "updates"));
+    EXPECT_TRUE(fs::is_empty(folder / "updates"));
+    EXPECT_EQ(node->UpdatesPath(), folder / "updates");
+}
+
+TEST_F(Inventory, ReplacesAFileThatStandsWhereTheUpdatesFolderShould) {
+    folder.Write("updates", "a file");
+    Start();
+    EXPECT_TRUE(fs::is_directory(folder / "updates"));
+    EXPECT_TRUE(
+        log.Has(3, "Update folder " + (folder / "updates").string() + " was not a directory. Delete it and re-create"));
+}
+
+TEST_F(Inventory, GoesOnWithoutWhatCanNotBeRead) {
+    fs::remove_all(folder / "mount");
+    folder.Write("mount", "a file where the mount point should be");
+    folder.Write("Manifest.json", R"({"className":"ZGenericRequestMsg"})");
+    Start();
+    EXPECT_TRUE(log.Has(3, "Could not recognize " + (folder / "Manifest.json").string() + " as a System Manifest"));
+    EXPECT_TRUE(log.Has(4, "Filesystem exception for archive path <" + (folder / "mount/Archive").string() + ">"));
+    EXPECT_TRUE(AskClient("getinstalledversioninfo", Z_MAKE(ZGenericRequestMsg)));
+}
+
+TEST_F(Inventory, RefusesARecordOfAnotherClass) {
+    std::string error;
+    EXPECT_FALSE(graph->AddNode("ZNodeArborInstall", "n", ZMakeShared<ZLogParams>(), error));
+    EXPECT_TRUE(log.Has(4, "Failed to cast config to ZSystemUpdaterConfigMsg (Class Name = <ZLogParams>)!"));
+    EXPECT_FALSE(graph->AddNode("ZNodeArborInstall", "n", nullptr, error));
+    EXPECT_TRUE(log.Has(4, "Failed to cast config to ZSystemUpdaterConfigMsg (Class Name = <nullptr>)!"));
+}
+
+}  // namespace

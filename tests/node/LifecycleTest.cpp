@@ -1,0 +1,127 @@
+#include <dlfcn.h>
+
+#include "NodeFixture.h"
+#include "ZMessages/ZJSONCommStream.h"
+#include "version.h"
+
+namespace {
+
+TEST(Registration, MakesEveryClassOfTheLibraryCreatableByName) {
+    auto& factory = ZShared::ZFactory::Instance();
+    EXPECT_TRUE(factory.Find("ZNodeArborInstall").IsKindOf(ZNode::m_cid));
+    EXPECT_TRUE(factory.Find("ZNodeArborInstallCfg").IsKindOf(ZConfig::m_cid));
+    for (const char* action : {"Process", "CheckFile", "ScanDrives", "StorageDevicesUpdate", "Build", "Progress",
+                               "RemoteInstall", "Transfer"}) {
+        const auto object = factory.CreateShared(std::string("ZNodeArborInstall_") + action + "Action");
+        ASSERT_TRUE(object) << action;
+        EXPECT_TRUE(object->IsKindOf(ZNodeAction::m_cid)) << action;
+    }
+    EXPECT_STREQ(GetVersionTag(), "3.044");
+    EXPECT_NE(::dlsym(RTLD_DEFAULT, "GetVersionHash"), nullptr) << "must be found under its plain name";
+}
+
+TEST(Configuration, WritesItsNineKeysAndNoOther) {
+    ZJSONCommStream stream;
+    ZNodeArborInstallCfg().Serialize(stream);
+    EXPECT_EQ(stream.Text(),
+              R"({"ArchiveDevice":"","ArchiveDir":"","SystemInfoFilePath":"","AllowDowngrades":false,"ProgressPort":0,)"
+              R"("ProgressPath":"","DryRun":false,"SwitchPartitionCmd":"","RunRecoveryCmd":""})");
+}
+
+TEST(Configuration, DerivesTheArchiveRootFromTheDevicesMountPoint) {
+    ZPlatformSettings platform;
+    platform.mounts = {{"/dev/a", "/mnt/a"}};
+    ZPlatform::Configure(platform);
+    const struct {
+        const char* json;
+        const char* root;
+    } kCases[] = {{R"({"ArchiveDir":"Archive"})", ""},
+                  {R"({"ArchiveDevice":"/dev/a","ArchiveDir":"Archive"})", "/mnt/a/Archive"},
+                  {R"({"ArchiveDevice":"/dev/a"})", "/mnt/a"},
+                  {R"({"ArchiveDevice":"/dev/none","ArchiveDir":"Archive"})", "Archive"}};
+    for (const auto& c : kCases) {
+        ZJSONCommStream stream;
+        ZNodeArborInstallCfg record;
+        EXPECT_TRUE(record.Load(std::string_view(c.json), stream));
+        EXPECT_EQ(record.m_archiveRoot.string(), c.root) << c.json;
+    }
+    ZPlatform::Configure({});
+    ZNodeArborInstallCfg record;
+    record.m_SystemInfoFilePath = "$ROOT/Manifest.json";
+    EXPECT_EQ(record.GetSystemInfoFilePath(), "") << "without an environment nothing is resolved";
+    const auto environment = std::make_shared<ZEnvironment>();
+    environment->Set("ROOT", "/etc");
+    record.SetEnvironment(environment);
+    EXPECT_EQ(record.GetSystemInfoFilePath(), "/etc/Manifest.json");
+}
+
+TEST(MessageMap, EndsAtTheFirstSubscriptionThatFails) {
+    // A bus that has no room for "compareversions".
+    class FullBus : public ZNodeComm {
+    public:
+        bool Subscribe(const void*, const ZNodeUID&, const std::shared_ptr<ZMailbox>&, const ZCommEndpoint& endpoint,
+                       Handler) override {
+            keywords.push_back(ToStdString(endpoint.Text()));
+            return endpoint.Name() != refused;
+        }
+        void Unsubscribe(const void*) override {}
+        ZPublishOutcome Publish(const ZCommEndpoint&, const std::shared_ptr<ZMessage>&, std::shared_ptr<ZMessage>*,
+                                const ZPublishOptions&) override {
+            return ZPublishOutcome::NoSubscriber;
+        }
+        bool Respond(const ZResponseSource&, const std::shared_ptr<ZMessage>&) override { return false; }
+        void Close() override {}
+        void SetRequestTimeout(std::chrono::milliseconds) override {}
+        std::vector<std::string> keywords;
+        ZString refused;
+    };
+    const auto tryWith = [](const char* refused, bool expected) {
+        const auto bus = std::make_shared<FullBus>();
+        bus->refused = refused;
+        ZNodeArborInstall node("n");
+        node.Attach(bus, std::make_shared<ZMailbox>(4));
+        EXPECT_EQ(node.InitMessageMap(), expected);
+        return bus->keywords;
+    };
+    const std::vector<std::string> all{
+        "1:updatesystem",        "2:remoteinstall", "3:checkCompatibility",      "1:compareversions", "3:newFile",
+        "3:storagedeviceupdate", "1:findupdates",   "1:getinstalledversioninfo", "2:upload",          "2:transfer",
+        "3:getUpdateInProgress"};
+    EXPECT_EQ(tryWith("", true), all);
+    EXPECT_EQ(tryWith("compareversions", false), std::vector(all.begin(), all.begin() + 4));
+}
+
+class Lifecycle : public NodeFixture {};
+
+TEST_F(Lifecycle, ScansDrivesThenAsksForTheDeviceProperties) {
+    probe->Listen(ZEndpointType::GraphService, "deviceProps", [](const auto&) { return Z_MAKE(ZDevicePropertiesMsg); });
+    Start();
+    EXPECT_TRUE(Tables().DeviceProperties());
+    EXPECT_TRUE(log.WaitFor(2, "Scan drives Action complete"));
+}
+
+TEST_F(Lifecycle, GoesOnWithoutDevicePropertiesWhenTheAnswerIsOfAnotherClass) {
+    probe->Listen(ZEndpointType::GraphService, "deviceProps", [](const auto&) { return Z_MAKE(ZGenericResponseMsg); });
+    Start();
+    EXPECT_FALSE(Tables().DeviceProperties());
+    EXPECT_TRUE(log.Has(4, "Could not get Device Properties"));
+}
+
+TEST_F(Lifecycle, RefusesToStopWhileAFileIsCheckedAndRemembersTheRequest) {
+    Start();
+    Package("slow.pkg", "3.1'; while [ ! -e " + (folder / "go").string() + " ]; do sleep 0.02; done; echo '");
+    const auto update = Z_MAKE(FolderUpdateMsg);
+    update->m_Folder = ToZString(Drive().string());
+    update->m_FileName = "slow.pkg";
+    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "newFile", 0), update);
+    ASSERT_TRUE(log.WaitFor(2, "Found package file " + (Drive() / "slow.pkg").string()));
+    EXPECT_FALSE(node->OnShutdownRequest(false));
+    EXPECT_FALSE(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg)) == nullptr) << "a check must not block requests";
+    folder.Write("go", "");
+    EXPECT_TRUE(WaitUntil([&] { return node->OnShutdownRequest(false); }));
+    node->OnGetInstalledVersionInfo(Z_MAKE(ZGenericRequestMsg));
+    EXPECT_TRUE(log.Has(2, "Entered OnGetInstalledVersionInfo()..."));
+    EXPECT_FALSE(log.Has(2, "System Version = <unknown>")) << "no answer once a shutdown was requested";
+}
+
+}  // namespace

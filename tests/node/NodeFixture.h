@@ -1,0 +1,64 @@
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "NodeBase/ZGraph.h"
+#include "TestSupport.h"
+#include "ZNodeArborInstall.h"
+#include "ZShared/ZPlatform.h"
+
+/// The node's tables, for looking at.
+class NodeAccess {
+public:
+    explicit NodeAccess(ZNodeArborInstall& node) : m_node(node) {}
+    auto& Packages() { return m_node.m_packages; }
+    auto& Builds() { return m_node.m_builds; }
+    auto& Manifests() { return m_node.m_manifests; }
+    auto& DeviceModel() { return m_node.m_deviceModel; }
+    auto& DeviceProperties() { return m_node.m_pDeviceProperties; }
+    bool BuildInProgress() { return m_node.m_bBuildInProgress; }
+    bool UpdateInProgress() { return m_node.m_bUpdateInProgress; }
+    bool Relaying() { return m_node.m_progressSocket != 0; }
+
+private:
+    ZNodeArborInstall& m_node;
+};
+
+/// A real node on a real bus beside a probe, with its archive, updates folder, drive and identity in a folder of its
+/// own. A test writes what the machine holds, then calls Start.
+class NodeFixture : public testing::Test {
+protected:
+    NodeFixture();
+    ~NodeFixture() override;
+
+    /// Starts the graph; `config` is JSON members that are added to the node's record.
+    void Start(const std::string& config = "");
+
+    /// Writes the installed system's manifest.
+    void InstallSystem(const std::string& version);
+    /// Writes a version's directory into the archive; an empty installer path leaves the manifest's out.
+    std::filesystem::path Archive(const std::string& version, const std::string& installerPath = "installer");
+    /// Writes an executable package file that answers as told and notes the arguments of an install beside itself.
+    std::filesystem::path Package(const std::string& name, const std::string& version, int verifyStatus = 0,
+                                  const std::string& install = "") const;
+
+    std::shared_ptr<ZMessage> AskClient(const char* keyword, const std::shared_ptr<ZMessage>& request) {
+        return probe->Ask(ZEndpointType::ClientRequest, keyword, request);
+    }
+    /// Tells the node that the drive has come, and waits for what it then announces.
+    std::shared_ptr<ZMessageArray> AnnounceDrive();
+    NodeAccess Tables() { return NodeAccess(*node); }
+    std::filesystem::path Drive() const { return folder / "drive"; }
+
+    TemporaryFolder folder;
+    LogCapture log;
+    ZIdentity identity{"KiteQM", "SN42", "verdin-imx8mm"};
+    std::shared_ptr<ZCoreConfigParams> core = ZMakeShared<ZCoreConfigParams>();
+    std::unique_ptr<ZGraph> graph;
+    std::shared_ptr<ProbeNode> probe;
+    std::shared_ptr<ZNodeArborInstall> node;
+};
+
+/// One record of a scan's result as a line: "3.045 System", or "3.1 /drive/a.pkg rejected 4".
+std::vector<std::string> Records(const std::shared_ptr<ZMessageArray>& array);

@@ -1,0 +1,224 @@
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <fstream>
+
+#include "NodeFixture.h"
+#include "ZShared/ZFileDescriptor.h"
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+
+namespace {
+
+std::shared_ptr<ZSystemUpdateMsg> UpdateTo(const char* version) {
+    const auto request = Z_MAKE(ZSystemUpdateMsg);
+    request->m_Version = version;
+    return request;
+}
+
+/// An installer's end of the progress socket.
+class Installer {
+public:
+    explicit Installer(const fs::path& socket) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socket.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        m_connected = WaitUntil([&] {
+            return ::connect(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        });
+        EXPECT_TRUE(m_connected) << socket;
+    }
+    void Say(const std::string& text) {
+        EXPECT_EQ(::send(m_socket.Get(), text.data(), text.size(), MSG_NOSIGNAL), std::ssize(text));
+    }
+
+private:
+    ZFileDescriptor m_socket;
+    bool m_connected = false;
+};
+
+class SystemUpdate : public NodeFixture {
+protected:
+    SystemUpdate() { probe->Listen(ZEndpointType::Progress, ""); }
+
+    /// Lets the node know a package, then asks for its installation.
+    std::shared_ptr<ZVersionInfoMsg> Install(const std::shared_ptr<ZSystemUpdateMsg>& request) {
+        auto results = Z_MAKE(ZMessageArray);
+        node->ScanDrive(Drive(), results);
+        return cast_shared<ZVersionInfoMsg>(AskClient("updatesystem", request));
+    }
+    /// Starts an install whose program does nothing more, and waits for its relay.
+    void StartRelay() {
+        Package("a.pkg", "3.045");
+        Start();
+        ASSERT_TRUE(Install(UpdateTo("3.045"))->m_bSuccess);
+        ASSERT_TRUE(log.WaitFor(2, "Install progress socket bound and listening"));
+    }
+    std::vector<std::int32_t> Percents() {
+        std::vector<std::int32_t> percents;
+        for (const auto& message : probe->Received()) {
+            percents.push_back(cast_shared<InstallProgressMsg>(message)->m_Percent);
+        }
+        return percents;
+    }
+    const fs::path socket = folder / "mount/Archive/progress";
+};
+
+TEST_F(SystemUpdate, StartsThePackageWithTheInstallersOptions) {
+    const struct {
+        const char* host;
+        bool reboot;
+        const char* config;
+        std::string arguments;
+    } kCases[] = {
+        {"", true, "", "--sock=1\n--addr=progress\n"},
+        {"", false, R"("DryRun":true)", "--sock=1\n--addr=progress\n--no-reboot\n--dry-run\n"},
+        {"dev", true, R"("ProgressPort":5000)", "--sock=2\n--port=5000\n--addr=dev.local\n"},
+    };
+    const fs::path package = Package("a.pkg", "3.045");
+    for (const auto& c : kCases) {
+        std::string error;
+        const auto record = ZMakeShared<ZNodeArborInstallCfg>("n");
+        if (!node) {
+            Start(c.config);
+        } else {  // a graph of its own for every record
+            node.reset();
+            graph = std::make_unique<ZGraph>(core);
+            ASSERT_TRUE(graph->AddNode("ProbeNode", "Probe", nullptr, error));
+            probe = cast_shared<ProbeNode>(graph->Node("Probe"));
+            Start(c.config);
+        }
+        fs::remove(package.string() + ".args");
+        const auto request = UpdateTo("3.045");
+        request->m_ProgressHost = c.host;
+        request->m_bReboot = c.reboot;
+        const auto answer = Install(request);
+        ASSERT_TRUE(answer);
+        EXPECT_TRUE(answer->m_bSuccess);
+        EXPECT_TRUE(Tables().UpdateInProgress());
+        ASSERT_TRUE(WaitUntil([&] { return fs::exists(package.string() + ".args"); }));
+        EXPECT_EQ(ReadText(package.string() + ".args"),
+                  "--skip-verify\n--dir=/media/mmcblk1p3/Packages\n" + c.arguments);
+    }
+    EXPECT_TRUE(log.Has(2, "Software update command " + package.string() +
+                               "--skip-verify--dir=/media/mmcblk1p3/Packages--sock=1--addr=progress"));
+    EXPECT_TRUE(log.Has(2, "Setting NO REBOOT flag for the installer"));
+}
+
+TEST_F(SystemUpdate, AnswersAMissingVersionAsAPlainFailureAndListsTheArchive) {
+    const fs::path archived = Archive("3.043");
+    Start();
+    const auto request = UpdateTo("3.043");  // archived, but on no drive
+    request->m_SerialNumber = "S1";
+    request->m_DeviceModel = static_cast<ZDeviceModel>(9);
+    const auto answer = Install(request);
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(answer->m_bSuccess);
+    EXPECT_EQ(answer->m_ErrorCode, ZFrameworkErrorCodes::ERRCODE_NONE);
+    EXPECT_TRUE(log.Has(2, "Find package for version <3.043> <-S1>"));
+    EXPECT_TRUE(log.Has(4, "No update file for package 3.043 checked 1"));
+    EXPECT_TRUE(log.Has(4, "Version 3.043: " + archived.string()));
+    EXPECT_FALSE(Tables().UpdateInProgress());
+}
+
+TEST_F(SystemUpdate, StopsTheRelayWhenTheInstallerCanNotBeStarted) {
+    const fs::path package = Package("a.pkg", "3.045");
+    Start();
+    auto results = Z_MAKE(ZMessageArray);
+    node->ScanDrive(Drive(), results);
+    fs::permissions(package, fs::perms::owner_read);
+    const auto answer = cast_shared<ZVersionInfoMsg>(AskClient("updatesystem", UpdateTo("3.045")));
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(answer->m_bSuccess);
+    EXPECT_EQ(answer->m_ErrorCode, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+    EXPECT_TRUE(log.Has(2, "Software update command FAILURE"));
+    EXPECT_TRUE(log.Has(4, "Unable to start install process. Kill the progress action"));
+    EXPECT_TRUE(WaitUntil([&] { return !Tables().Relaying(); }));
+    EXPECT_FALSE(fs::exists(socket));
+}
+
+TEST_F(SystemUpdate, RelaysEveryDocumentUntilOneSaysDone) {
+    folder.Write("mount/Archive/progress", "left by an earlier run");
+    StartRelay();
+    {
+        Installer early(socket);
+        early.Say(R"({"header":"Copy","message":"half","percent":40,"spinner":true})");
+        EXPECT_TRUE(probe->WaitForMessages(1));
+        early.Say("{\"percent\":");
+        ASSERT_TRUE(log.WaitFor(4, "Could not set JSON comm stream data dropping message"));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return log.All().find(" - EOF") != std::string::npos; }));
+    EXPECT_TRUE(Tables().Relaying()) << "a client that leaves must not end the relay";
+    Installer installer(socket);
+    installer.Say(R"({"percent":90,"message":"glued"}{"percent":100,"done":true})");
+    ASSERT_TRUE(log.WaitFor(2, "Progress local socket closed and file removed"));
+    EXPECT_THAT(Percents(), ElementsAre(40, 100));
+    EXPECT_TRUE(log.Has(2, "Install Header: Copy"));
+    EXPECT_TRUE(log.Has(2, "Install Message: half"));
+    EXPECT_TRUE(log.Has(2, "Install percent: 40 spinner: 1 done: 0 error 0"));
+    EXPECT_TRUE(log.Has(2, "Install complete exit progress loop"));
+    EXPECT_FALSE(fs::exists(socket));
+}
+
+TEST_F(SystemUpdate, LetsAnErrorWinOverDoneAndRelaysItThoughAValueIsOfAWrongType) {
+    StartRelay();
+    Installer installer(socket);
+    installer.Say(R"({"percent":"many","message":"broken","done":true,"error":true})");
+    ASSERT_TRUE(log.WaitFor(2, "Install ERROR exit progress loop"));
+    ASSERT_TRUE(probe->WaitForMessages(1));
+    EXPECT_TRUE(cast_shared<InstallProgressMsg>(probe->Received().front())->m_bError);
+}
+
+TEST_F(SystemUpdate, LetsAFifthClientWaitForAPlace) {
+    StartRelay();
+    std::vector<std::unique_ptr<Installer>> clients;
+    for (int i = 0; i < 5; ++i) {
+        clients.push_back(std::make_unique<Installer>(socket));
+        clients.back()->Say("{\"percent\":" + std::to_string(i) + "}");
+    }
+    ASSERT_TRUE(probe->WaitForMessages(4));
+    EXPECT_EQ(Percents().size(), 4u);
+    clients.front().reset();
+    ASSERT_TRUE(probe->WaitForMessages(5)) << "the fifth is taken when a place is free";
+    EXPECT_EQ(Percents().back(), 4);
+    clients.back()->Say(R"({"done":true})");
+    EXPECT_TRUE(log.WaitFor(2, "Install complete exit progress loop"));
+}
+
+TEST_F(SystemUpdate, RefusesASecondRelayAndLeavesTheFirstUntouched) {
+    StartRelay();
+    ASSERT_TRUE(Install(UpdateTo("3.045"))->m_bSuccess);
+    ASSERT_TRUE(log.WaitFor(4, "Could not bind socket - close and exist progress loop"));
+    Installer installer(socket);
+    installer.Say(R"({"percent":7})");
+    EXPECT_TRUE(probe->WaitForMessages(1));
+}
+
+TEST_F(SystemUpdate, AnswersWhetherAnUpdateRunsAndWhichVersionIsInstalled) {
+    InstallSystem("3.044");
+    Start();
+    const auto question = Z_MAKE(ZSystemUpdateInProgressRequestMsg);
+    question->m_Message = "hello";
+    question->m_RequestTag = "tag";
+    const auto answer = cast_shared<ZSystemUpdateInProgressMsg>(
+        probe->Ask(ZEndpointType::GraphService, "getUpdateInProgress", question));
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(answer->m_bUpdateInProgress);
+    EXPECT_EQ(answer->m_Message, "hello");
+    EXPECT_EQ(answer->m_RequestTag, "tag");
+    EXPECT_TRUE(log.Has(2, "Update In Progress = <FALSE>; Message = <ZSystemUpdateInProgressRequestMsg>..."));
+
+    const auto info = cast_shared<ZVersionInfoMsg>(AskClient("getinstalledversioninfo", Z_MAKE(ZGenericRequestMsg)));
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->m_Version, "3.044");
+    EXPECT_TRUE(info->m_bInstalled);
+
+    const auto compare = Z_MAKE(ZCompareVersionsMsg);
+    compare->m_Version1 = "2.0";
+    compare->m_Version2 = "2.5";
+    EXPECT_TRUE(cast_shared<ZCompareVersionsResultMsg>(AskClient("compareversions", compare))->m_bResult);
+    EXPECT_TRUE(log.Has(2, "Compare Versions 2.0 >= 2.5"));
+}
+
+}  // namespace
