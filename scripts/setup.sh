@@ -7,7 +7,7 @@ packages=(
     g++ clang clang-format clang-tidy cmake ninja-build ccache pkg-config
     libboost1.81-dev libboost-json1.81-dev libspdlog-dev libfmt-dev libcpp-httplib-dev libcli11-dev
     libmount-dev libudev-dev libsystemd-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
-    python3 openssl curl util-linux mount procps ca-certificates git
+    python3 openssl shellcheck curl util-linux mount procps ca-certificates git
 )
 # magic_enum 0.9 or newer; the distribution's release may lack it.
 enum_package=libmagicenum-dev
