@@ -1,0 +1,1 @@
+"""The builder of update packages: what a release computer runs. It stands on the installer's modules."""

@@ -1,0 +1,105 @@
+"""The command line of arbor-pkg."""
+
+import argparse
+import json
+import sys
+
+from arborinstaller.assemble import Recipe, write_package
+from arborinstaller.failure import Failure, describe
+from arborpkg import archive, inspection, keys
+
+_EXAMPLES = """examples:
+  arbor-pkg keygen --out keys --name "Arbor release"
+  arbor-pkg build --version 3.045 --board verdin-imx8mm --payload system.img \\
+            --key keys/key.pem --cert keys/cert.pem -o arbor_qm.pkg
+  arbor-pkg inspect arbor_qm.pkg
+  arbor-pkg archive --version 3.045 --board verdin-imx8mm --payload system.img \\
+            --key keys/key.pem --cert keys/cert.pem Packages/3.045
+"""
+
+
+def main(arguments: list[str]) -> int:
+    """Runs arbor-pkg; returns the exit code: 0 done, 1 it failed or the package is not sound, 2 usage."""
+    options = _parser().parse_args(arguments)
+    try:
+        return options.run(options)
+    except (Failure, OSError) as error:
+        print(f"arbor-pkg: {describe(error)}", file=sys.stderr)
+        return 1
+
+
+def _parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog="arbor-pkg", description="Builds, archives and inspects update packages.",
+                                     epilog=_EXAMPLES, formatter_class=argparse.RawDescriptionHelpFormatter)
+    commands = parser.add_subparsers(required=True, metavar="COMMAND")
+
+    keygen = commands.add_parser("keygen", help="make a key and its certificate")
+    keygen.add_argument("--out", required=True, metavar="DIR", help="where key.pem and cert.pem go")
+    keygen.add_argument("--name", default="Arbor packages", metavar="CN", help="the signer's name")
+    keygen.set_defaults(run=_keygen)
+
+    build = commands.add_parser("build", help="build a package file")
+    _add_recipe(build)
+    build.add_argument("-o", "--output", required=True, metavar="FILE", help="the package file")
+    build.set_defaults(run=_build)
+
+    store = commands.add_parser("archive", help="make a version directory for the archive")
+    _add_recipe(store)
+    store.add_argument("--build-board", action="append", metavar="BOARD", default=[*archive.KNOWN_BOARDS],
+                       help=f"a further board the version can be built for (besides {', '.join(archive.KNOWN_BOARDS)})")
+    store.add_argument("--component", action="append", metavar="NAME=VERSION[@BOARD]", default=[],
+                       help="a component for the manifest (default: system, of the package's version)")
+    store.add_argument("directory", metavar="DIR", help="the version directory, named like the version")
+    store.set_defaults(run=_archive)
+
+    inspect = commands.add_parser("inspect", help="show what a package is, without running it")
+    inspect.add_argument("--json", action="store_true", help="as a JSON document")
+    inspect.add_argument("--trust", default="", metavar="DIR", help="also say whether certificates there vouch for it")
+    inspect.add_argument("file", metavar="FILE")
+    inspect.set_defaults(run=_inspect)
+    return parser
+
+
+def _add_recipe(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("--version", required=True, help="the system version, such as 3.045")
+    parser.add_argument("--board", required=True, help="the board it is for, such as verdin-imx8mm")
+    parser.add_argument("--payload", required=True, metavar="FILE", help="the system image")
+    parser.add_argument("--key", required=True, metavar="FILE", help="private key (Ed25519 or RSA, PEM)")
+    parser.add_argument("--cert", required=True, metavar="FILE", help="its certificate (PEM)")
+    parser.add_argument("--installer-version", default="1.0", metavar="V", help="default %(default)s")
+    parser.add_argument("--silent-seconds", type=float, default=2.0, metavar="S",
+                        help="longest pause between progress documents, then a spinner shows (default %(default)s)")
+
+
+def _recipe(options: argparse.Namespace) -> Recipe:
+    return Recipe(options.version, options.board, options.payload, keys.read_certificate(options.cert),
+                  options.installer_version, options.silent_seconds)
+
+
+def _keygen(options: argparse.Namespace) -> int:
+    key, certificate = keys.generate(options.out, options.name)
+    print(f"private key: {key} (keep it secret)\ncertificate: {certificate} (goes into /etc/arbor/trust)")
+    return 0
+
+
+def _build(options: argparse.Namespace) -> int:
+    write_package(_recipe(options), options.output, keys.signer(options.key))
+    return 0
+
+
+def _archive(options: argparse.Namespace) -> int:
+    texts = options.component or [f"system={options.version}"]
+    components = [archive.Component.parse(text, options.board) for text in texts]
+    archive.create(options.directory, _recipe(options), keys.signer(options.key), options.build_board, components)
+    return 0
+
+
+def _inspect(options: argparse.Namespace) -> int:
+    facts = inspection.inspect(options.file, options.trust)
+    if options.json:
+        print(json.dumps(facts, indent=2))
+    else:
+        for name, value in facts.items():
+            if value is not None:
+                print(f"{name:17} {value}")
+    return 0 if inspection.is_sound(facts) else 1

@@ -1,0 +1,14 @@
+"""The one exception that carries a text for the person in front of the instrument."""
+
+
+class Failure(Exception):
+    """Something the user can understand and act on; its text names the thing that failed."""
+
+
+def describe(error: BaseException) -> str:
+    """One line about `error`: a Failure's own text, the system's reason and file for an OSError."""
+    if isinstance(error, Failure):
+        return str(error)
+    if isinstance(error, OSError) and error.strerror:
+        return f"{error.filename}: {error.strerror}" if error.filename else error.strerror
+    return f"internal error: {type(error).__name__}: {error}"

@@ -1,0 +1,71 @@
+"""The command line of a package file."""
+
+import argparse
+import os
+from typing import Callable
+
+from arborinstaller import settings, trust, watcher
+from arborinstaller.failure import Failure, describe
+from arborinstaller.layout import Package
+from arborinstaller.progress import Address
+
+_UNIX, _TCP = 1, 2
+_PACKAGES = "/media/mmcblk1p3/Packages"
+
+
+def main(path: str, arguments: list[str]) -> int:
+    """Runs the package file `path` with its command-line `arguments`; returns the exit code."""
+    options = _parser(os.path.basename(path)).parse_args(arguments)
+    if options.version:
+        return _answer(path, lambda package: package.header.version)
+    if options.verify is not None:
+        return _answer(path, lambda package: "OK: " + trust.verify(
+            package, options.trust or settings.load().trust, options.verify))
+    return watcher.install(path, watcher.Options(
+        packages=os.path.abspath(options.dir), address=_address(options), verify=not options.skip_verify,
+        trust=options.trust, reboot=not options.no_reboot, dry_run=options.dry_run))
+
+
+def _parser(name: str) -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog=name, allow_abbrev=False, description=(
+        "An update package. Run without --version or --verify it installs itself into the inactive slot beside "
+        "the packages directory and makes that slot the active one."))
+    parser.add_argument("--version", action="store_true", help="print the version that the package installs")
+    parser.add_argument("--verify", nargs="?", const="", metavar="BOARD",
+                        help="check signature and signer, and the board when one is given; 0: good, 1: not")
+    parser.add_argument("--trust", default="", metavar="DIR", help="trusted certificates (default /etc/arbor/trust)")
+    parser.add_argument("--dir", default=_PACKAGES, help="the packages directory (default %(default)s)")
+    parser.add_argument("--sock", "--socket", type=int, choices=(_UNIX, _TCP),
+                        help="report progress: 1 over the UNIX socket --addr in --dir, 2 over TCP --addr:--port")
+    parser.add_argument("--addr", default="", help="socket name or host")
+    parser.add_argument("--port", type=_port, default=0, help="TCP port")
+    parser.add_argument("--skip-verify", action="store_true", help="install without checking the signature again")
+    parser.add_argument("--no-reboot", action="store_true", help="leave the restart to somebody else")
+    parser.add_argument("--dry-run", action="store_true", help="go through it without changing anything")
+    return parser
+
+
+def _port(text: str) -> int:
+    if not text.isdecimal() or not 0 < int(text) < 65536:
+        raise argparse.ArgumentTypeError(f"'{text}' is no port")
+    return int(text)
+
+
+def _address(options: argparse.Namespace) -> Address | None:
+    """Where to report; an incomplete address is answered like one that nobody listens at: by going on."""
+    if options.sock == _UNIX:
+        return Address(path=os.path.join(os.path.abspath(options.dir), options.addr))
+    if options.sock == _TCP:
+        return Address(host=options.addr, port=options.port)
+    return None
+
+
+def _answer(path: str, question: Callable[[Package], str]) -> int:
+    """Prints what `question` says about the package, or why it can't be answered."""
+    try:
+        with Package(path) as package:
+            print(question(package))
+    except (Failure, OSError) as error:
+        print(f"FAILED: {describe(error)}")
+        return 1
+    return 0

@@ -1,0 +1,75 @@
+"""What an instrument may set about its installer: a file, overridden by the environment.
+
+/etc/arbor/installer.json, every key optional:
+
+    {"trust": "/etc/arbor/trust", "rebootCommand": ["systemctl", "reboot"], "stallSeconds": 900}
+
+Environment: ARBOR_TRUST and ARBOR_REBOOT_COMMAND (a command line, split like a shell splits words).
+"""
+
+import json
+import os
+import shlex
+from dataclasses import dataclass
+from typing import Any
+
+from arborinstaller.failure import Failure
+
+SETTINGS_FILE = "/etc/arbor/installer.json"
+
+
+@dataclass(frozen=True)
+class Settings:
+    """Where trusted certificates lie, how the instrument restarts, and when a silent worker is given up."""
+
+    trust: str = "/etc/arbor/trust"
+    rebootCommand: tuple[str, ...] = ("systemctl", "reboot")
+    stallSeconds: float = 900.0
+
+
+def load(path: str = SETTINGS_FILE) -> Settings:
+    """The settings in force; Failure that names the file or variable and the key when one is wrong."""
+    values = _from_file(path)
+    if "ARBOR_TRUST" in os.environ:
+        values["trust"] = os.environ["ARBOR_TRUST"]
+    if "ARBOR_REBOOT_COMMAND" in os.environ:
+        values["rebootCommand"] = _words("ARBOR_REBOOT_COMMAND", os.environ["ARBOR_REBOOT_COMMAND"])
+    return Settings(**values)
+
+
+def _from_file(path: str) -> dict[str, Any]:
+    try:
+        with open(path, encoding="utf-8") as file:
+            found = json.load(file)
+    except FileNotFoundError:
+        return {}
+    except ValueError as error:
+        raise Failure(f"{path}: not a JSON document ({error})") from None
+    if not isinstance(found, dict):
+        raise Failure(f"{path}: expected an object")
+    readers = {"trust": _text, "rebootCommand": _words, "stallSeconds": _seconds}
+    for key in found.keys() - readers.keys():
+        raise Failure(f"{path}: unknown key '{key}' (known: {', '.join(readers)})")
+    return {key: readers[key](f"{path}: {key}", value) for key, value in found.items()}
+
+
+def _text(name: str, value: Any) -> str:
+    if not isinstance(value, str) or not value:
+        raise Failure(f"{name}: expected a text")
+    return value
+
+
+def _words(name: str, value: Any) -> tuple[str, ...]:
+    try:
+        words = shlex.split(value) if isinstance(value, str) else list(value)
+    except (ValueError, TypeError) as error:
+        raise Failure(f"{name}: {error}") from None
+    if not words or not all(isinstance(word, str) for word in words):
+        raise Failure(f"{name}: expected a command")
+    return tuple(words)
+
+
+def _seconds(name: str, value: Any) -> float:
+    if isinstance(value, bool) or not isinstance(value, (int, float)) or not value > 0:
+        raise Failure(f"{name}: expected a number of seconds above 0")
+    return float(value)

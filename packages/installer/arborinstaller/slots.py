@@ -1,0 +1,113 @@
+"""The two slots that hold the instrument's system, and the switch between them.
+
+    Slots/A/system.img, version, digest
+    Slots/B/...
+    Slots/active -> A or B        what the instrument starts from
+
+A slot is complete when its version and digest stand beside the image; they are removed before the image is
+touched and written when it is known to be good. The active slot is never written to, so the instrument can
+start at any moment.
+"""
+
+import os
+
+from arborinstaller.failure import Failure
+from arborinstaller.files import remove_if_there, replacing, sync_directory
+
+IMAGE = "system.img"
+VERSION = "version"
+DIGEST = "digest"
+_NAMES = ("A", "B")
+_NEW_LINK = ".active.new"
+
+
+class Slots:
+    """The slots of the storage whose packages lie in one directory; they stand beside that directory."""
+
+    def __init__(self, packages_directory: str) -> None:
+        """Failure when `packages_directory` is no directory. Creates nothing."""
+        packages = os.path.realpath(packages_directory)
+        if not os.path.isdir(packages):
+            raise Failure(f"the packages directory {packages_directory} does not exist")
+        self.root = os.path.join(os.path.dirname(packages), "Slots")
+
+    def exist(self) -> bool:
+        """Whether anything has been installed, or begun, on this storage."""
+        return os.path.isdir(self.root)
+
+    def create(self) -> None:
+        """Creates the slots' directory when it is missing."""
+        if not self.exist():
+            os.mkdir(self.root, 0o755)
+            sync_directory(os.path.dirname(self.root))
+
+    def image(self, slot: str) -> str:
+        """The path of the image of `slot`."""
+        return os.path.join(self.root, slot, IMAGE)
+
+    def active(self) -> str | None:
+        """The slot the instrument starts from; None before the first install."""
+        link = os.path.join(self.root, "active")
+        try:
+            target = os.path.basename(os.readlink(link).rstrip("/"))
+        except FileNotFoundError:
+            return None
+        except OSError as error:
+            raise Failure(f"{link} is not a link to a slot: {error.strerror}") from None
+        if target not in _NAMES:
+            raise Failure(f"{link} leads to '{target}', not to slot A or B")
+        return target
+
+    def inactive(self) -> str:
+        """The slot to install into."""
+        return "B" if self.active() == "A" else "A"
+
+    def check_space(self, slot: str, size: int) -> None:
+        """Failure when an image of `size` bytes does not fit once the old image of `slot` is gone."""
+        where = self.root if self.exist() else os.path.dirname(self.root)
+        state = os.statvfs(where)
+        old = self.image(slot)
+        free = state.f_bavail * state.f_frsize + (os.stat(old).st_blocks * 512 if os.path.exists(old) else 0)
+        if free < size:
+            raise Failure(f"not enough space in {where}: the image takes {size} bytes, {free} are free")
+
+    def prepare(self, slot: str) -> None:
+        """Empties the inactive `slot` for a new image."""
+        os.makedirs(os.path.join(self.root, slot), 0o755, exist_ok=True)
+        sync_directory(self.root)
+        self._empty(slot)
+
+    def seal(self, slot: str, version: str, digest: str) -> None:
+        """Declares the image of `slot` good: from here on the slot is complete."""
+        for name, text in ((DIGEST, digest), (VERSION, version)):
+            with replacing(os.path.join(self.root, slot, name), 0o644) as file:
+                file.write(f"{text}\n".encode())
+
+    def activate(self, slot: str) -> None:
+        """Makes `slot` the one the instrument starts from: one rename, before it the old, after it the new."""
+        link = os.path.join(self.root, _NEW_LINK)
+        remove_if_there(link)
+        os.symlink(slot, link)
+        os.replace(link, os.path.join(self.root, "active"))
+        sync_directory(self.root)
+
+    def discard_incomplete(self) -> None:
+        """Frees what a failed install left in the inactive slot; a complete slot is kept as the way back."""
+        if not self.exist():
+            return
+        remove_if_there(os.path.join(self.root, _NEW_LINK))
+        slot = self.inactive()
+        folder = os.path.join(self.root, slot)
+        complete = all(os.path.exists(os.path.join(folder, name)) for name in (DIGEST, VERSION))
+        if os.path.isdir(folder) and not complete:
+            self._empty(slot)
+
+    def _empty(self, slot: str) -> None:
+        if slot == self.active():
+            raise Failure(f"slot {slot} is in use")
+        folder = os.path.join(self.root, slot)
+        # The version goes first and durably: without it nobody takes a half-removed image for a whole one.
+        for names in ((VERSION, DIGEST), (IMAGE, f".{VERSION}.partial", f".{DIGEST}.partial")):
+            for name in names:
+                remove_if_there(os.path.join(folder, name))
+            sync_directory(folder)

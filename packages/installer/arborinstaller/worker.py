@@ -1,0 +1,126 @@
+"""The part of an install that touches the storage. It runs in a process of its own, watched by watcher.py."""
+
+import hashlib
+import os
+import traceback
+from dataclasses import dataclass
+from typing import Callable, Iterable, Iterator
+
+from arborinstaller import trust
+from arborinstaller.failure import Failure, describe
+from arborinstaller.layout import CHUNK, Package
+from arborinstaller.slots import Slots
+
+# Flushed piece by piece, so that the final sync is short and the percentage tells the truth.
+_FLUSH_BYTES = 32 << 20
+
+# Shares of the percentage: the write is the long part, reading back the next.
+_WRITTEN = 80
+_CHECKED = 97
+
+Report = Callable[[str, int], None]
+"""Called with a message and a percentage (0 to 99)."""
+
+
+@dataclass(frozen=True)
+class Plan:
+    """What the worker is to do: check first (with the certificates in `trust`), and only look or really write."""
+
+    verify: bool
+    trust: str
+    dry_run: bool
+
+
+def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | None:
+    """Installs the package; returns None, or the reason why the instrument keeps its old version."""
+    try:
+        if plan.verify:
+            report("Checking the signature", 0)
+            trust.verify(package, plan.trust, "")
+        slots.check_space(slots.inactive(), package.header.payload.size)
+        if plan.dry_run:
+            _rehearse(package, report)
+        else:
+            _install(package, slots, report)
+    except (Failure, OSError) as error:
+        return describe(error)
+    except Exception as error:  # whatever it is, the person at the instrument hears of it
+        traceback.print_exc()
+        return describe(error)
+    return None
+
+
+def _rehearse(package: Package, report: Report) -> None:
+    """Reads the whole image as an install would, without writing anything."""
+    expected = package.header.payload
+    digest = hashlib.sha256()
+    for chunk in _counted(package.payload(), expected.size, "Reading the image (dry run)", (0, _CHECKED), report):
+        digest.update(chunk)
+    _compare(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
+
+
+def _install(package: Package, slots: Slots, report: Report) -> None:
+    slot = slots.inactive()
+    expected = package.header.payload
+    report(f"Preparing slot {slot}", 0)
+    slots.prepare(slot)
+    _write_image(package, slots.image(slot), report)
+    _check_image(slots.image(slot), expected.size, expected.sha256, report)
+    report(f"Completing slot {slot}", _CHECKED)
+    slots.seal(slot, package.header.version, expected.sha256)
+    report(f"Switching to slot {slot}", 99)
+    slots.activate(slot)
+
+
+def _write_image(package: Package, path: str, report: Report) -> None:
+    expected = package.header.payload
+    digest = hashlib.sha256()
+    unflushed = 0
+    with open(path, "xb", buffering=0) as image:
+        for chunk in _counted(package.payload(), expected.size, "Writing the image", (0, _WRITTEN), report):
+            digest.update(chunk)
+            _write_all(image.fileno(), chunk)
+            unflushed += len(chunk)
+            if unflushed >= _FLUSH_BYTES:
+                os.fdatasync(image.fileno())
+                unflushed = 0
+        report("Flushing the image to the storage", _WRITTEN)
+        os.fsync(image.fileno())
+    _compare(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
+
+
+def _write_all(descriptor: int, data: bytes) -> None:
+    rest = memoryview(data)
+    while rest:
+        rest = rest[os.write(descriptor, rest):]
+
+
+def _check_image(path: str, size: int, sha256: str, report: Report) -> None:
+    """Reads the image back, from the storage and not from memory, and compares its digest."""
+    digest = hashlib.sha256()
+    with open(path, "rb", buffering=0) as image:
+        os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+        pieces = iter(lambda: image.read(CHUNK), b"")
+        for chunk in _counted(pieces, size, "Checking the image", (_WRITTEN, _CHECKED), report):
+            digest.update(chunk)
+    _compare(digest.hexdigest(), sha256, f"{path}: the storage does not hold what was written")
+
+
+def _compare(found: str, expected: str, complaint: str) -> None:
+    if found != expected:
+        raise Failure(f"{complaint} (digest {found[:16]}..., expected {expected[:16]}...)")
+
+
+def _counted(chunks: Iterable[bytes], total: int, message: str, share: tuple[int, int],
+             report: Report) -> Iterator[bytes]:
+    """Passes `chunks` on and reports each new percent of the `share` of the whole that they stand for."""
+    first, last = share
+    done = 0
+    reported = -1
+    for chunk in chunks:
+        percent = first + (last - first) * done // max(total, 1)
+        if percent != reported:
+            report(message, percent)
+            reported = percent
+        yield chunk
+        done += len(chunk)

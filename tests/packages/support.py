@@ -1,0 +1,157 @@
+"""What the package tests share: keys, packages, an instrument's storage and a progress receiver."""
+
+import hashlib
+import json
+import os
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOM = os.path.join(os.path.dirname(os.path.dirname(HERE)), "packages")
+ARBOR_PKG = os.path.join(ROOM, "arbor-pkg")
+sys.path.insert(0, os.path.join(ROOM, "installer"))  # for the tests of single modules
+BOARD = "verdin-imx8mm"
+LIMIT = 60  # seconds until a test is given up as hanging
+
+
+def read(*path: str) -> bytes:
+    with open(os.path.join(*path), "rb") as file:
+        return file.read()
+
+
+def run(*command: str, **options) -> subprocess.CompletedProcess:
+    return subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, check=False, **options)
+
+
+class PackageTest(unittest.TestCase):
+    """A folder with keys and a payload of three and a half pieces; instruments and packages are made on demand."""
+
+    @classmethod
+    def setUpClass(cls) -> None:
+        folder = tempfile.TemporaryDirectory(prefix="arbor")
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = folder.name
+        cls.keys = cls.path("keys")
+        assert run(ARBOR_PKG, "keygen", "--out", cls.keys, "--name", "Test signer").returncode == 0
+        cls.payload = cls.path("payload.img")
+        with open(cls.payload, "wb") as file:
+            file.write(os.urandom(7 << 19))
+        cls.package, cls.older = cls.path("arbor_qm.pkg"), cls.path("older.pkg")
+        for package, version in ((cls.package, "3.045"), (cls.older, "3.044")):
+            done = run(ARBOR_PKG, "build", *cls.recipe(version), "--silent-seconds", "0.1", "-o", package)
+            assert done.returncode == 0, done.stderr
+
+    @classmethod
+    def path(cls, *names: str) -> str:
+        return os.path.join(cls.folder, *names)
+
+    @classmethod
+    def recipe(cls, version: str) -> list[str]:
+        return ["--version", version, "--board", BOARD, "--payload", cls.payload,
+                "--key", cls.path("keys", "key.pem"), "--cert", cls.path("keys", "cert.pem")]
+
+    def instrument(self) -> "Instrument":
+        instrument = Instrument(tempfile.mkdtemp(dir=self.folder))
+        self.addCleanup(instrument.stop)
+        return instrument
+
+
+class Instrument:
+    """An instrument's storage, and the ways to run an installer on it."""
+
+    def __init__(self, root: str) -> None:
+        self.packages, self.slots, self.restarts, self.release = (
+            os.path.join(root, name) for name in ("Packages", "Slots", "restarts", "release"))
+        self._running: list[subprocess.Popen] = []
+        os.mkdir(self.packages)
+        # Never the real command: a test must not restart the machine it runs on.
+        self.environment = {**os.environ, "ARBOR_REBOOT_COMMAND": f"touch {self.restarts}", "RELEASE": self.release}
+
+    def start(self, *command: str) -> subprocess.Popen:
+        self._running.append(subprocess.Popen([*command, f"--dir={self.packages}"], env=self.environment, text=True,
+                                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE))
+        return self._running[-1]
+
+    def let_go(self) -> None:
+        open(self.release, "wb").close()
+
+    def stop(self) -> None:
+        self.let_go()
+        for process in self._running:
+            with process:
+                process.terminate()
+
+    def install(self, *command: str) -> tuple[int, str]:
+        errors = self.start(*command).communicate(timeout=LIMIT)[1]
+        return self._running[-1].returncode, errors
+
+    def active(self) -> str | None:
+        link = os.path.join(self.slots, "active")
+        return os.readlink(link) if os.path.islink(link) else None
+
+    def startable_version(self) -> str:
+        """The version the instrument would start: the active slot must be whole."""
+        folder = os.path.join(self.slots, "active")
+        digest = hashlib.sha256(read(folder, "system.img")).hexdigest()
+        if read(folder, "digest").decode() != digest + "\n":
+            raise AssertionError("the active slot does not hold what its digest says")
+        return read(folder, "version").decode().strip()
+
+    def tree(self) -> dict[str, tuple[int, int]]:
+        paths = [os.path.join(folder, name) for folder, folders, files in os.walk(os.path.dirname(self.packages))
+                 for name in (*folders, *files)]
+        return {path: (os.lstat(path).st_mtime_ns, os.lstat(path).st_size) for path in paths}
+
+
+def faulty(fault: str, package: str) -> list[str]:
+    return [sys.executable, os.path.join(HERE, "fault.py"), fault, package]
+
+
+class Receiver:
+    """Takes progress like the relay does: each read of up to 1024 bytes has to hold whole documents."""
+
+    def __init__(self, instrument: Instrument | None = None) -> None:
+        """Listens on the instrument's progress socket, or on a TCP port when there is no instrument."""
+        self._server = socket.socket(socket.AF_UNIX if instrument else socket.AF_INET)
+        self._server.bind(os.path.join(instrument.packages, "progress") if instrument else ("127.0.0.1", 0))
+        self._server.settimeout(LIMIT)
+        self._server.listen(5)
+        self.address = self._server.getsockname()
+        self._changed = threading.Condition()
+        self._thread = threading.Thread(target=self._receive)
+        self.documents: list[dict] = []
+        self.torn = b""
+
+    def __enter__(self) -> "Receiver":
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._thread.join(LIMIT)
+        self._server.close()
+
+    def wait_for(self, wanted) -> None:
+        """Returns as soon as there is a document for which `wanted` holds."""
+        with self._changed:
+            if not self._changed.wait_for(lambda: any(map(wanted, self.documents)), LIMIT):
+                raise AssertionError(f"not among {len(self.documents)} documents, last {self.documents[-1:]}")
+
+    def ends(self) -> list[dict]:
+        return [document for document in self.documents if document["done"] or document["error"]]
+
+    def _receive(self) -> None:
+        connection, _ = self._server.accept()
+        with connection:
+            connection.settimeout(LIMIT)
+            while chunk := connection.recv(1024):
+                try:
+                    documents = json.loads(b"[" + chunk.replace(b"}{", b"},{") + b"]")
+                except ValueError:
+                    self.torn, documents = chunk, []
+                with self._changed:
+                    self.documents += documents
+                    self._changed.notify_all()
