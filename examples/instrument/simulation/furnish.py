@@ -1,0 +1,71 @@
+"""Fills an instrument's places: storage, identity, configuration, trusted certificates."""
+
+import json
+import shutil
+import struct
+import zlib
+from pathlib import Path
+
+from . import paths, places
+
+# TlvInfo, the layout in which the boot loader keeps a board's identity.
+TLV_PRODUCT_NAME = 0x21
+TLV_SERIAL_NUMBER = 0x23
+TLV_PLATFORM_NAME = 0x28
+TLV_CRC32 = 0xFE
+EEPROM_BYTES = 2048
+
+
+def furnish(fixtures: Path) -> None:
+    """Lays everything out afresh, whatever the places held; `fixtures` is what `fixtures.ensure` returned."""
+    for place in paths.PLACES:
+        places.empty(place)
+    shutil.copytree(fixtures / "storage", paths.STORAGE, symlinks=True, dirs_exist_ok=True)
+    shutil.copytree(fixtures / "trust", paths.TRUST)
+    shutil.copy(paths.ARCHIVE / paths.INSTALLED / "Manifest.json", paths.MANIFEST)
+    paths.EEPROM.write_bytes(eeprom_image(paths.MODEL, paths.SERIAL_NUMBER, paths.BOARD))
+    write_json(paths.GRAPH, graph(paths.plain_mode()))
+    write_json(paths.CONFIG / "installer.json", {"rebootCommand": [str(paths.INSTRUMENT / "reboot")]})
+
+
+def write_json(path: Path, document: dict) -> None:
+    """Writes one readable JSON file."""
+    path.write_text(json.dumps(document, indent=2) + "\n", encoding="utf-8")
+
+
+def eeprom_image(model: str, serial_number: str, board: str) -> bytes:
+    """The EEPROM's bytes: header, three texts, checksum over all before its value, and the erased rest."""
+    fields = ((TLV_PRODUCT_NAME, model), (TLV_SERIAL_NUMBER, serial_number), (TLV_PLATFORM_NAME, board))
+    body = b"".join(bytes([code, len(text)]) + text.encode("ascii") for code, text in fields)
+    crc_head = bytes([TLV_CRC32, 4])
+    head = b"TlvInfo\0" + bytes([1]) + struct.pack(">H", len(body) + len(crc_head) + 4)
+    covered = head + body + crc_head
+    return (covered + struct.pack(">I", zlib.crc32(covered))).ljust(EEPROM_BYTES, b"\xff")
+
+
+def graph(plain: bool) -> dict:
+    """The graph file. Where nothing can be mounted it names the mount that the kernel's table lacks, and the sticks."""
+    platform: dict = {"eeprom": str(paths.EEPROM), "commandTimeoutSeconds": 120}
+    storage: dict = {"removableRoots": [] if plain else [str(paths.STICKS)], "excludedRoots": [str(paths.STORAGE)]}
+    if plain:
+        platform["mounts"] = {paths.ARCHIVE_DEVICE: str(paths.STORAGE)}
+        storage["roots"] = [str(paths.STICKS / name) for name in paths.STICK_NAMES]
+    return {
+        "core": {"updatesFolder": str(paths.UPDATES), "requestTimeoutSeconds": 30, "queueLength": 256,
+                 "shutdownGraceSeconds": 30},
+        "log": {"level": 2, "console": True, "journal": False, "file": str(paths.HOST_LOG), "fileSizeKiB": 1024,
+                "fileCount": 5},
+        "platform": platform,
+        "libraries": ["libNodeArborInstall.so", "libNodeStorage.so", "libNodeDeviceProps.so", "libNodeGateway.so"],
+        "nodes": [
+            {"name": "ArborInstall", "class": "ZNodeArborInstall", "config": _installer_record()},
+            {"name": "Storage", "class": "ZNodeStorage", "config": storage},
+            {"name": "DeviceProps", "class": "ZNodeDeviceProps", "config": {"deviceType": "DEVICE_CART"}},
+            {"name": "Gateway", "class": "ZNodeGateway", "config": {"socketPath": str(paths.GATEWAY)}},
+        ],
+    }
+
+
+def _installer_record() -> dict:
+    return {"ArchiveDevice": paths.ARCHIVE_DEVICE, "ArchiveDir": "Packages", "SystemInfoFilePath": str(paths.MANIFEST),
+            "AllowDowngrades": False, "ProgressPort": 5600, "ProgressPath": "progress", "DryRun": False}

@@ -1,0 +1,62 @@
+"""Where things are on the instrument, and where this checkout keeps what they are made from."""
+
+import os
+from pathlib import Path
+
+# Fixed on a real instrument; the installer's command line and the remote log name them literally.
+ARCHIVE_DEVICE = "/dev/mmcblk1p3"
+STORAGE = Path("/media/mmcblk1p3")
+ARCHIVE = STORAGE / "Packages"
+SLOTS = STORAGE / "Slots"
+LOGS = Path("/usr/share/Logs")
+
+# Chosen by the instrument's image.
+CONFIG = Path("/etc/arbor")
+RUNTIME = Path("/run/arbor")
+STATE = Path("/var/lib/arbor")
+UPDATES = STATE / "updates"
+STICKS = Path("/media")
+
+GRAPH = CONFIG / "graph.json"
+MANIFEST = CONFIG / "Manifest.json"
+EEPROM = CONFIG / "eeprom"
+TRUST = CONFIG / "trust"
+GATEWAY = RUNTIME / "gateway.sock"
+HOST_LOG = LOGS / "arbord.log"
+HOST_CONSOLE = LOGS / "arbord.console"
+HOST_PID = RUNTIME / "arbord.pid"
+
+# Everything that one instrument has to itself while it runs.
+PLACES = (STORAGE, LOGS, CONFIG, RUNTIME, STATE)
+STICK_NAMES = ("usb1", "usb2")
+
+MODEL = "KiteQM"
+SERIAL_NUMBER = "KQ-240117"
+BOARD = "verdin-imx8mm"
+INSTALLED = "3.044"
+ARCHIVED = ("3.043", "3.044")
+ON_STICK = ("3.001", "3.045", "3.046")
+DAMAGED = "3.047"
+
+INSTRUMENT = Path(__file__).resolve().parent.parent
+PROJECT = INSTRUMENT.parent.parent
+
+
+def build_folder() -> Path:
+    """The build whose programs run in the instrument: ARBOR_BUILD, or the release build of this checkout."""
+    return Path(os.environ.get("ARBOR_BUILD") or PROJECT / "build" / "release").resolve()
+
+
+def program(name: str) -> Path:
+    """One of the built programs."""
+    return build_folder() / "bin" / name
+
+
+def fixtures_folder() -> Path:
+    """Where keys and packages are kept between runs; they are the same for every build."""
+    return Path(os.environ.get("ARBOR_FIXTURES") or PROJECT / "build" / "instrument").resolve()
+
+
+def plain_mode() -> bool:
+    """True inside an instrument whose paths are real directories, not private mounts."""
+    return os.environ.get("ARBOR_INSTRUMENT") == "plain"
