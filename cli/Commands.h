@@ -1,0 +1,55 @@
+#pragma once
+
+#include <string>
+
+#include "Result.h"
+#include "Session.h"
+
+/// One function for each command of the program. Each writes its result to the session and returns the exit status, or
+/// says why it could not do its work.
+namespace arborctl {
+
+// Questions, answered at once.
+Result<ExitCode> ShowStatus(Session& session);
+Result<ExitCode> ShowUpdates(Session& session);
+Result<ExitCode> CompareVersions(Session& session, const std::string& first, const std::string& second);
+
+struct CompatibilityQuestion {
+    std::string version;
+    std::string board;
+    std::string model;  ///< Name of a device model; empty: the device's own default.
+};
+Result<ExitCode> CheckCompatibility(Session& session, const CompatibilityQuestion& question);
+
+/// `body` is the message's JSON, "-" for the standard input or "@FILE".
+Result<ExitCode> SendMessage(Session& session, const std::string& keyword, const std::string& body);
+
+// Work that the device does.
+/// Has the device check a package file that it can see, and waits for the outcome.
+Result<ExitCode> ScanFile(Session& session, const std::string& file);
+
+struct InstallOrder {
+    std::string version;
+    std::string progressHost;  ///< Device that the installer reports to; empty: the device itself.
+    bool reboot = true;
+    bool wait = false;
+};
+Result<ExitCode> Install(Session& session, const InstallOrder& order);
+
+struct AccessoryOrder {
+    std::string version;  ///< May be empty for a remote install.
+    std::string serialNumber;
+    std::string model;
+    bool wait = false;
+};
+Result<ExitCode> Transfer(Session& session, const AccessoryOrder& order);
+Result<ExitCode> RemoteInstall(Session& session, const AccessoryOrder& order);
+
+/// Sends a file of this machine into the device's updates folder.
+Result<ExitCode> UploadFile(Session& session, const std::string& file);
+
+// Streams, until the user or the reader of the output ends them.
+Result<ExitCode> WatchEvents(Session& session);
+Result<ExitCode> ShowLog(Session& session, unsigned lines, bool follow);
+
+}  // namespace arborctl

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <boost/json.hpp>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "HttpConnection.h"
+#include "Result.h"
+
+namespace arborctl {
+
+/// Where the device is and how long to wait for it.
+struct Settings {
+    std::string socketPath;
+    std::optional<std::chrono::milliseconds> timeout;  ///< The user's own; replaces every limit below.
+    bool json = false;
+
+    /// One request and its answer: a little more than the device itself waits before it says that nobody answered.
+    [[nodiscard]] std::chrono::milliseconds RequestLimit() const { return Limit(std::chrono::seconds{35}); }
+    /// Without any news of a running operation: as long as the device lets one of its own commands run.
+    [[nodiscard]] std::chrono::milliseconds SilenceLimit() const { return Limit(std::chrono::minutes{15}); }
+    /// Until a lost connection must be back: a device that restarts its services needs some seconds.
+    [[nodiscard]] std::chrono::milliseconds ReconnectLimit() const { return Limit(std::chrono::minutes{1}); }
+
+private:
+    [[nodiscard]] std::chrono::milliseconds Limit(std::chrono::milliseconds usual) const {
+        return timeout.value_or(usual);
+    }
+};
+
+/// The problem document of a refused request as one sentence: title, detail, status and the field to blame.
+Failure ProblemOf(const HttpReply& reply);
+
+/// "device not reachable at PATH: reason".
+Failure NotReachable(const std::string& socketPath, const std::string& reason);
+
+/// Requests to one device. Every call ends within the request limit, and at once when the user interrupts. One thread.
+class GatewayClient {
+public:
+    explicit GatewayClient(const Settings& settings);
+
+    /// A resource of the device ("/v1/status").
+    Result<boost::json::value> Get(const std::string& path);
+
+    /// The answer to a message sent on a keyword; null for a notification that the device took.
+    Result<boost::json::value> Send(const std::string& keyword, const boost::json::value& message);
+
+private:
+    Result<boost::json::value> Perform(const std::function<HttpReply()>& request);
+
+    std::string m_socketPath;
+    std::chrono::milliseconds m_limit;
+    HttpConnection m_connection;
+};
+
+}  // namespace arborctl

@@ -1,0 +1,116 @@
+#include "HttpConnection.h"
+
+#include <httplib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace arborctl {
+namespace {
+
+constexpr std::size_t kMaxRefusalBody = std::size_t{1} << 20U;
+
+/// The library says only that connecting failed; the system knows why.
+std::string WhyNotConnected(const std::string& socketPath) {
+    sockaddr_un address{};
+    if (socketPath.size() >= sizeof(address.sun_path)) {
+        return "the path is longer than " + std::to_string(sizeof(address.sun_path) - 1) + " bytes";
+    }
+    address.sun_family = AF_UNIX;
+    socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (probe < 0) {
+        return std::strerror(errno);
+    }
+    const int result = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    const int reason = errno;
+    close(probe);
+    return result == 0 ? "the connection was refused" : std::strerror(reason);
+}
+
+std::string Describe(httplib::Error error, const std::string& socketPath) {
+    switch (error) {
+        case httplib::Error::Connection:
+        case httplib::Error::ConnectionTimeout:
+            return WhyNotConnected(socketPath);
+        case httplib::Error::Read:
+            return "the connection broke off or no answer came in time";
+        case httplib::Error::Write:
+            return "the connection broke off while the request was sent";
+        case httplib::Error::Canceled:
+            return "the request was broken off";
+        default:
+            return httplib::to_string(error);
+    }
+}
+
+HttpReply ToReply(const httplib::Result& result, const std::string& socketPath) {
+    if (!result) {
+        return {0, "", "", Describe(result.error(), socketPath)};
+    }
+    return {result->status, result->get_header_value("Content-Type"), result->body, ""};
+}
+
+}  // namespace
+
+struct HttpConnection::Impl {
+    Impl(std::string path, std::chrono::milliseconds patience)
+        : socketPath(std::move(path)), client(socketPath, 80) {  // the port is not used with a UNIX socket
+        client.set_address_family(AF_UNIX);
+        client.set_default_headers({{"Host", "localhost"}});
+        client.set_keep_alive(true);
+        client.set_connection_timeout(patience);
+        client.set_read_timeout(patience);
+        client.set_write_timeout(patience);
+    }
+
+    std::string socketPath;
+    httplib::Client client;
+};
+
+HttpConnection::HttpConnection(const std::string& socketPath, std::chrono::milliseconds patience)
+    : m_impl(std::make_unique<Impl>(socketPath, patience)) {}
+
+HttpConnection::~HttpConnection() = default;
+
+HttpReply HttpConnection::Get(const std::string& path) {
+    return ToReply(m_impl->client.Get(path), m_impl->socketPath);
+}
+
+HttpReply HttpConnection::PostJson(const std::string& path, const std::string& body) {
+    return ToReply(m_impl->client.Post(path, body, "application/json"), m_impl->socketPath);
+}
+
+HttpReply HttpConnection::Stream(const std::string& path, const std::function<void()>& onOpen,
+                                 const std::function<bool(std::string_view)>& onBytes) {
+    bool streaming = false;
+    std::string refusal;
+    const auto onHeaders = [&](const httplib::Response& response) {
+        streaming = response.status == 200;
+        if (streaming) {
+            onOpen();
+        }
+        return true;
+    };
+    const auto onContent = [&](const char* bytes, std::size_t count) {
+        if (streaming) {
+            return onBytes({bytes, count});
+        }
+        refusal.append(bytes, count);
+        return refusal.size() <= kMaxRefusalBody;
+    };
+    const httplib::Headers headers{{"Accept", "text/event-stream"}};
+    HttpReply reply = ToReply(m_impl->client.Get(path, headers, onHeaders, onContent), m_impl->socketPath);
+    if (!streaming) {
+        reply.body = std::move(refusal);
+    }
+    return reply;
+}
+
+void HttpConnection::Stop() {
+    m_impl->client.stop();
+}
+
+}  // namespace arborctl

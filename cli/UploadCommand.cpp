@@ -1,0 +1,105 @@
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "Commands.h"
+#include "JsonFields.h"
+#include "ProgressDisplay.h"
+#include "TextFormat.h"
+
+namespace json = boost::json;
+namespace fs = std::filesystem;
+
+namespace arborctl {
+namespace {
+
+/// File bytes in one message: a multiple of three, so that only the last one's base64 text carries padding, and small
+/// enough for the device's limit on a request.
+constexpr std::size_t kChunkBytes = 776700;
+/// The file's permissions at the device: a package has to be executable (octal 0755).
+constexpr int kFileMode = 493;
+
+/// One file on its way. The device opens it under a temporary name and gives it its own when it is closed; an upload
+/// that fails is therefore left open, and the device throws it away.
+class Upload {
+public:
+    Upload(Session& session, std::string name, std::size_t size)
+        : m_session(session), m_name(std::move(name)), m_size(size), m_display(session.out, OutputColumns) {}
+
+    Result<void> Run(std::istream& file) {
+        if (auto opened = Tell("open", {{"className", "ZFileOpenMsg"}, {"mode", kFileMode}}); !opened) {
+            return opened;
+        }
+        std::string chunk;
+        while (m_sent < m_size) {
+            chunk.resize(std::min(kChunkBytes, m_size - m_sent));
+            if (!file.read(chunk.data(), static_cast<std::streamsize>(chunk.size()))) {
+                return UsageFailure(Escaped(m_name) + ": could not be read to its end; has it changed meanwhile?");
+            }
+            if (auto sent = Tell("write", {{"className", "ZFileWriteMsg"}, {"data", Base64(chunk)}}); !sent) {
+                return sent;
+            }
+            m_sent += chunk.size();
+            ShowProgress();
+        }
+        return Tell("close", {{"className", "ZFileCloseMsg"}});
+    }
+
+private:
+    Result<void> Tell(const std::string& step, json::object message) {
+        message["filePath"] = m_name;
+        const auto answer = m_session.gateway.Send("upload", message);
+        if (!answer) {
+            return answer.error();
+        }
+        if (!fields::Flag(*answer, "bSuccess")) {
+            return Refused(Escaped(m_name) + ": " + step + " refused: " + fields::Refusal(*answer, "no reason given"));
+        }
+        return {};
+    }
+
+    void ShowProgress() {
+        const auto percent = static_cast<int>(m_sent * 100 / m_size);
+        if (m_session.settings.json) {
+            m_session.PrintJson(json::object{{"sent", m_sent}, {"size", m_size}, {"percent", percent}});
+            return;
+        }
+        Progress progress;
+        progress.header = "Upload";
+        progress.message = Escaped(m_name) + ", " + ByteCount(m_size);
+        progress.percent = percent;
+        progress.done = m_sent == m_size;
+        m_display.Show(progress);
+    }
+
+    Session& m_session;
+    std::string m_name;
+    std::size_t m_size;
+    std::size_t m_sent = 0;
+    ProgressDisplay m_display;
+};
+
+}  // namespace
+
+Result<ExitCode> UploadFile(Session& session, const std::string& file) {
+    std::error_code error;
+    const auto size = fs::file_size(file, error);
+    if (error) {
+        return UsageFailure(Escaped(file) + ": " + error.message());
+    }
+    std::ifstream stream(file, std::ios::binary);
+    if (!stream) {
+        return UsageFailure(Escaped(file) + ": " + std::strerror(errno));
+    }
+    const std::string name = fs::path(file).filename().string();
+    if (const auto sent = Upload(session, name, size).Run(stream); !sent) {
+        return sent.error();
+    }
+    session.Print(json::object{{"outcome", "done"}, {"file", name}, {"size", size}},
+                  Escaped(name) + ": uploaded, " + ByteCount(size) + "\n");
+    return ExitCode::kDone;
+}
+
+}  // namespace arborctl

@@ -1,0 +1,194 @@
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <exception>
+#include <functional>
+#include <iostream>
+#include <string>
+
+#include "Commands.h"
+#include "Interrupt.h"
+#include "Result.h"
+#include "Session.h"
+
+namespace {
+
+using arborctl::ExitCode;
+using arborctl::Result;
+using arborctl::Session;
+
+constexpr const char* kExamples = R"(Examples:
+  arborctl status                              what the device is, runs and offers
+  arborctl scan /media/usb1/arbor_qm.pkg       check this package file now
+  arborctl install 3.046 --wait                install and show the progress to the end
+  arborctl install 3.046 --no-reboot           start it, keep the device running afterwards
+  arborctl watch --json | jq .event            events for a program
+  arborctl send getdevices                     any message of the device's interface
+  arborctl transfer 3.046 --to 4711 --wait     carry a package over to an accessory
+
+Exit status: 0 done, 1 the device said no, 2 usage, 3 not reachable (or broke off, or too late), 130 Ctrl-C.
+"arborctl COMMAND --help" tells more about a command.)";
+
+/// What the command line chose; the chosen subcommand sets `run`.
+struct Choice {
+    arborctl::Settings settings;
+    double timeoutSeconds = 0;
+    std::function<Result<ExitCode>(Session&)> run;
+
+    std::string first;
+    std::string second;
+    unsigned lines = 200;
+    bool follow = false;
+    bool noReboot = false;
+    arborctl::InstallOrder install;
+    arborctl::AccessoryOrder accessory;
+    arborctl::CompatibilityQuestion question;
+};
+
+void AddGlobalOptions(CLI::App& app, Choice& choice) {
+    choice.settings.socketPath = "/run/arbor/gateway.sock";
+    app.set_version_flag("--version", "arborctl " ARBORCTL_VERSION);
+    app.add_flag("--json", choice.settings.json, "Output for programs: one document, or one a line for streams");
+    app.add_option("--socket", choice.settings.socketPath, "The device's socket")
+        ->envname("ARBORCTL_SOCKET")
+        ->capture_default_str()
+        ->type_name("PATH");
+    app.add_option("--timeout", choice.timeoutSeconds,
+                   "Longest wait for an answer (35), for news of a running operation (900), for a lost connection (60)")
+        ->check(CLI::Range(0.1, 86400.0))
+        ->type_name("SECONDS");
+}
+
+/// A subcommand with its examples below its help.
+CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& description,
+                     const std::string& examples) {
+    CLI::App* command = app.add_subcommand(name, description);
+    command->footer("Examples:\n" + examples);
+    return command;
+}
+
+void AddQueries(CLI::App& app, Choice& choice) {
+    AddCommand(app, "status", "Show the device, its version, updates, progress and drives",
+               "  arborctl status\n  arborctl status --json")
+        ->callback([&] { choice.run = arborctl::ShowStatus; });
+    AddCommand(app, "updates", "List the versions that can be installed, newest first", "  arborctl updates")
+        ->callback([&] { choice.run = arborctl::ShowUpdates; });
+
+    auto* compare = AddCommand(app, "compare", "Let the device compare two versions",
+                               "  arborctl compare 4.001 3.046      prints 4.001 >= 3.046\n"
+                               "The device compares by its own rule: the first component decides.");
+    compare->add_option("A", choice.first, "A version")->required();
+    compare->add_option("B", choice.second, "Another one")->required();
+    compare->callback(
+        [&] { choice.run = [&](Session& s) { return CompareVersions(s, choice.first, choice.second); }; });
+
+    auto* check = AddCommand(app, "check", "Ask whether an accessory's version fits (exit status 1: it does not)",
+                             "  arborctl check 3.044 --board verdin-imx8mm --model QMA");
+    check->add_option("VERSION", choice.question.version, "The accessory's version")->required();
+    check->add_option("--board", choice.question.board, "Its board")->required();
+    check->add_option("--model", choice.question.model, "Its model, for example QMA");
+    check->callback([&] { choice.run = [&](Session& s) { return CheckCompatibility(s, choice.question); }; });
+
+    auto* send = AddCommand(app, "send", "Send a message and print the answer",
+                            "  arborctl send getinstalledversioninfo\n"
+                            "  arborctl send compareversions '{\"version1\": \"3.1\", \"version2\": \"2.9\"}'\n"
+                            "  arborctl send newFile @message.json\n"
+                            "  echo '{}' | arborctl send getdevices -");
+    send->add_option("KEYWORD", choice.first, "The keyword it is sent on")->required();
+    send->add_option("JSON", choice.second, "The message; - for standard input, @FILE for a file; nothing for {}");
+    send->callback([&] { choice.run = [&](Session& s) { return SendMessage(s, choice.first, choice.second); }; });
+}
+
+void AddWork(CLI::App& app, Choice& choice) {
+    auto* scan = AddCommand(app, "scan", "Have the device check a package file now and tell the outcome",
+                            "  arborctl scan /media/usb1/arbor_qm.pkg");
+    scan->add_option("FILE", choice.first, "A package file as the device sees it")->required();
+    scan->callback([&] { choice.run = [&](Session& s) { return ScanFile(s, choice.first); }; });
+
+    auto* install = AddCommand(app, "install", "Install a version",
+                               "  arborctl install 3.046 --wait\n"
+                               "  arborctl install 3.046 --no-reboot --wait --json");
+    install->add_option("VERSION", choice.install.version, "The version, as \"updates\" lists it")->required();
+    install->add_flag("--no-reboot", choice.noReboot, "Do not restart the device afterwards");
+    install->add_flag("--wait", choice.install.wait, "Show the progress and return when it has ended");
+    install->add_option("--progress-host", choice.install.progressHost, "Device that the installer reports to");
+    install->callback([&] {
+        choice.install.reboot = !choice.noReboot;
+        choice.run = [&](Session& s) { return Install(s, choice.install); };
+    });
+
+    auto* upload = AddCommand(app, "upload", "Send a package file into the device's updates folder",
+                              "  arborctl upload build/arbor_qm.pkg");
+    upload->add_option("FILE", choice.first, "A file of this machine")->required();
+    upload->callback([&] { choice.run = [&](Session& s) { return UploadFile(s, choice.first); }; });
+}
+
+void AddAccessoryOptions(CLI::App& command, Choice& choice) {
+    command.add_option("--to", choice.accessory.serialNumber, "Serial number of the accessory")->required();
+    command.add_option("--model", choice.accessory.model, "Its model, for example QMA");
+    command.add_flag("--wait", choice.accessory.wait, "Show the progress and return when it has ended");
+}
+
+void AddAccessoryWork(CLI::App& app, Choice& choice) {
+    auto* transfer = AddCommand(app, "transfer", "Carry the package of a version over to an accessory",
+                                "  arborctl transfer 3.046 --to 4711 --model QMA --wait");
+    transfer->add_option("VERSION", choice.accessory.version, "The version")->required();
+    AddAccessoryOptions(*transfer, choice);
+    transfer->callback([&] { choice.run = [&](Session& s) { return Transfer(s, choice.accessory); }; });
+
+    auto* remote = AddCommand(app, "remote-install", "Install the device's own version on an accessory",
+                              "  arborctl remote-install --to 4711 --model QMA --wait");
+    AddAccessoryOptions(*remote, choice);
+    remote->add_option("--version", choice.accessory.version, "The version, for the device's log");
+    remote->callback([&] { choice.run = [&](Session& s) { return RemoteInstall(s, choice.accessory); }; });
+}
+
+void AddStreams(CLI::App& app, Choice& choice) {
+    AddCommand(app, "watch", "Show the device's events as they happen, until Ctrl-C",
+               "  arborctl watch\n  arborctl watch --json")
+        ->callback([&] { choice.run = arborctl::WatchEvents; });
+
+    auto* log = AddCommand(app, "log", "Show the device's newest log lines", "  arborctl log -n 50 --follow");
+    log->add_option("-n,--lines", choice.lines, "How many lines")->check(CLI::Range(1, 1000))->capture_default_str();
+    log->add_flag("-f,--follow", choice.follow, "Go on with new lines, until Ctrl-C");
+    log->callback([&] { choice.run = [&](Session& s) { return ShowLog(s, choice.lines, choice.follow); }; });
+}
+
+int Run(int argc, char** argv) {
+    Choice choice;
+    CLI::App app("Talks to the software-update manager of an instrument.", "arborctl");
+    app.footer(kExamples);
+    app.require_subcommand(0, 1);  // none is told below, so that a mistyped one is named first
+    app.fallthrough();
+    AddGlobalOptions(app, choice);
+    AddQueries(app, choice);
+    AddWork(app, choice);
+    AddAccessoryWork(app, choice);
+    AddStreams(app, choice);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::kUsage);
+    }
+    if (!choice.run) {
+        std::cerr << app.help();
+        return static_cast<int>(ExitCode::kUsage);
+    }
+    if (choice.timeoutSeconds > 0) {
+        const std::chrono::duration<double> seconds(choice.timeoutSeconds);
+        choice.settings.timeout = std::chrono::duration_cast<std::chrono::milliseconds>(seconds);
+    }
+    Session session(choice.settings, std::cout, std::cerr);
+    return session.Finish(choice.run(session));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    arborctl::CatchInterrupts();
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& error) {
+        std::cerr << "arborctl: " << error.what() << "\n";
+        return static_cast<int>(ExitCode::kRefused);
+    }
+}
