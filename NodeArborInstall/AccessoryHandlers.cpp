@@ -37,7 +37,11 @@ bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {
         const std::lock_guard lock(m_tablesMutex);
         m_RemoteInstallSerial = request->m_SerialNumber;
         m_UpdateVersion = request->m_Version;
+        // Busy from here on, not only when the action's thread runs: a shutdown request may be next in the queue.
+        m_remoteInstallHold = std::make_shared<ZUseFlag::Hold>(m_bBusy);
     }
-    RunAction("RemoteInstall", msg);
+    if (!RunAction("RemoteInstall", msg)) {
+        TakeRemoteInstallHold();
+    }
     return true;
 }

@@ -62,7 +62,7 @@ std::shared_ptr<ZSystemManifestMsg> ZNodeArborInstall::LoadManifest(const fs::pa
     }
     auto manifest = ZCAST(ZSystemManifestMsg, ZMessage::Load(path, *stream));
     if (!manifest && !stream->Error().empty()) {
-        Z_LOG(3, "%s", stream->Error().c_str());
+        Z_LOG(1, "%s", stream->Error().c_str());
     }
     return manifest;
 }

@@ -107,11 +107,9 @@ void ZNodeArborInstall::LogInstalledSystem(const ZSystemManifestMsg& manifest) {
     Z_LOG(2, "------------ SYSTEM VERSION INFO ------------");
     Z_LOG(2, "System Version = <%s>.", m_systemVersion.Get());
     Z_LOG(2, "System Installer Version = <%s>", manifest.m_InstallerVersion.c_str());
-    for (const auto& entry : manifest.m_Components) {
-        if (const auto component = ZCAST(ZComponentVersionMsg, entry)) {
-            Z_LOG(2, " - Component <%s> Version = <%s> Board = <%s>.", component->m_Name.c_str(),
-                  component->m_Version.c_str(), component->m_Board.c_str());
-        }
+    for (const auto& component : manifest.m_Components) {
+        Z_LOG(2, " - Component <%s> Version = <%s> Board = <%s>.", component->m_Name.c_str(),
+              component->m_Version.c_str(), component->m_Board.c_str());
     }
     Z_LOG(2, "------------ SYSTEM VERSION INFO ------------");
 }

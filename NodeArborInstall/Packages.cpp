@@ -25,9 +25,6 @@ bool ZNodeArborInstall::ProcessStorageDevices(const ZVector<ZString>& drives, st
     Z_LOG(2, "Processing Storage devices ");
     bool any = false;
     for (const ZString& drive : drives) {
-        if (drive.empty()) {
-            continue;
-        }
         Z_LOG(2, "Checking drive %s", drive.c_str());
         any = ScanDrive(fs::path(drive), results) || any;
     }
@@ -123,19 +120,19 @@ bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const 
 }
 
 void ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version) {
-    std::optional<ZSoftwareVersion> erased;
+    std::optional<PackageTable::value_type> erased;
     {
         const std::lock_guard lock(m_tablesMutex);
         const auto same =
             std::find_if(m_packages.begin(), m_packages.end(), [&](const auto& entry) { return entry.second == file; });
         if (same != m_packages.end()) {
-            erased = same->first;
+            erased.emplace(*same);
             m_packages.erase(same);
         }
         m_packages[version] = file;  // of two files with one version, the one checked last
     }
     if (erased) {
-        Z_LOG(2, "Erasing duplicate package file %s version %s", file.c_str(), erased->Get());
+        Z_LOG(2, "Erasing duplicate package file %s version %s", erased->second.c_str(), erased->first.Get());
     }
 }
 

@@ -16,6 +16,8 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
+// An install starts all the same when its relay is not ready after this.
+constexpr auto kRelayStartLimit = std::chrono::seconds(2);
 constexpr int kPollMilliseconds = 500;  // bounds how long a stopped relay goes on
 // A client that writes without a pause must not keep the others, or a stop, waiting.
 constexpr int kMostReadsAtOnce = 64;
@@ -31,7 +33,27 @@ fs::path ZNodeArborInstall::ProgressSocketPath() const {
     return m_archivePath / fs::path(Config().m_ProgressPath);
 }
 
+void ZNodeArborInstall::SetRelayDecided(bool decided) {
+    {
+        const std::lock_guard lock(m_relayMutex);
+        m_bRelayDecided = decided;
+    }
+    m_relayChanged.notify_all();
+}
+
+void ZNodeArborInstall::WaitForRelay() {
+    std::unique_lock lock(m_relayMutex);
+    m_relayChanged.wait_for(lock, kRelayStartLimit, [this] { return m_bRelayDecided; });
+}
+
 bool ZNodeArborInstall::BindSocket(int sockfd, bool bUnix) {
+    const bool bound = BindAndListen(sockfd, bUnix);
+    SetRelayDecided(true);
+    return bound;
+}
+
+bool ZNodeArborInstall::BindAndListen(int sockfd, bool bUnix) {
+    auto table = std::make_unique<PollTable>();
     std::int64_t unbound = 0;
     if (!m_progressSocket.compare_exchange_strong(unbound, static_cast<std::int64_t>(sockfd) + 1)) {
         Z_LOG(4, "Unable to bind() socket: %s", std::strerror(EADDRINUSE));  // another relay runs
@@ -42,7 +64,7 @@ bool ZNodeArborInstall::BindSocket(int sockfd, bool bUnix) {
     } else if (::listen(sockfd, 5) != 0) {
         Z_LOG(4, "Unable to listen() socket: %s", std::strerror(errno));
     } else {
-        m_pollTable = std::make_unique<PollTable>();
+        m_pollTable = std::move(table);
         Z_LOG(2, "Install progress socket bound and listening");
         return true;
     }

@@ -69,7 +69,12 @@ bool ZNodeArborInstall_RemoteInstallAction::ActionThread() {
     if (!request) {
         return true;
     }
-    const ZUseFlag::Hold busy(Node().BusyFlag());
+    const std::shared_ptr<ZUseFlag::Hold> busy = Node().TakeRemoteInstallHold();
+    struct Clear {
+        ZNodeArborInstall& node;
+        ~Clear() { node.SetUpdateInProgress(false); }
+    };
+    const Clear clear{Node()};
     const auto info = Z_MAKE(ZVersionInfoMsg);
     info->m_VersionType = "System";
     info->m_bInstalled = false;
@@ -89,12 +94,7 @@ bool ZNodeArborInstall_RemoteInstallAction::ActionThread() {
         Answer(answer, false);
         return true;
     }
-    struct Clear {
-        ZNodeArborInstall& node;
-        ~Clear() { node.SetUpdateInProgress(false); }
-    };
     Node().SetUpdateInProgress(true);
-    const Clear clear{Node()};
     info->m_Version = Node().SystemVersion().m_text;
     const std::string source = Node().GetPackage(info->m_Version).string();
     if (source.empty()) {
@@ -139,7 +139,7 @@ bool ZNodeArborInstall_RemoteInstallAction::RunCommands(const Commands& commands
     const bool made = ZPlatform::ExecuteCommand(commands.folder, output);
     Z_LOG(2, "Make directory result %s: %s", made ? "SUCCESS" : "FAILURE", output.c_str());
     Z_LOG(2, "Execute: %s", commands.copy.c_str());
-    const auto onLine = [this](std::string line) { InstallProgress(std::move(line), "copy"); };
+    const auto onLine = [this](const std::string& line) { InstallProgress(line, "copy"); };
     if (!ZPlatform::ExecuteCommand(commands.copy, onLine, nullptr)) {
         Z_LOG(4, "Failed to copy update file from remote");
         return false;

@@ -58,13 +58,18 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
         const std::lock_guard lock(m_tablesMutex);
         m_UpdateVersion = request.m_Version;
     }
-    // The relay's socket has to listen before the installer connects.
+    // The relay's socket has to listen before the installer connects, which it may do only once.
+    SetRelayDecided(false);
     const bool relaying = RunAction("Progress", nullptr);
+    if (relaying) {
+        WaitForRelay();
+    }
     const std::vector<std::string> arguments = InstallerArguments(package, request);
     // Logged run together, as tools that read these logs expect it.
     const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
     Z_LOG(2, "Software update command %s", command.c_str());
-    const bool started = ZPlatform::ExecuteCommand(arguments);
+    // A request that was still queued when the graph began to end has no requester any more.
+    const bool started = !InShutdown() && ZPlatform::ExecuteCommand(arguments);
     m_bUpdateInProgress = started;
     Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
     answer.m_bSuccess = started;

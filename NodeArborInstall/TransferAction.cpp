@@ -111,12 +111,11 @@ void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
     std::ifstream input(journey.source, std::ios::binary);
     std::uint64_t sent = 0;
     std::uint64_t lastPercent = 0;
-    while (input && sent < total && m_bRun) {
+    while (sent < total && m_bRun) {
         input.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
         const auto count = static_cast<std::size_t>(input.gcount());
         if (count == 0) {
-            Z_LOG(4, "The file %s ended after %lu of %lu bytes", journey.source.c_str(), sent, total);
-            return;
+            break;
         }
         const auto write = Z_MAKE(ZFileWriteMsg);
         write->m_Data = Base64(buffer, count);
@@ -132,6 +131,9 @@ void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
         if (!answer || !answer->m_bSuccess) {
             Z_LOG(4, "Error on File write: %s", answer ? answer->m_ErrorText.c_str() : "Bad Response");
         }
+    }
+    if (sent < total) {
+        Z_LOG(4, "The transfer of %s ended after %lu of %lu bytes", journey.source.c_str(), sent, total);
     }
 }
 

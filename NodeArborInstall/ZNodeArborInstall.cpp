@@ -98,6 +98,11 @@ ZString ZNodeArborInstall::RemoteInstallSerial() const {
     return m_RemoteInstallSerial;
 }
 
+std::shared_ptr<ZUseFlag::Hold> ZNodeArborInstall::TakeRemoteInstallHold() {
+    const std::lock_guard lock(m_tablesMutex);
+    return std::exchange(m_remoteInstallHold, nullptr);
+}
+
 const ZNodeArborInstallCfg& ZNodeArborInstall::Config() const {
     static const ZNodeArborInstallCfg kDefaults;
     return m_pConfig ? *m_pConfig : kDefaults;

@@ -3,6 +3,7 @@
 #include <poll.h>
 
 #include <array>
+#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -100,6 +101,8 @@ public:
     /// The record, or one with default values when there is none.
     const ZNodeArborInstallCfg& Config() const;
     ZUseFlag& BusyFlag() { return m_bBusy; }
+    /// What keeps the node busy since it accepted the last remote install; the action that does it takes it over.
+    std::shared_ptr<ZUseFlag::Hold> TakeRemoteInstallHold();
     void SetUpdateInProgress(bool inProgress) { m_bUpdateInProgress = inProgress; }
 
 private:
@@ -135,6 +138,9 @@ private:
     void RunBuild(const ZDeviceCompatibilityMsg& message);
 
     // Progress relay.
+    void SetRelayDecided(bool decided);
+    void WaitForRelay();
+    bool BindAndListen(int sockfd, bool bUnix);
     bool BindAddress(int sockfd, bool bUnix);
     std::filesystem::path ProgressSocketPath() const;
     std::size_t FillPollTable(int listener);
@@ -169,6 +175,10 @@ private:
     std::atomic<std::int64_t> m_progressSocket{0};  // the listening socket's descriptor + 1; 0: no relay is bound
 
     mutable std::mutex m_tablesMutex;
+    std::shared_ptr<ZUseFlag::Hold> m_remoteInstallHold;  // guarded by m_tablesMutex
+    std::mutex m_relayMutex;
+    std::condition_variable m_relayChanged;
+    bool m_bRelayDecided = false;  // guarded by m_relayMutex: the relay started last listens, or never will
     ZString m_accessoryHostName;
     ZString m_deviceHostName;
 

@@ -81,13 +81,13 @@ void ZActionRunner::Run(Running& running) {
 
 bool ZActionRunner::StopNewest() {
     const std::lock_guard lock(m_mutex);
-    for (auto entry = m_running.rbegin(); entry != m_running.rend(); ++entry) {
-        if (!entry->ended) {
-            entry->action->Stop();
-            return true;
-        }
+    // The last entry is the one started last: ended ones stay until the next start. An older action that still runs is
+    // not the one that is meant.
+    if (m_running.empty() || m_running.back().ended) {
+        return false;
     }
-    return false;
+    m_running.back().action->Stop();
+    return true;
 }
 
 void ZActionRunner::StopAll() {

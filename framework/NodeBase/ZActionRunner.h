@@ -18,7 +18,7 @@ public:
 
     /// Runs the action on a new thread. False when no thread can be had, or after StopAll.
     bool Start(const std::shared_ptr<ZNodeAction>& action);
-    /// Clears the run flag of the action started last that has not ended; false when none runs.
+    /// Clears the run flag of the action started last; false when that one has ended, or none was started.
     bool StopNewest();
     /// Clears every run flag, ends the commands that actions wait for, and refuses further starts.
     void StopAll();

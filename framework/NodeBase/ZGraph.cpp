@@ -1,6 +1,6 @@
 #include "NodeBase/ZGraph.h"
 
-#include <ranges>
+#include <algorithm>
 
 #include "NodeComm/ZNodeCommLocal.h"
 #include "ZShared/ZLog.h"
@@ -128,7 +128,8 @@ void ZGraph::TearDown() {
         node->BeginStop();
     }
     m_comm->Close();
-    for (const auto& node : m_nodes | std::views::reverse) {
+    for (auto position = m_nodes.rbegin(); position != m_nodes.rend(); ++position) {
+        const auto& node = *position;
         const auto deadline = ZMailbox::Clock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
         node->CallOnMessageThread(
             [node] {

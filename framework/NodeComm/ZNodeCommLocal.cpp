@@ -145,14 +145,25 @@ ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const st
     if (std::all_of(subscribers.begin(), subscribers.end(), [](const auto& s) { return s->mailbox->IsMine(); })) {
         return ZPublishOutcome::Refused;
     }
-    PendingRequest pending;
-    std::uint64_t id = 0;
-    {
-        const std::lock_guard lock(m_pendingMutex);
-        id = m_nextRequest++;
-        m_pending.emplace(id, &pending);
-    }
-    message->SetResponseSource(std::make_shared<ZResponseSource>(weak_from_this(), id));
+    // Listed while this call waits: whatever ends it, an exception too.
+    struct Listed {
+        ZNodeCommLocal& bus;
+        PendingRequest pending;
+        std::uint64_t id = 0;
+        explicit Listed(ZNodeCommLocal& owner) : bus(owner) {
+            const std::lock_guard lock(bus.m_pendingMutex);
+            id = bus.m_nextRequest++;
+            bus.m_pending.emplace(id, &pending);
+        }
+        ~Listed() {
+            const std::lock_guard lock(bus.m_pendingMutex);
+            bus.m_pending.erase(id);
+        }
+        Listed(const Listed&) = delete;
+        Listed& operator=(const Listed&) = delete;
+    } listed(*this);
+    PendingRequest& pending = listed.pending;
+    message->SetResponseSource(std::make_shared<ZResponseSource>(weak_from_this(), listed.id));
     ZPublishOutcome outcome = Deliver(subscribers, message, options, deadline);
 
     std::unique_lock lock(m_pendingMutex);
@@ -163,7 +174,6 @@ ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const st
             outcome = m_closed ? ZPublishOutcome::Closed : ZPublishOutcome::NoAnswer;
         }
     }
-    m_pending.erase(id);
     return outcome;
 }
 

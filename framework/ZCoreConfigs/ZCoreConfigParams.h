@@ -31,22 +31,22 @@ public:
     Z_FIELDS(Z_FIELD(m_bEnabled), Z_FIELD(m_File))
 };
 class ZTraceLogParams : public ZSideLogParams {
-    Z_CLASS(ZTraceLogParams, ZSideLogParams)
+    Z_CLASS(ZTraceLogParams, ZConfig)
 public:
     using ZSideLogParams::ZSideLogParams;
 };
 class ZAuditLogParams : public ZSideLogParams {
-    Z_CLASS(ZAuditLogParams, ZSideLogParams)
+    Z_CLASS(ZAuditLogParams, ZConfig)
 public:
     using ZSideLogParams::ZSideLogParams;
 };
 class ZMessageLogParams : public ZSideLogParams {
-    Z_CLASS(ZMessageLogParams, ZSideLogParams)
+    Z_CLASS(ZMessageLogParams, ZConfig)
 public:
     using ZSideLogParams::ZSideLogParams;
 };
 class ZReportParams : public ZSideLogParams {
-    Z_CLASS(ZReportParams, ZSideLogParams)
+    Z_CLASS(ZReportParams, ZConfig)
 public:
     using ZSideLogParams::ZSideLogParams;
 };

@@ -15,7 +15,7 @@ ZString TakeName(const std::string& text, std::size_t& at) {
         if (close == std::string::npos) {
             return {};
         }
-        const ZString name = ToZString(std::string_view(text).substr(at + 1, close - at - 1));
+        ZString name = ToZString(std::string_view(text).substr(at + 1, close - at - 1));
         at = close + 1;
         return name;
     }

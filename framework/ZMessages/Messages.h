@@ -67,8 +67,8 @@ class ZSystemManifestMsg : public ZMessage {
 public:
     ZString m_SystemVersion;
     ZString m_InstallerVersion;
-    ZString m_InstallerPath;                          ///< the installer's folder, relative to the version's directory
-    ZVector<std::shared_ptr<ZMessage>> m_Components;  ///< each a ZComponentVersionMsg
+    ZString m_InstallerPath;  ///< the installer's folder, relative to the version's directory
+    ZVector<std::shared_ptr<ZComponentVersionMsg>> m_Components;
 
     Z_FIELDS(Z_FIELD(m_SystemVersion), Z_FIELD(m_InstallerVersion), Z_FIELD(m_InstallerPath), Z_FIELD(m_Components))
 };
@@ -198,7 +198,7 @@ public:
 
 /// Open (create) a file on a peer or in the upload folder.
 class ZFileOpenMsg : public ZFileMsg {
-    Z_MESSAGE(ZFileOpenMsg, ZFileMsg)
+    Z_MESSAGE_AS(ZFileOpenMsg, ZMessage, ZFileMsg)
 public:
     std::int32_t m_Mode = 0;  ///< permission bits
 
@@ -207,7 +207,7 @@ public:
 
 /// One chunk of a file, to be written behind the chunk before.
 class ZFileWriteMsg : public ZFileMsg {
-    Z_MESSAGE(ZFileWriteMsg, ZFileMsg)
+    Z_MESSAGE_AS(ZFileWriteMsg, ZMessage, ZFileMsg)
 public:
     ZString m_Data;  ///< base64
 
@@ -215,14 +215,14 @@ public:
 };
 
 class ZFileCloseMsg : public ZFileMsg {
-    Z_MESSAGE(ZFileCloseMsg, ZFileMsg)
+    Z_MESSAGE_AS(ZFileCloseMsg, ZMessage, ZFileMsg)
 public:
     Z_NO_FIELDS()
 };
 
 /// Asks for a part of a file.
 class ZFileReadMsg : public ZFileMsg {
-    Z_MESSAGE(ZFileReadMsg, ZFileMsg)
+    Z_MESSAGE_AS(ZFileReadMsg, ZMessage, ZFileMsg)
 public:
     std::uint64_t m_Position = 0;
     std::uint32_t m_Length = 0;
@@ -231,7 +231,7 @@ public:
 };
 
 class ZFileReadResponseMsg : public ZGenericResponseMsg {
-    Z_MESSAGE(ZFileReadResponseMsg, ZGenericResponseMsg)
+    Z_MESSAGE_AS(ZFileReadResponseMsg, ZMessage, ZGenericResponseMsg)
 public:
     ZString m_Data;            ///< base64; shorter than asked for at the file's end
     std::uint64_t m_Size = 0;  ///< of the whole file, in bytes
@@ -309,7 +309,7 @@ public:
 class ZEdgeToolsMetadata : public ZMessage {
     Z_MESSAGE(ZEdgeToolsMetadata, ZMessage)
 public:
-    ZVector<std::shared_ptr<ZMessage>> m_Anchors;  ///< each a ZAnchorPointToolsMetadata
+    ZVector<std::shared_ptr<ZAnchorPointToolsMetadata>> m_Anchors;
 
     Z_FIELDS(Z_FIELD(m_Anchors))
 };

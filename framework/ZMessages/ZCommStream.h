@@ -23,8 +23,8 @@ public:
 /// A document of keys and typed values, in some encoding. Writers replace a key that is there already. Readers return
 /// false and leave the value alone when the key is missing or of another type; only the latter sets Error().
 /// Not thread-safe: one stream is used by one thread at a time.
-class ZCommStream : public ZCommStreamObject {
-    Z_CLASS(ZCommStream, ZCommStreamObject)
+class ZCommStream : public ZShared::ZFactoryObject {
+    Z_CLASS(ZCommStream, ZFactoryObject)
 public:
     /// Takes a text in place of the present document. Several documents one after the other load as one, in which the
     /// later ones' members win. False, with Error() set and the document empty, for anything that is not whole.
@@ -51,8 +51,9 @@ public:
     virtual bool ReadString(std::string_view key, ZString& value) = 0;
     virtual bool ReadStrings(std::string_view key, ZVector<ZString>& values) = 0;
     virtual bool ReadObject(std::string_view key, ZCommStreamObject& value) = 0;
-    /// Each message is made by the class its document names ("className").
-    virtual bool ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values) = 0;
+    /// Each message is made by the class its document names ("className"), or by `defaultClass` when it names none.
+    virtual bool ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values,
+                              std::string_view defaultClass) = 0;
 
     /// What was wrong with the text or with a value since the last Clear or LoadText; empty when nothing was.
     const std::string& Error() const { return m_error; }

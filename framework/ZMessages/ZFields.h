@@ -16,9 +16,8 @@ struct ZField {
 };
 
 /// The key that a member has on the wire: its name without `m_`, `m_b` or `m_p`, starting in lower case
-/// ("m_bReboot" is "reboot"). Made while compiling.
-class ZFieldKey {
-public:
+/// ("m_bReboot" is "reboot"). Made while compiling; its members are public so that it can be a template argument.
+struct ZFieldKey {
     template <std::size_t N>
     consteval explicit ZFieldKey(const char (&memberName)[N]) {
         std::size_t from = 2;  // behind "m_"
@@ -33,21 +32,18 @@ public:
             m_text[0] = static_cast<char>(m_text[0] - 'A' + 'a');
         }
     }
-    constexpr operator std::string_view() const { return {m_text.data(), m_length}; }  // NOLINT
-
-private:
     std::array<char, 48> m_text{};
     std::size_t m_length = 0;
 };
 
+/// The key's text, for as long as the program runs.
+template <ZFieldKey Key>
+inline constexpr std::string_view kFieldKeyText{Key.m_text.data(), Key.m_length};
+
 /// Inside a class's list of fields: one member under its usual key, or under a key that is fixed elsewhere.
-#define Z_FIELD(member)                               \
-    ZField<Self, decltype(Self::member)> {            \
-        [] {                                          \
-            static constexpr ZFieldKey kKey(#member); \
-            return std::string_view(kKey);            \
-        }(),                                          \
-            &Self::member                             \
+#define Z_FIELD(member)                                  \
+    ZField<Self, decltype(Self::member)> {               \
+        kFieldKeyText<ZFieldKey(#member)>, &Self::member \
     }
 #define Z_KEYED_FIELD(key, member)         \
     ZField<Self, decltype(Self::member)> { \
@@ -58,6 +54,18 @@ namespace ZFields {
 
 /// Copies of the messages; one that can't be copied is left out.
 ZVector<std::shared_ptr<ZMessage>> CloneMessages(const ZVector<std::shared_ptr<ZMessage>>& messages);
+
+/// The class of the messages in a list of messages; void for other types.
+template <typename T>
+struct ListedMessage {
+    using Type = void;
+};
+template <typename T>
+struct ListedMessage<ZVector<std::shared_ptr<T>>> {
+    using Type = T;
+};
+template <typename T>
+inline constexpr bool kIsMessageList = !std::is_void_v<typename ListedMessage<T>::Type>;
 
 template <typename T>
 void WriteValue(ZCommStream& stream, std::string_view key, const T& value) {
@@ -80,8 +88,8 @@ void WriteValue(ZCommStream& stream, std::string_view key, const T& value) {
         stream.WriteString(key, value);
     } else if constexpr (std::is_same_v<T, ZVector<ZString>>) {
         stream.WriteStrings(key, value);
-    } else if constexpr (std::is_same_v<T, ZVector<std::shared_ptr<ZMessage>>>) {
-        stream.WriteMessages(key, value);
+    } else if constexpr (kIsMessageList<T>) {
+        stream.WriteMessages(key, {value.begin(), value.end()});
     } else {
         static_assert(std::is_base_of_v<ZCommStreamObject, T>, "a field of this type can't travel");
         stream.WriteObject(key, value);
@@ -112,6 +120,27 @@ bool ReadEnum(ZCommStream& stream, std::string_view key, T& value) {
     return false;
 }
 
+/// Messages of one class need not name it in their documents.
+template <typename T>
+bool ReadMessageList(ZCommStream& stream, std::string_view key, ZVector<std::shared_ptr<T>>& values) {
+    constexpr bool kAnyClass = std::is_same_v<T, ZMessage>;
+    ZVector<std::shared_ptr<ZMessage>> messages;
+    if (!stream.ReadMessages(key, messages, kAnyClass ? "" : T::kClassName)) {
+        return false;
+    }
+    ZVector<std::shared_ptr<T>> wanted;
+    for (const auto& message : messages) {
+        auto cast = cast_shared<T>(message);
+        if (!cast) {
+            stream.SetError(key, std::string("a list of ") + T::kClassName);
+            return false;
+        }
+        wanted.push_back(std::move(cast));
+    }
+    values = std::move(wanted);
+    return true;
+}
+
 template <typename T>
 bool ReadValue(ZCommStream& stream, std::string_view key, T& value) {
     if constexpr (std::is_same_v<T, bool>) {
@@ -137,8 +166,8 @@ bool ReadValue(ZCommStream& stream, std::string_view key, T& value) {
         return stream.ReadString(key, value);
     } else if constexpr (std::is_same_v<T, ZVector<ZString>>) {
         return stream.ReadStrings(key, value);
-    } else if constexpr (std::is_same_v<T, ZVector<std::shared_ptr<ZMessage>>>) {
-        return stream.ReadMessages(key, value);
+    } else if constexpr (kIsMessageList<T>) {
+        return ReadMessageList(stream, key, value);
     } else {
         return stream.ReadObject(key, value);
     }
@@ -159,8 +188,11 @@ void Read(Class& object, ZCommStream& stream, const Fields& fields) {
 /// A deep copy of one member; messages in it are cloned.
 template <typename T>
 void CopyValue(const T& from, T& to) {
-    if constexpr (std::is_same_v<T, ZVector<std::shared_ptr<ZMessage>>>) {
-        to = CloneMessages(from);
+    if constexpr (kIsMessageList<T>) {
+        to.clear();
+        for (const auto& copy : CloneMessages({from.begin(), from.end()})) {
+            to.push_back(std::static_pointer_cast<typename ListedMessage<T>::Type>(copy));
+        }
     } else {
         to = from;
     }
@@ -174,10 +206,17 @@ void Copy(const Class& from, Class& to, const Fields& fields) {
 }  // namespace ZFields
 
 /// Inside a message class, first: its frame. `Base`'s fields come before its own, on the wire and in the copy.
-#define Z_MESSAGE(Class, Base) \
-    Z_CLASS(Class, Base)       \
-    using Self = Class;        \
-    using Super = Base;
+#define Z_MESSAGE(Class, Base) Z_MESSAGE_AS(Class, Base, Base)
+
+/// As Z_MESSAGE, for a class that shares its fields with `Base` but is no kind of it to others: registered under
+/// `RegisteredBase`.
+#define Z_MESSAGE_AS(Class, RegisteredBase, Base) \
+    Z_CLASS(Class, RegisteredBase)                \
+public:                                           \
+    using Self = Class;                           \
+    using Super = Base;                           \
+                                                  \
+private:
 
 /// Inside a message class, behind its members: `Z_FIELDS(Z_FIELD(m_A), ...)`, in the order in which they are written.
 /// Reading, writing and deep copy follow from it.

@@ -263,7 +263,8 @@ bool ZJSONCommStream::ReadObject(std::string_view key, ZCommStreamObject& value)
     return m_document->In(found->get_object(), [&] { return value.Deserialize(*this); });
 }
 
-bool ZJSONCommStream::ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values) {
+bool ZJSONCommStream::ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values,
+                                   std::string_view defaultClass) {
     json::value* found = m_document->current->if_contains(key);
     if (found == nullptr) {
         return false;
@@ -274,9 +275,8 @@ bool ZJSONCommStream::ReadMessages(std::string_view key, ZVector<std::shared_ptr
     }
     ZVector<std::shared_ptr<ZMessage>> messages;
     for (json::value& element : found->get_array()) {
-        auto message = element.is_object()
-                           ? m_document->In(element.get_object(), [&] { return ZMessage::CreateFrom(*this); })
-                           : nullptr;
+        const auto create = [&] { return ZMessage::CreateFrom(*this, defaultClass); };
+        auto message = element.is_object() ? m_document->In(element.get_object(), create) : nullptr;
         if (!message) {
             SetError(key, "a list of messages of known classes");
             return false;

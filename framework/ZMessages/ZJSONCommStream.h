@@ -36,7 +36,8 @@ public:
     bool ReadString(std::string_view key, ZString& value) override;
     bool ReadStrings(std::string_view key, ZVector<ZString>& values) override;
     bool ReadObject(std::string_view key, ZCommStreamObject& value) override;
-    bool ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values) override;
+    bool ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values,
+                      std::string_view defaultClass) override;
 
 private:
     struct Document;

@@ -12,7 +12,7 @@ Z_IMPLEMENT(ZMessage)
 namespace {
 
 constexpr const char* kClassKey = "className";
-constexpr std::uintmax_t kLargestFile = 16 * 1024 * 1024;
+constexpr std::uintmax_t kLargestFile = std::uintmax_t{16} * 1024 * 1024;
 
 bool ReadFile(const std::filesystem::path& file, std::string& text, std::string& error) {
     std::error_code code;
@@ -114,8 +114,8 @@ std::shared_ptr<ZMessage> ZMessage::Load(const std::filesystem::path& file, ZCom
     return stream.LoadText(text) ? CreateFrom(stream) : nullptr;
 }
 
-std::shared_ptr<ZMessage> ZMessage::CreateFrom(ZCommStream& stream) {
-    ZString name;
+std::shared_ptr<ZMessage> ZMessage::CreateFrom(ZCommStream& stream, std::string_view defaultClass) {
+    ZString name(defaultClass);
     stream.ReadString(kClassKey, name);
     auto message = cast_shared<ZMessage>(ZShared::ZFactory::Instance().CreateShared(name));
     if (!message) {

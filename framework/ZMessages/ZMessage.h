@@ -28,7 +28,8 @@ public:
     virtual void ResolvePaths();
     /// The place in a queue: messages of a higher priority are taken first. 0 for nearly all.
     virtual int GetDefaultPriority() const;
-    /// Where answers to, and progress of, this request go; null when nobody waits for an answer.
+    /// Where a transport wants answers to, and progress of, this request published. Null on a bus that answers by
+    /// response source, as the in-process one does.
     virtual std::shared_ptr<const ZCommEndpoint> GetResponseEndpoint() const;
     virtual std::shared_ptr<const ZCommEndpoint> GetProgressEndpoint() const;
     /// Writes the message with its class name as text, into a string or, whole or not at all, into a file.
@@ -45,7 +46,8 @@ public:
     /// A new message of the class that the document names, read from it. Null, with stream.Error() set, when the file
     /// can't be read (or is larger than 16 MiB), names no message class or holds a value of the wrong type.
     static std::shared_ptr<ZMessage> Load(const std::filesystem::path& file, ZCommStream& stream);
-    static std::shared_ptr<ZMessage> CreateFrom(ZCommStream& stream);
+    /// As above, from a loaded stream; a document that names no class is of `defaultClass`.
+    static std::shared_ptr<ZMessage> CreateFrom(ZCommStream& stream, std::string_view defaultClass = {});
 
     /// Who waits for the answer. Set by the bus when the message is published; thread-safe.
     std::shared_ptr<const ZResponseSource> GetResponseSource() const;

@@ -53,6 +53,8 @@ public:
             argv.push_back(const_cast<char*>(argument.c_str()));  // posix_spawn's old signature; it does not write
         }
         argv.push_back(nullptr);
+        // Whatever a library left open without close-on-exec: a detached program would keep it for good.
+        ::posix_spawn_file_actions_addclosefrom_np(&m_actions, STDERR_FILENO + 1);
         pid_t child = -1;
         const int failure = ::posix_spawn(&child, argv[0], &m_actions, &m_attributes, argv.data(), environ);
         if (failure != 0) {
@@ -100,7 +102,7 @@ public:
 
     /// Reads all that is there now; the pipe is closed at its end.
     void Drain(const std::function<void(std::string_view)>& onOutput) {
-        std::array<char, 16 * 1024> buffer;
+        std::array<char, 16384> buffer;
         // Bounded, so that a flood of output can't keep the time limit from being looked at.
         for (int reads = 0; m_output && reads < 64; ++reads) {
             const ssize_t count = ::read(m_output.Get(), buffer.data(), buffer.size());

@@ -18,18 +18,27 @@ std::vector<ZMount> ReadMountTable() {
     libmnt_fs* entry = nullptr;
     while (mnt_table_next_fs(table.get(), position.get(), &entry) == 0) {
         const char* source = mnt_fs_get_source(entry);
+        const char* root = mnt_fs_get_root(entry);
         const char* target = mnt_fs_get_target(entry);
-        mounts.push_back({source == nullptr ? "" : source, target == nullptr ? "" : target});
+        mounts.push_back(
+            {source == nullptr ? "" : source, root == nullptr ? "" : root, target == nullptr ? "" : target});
     }
     return mounts;
 }
 
 std::string MountPointOfDevice(const std::string& device) {
     const std::vector<ZMount> mounts = ReadMountTable();
+    std::string partly;
     for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
-        if (mount->source == device) {
+        if (mount->source != device) {
+            continue;
+        }
+        if (mount->root == "/") {
             return mount->target;
         }
+        if (partly.empty()) {
+            partly = mount->target;
+        }
     }
-    return {};
+    return partly;
 }

@@ -88,7 +88,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kLongest = 64 * 1024;
+    static constexpr std::size_t kLongest = std::size_t{64} * 1024;
     const ZPlatform::LineCallback& m_onLine;
     std::string m_line;
 };
@@ -102,7 +102,7 @@ void ZPlatform::Configure(const ZPlatformSettings& settings) {
 }
 
 bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& output) {
-    constexpr std::size_t kMostOutput = 1024 * 1024;
+    constexpr std::size_t kMostOutput = std::size_t{1024} * 1024;
     try {
         output.clear();
         std::size_t dropped = 0;

@@ -108,7 +108,7 @@ TEST_F(Accessory, GetsAPackageAsFileMessages) {
 TEST_F(Accessory, HasItsUploadsStampedAndHandedToTheFileService) {
     std::shared_ptr<ZFileMsg> seen;
     probe->Listen(ZEndpointType::DeviceRequest, "fileIO", [&](const std::shared_ptr<ZMessage>& message) {
-        seen = cast_shared<ZFileMsg>(message);
+        seen = std::static_pointer_cast<ZFileMsg>(message);
         const auto answer = Z_MAKE(ZGenericResponseMsg);
         answer->m_ErrorText = "from the service";
         return answer;

@@ -48,7 +48,7 @@ void NodeFixture::Start(const std::string& config) {
 
 void NodeFixture::InstallSystem(const std::string& version) {
     folder.Write("Manifest.json", R"({"className":"ZSystemManifestMsg","systemVersion":")" + version +
-                                      R"(","installerVersion":"7","components":[{"className":"ZComponentVersionMsg",)"
+                                      R"(","installerVersion":"7","components":[{)"
                                       R"("name":"boot","version":"2","board":"b1"}]})");
 }
 

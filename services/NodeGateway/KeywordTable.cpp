@@ -1,0 +1,61 @@
+#include "KeywordTable.h"
+
+#include <algorithm>
+
+#include "ZMessages/Messages.h"
+
+namespace gateway {
+
+namespace {
+
+constexpr auto kClient = ZEndpointType::ClientRequest;
+constexpr auto kDevice = ZEndpointType::DeviceRequest;
+constexpr auto kService = ZEndpointType::GraphService;
+
+template <typename Request>
+constexpr std::array<const char*, 3> kTakes{Request::kClassName};
+constexpr std::array<const char*, 3> kFileMessages{ZFileOpenMsg::kClassName, ZFileWriteMsg::kClassName,
+                                                   ZFileCloseMsg::kClassName};
+constexpr const char* kNoAnswer = nullptr;
+
+constexpr Keyword kKeywords[] = {
+    {"updatesystem", kClient, kTakes<ZSystemUpdateMsg>, ZVersionInfoMsg::kClassName, "Install a version"},
+    {"compareversions", kClient, kTakes<ZCompareVersionsMsg>, ZCompareVersionsResultMsg::kClassName,
+     "Is the first version at least the second?"},
+    {"findupdates", kClient, kTakes<ZGenericRequestMsg>, ZMessageArray::kClassName,
+     "The versions that could be installed, newest first"},
+    {"getinstalledversioninfo", kClient, kTakes<ZGenericRequestMsg>, ZVersionInfoMsg::kClassName,
+     "The version that is installed"},
+    {"getUpdateInProgress", kService, kTakes<ZSystemUpdateInProgressRequestMsg>, ZSystemUpdateInProgressMsg::kClassName,
+     "Is an install under way?"},
+    {"newFile", kService, kTakes<FolderUpdateMsg>, kNoAnswer, "A file in a watched folder is complete: look at it"},
+    {"storagedeviceupdate", kService, kTakes<StorageDevicesMsg>, kNoAnswer, "Drives came or went: look at them"},
+    {"getdevices", kService, kTakes<ZGenericRequestMsg>, StorageDevicesMsg::kClassName, "The drives that are present"},
+    {"deviceProps", kService, kTakes<ZGenericRequestMsg>, ZDevicePropertiesMsg::kClassName, "The device's identity"},
+    {"checkCompatibility", kService, kTakes<ZDeviceCompatibilityMsg>, ZDeviceCompatibilityMsg::kClassName,
+     "Do the accessory's version and this device's work together?"},
+    {"upload", kDevice, kFileMessages, ZGenericResponseMsg::kClassName,
+     "One step of bringing a package file: open, write a piece in base64, close"},
+    {"transfer", kDevice, kTakes<TransferMsg>, ZVersionInfoMsg::kClassName,
+     "Carry a version's package to the accessory"},
+    {"remoteinstall", kDevice, kTakes<ZSystemUpdateMsg>, ZMessageArray::kClassName,
+     "Install a package that was transferred"},
+};
+
+}  // namespace
+
+std::span<const char* const> Keyword::RequestClasses() const {
+    const auto end = std::find(requests.begin(), requests.end(), nullptr);
+    return {requests.begin(), end};
+}
+
+std::span<const Keyword> Keywords() {
+    return kKeywords;
+}
+
+const Keyword* FindKeyword(std::string_view name) {
+    const auto* const found = std::ranges::find(kKeywords, name, &Keyword::name);
+    return found == std::end(kKeywords) ? nullptr : found;
+}
+
+}  // namespace gateway

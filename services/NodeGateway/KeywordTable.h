@@ -1,0 +1,30 @@
+#pragma once
+
+#include <array>
+#include <span>
+#include <string_view>
+
+#include "NodeComm/ZCommEndpoint.h"
+
+namespace gateway {
+
+/// One request or notification that the graph knows, offered as POST /v1/<name>.
+struct Keyword {
+    const char* name;
+    ZEndpointType type;
+    /// The classes of the request; the rest is null. With several, the request must say which it is.
+    std::array<const char*, 3> requests;
+    const char* answer;  ///< the class of the answer; null: a notification, which has none
+    const char* summary;
+
+    bool IsNotification() const { return answer == nullptr; }
+    std::span<const char* const> RequestClasses() const;
+};
+
+/// Every keyword. Requests, the description of the interface and refusals follow from this one table.
+std::span<const Keyword> Keywords();
+
+/// Null when there is no such keyword.
+const Keyword* FindKeyword(std::string_view name);
+
+}  // namespace gateway

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace gateway {
+
+/// What is true at the moment of asking.
+struct Gauges {
+    std::size_t eventListeners = 0;
+    std::uint64_t droppedListeners = 0;
+    std::optional<std::int64_t> progressPercent;  ///< of the last install; none before the first
+    std::optional<bool> updateInProgress;         ///< none when nobody tells
+};
+
+/// Counts while it lives, and tells it in Prometheus' text format. Thread-safe.
+class Metrics {
+public:
+    Metrics();
+    ~Metrics();
+    Metrics(const Metrics&) = delete;
+    Metrics& operator=(const Metrics&) = delete;
+
+    void CountRequest(const std::string& keyword, int status);
+    std::string Text(const Gauges& gauges) const;
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<std::pair<std::string, int>, std::uint64_t> m_requests;
+    std::array<std::atomic<std::uint64_t>, 5> m_logLines{};  // by level
+    int m_logListener;
+};
+
+}  // namespace gateway

@@ -1,0 +1,167 @@
+#include "OpenApi.h"
+
+#include <boost/json.hpp>
+
+#include "KeywordTable.h"
+#include "MessageSchemas.h"
+#include "Problem.h"
+
+namespace json = boost::json;
+
+namespace gateway {
+
+namespace {
+
+json::object Reference(std::string_view kind, std::string_view name) {
+    return {{"$ref", "#/components/" + std::string(kind) + '/' + std::string(name)}};
+}
+
+json::object Content(std::string_view type, json::object schema) {
+    return {{type, json::object{{"schema", std::move(schema)}}}};
+}
+
+json::object Answer(std::string_view text, std::string_view type, json::object schema) {
+    return {{"description", text}, {"content", Content(type, std::move(schema))}};
+}
+
+void AddProblems(json::object& responses, std::initializer_list<int> statuses) {
+    for (const int status : statuses) {
+        responses[std::to_string(status)] = Reference("responses", "Problem");
+    }
+}
+
+json::object RequestSchema(const Keyword& keyword) {
+    const auto classes = keyword.RequestClasses();
+    if (classes.size() == 1) {
+        return Reference("schemas", classes.front());
+    }
+    json::array choices;
+    for (const char* name : classes) {
+        choices.push_back(Reference("schemas", name));
+    }
+    return {{"oneOf", std::move(choices)}, {"required", json::array{"className"}}};
+}
+
+json::object KeywordPath(const Keyword& keyword) {
+    json::object responses;
+    if (keyword.IsNotification()) {
+        responses["202"] = json::object{{"description", "Handed to all who listen"}};
+    } else {
+        responses["200"] = Answer("The answer", "application/json", Reference("schemas", keyword.answer));
+    }
+    AddProblems(responses, {400, 413, 503, 504});
+    const bool required = keyword.RequestClasses().size() > 1;
+    return {{"post", json::object{{"operationId", keyword.name},
+                                  {"summary", keyword.summary},
+                                  {"requestBody",
+                                   json::object{{"required", required},
+                                                {"content", Content("application/json", RequestSchema(keyword))}}},
+                                  {"responses", std::move(responses)}}}};
+}
+
+json::object QueryParameter(std::string_view name, std::string_view text, json::object schema) {
+    return {{"name", name}, {"in", "query"}, {"description", text}, {"schema", std::move(schema)}};
+}
+
+json::object Reading(std::string_view id, std::string_view summary, json::object answer, json::array parameters = {},
+                     std::initializer_list<int> problems = {}) {
+    json::object responses{{"200", std::move(answer)}};
+    AddProblems(responses, problems);
+    return {{"get", json::object{{"operationId", id},
+                                 {"summary", summary},
+                                 {"parameters", std::move(parameters)},
+                                 {"responses", std::move(responses)}}}};
+}
+
+json::object Nullable(const char* type) {
+    return {{"type", json::array{type, "null"}}};
+}
+
+json::object StatusSchema() {
+    json::object device = Nullable("object");
+    device["properties"] = {
+        {"model", {{"type", "string"}}}, {"serialNumber", {{"type", "string"}}}, {"board", {{"type", "string"}}}};
+    json::object updates = Nullable("array");
+    updates["items"] = {{"type", "object"}, {"properties", {{"version", {{"type", "string"}}}}}};
+    json::object drives = Nullable("array");
+    drives["items"] = {{"type", "string"}};
+    const json::object progress{
+        {"anyOf", json::array{Reference("schemas", "InstallProgressMsg"), json::object{{"type", "null"}}}}};
+    return {{"type", "object"},
+            {"description", "A part that nobody tells is null"},
+            {"properties", json::object{{"version", Nullable("string")},
+                                        {"hash", Nullable("string")},
+                                        {"installedVersion", Nullable("string")},
+                                        {"updateInProgress", Nullable("boolean")},
+                                        {"device", std::move(device)},
+                                        {"updates", std::move(updates)},
+                                        {"progress", progress},
+                                        {"drives", std::move(drives)}}}};
+}
+
+json::object ProblemSchema() {
+    return {{"type", "object"},
+            {"required", json::array{"title", "status", "detail"}},
+            {"properties",
+             {{"title", {{"type", "string"}}},
+              {"status", {{"type", "integer"}}},
+              {"detail", {{"type", "string"}}},
+              {"field", {{"type", "string"}, {"description", "The key that is to blame"}}}}}};
+}
+
+constexpr const char* kEventsText =
+    "Server-sent events: \"progress\" (InstallProgressMsg), \"updateavailable\" (ZMessageArray), "
+    "\"storagedeviceupdate\" (StorageDevicesMsg) and, with log=1, \"log\" ({\"line\": \"...\"}). The last progress and "
+    "the last available updates come first. A client that takes them too slowly is dropped.";
+
+void AddReadings(json::object& paths) {
+    const json::object text{{"type", "string"}};
+    const json::object lines{{"type", "object"},
+                             {"properties", {{"lines", {{"type", "array"}, {"items", {{"type", "string"}}}}}}}};
+    paths["/v1/events"] = Reading(
+        "events", "What happens, as it happens", Answer(kEventsText, "text/event-stream", text),
+        {QueryParameter("log", "1: log lines too", {{"type", "integer"}, {"minimum", 0}, {"maximum", 1}})}, {400, 503});
+    paths["/v1/status"] = Reading("status", "The device's state",
+                                  Answer("The state", "application/json", Reference("schemas", "Status")));
+    paths["/v1/log"] =
+        Reading("log", "The newest log lines, oldest first", Answer("The lines", "application/json", lines),
+                {QueryParameter("lines", "How many; at most 1000 are kept",
+                                {{"type", "integer"}, {"minimum", 0}, {"default", 200}})},
+                {400});
+    paths["/v1/metrics"] =
+        Reading("metrics", "Counters in Prometheus' text format", Answer("Samples", "text/plain", text));
+    paths["/v1/openapi.json"] =
+        Reading("description", "This document", Answer("OpenAPI 3.1", "application/json", {{"type", "object"}}));
+}
+
+std::string MakeDocument() {
+    json::object paths;
+    for (const Keyword& keyword : Keywords()) {
+        paths["/v1/" + std::string(keyword.name)] = KeywordPath(keyword);
+    }
+    AddReadings(paths);
+    json::object schemas = MessageSchemas();
+    schemas["Status"] = StatusSchema();
+    schemas["Problem"] = ProblemSchema();
+    const json::object problem =
+        Answer("Why there is no answer", "application/problem+json", Reference("schemas", "Problem"));
+    return json::serialize(
+        json::object{{"openapi", "3.1.0"},
+                     {"info",
+                      {{"title", "Arbor gateway"},
+                       {"version", "1"},
+                       {"description",
+                        "Messages of the graph as JSON, over HTTP on a UNIX socket. Unknown keys are ignored; "
+                        "enumerators are read by name or number."}}},
+                     {"paths", std::move(paths)},
+                     {"components", {{"schemas", std::move(schemas)}, {"responses", {{"Problem", problem}}}}}});
+}
+
+}  // namespace
+
+const std::string& OpenApiDocument() {
+    static const std::string document = MakeDocument();
+    return document;
+}
+
+}  // namespace gateway

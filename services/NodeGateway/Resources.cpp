@@ -1,0 +1,142 @@
+#include "Resources.h"
+
+#include <algorithm>
+#include <boost/json.hpp>
+#include <charconv>
+
+#include "EventStream.h"
+#include "MessageText.h"
+#include "OpenApi.h"
+#include "Problem.h"
+#include "ZMessages/Messages.h"
+#include "ZMessages/ZJSONCommStream.h"
+#include "ZShared/ZLog.h"
+
+namespace gateway {
+
+namespace {
+
+constexpr std::string_view kRoot = "/v1/";
+constexpr std::size_t kUsualLogLines = 200;
+constexpr std::size_t kMostLogLines = 1000;
+constexpr auto kStatusPatience = std::chrono::seconds(5);
+constexpr auto kMetricsPatience = std::chrono::seconds(1);
+
+HttpResponse WrongMethod(const char* allowed) {
+    HttpResponse response = Problem(405, std::string("This resource takes ") + allowed);
+    response.headers.emplace_back("Allow", allowed);
+    return response;
+}
+
+HttpResponse Json(std::string text) {
+    HttpResponse response;
+    response.body = std::move(text);
+    return response;
+}
+
+/// The parameter's value; `otherwise` when it is absent, none when it is not a whole number.
+std::optional<std::size_t> Number(const HttpRequest& request, const char* name, std::size_t otherwise) {
+    const auto found = request.query.find(name);
+    if (found == request.query.end()) {
+        return otherwise;
+    }
+    const std::string& text = found->second;
+    std::size_t value = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const bool whole = failure == std::errc() && end == text.data() + text.size();
+    return whole ? std::optional(value) : std::nullopt;
+}
+
+}  // namespace
+
+Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events)
+    : m_events(events), m_requests(bus, patience), m_status(bus, events) {}
+
+Resources::Handler Resources::Find(std::string_view path) {
+    static constexpr std::pair<std::string_view, Handler> kHandlers[] = {
+        {"/v1/events", &Resources::Events},
+        {"/v1/status", &Resources::Status},
+        {"/v1/log", &Resources::Log},
+        {"/v1/metrics", &Resources::MetricsText},
+        {"/v1/openapi.json", &Resources::Description},
+    };
+    for (const auto& [known, handler] : kHandlers) {
+        if (known == path) {
+            return handler;
+        }
+    }
+    return nullptr;
+}
+
+HttpResponse Resources::Handle(const HttpRequest& request) {
+    const bool reads = request.method == "GET" || request.method == "HEAD";
+    if (const Handler handler = Find(request.path)) {
+        return reads ? (this->*handler)(request) : WrongMethod("GET, HEAD");
+    }
+    const bool below = request.path.starts_with(kRoot);
+    const Keyword* const keyword = below ? FindKeyword(request.path.substr(kRoot.size())) : nullptr;
+    if (keyword == nullptr) {
+        return Problem(404, below ? "There is no such keyword or resource" : "Everything is found under /v1/");
+    }
+    return request.method == "POST" ? Ask(*keyword, request) : WrongMethod("POST");
+}
+
+HttpResponse Resources::Ask(const Keyword& keyword, const HttpRequest& request) {
+    HttpResponse response = m_requests.Handle(keyword, request.body);
+    m_metrics.CountRequest(keyword.name, response.status);
+    return response;
+}
+
+HttpResponse Resources::Events(const HttpRequest& request) {
+    const auto log = Number(request, "log", 0);
+    if (!log || *log > 1) {
+        return Problem(400, "\"log\" is 0 or 1", "log");
+    }
+    const auto queue = m_events.Join(*log == 1);
+    if (!queue) {
+        return Problem(503, "As many listeners as are allowed have joined");
+    }
+    HttpResponse response;
+    response.contentType = "text/event-stream";
+    response.headers.emplace_back("Cache-Control", "no-cache");
+    response.stream = [this, queue](HttpStream& stream) { SendEvents(m_events, *queue, stream); };
+    return response;
+}
+
+HttpResponse Resources::Status(const HttpRequest&) {
+    return Json(m_status.Document(kStatusPatience));
+}
+
+HttpResponse Resources::Log(const HttpRequest& request) {
+    const auto count = Number(request, "lines", kUsualLogLines);
+    if (!count) {
+        return Problem(400, "\"lines\" is a whole number", "lines");
+    }
+    boost::json::array lines;
+    for (const std::string& line : ZLog::Instance().Recent(std::min(*count, kMostLogLines))) {
+        lines.emplace_back(line);
+    }
+    return Json(ValidUtf8(boost::json::serialize(boost::json::object{{"lines", std::move(lines)}})));
+}
+
+HttpResponse Resources::MetricsText(const HttpRequest&) {
+    Gauges gauges;
+    gauges.eventListeners = m_events.Listeners();
+    gauges.droppedListeners = m_events.Dropped();
+    gauges.updateInProgress = m_status.UpdateInProgress(kMetricsPatience);
+    InstallProgressMsg progress;
+    ZJSONCommStream stream;
+    if (stream.LoadText(m_events.LastProgress()) && progress.Deserialize(stream)) {
+        gauges.progressPercent = progress.m_Percent;
+    }
+    HttpResponse response;
+    response.contentType = "text/plain; version=0.0.4; charset=utf-8";
+    response.body = m_metrics.Text(gauges);
+    return response;
+}
+
+HttpResponse Resources::Description(const HttpRequest&) {
+    return Json(OpenApiDocument());
+}
+
+}  // namespace gateway

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "EventHub.h"
+#include "NodeComm/ZCommEndpoint.h"
+
+class ZCommEnabledObject;
+class ZMessage;
+
+namespace gateway {
+
+/// The device's state in one document, asked for on the bus. A part that nobody tells is null. Thread-safe.
+class StatusReport {
+public:
+    StatusReport(ZCommEnabledObject& bus, const EventHub& events) : m_bus(bus), m_events(events) {}
+
+    /// JSON. Takes at most `patience`, however many parts stay unanswered.
+    std::string Document(std::chrono::milliseconds patience) const;
+    std::optional<bool> UpdateInProgress(std::chrono::milliseconds patience) const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+    std::shared_ptr<ZMessage> Ask(ZEndpointType type, const char* keyword, const std::shared_ptr<ZMessage>& request,
+                                  Clock::time_point deadline) const;
+
+    ZCommEnabledObject& m_bus;
+    const EventHub& m_events;
+};
+
+}  // namespace gateway

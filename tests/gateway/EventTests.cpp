@@ -1,0 +1,82 @@
+// Server-sent events: who gets what, in which order, and what becomes of those who do not listen.
+
+#include "GatewayFixture.h"
+#include "ZShared/ZLog.h"
+
+namespace {
+
+TEST_F(Gateway, SendsEveryEventToEveryListenerWithRisingIds) {
+    ASSERT_TRUE(Start()) << error << log.All();
+    RawClient first = Events();
+    RawClient second = Events();
+    PublishProgress(10);
+    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "updateavailable", 0),
+                   Made("ZMessageArray", R"({"messages":[{"className":"ZVersionInfoMsg","version":"3.046"}]})"));
+    EXPECT_EQ(Post("/v1/storagedeviceupdate", R"({"addedDevices":["/media/a"]})").status, 202);
+    for (RawClient* client : {&first, &second}) {
+        ASSERT_TRUE(client->WaitFor("/media/a")) << client->Received();
+        EXPECT_THAT(
+            client->Received(),
+            testing::MatchesRegex("HTTP/1.1 200 OK.*text/event-stream.*"
+                                  "event: progress\nid: 1\ndata: "
+                                  "\\{\"className\":\"InstallProgressMsg\"[^\n]*\"percent\":10[^\n]*\\}\n\n.*"
+                                  "event: updateavailable\nid: 2\ndata: \\{[^\n]*\"version\":\"3.046\"[^\n]*\\}\n\n.*"
+                                  "event: storagedeviceupdate\nid: 3\ndata: \\{[^\n]*/media/a[^\n]*\\}\n\n.*"));
+    }
+}
+
+TEST_F(Gateway, TellsALateListenerTheLastProgressAndUpdatesFirst) {
+    ASSERT_TRUE(Start());
+    RawClient witness = Events();
+    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "updateavailable", 0), Made("ZMessageArray"));
+    PublishProgress(20);
+    PublishProgress(60);
+    ASSERT_TRUE(witness.WaitFor("\"percent\":60"));
+    RawClient late = Events();
+    ASSERT_TRUE(late.WaitFor("\n\n", 2));
+    EXPECT_THAT(late.Received(),
+                testing::MatchesRegex(".*event: progress\n[^\n]*\n[^\n]*\"percent\":60.*event: updateavailable.*"));
+    EXPECT_EQ(late.Received().find("\"percent\":20"), std::string::npos);
+    EXPECT_EQ(witness.Received().find("event: log"), std::string::npos) << "log lines were not asked for";
+}
+
+TEST_F(Gateway, SendsLogLinesToThoseWhoAskForThem) {
+    ASSERT_TRUE(Start());
+    RawClient listener = Events("?log=1");
+    ZLog::Instance().Log(2, "Test", "test", "Test", 1, "%s", "a \"quoted\" name, and one in Latin-1: M\xfcller");
+    EXPECT_TRUE(listener.WaitFor("a \\\"quoted\\\" name, and one in Latin-1: M\xEF\xBF\xBDller\"}\n\n"));
+    const Reply lines = Get("/v1/log?lines=1");
+    EXPECT_TRUE(lines.body.starts_with("{\"lines\":[\"") && lines.body.ends_with("ller\"]}")) << lines.body;
+}
+
+TEST_F(Gateway, DropsAListenerThatDoesNotRead) {
+    ASSERT_TRUE(Start(R"("eventBacklog":4)"));
+    RawClient slow = Events();
+    RawClient quick = Events();
+    const std::string text(100'000, 'x');
+    for (int percent = 1; percent <= 40; ++percent) {
+        PublishProgress(percent, text);
+        ASSERT_TRUE(quick.WaitFor("event: progress", static_cast<std::size_t>(percent)));
+    }
+    ASSERT_TRUE(slow.WaitForEnd());
+    EXPECT_EQ(slow.Received().find("\"percent\":40"), std::string::npos);
+    EXPECT_TRUE(WaitUntil([&] {
+        return log.All().find("3 ZNodeGateway NodeGateway/EventStream") != std::string::npos;
+    })) << log.All();
+    EXPECT_NE(Get("/v1/metrics").body.find("arbor_event_clients_dropped_total 1\n"), std::string::npos);
+    PublishProgress(99);
+    EXPECT_TRUE(quick.WaitFor("\"percent\":99"));
+}
+
+TEST_F(Gateway, RefusesMoreListenersThanAllowedUntilOneLeaves) {
+    ASSERT_TRUE(Start(R"("maxEventClients":2)"));
+    RawClient first = Events();
+    RawClient second = Events();
+    EXPECT_EQ(Get("/v1/events").status, 503);
+    first.Close();
+    // HEAD is refused and allowed as GET is, and has an end.
+    EXPECT_TRUE(WaitUntil([&] { return Send("HEAD", "/v1/events", "").status == 200; }));
+    EXPECT_TRUE(WaitUntil([&] { return Events().Received().starts_with("HTTP/1.1 200"); }));
+}
+
+}  // namespace

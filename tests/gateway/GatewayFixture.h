@@ -1,0 +1,60 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include "NodeBase/ZGraph.h"
+#include "TestSupport.h"
+#include "ZMessages/Messages.h"
+#include "ZMessages/ZJSONCommStream.h"
+#include "ZShared/ZFileDescriptor.h"
+
+struct Reply {
+    int status = 0;  ///< 0: none came
+    std::string type;
+    std::string body;
+
+    /// A text of the body's JSON object; empty when there is none.
+    std::string Text(const std::string& key) const;
+};
+
+/// A client on a plain socket, for what a well-behaved library would not send or would not show.
+class RawClient {
+public:
+    RawClient(const std::filesystem::path& socket, const std::string& firstBytes);
+    void Send(const std::string& bytes) const;
+    /// Reads until `count` occurrences of `text` have come. False at the stream's end or when none comes for long.
+    bool WaitFor(const std::string& text, std::size_t count = 1);
+    /// Reads to the end. False when the other side keeps the connection open for long.
+    bool WaitForEnd();
+    const std::string& Received() const { return m_received; }
+    void Close() { m_socket.Reset(); }
+
+private:
+    bool Receive();
+    ZFileDescriptor m_socket;
+    std::string m_received;
+};
+
+/// A graph with a real gateway on a real socket, and a node beside it that a test makes answer.
+class Gateway : public testing::Test {
+protected:
+    /// Starts the graph; `settings` are members of the gateway's record beside the socket's path.
+    bool Start(const std::string& settings = "");
+    void SetUp() override { socket = folder / "deep/gateway.sock"; }
+
+    Reply Get(const std::string& path) { return Send("GET", path, ""); }
+    Reply Post(const std::string& path, const std::string& body) { return Send("POST", path, body); }
+    Reply Send(const std::string& method, const std::string& path, const std::string& body) const;
+    RawClient Events(const std::string& query = "") const;
+    void PublishProgress(int percent, const std::string& text = "");
+
+    TemporaryFolder folder;
+    LogCapture log;
+    std::filesystem::path socket;
+    std::string error;
+    std::unique_ptr<ZGraph> graph;
+    std::shared_ptr<ProbeNode> probe;
+};
+
+/// A message of the class with the members that `json` gives.
+std::shared_ptr<ZMessage> Made(const std::string& className, const std::string& json = "{}");

@@ -1,0 +1,173 @@
+// Requests and notifications: what reaches the bus, what comes back, and how bad input is refused.
+
+#include <thread>
+
+#include "GatewayFixture.h"
+
+namespace {
+
+struct KeywordCase {
+    const char* keyword;
+    ZEndpointType type;
+    const char* body;
+    const char* request;  // the class that must arrive
+    const char* key;      // and one member of it
+    const char* value;
+    const char* answer;  // null: a notification
+};
+
+constexpr auto kClient = ZEndpointType::ClientRequest;
+constexpr auto kDevice = ZEndpointType::DeviceRequest;
+constexpr auto kService = ZEndpointType::GraphService;
+
+const KeywordCase kKeywords[] = {
+    {"updatesystem", kClient, R"({"version":"3.045","reboot":false,"nobodyKnows":[1]})", "ZSystemUpdateMsg", "version",
+     "3.045", "ZVersionInfoMsg"},
+    {"compareversions", kClient, R"({"version1":"3.1","version2":"3.2"})", "ZCompareVersionsMsg", "version2", "3.2",
+     "ZCompareVersionsResultMsg"},
+    {"findupdates", kClient, "", "ZGenericRequestMsg", "", "", "ZMessageArray"},
+    {"getinstalledversioninfo", kClient, " \r\n", "ZGenericRequestMsg", "", "", "ZVersionInfoMsg"},
+    {"getUpdateInProgress", kService, R"({"className":"ZSystemUpdateInProgressRequestMsg","requestTag":"a"})",
+     "ZSystemUpdateInProgressRequestMsg", "requestTag", "a", "ZSystemUpdateInProgressMsg"},
+    {"newFile", kService, R"({"folder":"/u","fileName":"a.pkg"})", "FolderUpdateMsg", "fileName", "a.pkg", nullptr},
+    {"storagedeviceupdate", kService, R"({"devices":["/media/a"]})", "StorageDevicesMsg", "", "", nullptr},
+    {"getdevices", kService, "{}", "ZGenericRequestMsg", "", "", "StorageDevicesMsg"},
+    {"deviceProps", kService, "{}", "ZGenericRequestMsg", "", "", "ZDevicePropertiesMsg"},
+    {"checkCompatibility", kService, R"({"board":"b","model":6})", "ZDeviceCompatibilityMsg", "model", "QMDAccessory",
+     "ZDeviceCompatibilityMsg"},
+    {"upload", kDevice, R"({"className":"ZFileOpenMsg","filePath":"f","mode":493})", "ZFileOpenMsg", "filePath", "f",
+     "ZGenericResponseMsg"},
+    {"upload", kDevice, R"({"className":"ZFileWriteMsg","data":"QQ=="})", "ZFileWriteMsg", "data",
+     "QQ==", "ZGenericResponseMsg"},
+    {"upload", kDevice, R"({"className":"ZFileCloseMsg"})", "ZFileCloseMsg", "", "", "ZGenericResponseMsg"},
+    {"transfer", kDevice, R"({"version":"3.045","deviceModel":"QMA"})", "TransferMsg", "deviceModel", "QMA",
+     "ZVersionInfoMsg"},
+    {"remoteinstall", kDevice, R"({"version":"3.045"})", "ZSystemUpdateMsg", "version", "3.045", "ZMessageArray"},
+};
+
+TEST_F(Gateway, CarriesEveryKeywordToItsEndpointAndTheAnswerBack) {
+    for (const KeywordCase& row : kKeywords) {
+        SCOPED_TRACE(std::string(row.keyword) + " with " + row.request);
+        ASSERT_TRUE(Start()) << error << log.All();
+        probe->Listen(row.type, row.keyword, [&](const auto&) { return row.answer ? Made(row.answer) : nullptr; });
+        const Reply reply = Post(std::string("/v1/") + row.keyword, row.body);
+        ASSERT_TRUE(probe->WaitForMessages(1));
+        Reply received;
+        ZJSONCommStream stream;
+        probe->Received().front()->Save(received.body, stream);
+        EXPECT_EQ(received.Text("className"), row.request);
+        EXPECT_EQ(received.Text(row.key), row.value);
+        EXPECT_EQ(reply.status, row.answer ? 200 : 202);
+        EXPECT_EQ(reply.Text("className"), row.answer ? row.answer : "");
+        EXPECT_EQ(reply.type, row.answer ? "application/json" : "");
+        graph.reset();
+    }
+}
+
+TEST_F(Gateway, RefusesBadRequestsWithAProblemThatNamesTheField) {
+    const struct {
+        const char* method;
+        std::string path;
+        std::string body;
+        int status;
+        const char* field;
+    } rows[] = {
+        {"POST", "/v1/updatesystem", R"({"version":"3.045")", 400, ""},
+        {"POST", "/v1/updatesystem", R"(["3.045"])", 400, ""},
+        {"POST", "/v1/updatesystem", "\xff", 400, ""},
+        {"POST", "/v1/updatesystem", R"({"a":)" + std::string(100'000, '['), 400, ""},
+        {"POST", "/v1/updatesystem", R"({"version":3.045})", 400, "version"},
+        {"POST", "/v1/updatesystem", R"({"reboot":"no"})", 400, "reboot"},
+        {"POST", "/v1/updatesystem", R"({"deviceModel":"Sphinx"})", 400, "deviceModel"},
+        {"POST", "/v1/updatesystem", R"({"deviceModel":4294967296})", 400, "deviceModel"},
+        {"POST", "/v1/updatesystem", R"({"className":"ZGenericRequestMsg"})", 400, "className"},
+        {"POST", "/v1/updatesystem", R"({"className":7})", 400, "className"},
+        {"POST", "/v1/upload", "{}", 400, "className"},
+        {"POST", "/v1/upload", R"({"className":"ZFileMsg"})", 400, "className"},
+        {"POST", "/v1/storagedeviceupdate", R"({"devices":["a",1]})", 400, "devices"},
+        {"GET", "/v1/log?lines=many", "", 400, "lines"},
+        {"GET", "/v1/log?lines=-1", "", 400, "lines"},
+        {"GET", "/v1/events?log=yes", "", 400, "log"},
+        {"POST", "/v1/UpdateSystem", "{}", 404, ""},
+        {"POST", "/v1/", "{}", 404, ""},
+        {"GET", "/v1/" + std::string(4000, 'x'), "", 404, ""},
+        {"POST", "/v1/" + std::string(4000, 'x'), "{}", 404, ""},
+        {"GET", "/", "", 404, ""},
+        {"GET", "/v1/updatesystem", "", 405, ""},
+        {"PUT", "/v1/updatesystem", "{}", 405, ""},
+        {"DELETE", "/v1/status", "", 405, ""},
+        {"POST", "/v1/events", "{}", 405, ""},
+        {"POST", "/v1/upload", std::string(2 * 1024 * 1024 + 1, ' '), 413, ""},
+        {"POST", "/v1/transfer", "{}", 503, ""},
+        {"POST", "/v1/newFile", "{}", 503, ""},
+        {"POST", "/v1/findupdates", "{}", 504, ""},
+    };
+    ASSERT_TRUE(Start(R"("answerTimeoutSeconds":1)")) << error << log.All();
+    probe->Listen(kClient, "findupdates");
+    probe->Listen(kClient, "updatesystem");
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.method) + ' ' + row.path.substr(0, 30) + ' ' + row.body.substr(0, 40));
+        const Reply reply = Send(row.method, row.path, row.body);
+        EXPECT_EQ(reply.status, row.status);
+        EXPECT_EQ(reply.type, "application/problem+json");
+        EXPECT_EQ(reply.Text("field"), row.field) << reply.body;
+        EXPECT_NE(reply.Text("detail"), "") << reply.body;
+        EXPECT_NE(reply.Text("title"), "") << reply.body;
+    }
+    EXPECT_EQ(probe->Received().size(), 1U) << "a refused request reached the bus";
+}
+
+TEST_F(Gateway, TakesOddlyFramedBodies) {
+    ASSERT_TRUE(Start());
+    probe->Listen(kClient, "findupdates", [](const auto&) { return Made("ZMessageArray"); });
+    const std::string chunk = "40000\r\n" + std::string(0x40000, ' ') + "\r\n";
+    std::string endless;
+    for (int count = 0; count < 9; ++count) {
+        endless += chunk;
+    }
+    const struct {
+        const char* name;
+        std::string rest;  // of the request, behind its first line
+        const char* status;
+    } rows[] = {
+        {"no body and no length", "\r\n", "HTTP/1.1 200"},
+        {"in chunks", "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", "HTTP/1.1 200"},
+        {"a form's type", "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: 2\r\n\r\n{}",
+         "HTTP/1.1 200"},
+        {"a form's parts", "Content-Type: multipart/form-data\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 200"},
+        {"a range", "Range: bytes=0-1\r\nContent-Length: 0\r\n\r\n", "HTTP/1.1 200"},
+        {"too many chunks", "Transfer-Encoding: chunked\r\n\r\n" + endless, "HTTP/1.1 413"},
+        {"no header at all", "nonsense\r\n\r\n", "HTTP/1.1 "},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        RawClient client(socket, "POST /v1/findupdates HTTP/1.1\r\nConnection: close\r\n" + row.rest);
+        EXPECT_TRUE(client.WaitFor("\r\n\r\n")) << client.Received();
+        EXPECT_TRUE(client.Received().starts_with(row.status)) << client.Received();
+    }
+}
+
+TEST_F(Gateway, CarriesALargePieceOfAFile) {
+    ASSERT_TRUE(Start());
+    probe->Listen(kDevice, "upload", [](const auto&) { return Made("ZGenericResponseMsg"); });
+    const std::string data(1'400'000, 'A');
+    EXPECT_EQ(Post("/v1/upload", R"({"className":"ZFileWriteMsg","data":")" + data + "\"}").status, 200);
+    const auto piece = cast_shared<ZFileWriteMsg>(probe->Received().at(0));
+    EXPECT_EQ(ToStdString(piece->m_Data), data);
+}
+
+TEST_F(Gateway, ServesFiftyClientsAtOnce) {
+    ASSERT_TRUE(Start());
+    probe->Listen(kClient, "compareversions", [](const auto&) { return Made("ZCompareVersionsResultMsg"); });
+    std::atomic<int> good = 0;
+    std::vector<std::thread> clients;
+    for (int count = 0; count < 50; ++count) {
+        clients.emplace_back([&] { good += Post("/v1/compareversions", "{}").status == 200 ? 1 : 0; });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    EXPECT_EQ(good, 50) << log.All();
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+// The server as a whole: its socket, its documents, clients that stall, and its end.
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <regex>
+
+#include "GatewayFixture.h"
+
+namespace {
+
+constexpr const char* kHalfARequest = "POST /v1/findupdates HTTP/1.1\r\nContent-Length: 100\r\n\r\n{";
+
+TEST_F(Gateway, GivesItsSocketTheConfiguredModeAndRemovesItAtTheEnd) {
+    ASSERT_TRUE(Start(R"("socketMode":"0604")")) << error << log.All();
+    struct stat made {};
+    ASSERT_EQ(::stat(socket.c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 07777U, 0604U);
+    EXPECT_EQ(graph->Stop(), ZGraphEnd::Agreed);
+    EXPECT_FALSE(std::filesystem::exists(socket));
+}
+
+TEST_F(Gateway, ReplacesADeadServersSocketButNotALivingOnesNorAFile) {
+    std::filesystem::create_directories(socket.parent_path());
+    {
+        const ZFileDescriptor dead(::socket(AF_UNIX, SOCK_STREAM, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socket.string().copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(::bind(dead.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ASSERT_TRUE(Start()) << error << log.All();
+    const auto living = std::move(graph);
+    EXPECT_FALSE(Start());
+    EXPECT_NE(log.All().find("another server listens there"), std::string::npos) << log.All();
+    graph.reset();
+    EXPECT_EQ(Get("/v1/log").status, 200) << "the living server lost its socket";
+    socket = folder.Write("precious", "text");
+    EXPECT_FALSE(Start());
+    EXPECT_EQ(ReadText(socket), "text");
+}
+
+TEST_F(Gateway, NamesTheSettingThatCanNotBeUsed) {
+    const struct {
+        const char* settings;
+        const char* key;
+    } rows[] = {
+        {R"("socketMode":"0999")", "socketMode"},
+        {R"("socketMode":"10777")", "socketMode"},
+        {R"("socketMode":"")", "socketMode"},
+        {R"("socketGroup":"no such group")", "socketGroup"},
+        {R"("socketPath":"")", "socketPath"},
+        {R"("socketPath":"relative")", "socketPath"},
+        {R"("answerTimeoutSeconds":0)", "answerTimeoutSeconds"},
+        {R"("maxEventClients":257)", "maxEventClients"},
+        {R"("eventBacklog":0)", "eventBacklog"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_FALSE(Start(row.settings)) << row.settings;
+        EXPECT_THAT(log.Lines().back().text, testing::HasSubstr('"' + std::string(row.key) + '"'));
+        EXPECT_EQ(log.Lines().back().level, 4);
+    }
+    socket = folder / std::string(120, 'x');
+    EXPECT_FALSE(Start());
+    EXPECT_THAT(log.Lines().back().text, testing::HasSubstr("longer than 107 bytes"));
+}
+
+TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
+    ASSERT_TRUE(Start());
+    EXPECT_EQ(Get("/v1/status").body, R"({"version":null,"hash":null,"installedVersion":null,"updateInProgress":null,)"
+                                      R"("device":null,"updates":null,"progress":null,"drives":null})");
+    const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {
+        probe->Listen(type, keyword, [=](const auto&) { return Made(className, json); });
+    };
+    answer(ZEndpointType::ClientRequest, "getinstalledversioninfo", "ZVersionInfoMsg", R"({"version":"3.044"})");
+    answer(ZEndpointType::ClientRequest, "findupdates", "ZMessageArray",
+           R"({"messages":[{"className":"ZVersionInfoMsg","version":"3.046"},)"
+           R"({"className":"ZVersionInfoMsg","version":"9.9","bSuccess":false}]})");
+    answer(ZEndpointType::GraphService, "getUpdateInProgress", "ZSystemUpdateInProgressMsg",
+           R"({"updateInProgress":true})");
+    answer(ZEndpointType::GraphService, "deviceProps", "ZDevicePropertiesMsg",
+           R"({"model":"KiteQM","serialNumber":"7","board":"b"})");
+    probe->Listen(ZEndpointType::GraphService, "getdevices", [](const auto&) {
+        const auto drives = ZMakeShared<StorageDevicesMsg>();
+        drives->m_Devices = {"/media/M\xfcll"};
+        return drives;
+    });
+    PublishProgress(35);
+    EXPECT_TRUE(WaitUntil([&] { return Get("/v1/status").body.find("\"percent\":35") != std::string::npos; }));
+    const std::string status = Get("/v1/status").body;
+    EXPECT_THAT(
+        status,
+        testing::MatchesRegex(
+            R"re(.*"installedVersion":"3.044","updateInProgress":true,)re"
+            R"re("device":\{"model":"KiteQM","serialNumber":"7","board":"b"\},"updates":\[\{"version":"3.046"\}\],)re"
+            R"re("progress":\{[^}]*"percent":35[^}]*\},"drives":\["/media/M.*ll"\]\})re"));
+    EXPECT_NE(status.find("M\xEF\xBF\xBDll"), std::string::npos)
+        << "a name that is no UTF-8 must not break the document";
+    Post("/v1/findupdates", "");
+    Post("/v1/transfer", "");
+    const std::string metrics = Get("/v1/metrics").body;
+    for (const char* sample :
+         {"arbor_requests_total{keyword=\"findupdates\",code=\"200\"} 1", "arbor_memory_bytes{state=\"in_use\"} ",
+          "arbor_requests_total{keyword=\"transfer\",code=\"503\"} 1", "arbor_progress_percent 35",
+          "arbor_update_in_progress 1", "arbor_event_clients 0", "process_start_time_seconds 1"}) {
+        EXPECT_NE(metrics.find(std::string("\n") + sample), std::string::npos) << sample << " is not in\n" << metrics;
+    }
+}
+
+TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
+    ASSERT_TRUE(Start());
+    const std::string text = Get("/v1/openapi.json").body;
+    ZJSONCommStream stream;
+    ASSERT_TRUE(stream.LoadText(text)) << stream.Error();
+    for (const char* path :
+         {"updatesystem", "compareversions", "findupdates", "getinstalledversioninfo", "getUpdateInProgress", "newFile",
+          "storagedeviceupdate", "getdevices", "deviceProps", "checkCompatibility", "upload", "transfer",
+          "remoteinstall", "events", "status", "log", "metrics", "openapi.json"}) {
+        EXPECT_NE(text.find("\"/v1/" + std::string(path) + "\":{"), std::string::npos) << path;
+    }
+    const std::regex reference("\"#/components/[a-z]+/([A-Za-z]+)\"");
+    for (std::sregex_iterator found(text.begin(), text.end(), reference), end; found != end; ++found) {
+        EXPECT_NE(text.find('"' + (*found)[1].str() + "\":{"), std::string::npos) << (*found)[1] << " is not described";
+    }
+    // Inherited fields, enumerators and defaults come from the messages themselves.
+    EXPECT_NE(
+        text.find(R"("ZFileOpenMsg":{"type":"object","properties":{"className":{"const":"ZFileOpenMsg"},"filePath")"),
+        std::string::npos);
+    EXPECT_NE(text.find("ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"), std::string::npos);
+    EXPECT_NE(text.find(R"("reboot":{"type":"boolean","default":true})"), std::string::npos);
+}
+
+TEST_F(Gateway, OutlastsClientsThatStallInTheMiddleOfARequest) {
+    ASSERT_TRUE(Start());
+    std::vector<std::unique_ptr<RawClient>> stalled;
+    for (int count = 0; count < 50; ++count) {
+        stalled.push_back(std::make_unique<RawClient>(socket, count % 2 == 0 ? kHalfARequest : "GET /v1/st"));
+    }
+    EXPECT_EQ(Get("/v1/log").status, 200) << log.All();
+    EXPECT_TRUE(stalled.front()->WaitForEnd());
+}
+
+TEST_F(Gateway, EndsAtOnceWithStreamsAndHalfRequestsOpen) {
+    ASSERT_TRUE(Start());
+    RawClient stream = Events("?log=1");
+    RawClient half(socket, kHalfARequest);
+    RawClient idle(socket, "");
+    EXPECT_EQ(graph->Stop(), ZGraphEnd::Agreed);
+    EXPECT_TRUE(stream.WaitForEnd() && half.WaitForEnd() && idle.WaitForEnd());
+    EXPECT_TRUE(stream.Received().ends_with("0\r\n\r\n")) << "the stream's end was not marked as one";
+}
+
+}  // namespace
