@@ -76,7 +76,8 @@ HttpResponse Resources::Handle(const HttpRequest& request) {
     const bool below = request.path.starts_with(kRoot);
     const Keyword* const keyword = below ? FindKeyword(request.path.substr(kRoot.size())) : nullptr;
     if (keyword == nullptr) {
-        return Problem(404, below ? "There is no such keyword or resource" : "Everything is found under /v1/");
+        return Problem(404,
+                       below ? "There is no keyword or resource " + request.path : "Everything is found under /v1/");
     }
     return request.method == "POST" ? Ask(*keyword, request) : WrongMethod("POST");
 }

@@ -28,7 +28,7 @@ class Host(InstrumentCase):
                 ('"queueLength": 256', '"queueLenght": 256', "queueLenght"),
                 ('"class": "ZNodeStorage"', '"class": "ZNodeNothing"', "ZNodeNothing"),
                 ('"libNodeStorage.so"', '"libNodeNowhere.so"', "libNodeNowhere.so"),
-                ('"name": "Storage"', '"name": "Gateway"', "Gateway"),
+                ('"name": "Gateway"', '"name": "Storage"', "Storage"),
                 ('"ProgressPort": 5600', '"ProgressPort": 70000', "ProgressPort")):
             with self.subTest(new):
                 self.assertEqual(1, good.count(old))

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+/// The node libraries of a graph, unloaded in reverse order when the set goes: after everything that is of their
+/// classes.
+class LibrarySet {
+public:
+    LibrarySet() = default;
+    ~LibrarySet();
+    LibrarySet(const LibrarySet&) = delete;
+    LibrarySet& operator=(const LibrarySet&) = delete;
+
+    /// Loads one library, whose classes register themselves. A name is looked for in the folders that go with this
+    /// program; anything with a slash is a path, taken from `base` when it is relative. False, with `error`, when there
+    /// is none or it can't be loaded.
+    bool Load(const std::string& nameOrPath, const std::filesystem::path& base, std::string& error);
+
+private:
+    std::vector<void*> m_handles;
+};

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZStopEvent.h"
+
+/// Takes SIGTERM, SIGINT and SIGHUP for the whole process: the first asks it to end, the second to end without waiting
+/// for agreement, and a third ends it on the spot, whatever it is stuck in. A thread of its own takes them, so that
+/// this holds while the graph starts and stops, too.
+class SignalWatch {
+public:
+    /// To be made before any other thread: they must all inherit the blocked signals. Throws std::system_error.
+    /// `logLevel` is the threshold of its log lines.
+    explicit SignalWatch(std::int32_t logLevel);
+    ~SignalWatch();
+    SignalWatch(const SignalWatch&) = delete;
+    SignalWatch& operator=(const SignalWatch&) = delete;
+
+    bool Asked() const noexcept { return m_count >= 1; }
+    bool AskedTwice() const noexcept { return m_count >= 2; }
+    /// Readable from the first signal on. Owned by this object.
+    int Descriptor() const noexcept { return m_asked.Descriptor(); }
+
+private:
+    void Watch();
+    void Take(int signal);
+
+    ZFileDescriptor m_signals;
+    ZStopEvent m_asked;
+    ZStopEvent m_stop;
+    std::atomic<int> m_count{0};  // written by the watching thread, read by all
+    const std::string m_logName = "arbord";
+    const std::int32_t m_logLevel;
+    std::thread m_watcher;
+};

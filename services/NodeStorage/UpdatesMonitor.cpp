@@ -1,0 +1,79 @@
+#include "UpdatesMonitor.h"
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+
+#include "ZShared/ZLog.h"
+
+namespace {
+
+void LogLine(int level, int line, const char* text, const std::string& folder, const std::string& reason) {
+    ZLog::Instance().Log(level, "ZNodeStorage", "NodeStorage/UpdatesMonitor", "UpdatesMonitor", line, "%s %s%s", text,
+                         folder.c_str(), reason.c_str());
+}
+
+/// Whether any process has the file open for writing: then a read lease is not to be had. Where leases can't be taken
+/// at all the answer is no.
+bool IsBeingWritten(const std::filesystem::path& file) {
+    const ZFileDescriptor reader(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    // A writer that comes while the lease is held makes the kernel send a signal: one that does nothing.
+    ::fcntl(reader.Get(), F_SETSIG, SIGURG);
+    if (::fcntl(reader.Get(), F_SETLEASE, F_RDLCK) != 0) {
+        return errno == EAGAIN;
+    }
+    ::fcntl(reader.Get(), F_SETLEASE, F_UNLCK);
+    return false;
+}
+
+}  // namespace
+
+UpdatesMonitor::UpdatesMonitor(const std::filesystem::path& folder)
+    : m_folder(folder), m_watch(IN_CLOSE_WRITE | IN_MOVED_TO, FolderWatch::Way::Watched) {
+    std::error_code code;
+    std::filesystem::create_directories(m_folder, code);
+    if (code) {
+        LogLine(4, __LINE__, "Could not make the updates folder", m_folder.string(), ": " + code.message());
+    }
+}
+
+std::vector<std::string> UpdatesMonitor::NewFiles() {
+    FolderWatch::News news = m_watch.Take();
+    bool all = news.lost;
+    if (news.lost) {
+        LogLine(3, __LINE__, "Events were lost; reading the whole of", m_folder.string(), "");
+    }
+    if (m_first || news.changed || news.lost) {
+        auto identity = m_watch.Follow({m_folder.string()});
+        all |= !identity.empty() && identity != m_identity;
+        m_identity = std::move(identity);
+        m_first = false;
+    }
+    std::vector<std::string> files;
+    for (const std::string& name : all ? AllNames() : news.names) {
+        if (IsComplete(name) && std::ranges::find(files, name) == files.end()) {
+            files.push_back(name);
+        }
+    }
+    return files;
+}
+
+bool UpdatesMonitor::IsComplete(const std::string& name) const {
+    std::error_code code;
+    // One that is being written is told of when it is closed.
+    return !name.empty() && !name.starts_with('.') && std::filesystem::is_regular_file(m_folder / name, code) &&
+           !IsBeingWritten(m_folder / name);
+}
+
+std::vector<std::string> UpdatesMonitor::AllNames() const {
+    std::vector<std::string> names;
+    std::error_code code;
+    for (std::filesystem::directory_iterator entry(m_folder, code), end; !code && entry != end; entry.increment(code)) {
+        names.push_back(entry->path().filename().string());
+    }
+    std::ranges::sort(names);
+    return names;
+}

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "DriveMonitor.h"
+#include "NodeBase/ZNode.h"
+#include "UpdatesMonitor.h"
+#include "ZMessages/Messages.h"
+#include "ZShared/ZStopEvent.h"
+
+/// Absolute paths, in which environment variables are replaced.
+class ZNodeStorageCfg : public ZConfig {
+    Z_MESSAGE(ZNodeStorageCfg, ZConfig)
+public:
+    using ZConfig::ZConfig;
+    ZVector<ZString> m_RemovableRoots{"/media", "/run/media"};  ///< every mount below counts as a drive
+    ZVector<ZString> m_Roots;          ///< directories that count while they are mounted or filled
+    ZVector<ZString> m_ExcludedRoots;  ///< never drives, nor what is below: the instrument's own storage
+
+    Z_FIELDS(Z_FIELD(m_RemovableRoots), Z_FIELD(m_Roots), Z_FIELD(m_ExcludedRoots))
+};
+
+/// Tells the graph about storage: answers "getdevices" with the drives that are present, publishes
+/// "storagedeviceupdate" when they change and "newFile" when a file in the updates folder is complete.
+class ZNodeStorage : public ZNode {
+    Z_CLASS(ZNodeStorage, ZNode)
+public:
+    explicit ZNodeStorage(const ZString& name);
+    ~ZNodeStorage() override;
+
+    /// Finds the drives that are present. False when the record is of another class or holds a path that is not
+    /// absolute, or when the mount table can't be read.
+    bool OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) override;
+    bool InitMessageMap() override;
+    /// Starts watching. The updates folder is made here and not earlier: other nodes empty it while they are set up.
+    bool OnGraphCreated() override;
+    void OnShutdown() override;
+
+private:
+    bool ReadRules(const std::shared_ptr<ZConfig>& config, DriveRules& rules);
+    bool ReadFolders(const ZNodeStorageCfg& record, const char* key, const ZVector<ZString>& paths,
+                     std::vector<std::string>& folders) const;
+    bool OnGetDevices(const std::shared_ptr<ZMessage>& request);
+    void Watch();
+    void Look(const DriveMonitor::PollEntries& polled);
+    void TellDrives(const DriveChange& change);
+    void TellFile(const std::string& name);
+    void StopWatching();
+    std::shared_ptr<StorageDevicesMsg> DevicesMessage() const;
+
+    std::filesystem::path m_updatesFolder;   // empty: none is configured
+    std::unique_ptr<DriveMonitor> m_drives;  // the watching thread's once that runs
+    std::unique_ptr<UpdatesMonitor> m_updates;
+    mutable std::mutex m_presentMutex;
+    ZVector<ZString> m_present;  // the drives, for answers; guarded by m_presentMutex
+    ZStopEvent m_stop;
+    std::thread m_watcher;
+};

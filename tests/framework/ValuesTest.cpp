@@ -1,0 +1,186 @@
+#include <gmock/gmock.h>
+
+#include <boost/json.hpp>
+
+#include "NodeComm/ZNodeComm.h"
+#include "TestSupport.h"
+#include "ZCoreConfigs/ZCoreConfigParams.h"
+#include "ZMessages/Messages.h"
+#include "ZMessages/ZJSONCommStream.h"
+#include "ZShared/ZLog.h"
+
+namespace {
+
+namespace json = boost::json;
+using namespace testing;
+using ZShared::ZClassRegistration;
+using ZShared::ZFactory;
+
+TEST(Factory, KnowsAKindWhoseBaseIsRegisteredLater) {
+    const ZClassRegistration leaf("LateLeaf", "LateBase", nullptr);
+    EXPECT_FALSE(leaf.Id().IsKindOf(ZMessage::m_cid));
+    const ZClassRegistration base("LateBase", "ZMessage", nullptr);
+    for (const auto& kind : {base.Id(), ZMessage::m_cid, ZShared::ZFactoryObject::m_cid, leaf.Id()}) {
+        EXPECT_TRUE(leaf.Id().IsKindOf(kind)) << kind.Name();
+        EXPECT_FALSE(ZShared::CID().IsKindOf(kind));
+    }
+    EXPECT_FALSE(base.Id().IsKindOf(leaf.Id()) || leaf.Id().IsKindOf(ZNodeComm::m_cid) || leaf.Id().IsKindOf({}));
+}
+
+TEST(Factory, KeepsAClassThatWasRegisteredTwiceUntilBothAreGone) {
+    auto first = std::make_unique<ZClassRegistration>("Twice", "ZMessage", ZShared::MakeCreator<BatteryMsg>());
+    auto second = std::make_unique<ZClassRegistration>("Twice", "ZMessage", ZShared::MakeCreator<TransferMsg>());
+    const ZShared::CID id = first->Id();
+    EXPECT_EQ(second->Id(), id);
+    EXPECT_TRUE(ZCAST(BatteryMsg, ZFactory::Instance().CreateShared("Twice")));
+    first.reset();
+    EXPECT_TRUE(ZCAST(TransferMsg, ZFactory::Instance().CreateShared("Twice")));
+    second.reset();
+    EXPECT_FALSE(ZFactory::Instance().CreateShared("Twice"));
+    EXPECT_EQ(ZFactory::Instance().Find("Twice"), id);
+}
+
+TEST(Factory, NamesTheClassThatCanNotBeMade) {
+    const LogCapture log;
+    for (const std::string name : {"NoSuchClass", "ZNodeComm", ""}) {
+        EXPECT_FALSE(ZFactory::Instance().make_shared_direct(name, "Place", 7));
+        EXPECT_TRUE(log.Has(4, " Place make_shared_direct:7 No class <" + name + "> is registered")) << log.All();
+    }
+}
+
+void Log(const std::string& text) {
+    ZLog::Instance().Log(3, "channel", "File", "Function", 1, "%s", text.c_str());
+}
+
+TEST(Log, LetsNoTextForgeASecondLineAndRemembersTheNewest) {
+    const LogCapture log;
+    Log("a\nb\tc\r\x1b[2J\x7f \xC3\xBC");
+    EXPECT_TRUE(log.Has(3, "channel File Function:1 a\\nb\\tc\\x0d\\x1b[2J\\x7f \xC3\xBC")) << log.All();
+    for (int line = 0; line < 1005; ++line) {
+        Log(std::to_string(line));
+    }
+    EXPECT_THAT(ZLog::Instance().Recent(2), ElementsAre(EndsWith(" 1003"), EndsWith(" 1004")));
+    EXPECT_THAT(ZLog::Instance().Recent(5000), SizeIs(1000));
+}
+
+// The message classes, and of the configuration records one of each shape.
+constexpr const char* kClasses =
+    "ZGenericRequestMsg ZGenericResponseMsg ZVersionInfoMsg ZMessageArray ZComponentVersionMsg ZSystemManifestMsg "
+    "ZSystemUpdateMsg ZSystemUpdateInProgressRequestMsg ZSystemUpdateInProgressMsg ZCompareVersionsMsg "
+    "ZCompareVersionsResultMsg ZDevicePropertiesMsg ZDeviceCompatibilityMsg ZShutdownMsg InstallProgressMsg ZFileMsg "
+    "ZFileOpenMsg ZFileWriteMsg ZFileCloseMsg ZFileReadMsg ZFileReadResponseMsg TransferMsg FolderUpdateMsg "
+    "StorageDevicesMsg BatteryMsg ZBatteryInfoRequestMsg ZAnchorPointToolsMetadata ZNodeToolsMetadata "
+    "ZEdgeToolsMetadata ZLogParams ZAuditLogParams ZCoreConfigParams";
+
+std::string Saved(const ZMessage& message) {
+    ZJSONCommStream stream;
+    std::string text;
+    return message.Save(text, stream) ? text : "not saved";
+}
+
+/// Another value than a member's first one. A text that is not empty is an enumerator, which may come as its number.
+json::value Changed(const json::value& first, const ZMessage& owner) {
+    if (const json::string* text = first.if_string()) {
+        return text->empty() ? json::value("text \"\n\xC3\xBC") : json::value(1);
+    }
+    if (first.is_array()) {
+        if (owner.IsKindOf(StorageDevicesMsg::m_cid)) {
+            return json::array{"a", "b"};
+        }
+        // Only an array of any messages needs to be told their class.
+        json::object listed{{"present", true}, {"name", "boot"}, {"type", 1}};
+        if (owner.IsKindOf(ZMessageArray::m_cid)) {
+            listed["className"] = "BatteryMsg";
+        }
+        return json::array{std::move(listed)};
+    }
+    return first.is_bool() ? json::value(!first.get_bool()) : json::value(first.to_number<int>() + 1);
+}
+
+TEST(Message, KeepsEveryFieldOnItsWayThroughTextAndCopy) {
+    std::istringstream names(kClasses);
+    for (std::string name; names >> name;) {
+        SCOPED_TRACE(name);
+        const auto fresh = ZCAST(ZMessage, ZFactory::Instance().CreateShared(name));
+        const json::value first = json::parse(Saved(*fresh));
+        json::object changed{{"className", name}};
+        for (const auto& [key, value] : first.get_object()) {
+            if (key != "className") {
+                changed[key] = Changed(value, *fresh);
+            }
+        }
+        ZJSONCommStream stream;
+        ASSERT_TRUE(stream.LoadText(json::serialize(changed)));
+        const auto read = ZMessage::CreateFrom(stream);
+        ASSERT_TRUE(read) << stream.Error();
+        const std::string text = Saved(*read);
+        const json::value second = json::parse(text);
+        for (const auto& [key, value] : second.get_object()) {
+            EXPECT_EQ(value == first.at(key), key == "className") << key << " was not read";
+        }
+        ASSERT_TRUE(stream.LoadText(text) && fresh->Deserialize(stream)) << stream.Error();
+        EXPECT_EQ(Saved(*fresh), text);
+        const auto copy = ZNodeComm::CloneMessage(read);
+        EXPECT_TRUE(copy && copy != read && Saved(*copy) == text);
+        if (const auto array = ZCAST(ZMessageArray, read)) {
+            ZCAST(BatteryMsg, array->m_Messages[0])->m_PercentRemaining = 50;
+            EXPECT_EQ(Saved(*copy), text);
+        }
+    }
+}
+
+TEST(Message, ReadsAValueOrNamesTheKeyThatItIsWrongFor) {
+    const std::tuple<const char*, std::string, const char*, bool> cases[]{
+        {"TransferMsg", R"("deviceModel":"QMSim")", R"("deviceModel":"QMSim")", true},
+        {"TransferMsg", R"("deviceModel":7)", R"("deviceModel":"QMSim")", true},
+        {"TransferMsg", R"("deviceModel":-99)", R"("deviceModel":-99)", true},
+        {"TransferMsg", R"("deviceModel":"Kite")", "deviceModel", false},
+        {"ZDevicePropertiesMsg", R"("deviceType":256)", "deviceType", false},
+        {"BatteryMsg", R"("percentRemaining":1.0)", R"("percentRemaining":1})", true},
+        {"BatteryMsg", R"("percentRemaining":1.5)", "percentRemaining", false},
+        {"BatteryMsg", R"("present":1)", "present", false},
+        {"ZFileReadMsg", R"("position":18446744073709551615)", R"("position":18446744073709551615)", true},
+        {"ZShutdownMsg", R"("delaySeconds":-1)", "delaySeconds", false},
+        {"StorageDevicesMsg", R"("devices":["a",1])", "devices", false},
+        {"ZMessageArray", R"("messages":[{"className":"ZNode"}])", "className", false},
+        {"ZMessageArray", R"("messages":[{"className":"BatteryMsg","present":3}])", "present", false},
+        {"NoSuchMsg", "\"a\":1", "className", false}};
+    for (const auto& [name, members, expected, good] : cases) {
+        ZJSONCommStream stream;
+        ASSERT_TRUE(stream.LoadText(R"({"className":")" + std::string(name) + "\"," + members + "}"));
+        const auto message = ZMessage::CreateFrom(stream);
+        ASSERT_EQ(message != nullptr, good) << members;
+        EXPECT_THAT(good ? Saved(*message) : stream.ErrorKey(), HasSubstr(expected)) << stream.Error();
+    }
+}
+
+TEST(Message, TakesWholeDocumentsOnlyAndTheLaterOfSeveral) {
+    ZJSONCommStream stream;
+    InstallProgressMsg message;
+    message.m_Header = "kept";
+    ASSERT_TRUE(message.Load(
+        std::string_view(R"( {"percent":1,"percent":2,"unknown":[{}]} {} {"done":true,"percent":3} )"), stream));
+    EXPECT_THAT(Saved(message), HasSubstr(R"("header":"kept","message":"","percent":3,"error":false,"done":true)"));
+    const std::string deep = "{\"a\":" + std::string(100'000, '[');
+    for (const std::string text : {"", " ", "nonsense", "[]", R"({"percent":1)", R"({"percent":1}{"done":t)",
+                                   R"({"percent":1}})", "{\"header\":\"\xff\"}", deep.c_str()}) {
+        EXPECT_FALSE(message.Load(std::string_view(text), stream) || stream.Error().empty()) << text;
+        EXPECT_EQ(stream.Text(), "{}");
+    }
+}
+
+TEST(Environment, ReplacesVariablesInPaths) {
+    ::setenv("A_TEST", "/process", 1);
+    ::setenv("B_TEST", "/b", 1);
+    ZEnvironment environment;
+    environment.Set("A_TEST", "/own");
+    for (const std::string text :
+         {"$A_TEST/x=/own/x", "${B_TEST}x=/bx", "/a$$b=/a$b", "$B_TESTx=", "/$=", "/${A_TEST=", "${}="}) {
+        const std::size_t split = text.find('=');
+        std::filesystem::path out = "old";
+        EXPECT_EQ(environment.ResolveEnvVarsInPath(text.substr(0, split), out), !text.ends_with('=')) << text;
+        EXPECT_EQ(out, text.substr(split + 1));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+
+#include "TestSupport.h"
+#include "ZShared/ZFileDescriptor.h"
+
+/// One run of the real arbord, with a service manager's notification socket. Ended, at the latest, with the object.
+class ArbordProcess {
+public:
+    explicit ArbordProcess(std::vector<std::string> arguments);
+    ~ArbordProcess();
+
+    void Signal(int signal) const;
+    /// Waits for the end; the exit status as a shell shows it, or nothing when it did not end.
+    std::optional<int> WaitForExit();
+    bool WaitForOutput(const std::string& text) const;
+    /// Waits for a notification that ends with `text`, after those that were waited for before.
+    bool WaitForNotification(const std::string& text) const;
+    /// All it has said on standard output and standard error.
+    std::string Output() const { return ReadText(m_folder / "output"); }
+
+private:
+    TemporaryFolder m_folder;
+    ZFileDescriptor m_notifications;
+    pid_t m_id = -1;
+    std::optional<int> m_exit;
+};

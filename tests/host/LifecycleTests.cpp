@@ -1,0 +1,95 @@
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <future>
+
+#include "ArbordProcess.h"
+#include "Heartbeat.h"
+#include "NodeBase/ZGraph.h"
+
+using testing::HasSubstr;
+
+TEST(Arbord, TellsTheServiceManagerAndEndsOnSigterm) {
+    const TemporaryFolder folder;
+    const auto graph = folder.Write("graph.json", R"({ "core": { "updatesFolder": "$ARBOR_TEST/updates" },
+        "log": { "file": "$ARBOR_TEST/logs/arbord.log" },
+        "libraries": [ "libNodeStorage.so", "libNodeDeviceProps.so" ],
+        "nodes": [ { "name": "Storage", "class": "ZNodeStorage" }, { "name": "Props", "class": "ZNodeDeviceProps" } ] })");
+    ::setenv("WATCHDOG_USEC", "100000", 1);
+    ArbordProcess arbord({"--graph", graph.string()});
+    ::unsetenv("WATCHDOG_USEC");
+    ASSERT_TRUE(arbord.WaitForNotification("READY=1\nSTATUS=2 nodes run")) << arbord.Output();
+    for (int sign = 0; sign < 3; ++sign) {
+        EXPECT_TRUE(arbord.WaitForNotification("WATCHDOG=1"));
+    }
+    arbord.Signal(SIGTERM);
+    EXPECT_TRUE(arbord.WaitForNotification("STOPPING=1\nSTATUS=Stopping"));
+    EXPECT_EQ(arbord.WaitForExit(), 0) << arbord.Output();
+    for (const char* line : {"Graph is running\n", "Terminated: the graph is asked to stop\n", "Graph was stopped\n"}) {
+        EXPECT_THAT(arbord.Output(), HasSubstr(line));
+    }
+}
+
+TEST(Arbord, WaitsForARefusingNodeUntilItIsTold) {
+    const struct {
+        std::string config;
+        std::string grace;
+        // What is waited for on its output, each followed by a signal.
+        std::vector<const char*> signalAfter;
+        int exit;
+        const char* last;
+    } cases[] = {
+        {R"("refuseToStop": true)", "1", {"Graph is running"}, 0, "without every node's agreement"},
+        {R"("refuseToStop": true)", "600", {"Graph is running", "Waiting for Unruly"}, 0, "the graph stops at once"},
+        {R"("hangAtEnd": true)", "600", {"is running", "asked to stop", "stops at once"}, 128 + SIGINT, "at once"},
+        {R"("askForEnd": true)", "600", {}, 0, "Graph was stopped\n"},
+        {R"("askForEnd": true, "restart": true)", "600", {}, 75, "The graph is asked to restart in 0 s\n"},
+        {R"("askForEnd": true, "refuseToStop": true, "unconditional": true)", "600", {}, 0, "whatever its nodes do"},
+        {R"("failAtStart": true)", "600", {}, 1, "could not be started: Node \"Unruly\" failed when the graph was"},
+    };
+    for (const auto& [config, grace, signalAfter, exit, last] : cases) {
+        SCOPED_TRACE(config);
+        const TemporaryFolder folder;
+        const auto graph = folder.Write("graph.json", R"({ "core": { "shutdownGraceSeconds": )" + grace + R"( },
+            "libraries": [ "libHostTestNodes.so" ],
+            "nodes": [ { "name": "Unruly", "class": "ZNodeUnruly", "config": {)" +
+                                                          config + "} } ] }");
+        ArbordProcess arbord({"--graph", graph.string()});
+        for (const char* text : signalAfter) {
+            ASSERT_TRUE(arbord.WaitForOutput(text)) << arbord.Output();
+            arbord.Signal(SIGINT);
+        }
+        EXPECT_EQ(arbord.WaitForExit(), exit) << arbord.Output();
+        EXPECT_THAT(arbord.Output(), HasSubstr(last));
+    }
+}
+
+TEST(Arbord, AnswersACommandLineWithoutAGraph) {
+    const struct {
+        std::vector<std::string> arguments;
+        int exit;
+        const char* output;
+    } cases[] = {
+        {{"--version"}, 0, "arbord 3."}, {{}, 2, "--graph is required"}, {{"--graph", "x", "--typo"}, 2, "--typo"}};
+    for (const auto& [arguments, exit, output] : cases) {
+        ArbordProcess arbord(arguments);
+        EXPECT_EQ(arbord.WaitForExit(), exit) << arbord.Output();
+        EXPECT_THAT(arbord.Output(), HasSubstr(output));
+    }
+}
+
+TEST(Heartbeat, NamesTheNodeWhoseHandlerDoesNotReturn) {
+    ZGraph graph(ZMakeShared<ZCoreConfigParams>());
+    std::string error;
+    ASSERT_TRUE(graph.AddNode("ProbeNode", "idle", nullptr, error) &&
+                graph.AddNode("ProbeNode", "busy", nullptr, error));
+    Heartbeat heartbeat({graph.Node("idle"), graph.Node("busy")}, std::chrono::seconds(1));
+    EXPECT_TRUE(heartbeat.SilentNode().empty());
+
+    std::promise<void> release;
+    const auto released = release.get_future().share();
+    graph.Node("busy")->CallOnMessageThread([released] { released.wait(); }, ZMailbox::Clock::now());
+    EXPECT_TRUE(WaitUntil([&] { return heartbeat.SilentNode() == "busy"; }));
+    release.set_value();
+    EXPECT_TRUE(WaitUntil([&] { return heartbeat.SilentNode().empty(); })) << "it works again";
+}

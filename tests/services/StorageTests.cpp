@@ -1,0 +1,176 @@
+#include <gmock/gmock.h>
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <fstream>
+#include <set>
+
+#include "NodeBase/ZGraph.h"
+#include "TestSupport.h"
+#include "ZNodeStorage.h"
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+TEST(DriveRules, TakeMountsByWhereTheyAre) {
+    const struct {
+        const char* mount;
+        bool counts;
+    } cases[] = {
+        {"/media", false},         {"/media/usb", true},       {"/run/media/user/stick", true},
+        {"/mediaplayer/a", false}, {"/mnt/elsewhere", false},  {"/mnt/fixed", true},
+        {"/media/own", false},     {"/media/own/part", false}, {"/media/owner", true},
+    };
+    const DriveRules rules{{"/media", "/run/media"}, {"/mnt/fixed", "/nowhere"}, {"/media/own"}};
+    for (const auto& [mount, counts] : cases) {
+        EXPECT_EQ(FindDrives(rules, {{.source = "/dev/sda1", .root = "/", .target = mount}}).size(), counts ? 1U : 0U)
+            << mount;
+    }
+}
+
+/// A graph with the storage node and a probe that listens to it.
+class Storage : public testing::Test {
+protected:
+    bool Start(const std::shared_ptr<ZNodeStorageCfg>& record) {
+        core->m_Files.m_UpdatesFolder = ToZString((folder / "state/updates").string());
+        graph = std::make_unique<ZGraph>(core);
+        std::string error;
+        EXPECT_TRUE(graph->AddNode("ProbeNode", "probe", nullptr, error)) << error;
+        probe = cast_shared<ProbeNode>(graph->Node("probe"));
+        probe->Listen(ZEndpointType::GraphService, "storagedeviceupdate");
+        probe->Listen(ZEndpointType::GraphService, "newFile");
+        return graph->AddNode("ZNodeStorage", "storage", record, error) && graph->Start(error);
+    }
+
+    std::vector<std::string> Devices() const {
+        const auto answer = cast_shared<StorageDevicesMsg>(
+            probe->Ask(ZEndpointType::GraphService, "getdevices", ZMakeShared<ZGenericRequestMsg>()));
+        EXPECT_TRUE(answer);
+        return {answer->m_Devices.begin(), answer->m_Devices.end()};
+    }
+
+    /// Everything told so far: "+path" and "-path" for drives, "file name" for files.
+    std::vector<std::string> Told() const {
+        std::vector<std::string> told;
+        for (const auto& message : probe->Received()) {
+            if (const auto file = cast_shared<FolderUpdateMsg>(message)) {
+                told.push_back("file " + ToStdString(file->m_FileName));
+                EXPECT_EQ(file->m_Folder, core->m_Files.m_UpdatesFolder);
+            } else if (const auto drives = cast_shared<StorageDevicesMsg>(message)) {
+                const auto tell = [&](char sign) {
+                    return [&, sign](auto& path) { told.push_back(sign + ToStdString(path)); };
+                };
+                std::ranges::for_each(drives->m_RemovedDevices, tell('-'));
+                std::ranges::for_each(drives->m_AddedDevices, tell('+'));
+            }
+        }
+        return told;
+    }
+
+    bool WaitTold(const std::string& what, long count = 1) const {
+        return WaitUntil([&] { return std::ranges::count(Told(), what) >= count; });
+    }
+
+    TemporaryFolder folder;
+    std::shared_ptr<ZCoreConfigParams> core = ZMakeShared<ZCoreConfigParams>();
+    std::shared_ptr<ProbeNode> probe;
+    std::unique_ptr<ZGraph> graph;
+};
+
+TEST_F(Storage, TellsOfConfiguredDirectoriesThatComeGoAndAreReplaced) {
+    folder.Write("one/a.pkg", "");
+    folder.Write("two/a.pkg", "");
+    const fs::path root = folder / "ports/usb/stick";
+    const std::string came = '+' + root.string();
+    const std::string left = '-' + root.string();
+    auto record = ZMakeShared<ZNodeStorageCfg>("storage");
+    record->m_Roots.push_back(ToZString(root.string()));
+    ASSERT_TRUE(Start(record));
+    EXPECT_THAT(Devices(), IsEmpty());
+
+    fs::create_directories(root.parent_path());
+    fs::rename(folder / "one", root);
+    ASSERT_TRUE(WaitTold(came));
+    EXPECT_THAT(Devices(), ElementsAre(root.string()));
+
+    fs::rename(root, folder / "one");
+    fs::rename(folder / "two", root);
+    ASSERT_TRUE(WaitTold(left));
+    ASSERT_TRUE(WaitTold(came, 2)) << testing::PrintToString(Told());
+
+    fs::remove(root / "a.pkg");
+    ASSERT_TRUE(WaitTold(left, 2)) << "an empty directory is no drive";
+    folder.Write("ports/usb/stick/b.pkg", "");
+    ASSERT_TRUE(WaitTold(came, 3));
+    fs::remove_all(folder / "ports");
+    ASSERT_TRUE(WaitTold(left, 3));
+}
+
+TEST_F(Storage, TellsOfMountsAsTheKernelDoes) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "this process may not mount anything";
+    }
+    const auto mount = [](const fs::path& place) {
+        fs::create_directories(place);
+        return ::mount("arbor-test", place.c_str(), "tmpfs", 0, "size=64k") == 0;
+    };
+    const fs::path stick = folder / "media/user/a stick";
+    const fs::path own = folder / "media/own";
+    auto record = ZMakeShared<ZNodeStorageCfg>("storage");
+    record->m_RemovableRoots = {ToZString((folder / "media/").string())};
+    record->m_ExcludedRoots = {ToZString(own.string())};
+    if (!mount(folder / "media/before")) {
+        GTEST_SKIP() << "this process may not mount a tmpfs";
+    }
+    ASSERT_TRUE(Start(record));
+    EXPECT_THAT(Devices(), ElementsAre((folder / "media/before").string()));
+
+    ASSERT_TRUE(mount(own) && mount(stick));
+    ASSERT_TRUE(WaitTold('+' + stick.string()));
+    // Pulled and put back at once: the kernel gives the new mount the old one's place, number and device.
+    ASSERT_TRUE(::umount(stick.c_str()) == 0 && mount(stick));
+    ASSERT_TRUE(WaitTold('-' + stick.string()));
+    ASSERT_TRUE(WaitTold('+' + stick.string(), 2));
+    ASSERT_EQ(::umount((folder / "media/before").c_str()), 0);
+    ASSERT_TRUE(WaitTold('-' + (folder / "media/before").string()));
+    EXPECT_THAT(Devices(), ElementsAre(stick.string()));
+    EXPECT_EQ(std::ranges::count(Told(), '+' + own.string()), 0);
+    EXPECT_TRUE(::umount(own.c_str()) == 0 && ::umount(stick.c_str()) == 0);
+}
+
+TEST_F(Storage, TellsOfCompleteFilesInTheUpdatesFolder) {
+    ASSERT_TRUE(Start(nullptr));
+    const fs::path updates = folder / "state/updates";
+    ASSERT_TRUE(WaitUntil([&] { return fs::is_directory(updates); }));
+
+    std::ofstream writing(updates / "slow.pkg");
+    writing << "first half" << std::flush;
+    std::ofstream(updates / ".hidden") << "in progress";
+    fs::create_directory(folder / "directory");
+    fs::rename(folder / "directory", updates / "directory");
+    fs::rename(folder.Write("moved.pkg", ""), updates / "moved.pkg");
+    ASSERT_TRUE(WaitTold("file moved.pkg"));
+    EXPECT_EQ(std::ranges::count(Told(), "file slow.pkg"), 0) << "it is still being written";
+    writing.close();
+    ASSERT_TRUE(WaitTold("file slow.pkg"));
+
+    folder.Write("new/updates/again.pkg", "");
+    fs::remove_all(folder / "state");
+    fs::rename(folder / "new", folder / "state");
+    ASSERT_TRUE(WaitTold("file again.pkg")) << "the folder was made anew";
+    std::ofstream(updates / "later.pkg") << "x";
+    ASSERT_TRUE(WaitTold("file later.pkg"));
+    const auto told = Told();
+    EXPECT_THAT((std::set<std::string>(told.begin(), told.end())),
+                UnorderedElementsAre("file moved.pkg", "file slow.pkg", "file again.pkg", "file later.pkg"));
+}
+
+TEST_F(Storage, RefusesARelativePathAndNamesTheKey) {
+    auto record = ZMakeShared<ZNodeStorageCfg>("storage");
+    record->m_ExcludedRoots.emplace_back("media/own");
+    const LogCapture log;
+    EXPECT_FALSE(Start(record));
+    EXPECT_TRUE(log.Has(4, R"("excludedRoots" holds "media/own", which is no absolute path)")) << log.All();
+}
