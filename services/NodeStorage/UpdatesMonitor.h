@@ -16,7 +16,7 @@ public:
     int Descriptor() const noexcept { return m_watch.Descriptor(); }
 
     /// The files that are complete since the last call, in that order. The first call, a folder that was replaced and
-    /// events that the kernel dropped make it name all files that are there.
+    /// events that the kernel dropped make it name all files that are there, so a file may be named more than once.
     std::vector<std::string> NewFiles();
 
 private:

@@ -56,7 +56,10 @@ class Journey(InstrumentCase):
 
     def test_single_files_are_found_in_the_updates_folder_and_by_scan(self) -> None:
         with gateway.Events() as events:
-            shutil.copy(stick_package("3.045"), paths.UPDATES)
+            # Under a hidden name first: the copy gets its mode only after its last byte.
+            arriving = paths.UPDATES / ".arriving"
+            shutil.copy(stick_package("3.045"), arriving)
+            arriving.rename(paths.UPDATES / stick_package("3.045").name)
             events.next("updateavailable", lambda message: outcomes(message)[1] == ["3.045"])
         for version, code in (("3.046", 0), ("3.047", 1)):
             scanned = arborctl("scan", str(stick_package(version)))

@@ -50,7 +50,7 @@ TEST_F(Platform, RunsCommandsToTheirEnd) {
     EXPECT_FALSE(ZPlatform::ExecuteCommand(std::string("echo \0 x", 8), output));
     EXPECT_EQ(output, "The command line holds a NUL character");
     EXPECT_TRUE(ZPlatform::ExecuteCommand("head -c 3000000 /dev/zero | tr '\\0' x", output));
-    EXPECT_EQ(output, std::string(1024 * 1024, 'x'));
+    EXPECT_EQ(output, std::string(1U << 20, 'x'));
     EXPECT_THAT(m_log.All(), HasSubstr("Output beyond 1 MiB was dropped: 1951424 bytes of head"));
 }
 

@@ -144,6 +144,7 @@ TEST(Message, ReadsAValueOrNamesTheKeyThatItIsWrongFor) {
         {"StorageDevicesMsg", R"("devices":["a",1])", "devices", false},
         {"ZMessageArray", R"("messages":[{"className":"ZNode"}])", "className", false},
         {"ZMessageArray", R"("messages":[{"className":"BatteryMsg","present":3}])", "present", false},
+        {"ZSystemManifestMsg", R"("components":[{"className":"BatteryMsg"}])", "components", false},
         {"NoSuchMsg", "\"a\":1", "className", false}};
     for (const auto& [name, members, expected, good] : cases) {
         ZJSONCommStream stream;

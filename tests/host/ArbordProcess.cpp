@@ -6,8 +6,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-#include <csignal>
-
 ArbordProcess::ArbordProcess(std::vector<std::string> arguments)
     : m_notifications(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     const std::string address = m_folder / "notify";
@@ -20,6 +18,7 @@ ArbordProcess::ArbordProcess(std::vector<std::string> arguments)
     ::setenv("ARBOR_TEST", m_folder.Path().c_str(), 1);
     arguments.insert(arguments.begin(), ARBORD);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         pointers.push_back(argument.data());
     }
@@ -41,10 +40,6 @@ ArbordProcess::~ArbordProcess() {
         Signal(SIGKILL);
         ::waitpid(m_id, nullptr, 0);
     }
-}
-
-void ArbordProcess::Signal(int signal) const {
-    ::kill(m_id, signal);
 }
 
 std::optional<int> ArbordProcess::WaitForExit() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <csignal>
 #include <optional>
 
 #include "TestSupport.h"
@@ -11,7 +12,7 @@ public:
     explicit ArbordProcess(std::vector<std::string> arguments);
     ~ArbordProcess();
 
-    void Signal(int signal) const;
+    void Signal(int signal) const { ::kill(m_id, signal); }
     /// Waits for the end; the exit status as a shell shows it, or nothing when it did not end.
     std::optional<int> WaitForExit();
     bool WaitForOutput(const std::string& text) const;

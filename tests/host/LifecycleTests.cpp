@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <csignal>
 #include <future>
 
 #include "ArbordProcess.h"
@@ -50,13 +49,12 @@ TEST(Arbord, WaitsForARefusingNodeUntilItIsTold) {
     for (const auto& [config, grace, signalAfter, exit, last] : cases) {
         SCOPED_TRACE(config);
         const TemporaryFolder folder;
-        const auto graph = folder.Write("graph.json", R"({ "core": { "shutdownGraceSeconds": )" + grace + R"( },
-            "libraries": [ "libHostTestNodes.so" ],
-            "nodes": [ { "name": "Unruly", "class": "ZNodeUnruly", "config": {)" +
-                                                          config + "} } ] }");
+        std::string text = R"({ "libraries": [ "libHostTestNodes.so" ], "core": { "shutdownGraceSeconds": )";
+        text.append(grace).append(R"( }, "nodes": [ { "name": "Unruly", "class": "ZNodeUnruly", "config": {)");
+        const auto graph = folder.Write("graph.json", text.append(config).append("} } ] }"));
         ArbordProcess arbord({"--graph", graph.string()});
-        for (const char* text : signalAfter) {
-            ASSERT_TRUE(arbord.WaitForOutput(text)) << arbord.Output();
+        for (const char* said : signalAfter) {
+            ASSERT_TRUE(arbord.WaitForOutput(said)) << arbord.Output();
             arbord.Signal(SIGINT);
         }
         EXPECT_EQ(arbord.WaitForExit(), exit) << arbord.Output();

@@ -143,7 +143,8 @@ TEST_F(Storage, TellsOfMountsAsTheKernelDoes) {
 TEST_F(Storage, TellsOfCompleteFilesInTheUpdatesFolder) {
     ASSERT_TRUE(Start(nullptr));
     const fs::path updates = folder / "state/updates";
-    ASSERT_TRUE(WaitUntil([&] { return fs::is_directory(updates); }));
+    fs::rename(folder.Write("first.pkg", ""), updates / "first.pkg");
+    ASSERT_TRUE(WaitTold("file first.pkg"));
 
     std::ofstream writing(updates / "slow.pkg");
     writing << "first half" << std::flush;
@@ -163,8 +164,9 @@ TEST_F(Storage, TellsOfCompleteFilesInTheUpdatesFolder) {
     std::ofstream(updates / "later.pkg") << "x";
     ASSERT_TRUE(WaitTold("file later.pkg"));
     const auto told = Told();
-    EXPECT_THAT((std::set<std::string>(told.begin(), told.end())),
-                UnorderedElementsAre("file moved.pkg", "file slow.pkg", "file again.pkg", "file later.pkg"));
+    EXPECT_THAT(
+        (std::set<std::string>(told.begin(), told.end())),
+        UnorderedElementsAre("file first.pkg", "file moved.pkg", "file slow.pkg", "file again.pkg", "file later.pkg"));
 }
 
 TEST_F(Storage, RefusesARelativePathAndNamesTheKey) {
