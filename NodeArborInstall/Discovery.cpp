@@ -27,17 +27,10 @@ bool ZNodeArborInstall::OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& m
 
 bool ZNodeArborInstall::OnFindUpdates(std::shared_ptr<ZMessage>& request) {
     const auto answer = Z_MAKE(ZMessageArray);
-    PackageTable packages;
-    {
-        const std::lock_guard lock(m_tablesMutex);
-        packages = m_packages;
-    }
+    const PackageTable packages = KnownPackages();
     for (const auto& [version, path] : packages) {
-        const auto record = Z_MAKE(ZVersionInfoMsg);
-        record->m_Version = version.m_text;
-        record->m_VersionType = "System";
         Z_LOG(2, "Notify Software update version %s: %s", version.Get(), path.c_str());
-        answer->Add(record);
+        answer->Add(MakeUpdateRecord(version));
     }
     if (packages.empty()) {
         Z_LOG(2, "No software packages found");

@@ -171,18 +171,22 @@ void ZNodeArborInstall::AddInvalidPackage(std::shared_ptr<ZMessageArray>& result
     results->Add(record);
 }
 
+ZNodeArborInstall::PackageTable ZNodeArborInstall::KnownPackages() const {
+    const std::lock_guard lock(m_tablesMutex);
+    return m_packages;
+}
+
+std::shared_ptr<ZVersionInfoMsg> ZNodeArborInstall::MakeUpdateRecord(const ZSoftwareVersion& version) {
+    auto record = Z_MAKE(ZVersionInfoMsg);
+    record->m_Version = version.m_text;
+    record->m_VersionType = "System";
+    return record;
+}
+
 void ZNodeArborInstall::CheckAvailableUpdates(std::shared_ptr<ZMessageArray>& results, bool publishAlways) {
-    PackageTable packages;
-    {
-        const std::lock_guard lock(m_tablesMutex);
-        packages = m_packages;
-    }
-    for (const auto& [version, path] : packages) {
-        const auto record = Z_MAKE(ZVersionInfoMsg);
-        record->m_Version = version.m_text;
-        record->m_VersionType = "System";
+    for (const auto& [version, path] : KnownPackages()) {
         Z_LOG(2, "Notify Software version %s is available for update", version.Get());
-        results->Add(record);
+        results->Add(MakeUpdateRecord(version));
     }
     if (results->m_Messages.empty() && !publishAlways) {
         return;

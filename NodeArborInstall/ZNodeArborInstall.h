@@ -124,6 +124,8 @@ private:
     bool CheckDriveEntry(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
     bool VerifyPackageFile(const std::filesystem::path& file, const ZSoftwareVersion& version, std::string& output);
     bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
+    PackageTable KnownPackages() const;
+    static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
     void RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version);
 
     // System update.
