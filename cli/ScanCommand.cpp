@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <system_error>
 
@@ -62,11 +63,25 @@ std::string LastUpdate(const std::deque<ServerEvent>& replay) {
     return last;
 }
 
-/// The next announcement. After a broken connection the device repeats its newest one, which counts when it is another
-/// than the one that was known before the check.
-Result<json::value> AwaitAnnouncement(Session& session, std::unique_ptr<EventStream>& stream,
-                                      const std::string& known) {
+/// Whether the event is the device's log line about accepting `file`: the only thing that names an accepted file.
+bool TellsOfAcceptance(const ServerEvent& event, const std::string& file) {
+    if (event.name != "log") {
+        return false;
+    }
+    const auto line = fields::Parse(event.data);
+    return line && fields::Text(*line, "line").find(" - " + file + "> greater than or equal to") != std::string::npos;
+}
+
+/// The announcement that tells the outcome for `file`: one that rejects it, or the first after the device logged that
+/// it accepted it, since other files may be checked at the same time. A device whose log is silent is given the time
+/// there is; then its last announcement counts. After a broken connection the device repeats its newest announcement,
+/// which counts when it is another than the one that was `known` before the check.
+Result<json::value> AwaitAnnouncement(Session& session, std::unique_ptr<EventStream>& stream, const std::string& known,
+                                      const std::string& file) {
     const auto end = Clock::now() + session.settings.SilenceLimit();
+    const bool skipped = !WhySkipped(file).empty();
+    std::optional<json::value> last;
+    bool accepted = false;
     bool reconnected = false;
     while (Clock::now() < end) {
         const auto event = stream->Next(kInterruptPoll);
@@ -75,10 +90,17 @@ Result<json::value> AwaitAnnouncement(Session& session, std::unique_ptr<EventStr
         }
         if (event && event->name == kUpdateEvent && !(reconnected && event->data == known)) {
             auto announcement = fields::Parse(event->data);
-            return announcement ? announcement : Unreachable("the device's answer is " + announcement.error().text);
+            if (!announcement) {
+                return Unreachable("the device's answer is " + announcement.error().text);
+            }
+            if (accepted || skipped || RejectionOf(*announcement, file) != nullptr) {
+                return announcement;
+            }
+            last = *announcement;
         }
+        accepted = accepted || (event && TellsOfAcceptance(*event, file));
         if (!event && stream->Broken()) {
-            auto again = EventStream::Reopen(session.settings, LogLines::kWithout);
+            auto again = EventStream::Reopen(session.settings, LogLines::kWith);
             if (!again) {
                 return again.error();
             }
@@ -86,7 +108,7 @@ Result<json::value> AwaitAnnouncement(Session& session, std::unique_ptr<EventStr
             reconnected = true;
         }
     }
-    return Unreachable("the device did not tell the outcome in time");
+    return last ? Result<json::value>(*last) : Unreachable("the device did not tell the outcome in time");
 }
 
 std::string ListText(const Versions& versions) {
@@ -140,7 +162,7 @@ Result<ExitCode> ScanFile(Session& session, const std::string& file) {
     if (!before) {
         return before.error();
     }
-    auto stream = EventStream::Open(session.settings, LogLines::kWithout);
+    auto stream = EventStream::Open(session.settings, LogLines::kWith);
     if (!stream) {
         return stream.error();
     }
@@ -150,7 +172,7 @@ Result<ExitCode> ScanFile(Session& session, const std::string& file) {
     if (!sent) {
         return sent.error();
     }
-    const auto announcement = AwaitAnnouncement(session, *stream, known);
+    const auto announcement = AwaitAnnouncement(session, *stream, known, path.string());
     if (!announcement) {
         return announcement.error();
     }

@@ -123,7 +123,12 @@ TEST(Follow, AScanReportsTheOutcomeForItsFile) {
         const std::string file = device.Folder() + "/a.pkg";
         std::string records = R"({"messages": [{"version": "3.1", "versionType": ")";
         records.append(*item.rejected != 0 ? item.rejected : file).append(rejection).append(item.offered).append("]}");
-        device.Play({Event("updateavailable", "{}") + kLive, "newFile", Event("updateavailable", records)});
+        // Another file's announcement comes first; only the log tells that this one was accepted.
+        const std::string earlier = Event("updateavailable", R"({"messages": []})");
+        const std::string accepted = LogLine("x Package version <3.046 - " + file + "> greater than or equal to <3>");
+        device.Play({Event("updateavailable", "{}") + kLive, "newFile",
+                     (item.mode == 0755 ? earlier : "") + (item.status == 0 ? accepted : "") +
+                         Event("updateavailable", records)});
         std::ofstream(file) << "x";
         chmod(file.c_str(), item.mode);
         const auto program = device.Start("scan " + file);
