@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+
+#include "Scratch.h"
+#include "ZShared/ZFileDescriptor.h"
+
+/// One run of the arbord beside this program, with all nodes, an empty archive and a service manager's notification
+/// socket. Ended with the object.
+class ArbordRun {
+public:
+    /// Returns when it is ready. Throws when it can't be started or ends or says nothing instead.
+    ArbordRun();
+    ~ArbordRun();
+    ArbordRun(const ArbordRun&) = delete;
+    ArbordRun& operator=(const ArbordRun&) = delete;
+
+    pid_t Process() const { return m_process; }
+    /// From its start until it said that it is ready.
+    std::chrono::duration<double> StartTime() const { return m_startTime; }
+
+private:
+    void OpenNotifications();
+    void Spawn();
+    bool WaitForReady() const;
+    void End();
+
+    Scratch m_scratch;
+    ZFileDescriptor m_notifications;
+    ZFileDescriptor m_exit;
+    pid_t m_process = -1;
+    std::chrono::duration<double> m_startTime{};
+};
