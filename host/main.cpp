@@ -47,6 +47,8 @@ HostExit RunGraph(const Arguments& arguments) {
     // Outlives the records and the graph, which are of the libraries' classes.
     LibrarySet libraries;
     LoadLibraries(file, libraries, errors);
+    // Before the records are read: reading one may look a device's mount point up.
+    ZPlatform::Configure(file.platform);
     const auto records = errors.IsEmpty() ? MakeRecords(file, errors) : std::vector<std::shared_ptr<ZConfig>>();
     if (!errors.IsEmpty()) {
         return Report(errors);
@@ -60,7 +62,6 @@ HostExit RunGraph(const Arguments& arguments) {
         errors.Add(GraphPlace(), "log", "the log could not be opened: " + error);
         return Report(errors);
     }
-    ZPlatform::Configure(file.platform);
     const SignalWatch signals(file.logLevel);
     return Host(file, records, signals).Run();
 }
