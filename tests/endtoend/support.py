@@ -23,6 +23,9 @@ class InstrumentCase(unittest.TestCase):
         furnish.furnish(FIXTURES)
         self.process = host.start()
         self.addCleanup(self._end)
+        # A stick that comes during the start-up scan would be announced twice.
+        wait_until(lambda: "Scan drives Action complete" in (paths.LOGS / "arbord.log").read_text(errors="replace"),
+                   "the start-up scan is over")
 
     def run(self, result=None):
         before = len(result.errors) + len(result.failures)

@@ -47,7 +47,7 @@ class Journey(InstrumentCase):
         with gateway.Events() as events:
             for name, version in (("usb1", "3.045"), ("usb2", "3.046")):
                 sticks.attach([stick_package(version)], name)
-                self.assertIn(version, outcomes(events.next("updateavailable"))[1])
+                events.next("updateavailable", lambda message, wanted=version: wanted in outcomes(message)[1])
             sticks.detach("usb2")
             self.assertEqual(["3.045"], outcomes(events.next("updateavailable"))[1])
         refused = arborctl("install", "3.046", "--wait")
