@@ -152,7 +152,11 @@ void ZNodeArborInstall::ReadVersionDirectory(const fs::path& directory, const ZS
         Z_LOG(4, "Manifest file %s was not loaded", manifestFile.c_str());
     }
     const std::lock_guard lock(m_tablesMutex);
-    m_builds.emplace(version, package);
+    // Without its package the version is not a build yet: one can be made for a board that asks.
+    std::error_code error;
+    if (fs::exists(package, error)) {
+        m_builds.emplace(version, package);
+    }
     if (manifest) {
         m_manifests.emplace(version, manifest);
     }

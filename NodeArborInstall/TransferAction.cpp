@@ -1,9 +1,8 @@
-#include <openssl/evp.h>
-
 #include <fstream>
 #include <magic_enum/magic_enum.hpp>
 
 #include "ZNodeArborInstallActions.h"
+#include "ZShared/ZBase64.h"
 #include "ZShared/ZLog.h"
 
 namespace fs = std::filesystem;
@@ -15,14 +14,6 @@ namespace {
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
 constexpr std::size_t kChunkSize = 776700;  // a multiple of 3: only the last chunk's base64 text is padded
 constexpr std::int32_t kFileMode = 0755;
-
-ZString Base64(const std::vector<char>& data, std::size_t size) {
-    ZString text((size + 2) / 3 * 4 + 1, '\0');  // the encoder ends its text with a NUL
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                                       reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(size));
-    text.resize(static_cast<std::size_t>(length));
-    return text;
-}
 
 }  // namespace
 
@@ -118,7 +109,7 @@ void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
             break;
         }
         const auto write = Z_MAKE(ZFileWriteMsg);
-        write->m_Data = Base64(buffer, count);
+        write->m_Data = ZBase64::Encode({buffer.data(), count});
         const std::uint64_t percent = sent * 100 / total;  // before this chunk counts: 100 is never reported here
         if (percent > lastPercent) {
             Z_LOG(2, "Install File Transfer (%lu encoded %lu bytes) %lu%% (%lu of %lu) to %s", count,

@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
     g++ clang clang-format clang-tidy cmake ninja-build ccache pkg-config
     libboost1.81-dev libboost-json1.81-dev libspdlog-dev libfmt-dev libcpp-httplib-dev libcli11-dev
-    libmount-dev libudev-dev libsystemd-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev
+    libmount-dev libudev-dev libsystemd-dev libssl-dev libzmq3-dev cppzmq-dev libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl shellcheck curl util-linux mount procps ca-certificates git
 )
 # magic_enum 0.9 or newer; the distribution's release may lack it.

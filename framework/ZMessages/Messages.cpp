@@ -1,5 +1,7 @@
 #include "ZMessages/Messages.h"
 
+#include "ZMessages/PeerMessages.h"
+
 Z_IMPLEMENT(ZGenericRequestMsg)
 Z_IMPLEMENT(ZGenericResponseMsg)
 Z_IMPLEMENT(ZVersionInfoMsg)
@@ -29,3 +31,8 @@ Z_IMPLEMENT(ZBatteryInfoRequestMsg)
 Z_IMPLEMENT(ZAnchorPointToolsMetadata)
 Z_IMPLEMENT(ZNodeToolsMetadata)
 Z_IMPLEMENT(ZEdgeToolsMetadata)
+
+Z_IMPLEMENT(ZPeerMsg)
+Z_IMPLEMENT(ZPeersMsg)
+Z_IMPLEMENT(ZPairMsg)
+Z_IMPLEMENT(ZForwardMsg)

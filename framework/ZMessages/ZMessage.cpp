@@ -103,15 +103,19 @@ bool ZMessage::Load(std::string_view text, ZCommStream& stream) {
     return stream.LoadText(text) && Deserialize(stream);
 }
 
-std::shared_ptr<ZMessage> ZMessage::Load(const std::filesystem::path& file, ZCommStream& stream) {
+bool ZMessage::LoadDocument(const std::filesystem::path& file, ZCommStream& stream) {
     stream.Clear();
     std::string text;
     std::string error;
     if (!ReadFile(file, text, error)) {
         stream.SetError({}, file.string() + ": " + error);
-        return nullptr;
+        return false;
     }
-    return stream.LoadText(text) ? CreateFrom(stream) : nullptr;
+    return stream.LoadText(text);
+}
+
+std::shared_ptr<ZMessage> ZMessage::Load(const std::filesystem::path& file, ZCommStream& stream) {
+    return LoadDocument(file, stream) ? CreateFrom(stream) : nullptr;
 }
 
 std::shared_ptr<ZMessage> ZMessage::CreateFrom(ZCommStream& stream, std::string_view defaultClass) {

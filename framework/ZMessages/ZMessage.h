@@ -43,8 +43,11 @@ public:
     /// Copies the members of a message of the same class, deeply.
     virtual void CloneDataMembers(const ZMessage& from);
 
+    /// Loads a file's text into the stream. False, with stream.Error() set, when it can't be read, is larger than 16
+    /// MiB or is no document.
+    static bool LoadDocument(const std::filesystem::path& file, ZCommStream& stream);
     /// A new message of the class that the document names, read from it. Null, with stream.Error() set, when the file
-    /// can't be read (or is larger than 16 MiB), names no message class or holds a value of the wrong type.
+    /// can't be loaded, names no message class or holds a value of the wrong type.
     static std::shared_ptr<ZMessage> Load(const std::filesystem::path& file, ZCommStream& stream);
     /// As above, from a loaded stream; a document that names no class is of `defaultClass`.
     static std::shared_ptr<ZMessage> CreateFrom(ZCommStream& stream, std::string_view defaultClass = {});

@@ -15,7 +15,7 @@ TEST_F(Inventory, TellsTheInstalledSystemAndTheArchivedVersions) {
     folder.Write("mount/Archive/rubbish/file", "");
     folder.Write("mount/Archive/notes.txt", "kept");
     Start();
-    EXPECT_EQ(Tables().Builds().size(), 4u);
+    EXPECT_EQ(Tables().Builds().size(), 3u) << "3.060 has no package: one can still be built";
     EXPECT_EQ(Tables().Manifests().size(), 2u);
     EXPECT_FALSE(fs::exists(folder / "mount/Archive/rubbish"));
     EXPECT_TRUE(fs::exists(folder / "mount/Archive/notes.txt"));

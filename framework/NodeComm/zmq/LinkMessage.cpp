@@ -1,0 +1,144 @@
+#include "NodeComm/zmq/LinkMessage.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "ZMessages/ZJSONCommStream.h"
+
+Z_IMPLEMENT(ZLinkHeader)
+
+namespace {
+
+// A shorter text travels within the JSON.
+constexpr std::size_t kLongText = 16384;
+constexpr std::size_t kFramesBeforeTexts = 2;
+
+/// The key under which a document has the number of the long text that belongs to `key`.
+std::string NumberKey(std::string_view key) {
+    return std::string(key) + '@';
+}
+
+/// Writes long texts beside the document.
+class LinkWriter : public ZJSONCommStream {
+public:
+    void WriteString(std::string_view key, std::string_view value) override {
+        if (value.size() < kLongText) {
+            ZJSONCommStream::WriteString(key, value);
+            return;
+        }
+        WriteUInt(NumberKey(key), m_texts.size());
+        m_texts.push_back(value);
+    }
+    const std::vector<std::string_view>& Texts() const { return m_texts; }
+
+private:
+    std::vector<std::string_view> m_texts;
+};
+
+/// Reads them from there.
+class LinkReader : public ZJSONCommStream {
+public:
+    explicit LinkReader(LinkFrames frames) : m_frames(std::move(frames)) {
+        for (std::size_t first = kFramesBeforeTexts; first < m_frames.size();) {
+            const auto isLast = [](const zmq::message_t& frame) { return frame.size() < kLinkPiece; };
+            const auto from = m_frames.begin() + static_cast<std::ptrdiff_t>(first);
+            const auto last = std::find_if(from, m_frames.end(), isLast);
+            m_bWhole = m_bWhole && last != m_frames.end();
+            const auto end = last == m_frames.end() ? last : std::next(last);
+            m_texts.emplace_back(from, end);
+            first = static_cast<std::size_t>(end - m_frames.begin());
+        }
+    }
+    bool IsWhole() const { return m_bWhole; }
+
+    bool ReadString(std::string_view key, ZString& value) override {
+        std::uint64_t number = 0;
+        if (Has(key) || !ReadUInt(NumberKey(key), number, std::numeric_limits<std::uint64_t>::max())) {
+            return ZJSONCommStream::ReadString(key, value);
+        }
+        if (number >= m_texts.size()) {
+            SetError(key, "among the texts that came along");
+            return false;
+        }
+        const auto [from, end] = m_texts[number];
+        value.clear();
+        value.reserve(static_cast<std::size_t>(end - from) * kLinkPiece);
+        for (auto frame = from; frame != end; ++frame) {
+            value.append(frame->data<char>(), frame->size());
+        }
+        return true;
+    }
+
+private:
+    using Frame = LinkFrames::const_iterator;
+    LinkFrames m_frames;
+    std::vector<std::pair<Frame, Frame>> m_texts;
+    bool m_bWhole = true;
+};
+
+zmq::message_t Frame(const std::string& text) {
+    return {text.data(), text.size()};
+}
+
+/// Frames that show a text where it stands; `owner` keeps it there.
+void AddPieces(LinkFrames& frames, std::string_view text, const std::shared_ptr<ZMessage>& owner) {
+    using Owner = std::shared_ptr<ZMessage>;
+    const auto release = [](void*, void* hint) { delete static_cast<Owner*>(hint); };
+    while (text.size() >= kLinkPiece) {
+        // The library takes plain pointers, and only reads.
+        frames.emplace_back(const_cast<char*>(text.data()), kLinkPiece, release, new Owner(owner));
+        text.remove_prefix(kLinkPiece);
+    }
+    frames.emplace_back(const_cast<char*>(text.data()), text.size(), release, new Owner(owner));
+}
+
+std::optional<LinkMessage> Fail(std::string& error, const std::string& reason) {
+    error = reason;
+    return std::nullopt;
+}
+
+}  // namespace
+
+LinkFrames EncodeLinkMessage(const LinkMessage& message) {
+    LinkFrames frames;
+    ZJSONCommStream headerStream;
+    message.header->Serialize(headerStream);
+    frames.push_back(Frame(headerStream.Text()));
+    if (message.message) {
+        LinkWriter stream;
+        message.message->SerializeMessage(stream);
+        frames.push_back(Frame(stream.Text()));
+        for (const std::string_view text : stream.Texts()) {
+            AddPieces(frames, text, message.message);
+        }
+    }
+    return frames;
+}
+
+std::optional<LinkMessage> DecodeLinkMessage(LinkFrames frames, std::string& error) {
+    if (frames.empty() || LinkSize(frames) > kLongestLinkMessage) {
+        return Fail(error, frames.empty() ? "it is empty" : "it is too long");
+    }
+    LinkMessage result{Z_MAKE(ZLinkHeader), nullptr};
+    ZJSONCommStream headerStream;
+    if (!result.header->Load(frames.front().to_string_view(), headerStream)) {
+        return Fail(error, "its header: " + headerStream.Error());
+    }
+    if (frames.size() == 1) {
+        return result;
+    }
+    const zmq::message_t document = std::move(frames[1]);
+    LinkReader stream(std::move(frames));
+    if (!stream.IsWhole()) {
+        return Fail(error, "a long text has no end");
+    }
+    if (stream.LoadText(document.to_string_view())) {
+        result.message = ZMessage::CreateFrom(stream);
+    }
+    return result.message ? std::optional(std::move(result)) : Fail(error, stream.Error());
+}
+
+std::size_t LinkSize(const LinkFrames& frames) {
+    return std::accumulate(frames.begin(), frames.end(), std::size_t{0},
+                           [](std::size_t sum, const zmq::message_t& frame) { return sum + frame.size(); });
+}

@@ -1,0 +1,274 @@
+#include "ZNodePeer.h"
+
+#include <magic_enum/magic_enum.hpp>
+
+#include <algorithm>
+#include <regex>
+
+#include "NodeComm/zmq/LinkKeys.h"
+#include "PinFile.h"
+#include "ZShared/ZLog.h"
+
+Z_IMPLEMENT(ZNodePeerCfg)
+Z_IMPLEMENT(ZNodePeer)
+
+namespace {
+
+constexpr const char* kLogSource = "NodePeer/ZNodePeer";
+using ErrorCodes = ZFrameworkErrorCodes;
+
+std::string NameOf(const ZPeerMsg& peer) {
+    return std::string(magic_enum::enum_name(peer.m_DeviceModel)) + '-' + ToStdString(peer.m_SerialNumber);
+}
+
+}  // namespace
+
+ZNodePeer::ZNodePeer(const ZString& name) : ZNode(name) {
+    m_logName = ClassName();
+}
+
+ZNodePeer::~ZNodePeer() {
+    OnShutdown();
+}
+
+bool ZNodePeer::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
+    const auto record = cast_shared<ZNodePeerCfg>(config);
+    if (!record) {
+        Z_LOG(4, "The record of %s is %s, not a ZNodePeerCfg", Name().c_str(),
+              config ? config->ClassName() : "missing");
+        return false;
+    }
+    if (const auto core = cast_shared<ZCoreConfigParams>(message)) {
+        m_answerTimeout = std::chrono::seconds(core->m_RequestTimeoutSeconds);
+    }
+    return ReadRecord(*record);
+}
+
+bool ZNodePeer::ReadRecord(const ZNodePeerCfg& record) {
+    const auto refuse = [this](const char* key, const std::string& reason) {
+        Z_LOG(4, "Setting \"%s\" of %s: %s", key, Name().c_str(), reason.c_str());
+        return false;
+    };
+    const ZString keyFile = record.KeyFile();
+    m_pinsFile = ToStdString(record.PinsFile());
+    if (!keyFile.starts_with('/') || !m_pinsFile.starts_with('/')) {
+        return refuse(keyFile.starts_with('/') ? "pinsFile" : "keyFile", "it is no absolute path");
+    }
+    m_settings.listenAddress = ToStdString(record.m_Listen);
+    if (!record.m_Listen.empty() && !ZNodeCommZmq::IsAddress(m_settings.listenAddress)) {
+        return refuse("listen", "it is no address such as tcp://*:5700");
+    }
+    static const std::regex place("[1236]:[^ ]+");
+    for (const ZString& name : record.m_Exports) {
+        if (!std::regex_match(name.c_str(), place)) {
+            return refuse("exports", "\"" + ToStdString(name) + "\" is no type and keyword, as \"2:upload\"");
+        }
+        m_settings.exports.insert(ToStdString(name));
+    }
+    m_settings.heartbeat = std::chrono::milliseconds(record.m_HeartbeatMilliseconds);
+    if (record.m_HeartbeatMilliseconds < 100 || record.m_HeartbeatMilliseconds > 60'000) {
+        return refuse("heartbeatMilliseconds", "it is not from 100 to 60000");
+    }
+    std::string error;
+    const auto keys = LoadOrMakeLinkKeys(std::filesystem::path(keyFile), error);
+    if (!keys) {
+        return refuse("keyFile", error);
+    }
+    m_settings.publicKey = keys->publicKey;
+    m_settings.secretKey = keys->secretKey;
+    const auto pins = LoadPins(m_pinsFile, error);
+    if (!pins) {
+        return refuse("pinsFile", error);
+    }
+    m_peers.SetPins(*pins);
+    return true;
+}
+
+bool ZNodePeer::InitMessageMap() {
+    const auto subscribe = [this](const char* keyword, auto handler) {
+        return Subscribe(GetEndpoint(ZEndpointType::GraphService, keyword, 0),
+                         [this, handler](std::shared_ptr<ZMessage>& message) { return (this->*handler)(message); });
+    };
+    return subscribe("forward", &ZNodePeer::OnForward) && subscribe("peers", &ZNodePeer::OnPeers) &&
+           subscribe("pair", &ZNodePeer::OnPair);
+}
+
+template <typename Answer>
+std::shared_ptr<Answer> ZNodePeer::Ask(ZEndpointType type, const char* keyword) {
+    std::shared_ptr<ZMessage> answer;
+    Publish(GetEndpoint(type, keyword, 0), Z_MAKE(ZGenericRequestMsg), &answer);
+    auto wanted = cast_shared<Answer>(answer);
+    if (!wanted) {
+        Z_LOG(3, "\"%s\" gave no answer: other devices are told less about this one", keyword);
+    }
+    return wanted;
+}
+
+std::shared_ptr<ZPeerMsg> ZNodePeer::Introduction() {
+    const auto self = Z_MAKE(ZPeerMsg);
+    self->m_PublicKey = ToZString(m_settings.publicKey);
+    if (const auto properties = Ask<ZDevicePropertiesMsg>(ZEndpointType::GraphService, "deviceProps")) {
+        self->m_DeviceType = properties->m_DeviceType;
+        self->m_DeviceModel = properties->m_DeviceModel;
+        self->m_SerialNumber = properties->m_SerialNumber;
+        self->m_Board = properties->m_Board;
+    }
+    if (const auto version = Ask<ZVersionInfoMsg>(ZEndpointType::ClientRequest, "getinstalledversioninfo")) {
+        self->m_Version = version->m_Version;
+    }
+    return self;
+}
+
+bool ZNodePeer::OnGraphCreated() {
+    m_self = Introduction();
+    m_settings.introduction = m_self;
+    m_link = Z_MAKE(ZNodeCommZmq);
+    std::string error;
+    if (!m_link || !m_link->Start(m_settings, Comm(), *this, error)) {
+        Z_LOG(4, "The link could not be opened: %s", error.c_str());
+        return false;
+    }
+    m_link->SetPins(m_peers.Pins());
+    Z_LOG(2, "The link is open; this device's key is %s", m_settings.publicKey.c_str());
+    return true;
+}
+
+void ZNodePeer::OnShutdown() {
+    if (m_link) {
+        m_link->Close();
+    }
+}
+
+bool ZNodePeer::OnForward(std::shared_ptr<ZMessage>& message) {
+    const auto order = cast_shared<ZForwardMsg>(message);
+    if (!order || !order->m_pMessage) {
+        Z_LOG(3, "A %s can't be forwarded", message->ClassName());
+        return false;
+    }
+    const ZResponseSource source(*order->m_pMessage);
+    const auto respond = [source](const std::shared_ptr<ZMessage>& answer) {
+        if (const auto comm = source.Comm()) {
+            comm->Respond(source, answer);
+        }
+    };
+    const std::string key = m_peers.Find(order->m_DeviceModel, order->m_SerialNumber);
+    if (key.empty() || !m_link) {
+        const auto refusal = Z_MAKE(ZGenericResponseMsg);
+        refusal->m_bSuccess = false;
+        refusal->m_ErrorCode = ErrorCodes::ERRCODE_DEVICE_NOT_CONNECTED;
+        refusal->m_ErrorText = ToZString("Device " + std::string(magic_enum::enum_name(order->m_DeviceModel)) + '-' +
+                                         ToStdString(order->m_SerialNumber) + " is not connected");
+        Z_LOG(3, "%s: a %s can't be forwarded", refusal->m_ErrorText.c_str(), order->m_pMessage->ClassName());
+        respond(refusal);
+        return true;
+    }
+    const ZCommEndpoint endpoint({}, ZEndpointType::DeviceRequest, order->m_Keyword);
+    m_link->Send(key, endpoint, order->m_pMessage, m_answerTimeout,
+                 [respond](ZPublishOutcome, const std::shared_ptr<ZMessage>& answer) { respond(answer); });
+    return true;
+}
+
+std::shared_ptr<ZPeersMsg> ZNodePeer::Peers() const {
+    const auto answer = Z_MAKE(ZPeersMsg);
+    answer->m_PublicKey = ToZString(m_settings.publicKey);
+    answer->m_Peers = m_peers.All();
+    return answer;
+}
+
+bool ZNodePeer::OnPeers(const std::shared_ptr<ZMessage>& request) {
+    return PublishResponse(request, Peers());
+}
+
+bool ZNodePeer::OnPair(const std::shared_ptr<ZMessage>& request) {
+    const auto order = cast_shared<ZPairMsg>(request);
+    const std::string problem = order ? Pair(*order) : std::string("The request is a ") + request->ClassName();
+    const auto answer = Peers();
+    if (!problem.empty()) {
+        Z_LOG(3, "A device was not paired: %s", problem.c_str());
+        answer->m_bSuccess = false;
+        answer->m_ErrorCode = ErrorCodes::ERRCODE_INVALID_REQUEST;
+        answer->m_ErrorText = ToZString(problem);
+    }
+    return PublishResponse(request, answer);
+}
+
+std::string ZNodePeer::Pair(const ZPairMsg& order) {
+    ZLinkPin pin{ToStdString(order.m_Name), ToStdString(order.m_PublicKey), ToStdString(order.m_Address)};
+    if (pin.name.empty()) {
+        pin.name = pin.publicKey.substr(0, 8);
+    }
+    std::string problem = ProblemWith(pin);
+    if (!problem.empty() || pin.publicKey == m_settings.publicKey) {
+        return problem.empty() ? "This is the device's own key" : problem;
+    }
+    std::vector<ZLinkPin> pins = m_peers.Pins();
+    const auto known = std::ranges::find(pins, pin.publicKey, &ZLinkPin::publicKey);
+    if (order.m_bRemove && known == pins.end()) {
+        return pin.publicKey + " is not pinned";
+    }
+    if (order.m_bRemove) {
+        pins.erase(known);
+    } else if (known != pins.end()) {
+        *known = pin;
+    } else {
+        pins.push_back(pin);
+    }
+    if (!SavePins(m_pinsFile, pins, problem)) {
+        return problem;
+    }
+    m_peers.SetPins(pins);
+    if (m_link) {
+        m_link->SetPins(pins);
+    }
+    Z_LOG(2, "The key %s of %s is %s", pin.publicKey.c_str(), pin.name.c_str(),
+          order.m_bRemove ? "no longer pinned" : "pinned");
+    return {};
+}
+
+void ZNodePeer::OnPeerArrived(const std::string& key, const std::shared_ptr<ZMessage>& introduction) {
+    const auto told = cast_shared<ZPeerMsg>(introduction);
+    const auto peer = m_peers.Arrived(key, told ? *told : *Z_MAKE(ZPeerMsg));
+    Z_LOG(2, "Device %s (%s, version %s) is connected", NameOf(*peer).c_str(),
+          std::string(magic_enum::enum_name(peer->m_DeviceType)).c_str(), peer->m_Version.c_str());
+    Announce(peer);
+    if (m_self->m_DeviceType == DEVICE_PALM && peer->m_DeviceType == DEVICE_CART) {
+        AskWhetherItFits(key);
+    }
+}
+
+void ZNodePeer::OnPeerGone(const std::string& key) {
+    const auto peer = m_peers.Gone(key);
+    Z_LOG(3, "Device %s is gone", peer->m_SerialNumber.empty() ? key.c_str() : NameOf(*peer).c_str());
+    Announce(peer);
+}
+
+void ZNodePeer::OnPeerRefused(const std::string& key) {
+    m_peers.Refused(key);
+}
+
+void ZNodePeer::AskWhetherItFits(const std::string& key) {
+    const auto question = Z_MAKE(ZDeviceCompatibilityMsg);
+    question->m_Version = m_self->m_Version;
+    question->m_Model = m_self->m_DeviceModel;
+    question->m_Board = m_self->m_Board;
+    m_link->Send(key, ZCommEndpoint({}, ZEndpointType::GraphService, "checkCompatibility"), question, m_answerTimeout,
+                 [this, key](ZPublishOutcome, const std::shared_ptr<ZMessage>& answer) { TakeVerdict(key, answer); });
+}
+
+void ZNodePeer::TakeVerdict(const std::string& key, const std::shared_ptr<ZMessage>& answer) {
+    const auto verdict = cast_shared<ZDeviceCompatibilityMsg>(answer);
+    if (!verdict) {
+        const auto refusal = cast_shared<ZGenericResponseMsg>(answer);
+        Z_LOG(3, "The host device does not say whether this software fits: %s",
+              refusal ? refusal->m_ErrorText.c_str() : answer->ClassName());
+        return;
+    }
+    Z_LOG(2, "The host device says: version %s is %s, target version %s, update %s", m_self->m_Version.c_str(),
+          verdict->m_bCompatible ? "compatible" : "not compatible", verdict->m_TargetVersion.c_str(),
+          verdict->m_bRequiresUpdate ? "required" : "not required");
+    Announce(m_peers.Judged(key, *verdict));
+}
+
+void ZNodePeer::Announce(const std::shared_ptr<ZPeerMsg>& peer) {
+    Publish(GetEndpoint(ZEndpointType::GraphService, "peerupdate", 0), peer, nullptr, false, false);
+}

@@ -1,0 +1,210 @@
+#include <gmock/gmock.h>
+#include <zmq.h>
+
+#include <array>
+#include <future>
+
+#include "LinkDevice.h"
+#include "NodeComm/zmq/LinkKeys.h"
+
+namespace {
+
+using Message = std::shared_ptr<ZMessage>;
+constexpr auto kDevice = ZEndpointType::DeviceRequest;
+constexpr auto kService = ZEndpointType::GraphService;
+
+Message WriteOf(const std::string& data) {
+    const auto write = Z_MAKE(ZFileWriteMsg);
+    write->m_FilePath = "a.pkg";
+    write->m_Data = ToZString(data);
+    return write;
+}
+
+std::string TextOf(const Message& answer) {
+    const auto response = cast_shared<ZGenericResponseMsg>(answer);
+    return response ? (response->m_bSuccess ? "ok: " : "no: ") + ToStdString(response->m_ErrorText) : "no answer";
+}
+
+/// Answers a file message with how much it carries, and what it begins and ends with.
+Message Weighed(const Message& message) {
+    const auto answer = Z_MAKE(ZGenericResponseMsg);
+    const auto write = cast_shared<ZFileWriteMsg>(message);
+    const std::string data = write ? ToStdString(write->m_Data) : "";
+    answer->m_ErrorText =
+        ToZString(std::to_string(data.size()) + data.substr(0, 1) + (data.empty() ? "" : std::string(1, data.back())));
+    return answer;
+}
+
+class Link : public testing::Test {
+protected:
+    const int m_port = FreePort();
+    LogCapture m_log;
+    LinkDevice m_cart{"CT-1", DEVICE_CART, m_port, {"3:checkCompatibility"}};
+    LinkDevice m_palm{"PM-1", DEVICE_PALM, 0, {"2:upload"}};
+};
+
+TEST_F(Link, OnlyPinnedDevicesGetInAndAnAccessoryAsksWhetherItFits) {
+    m_cart.Probe().Listen(kService, "checkCompatibility", [](const Message& request) {
+        const auto verdict = cast_shared<ZDeviceCompatibilityMsg>(request);
+        verdict->m_bCompatible = verdict->m_Version == "3.044" && verdict->m_Board == "verdin-imx8mm";
+        verdict->m_TargetVersion = "3.046";
+        return verdict;
+    });
+    EXPECT_EQ("", m_palm.Pair(m_cart.Key(), m_port));
+    ASSERT_TRUE(WaitUntil([&] { return m_cart.Peer(m_palm.Key()) != nullptr; })) << m_log.All();
+    EXPECT_FALSE(m_cart.Peer(m_palm.Key())->m_bPinned) << "a refused key is shown, so that it can be pinned";
+    EXPECT_TRUE(m_log.WaitFor(3, "nobody pinned its key " + m_palm.Key()));
+    EXPECT_FALSE(m_palm.IsConnectedTo(m_cart.Key()));
+
+    Join(m_cart, m_port, m_palm);
+    ASSERT_TRUE(WaitUntil([&] { return m_palm.Peer(m_cart.Key())->m_TargetVersion == "3.046"; })) << m_log.All();
+    EXPECT_TRUE(m_palm.Peer(m_cart.Key())->m_bCompatible);
+    const auto palm = m_cart.Peer(m_palm.Key());
+    EXPECT_EQ("PM-1", palm->m_SerialNumber);
+    EXPECT_EQ("3.044", palm->m_Version);
+    EXPECT_EQ(DEVICE_PALM, palm->m_DeviceType);
+
+    EXPECT_EQ("", m_cart.Pair(m_palm.Key(), 0, true));
+    ASSERT_TRUE(WaitUntil([&] { return !m_palm.IsConnectedTo(m_cart.Key()); }));
+    EXPECT_EQ("no: Device KiteQM-PM-1 is not connected", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("x"))));
+}
+
+TEST_F(Link, MessagesOfAnySizeArriveWholeAndAnswersComeBack) {
+    m_palm.Probe().Listen(kDevice, "upload", Weighed);
+    m_palm.Probe().Listen(kDevice, "secret", Weighed);
+    Join(m_cart, m_port, m_palm);
+    for (const std::size_t size : {0U, 1U, 16383U, 16384U, 65535U, 65536U, 65537U, 131072U, 1035600U}) {
+        std::string data(size, 'm');
+        if (size > 0) {
+            data.front() = 'a';
+            data.back() = 'z';
+        }
+        const auto ends = size == 0 ? "" : size == 1 ? "zz" : "az";
+        EXPECT_EQ("ok: " + std::to_string(size) + ends, TextOf(m_cart.Forward("PM-1", "upload", WriteOf(data))));
+    }
+    for (const auto& [serial, keyword, said] :
+         {std::tuple{"PM-1", "secret", "no: 2:secret is not open to other devices"},
+          std::tuple{"PM-2", "upload", "no: Device KiteQM-PM-2 is not connected"}}) {
+        EXPECT_EQ(said, TextOf(m_cart.Forward(serial, keyword, WriteOf("x"))));
+    }
+    EXPECT_EQ(9 + 2, m_palm.Probe().Received().size()) << "the nine sizes, and what the link itself asked";
+}
+
+TEST_F(Link, ADeviceThatGoesAwayFailsWhatWaitsForItAndComesBackByItself) {
+    std::promise<void> asked;
+    m_palm.Probe().Listen(kDevice, "upload", [&asked](const Message&) {
+        asked.set_value();
+        return nullptr;
+    });
+    Join(m_cart, m_port, m_palm);
+    auto answer =
+        std::async(std::launch::async, [&] { return TextOf(m_cart.Forward("PM-1", "upload", WriteOf("x"))); });
+    asked.get_future().wait();
+    m_palm.Stop();
+    EXPECT_EQ("no: The connection to the device was lost", answer.get());
+
+    m_palm.Start();  // with the key and the pins that it has on its disk
+    m_palm.Probe().Listen(kDevice, "upload", Weighed);
+    ASSERT_TRUE(WaitUntil([&] { return m_cart.IsConnectedTo(m_palm.Key()); })) << m_log.All();
+    m_cart.Stop();
+    ASSERT_TRUE(WaitUntil([&] { return m_log.Has(3, "Device KiteQM-CT-1 is gone"); })) << m_log.All();
+    m_cart.Start();
+    ASSERT_TRUE(WaitUntil([&] { return m_cart.IsConnectedTo(m_palm.Key()); })) << m_log.All();
+    EXPECT_EQ("ok: 1zz", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("z"))));
+}
+
+TEST_F(Link, ManyAtOnceAreAllAnswered) {
+    m_palm.Probe().Listen(kDevice, "upload", Weighed);
+    Join(m_cart, m_port, m_palm);
+    std::vector<std::future<std::string>> answers;
+    for (int index = 0; index < 100; ++index) {
+        answers.push_back(std::async(std::launch::async, [&, index] {
+            const auto size = static_cast<std::size_t>(1000 + index * 1000);
+            return TextOf(m_cart.Forward("PM-1", "upload", WriteOf(std::string(size, 'z'))));
+        }));
+    }
+    int answered = 0;
+    for (auto& answer : answers) {
+        answered += answer.get().starts_with("ok: ") ? 1 : 0;
+    }
+    EXPECT_EQ(100, answered) << m_log.All();
+}
+
+/// A device whose key is known and that speaks the protocol of the transport, but not this one.
+class Stranger {
+public:
+    Stranger() { ::zmq_curve_keypair(m_public.data(), m_secret.data()); }
+    ~Stranger() {
+        ::zmq_close(m_socket);
+        ::zmq_ctx_term(m_context);
+    }
+    std::string Key() const {
+        LinkKeyBytes key{};
+        ::zmq_z85_decode(key.data(), m_public.data());
+        return LinkKeyText(key);
+    }
+    void Connect(const std::string& serverKey, int port) {
+        const int linger = 0;
+        ::zmq_setsockopt(m_socket, ZMQ_LINGER, &linger, sizeof linger);
+        const LinkKeyBytes server = *LinkKeyFrom(serverKey);
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SERVERKEY, server.data(), server.size());
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_PUBLICKEY, m_public.data(), 40);
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SECRETKEY, m_secret.data(), 40);
+        ::zmq_connect(m_socket, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
+    }
+    void Say(const std::vector<std::string>& frames) {
+        for (std::size_t index = 0; index < frames.size(); ++index) {
+            ::zmq_send(m_socket, frames[index].data(), frames[index].size(),
+                       index + 1 < frames.size() ? ZMQ_SNDMORE : 0);
+        }
+    }
+
+private:
+    std::array<char, 41> m_public{};
+    std::array<char, 41> m_secret{};
+    void* m_context = ::zmq_ctx_new();
+    void* m_socket = ::zmq_socket(m_context, ZMQ_DEALER);
+};
+
+TEST_F(Link, RubbishIsDroppedWithALineThatNamesItsSender) {
+    m_palm.Probe().Listen(kDevice, "upload", Weighed);
+    Stranger stranger;
+    ASSERT_EQ("", m_cart.Pair(stranger.Key()));
+    Join(m_cart, m_port, m_palm);
+    stranger.Connect(m_cart.Key(), m_port);
+    const std::string hello = R"({"kind":"Hello"})";
+    const std::string request = R"({"kind":"Request","request":1,"endpointType":3,"keyword":"checkCompatibility"})";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> table{
+        {{""}, "The text is empty"},
+        {{"rubbish"}, "is not whole JSON"},
+        {{R"({"kind":"Nothing"})"}, "\"kind\" is not"},
+        {{request}, "has not introduced itself"},
+        {{hello, R"({"className":"ZNoSuchMsg"})"}, "the name of a message class"},
+        {{hello, R"({"className":"ZPeerMsg"})", std::string(65536, 'x')}, "has no end"},
+        {{hello, R"({"className":"ZPeerMsg","serialNumber@":7})"}, "among the texts"},
+    };
+    for (const auto& [frames, said] : table) {
+        stranger.Say(frames);
+        EXPECT_TRUE(WaitUntil([&] {
+            const std::string all = m_log.All();
+            return all.find(said) != std::string::npos && all.find(stranger.Key()) != std::string::npos;
+        })) << said
+            << '\n'
+            << m_log.All();
+    }
+    stranger.Say({hello, R"({"className":"ZGenericRequestMsg"})"});  // introduces itself as nothing in particular
+    stranger.Say({request, R"({"className":"ZPairMsg"})"});
+    EXPECT_TRUE(m_log.WaitFor(3, "3:checkCompatibility is nobody's")) << m_log.All();
+    EXPECT_EQ("ok: 1zz", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("z"))));
+}
+
+TEST_F(Link, BadPairingsAreRefusedAndNameWhatIsWrong) {
+    const std::string key = m_palm.Key();
+    EXPECT_THAT(m_cart.Pair("short"), testing::HasSubstr("\"short\" is no public key"));
+    EXPECT_THAT(m_cart.Pair(std::string(10'000, 'x')), testing::HasSubstr("is no public key"));
+    EXPECT_THAT(m_cart.Pair(m_cart.Key()), testing::HasSubstr("own key"));
+    EXPECT_THAT(m_cart.Pair(key, 0, true), testing::HasSubstr("is not pinned"));
+    EXPECT_EQ("", m_cart.Pair(key));
+}
+
+}  // namespace
