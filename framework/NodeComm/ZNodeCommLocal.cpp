@@ -2,12 +2,13 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <optional>
 
 #include "ZShared/ZLog.h"
 
 Z_IMPLEMENT(ZNodeCommLocal)
 
-struct ZNodeCommLocal::Subscription {
+struct ZNodeCommLocal::Subscription : ZMailReceiver {
     const void* owner;
     ZNodeUID node;
     std::shared_ptr<ZMailbox> mailbox;
@@ -17,7 +18,7 @@ struct ZNodeCommLocal::Subscription {
     std::recursive_mutex mutex;
     bool active = true;
 
-    void Call(std::shared_ptr<ZMessage> message) {
+    void Receive(std::shared_ptr<ZMessage> message) override {
         const std::lock_guard lock(mutex);
         if (!active) {
             return;
@@ -110,22 +111,25 @@ ZPublishOutcome ZNodeCommLocal::Publish(const ZCommEndpoint& endpoint, const std
     }
     const auto timeout =
         options.timeout.count() > 0 ? options.timeout : std::chrono::milliseconds(m_requestTimeout.load());
-    const auto deadline = ZMailbox::Clock::now() + timeout;
-    return response == nullptr ? Deliver(*subscribers, message, options, deadline)
-                               : Request(*subscribers, message, *response, options, deadline);
+    return response == nullptr ? Deliver(*subscribers, message, options, timeout)
+                               : Request(*subscribers, message, *response, options, timeout);
 }
 
 ZPublishOutcome ZNodeCommLocal::Deliver(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
-                                        const ZPublishOptions& options, ZMailbox::Clock::time_point deadline) {
+                                        const ZPublishOptions& options, std::chrono::milliseconds timeout) {
+    std::optional<ZMailbox::Clock::time_point> deadline;  // for all of them together, from the first that has no room
     ZPublishOutcome outcome = ZPublishOutcome::NoSubscriber;
     const int priority = options.bUrgent ? 1 : message->GetDefaultPriority();
+    const auto postPatiently = [&](ZMailbox& mailbox, ZMailbox::Mail mail) {
+        deadline = deadline.value_or(ZMailbox::Clock::now() + timeout);
+        return mailbox.Post(std::move(mail), *deadline, priority, &m_closed);
+    };
     for (const auto& subscription : subscribers) {
         // A node never waits for room in its own queue: it is the one who would have to make it.
         const bool wait = options.bReliable && !subscription->mailbox->IsMine();
-        const bool posted =
-            subscription->mailbox->Post([subscription, message] { subscription->Call(message); },
-                                        wait ? deadline : ZMailbox::Clock::time_point{}, priority, &m_closed);
-        if (posted) {
+        ZMailbox::Mail mail(subscription, message);
+        if (subscription->mailbox->TryPost(mail, priority) ||
+            (wait && postPatiently(*subscription->mailbox, std::move(mail)))) {
             outcome = ZPublishOutcome::Delivered;
             continue;
         }
@@ -141,7 +145,8 @@ ZPublishOutcome ZNodeCommLocal::Deliver(const Subscribers& subscribers, const st
 
 ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
                                         std::shared_ptr<ZMessage>& response, const ZPublishOptions& options,
-                                        ZMailbox::Clock::time_point deadline) {
+                                        std::chrono::milliseconds timeout) {
+    const auto deadline = ZMailbox::Clock::now() + timeout;
     if (std::all_of(subscribers.begin(), subscribers.end(), [](const auto& s) { return s->mailbox->IsMine(); })) {
         return ZPublishOutcome::Refused;
     }
@@ -164,7 +169,7 @@ ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const st
     } listed(*this);
     PendingRequest& pending = listed.pending;
     message->SetResponseSource(std::make_shared<ZResponseSource>(weak_from_this(), listed.id));
-    ZPublishOutcome outcome = Deliver(subscribers, message, options, deadline);
+    ZPublishOutcome outcome = Deliver(subscribers, message, options, timeout);
 
     std::unique_lock lock(m_pendingMutex);
     if (outcome == ZPublishOutcome::Delivered) {

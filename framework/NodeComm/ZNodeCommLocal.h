@@ -34,10 +34,10 @@ private:
     /// Those that a publication there reaches; null when there are none.
     std::shared_ptr<const Subscribers> Find(const ZCommEndpoint& endpoint) const;
     ZPublishOutcome Deliver(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
-                            const ZPublishOptions& options, ZMailbox::Clock::time_point deadline);
+                            const ZPublishOptions& options, std::chrono::milliseconds timeout);
     ZPublishOutcome Request(const Subscribers& subscribers, const std::shared_ptr<ZMessage>& message,
                             std::shared_ptr<ZMessage>& response, const ZPublishOptions& options,
-                            ZMailbox::Clock::time_point deadline);
+                            std::chrono::milliseconds timeout);
 
     mutable std::shared_mutex m_subscribersMutex;
     std::map<Key, std::shared_ptr<const Subscribers>> m_subscribers;

@@ -1,0 +1,86 @@
+#include "OpenFiles.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "ZShared/ZBase64.h"
+
+namespace {
+constexpr std::int32_t kPermissionBits = 0777;
+}
+
+FileError OpenFiles::Open(const ZFileOpenMsg& message) {
+    if ((message.m_Mode & ~kPermissionBits) != 0) {
+        return BadRequest("the mode " + std::to_string(message.m_Mode) + " holds more than permission bits");
+    }
+    if (m_files.size() >= m_most) {
+        return {ZFrameworkErrorCodes::ERRCODE_BUSY, std::to_string(m_files.size()) + " files are open already"};
+    }
+    FilePlace place;
+    if (FileError error = FindPlace(m_roots, message.m_FilePath, MissingFolders::Made, place)) {
+        return error;
+    }
+    const auto isThere = [&](const auto& entry) { return entry.second.file->Path() == place.path; };
+    if (m_files.contains(message.m_FilePath) || std::ranges::any_of(m_files, isThere)) {
+        return {ZFrameworkErrorCodes::ERRCODE_BUSY, "it is open already"};
+    }
+    auto file = std::make_unique<StoredFile>(std::move(place));
+    if (FileError error = file->Create(static_cast<mode_t>(message.m_Mode))) {
+        return error;
+    }
+    const Owner owner{message.m_DeviceModel, message.m_SerialNumber};
+    m_files.emplace(message.m_FilePath, Entry{owner, std::move(file), Clock::now()});
+    return {};
+}
+
+FileError OpenFiles::Find(const ZFileMsg& message, Table::iterator& entry) {
+    entry = m_files.find(message.m_FilePath);
+    if (entry == m_files.end()) {
+        return {ZFrameworkErrorCodes::ERRCODE_NOT_FOUND, "it is not open"};
+    }
+    if (entry->second.owner != Owner{message.m_DeviceModel, message.m_SerialNumber}) {
+        return BadRequest("it was opened for another device");
+    }
+    return {};
+}
+
+FileError OpenFiles::Write(const ZFileWriteMsg& message) {
+    Table::iterator entry;
+    if (FileError error = Find(message, entry)) {
+        return error;
+    }
+    FileError outcome = Append(message, *entry->second.file);
+    entry->second.lastUse = Clock::now();  // not sooner: a slow disk is no idle sender
+    return outcome;
+}
+
+/// Senders may go on after a failure. A file with a gap must not get its name, so every failure stays with it.
+FileError OpenFiles::Append(const ZFileWriteMsg& message, StoredFile& file) {
+    try {
+        return ZBase64::Decode(message.m_Data, m_bytes) ? file.Write({m_bytes.data(), m_bytes.size()})
+                                                        : file.Break(BadRequest("the data is no base64"));
+    } catch (const std::bad_alloc&) {
+        return file.Break(SystemError(ENOMEM));
+    }
+}
+
+FileError OpenFiles::Close(const ZFileCloseMsg& message) {
+    Table::iterator entry;
+    if (FileError error = Find(message, entry)) {
+        return error;
+    }
+    const auto closed = m_files.extract(entry);
+    return closed.mapped().file->Commit();
+}
+
+std::vector<std::string> OpenFiles::DiscardUnusedSince(Clock::time_point limit) {
+    std::vector<std::string> paths;
+    std::erase_if(m_files, [&](const auto& entry) {
+        const bool unused = entry.second.lastUse <= limit;
+        if (unused) {
+            paths.push_back(ToStdString(entry.first));
+        }
+        return unused;
+    });
+    return paths;
+}

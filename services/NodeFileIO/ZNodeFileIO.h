@@ -1,0 +1,55 @@
+#pragma once
+
+#include "NodeBase/ZNode.h"
+#include "OpenFiles.h"
+
+class ZNodeFileIOCfg : public ZConfig {
+    Z_MESSAGE(ZNodeFileIOCfg, ZConfig)
+public:
+    using ZConfig::ZConfig;
+    /// Absolute folders that files may be below, in which environment variables are replaced; none: the graph's updates
+    /// folder.
+    ZVector<ZString> m_Roots;
+    std::uint32_t m_IdleSeconds = 30;   ///< a file that nobody used for so long is thrown away; 1 to 3600
+    std::uint32_t m_MaxOpenFiles = 64;  ///< 1 to 256
+
+    Z_FIELDS(Z_FIELD(m_Roots), Z_FIELD(m_IdleSeconds), Z_FIELD(m_MaxOpenFiles))
+};
+
+/// The service behind "fileIO": receives files, a chunk in each message, and reads parts of them. A file gets its name
+/// when it is closed, whole and safe on the disk. Messages for another device are handed over to whoever reaches it.
+class ZNodeFileIO : public ZNode {
+    Z_CLASS(ZNodeFileIO, ZNode)
+public:
+    explicit ZNodeFileIO(const ZString& name);
+
+    /// Removes the unfinished files that an earlier run left in the top folders. False when the record is of another
+    /// class or holds a value that can't be used.
+    bool OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) override;
+    bool InitMessageMap() override;
+    void OnShutdown() override;
+
+private:
+    bool IsInRange(const char* key, std::uint32_t value, std::uint32_t most) const;
+    bool ReadRoots(const ZNodeFileIOCfg& record, std::vector<std::filesystem::path>& roots) const;
+    bool ReadFolder(const char* key, const ZString& text, const ZEnvironment* environment,
+                    std::filesystem::path& folder) const;
+    void RemoveLeftovers(const std::filesystem::path& root) const;
+    void ReadIdentity();
+
+    bool OnFileMessage(const std::shared_ptr<ZMessage>& message);
+    FileError Do(const std::shared_ptr<ZMessage>& message, ZGenericResponseMsg& answer);
+    FileError Read(const ZFileReadMsg& request, ZFileReadResponseMsg& answer);
+    bool IsForThisDevice(const ZFileMsg& file) const;
+    FileError HandOver(const std::shared_ptr<ZMessage>& message, ZFileMsg& file);
+    void WatchIdleFiles();
+    void Discard(OpenFiles::Clock::time_point limit, const std::string& reason);
+
+    std::filesystem::path m_updatesFolder;  // empty: none is configured
+    std::chrono::seconds m_idle{0};
+    ZDeviceModel m_deviceModel{};
+    ZString m_serialNumber;  // empty: unknown
+    std::unique_ptr<OpenFiles> m_files;
+    std::vector<char> m_bytes;  // of one part that is read, kept so that its memory is used again
+    bool m_bWatching = false;   // the timer runs
+};
