@@ -110,6 +110,7 @@ void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
         }
         const auto write = Z_MAKE(ZFileWriteMsg);
         write->m_Data = ZBase64::Encode({buffer.data(), count});
+        write->m_Position = static_cast<std::int64_t>(sent);
         const std::uint64_t percent = sent * 100 / total;  // before this chunk counts: 100 is never reported here
         if (percent > lastPercent) {
             Z_LOG(2, "Install File Transfer (%lu encoded %lu bytes) %lu%% (%lu of %lu) to %s", count,

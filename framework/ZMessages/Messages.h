@@ -210,8 +210,10 @@ class ZFileWriteMsg : public ZFileMsg {
     Z_MESSAGE_AS(ZFileWriteMsg, ZMessage, ZFileMsg)
 public:
     ZString m_Data;  ///< base64
+    /// Where in the file the chunk belongs, so that a lost one is noticed; negative: behind the chunk before.
+    std::int64_t m_Position = -1;
 
-    Z_FIELDS(Z_FIELD(m_Data))
+    Z_FIELDS(Z_FIELD(m_Data), Z_FIELD(m_Position))
 };
 
 class ZFileCloseMsg : public ZFileMsg {

@@ -56,6 +56,10 @@ FileError OpenFiles::Write(const ZFileWriteMsg& message) {
 
 /// Senders may go on after a failure. A file with a gap must not get its name, so every failure stays with it.
 FileError OpenFiles::Append(const ZFileWriteMsg& message, StoredFile& file) {
+    if (message.m_Position >= 0 && static_cast<std::uint64_t>(message.m_Position) != file.Size()) {
+        return file.Break(BadRequest("a chunk for position " + std::to_string(message.m_Position) + " came at " +
+                                     std::to_string(file.Size())));
+    }
     try {
         return ZBase64::Decode(message.m_Data, m_bytes) ? file.Write({m_bytes.data(), m_bytes.size()})
                                                         : file.Break(BadRequest("the data is no base64"));

@@ -80,9 +80,10 @@ protected:
         message->m_Mode = mode;
         return Ask(message);
     }
-    std::string Write(const ZString& base64) {
+    std::string Write(const ZString& base64, std::int64_t position = -1) {
         const auto message = Make<ZFileWriteMsg>(file);
         message->m_Data = base64;
+        message->m_Position = position;
         return Ask(message);
     }
     std::string Close(const fs::path& path) { return Ask(Make<ZFileCloseMsg>(path)); }
@@ -192,6 +193,11 @@ TEST_F(FileIO, KnowsWhoOpenedWhat) {
     EXPECT_EQ(Write("QUJD!"), broken);
     EXPECT_EQ(Close(file), broken);
     EXPECT_EQ(Ask(Make<ZFileCloseMsg>(root / "v.pkg", "SN1")), kDone);
+    ASSERT_EQ(Open(file), kDone);
+    EXPECT_EQ(Write("eHl6", 0), kDone);
+    const std::string gap = "ERRCODE_INVALID_REQUEST " + file.string() + ": a chunk for position 6 came at 3";
+    EXPECT_EQ(Write("eHl6", 6), gap) << "the one before was lost on its way";
+    EXPECT_EQ(Close(file), gap);
     EXPECT_THAT(Files(root), ElementsAre("v.pkg"));
 }
 
