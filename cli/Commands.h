@@ -39,14 +39,34 @@ Result<ExitCode> Install(Session& session, const InstallOrder& order);
 struct AccessoryOrder {
     std::string version;  ///< May be empty for a remote install.
     std::string serialNumber;
-    std::string model;
+    std::string model;  ///< Empty: the one that the device knows the serial number's owner by.
     bool wait = false;
 };
 Result<ExitCode> Transfer(Session& session, const AccessoryOrder& order);
 Result<ExitCode> RemoteInstall(Session& session, const AccessoryOrder& order);
 
+struct UploadOrder {
+    std::string file;
+    bool check = true;  ///< Wait until the device has checked it; else return as soon as the device has it.
+};
 /// Sends a file of this machine into the device's updates folder.
-Result<ExitCode> UploadFile(Session& session, const std::string& file);
+Result<ExitCode> UploadFile(Session& session, const UploadOrder& order);
+
+// The link to other devices.
+Result<ExitCode> ShowPeers(Session& session);
+/// The device's own key, those it lets in and those it turned away.
+Result<ExitCode> ShowKeys(Session& session);
+
+struct PairOrder {
+    std::string publicKey;
+    std::string name;     ///< Empty: the beginning of the key.
+    std::string address;  ///< Where the device calls the other one; empty: the other one calls.
+    bool remove = false;
+};
+Result<ExitCode> Pair(Session& session, const PairOrder& order);
+
+/// Makes the file with a device's own key pair; asks no device.
+Result<ExitCode> MakeKeyFile(Session& session, const std::string& file);
 
 // Streams, until the user or the reader of the output ends them.
 Result<ExitCode> WatchEvents(Session& session);

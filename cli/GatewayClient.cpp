@@ -14,13 +14,11 @@ namespace {
 constexpr int kOk = 200;
 constexpr int kAccepted = 202;
 
-}  // namespace
-
-Failure ProblemOf(const HttpReply& reply) {
+std::string ProblemText(const HttpReply& reply) {
     const std::string status = "HTTP " + std::to_string(reply.status);
     const auto document = fields::Parse(reply.body);
     if (!document || !document->is_object()) {
-        return Refused("the device refused the request (" + status + ")");
+        return "the device refused the request (" + status + ")";
     }
     std::string text = Escaped(fields::Text(*document, "title", "refused"));
     if (const auto detail = fields::Text(*document, "detail"); !detail.empty()) {
@@ -30,7 +28,15 @@ Failure ProblemOf(const HttpReply& reply) {
     if (const auto field = fields::Text(*document, "field"); !field.empty()) {
         text += ", field \"" + Escaped(field) + "\"";
     }
-    return Refused(text + ")");
+    return text + ")";
+}
+
+}  // namespace
+
+Failure ProblemOf(const HttpReply& reply) {
+    Failure failure = Refused(ProblemText(reply));
+    failure.httpStatus = reply.status;
+    return failure;
 }
 
 Failure NotReachable(const std::string& socketPath, const std::string& reason) {

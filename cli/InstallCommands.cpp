@@ -1,6 +1,7 @@
 #include "Commands.h"
 #include "JsonFields.h"
 #include "OperationWatch.h"
+#include "Peers.h"
 #include "TextFormat.h"
 
 namespace json = boost::json;
@@ -53,9 +54,12 @@ Result<ExitCode> StartAndFollow(Session& session, const Order& order) {
     return ExitCode::kDone;
 }
 
-void SetUnlessEmpty(json::object& message, std::string_view key, const std::string& value) {
-    if (!value.empty()) {
-        message[key] = value;
+/// The user's model, else the one that the device knows the accessory by, else none: the device's own default.
+void SetModel(json::object& message, const std::string& model, const json::value& accessory) {
+    if (!model.empty()) {
+        message["deviceModel"] = model;
+    } else if (accessory.is_object()) {
+        message["deviceModel"] = fields::Member(accessory, "deviceModel");
     }
 }
 
@@ -71,17 +75,31 @@ Result<ExitCode> Install(Session& session, const InstallOrder& order) {
 }
 
 Result<ExitCode> Transfer(Session& session, const AccessoryOrder& order) {
+    const std::string what = "Transferring " + Escaped(order.version) + " to " + Escaped(order.serialNumber);
+    const auto accessory = FindPeer(session, order.serialNumber, order.model);
+    if (!accessory) {
+        return accessory.error();
+    }
+    if (accessory->is_object() && !fields::Flag(*accessory, "connected")) {
+        return Refused(what + ": " + PeerTitle(*accessory) + " is not connected");
+    }
     json::object message{{"version", order.version}, {"serialNumber", order.serialNumber}};
-    SetUnlessEmpty(message, "deviceModel", order.model);
-    return StartAndFollow(session, {Operation::kTransfer, "transfer", std::move(message), order.version,
-                                    "Transferring " + Escaped(order.version) + " to " + Escaped(order.serialNumber),
+    SetModel(message, order.model, *accessory);
+    return StartAndFollow(session, {Operation::kTransfer, "transfer", std::move(message), order.version, what,
                                     "the device could not start it", order.wait});
 }
 
 Result<ExitCode> RemoteInstall(Session& session, const AccessoryOrder& order) {
+    // It need not be connected: the install goes another way than the link.
+    const auto accessory = FindPeer(session, order.serialNumber, order.model);
+    if (!accessory) {
+        return accessory.error();
+    }
     json::object message{{"serialNumber", order.serialNumber}};
-    SetUnlessEmpty(message, "deviceModel", order.model);
-    SetUnlessEmpty(message, "version", order.version);
+    SetModel(message, order.model, *accessory);
+    if (!order.version.empty()) {
+        message["version"] = order.version;
+    }
     return StartAndFollow(session, {Operation::kRemoteInstall, "remoteinstall", std::move(message), order.version,
                                     "Installing on " + Escaped(order.serialNumber),
                                     "the accessory was not found or there is no package for it", order.wait});

@@ -19,11 +19,12 @@ struct SignRow {
     Meaning meaning;
 };
 
-constexpr std::array<SignRow, 7> kSigns{{
+constexpr std::array<SignRow, 8> kSigns{{
     {Operation::kTransfer, "Install File Close", " Complete SUCCESS", Meaning::kDone},
     {Operation::kTransfer, "Install File Close", " Complete FAILED", Meaning::kFailed},
     {Operation::kTransfer, "Unable to publish File Close!", "", Meaning::kFailed},
     {Operation::kTransfer, "Error on File write:", "", Meaning::kDamaged},
+    {Operation::kTransfer, "The transfer of ", " ended after ", Meaning::kDamaged},
     {Operation::kRemoteInstall, "Unable to set LED on remote machine", "", Meaning::kFailed},
     {Operation::kRemoteInstall, "Failed to copy update file from remote", "", Meaning::kFailed},
     {Operation::kRemoteInstall, "Error executing remote install script", "", Meaning::kFailed},
@@ -84,7 +85,8 @@ Result<void> OperationWatch::Follow(const std::string& version) {
             return *end;
         }
     }
-    return Unreachable("the device has told nothing more about it in time; it may still be at work");
+    return m_damage.empty() ? Unreachable("the device has told nothing more about it in time; it may still be at work")
+                            : Refused(m_damage);
 }
 
 OperationWatch::End OperationWatch::Take(const ServerEvent& event) {
@@ -103,12 +105,15 @@ OperationWatch::End OperationWatch::TakeProgress(const std::string& text) {
         m_session.Note("a progress message is " + document.error().text);
         return std::nullopt;
     }
+    const Progress progress = Progress::From(*document);
+    if (m_operation == Operation::kTransfer && (progress.done || progress.error)) {
+        return std::nullopt;  // another operation's: a transfer's own end is told by the log alone
+    }
     m_sawOwnProgress = true;
     m_lastNews = Clock::now();
-    const Progress progress = Progress::From(*document);
     if (m_session.settings.json) {
         m_session.PrintJson(*document);
-    } else {
+    } else if (m_damage.empty()) {  // what goes on after a failed write is no way to a result any more
         m_display.Show(progress);
     }
     if (progress.error) {
@@ -125,14 +130,14 @@ OperationWatch::End OperationWatch::TakeLogLine(const std::string& text) {
     }
     m_lastNews = Clock::now();
     if (sign->meaning == Meaning::kDamaged) {
-        m_damage = sign->text;
+        m_damage = m_damage.empty() ? sign->text : m_damage;
         return std::nullopt;
     }
     m_display.End();
-    if (sign->meaning == Meaning::kFailed) {
-        return Refused(sign->text);
+    if (!m_damage.empty()) {
+        return Refused(m_damage);  // the first thing that went wrong, whatever came of it
     }
-    return m_damage.empty() ? Result<void>() : Refused(m_damage);
+    return sign->meaning == Meaning::kFailed ? End(Refused(sign->text)) : Result<void>();
 }
 
 OperationWatch::End OperationWatch::Reconnect(const std::string& version) {

@@ -23,6 +23,7 @@ struct Failure {
 
     ExitCode code = ExitCode::kRefused;
     std::string text;
+    int httpStatus = 0;  ///< Of the device's answer; 0 when the failure is none.
 };
 
 template <typename T>

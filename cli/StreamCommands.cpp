@@ -5,6 +5,7 @@
 #include "EventStream.h"
 #include "Interrupt.h"
 #include "JsonFields.h"
+#include "Peers.h"
 #include "ProgressDisplay.h"
 #include "TextFormat.h"
 
@@ -77,6 +78,8 @@ void ShowEvent(Session& session, ProgressDisplay& display, const ServerEvent& ev
         session.out << UpdatesText(*document) << std::flush;
     } else if (document && event.name == "storagedeviceupdate") {
         session.out << DrivesText(*document) << std::flush;
+    } else if (document && event.name == "peerupdate") {
+        session.out << "device " << PeerTitle(*document) << ": " << PeerState(*document) << std::endl;
     } else {
         session.out << Escaped(event.name) << ": " << Escaped(event.data) << std::endl;
     }

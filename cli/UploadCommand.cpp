@@ -6,6 +6,7 @@
 
 #include "Commands.h"
 #include "JsonFields.h"
+#include "PackageCheck.h"
 #include "ProgressDisplay.h"
 #include "TextFormat.h"
 
@@ -28,7 +29,8 @@ public:
     Upload(Session& session, std::string name, std::size_t size)
         : m_session(session), m_name(std::move(name)), m_size(size), m_display(session.out, OutputColumns) {}
 
-    Result<void> Run(std::istream& file) {
+    /// Everything but the closing.
+    Result<void> Carry(std::istream& file) {
         if (auto opened = Tell("open", {{"className", "ZFileOpenMsg"}, {"mode", kFileMode}}); !opened) {
             return opened;
         }
@@ -44,8 +46,10 @@ public:
             m_sent += chunk.size();
             ShowProgress();
         }
-        return Tell("close", {{"className", "ZFileCloseMsg"}});
+        return {};
     }
+
+    Result<void> Close() { return Tell("close", {{"className", "ZFileCloseMsg"}}); }
 
 private:
     Result<void> Tell(const std::string& step, json::object message) {
@@ -81,21 +85,52 @@ private:
     ProgressDisplay m_display;
 };
 
+/// Why the device takes a file of this name but never looks at it; empty when it does.
+std::string WhyUnchecked(const std::string& name) {
+    return name.starts_with('.') ? "its name begins with a dot" : WhyNoPackage(name);
+}
+
+/// Closes the file, has the device look at it and tells what the device makes of it.
+Result<ExitCode> CloseAndCheck(Session& session, Upload& upload, const std::string& name, const std::string& size) {
+    // From before the device can begin: the whole carrying would only fill the stream with other news.
+    const auto check = PackageCheck::Begin(session, name);
+    if (!check) {
+        return check.error();
+    }
+    if (const auto closed = upload.Close(); !closed) {
+        return closed.error();
+    }
+    if (!session.settings.json) {
+        session.out << Escaped(name) << ": uploaded, " << size << "; the device checks it" << std::endl;
+    }
+    return (*check)->Finish();
+}
+
 }  // namespace
 
-Result<ExitCode> UploadFile(Session& session, const std::string& file) {
+Result<ExitCode> UploadFile(Session& session, const UploadOrder& order) {
     std::error_code error;
-    const auto size = fs::file_size(file, error);
+    const auto size = fs::file_size(order.file, error);
     if (error) {
-        return UsageFailure(Escaped(file) + ": " + error.message());
+        return UsageFailure(Escaped(order.file) + ": " + error.message());
     }
-    std::ifstream stream(file, std::ios::binary);
+    std::ifstream stream(order.file, std::ios::binary);
     if (!stream) {
-        return UsageFailure(Escaped(file) + ": " + std::strerror(errno));
+        return UsageFailure(Escaped(order.file) + ": " + std::strerror(errno));
     }
-    const std::string name = fs::path(file).filename().string();
-    if (const auto sent = Upload(session, name, size).Run(stream); !sent) {
-        return sent.error();
+    const std::string name = fs::path(order.file).filename().string();
+    if (const std::string reason = WhyUnchecked(name); order.check && !reason.empty()) {
+        return UsageFailure(Escaped(order.file) + ": the device would not check it, since " + reason + " (--no-check)");
+    }
+    Upload upload(session, name, size);
+    if (const auto carried = upload.Carry(stream); !carried) {
+        return carried.error();
+    }
+    if (order.check) {
+        return CloseAndCheck(session, upload, name, ByteCount(size));
+    }
+    if (const auto closed = upload.Close(); !closed) {
+        return closed.error();
     }
     session.Print(json::object{{"outcome", "done"}, {"file", name}, {"size", size}},
                   Escaped(name) + ": uploaded, " + ByteCount(size) + "\n");

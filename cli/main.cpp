@@ -23,6 +23,8 @@ constexpr const char* kExamples = R"(Examples:
   arborctl install 3.046 --no-reboot           start it, keep the device running afterwards
   arborctl watch --json | jq .event            events for a program
   arborctl send getdevices                     any message of the device's interface
+  arborctl upload build/arbor_qm.pkg           bring a package from here and have it checked
+  arborctl peers                               other devices, and who is connected
   arborctl transfer 3.046 --to 4711 --wait     carry a package over to an accessory
 
 Exit status: 0 done, 1 the device said no, 2 usage, 3 not reachable (or broke off, or too late), 130 Ctrl-C.
@@ -42,6 +44,8 @@ struct Choice {
     arborctl::InstallOrder install;
     arborctl::AccessoryOrder accessory;
     arborctl::CompatibilityQuestion question;
+    arborctl::UploadOrder upload;
+    arborctl::PairOrder pair;
 };
 
 void AddGlobalOptions(CLI::App& app, Choice& choice) {
@@ -116,30 +120,60 @@ void AddWork(CLI::App& app, Choice& choice) {
         choice.run = [&](Session& s) { return Install(s, choice.install); };
     });
 
-    auto* upload = AddCommand(app, "upload", "Send a package file into the device's updates folder",
-                              "  arborctl upload build/arbor_qm.pkg");
-    upload->add_option("FILE", choice.first, "A file of this machine")->required();
-    upload->callback([&] { choice.run = [&](Session& s) { return UploadFile(s, choice.first); }; });
+    auto* upload =
+        AddCommand(app, "upload", "Send a package file to the device, which checks it, and tell the outcome",
+                   "  arborctl upload build/arbor_qm.pkg\n"
+                   "  arborctl upload build/arbor_qm.pkg --no-check     return as soon as the device has it");
+    upload->add_option("FILE", choice.upload.file, "A file of this machine")->required();
+    upload->add_flag_callback(
+        "--no-check", [&] { choice.upload.check = false; }, "Do not wait until the device has checked it");
+    upload->callback([&] { choice.run = [&](Session& s) { return UploadFile(s, choice.upload); }; });
 }
 
 void AddAccessoryOptions(CLI::App& command, Choice& choice) {
     command.add_option("--to", choice.accessory.serialNumber, "Serial number of the accessory")->required();
-    command.add_option("--model", choice.accessory.model, "Its model, for example QMA");
+    command.add_option("--model", choice.accessory.model, "Its model, for example QMA; else the device looks it up");
     command.add_flag("--wait", choice.accessory.wait, "Show the progress and return when it has ended");
 }
 
 void AddAccessoryWork(CLI::App& app, Choice& choice) {
     auto* transfer = AddCommand(app, "transfer", "Carry the package of a version over to an accessory",
-                                "  arborctl transfer 3.046 --to 4711 --model QMA --wait");
+                                "  arborctl transfer 3.046 --to 4711 --wait");
     transfer->add_option("VERSION", choice.accessory.version, "The version")->required();
     AddAccessoryOptions(*transfer, choice);
     transfer->callback([&] { choice.run = [&](Session& s) { return Transfer(s, choice.accessory); }; });
 
     auto* remote = AddCommand(app, "remote-install", "Install the device's own version on an accessory",
-                              "  arborctl remote-install --to 4711 --model QMA --wait");
+                              "  arborctl remote-install --to 4711 --wait");
     AddAccessoryOptions(*remote, choice);
     remote->add_option("--version", choice.accessory.version, "The version, for the device's log");
     remote->callback([&] { choice.run = [&](Session& s) { return RemoteInstall(s, choice.accessory); }; });
+}
+
+void AddLink(CLI::App& app, Choice& choice) {
+    AddCommand(app, "peers", "List the devices that this one knows", "  arborctl peers\n  arborctl peers --json")
+        ->callback([&] { choice.run = arborctl::ShowPeers; });
+
+    auto* pair = AddCommand(app, "pair", "Let another device in by its key; without a key, show this device's own",
+                            "  arborctl pair                                     the keys, and who was turned away\n"
+                            "  arborctl pair KEY --name palm                     let it in when it calls\n"
+                            "  arborctl pair KEY --address tcp://10.77.0.1:5700  call it there\n"
+                            "  arborctl pair KEY --remove                        let it in no longer\n"
+                            "Both devices need the other's key. A new name and address replace those before.");
+    auto* key = pair->add_option("KEY", choice.pair.publicKey, "The other device's key, 64 hexadecimal digits");
+    auto* name = pair->add_option("--name", choice.pair.name, "What people call it")->needs(key);
+    auto* address = pair->add_option("--address", choice.pair.address, "Where to call it; without, it calls")
+                        ->type_name("tcp://HOST:PORT")
+                        ->needs(key);
+    pair->add_flag("--remove", choice.pair.remove, "Take its key away")->needs(key)->excludes(name)->excludes(address);
+    pair->callback([&, key] {
+        choice.run = [&, given = key->count() > 0](Session& s) { return given ? Pair(s, choice.pair) : ShowKeys(s); };
+    });
+
+    auto* keygen = AddCommand(app, "keygen", "Make a device's key pair and print its public key; needs no device",
+                              "  arborctl keygen keys/4711.json      the device's \"keyFile\"");
+    keygen->add_option("FILE", choice.first, "The file to make; there must be none")->required();
+    keygen->callback([&] { choice.run = [&](Session& s) { return MakeKeyFile(s, choice.first); }; });
 }
 
 void AddStreams(CLI::App& app, Choice& choice) {
@@ -163,6 +197,7 @@ int Run(int argc, char** argv) {
     AddQueries(app, choice);
     AddWork(app, choice);
     AddAccessoryWork(app, choice);
+    AddLink(app, choice);
     AddStreams(app, choice);
     try {
         app.parse(argc, argv);

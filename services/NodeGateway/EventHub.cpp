@@ -24,6 +24,8 @@ std::string_view EventName(EventKind kind) {
             return "updateavailable";
         case EventKind::StorageDeviceUpdate:
             return "storagedeviceupdate";
+        case EventKind::PeerUpdate:
+            return "peerupdate";
         case EventKind::Log:
             return "log";
     }

@@ -12,7 +12,7 @@
 
 namespace gateway {
 
-enum class EventKind { Progress, UpdateAvailable, StorageDeviceUpdate, Log };
+enum class EventKind { Progress, UpdateAvailable, StorageDeviceUpdate, PeerUpdate, Log };
 
 /// The events that wait for one listener. Filled by any thread, emptied by the one that serves the listener.
 class EventQueue {

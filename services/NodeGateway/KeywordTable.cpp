@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "ZMessages/Messages.h"
+#include "ZMessages/PeerMessages.h"
 
 namespace gateway {
 
@@ -39,7 +39,11 @@ constexpr Keyword kKeywords[] = {
     {"transfer", kDevice, kTakes<TransferMsg>, ZVersionInfoMsg::kClassName,
      "Carry a version's package to the accessory"},
     {"remoteinstall", kDevice, kTakes<ZSystemUpdateMsg>, ZMessageArray::kClassName,
-     "Install a package that was transferred"},
+     "Install this device's own version on the accessory"},
+    {"peers", kService, kTakes<ZGenericRequestMsg>, ZPeersMsg::kClassName,
+     "The other devices that this one knows, and its own key"},
+    {"pair", kService, kTakes<ZPairMsg>, ZPeersMsg::kClassName,
+     "Let the device with this key in, or no longer; answered as \"peers\" is"},
 };
 
 }  // namespace

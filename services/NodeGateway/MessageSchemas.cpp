@@ -2,7 +2,7 @@
 
 #include <boost/json.hpp>
 
-#include "ZMessages/Messages.h"
+#include "ZMessages/PeerMessages.h"
 
 namespace json = boost::json;
 
@@ -20,6 +20,18 @@ json::object EnumSchema(T usual) {
                                               json::object{{"type", "integer"}}}}};
     schema["default"] = magic_enum::enum_name(usual);
     return schema;
+}
+
+/// The schema of a message in a list.
+template <typename Element>
+json::object ElementSchema() {
+    if constexpr (std::is_same_v<Element, ZMessage>) {
+        return {{"type", "object"},
+                {"required", json::array{"className"}},
+                {"description", "A message of the class that it names"}};
+    } else {
+        return {{"$ref", std::string("#/components/schemas/") + Element::kClassName}};
+    }
 }
 
 /// The schema of a member's type, with the value that it has when its key is missing.
@@ -42,9 +54,7 @@ json::object MemberSchema(const T& usual) {
         return {{"type", "array"}, {"items", {{"type", "string"}}}};
     } else {
         static_assert(ZFields::kIsMessageList<T>, "a field of this type has no schema yet");
-        return {{"type", "array"},
-                {"items", {{"type", "object"}, {"required", json::array{"className"}}}},
-                {"description", "Messages, each of the class that it names"}};
+        return {{"type", "array"}, {"items", ElementSchema<typename ZFields::ListedMessage<T>::Type>()}};
     }
 }
 
@@ -78,7 +88,7 @@ json::object MessageSchemas() {
                    ZSystemUpdateInProgressRequestMsg, ZSystemUpdateInProgressMsg, ZCompareVersionsMsg,
                    ZCompareVersionsResultMsg, ZDevicePropertiesMsg, ZDeviceCompatibilityMsg, InstallProgressMsg,
                    ZFileMsg, ZFileOpenMsg, ZFileWriteMsg, ZFileCloseMsg, TransferMsg, FolderUpdateMsg,
-                   StorageDevicesMsg>();
+                   StorageDevicesMsg, ZPeerMsg, ZPeersMsg, ZPairMsg>();
 }
 
 }  // namespace gateway

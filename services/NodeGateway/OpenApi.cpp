@@ -111,8 +111,9 @@ json::object ProblemSchema() {
 
 constexpr const char* kEventsText =
     "Server-sent events: \"progress\" (InstallProgressMsg), \"updateavailable\" (ZMessageArray), "
-    "\"storagedeviceupdate\" (StorageDevicesMsg) and, with log=1, \"log\" ({\"line\": \"...\"}). The last progress and "
-    "the last available updates come first. A client that takes them too slowly is dropped.";
+    "\"storagedeviceupdate\" (StorageDevicesMsg), \"peerupdate\" (ZPeerMsg: a device came or went) and, with log=1, "
+    "\"log\" ({\"line\": \"...\"}). The last progress and the last available updates come first. A client that takes "
+    "them too slowly is dropped.";
 
 void AddReadings(json::object& paths) {
     const json::object text{{"type", "string"}};

@@ -7,7 +7,7 @@
 #include "HttpServer.h"
 #include "MessageText.h"
 #include "Resources.h"
-#include "ZMessages/Messages.h"
+#include "ZMessages/PeerMessages.h"
 #include "ZShared/ZLog.h"
 
 Z_IMPLEMENT(ZNodeGatewayCfg)
@@ -117,7 +117,8 @@ bool ZNodeGateway::InitMessageMap() {
     return ShowAs<InstallProgressMsg>(EventKind::Progress, ZEndpointType::Progress, "") &&
            ShowAs<ZMessageArray>(EventKind::UpdateAvailable, ZEndpointType::GraphService, "updateavailable") &&
            ShowAs<StorageDevicesMsg>(EventKind::StorageDeviceUpdate, ZEndpointType::GraphService,
-                                     "storagedeviceupdate");
+                                     "storagedeviceupdate") &&
+           ShowAs<ZPeerMsg>(EventKind::PeerUpdate, ZEndpointType::GraphService, "peerupdate");
 }
 
 template <typename Class>

@@ -55,7 +55,7 @@ std::shared_ptr<ZPeerMsg> PeerTable::Gone(const std::string& key) {
     const std::lock_guard lock(m_mutex);
     const auto entry = std::ranges::find_if(m_peers, HasKey(key));
     if (entry == m_peers.end()) {  // its pin was taken away, and with it the connection
-        const auto gone = ZMakeShared<ZPeerMsg>();
+        auto gone = ZMakeShared<ZPeerMsg>();
         gone->m_PublicKey = ToZString(key);
         return gone;
     }

@@ -44,41 +44,42 @@ bool ZNodePeer::OnConfig(const std::shared_ptr<ZMessage>& message, const std::sh
     return ReadRecord(*record);
 }
 
+bool ZNodePeer::RefuseSetting(const char* key, const std::string& reason) const {
+    Z_LOG(4, "Setting \"%s\" of %s: %s", key, Name().c_str(), reason.c_str());
+    return false;
+}
+
 bool ZNodePeer::ReadRecord(const ZNodePeerCfg& record) {
-    const auto refuse = [this](const char* key, const std::string& reason) {
-        Z_LOG(4, "Setting \"%s\" of %s: %s", key, Name().c_str(), reason.c_str());
-        return false;
-    };
     const ZString keyFile = record.KeyFile();
     m_pinsFile = ToStdString(record.PinsFile());
     if (!keyFile.starts_with('/') || !m_pinsFile.starts_with('/')) {
-        return refuse(keyFile.starts_with('/') ? "pinsFile" : "keyFile", "it is no absolute path");
+        return RefuseSetting(keyFile.starts_with('/') ? "pinsFile" : "keyFile", "it is no absolute path");
     }
     m_settings.listenAddress = ToStdString(record.m_Listen);
     if (!record.m_Listen.empty() && !ZNodeCommZmq::IsAddress(m_settings.listenAddress)) {
-        return refuse("listen", "it is no address such as tcp://*:5700");
+        return RefuseSetting("listen", "it is no address such as tcp://*:5700");
     }
     static const std::regex place("[1236]:[^ ]+");
     for (const ZString& name : record.m_Exports) {
         if (!std::regex_match(name.c_str(), place)) {
-            return refuse("exports", "\"" + ToStdString(name) + "\" is no type and keyword, as \"2:upload\"");
+            return RefuseSetting("exports", "\"" + ToStdString(name) + "\" is no type and keyword, as \"2:upload\"");
         }
         m_settings.exports.insert(ToStdString(name));
     }
     m_settings.heartbeat = std::chrono::milliseconds(record.m_HeartbeatMilliseconds);
     if (record.m_HeartbeatMilliseconds < 100 || record.m_HeartbeatMilliseconds > 60'000) {
-        return refuse("heartbeatMilliseconds", "it is not from 100 to 60000");
+        return RefuseSetting("heartbeatMilliseconds", "it is not from 100 to 60000");
     }
     std::string error;
     const auto keys = LoadOrMakeLinkKeys(std::filesystem::path(keyFile), error);
     if (!keys) {
-        return refuse("keyFile", error);
+        return RefuseSetting("keyFile", error);
     }
     m_settings.publicKey = keys->publicKey;
     m_settings.secretKey = keys->secretKey;
     const auto pins = LoadPins(m_pinsFile, error);
     if (!pins) {
-        return refuse("pinsFile", error);
+        return RefuseSetting("pinsFile", error);
     }
     m_peers.SetPins(*pins);
     return true;
@@ -105,7 +106,7 @@ std::shared_ptr<Answer> ZNodePeer::Ask(ZEndpointType type, const char* keyword) 
 }
 
 std::shared_ptr<ZPeerMsg> ZNodePeer::Introduction() {
-    const auto self = Z_MAKE(ZPeerMsg);
+    auto self = Z_MAKE(ZPeerMsg);
     self->m_PublicKey = ToZString(m_settings.publicKey);
     if (const auto properties = Ask<ZDevicePropertiesMsg>(ZEndpointType::GraphService, "deviceProps")) {
         self->m_DeviceType = properties->m_DeviceType;
@@ -169,7 +170,7 @@ bool ZNodePeer::OnForward(std::shared_ptr<ZMessage>& message) {
 }
 
 std::shared_ptr<ZPeersMsg> ZNodePeer::Peers() const {
-    const auto answer = Z_MAKE(ZPeersMsg);
+    auto answer = Z_MAKE(ZPeersMsg);
     answer->m_PublicKey = ToZString(m_settings.publicKey);
     answer->m_Peers = m_peers.All();
     return answer;

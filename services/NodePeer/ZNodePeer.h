@@ -37,6 +37,8 @@ public:
 
 private:
     bool ReadRecord(const ZNodePeerCfg& record);
+    /// Always false.
+    bool RefuseSetting(const char* key, const std::string& reason) const;
     std::shared_ptr<ZPeerMsg> Introduction();
     template <typename Answer>
     std::shared_ptr<Answer> Ask(ZEndpointType type, const char* keyword);

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <openssl/evp.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -8,6 +9,7 @@
 #include <tuple>
 
 #include "Conversation.h"
+#include "NodeComm/zmq/LinkKeys.h"
 
 namespace {
 
@@ -42,6 +44,16 @@ constexpr const char* kNoAnswer = nullptr;
 constexpr const char* kAny = nullptr;
 constexpr const char* kYes = R"({"bSuccess": true})";
 
+#define PALM_KEY "abababababababababababababababababababababababababababababababab"
+#define STRANGER "cdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcd"
+constexpr const char* kPeers = R"({"bSuccess": true, "publicKey": "ef", "peers": [
+    {"name": "palm", "publicKey": ")" PALM_KEY R"(", "pinned": true, "connected": true, "deviceType": "DEVICE_PALM",
+     "deviceModel": "QMD", "serialNumber": "4", "board": "b\u001b", "version": "3.044"},
+    {"name": "cart", "publicKey": "12", "pinned": true, "deviceType": "DEVICE_CART", "deviceModel": "KiteQM",
+     "serialNumber": "5", "targetVersion": "3.1", "compatible": true, "requiresUpdate": true},
+    {"name": "old", "pinned": true, "deviceType": "DEVICE_CART", "serialNumber": "6", "targetVersion": "3"},
+    {"name": "new", "publicKey": "34", "pinned": true, "deviceModel": "KiteQM"}, {"publicKey": ")" STRANGER R"("}]})";
+
 // clang-format off
 constexpr AnswerCase kAnswers[]{
     {"status", "status", kAny, 200, kStatus, 0, "Available updates   3.046, 3.045\n", ""},
@@ -70,6 +82,19 @@ constexpr AnswerCase kAnswers[]{
      200, R"({"bSuccess": false, "text": "no such version"})", 1, "", "no such version"},
     {"remote-install --to 4 --version 3", "remoteinstall", R"({"serialNumber": "4", "version": "3"})",
      200, R"({"messages": [{"bSuccess": false}]})", 1, "", "accessory was not found"},
+    {"peers", "peers", "{}", 200, kPeers, 0, "palm  QMD     4       accessory  b\\x1b  3.044    connected\n", ""},
+    {"peers", "peers", "{}", 200, kPeers, 0, "cart  KiteQM  5       host       -      -        away        needs 3.1\n", ""},
+    {"peers", "peers", "{}", 200, kPeers, 0, "away        host too old\nnew   -       -       -          -      -        never seen\n", ""},
+    {"peers", "peers", "{}", 200, kPeers, 0, "\n\nTurned away because their key is not pinned:\n  " STRANGER "\n", ""},
+    {"peers", "peers", "{}", 503, kProblem, 1, "", "HTTP 503"},
+    {"pair", "peers", "{}", 200, kPeers, 0, "key:\n  ef\n\nPinned:\n  " PALM_KEY "  palm\n", ""},
+    {"pair", "peers", "{}", 200, kPeers, 0, "let it in:\n  arborctl pair " STRANGER " --name NAME\n", ""},
+    {"pair", "peers", "{}", 200, R"({"publicKey": "ef"})", 0, "on the other device:\n  arborctl pair ef --name", ""},
+    {"pair $(echo " PALM_KEY " | tr a-f A-F) --name p --address tcp://h:1", "pair",
+     R"({"publicKey": ")" PALM_KEY R"(", "name": "p", "address": "tcp://h:1", "remove": false})", 200, kPeers, 0, "pinned as palm\n", ""},
+    {"pair " STRANGER " --remove", "pair", R"({"publicKey": ")" STRANGER R"(", "name": "", "address": "", "remove": true})",
+     200, kPeers, 0, STRANGER ": no longer pinned\n", ""},
+    {"pair " STRANGER " --remove", "pair", kAny, 200, R"({"bSuccess": false, "text": "not here"})", 1, "", "not removed: not here"},
     {"log -n 2", "log", kAny, 200, R"({"lines": ["one", "two\u0007"]})", 0, "one\ntwo\\x07\n", ""},
 };
 // clang-format on
@@ -114,6 +139,11 @@ TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {
         {"send a @/nowhere/file", 2, "/nowhere/file"},
         {"upload /nowhere/file", 2, "/nowhere/file: No such file"},
         {"upload /", 2, "/: Is a directory"},
+        {"upload in", 2, "does not end in .pkg (--no-check)"},
+        {"pair abc", 2, "abc: a key is 64"},
+        {"pair --remove", 2, "KEY"},
+        {"pair " PALM_KEY " --remove --name a", 2, "--name"},
+        {"keygen /nowhere/keys", 2, "/nowhere/keys: No such file"},
         {"scan /nowhere/a.pkg", 2, "/nowhere/a.pkg: No such file"},
         {"status", 3, "/nowhere/env.sock: No such file or directory"},
         {"watch --socket /" + std::string(200, 'x'), 3, "longer than 107"},
@@ -144,13 +174,13 @@ TEST(Upload, CarriesEveryByteAndClosesNothingThatWasRefused) {
         ScriptedGateway gateway;
         std::ofstream(gateway.Folder() + "/a.pkg", std::ios::binary) << bytes;
         gateway.Script("/v1/upload", {200, R"({"bSuccess": false, "text": "disk full"})"});
-        const auto refused = RunProgram(gateway, "upload a.pkg");
+        const auto refused = RunProgram(gateway, "upload a.pkg --no-check");
         EXPECT_EQ(refused->Status(), 1);
         EXPECT_THAT(refused->Errors(), HasSubstr("a.pkg: open refused: disk full"));
         ASSERT_EQ(gateway.Messages("/v1/upload", 1).size(), 1U) << "what is not closed is thrown away";
 
         gateway.Script("/v1/upload", {200, kYes});
-        EXPECT_EQ(RunProgram(gateway, "upload a.pkg")->Status(), 0);
+        EXPECT_EQ(RunProgram(gateway, "upload a.pkg --no-check")->Status(), 0);
         auto messages = gateway.Messages("/v1/upload", 3);
         messages.erase(messages.begin());
         EXPECT_EQ(messages.front(), json::parse(R"({"className": "ZFileOpenMsg", "mode": 493, "filePath": "a.pkg"})"));
@@ -159,6 +189,52 @@ TEST(Upload, CarriesEveryByteAndClosesNothingThatWasRefused) {
         std::for_each(messages.begin() + 1, messages.end() - 1, [&](const auto& write) { received += Decoded(write); });
         EXPECT_TRUE(received == bytes) << size;
     }
+}
+
+TEST(Accessory, IsKnownByItsSerialNumberWhereTheDeviceHasALink) {
+    // clang-format off
+    const struct { const char* line; ScriptedGateway::Answer peers; const char* message; int status; const char* text; } cases[]{
+        {"transfer 9 --to 4", {200, kPeers}, R"({"version": "9", "serialNumber": "4", "deviceModel": "QMD"})", 0, "started"},
+        {"transfer 9 --to 7", {200, kPeers}, R"({"version": "9", "serialNumber": "7"})", 0, "started"},
+        {"transfer 9 --to 7", {503, "{}"}, R"({"version": "9", "serialNumber": "7"})", 0, "started"},
+        {"transfer 9 --to 5", {200, kPeers}, nullptr, 1, "to 5: cart (KiteQM-5) is not connected"},
+        {"transfer 9 --to 5 --model KiteQM", {200, kPeers}, nullptr, 1, "not connected"},
+        {"transfer 9 --to 5", {504, kProblem}, nullptr, 1, "HTTP 504"},
+        {"remote-install --to 5", {200, kPeers}, R"({"serialNumber": "5", "deviceModel": "KiteQM"})", 0, "started"},
+    };
+    // clang-format on
+    for (const auto& item : cases) {
+        ScriptedGateway gateway;
+        const bool transfer = std::string(item.line).starts_with("transfer");
+        const std::string path = transfer ? "/v1/transfer" : "/v1/remoteinstall";
+        gateway.Script("/v1/peers", item.peers);
+        gateway.Script(path, {200, transfer ? kYes : R"({"messages": [{"bSuccess": true}]})"});
+        const auto program = RunProgram(gateway, item.line);
+        EXPECT_EQ(program->Status(), item.status) << item.line;
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
+        const auto messages = gateway.Messages(path, item.message != nullptr ? 1 : 0);
+        ASSERT_EQ(messages.size(), item.message != nullptr ? 1U : 0U) << item.line;
+        EXPECT_TRUE(messages.empty() || messages.front() == json::parse(item.message)) << item.line;
+    }
+}
+
+TEST(Keygen, MakesAPairThatTheDeviceTakesAndOverwritesNothing) {
+    const ScriptedGateway gateway;
+    const std::string file = gateway.Folder() + "/keys.json";
+    const auto made = RunProgram(gateway, "keygen keys.json");
+    ASSERT_EQ(made->Status(), 0) << made->Errors();
+    std::string error;
+    const auto keys = LoadOrMakeLinkKeys(file, error);
+    ASSERT_TRUE(keys) << error;
+    EXPECT_EQ(made->Output(), keys->publicKey + "\n");
+    struct stat status {};
+    ASSERT_EQ(stat(file.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0600U);
+    const std::string before = ReadAll(file);
+    const auto again = RunProgram(gateway, "keygen keys.json");
+    EXPECT_EQ(again->Status(), 2);
+    EXPECT_THAT(again->Errors(), HasSubstr("keys.json: there is such a file already"));
+    EXPECT_EQ(ReadAll(file), before);
 }
 
 }  // namespace

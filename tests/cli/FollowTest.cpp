@@ -31,6 +31,7 @@ struct Device : ScriptedGateway {
         Script("/v1/remoteinstall", {200, R"({"messages": [{"bSuccess": true}]})"});
         Script("/v1/findupdates", {200, R"({"messages": []})"});
         Script("/v1/newFile", {202, ""});
+        Script("/v1/upload", {200, R"({"bSuccess": true})"});
         Script("/v1/status", {200, R"({"progress": {"percent": 10}, "updateInProgress": true})"});
     }
     [[nodiscard]] std::unique_ptr<Program> Start(const std::string& line) const {
@@ -95,6 +96,11 @@ TEST(Follow, AnOperationOnAnAccessoryEndsAsTheDevicesLogTells) {
         {"transfer 3.1 --to 4", "transfer", copyFailed + Step(40) + LogLine(closed + "SUCCESS"), 0, "done"},
         {"transfer 3.1 --to 4", "transfer", LogLine(closed + "FAILED"), 1, "Complete FAILED"},
         {"transfer 3.1 --to 4", "transfer", LogLine("Error on File write: full") + LogLine(closed + "SUCCESS"), 1, "full"},
+        {"transfer 3.1 --to 4", "transfer", LogLine("Error on File write: full") + LogLine(closed + "FAILED"), 1, "full"},
+        {"transfer 3.1 --to 4", "transfer", LogLine("Unable to publish File Close!"), 1, "File Close!"},
+        {"transfer 3.1 --to 4", "transfer", LogLine("The transfer of /a ended after 1 of 2 bytes") + LogLine(closed + "SUCCESS"),
+         1, "ended after 1 of 2"},
+        {"transfer 3.1 --to 4", "transfer", kDone + LogLine("Error on File write: full") + LogLine(closed + "SUCCESS"), 1, "full"},
         {"remote-install --to 4", "remoteinstall", LogLine(closed + "SUCCESS") + copyFailed, 1, "Failed to copy"},
         {"remote-install --to 4", "remoteinstall", Step(7) + kDone, 0, "done"},
     };
@@ -137,17 +143,51 @@ TEST(Follow, AScanReportsTheOutcomeForItsFile) {
     }
 }
 
+TEST(Follow, AnUploadReportsTheOutcomeForItsFile) {
+    const auto announced = [](const std::string& rejected) {
+        return Event(
+            "updateavailable",
+            R"({"messages": [{"version": "3.046", "versionType": "System"}, {"version": "2", "versionType": ")" +
+                rejected + R"(", "bSuccess": false, "text": "too old"}]})");
+    };
+    const std::string closing = LogLine("x Closing file /up/a.pkg");
+    const std::string accepted = LogLine("x Package version <3.046 - /up/a.pkg> greater than or equal to <3>");
+    const struct {
+        std::string events;
+        int status;
+        const char* text;
+    } cases[]{
+        // A stick with a package of the same name is checked at the same time.
+        {closing + announced("/usb/a.pkg") + accepted + announced("/usb/a.pkg"), 0,
+         "/up/a.pkg: accepted, new: 3.046\n"},
+        {closing + announced("/usb/a.pkg") + announced("/up/a.pkg"), 1, "/up/a.pkg: rejected (version 2): too old"},
+        {announced("/up/b.pkg") + announced("/up/a.pkg"), 1, "a.pkg: rejected (version 2): too old"},
+    };
+    for (const auto& item : cases) {
+        Device device;
+        device.Play({Event("updateavailable", "{}") + kLive, "upload", item.events});
+        std::ofstream(device.Folder() + "/a.pkg") << "x";
+        const auto program = device.Start("upload a.pkg");
+        EXPECT_EQ(program->Status(), item.status) << program->Errors();
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
+        EXPECT_EQ(device.Messages("/v1/upload", 3).back().at("className"), "ZFileCloseMsg");
+    }
+}
+
 TEST(Follow, WatchShowsEveryKindOfEventUntilItIsInterrupted) {
     Device device;
     device.Play(
         {Event("storagedeviceupdate", R"({"addedDevices": ["/media/usb1"], "removedDevices": ["/media/u\u001b"]})") +
-         Event("updateavailable", R"({"messages": [{"version": "3.1", "versionType": "System"}]})") + Step(3)});
+         Event("updateavailable", R"({"messages": [{"version": "3.1", "versionType": "System"}]})") +
+         Event("peerupdate", R"({"name": "palm", "deviceModel": "QMD", "serialNumber": "4", "connected": true})") +
+         Step(3)});
     const auto program = device.Start("watch");
     EXPECT_TRUE(program->WaitForOutput("  3 %  Install: Write\n"));
     program->Interrupt();
     EXPECT_EQ(program->Status(), 130);
     EXPECT_THAT(program->Output(),
-                HasSubstr("drive attached: /media/usb1\ndrive removed: /media/u\\x1b\navailable: 3.1\n"));
+                HasSubstr("drive attached: /media/usb1\ndrive removed: /media/u\\x1b\navailable: 3.1\n"
+                          "device palm (QMD-4): connected\n"));
 }
 
 TEST(Follow, TheLogGoesOnWithoutLosingOrRepeatingALine) {

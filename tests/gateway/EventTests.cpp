@@ -13,15 +13,18 @@ TEST_F(Gateway, SendsEveryEventToEveryListenerWithRisingIds) {
     probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "updateavailable", 0),
                    Made("ZMessageArray", R"({"messages":[{"className":"ZVersionInfoMsg","version":"3.046"}]})"));
     EXPECT_EQ(Post("/v1/storagedeviceupdate", R"({"addedDevices":["/media/a"]})").status, 202);
+    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "peerupdate", 0),
+                   Made("ZPeerMsg", R"({"serialNumber":"4711","connected":true})"));
     for (RawClient* client : {&first, &second}) {
-        ASSERT_TRUE(client->WaitFor("/media/a")) << client->Received();
+        ASSERT_TRUE(client->WaitFor("4711")) << client->Received();
         EXPECT_THAT(
             client->Received(),
             testing::MatchesRegex("HTTP/1.1 200 OK.*text/event-stream.*"
                                   "event: progress\nid: 1\ndata: "
                                   "\\{\"className\":\"InstallProgressMsg\"[^\n]*\"percent\":10[^\n]*\\}\n\n.*"
                                   "event: updateavailable\nid: 2\ndata: \\{[^\n]*\"version\":\"3.046\"[^\n]*\\}\n\n.*"
-                                  "event: storagedeviceupdate\nid: 3\ndata: \\{[^\n]*/media/a[^\n]*\\}\n\n.*"));
+                                  "event: storagedeviceupdate\nid: 3\ndata: \\{[^\n]*/media/a[^\n]*\\}\n\n.*"
+                                  "event: peerupdate\nid: 4\ndata: \\{[^\n]*\"connected\":true[^\n]*\\}\n\n.*"));
     }
 }
 

@@ -43,6 +43,8 @@ const KeywordCase kKeywords[] = {
     {"transfer", kDevice, R"({"version":"3.045","deviceModel":"QMA"})", "TransferMsg", "deviceModel", "QMA",
      "ZVersionInfoMsg"},
     {"remoteinstall", kDevice, R"({"version":"3.045"})", "ZSystemUpdateMsg", "version", "3.045", "ZMessageArray"},
+    {"peers", kService, "{}", "ZGenericRequestMsg", "", "", "ZPeersMsg"},
+    {"pair", kService, R"({"publicKey":"ab","remove":true})", "ZPairMsg", "publicKey", "ab", "ZPeersMsg"},
 };
 
 TEST_F(Gateway, CarriesEveryKeywordToItsEndpointAndTheAnswerBack) {
@@ -82,6 +84,7 @@ TEST_F(Gateway, RefusesBadRequestsWithAProblemThatNamesTheField) {
         {"POST", "/v1/updatesystem", R"({"deviceModel":4294967296})", 400, "deviceModel"},
         {"POST", "/v1/updatesystem", R"({"className":"ZGenericRequestMsg"})", 400, "className"},
         {"POST", "/v1/updatesystem", R"({"className":7})", 400, "className"},
+        {"POST", "/v1/pair", R"({"publicKey":"ab","remove":"yes"})", 400, "remove"},
         {"POST", "/v1/upload", "{}", 400, "className"},
         {"POST", "/v1/upload", R"({"className":"ZFileMsg"})", 400, "className"},
         {"POST", "/v1/storagedeviceupdate", R"({"devices":["a",1]})", 400, "devices"},

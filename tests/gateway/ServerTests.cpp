@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <regex>
+#include <sstream>
 
 #include "GatewayFixture.h"
 
@@ -82,7 +83,7 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     answer(ZEndpointType::GraphService, "deviceProps", "ZDevicePropertiesMsg",
            R"({"model":"KiteQM","serialNumber":"7","board":"b"})");
     probe->Listen(ZEndpointType::GraphService, "getdevices", [](const auto&) {
-        const auto drives = ZMakeShared<StorageDevicesMsg>();
+        auto drives = ZMakeShared<StorageDevicesMsg>();
         drives->m_Devices = {"/media/M\xfcll"};
         return drives;
     });
@@ -113,11 +114,12 @@ TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
     const std::string text = Get("/v1/openapi.json").body;
     ZJSONCommStream stream;
     ASSERT_TRUE(stream.LoadText(text)) << stream.Error();
-    for (const char* path :
-         {"updatesystem", "compareversions", "findupdates", "getinstalledversioninfo", "getUpdateInProgress", "newFile",
-          "storagedeviceupdate", "getdevices", "deviceProps", "checkCompatibility", "upload", "transfer",
-          "remoteinstall", "events", "status", "log", "metrics", "openapi.json"}) {
-        EXPECT_NE(text.find("\"/v1/" + std::string(path) + "\":{"), std::string::npos) << path;
+    std::istringstream paths(
+        "updatesystem compareversions findupdates getinstalledversioninfo getUpdateInProgress newFile "
+        "storagedeviceupdate getdevices deviceProps checkCompatibility upload "
+        "transfer remoteinstall peers pair events status log metrics openapi.json");
+    for (std::string path; paths >> path;) {
+        EXPECT_NE(text.find("\"/v1/" + path + "\":{"), std::string::npos) << path;
     }
     const std::regex reference("\"#/components/[a-z]+/([A-Za-z]+)\"");
     for (std::sregex_iterator found(text.begin(), text.end(), reference), end; found != end; ++found) {
@@ -129,11 +131,14 @@ TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
         std::string::npos);
     EXPECT_NE(text.find("ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"), std::string::npos);
     EXPECT_NE(text.find(R"("reboot":{"type":"boolean","default":true})"), std::string::npos);
+    EXPECT_NE(text.find(R"("peers":{"type":"array","items":{"$ref":"#/components/schemas/ZPeerMsg"}})"),
+              std::string::npos);
 }
 
 TEST_F(Gateway, OutlastsClientsThatStallInTheMiddleOfARequest) {
     ASSERT_TRUE(Start());
     std::vector<std::unique_ptr<RawClient>> stalled;
+    stalled.reserve(50);
     for (int count = 0; count < 50; ++count) {
         stalled.push_back(std::make_unique<RawClient>(socket, count % 2 == 0 ? kHalfARequest : "GET /v1/st"));
     }

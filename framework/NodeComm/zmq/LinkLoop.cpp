@@ -418,8 +418,7 @@ void LinkLoop::FlushOutboxes() {
     }
 }
 
-void LinkLoop::EndSession(const std::string& name) {
-    const std::string key = name;  // may be the table's own
+void LinkLoop::EndSession(std::string key) {
     const auto session = m_sessions.find(key);
     if (session == m_sessions.end()) {
         return;

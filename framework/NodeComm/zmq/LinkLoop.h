@@ -75,7 +75,7 @@ private:
     void Take(const std::string& key, LinkSocket& socket, std::string number, LinkFrames frames);
     void Introduce(Session& session);
     void FlushOutboxes();
-    void EndSession(const std::string& key);
+    void EndSession(std::string key);  // a copy: the key may be the table's own
     const ZLinkPin* FindPin(const std::string& key) const;
 
     const LinkSocketSettings m_settings;
