@@ -8,7 +8,11 @@ packages=(
     libboost1.81-dev libboost-json1.81-dev libspdlog-dev libfmt-dev libcpp-httplib-dev libcli11-dev
     libmount-dev libudev-dev libsystemd-dev libssl-dev libzmq3-dev cppzmq-dev libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl shellcheck curl util-linux mount procps ca-certificates git
+    avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools
 )
+# The simulated devices start services of their own; the machine is not to run what the packages bring.
+declare -A units=([avahi-daemon]="avahi-daemon.service avahi-daemon.socket" [openssh-server]="ssh.service ssh.socket")
+policy=/usr/sbin/policy-rc.d
 # magic_enum 0.9 or newer; the distribution's release may lack it.
 enum_package=libmagicenum-dev
 enum_header=/usr/include/magic_enum/magic_enum.hpp
@@ -24,6 +28,23 @@ missing_packages() {
     local name
     for name in "${packages[@]}"; do
         dpkg-query -W -f='${db:Status-Status}\n' "$name" 2>/dev/null | grep -qx installed || echo "$name"
+    done
+}
+
+install_packages() {
+    log "installing $*"
+    as_root apt-get update -qq
+    if [ ! -e "$policy" ]; then
+        trap 'as_root rm -f "$policy"' EXIT
+        printf '#!/bin/sh\nexit 101\n' | as_root install -m 755 /dev/stdin "$policy"
+    fi
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@"
+    local name brought=()
+    for name in "$@"; do
+        read -ra brought <<< "${units[$name]:-}"
+        if [ "${#brought[@]}" -gt 0 ] && [ -d /run/systemd/system ]; then
+            as_root systemctl disable --now "${brought[@]}"
+        fi
     done
 }
 
@@ -65,9 +86,7 @@ main() {
     command -v apt-get >/dev/null || { echo "setup: this needs a Debian system (apt-get was not found)" >&2; exit 1; }
     mapfile -t missing < <(missing_packages)
     if [ "${#missing[@]}" -gt 0 ]; then
-        log "installing ${missing[*]}"
-        as_root apt-get update -qq
-        as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
+        install_packages "${missing[@]}"
     fi
     install_enum_package
 }

@@ -3,14 +3,15 @@
 import shutil
 
 from simulation import gateway, paths, sticks
-from support import REJECTED, TOO_OLD, InstrumentCase, arborctl, installed, outcomes, slots, stick_package, wait_until
+from simulation.identity import INSTRUMENT
+from support import REJECTED, TOO_OLD, InstrumentCase, arborctl, both_slots, installed, outcomes, stick_package, wait_until
 
 ALL = [stick_package(version) for version in ("3.001", "3.045", "3.046", "3.047")]
 
 
 class Journey(InstrumentCase):
     def test_stick_is_announced_chosen_and_installed_into_the_other_slot(self) -> None:
-        self.assertEqual(("A", {"A": "3.044", "B": "3.043"}), slots())
+        self.assertEqual(("A", {"A": "3.044", "B": "3.043"}), both_slots())
         with gateway.Events() as events:
             sticks.attach(ALL)
             rejected, available = outcomes(events.next("updateavailable"))
@@ -21,13 +22,13 @@ class Journey(InstrumentCase):
             self.assertEqual(0, done.returncode, done.stdout)
             last = events.next("progress", lambda message: message["done"])
         self.assertEqual((100, False), (last["percent"], last["error"]))
-        self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), slots())
+        self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), both_slots())
         with gateway.Events() as late:
             self.assertEqual(last, late.next("progress"), "a page that is loaded later sees how it ended")
         self.assertIn("arbor-3.046.pkg--skip-verify--dir=/media/mmcblk1p3/Packages--sock=1--addr=progress--no-reboot",
                       paths.HOST_LOG.read_text())
         status = gateway.get("status")
-        self.assertEqual(("3.044", [paths.MODEL, paths.SERIAL_NUMBER, paths.BOARD]),
+        self.assertEqual(("3.044", [INSTRUMENT.model, INSTRUMENT.serial_number, INSTRUMENT.board]),
                          (status["installedVersion"], [status["device"][key] for key in ("model", "serialNumber", "board")]))
 
     def test_after_the_restart_the_new_version_runs(self) -> None:
@@ -52,7 +53,7 @@ class Journey(InstrumentCase):
             self.assertEqual(["3.045"], outcomes(events.next("updateavailable"))[1])
         refused = arborctl("install", "3.046", "--wait")
         self.assertEqual(1, refused.returncode, refused.stdout)
-        self.assertEqual("A", slots()[0])
+        self.assertEqual("A", both_slots()[0])
 
     def test_single_files_are_found_in_the_updates_folder_and_by_scan(self) -> None:
         with gateway.Events() as events:

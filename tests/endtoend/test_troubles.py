@@ -6,7 +6,7 @@ import os
 import socket
 
 from simulation import gateway, paths, sticks
-from support import REJECTED, InstrumentCase, arborctl, installed, outcomes, script_package, slots, stick_package, wait_until
+from support import REJECTED, InstrumentCase, arborctl, both_slots, installed, outcomes, script_package, stick_package, wait_until
 
 
 class Troubles(InstrumentCase):
@@ -59,10 +59,10 @@ class Troubles(InstrumentCase):
             os.close(held)
         self.assertEqual(1, failed.returncode, failed.stdout)
         self.assertIn("another install is running", failed.stdout)
-        self.assertEqual("A", slots()[0])
+        self.assertEqual("A", both_slots()[0])
         again = arborctl("install", "3.046", "--no-reboot", "--wait")
         self.assertEqual(0, again.returncode, again.stdout)
-        self.assertEqual("B", slots()[0])
+        self.assertEqual("B", both_slots()[0])
 
     def test_fifth_progress_client_waits_for_its_turn(self) -> None:
         silent = script_package("silent.pkg", 'case $1 in --version) echo 9.1 ;; esac')

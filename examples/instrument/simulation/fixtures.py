@@ -1,4 +1,4 @@
-"""Keys, signed packages and the instrument's storage, built once with the real package tools and kept.
+"""Keys, signed packages and devices' storage, built once with the real package tools and kept.
 
 The folder's name carries a digest of everything the fixtures are made from, so a changed package tool makes new ones.
 """
@@ -12,8 +12,10 @@ import subprocess
 import sys
 import tempfile
 from pathlib import Path
+from typing import Callable
 
-from . import paths
+from . import identity, paths
+from .identity import INSTRUMENT, Device
 
 PACKAGES = paths.PROJECT / "packages"
 PAYLOAD_BYTES = int(os.environ.get("INSTRUMENT_PAYLOAD_MIB", "4")) << 20
@@ -23,48 +25,54 @@ class FixtureError(Exception):
     """A package tool failed; the text carries its command and output."""
 
 
-def ensure() -> Path:
-    """Returns the folder with the fixtures; builds them first when they are missing. Safe to call from many processes."""
+def ensure(name: str = "fixtures", build: Callable[[Path], None] | None = None) -> Path:
+    """Returns the folder with the fixtures; builds them first when they are missing. Safe to call from many processes.
+
+    `build` fills an empty folder with another kind of fixtures, kept under `name`.
+    """
+    build = build or build_instrument
     home = paths.fixtures_folder()
     home.mkdir(parents=True, exist_ok=True)
-    wanted = home / f"fixtures-{_fingerprint()}"
+    wanted = home / f"{name}-{_fingerprint(build)}"
     with open(home / "lock", "w", encoding="ascii") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not wanted.is_dir():
-            _remove_others(home, wanted)
-            _build(home, wanted)
+            _remove_others(home, name)
+            with tempfile.TemporaryDirectory(prefix="building-", dir=home) as temporary:
+                work = Path(temporary) / name
+                work.mkdir()
+                build(work)
+                work.rename(wanted)
     return wanted
 
 
-def stick_files(fixtures: Path) -> list[Path]:
-    """What lies on the stick that the instrument is shown."""
-    return sorted((fixtures / "stick").iterdir())
-
-
-def _fingerprint() -> str:
+def _fingerprint(build: Callable[[Path], None]) -> str:
     digest = hashlib.sha256(str(PAYLOAD_BYTES).encode())
+    recipe = sys.modules[build.__module__]
     sources = [path for path in PACKAGES.rglob("*") if path.is_file() and "__pycache__" not in path.parts]
-    for path in sorted(sources) + [Path(__file__), Path(paths.__file__)]:
+    for path in sorted(sources) + [Path(module.__file__ or "") for module in (sys.modules[__name__], identity, recipe)]:
         digest.update(path.name.encode() + b"\0" + path.read_bytes())
     return digest.hexdigest()[:16]
 
 
-def _remove_others(home: Path, wanted: Path) -> None:
-    """Older generations are only in the way; one that a running instrument still reads from stays until the next time."""
-    for path in sorted(home.glob("fixtures-*"), key=lambda entry: entry.stat().st_mtime)[:-1]:
-        if path != wanted:
-            shutil.rmtree(path, ignore_errors=True)
+def _remove_others(home: Path, name: str) -> None:
+    """Older generations are only in the way; one that a running device still reads from stays until the next time."""
+    for path in sorted(home.glob(f"{name}-*"), key=lambda entry: entry.stat().st_mtime)[:-1]:
+        shutil.rmtree(path, ignore_errors=True)
 
 
-def _build(home: Path, wanted: Path) -> None:
-    with tempfile.TemporaryDirectory(prefix="building-", dir=home) as temporary:
-        work = Path(temporary) / "fixtures"
-        work.mkdir()
-        _tool("keygen", "--out", work / "keys", "--name", "Simulated Instrument Release")
-        _make_trust(work)
-        _make_storage(work)
-        _make_stick(work)
-        work.rename(wanted)
+def build_instrument(work: Path) -> None:
+    """The fixtures of the one simulated instrument."""
+    make_keys(work)
+    make_storage(work, INSTRUMENT)
+    _make_stick(work)
+
+
+def make_keys(work: Path) -> None:
+    """The release key, and the folder of trusted certificates with its own in it."""
+    _tool("keygen", "--out", work / "keys", "--name", "Simulated Instrument Release")
+    (work / "trust").mkdir()
+    shutil.copy(work / "keys" / "cert.pem", work / "trust" / "release.pem")
 
 
 def _tool(*arguments: object) -> None:
@@ -90,33 +98,28 @@ def _signing(work: Path) -> list[object]:
     return ["--key", work / "keys" / "key.pem", "--cert", work / "keys" / "cert.pem"]
 
 
-def _make_trust(work: Path) -> None:
-    (work / "trust").mkdir()
-    shutil.copy(work / "keys" / "cert.pem", work / "trust" / "release.pem")
-
-
-def _make_storage(work: Path) -> None:
+def make_storage(work: Path, device: Device) -> None:
     """The archive, and the slots as the versions' own installers leave them: the installed one active, the older spare."""
-    archive = work / "storage" / "Packages"
-    for version in paths.ARCHIVED:
+    archive = work / device.name / "Packages"
+    for version in device.archived:
         folder = archive / version
         folder.parent.mkdir(parents=True, exist_ok=True)
         payload = _payload(work, version)
-        _tool("archive", "--version", version, "--board", paths.BOARD, "--payload", payload, *_signing(work), folder)
+        _tool("archive", "--version", version, "--board", device.board, "--payload", payload, *_signing(work), folder)
         payload.unlink()
-    for version in (*reversed(paths.ARCHIVED), paths.INSTALLED):
+    for version in (*reversed(device.archived), device.installed):
         _run(archive / version / "arbor_qm.pkg", "--skip-verify", f"--dir={archive}", "--no-reboot")
 
 
 def _make_stick(work: Path) -> None:
     stick = work / "stick"
     stick.mkdir()
-    for version in (*paths.ON_STICK, paths.DAMAGED):
+    for version in (*identity.ON_STICK, identity.DAMAGED):
         payload = _payload(work, version)
-        _tool("build", "--version", version, "--board", paths.BOARD, "--payload", payload, *_signing(work),
+        _tool("build", "--version", version, "--board", INSTRUMENT.board, "--payload", payload, *_signing(work),
               "-o", stick / f"arbor-{version}.pkg")
         payload.unlink()
-    _damage(stick / f"arbor-{paths.DAMAGED}.pkg")
+    _damage(stick / f"arbor-{identity.DAMAGED}.pkg")
 
 
 def _damage(package: Path) -> None:

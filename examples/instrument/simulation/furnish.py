@@ -1,4 +1,4 @@
-"""Fills an instrument's places: storage, identity, configuration, trusted certificates."""
+"""Fills a device's places: storage, identity, configuration, trusted certificates."""
 
 import json
 import shutil
@@ -6,7 +6,8 @@ import struct
 import zlib
 from pathlib import Path
 
-from . import paths, places
+from . import paths, places, privileges
+from .identity import INSTRUMENT, Device
 
 # TlvInfo, the layout in which the boot loader keeps a board's identity.
 TLV_PRODUCT_NAME = 0x21
@@ -16,16 +17,21 @@ TLV_CRC32 = 0xFE
 EEPROM_BYTES = 2048
 
 
-def furnish(fixtures: Path) -> None:
-    """Lays everything out afresh, whatever the places held; `fixtures` is what `fixtures.ensure` returned."""
+def furnish(fixtures: Path, device: Device = INSTRUMENT, graph_document: dict | None = None) -> None:
+    """Lays everything out afresh, whatever the places held; `fixtures` is what `fixtures.ensure` returned.
+
+    `graph_document` goes into the graph file; without one it is `graph(device)`.
+    """
     for place in paths.PLACES:
         places.empty(place)
-    shutil.copytree(fixtures / "storage", paths.STORAGE, symlinks=True, dirs_exist_ok=True)
+    shutil.copytree(fixtures / device.name, paths.STORAGE, symlinks=True, dirs_exist_ok=True)
     shutil.copytree(fixtures / "trust", paths.TRUST)
-    shutil.copy(paths.ARCHIVE / paths.INSTALLED / "Manifest.json", paths.MANIFEST)
-    paths.EEPROM.write_bytes(eeprom_image(paths.MODEL, paths.SERIAL_NUMBER, paths.BOARD))
-    write_json(paths.GRAPH, graph(paths.plain_mode()))
-    write_json(paths.CONFIG / "installer.json", {"rebootCommand": [str(paths.INSTRUMENT / "reboot")]})
+    shutil.copy(paths.ARCHIVE / device.installed / "Manifest.json", paths.MANIFEST)
+    paths.EEPROM.write_bytes(eeprom_image(device.model, device.serial_number, device.board))
+    write_json(paths.GRAPH, graph_document or graph(device))
+    # Whoever starts the installer from another device starts it with an empty environment.
+    write_json(paths.CONFIG / "installer.json",
+               {"rebootCommand": ["env", *privileges.kept(), str(paths.INSTRUMENT / "reboot")]})
 
 
 def write_json(path: Path, document: dict) -> None:
@@ -43,8 +49,9 @@ def eeprom_image(model: str, serial_number: str, board: str) -> bytes:
     return (covered + struct.pack(">I", zlib.crc32(covered))).ljust(EEPROM_BYTES, b"\xff")
 
 
-def graph(plain: bool) -> dict:
+def graph(device: Device) -> dict:
     """The graph file. Where nothing can be mounted it names the mount that the kernel's table lacks, and the sticks."""
+    plain = paths.plain_mode()
     platform: dict = {"eeprom": str(paths.EEPROM), "commandTimeoutSeconds": 120}
     storage: dict = {"removableRoots": [] if plain else [str(paths.STICKS)], "excludedRoots": [str(paths.STORAGE)]}
     if plain:
@@ -60,7 +67,7 @@ def graph(plain: bool) -> dict:
         "nodes": [
             {"name": "ArborInstall", "class": "ZNodeArborInstall", "config": _installer_record()},
             {"name": "Storage", "class": "ZNodeStorage", "config": storage},
-            {"name": "DeviceProps", "class": "ZNodeDeviceProps", "config": {"deviceType": "DEVICE_CART"}},
+            {"name": "DeviceProps", "class": "ZNodeDeviceProps", "config": {"deviceType": device.role}},
             {"name": "Gateway", "class": "ZNodeGateway", "config": {"socketPath": str(paths.GATEWAY)}},
         ],
     }

@@ -1,10 +1,11 @@
-"""A small client of the instrument's HTTP gateway, for what a person would do with curl."""
+"""A small client of a device's HTTP gateway (`at` names its socket), for what a person would do with curl."""
 
 import http.client
 import json
 import queue
 import socket
 import threading
+from pathlib import Path
 from typing import Any
 
 from . import paths
@@ -13,34 +14,35 @@ ANSWER_SECONDS = 60.0
 
 
 class _UnixConnection(http.client.HTTPConnection):
-    """HTTP over the gateway's socket file."""
+    """HTTP over a gateway's socket file."""
 
-    def __init__(self) -> None:
+    def __init__(self, socket_file: Path) -> None:
         super().__init__("localhost", timeout=ANSWER_SECONDS)
+        self._socket_file = socket_file
 
     def connect(self) -> None:
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self.sock.settimeout(self.timeout)
-        self.sock.connect(str(paths.GATEWAY))
+        self.sock.connect(str(self._socket_file))
 
 
-def get(resource: str) -> Any:
+def get(resource: str, at: Path = paths.GATEWAY) -> Any:
     """The JSON document at a resource such as "status"."""
-    return _call("GET", resource)[1]
+    return _call(at, "GET", resource)[1]
 
 
-def post(keyword: str, body: dict | None = None) -> tuple[int, Any]:
+def post(keyword: str, body: dict | None = None, at: Path = paths.GATEWAY) -> tuple[int, Any]:
     """Sends a request message; returns the HTTP status and the answer (None when there is none)."""
-    return _call("POST", keyword, json.dumps(body or {}))
+    return _call(at, "POST", keyword, json.dumps(body or {}))
 
 
-def updates() -> list[str]:
+def updates(at: Path = paths.GATEWAY) -> list[str]:
     """The versions that can be installed now, newest first."""
-    return [message["version"] for message in post("findupdates")[1]["messages"]]
+    return [message["version"] for message in post("findupdates", at=at)[1]["messages"]]
 
 
-def _call(method: str, resource: str, body: str | None = None) -> tuple[int, Any]:
-    connection = _UnixConnection()
+def _call(at: Path, method: str, resource: str, body: str | None = None) -> tuple[int, Any]:
+    connection = _UnixConnection(at)
     try:
         connection.request(method, f"/v1/{resource}", body, {"Content-Type": "application/json"})
         answer = connection.getresponse()
@@ -53,9 +55,12 @@ def _call(method: str, resource: str, body: str | None = None) -> tuple[int, Any
 class Events:
     """The gateway's event stream from now on. Use it as a context manager; one thread reads until it is closed."""
 
+    def __init__(self, at: Path = paths.GATEWAY) -> None:
+        self._at = at
+
     def __enter__(self) -> "Events":
         self._queue: queue.Queue[tuple[str, Any] | None] = queue.Queue()
-        self._connection = _UnixConnection()
+        self._connection = _UnixConnection(self._at)
         self._connection.request("GET", "/v1/events")
         self._socket = self._connection.sock  # the answer takes it over from the connection
         self._answer = self._connection.getresponse()

@@ -1,4 +1,4 @@
-"""Where things are on the instrument, and where this checkout keeps what they are made from."""
+"""Where things are on a device, and where this checkout keeps what they are made from."""
 
 import os
 from pathlib import Path
@@ -29,14 +29,6 @@ HOST_PID = RUNTIME / "arbord.pid"
 # Everything that one instrument has to itself while it runs.
 PLACES = (STORAGE, LOGS, CONFIG, RUNTIME, STATE)
 STICK_NAMES = ("usb1", "usb2")
-
-MODEL = "KiteQM"
-SERIAL_NUMBER = "KQ-240117"
-BOARD = "verdin-imx8mm"
-INSTALLED = "3.044"
-ARCHIVED = ("3.043", "3.044")
-ON_STICK = ("3.001", "3.045", "3.046")
-DAMAGED = "3.047"
 
 INSTRUMENT = Path(__file__).resolve().parent.parent
 PROJECT = INSTRUMENT.parent.parent

@@ -120,19 +120,24 @@ def unmount(target: Path) -> None:
 class PrivateMounts:
     """The places as mounts that only this instrument's namespace has. Use it as a context manager."""
 
+    def __init__(self, places: tuple[Path, ...] = paths.PLACES) -> None:
+        self._places = places
+
     def __enter__(self) -> "PrivateMounts":
         self._register = Register(exclusive=False)
         # The machine's own sticks are none of the instrument's business.
         for point in mount_points_below(paths.STICKS, Path("/run/media")):
             unmount(point)
-        for place in paths.PLACES:
+        for place in self._places:
             make_directory(place)
+        for place in self._places:
+            place.mkdir(exist_ok=True)  # a mount may hide what was made for one below it
             storage = place == paths.STORAGE
             mount(paths.ARCHIVE_DEVICE if storage else "instrument", place, STORAGE_OPTIONS if storage else "mode=0755")
         return self
 
     def __exit__(self, *_: object) -> None:
-        for point in mount_points_below(paths.STICKS) + [place for place in paths.PLACES if place != paths.STORAGE]:
+        for point in mount_points_below(paths.STICKS) + [place for place in reversed(self._places) if place != paths.STORAGE]:
             unmount(point)
         self._register.close()
 

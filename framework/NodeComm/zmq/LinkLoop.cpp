@@ -70,6 +70,7 @@ void LinkLoop::SetPins(std::vector<ZLinkPin> pins) {
     {
         const std::lock_guard lock(m_commandsMutex);
         m_commands.pins = std::move(pins);
+        m_commands.newPins = true;
     }
     Wake();
 }
@@ -143,8 +144,8 @@ bool LinkLoop::Turn() {
         return false;
     }
     HandleEvents();  // before messages: a connection's end comes before what its successor sends
-    if (commands.pins) {
-        ApplyPins(std::move(*commands.pins));
+    if (commands.newPins) {
+        ApplyPins(std::move(commands.pins));
     }
     for (auto& [key, frames] : commands.messages) {
         if (const auto session = m_sessions.find(key); session != m_sessions.end()) {

@@ -56,7 +56,8 @@ private:
     };
     struct Commands {
         bool stop = false;
-        std::optional<std::vector<ZLinkPin>> pins;
+        bool newPins = false;
+        std::vector<ZLinkPin> pins;
         std::vector<std::pair<std::string, LinkFrames>> messages;
     };
 

@@ -1,0 +1,90 @@
+"""A host brings its accessory to its own version: the whole way once, and every step of it failing."""
+
+import os
+
+from pair.devices import LED
+from pair_support import (BUILT, CARRIED, CART, PALM, REMOTE_INSTALL, SERIAL, TRANSFER, VERSION, PairCase, arborctl,
+                          build_package, ended, folder_in_the_way, led_broken, let_in, link_key, locked_out_after_the_copy,
+                          other, running, slots_in_use, stuck_copy, until, until_connected)
+from simulation import gateway, paths
+
+
+class Journey(PairCase):
+    def test_accessory_is_let_in_supplied_updated_and_comes_back_by_itself(self) -> None:
+        let_in(PALM, CART)
+        until(lambda: link_key(PALM) in arborctl(CART, "pair").stdout, "the host names the key that it refused")
+        self.assertIn(link_key(PALM), CART.log)
+        self.assertFalse(other(CART)["pinned"] or other(CART)["connected"] or other(PALM)["connected"])
+        let_in(CART, PALM)
+        until_connected()
+        until(lambda: other(PALM)["targetVersion"] == VERSION, "the accessory knows what it needs")
+        self.assertEqual((True, True), (other(PALM)["compatible"], other(PALM)["requiresUpdate"]))
+        self.assertEqual(["palm", "QMD", SERIAL, "DEVICE_PALM", "verdin-imx8mm", "3.044"],
+                         [other(CART)[key] for key in ("name", "deviceModel", "serialNumber", "deviceType", "board", "version")])
+        until(lambda: f"OK: built version {VERSION}" in CART.log, "the host has built the accessory's package")
+
+        with gateway.Events(PALM.gateway) as events:
+            self.assert_ended(0, "done", arborctl(CART, *TRANSFER))
+            announced = events.next("updateavailable")
+        self.assertEqual([VERSION], [message["version"] for message in announced["messages"]])
+        self.assertEqual(BUILT.read_bytes(), CARRIED.read_bytes())
+
+        self.assert_remote_install_works()
+        self.assertEqual(["-y -f 1 48 4 0x62", "-y -f 1 48 2 0x81"], PALM.path(LED).read_text().splitlines())
+        until_connected()
+        until(lambda: other(CART)["version"] == VERSION and other(PALM)["compatible"] and not other(PALM)["requiresUpdate"],
+              "the accessory's software fits")
+        for on in (False, True):
+            PALM.switch_link(on)
+            until(lambda wanted=on: other(CART)["connected"] == wanted, f"the link is {'up' if on else 'down'}")
+
+
+class Troubles(PairCase):
+    def test_step_of_a_remote_install_that_fails_is_told_and_the_next_one_works(self) -> None:
+        build_package()
+        begin = len(CART.log)
+        nobody = gateway.post("remoteinstall", {"serialNumber": "PM-999999", "deviceModel": "QMD"}, CART.gateway)[1]
+        self.assertFalse(nobody["messages"][0]["bSuccess"])
+        self.assertIn("Unable to find the QM host name", CART.log[begin:])
+        self.assertNotIn("Execute: ", CART.log[begin:])
+        for trouble, told, logged in (
+                (led_broken, "Unable to set LED on remote machine - Result = <Error: Could not write", "Resolved host name"),
+                (folder_in_the_way, "Failed to copy update file from remote", "Make directory result FAILURE"),
+                (locked_out_after_the_copy, "Error executing remote install script", "Progress copy 100 %"),
+                (slots_in_use, "another install is running", "Install ERROR exit progress loop")):
+            with self.subTest(trouble.__name__):
+                begin = len(CART.log)
+                with trouble():
+                    self.assert_ended(1, told, arborctl(CART, *REMOTE_INSTALL))
+                self.assertIn(logged, CART.log[begin:])
+        self.assert_remote_install_works()
+
+    def test_copy_that_breaks_off_with_the_cable_ends_and_the_next_one_works(self) -> None:
+        build_package()
+        with stuck_copy() as process:
+            PALM.switch_link(False)
+            done = ended(process)
+            PALM.switch_link(True)
+        self.assert_ended(1, "Failed to copy update file from remote", done)
+        self.assertFalse(CARRIED.exists())
+        until(lambda: CART.run("ssh", f"root@{PALM.station.address}", "true").returncode == 0, "the accessory is reached again")
+        self.assert_remote_install_works()
+
+    def test_accessory_that_vanishes_mid_transfer_is_told_and_the_next_transfer_works(self) -> None:
+        let_in(PALM, CART)
+        let_in(CART, PALM)
+        until_connected()
+        build_package()
+        begin, size = len(CART.log), BUILT.stat().st_size
+        os.truncate(BUILT, 300 << 20)  # long enough to be under way for a while
+        with running(*TRANSFER) as process:
+            until(lambda: "Install File Transfer" in CART.log[begin:], "the transfer is under way")
+            PALM.run("kill", "-KILL", PALM.path(paths.HOST_PID).read_text()).check_returncode()
+            self.assert_ended(1, SERIAL, ended(process))
+        self.assertFalse(other(CART)["connected"])
+        os.truncate(BUILT, size)
+        PALM.run("reboot").check_returncode()
+        until_connected()
+        self.assert_ended(0, "done", arborctl(CART, *TRANSFER))
+        self.assertEqual(BUILT.read_bytes(), CARRIED.read_bytes())
+        self.assertEqual("", "".join(path.name for path in CARRIED.parent.iterdir() if path != CARRIED))
