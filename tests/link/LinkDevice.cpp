@@ -48,7 +48,7 @@ void LinkDevice::Start() {
     record->m_PinsFile = ToZString((m_folder / "pins.json").string());
     record->m_Listen = ToZString(m_listen);
     record->m_Exports = m_exports;
-    record->m_HeartbeatMilliseconds = 500;
+    record->m_HeartbeatMilliseconds = 10'000;  // a loaded machine is no dead link
     ASSERT_TRUE(m_graph->AddNode(ZNodePeer::kClassName, "Peer", record, error)) << error;
     ASSERT_TRUE(m_graph->Start(error)) << error;
 }

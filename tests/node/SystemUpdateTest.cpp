@@ -153,6 +153,7 @@ TEST_F(SystemUpdate, RelaysEveryDocumentUntilOneSaysDone) {
     Installer installer(socket);
     installer.Say(R"({"percent":90,"message":"glued"}{"percent":100,"done":true})");
     ASSERT_TRUE(log.WaitFor(2, "Progress local socket closed and file removed"));
+    EXPECT_TRUE(probe->WaitForMessages(2));
     EXPECT_THAT(Percents(), ElementsAre(40, 100));
     EXPECT_TRUE(log.Has(2, "Install Header: Copy"));
     EXPECT_TRUE(log.Has(2, "Install Message: half"));
