@@ -1,7 +1,10 @@
 #include "NodeComm/zmq/LinkMessage.h"
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <numeric>
+#include <utility>
 
 #include "ZMessages/ZJSONCommStream.h"
 
@@ -80,16 +83,35 @@ zmq::message_t Frame(const std::string& text) {
     return {text.data(), text.size()};
 }
 
+/// Keeps a message while a frame shows a part of it. The flag states in the language's own terms what the messaging library
+/// sees to: its thread lets the message go only after this one has handed the frame over.
+struct Keeper {
+    explicit Keeper(std::shared_ptr<ZMessage> kept) : message(std::move(kept)) {
+        isHandedOver.store(true, std::memory_order_release);
+    }
+    std::shared_ptr<ZMessage> message;
+    std::atomic_bool isHandedOver{false};
+};
+
+void LetGo(void* /*text*/, void* hint) {
+    const std::unique_ptr<Keeper> keeper(static_cast<Keeper*>(hint));
+    (void)keeper->isHandedOver.load(std::memory_order_acquire);
+}
+
+void AddPiece(LinkFrames& frames, std::string_view text, const std::shared_ptr<ZMessage>& owner) {
+    auto keeper = std::make_unique<Keeper>(owner);
+    // The library takes plain pointers, and only reads.
+    frames.emplace_back(const_cast<char*>(text.data()), text.size(), LetGo, keeper.get());
+    keeper.release();
+}
+
 /// Frames that show a text where it stands; `owner` keeps it there.
 void AddPieces(LinkFrames& frames, std::string_view text, const std::shared_ptr<ZMessage>& owner) {
-    using Owner = std::shared_ptr<ZMessage>;
-    const auto release = [](void*, void* hint) { delete static_cast<Owner*>(hint); };
     while (text.size() >= kLinkPiece) {
-        // The library takes plain pointers, and only reads.
-        frames.emplace_back(const_cast<char*>(text.data()), kLinkPiece, release, new Owner(owner));
+        AddPiece(frames, text.substr(0, kLinkPiece), owner);
         text.remove_prefix(kLinkPiece);
     }
-    frames.emplace_back(const_cast<char*>(text.data()), text.size(), release, new Owner(owner));
+    AddPiece(frames, text, owner);
 }
 
 std::optional<LinkMessage> Fail(std::string& error, const std::string& reason) {
