@@ -31,11 +31,12 @@ public:
     /// for room in a full queue; `bUrgent` goes before what waits there. False when nothing took the message, when no
     /// answer came, or when `message` is no ZMessage, which is logged.
     template <typename T>
-    bool Publish(const ZCommEndpoint& endpoint, const std::shared_ptr<T>& message,
+    bool Publish(const ZCommEndpoint& endpoint, std::shared_ptr<T> message,
                  std::shared_ptr<ZMessage>* responseOut = nullptr, bool bReliable = true, bool bUrgent = false) {
-        const auto base = ZCAST(ZMessage, message);
+        const T* const given = message.get();
+        const auto base = ZCAST(ZMessage, std::move(message));
         if (!base) {
-            LogFailedCast("ZCAST", "Publish", message.get(), __LINE__);
+            LogFailedCast("ZCAST", "Publish", given, __LINE__);
             return false;
         }
         return PublishInternal(endpoint, base, responseOut, bReliable, bUrgent);

@@ -7,8 +7,8 @@
 
 namespace {
 
-// A poster that is at work sends its next mail within a microsecond or two; going to sleep and being woken takes
-// longer.
+// A poster that is at work sends its next mail within a microsecond or two, and whoever holds the lock gives it back
+// even sooner; going to sleep and being woken takes longer.
 constexpr int kLooks = 40;
 
 void Pause() {
@@ -17,6 +17,20 @@ void Pause() {
 #elif defined(__aarch64__)
     asm volatile("yield");
 #endif
+}
+
+/// Takes a mutex that is held for a few instructions only: going to sleep for it would cost both sides more than
+/// waiting.
+std::unique_lock<std::mutex> LockSoon(std::mutex& mutex) {
+    std::unique_lock lock(mutex, std::try_to_lock);
+    for (int looks = 0; looks < kLooks && !lock; ++looks) {
+        Pause();
+        lock.try_lock();
+    }
+    if (!lock) {
+        lock.lock();
+    }
+    return lock;
 }
 
 template <typename Work>
@@ -37,20 +51,41 @@ void RunGuarded(const Work& work) {
 
 ZMailbox::ZMailbox(std::size_t length) : m_length(std::max<std::size_t>(length, 1)) {}
 
-void ZMailbox::Insert(Entries& entries, Entry entry) {
-    auto place = entries.end();
-    while (place != entries.begin() && std::prev(place)->priority < entry.priority) {
+void ZMailbox::Line::Insert(Entry entry) {
+    auto place = m_entries.end();
+    const auto first = m_entries.begin() + static_cast<std::ptrdiff_t>(m_first);
+    while (place != first && std::prev(place)->priority < entry.priority) {
         --place;
     }
-    entries.insert(place, std::move(entry));
+    m_entries.insert(place, std::move(entry));
+}
+
+ZMailbox::Mail ZMailbox::Line::TakeFirst() {
+    Mail mail = std::move(m_entries[m_first].mail);
+    if (++m_first == m_entries.size()) {
+        m_entries.clear();
+        m_first = 0;
+    }
+    return mail;
+}
+
+void ZMailbox::Line::TakeOver(Line& other) {
+    if (IsEmpty()) {
+        std::swap(*this, other);
+        return;
+    }
+    while (!other.IsEmpty()) {
+        const int priority = other.m_entries[other.m_first].priority;
+        Insert({priority, other.TakeFirst()});
+    }
 }
 
 void ZMailbox::Queue(std::unique_lock<std::mutex> lock, Mail& mail, int priority) {
-    Insert(m_entries, Entry{priority, std::move(mail)});
+    m_entries.Insert({priority, std::move(mail)});
     if (m_taken != 0 && priority > m_lowestTaken) {
         m_overtakes = true;
     }
-    m_queued = m_entries.size();
+    m_queued.store(m_entries.Size(), std::memory_order_relaxed);
     const bool wake = std::exchange(m_runnerWaits, false);
     lock.unlock();
     if (wake) {
@@ -59,7 +94,7 @@ void ZMailbox::Queue(std::unique_lock<std::mutex> lock, Mail& mail, int priority
 }
 
 bool ZMailbox::TryPost(Mail& mail, int priority) {
-    std::unique_lock lock(m_mutex);
+    std::unique_lock lock = LockSoon(m_mutex);
     if (m_closed || !HasRoom()) {
         return false;
     }
@@ -80,40 +115,44 @@ bool ZMailbox::Post(Mail mail, Clock::time_point deadline, int priority, const s
     return true;
 }
 
-void ZMailbox::LookForMore() const {
-    for (int looks = 0; looks < kLooks && m_queued == 0; ++looks) {
+void ZMailbox::LookForMore() {
+    int looks = 0;
+    while (looks < m_patience && m_queued.load(std::memory_order_relaxed) == 0) {
         Pause();
+        ++looks;
     }
+    // A processor that looks in vain is another's loss: the more often it did, the shorter it looks.
+    m_patience = looks == m_patience ? m_patience / 2 : kLooks;
 }
 
-bool ZMailbox::Take(Entries& batch) {
-    if (batch.empty()) {
+bool ZMailbox::Take(Line& batch, const Task& onIdle) {
+    if (batch.IsEmpty()) {
         LookForMore();
     }
-    std::unique_lock lock(m_mutex);
-    m_overtakes = false;
-    if (batch.empty()) {
-        while (!m_closed && m_entries.empty()) {
-            m_runnerWaits = true;
-            m_notEmpty.wait(lock);
-        }
-        m_runnerWaits = false;
-        std::swap(batch, m_entries);
-    } else {
-        for (Entry& entry : m_entries) {
-            Insert(batch, std::move(entry));
-        }
-        m_entries.clear();
+    std::unique_lock lock = LockSoon(m_mutex);
+    if (onIdle && batch.IsEmpty() && m_entries.IsEmpty() && !m_closed) {
+        lock.unlock();
+        RunGuarded(onIdle);
+        lock.lock();
     }
-    m_queued = 0;
-    m_taken = batch.size();
-    m_lowestTaken = batch.empty() ? 0 : batch.back().priority;
-    return !batch.empty();
+    m_overtakes = false;
+    while (batch.IsEmpty() && !m_closed && m_entries.IsEmpty()) {
+        m_runnerWaits = true;
+        m_notEmpty.wait(lock);
+    }
+    m_runnerWaits = false;
+    batch.TakeOver(m_entries);
+    m_queued.store(0, std::memory_order_relaxed);
+    m_taken = batch.Size();
+    m_lowestTaken = batch.LowestPriority();
+    if (m_taken > 1) {
+        m_patience = kLooks;  // a poster is at work
+    }
+    return !batch.IsEmpty();
 }
 
-void ZMailbox::RunNext(Entries& batch) {
-    Mail mail = std::move(batch.front().mail);
-    batch.pop_front();
+void ZMailbox::RunNext(Line& batch) {
+    Mail mail = batch.TakeFirst();
     --m_taken;
     if (m_postersWaiting != 0) {
         WakePosters();
@@ -123,13 +162,10 @@ void ZMailbox::RunNext(Entries& batch) {
 
 void ZMailbox::Run(const Task& onIdle) {
     m_runner = std::this_thread::get_id();
-    Entries batch;
-    while (Take(batch)) {
-        while (!batch.empty() && !m_overtakes) {
+    Line batch;
+    while (Take(batch, onIdle)) {
+        while (!batch.IsEmpty() && !m_overtakes) {
             RunNext(batch);
-        }
-        if (onIdle && batch.empty() && IsIdle()) {
-            RunGuarded(onIdle);
         }
     }
     m_runner = std::thread::id();  // the system gives the number of an ended thread to another
@@ -149,12 +185,7 @@ void ZMailbox::WakePosters() {
     m_notFull.notify_all();
 }
 
-bool ZMailbox::IsIdle() const {
-    const std::lock_guard lock(m_mutex);
-    return m_entries.empty() && !m_closed;
-}
-
 std::size_t ZMailbox::Waiting() const {
     const std::lock_guard lock(m_mutex);
-    return m_entries.size() + m_taken;
+    return m_entries.Size() + m_taken;
 }

@@ -3,11 +3,11 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 class ZMessage;
 
@@ -48,7 +48,8 @@ public:
     void WakePosters();
 
     /// Takes mails and does what they ask, on the calling thread, until the mailbox is closed and empty. `onIdle` runs
-    /// whenever the last one that waited has been done. An exception that leaves either is logged, and the next runs.
+    /// before it goes to sleep: the last one that waited has been done. An exception that leaves either is logged, and
+    /// the next runs.
     void Run(const Task& onIdle = {});
 
     /// Nothing is accepted any more; what is queued is still done. Wakes waiting posters.
@@ -63,24 +64,37 @@ private:
         int priority;
         Mail mail;
     };
-    using Entries = std::deque<Entry>;
+    /// Entries in the order in which they are done. Keeps its memory.
+    class Line {
+    public:
+        bool IsEmpty() const { return m_first == m_entries.size(); }
+        std::size_t Size() const { return m_entries.size() - m_first; }
+        int LowestPriority() const { return IsEmpty() ? 0 : m_entries.back().priority; }
+        void Insert(Entry entry);
+        Mail TakeFirst();
+        /// All of `other`, which is empty afterwards.
+        void TakeOver(Line& other);
 
-    static void Insert(Entries& entries, Entry entry);
-    bool HasRoom() const { return m_entries.size() + m_taken < m_length; }
+    private:
+        std::vector<Entry> m_entries;
+        std::size_t m_first = 0;  // those before it are done
+    };
+
+    bool HasRoom() const { return m_entries.Size() + m_taken < m_length; }
     void Queue(std::unique_lock<std::mutex> lock, Mail& mail, int priority);
-    bool IsIdle() const;
-    void LookForMore() const;
-    bool Take(Entries& batch);
-    void RunNext(Entries& batch);
+    void LookForMore();
+    bool Take(Line& batch, const Task& onIdle);
+    void RunNext(Line& batch);
 
     const std::size_t m_length;
     mutable std::mutex m_mutex;
     std::condition_variable m_notEmpty;
     std::condition_variable m_notFull;
-    Entries m_entries;
+    Line m_entries;
     bool m_closed = false;
     bool m_runnerWaits = false;
     int m_lowestTaken = 0;  // the lowest priority in the runner's batch
+    int m_patience = 0;     // how often the runner looks for more before it goes to sleep; its own
     // The runner takes all that waits at once, so that it needs the lock only for each batch. What it has not begun yet
     // still counts as waiting, and a mail of a higher priority still goes before it.
     std::atomic<std::size_t> m_queued{0};  // as many as the entries

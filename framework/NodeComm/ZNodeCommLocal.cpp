@@ -57,7 +57,7 @@ bool ZNodeCommLocal::Subscribe(const void* owner, const ZNodeUID& node, const st
     subscription->mailbox = mailbox;
     subscription->handler = std::move(handler);
 
-    const std::unique_lock lock(m_subscribersMutex);
+    const std::lock_guard lock(m_subscribersMutex);
     auto& current = m_subscribers[{endpoint.Type(), endpoint.Name()}];
     auto next = current ? std::make_shared<Subscribers>(*current) : std::make_shared<Subscribers>();
     next->push_back(std::move(subscription));
@@ -68,7 +68,7 @@ bool ZNodeCommLocal::Subscribe(const void* owner, const ZNodeUID& node, const st
 void ZNodeCommLocal::Unsubscribe(const void* owner) {
     Subscribers removed;
     {
-        const std::unique_lock lock(m_subscribersMutex);
+        const std::lock_guard lock(m_subscribersMutex);
         for (auto entry = m_subscribers.begin(); entry != m_subscribers.end();) {
             auto next = std::make_shared<Subscribers>();
             for (const auto& subscription : *entry->second) {
@@ -89,8 +89,8 @@ void ZNodeCommLocal::Unsubscribe(const void* owner) {
 }
 
 std::shared_ptr<const ZNodeCommLocal::Subscribers> ZNodeCommLocal::Find(const ZCommEndpoint& endpoint) const {
-    const std::shared_lock lock(m_subscribersMutex);
-    const auto found = m_subscribers.find({endpoint.Type(), endpoint.Name()});
+    const std::lock_guard lock(m_subscribersMutex);
+    const auto found = m_subscribers.find(endpoint);
     if (found == m_subscribers.end() || endpoint.Node().IsAny()) {
         return found == m_subscribers.end() ? nullptr : found->second;
     }
@@ -202,7 +202,7 @@ void ZNodeCommLocal::Close() {
             pending->changed.notify_one();
         }
     }
-    const std::shared_lock lock(m_subscribersMutex);
+    const std::lock_guard lock(m_subscribersMutex);
     for (const auto& [endpoint, subscribers] : m_subscribers) {
         for (const auto& subscription : *subscribers) {
             subscription->mailbox->WakePosters();

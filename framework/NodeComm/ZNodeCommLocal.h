@@ -2,8 +2,10 @@
 
 #include <atomic>
 #include <map>
-#include <shared_mutex>
+#include <mutex>
+#include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "NodeComm/ZNodeComm.h"
 
@@ -28,7 +30,16 @@ public:
 private:
     struct Subscription;
     struct PendingRequest;
+    /// An endpoint's type and name.
     using Key = std::pair<ZEndpointType, ZString>;
+    /// Orders keys, and lets an endpoint be looked up as it stands.
+    struct KeyOrder {
+        using is_transparent = void;
+        using View = std::pair<ZEndpointType, std::string_view>;
+        static View Of(const Key& key) { return {key.first, key.second}; }
+        static View Of(const ZCommEndpoint& endpoint) { return {endpoint.Type(), endpoint.Name()}; }
+        bool operator()(const auto& left, const auto& right) const { return Of(left) < Of(right); }
+    };
     using Subscribers = std::vector<std::shared_ptr<Subscription>>;
 
     /// Those that a publication there reaches; null when there are none.
@@ -39,8 +50,8 @@ private:
                             std::shared_ptr<ZMessage>& response, const ZPublishOptions& options,
                             std::chrono::milliseconds timeout);
 
-    mutable std::shared_mutex m_subscribersMutex;
-    std::map<Key, std::shared_ptr<const Subscribers>> m_subscribers;
+    mutable std::mutex m_subscribersMutex;
+    std::map<Key, std::shared_ptr<const Subscribers>, KeyOrder> m_subscribers;
 
     std::mutex m_pendingMutex;
     std::unordered_map<std::uint64_t, PendingRequest*> m_pending;

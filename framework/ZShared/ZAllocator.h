@@ -9,13 +9,14 @@
 #include <string_view>
 #include <vector>
 
-/// What the framework's allocator has handed out, in bytes. A snapshot; the two figures are read one after the other.
+/// What the framework's allocator has handed out, in bytes. A snapshot, exact when no other thread is at work.
 struct ZAllocatorUsage {
     std::size_t inUse = 0;  ///< allocated and not yet freed
-    std::size_t peak = 0;   ///< the most that was ever in use at once
+    std::size_t peak = 0;   ///< the most that was seen in use at once: a thread's rise of less than 2 KiB may go unseen
 };
 
-/// The process-wide account behind every ZAllocator. Thread-safe, no locks.
+/// The process-wide account behind every ZAllocator. Thread-safe, no locks; threads do not share a cache line unless
+/// there are more than a few.
 class ZAllocatorAccount {
 public:
     static void Add(std::size_t bytes) noexcept;
@@ -38,20 +39,32 @@ public:
             throw std::bad_array_new_length();
         }
         const std::size_t bytes = count * sizeof(T);
-        void* memory = ::operator new (bytes, std::align_val_t{alignof(T)});
+        void* memory = nullptr;
+        if constexpr (kIsOverAligned) {
+            memory = ::operator new (bytes, std::align_val_t{alignof(T)});
+        } else {
+            memory = ::operator new(bytes);
+        }
         ZAllocatorAccount::Add(bytes);
         return static_cast<T*>(memory);
     }
 
     void deallocate(T* memory, std::size_t count) noexcept {
         ZAllocatorAccount::Remove(count * sizeof(T));
-        ::operator delete (memory, std::align_val_t{alignof(T)});
+        if constexpr (kIsOverAligned) {
+            ::operator delete (memory, std::align_val_t{alignof(T)});
+        } else {
+            ::operator delete(memory);
+        }
     }
 
     template <typename U>
     bool operator==(const ZAllocator<U>&) const noexcept {
         return true;
     }
+
+private:
+    static constexpr bool kIsOverAligned = alignof(T) > __STDCPP_DEFAULT_NEW_ALIGNMENT__;
 };
 
 using ZString = std::basic_string<char, std::char_traits<char>, ZAllocator<char>>;

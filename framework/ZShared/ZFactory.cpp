@@ -17,7 +17,10 @@ namespace detail {
 struct ClassRecord {
     std::string name;
     std::atomic<const ClassRecord*> base{nullptr};
-    std::vector<ZObjectCreator> creators;  // guarded by the registry's mutex; the first one is used
+    std::vector<ZObjectCreator> creators;          // guarded by the registry's mutex
+    std::atomic<ZObjectCreator> creator{nullptr};  // the first of them
+
+    void ChooseCreator() { creator.store(creators.empty() ? nullptr : creators.front(), std::memory_order_release); }
 };
 
 }  // namespace detail
@@ -37,6 +40,14 @@ struct ZFactory::Registry {
         return &record;
     }
 };
+
+namespace {
+
+void LogUnknown(const char* className, const char* file, int line) {
+    ZLog::Instance().Log(4, "ZFactory", file, "make_shared_direct", line, "No class <%s> is registered", className);
+}
+
+}  // namespace
 
 bool CID::IsKindOf(const CID& base) const noexcept {
     if (base.m_record == nullptr) {
@@ -71,36 +82,43 @@ CID ZFactory::RegisterObjectCreator(const char* className, const char* baseClass
         record->base.store(m_registry->Record(baseClassName), std::memory_order_release);
     }
     record->creators.push_back(creator);
+    record->ChooseCreator();
     return CID(record);
 }
 
 void ZFactory::UnregisterObjectCreator(const char* className, ZObjectCreator creator) {
     const std::lock_guard lock(m_registry->mutex);
-    auto& creators = m_registry->Record(className)->creators;
+    detail::ClassRecord* record = m_registry->Record(className);
+    auto& creators = record->creators;
     if (const auto found = std::find(creators.begin(), creators.end(), creator); found != creators.end()) {
         creators.erase(found);
+        record->ChooseCreator();
     }
 }
 
 std::shared_ptr<ZFactoryObject> ZFactory::CreateShared(std::string_view className, const ZString& objectName) {
-    ZObjectCreator creator = nullptr;
-    {
-        const std::lock_guard lock(m_registry->mutex);
-        const auto found = m_registry->byName.find(className);
-        if (found != m_registry->byName.end() && !found->second->creators.empty()) {
-            creator = found->second->creators.front();
-        }
-    }
+    const CID known = Find(className);
+    const ZObjectCreator creator = known.m_record == nullptr ? nullptr : known.m_record->creator.load();
     return creator == nullptr ? nullptr : creator(objectName);
 }
 
 std::shared_ptr<ZFactoryObject> ZFactory::make_shared_direct(std::string_view className, const char* file, int line) {
-    auto object = CreateShared(className);
-    if (!object) {
-        ZLog::Instance().Log(4, "ZFactory", file, "make_shared_direct", line, "No class <%s> is registered",
-                             std::string(className).c_str());
+    const CID known = Find(className);
+    if (known.m_record != nullptr) {
+        return make_shared_direct(known, file, line);
     }
-    return object;
+    LogUnknown(std::string(className).c_str(), file, line);
+    return nullptr;
+}
+
+std::shared_ptr<ZFactoryObject> ZFactory::make_shared_direct(const CID& classId, const char* file, int line) {
+    const ZObjectCreator creator =
+        classId.m_record == nullptr ? nullptr : classId.m_record->creator.load(std::memory_order_acquire);
+    if (creator == nullptr) {
+        LogUnknown(classId.Name(), file, line);
+        return nullptr;
+    }
+    return creator(ZString());
 }
 
 CID ZFactory::Find(std::string_view className) const {

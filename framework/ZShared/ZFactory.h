@@ -3,6 +3,7 @@
 #include <concepts>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 #include "ZShared/ZAllocator.h"
 
@@ -50,6 +51,8 @@ public:
     std::shared_ptr<ZFactoryObject> CreateShared(std::string_view className, const ZString& objectName = ZString());
     /// As CreateShared; a failure is logged with the place that asked for it.
     std::shared_ptr<ZFactoryObject> make_shared_direct(std::string_view className, const char* file, int line);
+    /// The same for a class whose identity is at hand: no search for the name, and no lock.
+    std::shared_ptr<ZFactoryObject> make_shared_direct(const CID& classId, const char* file, int line);
 
     /// The identity of a known class; empty otherwise.
     CID Find(std::string_view className) const;
@@ -152,13 +155,20 @@ std::shared_ptr<T> cast_shared(const std::shared_ptr<From>& object) {
     }
     return nullptr;
 }
+template <typename T, typename From>
+std::shared_ptr<T> cast_shared(std::shared_ptr<From>&& object) {
+    if (object && object->GetCID().IsKindOf(std::remove_const_t<T>::m_cid)) {
+        return std::static_pointer_cast<T>(std::move(object));
+    }
+    return nullptr;
+}
 
 /// The test and conversion in one, written as the log texts name it.
 #define ZCAST(Class, pointer) cast_shared<Class>(pointer)
 
-/// A new object of the class registered under T's name; null (and a log line) when there is none.
+/// A new object of T's class as it is registered; null (and a log line) when it is not.
 template <typename T>
 std::shared_ptr<T> ZCreate(const char* file, int line) {
-    return cast_shared<T>(ZShared::ZFactory::Instance().make_shared_direct(T::kClassName, file, line));
+    return cast_shared<T>(ZShared::ZFactory::Instance().make_shared_direct(T::m_cid, file, line));
 }
 #define Z_MAKE(Class) ZCreate<Class>(__FILE__, __LINE__)

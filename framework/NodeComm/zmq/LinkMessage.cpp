@@ -83,8 +83,8 @@ zmq::message_t Frame(const std::string& text) {
     return {text.data(), text.size()};
 }
 
-/// Keeps a message while a frame shows a part of it. The flag states in the language's own terms what the messaging library
-/// sees to: its thread lets the message go only after this one has handed the frame over.
+/// Keeps a message while a frame shows a part of it. The flag states in the language's own terms what the messaging
+/// library sees to: its thread lets the message go only after this one has handed the frame over.
 struct Keeper {
     explicit Keeper(std::shared_ptr<ZMessage> kept) : message(std::move(kept)) {
         isHandedOver.store(true, std::memory_order_release);
