@@ -38,7 +38,7 @@ bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {
         m_RemoteInstallSerial = request->m_SerialNumber;
         m_UpdateVersion = request->m_Version;
         // Busy from here on, not only when the action's thread runs: a shutdown request may be next in the queue.
-        m_remoteInstallHold = std::make_shared<ZUseFlag::Hold>(m_bBusy);
+        m_remoteInstallHolds.push_back(std::make_shared<ZUseFlag::Hold>(m_bBusy));
     }
     if (!RunAction("RemoteInstall", msg)) {
         TakeRemoteInstallHold();

@@ -28,8 +28,13 @@ struct ZNodeArborInstall_RemoteInstallAction::Commands {
 
 bool ZNodeArborInstall_RemoteInstallAction::FindRemoteHostname(std::string& address, const std::string& modelName,
                                                                const std::string& serialNumber) {
-    return TryHostname(modelName + "-" + serialNumber + ".local", address) ||
-           TryHostname(ToStdString(Node().AccessoryHostName()), address) ||
+    const std::string ownName = modelName + "-" + serialNumber + ".local";
+    if (!IsPlainShellWord(ownName)) {
+        // No other name is tried either: it would be another device's.
+        Z_LOG(4, "Host name <%s> can't stand in a command line", ownName.c_str());
+        return false;
+    }
+    return TryHostname(ownName, address) || TryHostname(ToStdString(Node().AccessoryHostName()), address) ||
            TryHostname(ToStdString(Node().DeviceHostName()), address);
 }
 
@@ -64,7 +69,7 @@ void ZNodeArborInstall_RemoteInstallAction::Answer(const std::shared_ptr<ZMessag
     Node().PublishResponse(m_pMessage, answer, true, false);
 }
 
-bool ZNodeArborInstall_RemoteInstallAction::ActionThread() {
+bool ZNodeArborInstall_RemoteInstallAction::Work() {
     const auto request = ZCAST(ZSystemUpdateMsg, m_pMessage);
     if (!request) {
         return true;

@@ -29,7 +29,7 @@ std::uint64_t ZNodeArborInstall_TransferAction::GetFileSize(const fs::path& file
     return static_cast<std::uint64_t>(std::streamoff(input.tellg()));
 }
 
-bool ZNodeArborInstall_TransferAction::ActionThread() {
+bool ZNodeArborInstall_TransferAction::Work() {
     Journey journey;
     journey.request = ZCAST(TransferMsg, m_pMessage);
     if (!journey.request) {
@@ -89,6 +89,9 @@ std::shared_ptr<ZGenericResponseMsg> ZNodeArborInstall_TransferAction::Send(cons
 bool ZNodeArborInstall_TransferAction::OpenFile(const Journey& journey) {
     const auto open = Z_MAKE(ZFileOpenMsg);
     open->m_Mode = kFileMode;
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(journey.source, error);
+    open->m_Size = error ? -1 : static_cast<std::int64_t>(size);  // the receiver throws away what is cut short
     Z_LOG(2, "Sending Install File Open for <%s-%s> <%s> -> <%s>",
           std::string(magic_enum::enum_name(journey.request->m_DeviceModel)).c_str(),
           journey.request->m_SerialNumber.c_str(), journey.source.c_str(), journey.destination.c_str());

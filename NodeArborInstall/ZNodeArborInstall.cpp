@@ -100,7 +100,12 @@ ZString ZNodeArborInstall::RemoteInstallSerial() const {
 
 std::shared_ptr<ZUseFlag::Hold> ZNodeArborInstall::TakeRemoteInstallHold() {
     const std::lock_guard lock(m_tablesMutex);
-    return std::exchange(m_remoteInstallHold, nullptr);
+    if (m_remoteInstallHolds.empty()) {
+        return nullptr;
+    }
+    auto hold = std::move(m_remoteInstallHolds.back());
+    m_remoteInstallHolds.pop_back();
+    return hold;
 }
 
 const ZNodeArborInstallCfg& ZNodeArborInstall::Config() const {

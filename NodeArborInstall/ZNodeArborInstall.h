@@ -101,7 +101,8 @@ public:
     /// The record, or one with default values when there is none.
     const ZNodeArborInstallCfg& Config() const;
     ZUseFlag& BusyFlag() { return m_bBusy; }
-    /// What keeps the node busy since it accepted the last remote install; the action that does it takes it over.
+    /// What keeps the node busy since it accepted a remote install; the action that does it takes it over. None when no
+    /// accepted one waits for its action.
     std::shared_ptr<ZUseFlag::Hold> TakeRemoteInstallHold();
     void SetUpdateInProgress(bool inProgress) { m_bUpdateInProgress = inProgress; }
 
@@ -177,7 +178,8 @@ private:
     std::atomic<std::int64_t> m_progressSocket{0};  // the listening socket's descriptor + 1; 0: no relay is bound
 
     mutable std::mutex m_tablesMutex;
-    std::shared_ptr<ZUseFlag::Hold> m_remoteInstallHold;  // guarded by m_tablesMutex
+    // One for each remote install that waits for its action. Guarded by m_tablesMutex.
+    std::vector<std::shared_ptr<ZUseFlag::Hold>> m_remoteInstallHolds;
     std::mutex m_relayMutex;
     std::condition_variable m_relayChanged;
     bool m_bRelayDecided = false;  // guarded by m_relayMutex: the relay started last listens, or never will

@@ -26,7 +26,16 @@ constexpr fs::perms kAnyExecute = fs::perms::owner_exec | fs::perms::group_exec 
 
 }  // namespace
 
-bool ZNodeArborInstall_CheckFileAction::ActionThread() {
+bool ZNodeArborInstallAction::ActionThread() {
+    try {
+        return Work();
+    } catch (const std::exception& error) {
+        Z_LOG(4, "%s ended: %s", ClassName(), error.what());
+        return false;
+    }
+}
+
+bool ZNodeArborInstall_CheckFileAction::Work() {
     const ZUseFlag::Hold busy(Node().BusyFlag());
     const auto update = ZCAST(FolderUpdateMsg, m_pMessage);
     if (!update) {
@@ -57,7 +66,7 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
     Z_LOG(2, "File %s %s", file.filename().c_str(), executable ? "Not Executable" : "is executable");
 }
 
-bool ZNodeArborInstall_StorageDevicesUpdateAction::ActionThread() {
+bool ZNodeArborInstall_StorageDevicesUpdateAction::Work() {
     const auto devices = ZCAST(StorageDevicesMsg, m_pMessage);
     if (!devices) {
         return true;
@@ -70,7 +79,7 @@ bool ZNodeArborInstall_StorageDevicesUpdateAction::ActionThread() {
     return true;
 }
 
-bool ZNodeArborInstall_ScanDrivesAction::ActionThread() {
+bool ZNodeArborInstall_ScanDrivesAction::Work() {
     const auto request = Z_MAKE(ZGenericRequestMsg);
     Z_LOG(2, "Get existing storage devices");
     std::shared_ptr<ZMessage> response;
@@ -88,7 +97,7 @@ bool ZNodeArborInstall_ScanDrivesAction::ActionThread() {
     return true;
 }
 
-bool ZNodeArborInstall_BuildAction::ActionThread() {
+bool ZNodeArborInstall_BuildAction::Work() {
     Node().BuildPackage(ZCAST(ZDeviceCompatibilityMsg, m_pMessage));
     return true;
 }
@@ -135,7 +144,7 @@ void ZNodeArborInstallAction::RelayUntilDone(int socket, bool bUnix) {
     Z_LOG(2, "Closing Install %sProgress socket and exiting", bUnix ? "" : "Remote ");
 }
 
-bool ZNodeArborInstall_ProgressAction::ActionThread() {
+bool ZNodeArborInstall_ProgressAction::Work() {
     if (Node().UpdateVersion().empty()) {
         Z_LOG(4, "No version set for install");
         return false;

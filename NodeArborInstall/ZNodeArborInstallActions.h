@@ -10,7 +10,12 @@
 /// "Action".
 class ZNodeArborInstallAction : public ZNodeAction {
     Z_CLASS(ZNodeArborInstallAction, ZNodeAction)
+public:
+    /// Does the action's work. An exception that ends it is logged.
+    bool ActionThread() final;
+
 protected:
+    virtual bool Work() = 0;
     ZNodeArborInstall& Node() const { return *static_cast<ZNodeArborInstall*>(m_pNode); }
     /// Relays installer progress over a bound socket until a document or the node ends it, then closes it.
     void RelayUntilDone(int socket, bool bUnix);
@@ -28,51 +33,49 @@ public:
 /// Checks the file that a FolderUpdateMsg names, and announces what there is.
 class ZNodeArborInstall_CheckFileAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_CheckFileAction, ZNodeAction)
-public:
-    bool ActionThread() override;
-
 private:
+    bool Work() override;
     void CheckFile(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
 };
 
 /// Forgets the packages of drives that left and scans those that came.
 class ZNodeArborInstall_StorageDevicesUpdateAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_StorageDevicesUpdateAction, ZNodeAction)
-public:
-    bool ActionThread() override;
+private:
+    bool Work() override;
 };
 
 /// Scans, once after start-up, the drives that are there.
 class ZNodeArborInstall_ScanDrivesAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_ScanDrivesAction, ZNodeAction)
-public:
-    bool ActionThread() override;
+private:
+    bool Work() override;
 };
 
 /// Builds a package for the accessory's board; its message is a ZDeviceCompatibilityMsg.
 class ZNodeArborInstall_BuildAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_BuildAction, ZNodeAction)
-public:
-    bool ActionThread() override;
+private:
+    bool Work() override;
 };
 
 /// Relays the local installer's progress.
 class ZNodeArborInstall_ProgressAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_ProgressAction, ZNodeAction)
-public:
-    bool ActionThread() override;
+private:
+    bool Work() override;
 };
 
 /// Carries a package to the accessory as file messages; its message is a TransferMsg.
 class ZNodeArborInstall_TransferAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_TransferAction, ZNodeAction)
 public:
-    bool ActionThread() override;
     /// The file's size in bytes; the largest value when it can't be opened.
     static std::uint64_t GetFileSize(const std::filesystem::path& file);
 
 private:
     struct Journey;
+    bool Work() override;
     void Refuse(ZFrameworkErrorCodes::ZErrorCode code, const char* text);
     std::shared_ptr<ZVersionInfoMsg> MakeAnswer() const;
     bool OpenFile(const Journey& journey);
@@ -86,7 +89,6 @@ private:
 class ZNodeArborInstall_RemoteInstallAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_RemoteInstallAction, ZNodeAction)
 public:
-    bool ActionThread() override;
     /// Asks mDNS for the accessory: under its own name, then under the two fixed ones. False when none resolves.
     bool FindRemoteHostname(std::string& address, const std::string& modelName, const std::string& serialNumber);
     /// Publishes the percentage in a line of the copy's output, if it holds one.
@@ -94,6 +96,7 @@ public:
 
 private:
     struct Commands;
+    bool Work() override;
     bool TryHostname(const std::string& candidate, std::string& address);
     void Answer(const std::shared_ptr<ZMessageArray>& answer, bool success);
     Commands MakeCommands(const std::string& address, const std::string& source, const std::string& ownName) const;

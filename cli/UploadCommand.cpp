@@ -23,7 +23,7 @@ constexpr std::size_t kChunkBytes = 776700;
 constexpr int kFileMode = 493;
 
 /// One file on its way. The device opens it under a temporary name and gives it its own when it is closed; an upload
-/// that fails is therefore left open, and the device throws it away.
+/// that breaks off is therefore left open, and the device throws it away when nobody has used it for a while.
 class Upload {
 public:
     Upload(Session& session, std::string name, std::size_t size)
@@ -31,7 +31,8 @@ public:
 
     /// Everything but the closing.
     Result<void> Carry(std::istream& file) {
-        if (auto opened = Tell("open", {{"className", "ZFileOpenMsg"}, {"mode", kFileMode}}); !opened) {
+        if (auto opened = Tell("open", {{"className", "ZFileOpenMsg"}, {"mode", kFileMode}, {"size", m_size}});
+            !opened) {
             return opened;
         }
         std::string chunk;
@@ -40,7 +41,12 @@ public:
             if (!file.read(chunk.data(), static_cast<std::streamsize>(chunk.size()))) {
                 return UsageFailure(Escaped(m_name) + ": could not be read to its end; has it changed meanwhile?");
             }
-            if (auto sent = Tell("write", {{"className", "ZFileWriteMsg"}, {"data", Base64(chunk)}}); !sent) {
+            json::object write{{"className", "ZFileWriteMsg"}, {"data", Base64(chunk)}, {"position", m_sent}};
+            if (auto sent = Tell("write", std::move(write)); !sent) {
+                if (m_refused) {
+                    Close();  // what the device could not write it throws away now, and the next try finds the place
+                              // free
+                }
                 return sent;
             }
             m_sent += chunk.size();
@@ -58,7 +64,8 @@ private:
         if (!answer) {
             return answer.error();
         }
-        if (!fields::Flag(*answer, "bSuccess")) {
+        m_refused = !fields::Flag(*answer, "bSuccess");
+        if (m_refused) {
             return Refused(Escaped(m_name) + ": " + step + " refused: " + fields::Refusal(*answer, "no reason given"));
         }
         return {};
@@ -82,6 +89,7 @@ private:
     std::string m_name;
     std::size_t m_size;
     std::size_t m_sent = 0;
+    bool m_refused = false;  // by the device, with the last answer that it gave
     ProgressDisplay m_display;
 };
 

@@ -131,7 +131,9 @@ void AddWork(CLI::App& app, Choice& choice) {
 }
 
 void AddAccessoryOptions(CLI::App& command, Choice& choice) {
-    command.add_option("--to", choice.accessory.serialNumber, "Serial number of the accessory")->required();
+    command.add_option("--to", choice.accessory.serialNumber, "Serial number of the accessory")
+        ->required()
+        ->check([](const std::string& text) { return text.empty() ? "it is empty" : ""; });
     command.add_option("--model", choice.accessory.model, "Its model, for example QMA; else the device looks it up");
     command.add_flag("--wait", choice.accessory.wait, "Show the progress and return when it has ended");
 }

@@ -201,8 +201,11 @@ class ZFileOpenMsg : public ZFileMsg {
     Z_MESSAGE_AS(ZFileOpenMsg, ZMessage, ZFileMsg)
 public:
     std::int32_t m_Mode = 0;  ///< permission bits
+    /// How long the file will be, in bytes, so that one that was broken off is not taken for whole; negative: not
+    /// known.
+    std::int64_t m_Size = -1;
 
-    Z_FIELDS(Z_FIELD(m_Mode))
+    Z_FIELDS(Z_FIELD(m_Mode), Z_FIELD(m_Size))
 };
 
 /// One chunk of a file, to be written behind the chunk before.

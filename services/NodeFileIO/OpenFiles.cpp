@@ -29,7 +29,7 @@ FileError OpenFiles::Open(const ZFileOpenMsg& message) {
         return error;
     }
     const Owner owner{message.m_DeviceModel, message.m_SerialNumber};
-    m_files.emplace(message.m_FilePath, Entry{owner, std::move(file), Clock::now()});
+    m_files.emplace(message.m_FilePath, Entry{owner, std::move(file), message.m_Size, Clock::now()});
     return {};
 }
 
@@ -74,7 +74,11 @@ FileError OpenFiles::Close(const ZFileCloseMsg& message) {
         return error;
     }
     const auto closed = m_files.extract(entry);
-    return closed.mapped().file->Commit();
+    const auto& [owner, file, size, lastUse] = closed.mapped();
+    if (size >= 0 && file->Size() != static_cast<std::uint64_t>(size)) {
+        file->Break(BadRequest(std::to_string(file->Size()) + " bytes came instead of " + std::to_string(size)));
+    }
+    return file->Commit();
 }
 
 std::vector<std::string> OpenFiles::DiscardUnusedSince(Clock::time_point limit) {

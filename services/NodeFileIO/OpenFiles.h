@@ -6,8 +6,8 @@
 #include "StoredFile.h"
 #include "ZMessages/Messages.h"
 
-/// The files that are being received, by the path that their sender gave them. Only who opened a file may write to it
-/// or close it. What is still open when the table goes leaves nothing behind. One thread uses an object.
+/// The files that are being received, by the path that their sender gave them. Messages about a file belong to the one that
+/// opened it when they name the same device: what comes in as an upload names this one. What is still open when the table goes leaves nothing behind. One thread uses an object.
 class OpenFiles {
 public:
     using Clock = std::chrono::steady_clock;
@@ -35,6 +35,7 @@ private:
     struct Entry {
         Owner owner;
         std::unique_ptr<StoredFile> file;
+        std::int64_t size;  // as announced; negative: it was not
         Clock::time_point lastUse;
     };
     using Table = std::map<ZString, Entry>;

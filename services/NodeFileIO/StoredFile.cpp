@@ -11,9 +11,15 @@ constexpr std::uint64_t kWriteBackStep = 4U << 20U;
 }
 
 StoredFile::~StoredFile() {
+    Discard();
+}
+
+void StoredFile::Discard() {
     if (!m_temporary.empty()) {
         ::unlinkat(m_place.folder.Get(), m_temporary.c_str(), 0);
+        m_temporary.clear();
     }
+    m_file.Reset();
 }
 
 FileError StoredFile::Create(mode_t mode) {
@@ -37,7 +43,9 @@ FileError StoredFile::Write(std::string_view bytes) {
             Break(SystemError(errno));
         }
     }
-    StartWriteBack();
+    if (!m_failure) {
+        StartWriteBack();
+    }
     return m_failure;
 }
 
@@ -55,6 +63,7 @@ void StoredFile::StartWriteBack() {
 FileError StoredFile::Break(FileError error) {
     if (!m_failure) {
         m_failure = std::move(error);
+        Discard();
     }
     return m_failure;
 }

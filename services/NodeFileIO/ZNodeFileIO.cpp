@@ -203,6 +203,9 @@ bool ZNodeFileIO::IsForThisDevice(const ZFileMsg& file) const {
 }
 
 FileError ZNodeFileIO::HandOver(const std::shared_ptr<ZMessage>& message, ZFileMsg& file) {
+    if (message->IsKindOf(ZFileReadMsg::m_cid)) {
+        return {ZFrameworkErrorCodes::ERRCODE_NOT_SUPPORTED, "a file can't be read from another device"};
+    }
     const ZString path = std::exchange(file.m_FilePath, WithoutFolder(file.m_FilePath, m_updatesFolder));
     const auto forward = Z_MAKE(ZForwardMsg);
     forward->m_DeviceModel = file.m_DeviceModel;

@@ -183,10 +183,14 @@ TEST(Upload, CarriesEveryByteAndClosesNothingThatWasRefused) {
         EXPECT_EQ(RunProgram(gateway, "upload a.pkg --no-check")->Status(), 0);
         auto messages = gateway.Messages("/v1/upload", 3);
         messages.erase(messages.begin());
-        EXPECT_EQ(messages.front(), json::parse(R"({"className": "ZFileOpenMsg", "mode": 493, "filePath": "a.pkg"})"));
+        const json::object open{{"className", "ZFileOpenMsg"}, {"mode", 493}, {"size", size}, {"filePath", "a.pkg"}};
+        EXPECT_EQ(messages.front(), json::parse(json::serialize(open)));
         EXPECT_EQ(messages.back(), json::parse(R"({"className": "ZFileCloseMsg", "filePath": "a.pkg"})"));
         std::string received;
-        std::for_each(messages.begin() + 1, messages.end() - 1, [&](const auto& write) { received += Decoded(write); });
+        std::for_each(messages.begin() + 1, messages.end() - 1, [&](const auto& write) {
+            EXPECT_EQ(write.at("position").as_int64(), static_cast<std::int64_t>(received.size()));
+            received += Decoded(write);
+        });
         EXPECT_TRUE(received == bytes) << size;
     }
 }

@@ -143,8 +143,16 @@ TEST_F(Accessory, IsInstalledRemotelyThroughTheFixedCommands) {
     Start(R"("ProgressPort":5001)");
     const auto request = Z_MAKE(ZSystemUpdateMsg);
     request->m_Version = "3.044";
-    request->m_SerialNumber = "P1";
-    const auto answer = cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
+    const auto ask = [&](const char* serialNumber) {
+        request->m_SerialNumber = serialNumber;
+        return cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
+    };
+    const auto refused = ask("P1;touch owned");
+    ASSERT_TRUE(refused);
+    EXPECT_FALSE(cast_shared<ZVersionInfoMsg>(refused->m_Messages.front())->m_bSuccess);
+    EXPECT_TRUE(log.Has(4, "Host name <KiteQM-P1;touch owned.local> can't stand in a command line"));
+    EXPECT_FALSE(fs::exists("owned") || fs::exists(seen)) << "nor is a device of another name installed on";
+    const auto answer = ask("P1");
     ASSERT_TRUE(answer);
     EXPECT_THAT(Records(answer), ElementsAre("3.044 System"));
     ASSERT_TRUE(log.WaitFor(4, "Error executing remote install script"));
@@ -167,13 +175,17 @@ TEST_F(Accessory, IsInstalledRemotelyThroughTheFixedCommands) {
 
 TEST_F(Accessory, CanBeSwitchedToItsRecoverySystemWhichEndsTheGraph) {
     probe->Listen(ZEndpointType::DeviceRequest, "shutdown");
-    Start(R"("RunRecoveryCmd":"false","SwitchPartitionCmd":"touch )" + (folder / "switched").string() + "\"");
+    const std::string switched = (folder / "switched").string();
+    Start(R"("RunRecoveryCmd":"test -e )" + switched + R"(","SwitchPartitionCmd":"touch )" + switched + "\"");
     std::shared_ptr<ZMessage> unread;
-    EXPECT_TRUE(node->OnSwitchPartition(unread));
-    EXPECT_TRUE(fs::exists(folder / "switched"));
     EXPECT_TRUE(node->OnSwitchDevice(unread));
     EXPECT_TRUE(log.Has(4, "Command failure result: "));
     EXPECT_TRUE(probe->Received().empty()) << "a recovery command that fails never ends the graph";
+    EXPECT_TRUE(node->OnSwitchPartition(unread));
+    EXPECT_TRUE(node->OnSwitchDevice(unread));
+    ASSERT_TRUE(probe->WaitForMessages(1));
+    const auto shutdown = cast_shared<ZShutdownMsg>(probe->Received()[0]);
+    EXPECT_TRUE(shutdown && !shutdown->m_bRestart && shutdown->m_bUnconditional && shutdown->m_DelaySeconds == 0);
 }
 
 }  // namespace

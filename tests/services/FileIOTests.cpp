@@ -75,9 +75,10 @@ protected:
         message->m_DeviceModel = serialNumber.empty() ? ZDeviceModel::KiteQM : ZDeviceModel::QMB;
         return message;
     }
-    std::string Open(const fs::path& path, std::int32_t mode = 0644) {
+    std::string Open(const fs::path& path, std::int32_t mode = 0644, std::int64_t size = -1) {
         const auto message = Make<ZFileOpenMsg>(path);
         message->m_Mode = mode;
+        message->m_Size = size;
         return Ask(message);
     }
     std::string Write(const ZString& base64, std::int64_t position = -1) {
@@ -198,6 +199,9 @@ TEST_F(FileIO, KnowsWhoOpenedWhat) {
     const std::string gap = "ERRCODE_INVALID_REQUEST " + file.string() + ": a chunk for position 6 came at 3";
     EXPECT_EQ(Write("eHl6", 6), gap) << "the one before was lost on its way";
     EXPECT_EQ(Close(file), gap);
+    ASSERT_EQ(Open(file, 0644, 4), kDone);
+    EXPECT_EQ(Write("eHl6"), kDone);
+    EXPECT_EQ(Close(file), "ERRCODE_INVALID_REQUEST " + file.string() + ": 3 bytes came instead of 4");
     EXPECT_THAT(Files(root), ElementsAre("v.pkg"));
 }
 
@@ -212,6 +216,7 @@ TEST_F(FileIO, GivesNoNameToAFileThatTheDiskHadNoRoomFor) {
     EXPECT_EQ(Open(file), kDone);
     EXPECT_EQ(Write(chunk), kDone);
     EXPECT_EQ(Write(chunk), "ERRCODE_NONE " + full);
+    EXPECT_THAT(Files(root), IsEmpty()) << "it gives its room back at once";
     EXPECT_EQ(Write("eA=="), "ERRCODE_NONE " + full);
     EXPECT_EQ(Close(file), "ERRCODE_NONE " + full);
     EXPECT_TRUE(log.Has(4, full)) << log.All();
@@ -253,6 +258,7 @@ TEST_F(FileIO, HandsOverWhatIsForAnotherDevice) {
     EXPECT_EQ(Ask(other), "done QMC SN1 upload /elsewhere.pkg");
     EXPECT_EQ(Ask(Make<ZFileOpenMsg>(root / "a/u.pkg", "P1")), "done QMB P1 upload a/u.pkg");
     EXPECT_EQ(Ask(Make<ZFileOpenMsg>(file, "SN1")), kDone) << "this device";
+    EXPECT_THAT(Ask(Make<ZFileReadMsg>(file, "P1")), HasSubstr("a file can't be read from another device"));
 }
 
 TEST_F(FileIO, RefusesBadSettingsAndNamesTheKey) {

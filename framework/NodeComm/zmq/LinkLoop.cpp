@@ -14,6 +14,7 @@ using Milliseconds = std::chrono::milliseconds;
 
 constexpr const char* kAuthenticatorAddress = "inproc://zeromq.zap.01";  // fixed by RFC 27 of the ZeroMQ project
 constexpr std::size_t kWaitingMessages = 1024;
+constexpr std::size_t kMostTurnedAway = 256;
 constexpr auto kListenAgainAfter = Milliseconds(500);
 constexpr auto kCallAgainAfter = Milliseconds(500);
 constexpr auto kRoomAgainAfter = Milliseconds(5);
@@ -323,6 +324,9 @@ bool LinkLoop::IsAdmitted(const std::vector<zmq::message_t>& request, std::strin
     key = LinkKeyText(bytes);
     const bool pinned = FindPin(key) != nullptr;
     if (!pinned && m_turnedAway.insert(key).second) {
+        if (m_turnedAway.size() > kMostTurnedAway) {
+            m_turnedAway = {key};  // the others are named again when they come again
+        }
         LogLine(3, __LINE__, "A device at %s was turned away: nobody pinned its key %s", request[3].to_string().c_str(),
                 key.c_str());
         m_events.OnRefused(key);

@@ -100,7 +100,7 @@ private:
     std::map<std::string, ZMailbox::Clock::time_point> m_callAgain;
     std::map<std::string, Session> m_sessions;  ///< by key
     std::vector<ZLinkPin> m_pins;
-    std::set<std::string> m_turnedAway;  ///< keys that were reported, until the pins change
+    std::set<std::string> m_turnedAway;  ///< keys that were reported, until there are many or the pins change
     bool m_bBlocked = false;             ///< a message waits for room
     std::thread m_thread;
 };

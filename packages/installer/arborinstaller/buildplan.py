@@ -60,7 +60,10 @@ class BuildPlan:
         if board not in self.signatures:
             raise Failure(f"version {self.version} is not signed for board '{board}' "
                           f"(signed for: {', '.join(sorted(self.signatures))})")
-        signature = base64.b64decode(self.signatures[board])
+        try:
+            signature = base64.b64decode(self.signatures[board], validate=True)
+        except (ValueError, TypeError):
+            raise Failure(f"the signature for board '{board}' is damaged") from None
         output = os.path.join(version_directory, name)
         try:
             write_package(self.recipe(version_directory, board), output, lambda _: signature)
