@@ -63,22 +63,16 @@ def installed(device: Remote) -> str:
         return ""
 
 
-def link_key(device: Remote) -> str:
-    return gateway.post("peers", at=device.gateway)[1]["publicKey"]
-
-
 def other(device: Remote) -> dict:
     """What a device knows about the only other one; empty when it knows none, or does not answer."""
     try:
-        return next(iter(gateway.post("peers", at=device.gateway)[1]["peers"]), {})
+        return next(iter(device.peers()["peers"]), {})
     except (OSError, TypeError, KeyError):
         return {}
 
 
 def let_in(device: Remote, known: Remote) -> None:
-    """Pairs as a person does, on one of the two: only the accessory calls, so only it needs an address."""
-    where = ("--address", known.station.link_address) if known.station.listens else ()
-    done = arborctl(device, "pair", link_key(known), "--name", known.device.name, *where)
+    done = device.let_in(known)
     assert done.returncode == 0, done.stdout
 
 

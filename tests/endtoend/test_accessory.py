@@ -4,7 +4,7 @@ import os
 
 from pair.devices import LED
 from pair_support import (BUILT, CARRIED, CART, PALM, REMOTE_INSTALL, SERIAL, TRANSFER, VERSION, PairCase, arborctl,
-                          build_package, ended, folder_in_the_way, led_broken, let_in, link_key, locked_out_after_the_copy,
+                          build_package, ended, folder_in_the_way, led_broken, let_in, locked_out_after_the_copy,
                           other, running, slots_in_use, stuck_copy, until, until_connected)
 from simulation import gateway, paths
 
@@ -12,8 +12,8 @@ from simulation import gateway, paths
 class Journey(PairCase):
     def test_accessory_is_let_in_supplied_updated_and_comes_back_by_itself(self) -> None:
         let_in(PALM, CART)
-        until(lambda: link_key(PALM) in arborctl(CART, "pair").stdout, "the host names the key that it refused")
-        self.assertIn(link_key(PALM), CART.log)
+        until(lambda: PALM.peers()["publicKey"] in arborctl(CART, "pair").stdout, "the host names the key that it refused")
+        self.assertIn(PALM.peers()["publicKey"], CART.log)
         self.assertFalse(other(CART)["pinned"] or other(CART)["connected"] or other(PALM)["connected"])
         let_in(CART, PALM)
         until_connected()

@@ -4,7 +4,7 @@ import os
 import subprocess
 from pathlib import Path
 
-from simulation import paths
+from simulation import gateway, paths
 
 from . import network
 from .devices import STATIONS
@@ -47,6 +47,15 @@ class Remote:
         """Runs a command on the device, both outputs in one text."""
         return subprocess.run(self.words(*command), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, check=False)
+
+    def peers(self) -> dict:
+        """What the device knows about its link: its own key, and the others."""
+        return gateway.post("peers", at=self.gateway)[1]
+
+    def let_in(self, known: "Remote") -> subprocess.CompletedProcess:
+        """Pairs as a person does, on one of the two: only the accessory calls, so only it needs an address."""
+        where = ("--address", known.station.link_address) if known.station.listens else ()
+        return self.run("arborctl", "pair", known.peers()["publicKey"], "--name", known.device.name, *where)
 
     def switch_link(self, on: bool) -> None:
         """Switches the device's end of the cable."""
