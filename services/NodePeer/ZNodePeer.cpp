@@ -14,6 +14,8 @@ Z_IMPLEMENT(ZNodePeer)
 
 namespace {
 
+// Of each second that a request waits: shorter, so that the requester still hears what became of it.
+constexpr std::chrono::milliseconds kAnswerShare{900};
 constexpr const char* kLogSource = "NodePeer/ZNodePeer";
 using ErrorCodes = ZFrameworkErrorCodes;
 
@@ -39,7 +41,7 @@ bool ZNodePeer::OnConfig(const std::shared_ptr<ZMessage>& message, const std::sh
         return false;
     }
     if (const auto core = cast_shared<ZCoreConfigParams>(message)) {
-        m_answerTimeout = std::chrono::seconds(core->m_RequestTimeoutSeconds);
+        m_answerTimeout = kAnswerShare * core->m_RequestTimeoutSeconds;
     }
     return ReadRecord(*record);
 }

@@ -26,8 +26,10 @@ LinkDevice::LinkDevice(const std::string& serialNumber, ZDeviceType type, int po
     Start();
 }
 
-void LinkDevice::Start() {
-    m_graph = std::make_unique<ZGraph>(ZMakeShared<ZCoreConfigParams>());
+void LinkDevice::Start(std::uint32_t requestSeconds) {
+    const auto core = ZMakeShared<ZCoreConfigParams>();
+    core->m_RequestTimeoutSeconds = requestSeconds;
+    m_graph = std::make_unique<ZGraph>(core);
     std::string error;
     ASSERT_TRUE(m_graph->AddNode(ProbeNode::kClassName, "Probe", nullptr, error)) << error;
     m_probe = cast_shared<ProbeNode>(m_graph->Node("Probe"));

@@ -14,8 +14,8 @@ public:
     /// Listens on `port`, unless that is 0.
     LinkDevice(const std::string& serialNumber, ZDeviceType type, int port, const ZVector<ZString>& exports = {});
 
-    /// Starts the graph; its key and pins outlive it.
-    void Start();
+    /// Starts the graph, whose requests wait that long; its key and pins outlive it.
+    void Start(std::uint32_t requestSeconds = 30);
     void Stop() { m_graph.reset(); }
 
     ProbeNode& Probe() const { return *m_probe; }

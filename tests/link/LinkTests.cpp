@@ -2,6 +2,8 @@
 #include <zmq.h>
 
 #include <array>
+#include <atomic>
+#include <filesystem>
 #include <future>
 
 #include "LinkDevice.h"
@@ -35,8 +37,26 @@ Message Weighed(const Message& message) {
     return answer;
 }
 
+/// Expects this process to have as many threads and descriptors at its end as at its beginning.
+class NothingLeftBehind {
+public:
+    ~NothingLeftBehind() {
+        EXPECT_TRUE(WaitUntil([this] { return Held() == m_held; })) << Held().first << ' ' << Held().second;
+    }
+
+private:
+    static std::pair<std::ptrdiff_t, std::ptrdiff_t> Held() {
+        const auto count = [](const char* folder) {
+            return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+        };
+        return {count("/proc/self/task"), count("/proc/self/fd")};
+    }
+    const std::pair<std::ptrdiff_t, std::ptrdiff_t> m_held = Held();
+};
+
 class Link : public testing::Test {
 protected:
+    const NothingLeftBehind m_nothing;
     const int m_port = FreePort();
     LogCapture m_log;
     LinkDevice m_cart{"CT-1", DEVICE_CART, m_port, {"3:checkCompatibility"}};
@@ -110,6 +130,18 @@ TEST_F(Link, ADeviceThatGoesAwayFailsWhatWaitsForItAndComesBackByItself) {
     ASSERT_TRUE(WaitUntil([&] { return m_log.Has(3, "Device KiteQM-CT-1 is gone"); })) << m_log.All();
     m_cart.Start();
     ASSERT_TRUE(WaitUntil([&] { return m_cart.IsConnectedTo(m_palm.Key()); })) << m_log.All();
+    EXPECT_EQ("ok: 1zz", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("z"))));
+}
+
+TEST_F(Link, ADeviceThatNeverAnswersFailsOnlyTheRequest) {
+    std::atomic_bool answers = false;
+    m_palm.Probe().Listen(kDevice, "upload",
+                          [&](const Message& message) { return answers ? Weighed(message) : nullptr; });
+    m_cart.Stop();
+    m_cart.Start(3);
+    Join(m_cart, m_port, m_palm);
+    EXPECT_EQ("no: The device did not answer in time", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("x"))));
+    answers = true;
     EXPECT_EQ("ok: 1zz", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("z"))));
 }
 
