@@ -41,7 +41,8 @@ class Remote:
 
     def words(self, *command: str) -> list[str]:
         """A command line that runs `command` on the device."""
-        return ["nsenter", "--target", str(self._process), "--mount", "--pid", "--uts", "--net", "--", *command]
+        return ["nsenter", "--target", str(self._process), "--root", "--mount", "--pid", "--uts", "--net", "--",
+                *command]
 
     def run(self, *command: str) -> subprocess.CompletedProcess:
         """Runs a command on the device, both outputs in one text."""
