@@ -11,6 +11,8 @@ namespace {
 
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
 constexpr fs::perms kAnyExecute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
+// Far beyond any version; what is longer is a flood that began with a number.
+constexpr std::size_t kLongestVersion = std::size_t{64} * 1024;
 
 /// Whether the drive's path components are a leading run of the file's.
 bool IsOnDrive(const fs::path& file, const fs::path& drive) {
@@ -78,7 +80,7 @@ bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<Z
     }
     ZSoftwareVersion version;
     version.Set(ToZString(output));
-    if (!version.m_valid) {
+    if (!version.m_valid || output.size() > kLongestVersion) {
         Z_LOG(4, "File <%s> Invalid package <%s>", path.c_str(), output.c_str());
         AddInvalidPackage(results, "unknown", path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
         return true;
@@ -92,7 +94,10 @@ bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<Z
         AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED);
         return true;
     }
-    RecordPackage(file, version);
+    if (!RecordPackage(file, version)) {
+        Z_LOG(4, "File <%s> went away while it was checked", path.c_str());
+        AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+    }
     return true;
 }
 
@@ -119,10 +124,16 @@ bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const 
     return true;
 }
 
-void ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version) {
+bool ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version) {
     std::optional<PackageTable::value_type> erased;
     {
         const std::lock_guard lock(m_tablesMutex);
+        // Asked under the lock: a drive that is pulled later is forgotten later, one that was pulled before is seen
+        // here.
+        std::error_code error;
+        if (!fs::exists(file, error)) {
+            return false;
+        }
         const auto same =
             std::find_if(m_packages.begin(), m_packages.end(), [&](const auto& entry) { return entry.second == file; });
         if (same != m_packages.end()) {
@@ -134,6 +145,7 @@ void ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersi
     if (erased) {
         Z_LOG(2, "Erasing duplicate package file %s version %s", erased->second.c_str(), erased->first.Get());
     }
+    return true;
 }
 
 bool ZNodeArborInstall::RemoveStorageDevices(const ZVector<ZString>& drives) {

@@ -127,7 +127,8 @@ private:
     bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
     PackageTable KnownPackages() const;
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
-    void RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version);
+    /// False when the file is no longer there.
+    bool RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version);
 
     // System update.
     void LogMissingPackage(const ZString& version);

@@ -1,7 +1,8 @@
 #include "ZSoftwareVersion.h"
 
 #include <algorithm>
-#include <stdexcept>
+#include <cerrno>
+#include <cstdlib>
 
 ZSoftwareVersion::ZSoftwareVersion() : m_text("unknown") {}
 
@@ -15,14 +16,15 @@ void ZSoftwareVersion::Set(const ZString& text) {
 }
 
 std::size_t ZSoftwareVersion::Convert(std::string piece) {
-    try {
-        return std::stoul(piece, nullptr, 10);
-    } catch (const std::invalid_argument&) {
+    // std::stoul's rules without its exceptions: a hostile text has a million pieces that are no number.
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long value = std::strtoul(piece.c_str(), &end, 10);
+    if (end == piece.c_str() || errno == ERANGE) {
         m_valid = false;
-    } catch (const std::out_of_range&) {
-        m_valid = false;
+        return 0;
     }
-    return 0;
+    return value;
 }
 
 void ZSoftwareVersion::Split(const ZString& text) {

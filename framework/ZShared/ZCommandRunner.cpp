@@ -43,7 +43,7 @@ public:
     SpawnSetup(const SpawnSetup&) = delete;
     SpawnSetup& operator=(const SpawnSetup&) = delete;
 
-    void OutputTo(int descriptor) { ::posix_spawn_file_actions_adddup2(&m_actions, descriptor, STDOUT_FILENO); }
+    void Redirect(int descriptor, int to) { ::posix_spawn_file_actions_adddup2(&m_actions, descriptor, to); }
 
     /// Returns the child, or -1 with the reason.
     pid_t Spawn(const std::vector<std::string>& arguments, std::string& error) {
@@ -73,20 +73,53 @@ int ExitStatus(int waitStatus) {
     return WIFSIGNALED(waitStatus) ? 128 + WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
 }
 
-/// One running shell command: the group leader and the pipe that its output comes from.
+/// A pipe that a command writes to.
+class OutputPipe {
+public:
+    /// Returns the command's end; none when there is no pipe to be had.
+    ZFileDescriptor Open() {
+        std::array<int, 2> ends{-1, -1};
+        if (::pipe2(ends.data(), O_CLOEXEC) == 0) {
+            m_reader.Reset(ends[0]);
+            ::fcntl(m_reader.Get(), F_SETFL, O_NONBLOCK);
+        }
+        return ZFileDescriptor(ends[1]);
+    }
+    int Descriptor() const { return m_reader.Get(); }
+
+    /// Reads all that is there now; the pipe is closed at its end.
+    void Drain(const ZOutputCallback& onOutput) {
+        std::array<char, 16384> buffer;
+        // Bounded, so that a flood of output can't keep the time limit from being looked at.
+        for (int reads = 0; m_reader && reads < 64; ++reads) {
+            const ssize_t count = ::read(m_reader.Get(), buffer.data(), buffer.size());
+            if (count > 0) {
+                onOutput({buffer.data(), static_cast<std::size_t>(count)});
+            } else if (count == 0) {
+                m_reader.Reset();
+            } else if (errno != EINTR) {
+                return;
+            }
+        }
+    }
+
+private:
+    ZFileDescriptor m_reader;
+};
+
+/// One running shell command: the group leader and the pipes that its output and its complaints come from.
 class RunningCommand {
 public:
     bool Start(const std::string& commandLine, std::string& error) {
-        std::array<int, 2> ends{};
-        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        const ZFileDescriptor output = m_output.Open();
+        const ZFileDescriptor complaints = m_complaints.Open();
+        if (!output || !complaints) {
             error = std::strerror(errno);
             return false;
         }
-        m_output.Reset(ends[0]);
-        ZFileDescriptor childEnd(ends[1]);
-        ::fcntl(m_output.Get(), F_SETFL, O_NONBLOCK);
         SpawnSetup setup(POSIX_SPAWN_SETPGROUP);
-        setup.OutputTo(childEnd.Get());
+        setup.Redirect(output.Get(), STDOUT_FILENO);
+        setup.Redirect(complaints.Get(), STDERR_FILENO);
         m_child = setup.Spawn({"/bin/sh", "-c", commandLine}, error);
         if (m_child < 0) {
             return false;
@@ -100,26 +133,17 @@ public:
         return true;
     }
 
-    /// Reads all that is there now; the pipe is closed at its end.
-    void Drain(const std::function<void(std::string_view)>& onOutput) {
-        std::array<char, 16384> buffer;
-        // Bounded, so that a flood of output can't keep the time limit from being looked at.
-        for (int reads = 0; m_output && reads < 64; ++reads) {
-            const ssize_t count = ::read(m_output.Get(), buffer.data(), buffer.size());
-            if (count > 0) {
-                onOutput({buffer.data(), static_cast<std::size_t>(count)});
-            } else if (count == 0) {
-                m_output.Reset();
-            } else if (errno != EINTR) {
-                return;
-            }
-        }
+    void Drain(const ZOutputCallback& onOutput, const ZOutputCallback& onComplaint) {
+        m_output.Drain(onOutput);
+        m_complaints.Drain(onComplaint);
     }
 
     /// Sleeps until there is output, the command has ended (true), the stop event is set or the deadline has come.
     bool WaitForChange(int stopDescriptor, Clock::time_point deadline) {
-        std::array<pollfd, 3> entries{
-            {{m_exit.Get(), POLLIN, 0}, {m_output.Get(), POLLIN, 0}, {stopDescriptor, POLLIN, 0}}};
+        std::array<pollfd, 4> entries{{{m_exit.Get(), POLLIN, 0},
+                                       {m_output.Descriptor(), POLLIN, 0},
+                                       {m_complaints.Descriptor(), POLLIN, 0},
+                                       {stopDescriptor, POLLIN, 0}}};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
         const int wait = static_cast<int>(std::clamp<long long>(left, 0, 1'000'000));
         return ::poll(entries.data(), entries.size(), wait) > 0 && entries[0].revents != 0;
@@ -149,7 +173,8 @@ public:
 
 private:
     pid_t m_child = -1;
-    ZFileDescriptor m_output;
+    OutputPipe m_output;
+    OutputPipe m_complaints;
     ZFileDescriptor m_exit;
 };
 
@@ -159,8 +184,8 @@ std::string Seconds(std::chrono::milliseconds time) {
 
 }  // namespace
 
-ZCommandResult RunShellCommand(const std::string& commandLine, const std::function<void(std::string_view)>& onOutput,
-                               std::chrono::milliseconds timeout) {
+ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCallback& onOutput,
+                               const ZOutputCallback& onComplaint, std::chrono::milliseconds timeout) {
     ZCommandResult result;
     if (commandLine.find('\0') != std::string::npos) {
         result.reason = "The command line holds a NUL character";
@@ -175,7 +200,7 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const std::functi
         return result;
     }
     while (!command.WaitForChange(stop == nullptr ? -1 : stop->Descriptor(), deadline)) {
-        command.Drain(onOutput);
+        command.Drain(onOutput, onComplaint);
         if (stop != nullptr && stop->IsSet()) {
             result.reason = "The command was ended because its owner stops";
         } else if (Clock::now() >= deadline) {
@@ -187,7 +212,7 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const std::functi
         }
     }
     result.exitStatus = command.Reap();
-    command.Drain(onOutput);
+    command.Drain(onOutput, onComplaint);
     return result;
 }
 

@@ -14,12 +14,14 @@ struct ZCommandResult {
     std::string reason;  ///< why it did not run to its end by itself (not started, timed out, stopped); else empty
 };
 
+using ZOutputCallback = std::function<void(std::string_view)>;
+
 /// Runs `commandLine` with /bin/sh in a process group of its own and waits for its end; standard output goes to
-/// `onOutput`, on the calling thread, as it comes; standard input is /dev/null, standard error is this process's.
+/// `onOutput` and standard error to `onComplaint`, on the calling thread, as they come; standard input is /dev/null.
 /// After `timeout`, or when the calling thread's ZStopEvent is set, the whole group is ended. A child that the command
 /// leaves behind holding the output open does not keep the call waiting.
-ZCommandResult RunShellCommand(const std::string& commandLine, const std::function<void(std::string_view)>& onOutput,
-                               std::chrono::milliseconds timeout);
+ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCallback& onOutput,
+                               const ZOutputCallback& onComplaint, std::chrono::milliseconds timeout);
 
 /// Starts a program in a session of its own with standard input from /dev/null. Returns its process id, or -1 with the
 /// system's reason in `error`. The caller reaps it.

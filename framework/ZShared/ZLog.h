@@ -16,7 +16,8 @@ struct ZLogSettings {
 };
 
 /// The process's log. Thread-safe. Levels: 1 detail, 2 information, 3 warning, 4 error.
-/// Control characters in a line are written as \n, \t or \xHH, so no text from outside can forge a second line.
+/// Control characters and line breaks in a line, Unicode's too, are written as \n, \t or \xHH, so no text from outside
+/// can forge a second line; what is longer than 8 KiB is cut.
 class ZLog {
 public:
     using Listener = std::function<void(int level, const std::string& line)>;

@@ -93,6 +93,27 @@ private:
     std::string m_line;
 };
 
+/// Runs the command with its complaints in the log: there a text from outside is seen for what it is, and a flood of it
+/// is bounded.
+ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& onOutput) {
+    constexpr std::size_t kMostComplaints = 20;
+    std::size_t count = 0;
+    const ZPlatform::LineCallback log = [&](const std::string& line) {
+        if (++count <= kMostComplaints) {
+            LogLine(3, "ExecuteCommand", __LINE__, "A command complains", commandLine + ": " + line);
+        }
+    };
+    LineSplitter complaints(log);
+    ZCommandResult result = RunShellCommand(
+        commandLine, onOutput, [&](std::string_view data) { complaints.Add(data); }, Settings()->commandTimeout);
+    complaints.Finish();
+    if (count > kMostComplaints) {
+        LogLine(3, "ExecuteCommand", __LINE__, "Complaints beyond 20 were dropped",
+                std::to_string(count - kMostComplaints) + " lines of " + commandLine);
+    }
+    return result;
+}
+
 }  // namespace
 
 void ZPlatform::Configure(const ZPlatformSettings& settings) {
@@ -111,7 +132,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
             output.append(data.substr(0, kept));
             dropped += data.size() - kept;
         };
-        const ZCommandResult result = RunShellCommand(commandLine, keep, Settings()->commandTimeout);
+        const ZCommandResult result = RunLogged(commandLine, keep);
         if (dropped > 0) {
             LogLine(3, __func__, __LINE__, "Output beyond 1 MiB was dropped",
                     std::to_string(dropped) + " bytes of " + commandLine);
@@ -132,8 +153,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
 bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallback& onLine, const DoneCallback& onDone) {
     try {
         LineSplitter lines(onLine);
-        const ZCommandResult result = RunShellCommand(
-            commandLine, [&lines](std::string_view data) { lines.Add(data); }, Settings()->commandTimeout);
+        const ZCommandResult result = RunLogged(commandLine, [&lines](std::string_view data) { lines.Add(data); });
         lines.Finish();
         if (!Succeeded(result)) {
             LogLine(3, __func__, __LINE__, "The command failed", EndOfCommand(result));

@@ -39,7 +39,8 @@ public:
 
     /// Runs a shell command line and waits for its end. True when it ended with status 0. `output` receives its
     /// standard output without trailing line feeds, at most 1 MiB; more is read, dropped and logged. When the command
-    /// could not run, timed out or was stopped, `output` ends with the reason.
+    /// could not run, timed out or was stopped, `output` ends with the reason. The first lines of its standard error
+    /// are logged.
     static bool ExecuteCommand(const std::string& commandLine, std::string& output);
     /// As above, but hands every line of output to `onLine` as it comes, on the calling thread. A carriage return ends
     /// a line too, and stays in it; empty lines are left out. `onDone` receives the outcome as text. Either may be

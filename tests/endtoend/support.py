@@ -1,6 +1,7 @@
 """What the end-to-end tests share: a freshly furnished instrument with its graph host, and packages of many kinds."""
 
 import os
+import socket
 import subprocess
 from pathlib import Path
 
@@ -8,6 +9,7 @@ from common import GENEROUS, LoggedCase, wait_until
 from simulation import furnish, gateway, host, paths, slots, sticks
 
 FIXTURES = Path(os.environ["ARBOR_STICK_FILES"]).parent
+PROGRESS = paths.ARCHIVE / "progress"
 REJECTED = "ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE"
 TOO_OLD = "ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"
 
@@ -64,3 +66,10 @@ def both_slots() -> tuple[str, dict[str, str]]:
 
 def installed() -> str:
     return gateway.post("getinstalledversioninfo")[1]["version"]
+
+
+def progress_client() -> socket.socket:
+    """A connection to the relay, as an installer makes one."""
+    client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    wait_until(lambda: client.connect_ex(str(PROGRESS)) == 0, "the relay accepts")
+    return client

@@ -3,10 +3,10 @@
 import fcntl
 import json
 import os
-import socket
 
 from simulation import gateway, paths, sticks
-from support import REJECTED, InstrumentCase, arborctl, both_slots, installed, outcomes, script_package, stick_package, wait_until
+from support import (PROGRESS, REJECTED, InstrumentCase, arborctl, both_slots, installed, outcomes, progress_client,
+                     script_package, stick_package, wait_until)
 
 
 class Troubles(InstrumentCase):
@@ -70,9 +70,8 @@ class Troubles(InstrumentCase):
         wait_until(lambda: gateway.updates() == ["9.1"], "9.1 is announced")
         with gateway.Events() as events:
             self.assertEqual(200, gateway.post("updatesystem", {"version": "9.1", "reboot": False})[0])
-            socket_file = paths.ARCHIVE / "progress"
-            wait_until(socket_file.exists, "the relay listens")
-            clients = [_progress_client(str(socket_file)) for _ in range(5)]
+            wait_until(PROGRESS.exists, "the relay listens")
+            clients = [progress_client() for _ in range(5)]
 
             def says(client: int, message: str) -> None:
                 clients[client].send(json.dumps({"message": message, "done": message == "end"}).encode())
@@ -87,9 +86,3 @@ class Troubles(InstrumentCase):
             self.assertTrue(events.next("progress")["done"])
         for client in clients:
             client.close()
-
-
-def _progress_client(path: str) -> socket.socket:
-    client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    wait_until(lambda: client.connect_ex(path) == 0, "the relay accepts")
-    return client
