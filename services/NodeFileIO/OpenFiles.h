@@ -6,8 +6,9 @@
 #include "StoredFile.h"
 #include "ZMessages/Messages.h"
 
-/// The files that are being received, by the path that their sender gave them. Messages about a file belong to the one that
-/// opened it when they name the same device: what comes in as an upload names this one. What is still open when the table goes leaves nothing behind. One thread uses an object.
+/// The files that are being received, by the path that their sender gave them. Messages about a file belong to the one
+/// that opened it when they name the same device: what comes in as an upload names this one. What is still open when
+/// the table goes leaves nothing behind. One thread uses an object.
 class OpenFiles {
 public:
     using Clock = std::chrono::steady_clock;

@@ -15,8 +15,8 @@ public:
     FileError Create(mode_t mode);
     /// Writes behind what was written before; all or it failed.
     FileError Write(std::string_view bytes);
-    /// Makes the file fail with `error`, unless it has before, and gives its room on the disk back. Returns why it failed
-    /// first, as every later call does.
+    /// Makes the file fail with `error`, unless it has before, and gives its room on the disk back. Returns why it
+    /// failed first, as every later call does.
     FileError Break(FileError error);
     /// Brings the file safely to the disk and gives it its name, in place of an older file. Once.
     FileError Commit();

@@ -102,7 +102,7 @@ void AddPiece(LinkFrames& frames, std::string_view text, const std::shared_ptr<Z
     auto keeper = std::make_unique<Keeper>(owner);
     // The library takes plain pointers, and only reads.
     frames.emplace_back(const_cast<char*>(text.data()), text.size(), LetGo, keeper.get());
-    keeper.release();
+    (void)keeper.release();  // the frame has it now
 }
 
 /// Frames that show a text where it stands; `owner` keeps it there.
