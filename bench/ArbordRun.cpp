@@ -13,6 +13,7 @@
 #include <system_error>
 #include <vector>
 
+#include "ArgumentVector.h"
 #include "ZShared/ZPidFd.h"
 
 namespace fs = std::filesystem;
@@ -44,16 +45,6 @@ std::vector<std::string> Environment(const fs::path& socket) {
         }
     }
     return variables;
-}
-
-std::vector<char*> Pointers(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 }  // namespace
@@ -92,8 +83,8 @@ void ArbordRun::Spawn() {
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
     ::posix_spawn_file_actions_addchdir_np(&actions, m_scratch.Path().c_str());
-    const int failure = ::posix_spawn(&m_process, arguments[0].c_str(), &actions, nullptr, Pointers(arguments).data(),
-                                      Pointers(variables).data());
+    const int failure = ::posix_spawn(&m_process, arguments[0].c_str(), &actions, nullptr,
+                                      ArgumentVector(arguments).data(), ArgumentVector(variables).data());
     ::posix_spawn_file_actions_destroy(&actions);
     if (failure != 0) {
         throw std::system_error(failure, std::generic_category(), arguments[0]);

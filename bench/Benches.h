@@ -10,6 +10,8 @@ void AddInventory(Report& report);
 void AddRelay(Report& report);
 void AddBus(Report& report);
 void AddJson(Report& report);
+void AddLink(Report& report);
+void AddTransfer(Report& report);
 void AddHost(Report& report);
 
 /// Work counts as linear when an item's time grows with their number at most this much more than its limit's does:

@@ -38,3 +38,10 @@ std::shared_ptr<ZNode> AddNode(ZGraph& graph, const char* className, const ZStri
     }
     return graph.Node(name);
 }
+
+void StartGraph(ZGraph& graph) {
+    std::string error;
+    if (!graph.Start(error)) {
+        throw std::runtime_error(error);
+    }
+}

@@ -22,3 +22,6 @@ std::shared_ptr<ZNodeArborInstall> MakeInstallNode(const InstallSettings& settin
 /// Adds a node to a graph and returns it. Throws std::runtime_error when it can't be set up.
 std::shared_ptr<ZNode> AddNode(ZGraph& graph, const char* className, const ZString& name,
                                const std::shared_ptr<ZConfig>& record = nullptr);
+
+/// Tells a graph's nodes that it is complete. Throws std::runtime_error when one reports failure.
+void StartGraph(ZGraph& graph);

@@ -2,23 +2,18 @@
 #include <exception>
 #include <iostream>
 
+#include "ArgumentVector.h"
 #include "Benches.h"
 #include "ZShared/ZLog.h"
 
 namespace {
 
 /// The table's settings come first, so that the caller's own win.
-std::vector<char*> Arguments(std::vector<std::string>& texts, int argc, char** argv) {
-    texts = {argc > 0 ? argv[0] : "bench_arbor", "--benchmark_repetitions=9", "--benchmark_min_time=0.1",
-             "--benchmark_enable_random_interleaving=true"};
+std::vector<std::string> Arguments(int argc, char** argv) {
+    std::vector<std::string> texts{argc > 0 ? argv[0] : "bench_arbor", "--benchmark_repetitions=9",
+                                   "--benchmark_min_time=0.1", "--benchmark_enable_random_interleaving=true"};
     texts.insert(texts.end(), argv + std::min(argc, 1), argv + argc);
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
+    return texts;
 }
 
 /// Lines are made and kept in memory as always, but written nowhere.
@@ -34,15 +29,15 @@ bool SilenceLog() {
 }
 
 int Run(int argc, char** argv) {
-    std::vector<std::string> texts;
-    std::vector<char*> arguments = Arguments(texts, argc, argv);
+    std::vector<std::string> texts = Arguments(argc, argv);
+    std::vector<char*> arguments = ArgumentVector(texts);
     int count = static_cast<int>(arguments.size()) - 1;
     benchmark::Initialize(&count, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data()) || !SilenceLog()) {
         return 2;
     }
     Report report;
-    for (const auto add : {AddScan, AddInventory, AddRelay, AddBus, AddJson, AddHost}) {
+    for (const auto add : {AddScan, AddInventory, AddRelay, AddBus, AddJson, AddLink, AddTransfer, AddHost}) {
         add(report);
     }
     benchmark::RunSpecifiedBenchmarks(&report);
