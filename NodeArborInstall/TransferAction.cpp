@@ -1,5 +1,7 @@
 #include <fstream>
+#include <future>
 #include <magic_enum/magic_enum.hpp>
+#include <utility>
 
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZBase64.h"
@@ -14,6 +16,41 @@ namespace {
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
 constexpr std::size_t kChunkSize = 776700;  // a multiple of 3: only the last chunk's base64 text is padded
 constexpr std::int32_t kFileMode = 0755;
+
+/// A file's chunks as messages. Each is read and encoded while the one before is on its way: the receiver's work and
+/// the sender's go on at the same time, though only one message is ever unanswered.
+class ChunkReader {
+public:
+    explicit ChunkReader(const fs::path& file)
+        : m_input(file, std::ios::binary), m_buffer(kChunkSize), m_next(Prepare()) {}
+
+    /// The next chunk, and how many bytes of the file it carries: 0 at the end of what can be read.
+    std::pair<std::shared_ptr<ZFileWriteMsg>, std::size_t> Take() {
+        auto chunk = m_next.get();
+        m_next = Prepare();
+        return chunk;
+    }
+
+private:
+    using Chunk = std::pair<std::shared_ptr<ZFileWriteMsg>, std::size_t>;
+
+    std::future<Chunk> Prepare() {
+        return std::async(std::launch::async, [this]() -> Chunk {
+            m_input.read(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
+            const auto count = static_cast<std::size_t>(m_input.gcount());
+            const auto message = Z_MAKE(ZFileWriteMsg);
+            message->m_Data = ZBase64::Encode({m_buffer.data(), count});
+            message->m_Position = m_position;
+            m_position += static_cast<std::int64_t>(count);
+            return {message, count};
+        });
+    }
+
+    std::ifstream m_input;
+    std::vector<char> m_buffer;
+    std::int64_t m_position = 0;
+    std::future<Chunk> m_next;  // the last member: its end is waited for before the others go
+};
 
 }  // namespace
 
@@ -100,20 +137,15 @@ bool ZNodeArborInstall_TransferAction::OpenFile(const Journey& journey) {
 }
 
 void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
-    std::vector<char> buffer(kChunkSize);
     const std::uint64_t total = GetFileSize(journey.source);
-    std::ifstream input(journey.source, std::ios::binary);
+    ChunkReader chunks(journey.source);
     std::uint64_t sent = 0;
     std::uint64_t lastPercent = 0;
     while (sent < total && m_bRun) {
-        input.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-        const auto count = static_cast<std::size_t>(input.gcount());
+        const auto [write, count] = chunks.Take();
         if (count == 0) {
             break;
         }
-        const auto write = Z_MAKE(ZFileWriteMsg);
-        write->m_Data = ZBase64::Encode({buffer.data(), count});
-        write->m_Position = static_cast<std::int64_t>(sent);
         const std::uint64_t percent = sent * 100 / total;  // before this chunk counts: 100 is never reported here
         if (percent > lastPercent) {
             Z_LOG(2, "Install File Transfer (%lu encoded %lu bytes) %lu%% (%lu of %lu) to %s", count,
