@@ -92,7 +92,12 @@ bool ZNodeArborInstall_TransferAction::Work() {
     answer->m_SerialNumber = journey.request->m_SerialNumber;
     answer->m_DeviceModel = journey.request->m_DeviceModel;
     Node().PublishResponse(m_pMessage, answer, true, false);
-    SendChunks(journey);
+    try {
+        SendChunks(journey);
+    } catch (...) {
+        CloseFile(journey);  // the receiver notices that the file is not whole
+        throw;
+    }
     CloseFile(journey);
     return true;
 }

@@ -1,11 +1,15 @@
 #include "ZMessages/ZMessage.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include "ZMessages/ZFields.h"
+#include "ZShared/ZFileDescriptor.h"
 
 Z_IMPLEMENT(ZMessage)
 
@@ -80,6 +84,17 @@ bool ZMessage::Save(std::string& text, ZCommStream& stream) const {
     return written;
 }
 
+namespace {
+
+/// Whether a file's content, or a folder's, is safe on the disk now.
+bool IsSynced(const std::filesystem::path& path) {
+    const ZFileDescriptor opened(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Some file systems keep their folders safe by themselves and know no such call.
+    return opened && (::fsync(opened.Get()) == 0 || errno == EINVAL);
+}
+
+}  // namespace
+
 bool ZMessage::Save(const std::filesystem::path& file, ZCommStream& stream) const {
     std::string text;
     const bool written = Save(text, stream);
@@ -88,9 +103,9 @@ bool ZMessage::Save(const std::filesystem::path& file, ZCommStream& stream) cons
     output << text << '\n';
     output.close();
     std::error_code code;
-    if (written && output) {
+    if (written && output && IsSynced(temporary)) {
         std::filesystem::rename(temporary, file, code);
-        if (!code) {
+        if (!code && IsSynced(file.has_parent_path() ? file.parent_path() : ".")) {
             return true;
         }
     }

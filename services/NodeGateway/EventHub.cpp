@@ -86,8 +86,14 @@ std::shared_ptr<EventQueue> EventHub::Join(bool withLog) {
         queue->Put(std::make_shared<const std::string>(": live\n\n"));
         m_queues.push_back(queue.get());
     }
-    if (withLog) {
-        ListenToLog();
+    try {
+        if (withLog) {
+            ListenToLog();
+        }
+    } catch (...) {
+        const std::lock_guard lock(m_mutex);
+        std::erase(m_queues, queue.get());
+        throw;
     }
     return {queue.release(), [this](EventQueue* left) {
                 Leave(left);
@@ -105,11 +111,12 @@ void EventHub::Leave(const EventQueue* queue) {
 
 void EventHub::ListenToLog() {
     const std::lock_guard lock(m_logMutex);
-    if (m_logListeners++ == 0) {
+    if (m_logListeners == 0) {
         m_logListener = ZLog::Instance().AddListener([this](int, const std::string& line) {
             Publish(EventKind::Log, ValidUtf8(boost::json::serialize(boost::json::object{{"line", line}})));
         });
     }
+    ++m_logListeners;
 }
 
 void EventHub::LeaveLog() {

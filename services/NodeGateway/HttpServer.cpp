@@ -249,6 +249,7 @@ struct HttpServer::Impl {
         : settings(std::move(theSettings)), file(settings.path), server(std::move(handler), stop) {}
 
     bool Bind(std::string& error);
+    bool BindAgain();
     void Run();
 
     const HttpServerSettings settings;
@@ -281,8 +282,21 @@ bool HttpServer::Impl::Bind(std::string& error) {
     return file.Open(settings.access, error);
 }
 
-void HttpServer::Impl::Run() {
+bool HttpServer::Impl::BindAgain() {
     std::string error;
+    try {
+        file.Remove();
+        if (Bind(error)) {
+            return true;
+        }
+    } catch (const std::exception& failure) {
+        error = failure.what();
+    }
+    GATEWAY_LOG(4, "The server can't be set up again: %s", error.c_str());
+    return false;
+}
+
+void HttpServer::Impl::Run() {
     while (!stop.IsSet()) {
         try {
             server.listen_after_bind();
@@ -295,8 +309,7 @@ void HttpServer::Impl::Run() {
             GATEWAY_LOG(4, "No connections are accepted on %s; trying again", settings.path.c_str());
             pollfd wait{stop.Descriptor(), POLLIN, 0};
             ::poll(&wait, 1, static_cast<int>(std::chrono::milliseconds(kRetryAfter).count()));
-            file.Remove();
-            if (Bind(error)) {
+            if (BindAgain()) {
                 break;
             }
         }

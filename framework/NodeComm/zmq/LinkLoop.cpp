@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 
 #include "ZShared/ZLog.h"
 
@@ -45,6 +46,10 @@ LinkLoop::~LinkLoop() {
 }
 
 bool LinkLoop::Start(std::string& error) {
+    if (!m_wakeUp) {
+        error = "there is no descriptor for waking the link up";
+        return false;
+    }
     try {
         m_authenticator = zmq::socket_t(m_context, zmq::socket_type::rep);
         m_authenticator.bind(kAuthenticatorAddress);
@@ -105,21 +110,25 @@ void LinkLoop::Run() {
         } catch (const std::exception& failure) {
             // Out of memory or descriptors: all connections are built anew, a little later.
             LogLine(4, __LINE__, "The link failed and is set up again: %s", failure.what());
-            m_callers.clear();
-            m_listener.reset();
-            while (!m_sessions.empty()) {
-                EndSession(m_sessions.begin()->first);
-            }
+            CloseConnections();
             m_listenAgain = Clock::now() + kRebuildAfter;
             std::this_thread::sleep_for(kRebuildAfter);
         }
     }
-    while (!m_sessions.empty()) {
-        EndSession(m_sessions.begin()->first);
-    }
+    CloseConnections();
+    m_authenticator.close();
+}
+
+void LinkLoop::CloseConnections() {
     m_callers.clear();
     m_listener.reset();
-    m_authenticator.close();
+    while (!m_sessions.empty()) {
+        try {
+            EndSession(m_sessions.begin()->first);
+        } catch (const std::exception& failure) {
+            LogLine(4, __LINE__, "The end of a connection could not be told: %s", failure.what());
+        }
+    }
 }
 
 bool LinkLoop::Turn() {
@@ -213,8 +222,8 @@ Clock::time_point LinkLoop::CallPinned(Clock::time_point now) {
             continue;
         }
         if (again != m_callAgain.end()) {
-            m_callers.erase(pin.publicKey);
             m_callAgain.erase(again);
+            DropCaller(pin.publicKey);
         }
         if (pin.address.empty() || m_callers.contains(pin.publicKey)) {
             continue;
@@ -223,10 +232,23 @@ Clock::time_point LinkLoop::CallPinned(Clock::time_point now) {
             m_callers.emplace(pin.publicKey, LinkSocket::Caller(m_context, m_settings, pin.publicKey, pin.address));
         } catch (const zmq::error_t& failure) {
             LogLine(4, __LINE__, "%s can't be called at %s: %s", pin.name.c_str(), pin.address.c_str(), failure.what());
-            pin.address.clear();
+            if (failure.num() == EINVAL || failure.num() == EPROTONOSUPPORT) {
+                pin.address.clear();  // it will never be one
+            } else {
+                next = std::min(next, m_callAgain[pin.publicKey] = now + kRebuildAfter);
+            }
         }
     }
     return next;
+}
+
+void LinkLoop::DropCaller(const std::string& key) {
+    const auto caller = m_callers.find(key);
+    const auto session = m_sessions.find(key);
+    if (caller != m_callers.end() && session != m_sessions.end() && session->second.socket == &caller->second) {
+        EndSession(key);
+    }
+    m_callers.erase(key);
 }
 
 void LinkLoop::TryListen() {
@@ -270,6 +292,7 @@ void LinkLoop::OnCallerEvent(const std::string& key, LinkSocket& socket, const L
     switch (event.kind) {
         case LinkSocketEvent::Kind::Connected: {
             EndSession(key);
+            m_callAgain.erase(key);
             Session& session = m_sessions[key];
             session.socket = &socket;
             session.descriptor = event.descriptor;
@@ -281,14 +304,20 @@ void LinkLoop::OnCallerEvent(const std::string& key, LinkSocket& socket, const L
             EndSession(key);
             return;
         case LinkSocketEvent::Kind::Refused:
-            m_callAgain.emplace(key, Clock::now() + kCallAgainAfter);
-            if (m_turnedAway.insert(key).second) {
-                const ZLinkPin* pin = FindPin(key);
-                LogLine(3, __LINE__, "%s turned this device away: it has not pinned this device's key",
-                        pin == nullptr ? key.c_str() : pin->name.c_str());
-                m_events.OnRefused(key);
-            }
+            CallAgainLater(key, "turned this device away: it has not pinned this device's key");
             return;
+        case LinkSocketEvent::Kind::Foreign:
+            CallAgainLater(key, "does not answer as a device of this kind does");
+            return;
+    }
+}
+
+void LinkLoop::CallAgainLater(const std::string& key, const char* what) {
+    m_callAgain.emplace(key, Clock::now() + kCallAgainAfter);
+    if (m_turnedAway.insert(key).second) {
+        const ZLinkPin* pin = FindPin(key);
+        LogLine(3, __LINE__, "%s %s", pin == nullptr ? key.c_str() : pin->name.c_str(), what);
+        m_events.OnRefused(key);
     }
 }
 

@@ -33,7 +33,7 @@ public:
     LinkLoop(const LinkLoop&) = delete;
     LinkLoop& operator=(const LinkLoop&) = delete;
 
-    /// False, with `error`, when the system has no thread or descriptor left, or the address can never be bound.
+    /// False, with `error`, when the system has no thread or descriptor left.
     bool Start(std::string& error);
     /// Closes all connections and ends the thread; not for the thread itself.
     void Stop();
@@ -64,11 +64,14 @@ private:
     void Run();
     bool Turn();
     void Poll(std::chrono::milliseconds limit);
+    void CloseConnections();
     void ApplyPins(std::vector<ZLinkPin> pins);
     /// Calls pinned devices that are not called yet; returns when to look again.
     ZMailbox::Clock::time_point CallPinned(ZMailbox::Clock::time_point now);
     void TryListen();
     void HandleEvents();
+    void DropCaller(const std::string& key);
+    void CallAgainLater(const std::string& key, const char* what);
     void OnCallerEvent(const std::string& key, LinkSocket& socket, const LinkSocketEvent& event);
     void Authenticate();
     bool IsAdmitted(const std::vector<zmq::message_t>& request, std::string& key);

@@ -12,8 +12,9 @@ constexpr int kSlowestRetry = 400;
 constexpr int kConnectLimit = 500;
 constexpr int kHandshakeLimit = 3000;
 
+// Not a handshake that broke off with its connection: the library calls again after that by itself.
 constexpr int kWatched = ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_HANDSHAKE_FAILED_AUTH |
-                         ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL | ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL;
+                         ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL;
 
 /// An event as the library writes it: 16 bits of kind, 32 bits of value.
 LinkSocketEvent EventOf(const zmq::message_t& frame) {
@@ -29,8 +30,10 @@ LinkSocketEvent EventOf(const zmq::message_t& frame) {
             return {Kind::Connected, value};
         case ZMQ_EVENT_DISCONNECTED:
             return {Kind::Lost, value};
-        default:
+        case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
             return {Kind::Refused, -1};
+        default:
+            return {Kind::Foreign, -1};
     }
 }
 

@@ -13,11 +13,12 @@ struct LinkSocketSettings {
     std::chrono::milliseconds heartbeat{1000};
 };
 
-/// What became of a socket's connections.
+/// What became of a socket's connections. After Refused (the other side does not know this key) and Foreign (it does
+/// not speak this protocol) the library does not call again.
 struct LinkSocketEvent {
-    enum class Kind : std::int8_t { Connected, Lost, Refused };
+    enum class Kind : std::int8_t { Connected, Lost, Refused, Foreign };
     Kind kind;
-    int descriptor;  ///< which connection: its file descriptor; not for Refused
+    int descriptor;  ///< of a listener's connection that is Lost: its file descriptor
 };
 
 /// One encrypted ZeroMQ socket with the news of its connections. Used by one thread. Throws zmq::error_t.

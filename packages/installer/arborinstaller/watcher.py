@@ -148,7 +148,7 @@ class _Supervision:
         silent = max(self._package.header.silentSeconds, _TICK)
         heard = shown = time.monotonic()
         while True:
-            timeout = _TICK if self._sink.waiting() else silent
+            timeout = _TICK if self._sink.waiting() else min(silent, self._stall)
             ready, _, _ = select.select([records, self._cancelled], [], [], timeout)
             now = time.monotonic()
             if self._cancelled in ready:
