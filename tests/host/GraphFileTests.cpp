@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 
+#include <boost/algorithm/string/join.hpp>
 #include <boost/json.hpp>
+#include <set>
 
 #include "ArbordProcess.h"
 
@@ -78,27 +80,38 @@ TEST(GraphFile, ErrorsNameFileLineAndKey) {
     }
 }
 
-TEST(GraphFile, TakesEveryKeyOfItsSchema) {
+TEST(GraphFile, TakesEveryKeyOfItsSchemaAndNoOther) {
     const json::value schema = json::parse(ReadText(GRAPH_SCHEMA));
-    const auto defaults = [&](const std::string& pointer) {
+    const auto samples = [&](const std::string& pointer) {
         json::object all;
         for (const auto& [key, property] : schema.at_pointer(pointer + "/properties").as_object()) {
-            if (const json::value* value = property.as_object().if_contains("default")) {
+            if (const json::value* examples = property.as_object().if_contains("examples")) {
+                all[key] = examples->at(0);
+            } else if (const json::value* value = property.as_object().if_contains("default")) {
                 all[key] = *value;
             }
         }
         EXPECT_FALSE(all.empty()) << pointer;
         return all;
     };
-    json::object graph = defaults("");
+    json::object graph = samples("");
     for (const std::string section : {"core", "comms", "log", "platform"}) {
-        graph[section] = defaults("/properties/" + section);
+        graph[section] = samples("/properties/" + section);
     }
-    graph["platform"].as_object()["identity"] = defaults("/properties/platform/properties/identity");
-    for (const std::string node : {"ZNodeStorage", "ZNodeDeviceProps"}) {
-        json::array& nodes = graph["nodes"].is_array() ? graph["nodes"].get_array() : graph["nodes"].emplace_array();
-        nodes.push_back({{"name", node}, {"class", node}, {"config", defaults("/definitions/" + node + "Cfg")}});
+    graph["platform"].as_object()["identity"] = samples("/properties/platform/properties/identity");
+    const auto check = [&graph](const std::string& node, const json::object& record) {
+        const TemporaryFolder folder;
+        graph["nodes"] = json::array{json::object{{"name", node}, {"class", node}, {"config", record}}};
+        return Check(folder.Write("graph.json", json::serialize(graph)));
+    };
+    for (const std::string node :
+         {"ZNodeArborInstall", "ZNodeStorage", "ZNodeDeviceProps", "ZNodeFileIO", "ZNodePeer", "ZNodeGateway"}) {
+        const json::object record = samples("/definitions/" + node + "Cfg");
+        std::set<std::string> keys;
+        for (const auto& property : schema.at_pointer("/definitions/" + node + "Cfg/properties").as_object()) {
+            keys.insert(std::string(property.key()));
+        }
+        EXPECT_THAT(check(node, {{"none", 1}}), HasSubstr("known are: " + boost::algorithm::join(keys, ", ") + "\n"));
+        EXPECT_THAT(check(node, record), HasSubstr("no errors, nodes: 1"));
     }
-    const TemporaryFolder folder;
-    EXPECT_THAT(Check(folder.Write("graph.json", json::serialize(graph))), HasSubstr("no errors, nodes: 2"));
 }
