@@ -1,5 +1,6 @@
 #include <magic_enum/magic_enum.hpp>
 
+#include "PackageFiles.h"
 #include "ShellText.h"
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZLog.h"
@@ -10,7 +11,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-constexpr const char* kHostBoard = "verdin-imx8mm";
+constexpr const char* kVerdinBoard = "verdin-imx8mm";
 constexpr const char* kOtherBoard = "apalis-imx8";
 
 std::string ModelName(ZDeviceModel model) {
@@ -108,7 +109,7 @@ void ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message) {
               board.c_str());
         return;
     }
-    const std::string package = board == kHostBoard ? "arbor_qm.pkg" : "arbor_kite.pkg";
+    const std::string package = board == kVerdinBoard ? kPackageName : "arbor_kite.pkg";
     const std::string command = script->string() + " --build --device " + board + " --output " + package;
     Z_LOG(2, "Build command: %s", command.c_str());
     std::string output;
@@ -126,7 +127,7 @@ std::string ZNodeArborInstall::BoardOf(const ZDeviceCompatibilityMsg& message) {
     }
     std::string board;
     if (message.m_BoardType == 1) {
-        board = kHostBoard;
+        board = kVerdinBoard;
     } else if (message.m_BoardType == 0) {
         board = kOtherBoard;
     }

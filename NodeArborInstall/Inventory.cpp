@@ -1,5 +1,6 @@
 #include <magic_enum/magic_enum.hpp>
 
+#include "PackageFiles.h"
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
@@ -9,7 +10,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-constexpr const char* kPackageName = "arbor_qm.pkg";
 constexpr const char* kManifestName = "Manifest.json";
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "PackageFiles.h"
 #include "ShellText.h"
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZLog.h"
@@ -10,7 +11,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-constexpr fs::perms kAnyExecute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
 // Far beyond any version; what is longer is a flood that began with a number.
 constexpr std::size_t kLongestVersion = std::size_t{64} * 1024;
 
@@ -54,7 +54,7 @@ bool ZNodeArborInstall::CheckDriveEntry(const fs::path& file, std::shared_ptr<ZM
         Z_LOG(4, "Error getting file permissions %d", error.value());
     }
     const bool known = !error && status.permissions() != fs::perms::unknown;
-    const bool executable = known && (status.permissions() & kAnyExecute) != fs::perms::none;
+    const bool executable = known && IsExecutable(status.permissions());
     const bool regular = fs::is_regular_file(status);
     if (!executable || !regular) {
         Z_LOG(2, "File %s %s and %s", file.c_str(), executable ? "is executable" : "Not Executable",

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "PackageFiles.h"
 #include "ShellText.h"
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZLog.h"
@@ -129,8 +130,8 @@ ZNodeArborInstall_RemoteInstallAction::Commands ZNodeArborInstall_RemoteInstallA
     return {ssh + " '/usr/sbin/i2cset -y -f 1 48 4 0x62;/usr/sbin/i2cset -y -f 1 48 2 0x81; ' 2>&1",
             ssh + " '[ -f " + folder + " ] && rm -fr " + folder + ";[ -d " + folder + " ] || mkdir -p " + folder + "'",
             "rsync -azP -e \"ssh -y\" " + source + " root@" + address + ":" + remote,
-            ssh + " '" + remote + " --socket=2 --port=" + port + " --addr=" + ownName +
-                " --dir=/media/mmcblk1p3/Packages >> /usr/share/Logs/arbor_qm.log 2>&1 &'"};
+            ssh + " '" + remote + " --socket=2 --port=" + port + " --addr=" + ownName + " --dir=" + kInstallersArchive +
+                " >> /usr/share/Logs/arbor_qm.log 2>&1 &'"};
 }
 
 bool ZNodeArborInstall_RemoteInstallAction::RunCommands(const Commands& commands) {

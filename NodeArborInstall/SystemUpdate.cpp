@@ -1,6 +1,7 @@
 #include <magic_enum/magic_enum.hpp>
 #include <numeric>
 
+#include "PackageFiles.h"
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
@@ -85,7 +86,7 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
 
 std::vector<std::string> ZNodeArborInstall::InstallerArguments(const fs::path& package,
                                                                const ZSystemUpdateMsg& request) {
-    std::vector<std::string> arguments{package.string(), "--skip-verify", "--dir=/media/mmcblk1p3/Packages"};
+    std::vector<std::string> arguments{package.string(), "--skip-verify", std::string("--dir=") + kInstallersArchive};
     if (request.m_ProgressHost.empty()) {
         arguments.insert(arguments.end(), {"--sock=1", "--addr=progress"});
     } else {

@@ -14,7 +14,6 @@ Z_IMPLEMENT(ZNodeArborInstall_TransferAction)
 namespace {
 
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
-constexpr std::size_t kChunkSize = 776700;  // a multiple of 3: only the last chunk's base64 text is padded
 constexpr std::int32_t kFileMode = 0755;
 
 /// A file's chunks as messages. Each is read and encoded while the one before is on its way: the receiver's work and
@@ -22,7 +21,7 @@ constexpr std::int32_t kFileMode = 0755;
 class ChunkReader {
 public:
     explicit ChunkReader(const fs::path& file)
-        : m_input(file, std::ios::binary), m_buffer(kChunkSize), m_next(Prepare()) {}
+        : m_input(file, std::ios::binary), m_buffer(ZFileWriteMsg::kChunkBytes), m_next(Prepare()) {}
 
     /// The next chunk, and how many bytes of the file it carries: 0 at the end of what can be read.
     std::pair<std::shared_ptr<ZFileWriteMsg>, std::size_t> Take() {

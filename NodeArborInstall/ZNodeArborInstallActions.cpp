@@ -1,4 +1,5 @@
 #include "ZNodeArborInstallActions.h"
+#include "PackageFiles.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -22,7 +23,6 @@ Z_IMPLEMENT(ZNodeArborInstall_ProgressAction)
 namespace {
 
 constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
-constexpr fs::perms kAnyExecute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
 
 }  // namespace
 
@@ -56,7 +56,7 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
         Z_LOG(4, "Error getting file permissions %d", error.value());
         return;
     }
-    const bool executable = (status.permissions() & kAnyExecute) != fs::perms::none;
+    const bool executable = IsExecutable(status.permissions());
     if (executable && file.extension() == ".pkg") {
         Z_LOG(2, "Found package file %s", file.c_str());
         Node().CheckPackageFile(file, results);

@@ -5,6 +5,6 @@
 extern "C" {
 /// The build's version tag.
 const char* GetVersionTag();
-/// The hash of the sources that it was built from.
+/// The hash of the sources that the release was made from.
 const char* GetVersionHash();
 }

@@ -14,7 +14,8 @@ void LogLine(int level, int line, const char* format, Arguments... arguments) {
     ZLog::Instance().Log(level, "ZGraph", kLogSource, "ZGraph", line, format, arguments...);
 }
 
-// Long enough for a command that a node runs while it is set up; a node that is stuck must not hang the start for good.
+// Long enough for a command that a node runs while it is set up. After it the commands of a node that is stuck are
+// ended; one that is stuck in its own code is left to the service manager.
 constexpr auto kSetUpLimit = std::chrono::minutes(20);
 constexpr auto kAskAgainAfter = std::chrono::milliseconds(100);
 

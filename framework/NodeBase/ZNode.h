@@ -18,7 +18,9 @@ public:
     /// The node's timer of that name, made at the first call and kept by the node. `callback` runs on the message
     /// thread.
     virtual std::shared_ptr<ZTimer> GetTimer(const ZString& name, ZTimer::Callback callback, void* context);
-    /// Offers the node a message that is meant for another device. True when it took it.
+    /// Offers the node a message that is meant for another device. True when it took it. This framework's bus and link
+    /// never call it, nor OnConnectionLost, OnGraphSwapped, ShouldRegisterWithDiscovery and OnControl: they are there
+    /// for hosts that have such events.
     virtual bool OnForward(std::shared_ptr<ZMessage>& message);
     virtual bool OnInit();
     virtual bool OnConnecting();
@@ -60,8 +62,8 @@ public:
     /// Starts the action registered as <own class>_<name>Action on a thread of its own, with `message`, which may be
     /// null, and returns at once. False when there is no such class, no thread, or the node is stopping.
     bool RunAction(const char* name, const std::shared_ptr<ZMessage>& message);
-    /// Asks the action that was started last and still runs to stop. `bWait` also waits for all actions' end; an action
-    /// must not do that.
+    /// Asks the action that was started last to stop; false when it has ended already. `bWait` also waits for all
+    /// actions' end; an action must not do that.
     bool StopAction(bool bWait);
     /// True once the graph is shutting down.
     bool InShutdown() const { return m_bInShutdown; }

@@ -185,7 +185,7 @@ public:
              Z_FIELD(m_bSpinner), Z_FIELD(m_Operation), Z_FIELD(m_SerialNumber), Z_FIELD(m_DeviceModel))
 };
 
-/// What the three messages of a file's journey have in common: which file, on which device.
+/// What the messages about a file have in common: which file, on which device.
 class ZFileMsg : public ZMessage {
     Z_MESSAGE(ZFileMsg, ZMessage)
 public:
@@ -212,6 +212,9 @@ public:
 class ZFileWriteMsg : public ZFileMsg {
     Z_MESSAGE_AS(ZFileWriteMsg, ZMessage, ZFileMsg)
 public:
+    /// How much of a file one message usually carries: a multiple of 3, so that only the last one's text is padded.
+    static constexpr std::uint32_t kChunkBytes = 776'700;
+
     ZString m_Data;  ///< base64
     /// Where in the file the chunk belongs, so that a lost one is noticed; negative: behind the chunk before.
     std::int64_t m_Position = -1;

@@ -3,9 +3,10 @@
 #include <vector>
 
 #include "SafePath.h"
+#include "ZMessages/Messages.h"
 
 /// How much of a file one message carries at most, in bytes; a multiple of 3, so that base64 needs no padding.
-inline constexpr std::uint32_t kMostOfOnePart = 776'700;
+inline constexpr std::uint32_t kMostOfOnePart = ZFileWriteMsg::kChunkBytes;
 
 /// Reads `length` bytes from `position` on, at most kMostOfOnePart, into `bytes`, whose memory is used again: fewer at
 /// the file's end. `size` becomes the whole file's. An error when it is no regular file or can't be read.

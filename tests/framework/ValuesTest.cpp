@@ -70,7 +70,7 @@ constexpr const char* kClasses =
     "ZCompareVersionsResultMsg ZDevicePropertiesMsg ZDeviceCompatibilityMsg ZShutdownMsg InstallProgressMsg ZFileMsg "
     "ZFileOpenMsg ZFileWriteMsg ZFileCloseMsg ZFileReadMsg ZFileReadResponseMsg TransferMsg FolderUpdateMsg "
     "StorageDevicesMsg BatteryMsg ZBatteryInfoRequestMsg ZAnchorPointToolsMetadata ZNodeToolsMetadata "
-    "ZEdgeToolsMetadata ZLogParams ZAuditLogParams ZCoreConfigParams";
+    "ZEdgeToolsMetadata ZPeerMsg ZPeersMsg ZPairMsg ZLogParams ZAuditLogParams ZCoreConfigParams";
 
 std::string Saved(const ZMessage& message) {
     ZJSONCommStream stream;

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <filesystem>
+
+/// The package in a version's directory of the archive.
+inline constexpr const char* kPackageName = "arbor_qm.pkg";
+/// Where installers find the archive: a fixed path of every instrument, on its accessory too.
+inline constexpr const char* kInstallersArchive = "/media/mmcblk1p3/Packages";
+
+/// Whether somebody may run a file with these permissions.
+inline bool IsExecutable(std::filesystem::perms permissions) {
+    using std::filesystem::perms;
+    return (permissions & (perms::owner_exec | perms::group_exec | perms::others_exec)) != perms::none;
+}
