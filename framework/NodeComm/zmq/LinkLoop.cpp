@@ -391,8 +391,11 @@ void LinkLoop::Take(const std::string& key, LinkSocket& socket, std::string numb
         LogLine(3, __LINE__, "A message from device %s is dropped: %s", key.c_str(), error.c_str());
         return;
     }
-    auto session = m_sessions.find(key);
     const bool isHello = message->header->m_Kind == ZLinkKind::Hello;
+    if (isHello) {
+        HandleEvents();  // first the end of the device's last connection, whose descriptor this one may have
+    }
+    auto session = m_sessions.find(key);
     if (isHello && (session == m_sessions.end() || session->second.number != number)) {
         EndSession(key);
         session = m_sessions.emplace(key, Session{&socket, std::move(number), descriptor, false, {}}).first;
