@@ -65,6 +65,24 @@ bool ZNodeArborInstall_RemoteInstallAction::TryHostname(const std::string& candi
     return true;
 }
 
+std::string ZNodeArborInstall_RemoteInstallAction::OwnName() {
+    std::string name;
+    ZPlatform::ExecuteCommand("hostname", name);
+    name = WithoutTrailingSpace(name);
+    return name.empty() ? name : name + ".local";
+}
+
+bool ZNodeArborInstall_RemoteInstallAction::CanStandInCommands(const std::string& source,
+                                                               const std::string& ownName) const {
+    const std::string folder = Node().UpdatesPath().string();
+    const bool can = IsPlainShellWord(source) && IsPlainShellWord(folder) && IsPlainShellWord(ownName, true);
+    if (!can) {
+        Z_LOG(4, "Remote install refused: <%s>, <%s> or <%s> can't stand in a command line", source.c_str(),
+              folder.c_str(), ownName.c_str());
+    }
+    return can;
+}
+
 void ZNodeArborInstall_RemoteInstallAction::Answer(const std::shared_ptr<ZMessageArray>& answer, bool success) {
     std::static_pointer_cast<ZVersionInfoMsg>(answer->m_Messages.front())->m_bSuccess = success;
     Node().PublishResponse(m_pMessage, answer, true, false);
@@ -87,12 +105,7 @@ bool ZNodeArborInstall_RemoteInstallAction::Work() {
     const auto answer = Z_MAKE(ZMessageArray);
     answer->Add(info);
 
-    std::string ownName;
-    ZPlatform::ExecuteCommand("hostname", ownName);
-    ownName = WithoutTrailingSpace(ownName);
-    if (!ownName.empty()) {
-        ownName += ".local";
-    }
+    const std::string ownName = OwnName();
     std::string address;
     if (!FindRemoteHostname(address, std::string(magic_enum::enum_name(request->m_DeviceModel)),
                             ToStdString(request->m_SerialNumber))) {
@@ -107,15 +120,9 @@ bool ZNodeArborInstall_RemoteInstallAction::Work() {
         Answer(answer, false);
         return true;
     }
-    const std::string folder = Node().UpdatesPath().string();
-    if (!IsPlainShellWord(source) || !IsPlainShellWord(folder) || !IsPlainShellWord(ownName, true)) {
-        Z_LOG(4, "Remote install refused: <%s>, <%s> or <%s> can't stand in a command line", source.c_str(),
-              folder.c_str(), ownName.c_str());
-        Answer(answer, false);
-        return true;
-    }
-    Answer(answer, true);
-    if (RunCommands(MakeCommands(address, source, ownName))) {
+    const bool canRun = CanStandInCommands(source, ownName);
+    Answer(answer, canRun);
+    if (canRun && RunCommands(MakeCommands(address, source, ownName))) {
         RelayProgress();
     }
     return true;

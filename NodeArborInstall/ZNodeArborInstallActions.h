@@ -97,6 +97,9 @@ public:
 private:
     struct Commands;
     bool Work() override;
+    /// The host's own mDNS name; empty when it has none.
+    static std::string OwnName();
+    bool CanStandInCommands(const std::string& source, const std::string& ownName) const;
     bool TryHostname(const std::string& candidate, std::string& address);
     void Answer(const std::shared_ptr<ZMessageArray>& answer, bool success);
     Commands MakeCommands(const std::string& address, const std::string& source, const std::string& ownName) const;

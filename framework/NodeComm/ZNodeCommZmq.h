@@ -7,16 +7,9 @@
 #include <vector>
 
 #include "NodeComm/ZNodeComm.h"
+#include "NodeComm/zmq/LinkKeys.h"
 
 class LinkLoop;
-
-/// A device that may be talked to: its key, and how it is reached.
-struct ZLinkPin {
-    std::string name;  ///< for people
-    std::string publicKey;
-    std::string address;  ///< where it is called ("tcp://host:port"); empty: it calls
-    bool operator==(const ZLinkPin&) const = default;
-};
 
 struct ZLinkSettings {
     std::string publicKey;  ///< this device's own pair; 64 hexadecimal digits each

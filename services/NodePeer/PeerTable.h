@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "NodeComm/ZNodeCommZmq.h"
+#include "NodeComm/zmq/LinkKeys.h"
 #include "ZMessages/PeerMessages.h"
 
 /// The devices that this one knows: pinned, connected, or turned away. Thread-safe.

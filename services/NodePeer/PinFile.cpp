@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "NodeComm/zmq/LinkKeys.h"
+#include "NodeComm/ZNodeCommZmq.h"
 #include "ZMessages/ZFields.h"
 #include "ZMessages/ZJSONCommStream.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "NodeComm/ZNodeCommZmq.h"
+#include "NodeComm/zmq/LinkKeys.h"
 
 // The devices that this one may talk to, kept in a file: {"peers": [{"name": ..., "publicKey": ..., "address": ...}]}.
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "NodeBase/ZNode.h"
+#include "NodeComm/ZNodeCommZmq.h"
 #include "PeerTable.h"
 
 class ZNodePeerCfg : public ZConfig {

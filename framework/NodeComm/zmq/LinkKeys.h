@@ -16,6 +16,14 @@ struct LinkKeyPair {
     std::string secretKey;
 };
 
+/// A device that may be talked to: its key, and how it is reached.
+struct ZLinkPin {
+    std::string name;  ///< for people
+    std::string publicKey;
+    std::string address;  ///< where it is called ("tcp://host:port"); empty: it calls
+    bool operator==(const ZLinkPin&) const = default;
+};
+
 /// Nothing when the text is no key.
 std::optional<LinkKeyBytes> LinkKeyFrom(const std::string& text);
 std::string LinkKeyText(const LinkKeyBytes& key);

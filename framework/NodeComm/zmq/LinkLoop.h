@@ -6,7 +6,8 @@
 #include <set>
 #include <thread>
 
-#include "NodeComm/ZNodeCommZmq.h"
+#include "NodeComm/ZMailbox.h"
+#include "NodeComm/zmq/LinkKeys.h"
 #include "NodeComm/zmq/LinkSocket.h"
 #include "ZShared/ZFileDescriptor.h"
 
