@@ -396,6 +396,9 @@ void LinkLoop::Take(const std::string& key, LinkSocket& socket, std::string numb
         HandleEvents();  // first the end of the device's last connection, whose descriptor this one may have
     }
     auto session = m_sessions.find(key);
+    if (isHello && session == m_sessions.end() && number.empty()) {
+        return;  // what this device called has gone away again
+    }
     if (isHello && (session == m_sessions.end() || session->second.number != number)) {
         EndSession(key);
         session = m_sessions.emplace(key, Session{&socket, std::move(number), descriptor, false, {}}).first;
