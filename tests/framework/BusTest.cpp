@@ -38,7 +38,9 @@ protected:
     /// Keeps the receiver busy until the promise is fulfilled.
     void Hold(std::promise<void>& release) {
         std::promise<void> held;
-        m_mailbox->Post([&] { held.set_value(), release.get_future().wait(); }, ZMailbox::Clock::now() + 1min, 2);
+        // The future is taken here: the promise may be gone before the receiver's thread gets on.
+        m_mailbox->Post([&held, released = release.get_future().share()] { held.set_value(), released.wait(); },
+                        ZMailbox::Clock::now() + 1min, 2);
         held.get_future().wait();
     }
     /// Waits until the receiver has done all that waited.
