@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "ZNodeArborInstallActions.h"
-#include "ZShared/ZBase64.h"
 #include "ZShared/ZLog.h"
+#include "text/Base64.h"
 
 namespace fs = std::filesystem;
 
@@ -38,7 +38,7 @@ private:
             m_input.read(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
             const auto count = static_cast<std::size_t>(m_input.gcount());
             const auto message = Z_MAKE(ZFileWriteMsg);
-            message->m_Data = ZBase64::Encode({m_buffer.data(), count});
+            message->m_Data = text::Base64<ZString>({m_buffer.data(), count});
             message->m_Position = m_position;
             m_position += static_cast<std::int64_t>(count);
             return {message, count};

@@ -11,6 +11,7 @@
 
 #include "Commands.h"
 #include "TextFormat.h"
+#include "text/Hex.h"
 
 namespace json = boost::json;
 
@@ -32,16 +33,6 @@ bool Make(KeyPair& keys) {
     std::size_t secretSize = keys.secretKey.size();
     return made != nullptr && EVP_PKEY_get_raw_public_key(made.get(), keys.publicKey.data(), &publicSize) == 1 &&
            EVP_PKEY_get_raw_private_key(made.get(), keys.secretKey.data(), &secretSize) == 1;
-}
-
-std::string HexDigits(const KeyBytes& key) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string text;
-    for (const unsigned byte : key) {
-        text += kDigits[byte >> 4U];
-        text += kDigits[byte & 0xFU];
-    }
-    return text;
 }
 
 Result<void> WriteForOwnerAlone(const std::string& file, const std::string& text) {
@@ -70,9 +61,9 @@ Result<ExitCode> MakeKeyFile(Session& session, const std::string& file) {
     if (!Make(keys)) {
         return Refused("no key pair could be made: the system gives no random bytes");
     }
-    const std::string publicKey = HexDigits(keys.publicKey);
+    const std::string publicKey = text::HexDigits(keys.publicKey);
     const std::string text =
-        R"({"publicKey":")" + publicKey + R"(","secretKey":")" + HexDigits(keys.secretKey) + "\"}\n";
+        R"({"publicKey":")" + publicKey + R"(","secretKey":")" + text::HexDigits(keys.secretKey) + "\"}\n";
     if (const auto written = WriteForOwnerAlone(file, text); !written) {
         return written.error();
     }

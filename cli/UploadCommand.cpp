@@ -9,6 +9,7 @@
 #include "PackageCheck.h"
 #include "ProgressDisplay.h"
 #include "TextFormat.h"
+#include "text/Base64.h"
 
 namespace json = boost::json;
 namespace fs = std::filesystem;
@@ -41,7 +42,7 @@ public:
             if (!file.read(chunk.data(), static_cast<std::streamsize>(chunk.size()))) {
                 return UsageFailure(Escaped(m_name) + ": could not be read to its end; has it changed meanwhile?");
             }
-            json::object write{{"className", "ZFileWriteMsg"}, {"data", Base64(chunk)}, {"position", m_sent}};
+            json::object write{{"className", "ZFileWriteMsg"}, {"data", text::Base64(chunk)}, {"position", m_sent}};
             if (auto sent = Tell("write", std::move(write)); !sent) {
                 if (m_refused) {
                     Close();  // what the device could not write it throws away now, and the next try finds the place

@@ -30,7 +30,7 @@ check_python() {
 
 check_code() {
     echo "lint: static analysis"
-    python3 -B scripts/tidy.py "$build" framework NodeArborInstall services host cli
+    python3 -B scripts/tidy.py "$build" text framework NodeArborInstall services host cli
 }
 
 repository ls-files --error-unmatch CMakeLists.txt > /dev/null

@@ -14,6 +14,8 @@
 #include <shared_mutex>
 #include <string_view>
 
+#include "text/Escape.h"
+
 namespace {
 
 constexpr std::size_t kRemembered = 1000;
@@ -38,54 +40,12 @@ std::string Format(const char* format, va_list arguments) {
     return text;
 }
 
-/// Length of the control character or line break at the front of `text`; 0 when there is none. Counted among them are
-/// those of Unicode, which many viewers obey: U+0080 to U+009F, U+2028 and U+2029.
-std::size_t ControlLength(std::string_view text) {
-    const auto byte = [text](std::size_t at) { return at < text.size() ? static_cast<unsigned char>(text[at]) : 0U; };
-    if (byte(0) < 0x20 || byte(0) == 0x7f) {
-        return 1;
-    }
-    if (byte(0) == 0xc2 && byte(1) >= 0x80 && byte(1) <= 0x9f) {
-        return 2;
-    }
-    return byte(0) == 0xe2 && byte(1) == 0x80 && (byte(2) == 0xa8 || byte(2) == 0xa9) ? 3 : 0;
-}
-
-void AppendEscaped(std::string& text, std::string_view control) {
-    for (const char c : control) {
-        if (c == '\n') {
-            text += "\\n";
-        } else if (c == '\t') {
-            text += "\\t";
-        } else {
-            char code[5];
-            std::snprintf(code, sizeof code, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-            text += code;
-        }
-    }
-}
-
-std::string WithoutControls(std::string_view text) {
-    std::string safe;
-    safe.reserve(text.size());
-    while (!text.empty()) {
-        const std::size_t control = ControlLength(text);
-        if (control == 0) {
-            safe += text.front();
-        } else {
-            AppendEscaped(safe, text.substr(0, control));
-        }
-        text.remove_prefix(std::max<std::size_t>(control, 1));
-    }
-    return safe;
-}
-
 /// The text as one line of a bounded length.
 std::string Line(const std::string& text) {
     if (text.size() <= kLongestText) {
-        return WithoutControls(text);
+        return text::Escaped(text);
     }
-    return WithoutControls(std::string_view(text).substr(0, kLongestText)) + "... " +
+    return text::Escaped(std::string_view(text).substr(0, kLongestText)) + "... " +
            std::to_string(text.size() - kLongestText) + " bytes left out";
 }
 

@@ -4,25 +4,13 @@
 #include <cerrno>
 #include <system_error>
 
+#include "text/Escape.h"
+
 namespace {
 
 constexpr std::size_t kMostShown = 200;
 constexpr std::size_t kShownOfStart = 120;
 constexpr std::size_t kShownOfEnd = 60;
-
-std::string Escaped(std::string_view text) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string out;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= ' ' && byte <= '~' && byte != '\\' && byte != '"') {
-            out += character;
-        } else {
-            out += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 15U]};
-        }
-    }
-    return out;
-}
 
 }  // namespace
 
@@ -50,7 +38,7 @@ FileError BadRequest(std::string reason) {
 
 std::string Shown(std::string_view text) {
     if (text.size() <= kMostShown) {
-        return Escaped(text);
+        return text::Escaped(text);
     }
-    return Escaped(text.substr(0, kShownOfStart)) + "..." + Escaped(text.substr(text.size() - kShownOfEnd));
+    return text::Escaped(text.substr(0, kShownOfStart)) + "..." + text::Escaped(text.substr(text.size() - kShownOfEnd));
 }

@@ -1,9 +1,8 @@
 #include "OpenFiles.h"
+#include "text/Base64.h"
 
 #include <algorithm>
 #include <cerrno>
-
-#include "ZShared/ZBase64.h"
 
 namespace {
 constexpr std::int32_t kPermissionBits = 0777;
@@ -61,8 +60,8 @@ FileError OpenFiles::Append(const ZFileWriteMsg& message, StoredFile& file) {
                                      std::to_string(file.Size())));
     }
     try {
-        return ZBase64::Decode(message.m_Data, m_bytes) ? file.Write({m_bytes.data(), m_bytes.size()})
-                                                        : file.Break(BadRequest("the data is no base64"));
+        return text::DecodeBase64(message.m_Data, m_bytes) ? file.Write({m_bytes.data(), m_bytes.size()})
+                                                           : file.Break(BadRequest("the data is no base64"));
     } catch (const std::bad_alloc&) {
         return file.Break(SystemError(ENOMEM));
     }

@@ -4,9 +4,9 @@
 
 #include "FilePart.h"
 #include "ZMessages/PeerMessages.h"
-#include "ZShared/ZBase64.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
+#include "text/Base64.h"
 
 namespace fs = std::filesystem;
 
@@ -193,7 +193,7 @@ FileError ZNodeFileIO::Read(const ZFileReadMsg& request, ZFileReadResponseMsg& a
     if (FileError error = ReadFilePart(place, request.m_Position, request.m_Length, m_bytes, answer.m_Size)) {
         return error;
     }
-    answer.m_Data = ZBase64::Encode({m_bytes.data(), m_bytes.size()});
+    answer.m_Data = text::Base64<ZString>({m_bytes.data(), m_bytes.size()});
     return {};
 }
 

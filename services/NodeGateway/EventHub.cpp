@@ -9,7 +9,6 @@
 #include <string_view>
 #include <system_error>
 
-#include "MessageText.h"
 #include "ZShared/ZLog.h"
 
 namespace gateway {
@@ -113,7 +112,7 @@ void EventHub::ListenToLog() {
     const std::lock_guard lock(m_logMutex);
     if (m_logListeners == 0) {
         m_logListener = ZLog::Instance().AddListener([this](int, const std::string& line) {
-            Publish(EventKind::Log, ValidUtf8(boost::json::serialize(boost::json::object{{"line", line}})));
+            Publish(EventKind::Log, boost::json::serialize(boost::json::object{{"line", line}}));
         });
     }
     ++m_logListeners;

@@ -2,7 +2,7 @@
 
 #include <boost/json.hpp>
 
-#include "MessageText.h"
+#include "text/Utf8.h"
 
 namespace gateway {
 
@@ -37,7 +37,7 @@ HttpResponse Problem(int status, std::string_view detail, std::string_view field
     HttpResponse response;
     response.status = status;
     response.contentType = "application/problem+json";
-    response.body = ValidUtf8(boost::json::serialize(document));
+    response.body = text::ValidUtf8(boost::json::serialize(document));
     return response;
 }
 

@@ -5,7 +5,6 @@
 #include <charconv>
 
 #include "EventStream.h"
-#include "MessageText.h"
 #include "OpenApi.h"
 #include "Problem.h"
 #include "ZMessages/Messages.h"
@@ -117,7 +116,7 @@ HttpResponse Resources::Log(const HttpRequest& request) {
     for (const std::string& line : ZLog::Instance().Recent(std::min(*count, kMostLogLines))) {
         lines.emplace_back(line);
     }
-    return Json(ValidUtf8(boost::json::serialize(boost::json::object{{"lines", std::move(lines)}})));
+    return Json(boost::json::serialize(boost::json::object{{"lines", std::move(lines)}}));
 }
 
 HttpResponse Resources::MetricsText(const HttpRequest&) {

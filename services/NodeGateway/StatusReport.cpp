@@ -3,9 +3,9 @@
 #include <boost/json.hpp>
 
 #include "LoadedVersion.h"
-#include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
 #include "ZMessages/Messages.h"
+#include "text/Utf8.h"
 
 namespace json = boost::json;
 
@@ -105,7 +105,7 @@ std::string StatusReport::Document(std::chrono::milliseconds patience) const {
         {"progress", Progress(m_events.LastProgress())},
         {"drives", drives},
     };
-    return ValidUtf8(json::serialize(document));
+    return text::ValidUtf8(json::serialize(document));
 }
 
 std::optional<bool> StatusReport::UpdateInProgress(std::chrono::milliseconds patience) const {

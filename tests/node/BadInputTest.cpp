@@ -62,7 +62,7 @@ TEST_F(BadInput, OfAPackageThatIsCheckedIsToldAndTheNextPackageWorks) {
         {"vanishes late", "[ $1 = --version ] || rm \"$0\"; echo 3.5", "3.5 R", "vanishes late.pkg> went away"},
         {"ends its group", "kill -9 0", "unknown R", "--version failed"},
         {"controls", "printf '3.6\\033[2J\\r\\n3.7\\302\\205'", "3.6\x1b[2J\r\n3.7\xC2\x85 System",
-         "<3.6\\x1b[2J\\x0d\\n3.7\\xc2\\x85 - "},
+         "<3.6\\x1b[2J\\r\\n3.7\\xc2\\x85 - "},
         {"many", "cat " + answer, many + " System", "bytes left out"},
         {"dots", "cat " + dots, "unknown R", "bytes left out"},
     };

@@ -8,8 +8,8 @@
 #include "TestSupport.h"
 #include "ZMessages/PeerMessages.h"
 #include "ZNodeFileIO.h"
-#include "ZShared/ZBase64.h"
 #include "ZShared/ZPlatform.h"
+#include "text/Base64.h"
 
 namespace fs = std::filesystem;
 using namespace testing;
@@ -25,12 +25,13 @@ TEST(Base64, IsReadOnlyWhenItIsExactlyThat) {
     std::vector<char> bytes;
     for (const std::size_t size : {0U, 1U, 2U, 3U, 4U, 255U, 256U, 257U}) {
         const std::string content = Content(size);
-        EXPECT_TRUE(ZBase64::Decode(ZBase64::Encode(content), bytes) && std::ranges::equal(bytes, content)) << size;
+        EXPECT_TRUE(text::DecodeBase64(text::Base64<ZString>(content), bytes) && std::ranges::equal(bytes, content))
+            << size;
     }
-    EXPECT_EQ(ZBase64::Encode("\xfb\xff\xbf!"), "+/+/IQ==");
+    EXPECT_EQ(text::Base64<ZString>("\xfb\xff\xbf!"), "+/+/IQ==");
     for (const char* text : {"Q", "QQ", "QUJ", "QQ=\n", "====", "Q===", "QQ=a", "=QQQ", "QQ==QQ==", "QUI=QUI=", "    ",
                              " QUJ", "QUJ ", "QUJD\n   ", "    QUJD", "QUJD----", "QUJD-UJD", "QU_D", "QUJ\xc3"}) {
-        EXPECT_FALSE(ZBase64::Decode(text, bytes)) << text;
+        EXPECT_FALSE(text::DecodeBase64(text, bytes)) << text;
     }
 }
 
@@ -117,7 +118,7 @@ TEST_F(FileIO, BringsFilesWholeAndShowsThemOnlyThen) {
         const std::string content = Content(size);
         ASSERT_EQ(Open(file, mode), kDone);
         for (std::size_t at = 0; at < size; at += kChunk) {
-            ASSERT_EQ(Write(ZBase64::Encode(std::string_view(content).substr(at, kChunk))), kDone);
+            ASSERT_EQ(Write(text::Base64<ZString>(std::string_view(content).substr(at, kChunk))), kDone);
         }
         ASSERT_EQ(Files(root).size(), told == 1 ? 1U : 2U);
         EXPECT_THAT(*Files(root).begin(), AllOf(StartsWith("."), EndsWith(".part")));
@@ -135,7 +136,7 @@ TEST_F(FileIO, BringsFilesWholeAndShowsThemOnlyThen) {
         read->m_Position = position;
         const auto part = cast_shared<ZFileReadResponseMsg>(probe->Ask(ZEndpointType::DeviceRequest, "fileIO", read));
         ASSERT_TRUE(part && part->m_bSuccess && part->m_Size == before.size());
-        EXPECT_EQ(part->m_Data, ZBase64::Encode(before.substr(position, kChunk)));
+        EXPECT_EQ(part->m_Data, text::Base64<ZString>(before.substr(position, kChunk)));
     }
 }
 
@@ -212,7 +213,7 @@ TEST_F(FileIO, GivesNoNameToAFileThatTheDiskHadNoRoomFor) {
     }
     EXPECT_TRUE(Start());
     const std::string full = file.string() + ": No space left on device";
-    const ZString chunk = ZBase64::Encode(Content(kChunk));
+    const ZString chunk = text::Base64<ZString>(Content(kChunk));
     EXPECT_EQ(Open(file), kDone);
     EXPECT_EQ(Write(chunk), kDone);
     EXPECT_EQ(Write(chunk), "ERRCODE_NONE " + full);

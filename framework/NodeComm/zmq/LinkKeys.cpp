@@ -10,6 +10,7 @@
 #include "ZMessages/ZFields.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "ZShared/ZFileDescriptor.h"
+#include "text/Hex.h"
 
 namespace fs = std::filesystem;
 
@@ -100,13 +101,7 @@ std::optional<LinkKeyBytes> LinkKeyFrom(const std::string& text) {
 }
 
 std::string LinkKeyText(const LinkKeyBytes& key) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string text;
-    for (const std::uint8_t byte : key) {
-        text += kDigits[byte >> 4U];
-        text += kDigits[byte & 0xFU];
-    }
-    return text;
+    return text::HexDigits(key);
 }
 
 std::optional<LinkKeyPair> LoadOrMakeLinkKeys(const fs::path& file, std::string& error) {
