@@ -1,8 +1,10 @@
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <zmq.h>
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <filesystem>
 #include <future>
 #include <thread>
@@ -243,6 +245,37 @@ TEST_F(Link, BadPairingsAreRefusedAndNameWhatIsWrong) {
     EXPECT_THAT(m_cart.Pair(m_cart.Key()), testing::HasSubstr("own key"));
     EXPECT_THAT(m_cart.Pair(key, 0, true), testing::HasSubstr("is not pinned"));
     EXPECT_EQ("", m_cart.Pair(key));
+}
+
+/// No file of this process may grow beyond a few bytes, as on a full disk, while it lives.
+class NoRoomForFiles {
+public:
+    NoRoomForFiles() {
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit little{16, m_before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &little);
+    }
+    ~NoRoomForFiles() {
+        ::setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, m_handler);
+    }
+
+private:
+    void (*m_handler)(int) = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit m_before{};
+};
+
+TEST(LinkKeys, AreMadeOnceThereIsRoomForThem) {
+    const TemporaryFolder folder;
+    std::string error;
+    {
+        const NoRoomForFiles full;
+        EXPECT_FALSE(LoadOrMakeLinkKeys(folder / "key.json", error));
+    }
+    EXPECT_EQ(error, (folder / "key.json").string() + " could not be written: No space left on device");
+    const auto made = LoadOrMakeLinkKeys(folder / "key.json", error);
+    ASSERT_TRUE(made) << error;
+    EXPECT_EQ(LoadOrMakeLinkKeys(folder / "key.json", error)->secretKey, made->secretKey);
 }
 
 }  // namespace

@@ -75,9 +75,13 @@ std::optional<LinkKeyPair> MakeKeys(const fs::path& file, std::string& error) {
     std::error_code code;
     fs::create_directories(file.parent_path(), code);
     const ZFileDescriptor output(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    errno = output ? ENOSPC : errno;  // a write that falls short sets none
     if (!output || ::write(output.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         ::fsync(output.Get()) != 0) {
         error = file.string() + " could not be written: " + std::strerror(errno);
+        if (output) {
+            fs::remove(file, code);  // half a file would be taken for the keys at the next start
+        }
         return std::nullopt;
     }
     return keys;
