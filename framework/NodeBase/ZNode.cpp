@@ -19,6 +19,20 @@ ZNode::~ZNode() {
     FinishStop();
 }
 
+bool ZNode::ReadGuarded(const char* wrongClass, const std::function<void()>& read) const {
+    if (wrongClass != nullptr) {
+        Z_LOG(4, "The record of %s is a %s", Name().c_str(), wrongClass);
+        return false;
+    }
+    try {
+        read();
+        return true;
+    } catch (const std::exception& failure) {
+        Z_LOG(4, "%s can't be set up: %s", Name().c_str(), failure.what());
+    }
+    return false;
+}
+
 std::shared_ptr<ZTimer> ZNode::GetTimer(const ZString& name, ZTimer::Callback callback, void* context) {
     const std::lock_guard lock(m_timersMutex);
     auto& timer = m_timers[name];

@@ -59,6 +59,14 @@ public:
     /// Called by RunAction, on its caller's thread, before the action starts. False keeps it from starting.
     virtual bool OnAction(const ZNodeAction& action);
 
+    /// For OnConfig: hands the node's record, or one with the standard settings when it has none, to `read`. False,
+    /// with a log line that names the node, when the record is of another class or `read` throws, as ZBadSetting.
+    template <class Record, class Read>
+    bool ReadRecord(const std::shared_ptr<ZConfig>& config, const Read& read) {
+        const auto record = config ? cast_shared<Record>(config) : ZMakeShared<Record>();
+        return ReadGuarded(record ? nullptr : config->ClassName(), [&] { read(*record); });
+    }
+
     /// Starts the action registered as <own class>_<name>Action on a thread of its own, with `message`, which may be
     /// null, and returns at once. False when there is no such class, no thread, or the node is stopping.
     bool RunAction(const char* name, const std::shared_ptr<ZMessage>& message);
@@ -85,6 +93,8 @@ public:
     void FinishStop();
 
 private:
+    bool ReadGuarded(const char* wrongClass, const std::function<void()>& read) const;
+
     std::atomic<bool> m_bInShutdown{false};
     ZActionRunner m_actions;
     std::mutex m_timersMutex;

@@ -26,16 +26,8 @@ ZNodeDeviceProps::ZNodeDeviceProps(const ZString& name) : ZNode(name) {
 }
 
 bool ZNodeDeviceProps::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>& config) {
-    if (!config) {
-        return true;
-    }
-    const auto record = cast_shared<ZNodeDevicePropsCfg>(config);
-    if (!record) {
-        Z_LOG(4, "The record of %s is a %s", Name().c_str(), config->ClassName());
-        return false;
-    }
-    m_deviceType = record->m_DeviceType;
-    return true;
+    return ReadRecord<ZNodeDevicePropsCfg>(
+        config, [this](const ZNodeDevicePropsCfg& record) { m_deviceType = record.m_DeviceType; });
 }
 
 bool ZNodeDeviceProps::InitMessageMap() {

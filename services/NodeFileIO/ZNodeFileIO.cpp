@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "FilePart.h"
+#include "ZCoreConfigs/ZSettings.h"
 #include "ZMessages/PeerMessages.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
@@ -52,43 +53,26 @@ ZNodeFileIO::ZNodeFileIO(const ZString& name) : ZNode(name) {
 }
 
 bool ZNodeFileIO::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
-    const auto record = config ? cast_shared<ZNodeFileIOCfg>(config) : ZMakeShared<ZNodeFileIOCfg>();
-    if (!record) {
-        Z_LOG(4, "The record of %s is a %s", Name().c_str(), config->ClassName());
-        return false;
-    }
     const auto core = cast_shared<ZCoreConfigParams>(message);
-    const ZString updates = core ? core->m_Files.m_UpdatesFolder : ZString();
-    if (!updates.empty() && !ReadFolder("updatesFolder", updates, nullptr, m_updatesFolder)) {
-        return false;
-    }
-    std::vector<fs::path> roots;
-    if (!IsInRange("idleSeconds", record->m_IdleSeconds, kMostIdleSeconds) ||
-        !IsInRange("maxOpenFiles", record->m_MaxOpenFiles, kMostOpenFiles) || !ReadRoots(*record, roots)) {
-        return false;
-    }
-    ReadIdentity();
-    m_idle = std::chrono::seconds(record->m_IdleSeconds);
-    m_files = std::make_unique<OpenFiles>(std::move(roots), record->m_MaxOpenFiles);
-    for (const fs::path& root : m_files->Roots()) {
-        RemoveLeftovers(root);
-    }
-    return true;
-}
-
-bool ZNodeFileIO::IsInRange(const char* key, std::uint32_t value, std::uint32_t most) const {
-    const bool good = value >= 1 && value <= most;
-    if (!good) {
-        Z_LOG(4, "\"%s\" is %u; it must be a number from 1 to %u", key, value, most);
-    }
-    return good;
-}
-
-bool ZNodeFileIO::ReadRoots(const ZNodeFileIOCfg& record, std::vector<fs::path>& roots) const {
-    for (const ZString& text : record.m_Roots) {
-        if (!ReadFolder("roots", text, record.Environment().get(), roots.emplace_back())) {
-            return false;
+    return ReadRecord<ZNodeFileIOCfg>(config, [&](const ZNodeFileIOCfg& record) {
+        if (core && !core->m_Files.m_UpdatesFolder.empty()) {
+            m_updatesFolder = AbsolutePath("updatesFolder", core->m_Files.m_UpdatesFolder, nullptr);
         }
+        CheckRange("idleSeconds", record.m_IdleSeconds, 1, kMostIdleSeconds);
+        CheckRange("maxOpenFiles", record.m_MaxOpenFiles, 1, kMostOpenFiles);
+        m_idle = std::chrono::seconds(record.m_IdleSeconds);
+        m_files = std::make_unique<OpenFiles>(RootsOf(record), record.m_MaxOpenFiles);
+        ReadIdentity();
+        for (const fs::path& root : m_files->Roots()) {
+            RemoveLeftovers(root);
+        }
+    });
+}
+
+std::vector<fs::path> ZNodeFileIO::RootsOf(const ZNodeFileIOCfg& record) const {
+    std::vector<fs::path> roots;
+    for (const ZString& text : record.m_Roots) {
+        roots.push_back(AbsolutePath("roots", text, record.Environment().get()));
     }
     if (roots.empty() && !m_updatesFolder.empty()) {
         roots.push_back(m_updatesFolder);
@@ -96,22 +80,7 @@ bool ZNodeFileIO::ReadRoots(const ZNodeFileIOCfg& record, std::vector<fs::path>&
     if (roots.empty()) {
         Z_LOG(3, "No folder is configured; every file will be refused");
     }
-    return true;
-}
-
-bool ZNodeFileIO::ReadFolder(const char* key, const ZString& text, const ZEnvironment* environment,
-                             fs::path& folder) const {
-    fs::path path(text);
-    if (environment != nullptr) {
-        environment->ResolveEnvVarsInPath(fs::path(text), path);
-    }
-    if (!path.is_absolute()) {
-        Z_LOG(4, "\"%s\" holds \"%s\", which is no absolute path", key, text.c_str());
-        return false;
-    }
-    path = path.lexically_normal();
-    folder = path.has_filename() ? path : path.parent_path();  // without a slash at the end
-    return true;
+    return roots;
 }
 
 void ZNodeFileIO::RemoveLeftovers(const fs::path& root) const {

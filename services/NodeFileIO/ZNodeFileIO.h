@@ -30,10 +30,8 @@ public:
     void OnShutdown() override;
 
 private:
-    bool IsInRange(const char* key, std::uint32_t value, std::uint32_t most) const;
-    bool ReadRoots(const ZNodeFileIOCfg& record, std::vector<std::filesystem::path>& roots) const;
-    bool ReadFolder(const char* key, const ZString& text, const ZEnvironment* environment,
-                    std::filesystem::path& folder) const;
+    /// The folders that are configured, or else the updates folder.
+    std::vector<std::filesystem::path> RootsOf(const ZNodeFileIOCfg& record) const;
     void RemoveLeftovers(const std::filesystem::path& root) const;
     void ReadIdentity();
 

@@ -7,6 +7,7 @@
 #include "HttpServer.h"
 #include "MessageText.h"
 #include "Resources.h"
+#include "ZCoreConfigs/ZSettings.h"
 #include "ZMessages/PeerMessages.h"
 #include "ZShared/ZLog.h"
 
@@ -21,31 +22,15 @@ constexpr const char* kLogSource = "NodeGateway/ZNodeGateway";
 // Beside the threads that open event streams hold and those whose requests wait for answers: for all that ends at once.
 constexpr std::size_t kSpareThreads = 8;
 
-/// A setting that can't be used: its key, and what is wanted.
-struct BadSetting {
-    const char* key;
-    std::string wanted;
-};
-
-void CheckRange(const char* key, std::uint32_t value, std::uint32_t most) {
-    if (value < 1 || value > most) {
-        throw BadSetting{key, "a number from 1 to " + std::to_string(most)};
-    }
-}
-
 std::string CheckedPath(const ZNodeGatewayCfg& config) {
-    const ZString path = config.SocketPath();
-    if (path.empty() || path.front() != '/') {
-        throw BadSetting{"socketPath", "an absolute path whose variables are set"};
-    }
-    return ToStdString(path);
+    return AbsolutePath("socketPath", config.m_SocketPath, config.Environment().get()).string();
 }
 
 mode_t CheckedMode(const ZString& text) {
     unsigned mode = 0;
     const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
     if (failure != std::errc() || end != text.data() + text.size() || mode > 0777) {
-        throw BadSetting{"socketMode", "a text of octal permission bits, as \"0660\""};
+        throw ZBadSetting("socketMode", text, "a text of octal permission bits, as \"0660\"");
     }
     return mode;
 }
@@ -58,15 +43,15 @@ std::optional<gid_t> CheckedGroup(const ZString& name) {
     group* found = nullptr;
     std::vector<char> buffer(65536);
     if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
-        throw BadSetting{"socketGroup", "the name of a group of this system"};
+        throw ZBadSetting("socketGroup", name, "the name of a group of this system");
     }
     return entry.gr_gid;
 }
 
 HttpServerSettings CheckedSettings(const ZNodeGatewayCfg& config) {
-    CheckRange("answerTimeoutSeconds", config.m_AnswerTimeoutSeconds, 3600);
-    CheckRange("maxEventClients", config.m_MaxEventClients, 256);
-    CheckRange("eventBacklog", config.m_EventBacklog, 65536);
+    CheckRange("answerTimeoutSeconds", config.m_AnswerTimeoutSeconds, 1, 3600);
+    CheckRange("maxEventClients", config.m_MaxEventClients, 1, 256);
+    CheckRange("eventBacklog", config.m_EventBacklog, 1, 65536);
     HttpServerSettings settings;
     settings.path = CheckedPath(config);
     settings.access = {CheckedMode(config.m_SocketMode), CheckedGroup(config.m_SocketGroup)};
@@ -79,7 +64,7 @@ HttpServerSettings CheckedSettings(const ZNodeGatewayCfg& config) {
 /// What the node is made of. The server is the first to go: its threads use the rest.
 struct ZNodeGateway::Parts {
     Parts(ZNodeGateway& node, const ZNodeGatewayCfg& config)
-        : path(ToStdString(config.SocketPath())),
+        : path(CheckedPath(config)),
           events(config.m_MaxEventClients, config.m_EventBacklog),
           resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events),
           server(CheckedSettings(config), [this](const HttpRequest& request) { return resources.Handle(request); }) {}
@@ -97,20 +82,8 @@ ZNodeGateway::ZNodeGateway(const ZString& name) : ZNode(name) {
 ZNodeGateway::~ZNodeGateway() = default;
 
 bool ZNodeGateway::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>& config) {
-    const auto own = config ? cast_shared<ZNodeGatewayCfg>(config) : Z_MAKE(ZNodeGatewayCfg);
-    if (!own) {
-        Z_LOG(4, "The configuration of %s is a %s, not a ZNodeGatewayCfg", Name().c_str(), config->ClassName());
-        return false;
-    }
-    try {
-        m_parts = std::make_unique<Parts>(*this, *own);
-        return true;
-    } catch (const BadSetting& bad) {
-        Z_LOG(4, "Setting \"%s\" of %s is not %s", bad.key, Name().c_str(), bad.wanted.c_str());
-    } catch (const std::exception& failure) {
-        Z_LOG(4, "%s could not be set up: %s", Name().c_str(), failure.what());
-    }
-    return false;
+    return ReadRecord<ZNodeGatewayCfg>(
+        config, [this](const ZNodeGatewayCfg& record) { m_parts = std::make_unique<Parts>(*this, record); });
 }
 
 bool ZNodeGateway::InitMessageMap() {

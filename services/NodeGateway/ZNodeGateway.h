@@ -18,9 +18,6 @@ public:
     std::uint32_t m_MaxEventClients = 16;       ///< event streams at once; 1 to 256
     std::uint32_t m_EventBacklog = 256;         ///< events that wait for one client; 1 to 65536
 
-    /// The socket's path with the variables replaced; empty when one is not set.
-    ZString SocketPath() const { return Environment() ? Resolved(m_SocketPath) : m_SocketPath; }
-
     Z_FIELDS(Z_FIELD(m_SocketPath), Z_FIELD(m_SocketMode), Z_FIELD(m_SocketGroup), Z_FIELD(m_AnswerTimeoutSeconds),
              Z_FIELD(m_MaxEventClients), Z_FIELD(m_EventBacklog))
 };

@@ -7,6 +7,7 @@
 
 #include "NodeComm/zmq/LinkKeys.h"
 #include "PinFile.h"
+#include "ZCoreConfigs/ZSettings.h"
 #include "ZShared/ZLog.h"
 
 Z_IMPLEMENT(ZNodePeerCfg)
@@ -34,57 +35,46 @@ ZNodePeer::~ZNodePeer() {
 }
 
 bool ZNodePeer::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
-    const auto record = cast_shared<ZNodePeerCfg>(config);
-    if (!record) {
-        Z_LOG(4, "The record of %s is %s, not a ZNodePeerCfg", Name().c_str(),
-              config ? config->ClassName() : "missing");
-        return false;
-    }
     if (const auto core = cast_shared<ZCoreConfigParams>(message)) {
         m_answerTimeout = kAnswerShare * core->m_RequestTimeoutSeconds;
     }
-    return ReadRecord(*record);
+    return ReadRecord<ZNodePeerCfg>(config, [this](const ZNodePeerCfg& record) {
+        TakeSettings(record);
+        LoadKeysAndPins(record);
+    });
 }
 
-bool ZNodePeer::RefuseSetting(const char* key, const std::string& reason) const {
-    Z_LOG(4, "Setting \"%s\" of %s: %s", key, Name().c_str(), reason.c_str());
-    return false;
-}
-
-bool ZNodePeer::ReadRecord(const ZNodePeerCfg& record) {
-    const ZString keyFile = record.KeyFile();
-    m_pinsFile = ToStdString(record.PinsFile());
-    if (!keyFile.starts_with('/') || !m_pinsFile.starts_with('/')) {
-        return RefuseSetting(keyFile.starts_with('/') ? "pinsFile" : "keyFile", "it is no absolute path");
-    }
+void ZNodePeer::TakeSettings(const ZNodePeerCfg& record) {
     m_settings.listenAddress = ToStdString(record.m_Listen);
     if (!record.m_Listen.empty() && !ZNodeCommZmq::IsAddress(m_settings.listenAddress)) {
-        return RefuseSetting("listen", "it is no address such as tcp://*:5700");
+        throw ZBadSetting("listen", record.m_Listen, "an address such as tcp://*:5700");
     }
     static const std::regex place("[1236]:[^ ]+");
     for (const ZString& name : record.m_Exports) {
         if (!std::regex_match(name.c_str(), place)) {
-            return RefuseSetting("exports", "\"" + ToStdString(name) + "\" is no type and keyword, as \"2:upload\"");
+            throw ZBadSetting("exports", name, "a type and keyword, as \"2:upload\"");
         }
         m_settings.exports.insert(ToStdString(name));
     }
+    CheckRange("heartbeatMilliseconds", record.m_HeartbeatMilliseconds, 100, 60'000);
     m_settings.heartbeat = std::chrono::milliseconds(record.m_HeartbeatMilliseconds);
-    if (record.m_HeartbeatMilliseconds < 100 || record.m_HeartbeatMilliseconds > 60'000) {
-        return RefuseSetting("heartbeatMilliseconds", "it is not from 100 to 60000");
-    }
+}
+
+void ZNodePeer::LoadKeysAndPins(const ZNodePeerCfg& record) {
+    const auto keyFile = AbsolutePath("keyFile", record.m_KeyFile, record.Environment().get());
+    m_pinsFile = AbsolutePath("pinsFile", record.m_PinsFile, record.Environment().get());
     std::string error;
-    const auto keys = LoadOrMakeLinkKeys(std::filesystem::path(keyFile), error);
+    const auto keys = LoadOrMakeLinkKeys(keyFile, error);
     if (!keys) {
-        return RefuseSetting("keyFile", error);
+        throw std::runtime_error("\"keyFile\": " + error);
     }
     m_settings.publicKey = keys->publicKey;
     m_settings.secretKey = keys->secretKey;
     const auto pins = LoadPins(m_pinsFile, error);
     if (!pins) {
-        return RefuseSetting("pinsFile", error);
+        throw std::runtime_error("\"pinsFile\": " + error);
     }
     m_peers.SetPins(*pins);
-    return true;
 }
 
 bool ZNodePeer::InitMessageMap() {

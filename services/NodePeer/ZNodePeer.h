@@ -14,9 +14,6 @@ public:
     ZVector<ZString> m_Exports;  ///< what other devices may call here, by type and keyword: "2:upload"
     std::uint32_t m_HeartbeatMilliseconds = 1000;  ///< 100 to 60000; a silent device is given up after twice that
 
-    ZString KeyFile() const { return Environment() ? Resolved(m_KeyFile) : m_KeyFile; }
-    ZString PinsFile() const { return Environment() ? Resolved(m_PinsFile) : m_PinsFile; }
-
     Z_FIELDS(Z_FIELD(m_KeyFile), Z_FIELD(m_PinsFile), Z_FIELD(m_Listen), Z_FIELD(m_Exports),
              Z_FIELD(m_HeartbeatMilliseconds))
 };
@@ -37,9 +34,9 @@ public:
     void OnShutdown() override;
 
 private:
-    bool ReadRecord(const ZNodePeerCfg& record);
-    /// Always false.
-    bool RefuseSetting(const char* key, const std::string& reason) const;
+    void TakeSettings(const ZNodePeerCfg& record);
+    /// Reads the files that the record names.
+    void LoadKeysAndPins(const ZNodePeerCfg& record);
     std::shared_ptr<ZPeerMsg> Introduction();
     template <typename Answer>
     std::shared_ptr<Answer> Ask(ZEndpointType type, const char* keyword);

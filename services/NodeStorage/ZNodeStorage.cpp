@@ -1,5 +1,6 @@
 #include "ZNodeStorage.h"
 
+#include "ZCoreConfigs/ZSettings.h"
 #include "ZShared/ZLog.h"
 
 Z_IMPLEMENT(ZNodeStorageCfg)
@@ -13,9 +14,12 @@ ZVector<ZString> ToZStrings(const std::vector<std::string>& texts) {
     return {texts.begin(), texts.end()};
 }
 
-std::string WithoutSlashAtEnd(const std::filesystem::path& path) {
-    const std::filesystem::path normal = path.lexically_normal();
-    return normal.has_filename() || !normal.has_relative_path() ? normal.string() : normal.parent_path().string();
+std::vector<std::string> AbsolutePaths(const char* key, const ZVector<ZString>& paths, const ZNodeStorageCfg& record) {
+    std::vector<std::string> folders;
+    for (const ZString& path : paths) {
+        folders.push_back(AbsolutePath(key, path, record.Environment().get()).string());
+    }
+    return folders;
 }
 
 }  // namespace
@@ -29,48 +33,18 @@ ZNodeStorage::~ZNodeStorage() {
 }
 
 bool ZNodeStorage::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
-    DriveRules rules;
-    if (!ReadRules(config, rules)) {
-        return false;
-    }
-    if (const auto core = cast_shared<ZCoreConfigParams>(message)) {
-        m_updatesFolder = WithoutSlashAtEnd(ToStdString(core->m_Files.m_UpdatesFolder));
-    }
-    try {
+    const auto core = cast_shared<ZCoreConfigParams>(message);
+    return ReadRecord<ZNodeStorageCfg>(config, [&](const ZNodeStorageCfg& record) {
+        if (core && !core->m_Files.m_UpdatesFolder.empty()) {
+            m_updatesFolder = AbsolutePath("updatesFolder", core->m_Files.m_UpdatesFolder, nullptr);
+        }
+        DriveRules rules;
+        rules.removableRoots = AbsolutePaths("removableRoots", record.m_RemovableRoots, record);
+        rules.roots = AbsolutePaths("roots", record.m_Roots, record);
+        rules.excludedRoots = AbsolutePaths("excludedRoots", record.m_ExcludedRoots, record);
         m_drives = std::make_unique<DriveMonitor>(std::move(rules));
-    } catch (const std::exception& failure) {
-        Z_LOG(4, "The drives can't be watched: %s", failure.what());
-        return false;
-    }
-    m_present = ToZStrings(m_drives->Drives());
-    return true;
-}
-
-bool ZNodeStorage::ReadRules(const std::shared_ptr<ZConfig>& config, DriveRules& rules) {
-    const auto record = config ? cast_shared<ZNodeStorageCfg>(config) : ZMakeShared<ZNodeStorageCfg>();
-    if (!record) {
-        Z_LOG(4, "The record of %s is a %s", Name().c_str(), config->ClassName());
-        return false;
-    }
-    return ReadFolders(*record, "removableRoots", record->m_RemovableRoots, rules.removableRoots) &&
-           ReadFolders(*record, "roots", record->m_Roots, rules.roots) &&
-           ReadFolders(*record, "excludedRoots", record->m_ExcludedRoots, rules.excludedRoots);
-}
-
-bool ZNodeStorage::ReadFolders(const ZNodeStorageCfg& record, const char* key, const ZVector<ZString>& paths,
-                               std::vector<std::string>& folders) const {
-    for (const ZString& path : paths) {
-        std::filesystem::path folder(path);
-        if (record.Environment()) {
-            record.Environment()->ResolveEnvVarsInPath(std::filesystem::path(path), folder);
-        }
-        if (!folder.is_absolute()) {
-            Z_LOG(4, "\"%s\" holds \"%s\", which is no absolute path", key, path.c_str());
-            return false;
-        }
-        folders.push_back(WithoutSlashAtEnd(folder));
-    }
-    return true;
+        m_present = ToZStrings(m_drives->Drives());
+    });
 }
 
 bool ZNodeStorage::InitMessageMap() {

@@ -35,9 +35,6 @@ public:
     void OnShutdown() override;
 
 private:
-    bool ReadRules(const std::shared_ptr<ZConfig>& config, DriveRules& rules);
-    bool ReadFolders(const ZNodeStorageCfg& record, const char* key, const ZVector<ZString>& paths,
-                     std::vector<std::string>& folders) const;
     bool OnGetDevices(const std::shared_ptr<ZMessage>& request);
     void Watch();
     void Look(const DriveMonitor::PollEntries& polled);

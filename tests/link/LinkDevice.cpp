@@ -4,18 +4,28 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <random>
+
 #include "ZNodePeer.h"
 #include "ZShared/ZFileDescriptor.h"
 
 int FreePort() {
-    const ZFileDescriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // Below those that the system gives to callers: one of them might take a port while its listener is away.
+    std::uniform_int_distribution anyPort(10'000, 32'000);
+    std::random_device random;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ::bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), size);
-    ::getsockname(probe.Get(), reinterpret_cast<sockaddr*>(&address), &size);
-    return ntohs(address.sin_port);
+    for (int tries = 0; tries < 1'000; ++tries) {
+        const int port = anyPort(random);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        const ZFileDescriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (::bind(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+            return port;
+        }
+    }
+    ADD_FAILURE() << "no port is free";
+    return 0;
 }
 
 LinkDevice::LinkDevice(const std::string& serialNumber, ZDeviceType type, int port, const ZVector<ZString>& exports)

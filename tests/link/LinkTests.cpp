@@ -11,6 +11,8 @@
 
 #include "LinkDevice.h"
 #include "NodeComm/zmq/LinkKeys.h"
+#include "ZMessages/ZJSONCommStream.h"
+#include "ZNodePeer.h"
 
 namespace {
 
@@ -245,6 +247,34 @@ TEST_F(Link, BadPairingsAreRefusedAndNameWhatIsWrong) {
     EXPECT_THAT(m_cart.Pair(m_cart.Key()), testing::HasSubstr("own key"));
     EXPECT_THAT(m_cart.Pair(key, 0, true), testing::HasSubstr("is not pinned"));
     EXPECT_EQ("", m_cart.Pair(key));
+}
+
+TEST(LinkSettings, AreRefusedByNameWhenTheyCanNotBeUsed) {
+    const TemporaryFolder folder;
+    const std::string key = (folder / "key.json").string();
+    const std::string pins = folder.Write("pins.json", R"({"peers":[{"publicKey":"none"}]})").string();
+    const struct {
+        std::string settings;
+        std::string said;
+    } rows[]{
+        {"", R"("keyFile" is ""; it must be an absolute path whose variables are set)"},
+        {R"("keyFile":"/tmp/a","pinsFile":"b")", R"("pinsFile" is "b"; it must be an absolute path)"},
+        {R"("listen":"udp://*:1")", R"("listen" is "udp://*:1"; it must be an address such as tcp://*:5700)"},
+        {R"("exports":["2:upload","upload"])", R"("exports" is "upload"; it must be a type and keyword)"},
+        {R"("heartbeatMilliseconds":99)", R"("heartbeatMilliseconds" is 99; it must be a number from 100 to 60000)"},
+        {R"("keyFile":")" + pins + R"(","pinsFile":"/b")", R"("keyFile": )" + pins},
+        {R"("keyFile":")" + key + R"(","pinsFile":")" + pins + '"', R"("pinsFile": )" + pins},
+    };
+    for (const auto& row : rows) {
+        const LogCapture log;
+        ZGraph graph(ZMakeShared<ZCoreConfigParams>());
+        const auto record = ZMakeShared<ZNodePeerCfg>();
+        ZJSONCommStream stream;
+        ASSERT_TRUE(record->Load(std::string_view("{" + row.settings + "}"), stream)) << stream.Error();
+        std::string error;
+        EXPECT_FALSE(graph.AddNode(ZNodePeer::kClassName, "Peer", record, error)) << row.settings;
+        EXPECT_THAT(log.All(), testing::HasSubstr("Peer can't be set up: " + row.said)) << row.settings;
+    }
 }
 
 /// No file of this process may grow beyond a few bytes, as on a full disk, while it lives.

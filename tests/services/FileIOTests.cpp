@@ -265,7 +265,7 @@ TEST_F(FileIO, HandsOverWhatIsForAnotherDevice) {
 TEST_F(FileIO, RefusesBadSettingsAndNamesTheKey) {
     const auto refuses = [&](const char* line) { return !Start() && log.Has(4, line); };
     record->m_Roots = {"/tmp", "var/tmp"};
-    EXPECT_TRUE(refuses(R"("roots" holds "var/tmp", which is no absolute path)")) << log.All();
+    EXPECT_TRUE(refuses(R"("roots" is "var/tmp"; it must be an absolute path whose variables are set)")) << log.All();
     record->m_MaxOpenFiles = 257;
     EXPECT_TRUE(refuses(R"("maxOpenFiles" is 257; it must be a number from 1 to 256)")) << log.All();
     record->m_IdleSeconds = 0;

@@ -174,5 +174,6 @@ TEST_F(Storage, RefusesARelativePathAndNamesTheKey) {
     record->m_ExcludedRoots.emplace_back("media/own");
     const LogCapture log;
     EXPECT_FALSE(Start(record));
-    EXPECT_TRUE(log.Has(4, R"("excludedRoots" holds "media/own", which is no absolute path)")) << log.All();
+    EXPECT_TRUE(log.Has(4, R"("excludedRoots" is "media/own"; it must be an absolute path whose variables are set)"))
+        << log.All();
 }
