@@ -15,7 +15,7 @@ using Clock = ZMailbox::Clock;
 using Milliseconds = std::chrono::milliseconds;
 using ErrorCodes = ZFrameworkErrorCodes;
 
-constexpr std::size_t kMostOwed = 256;
+constexpr std::ptrdiff_t kMostOwed = 256;  // to one device
 constexpr Milliseconds kLongestWait = std::chrono::hours(1);
 constexpr const char* kNotConnected = "The device is not connected";
 
@@ -157,7 +157,8 @@ private:
 
     bool Owe(const std::string& key, const ZLinkHeader& header, std::uint64_t& number) {
         const std::lock_guard lock(m_comm.m_mutex);
-        if (m_comm.m_owed.size() >= kMostOwed) {
+        const auto isItsOwn = [&key](const auto& owed) { return owed.second.key == key; };
+        if (std::ranges::count_if(m_comm.m_owed, isItsOwn) >= kMostOwed) {
             return false;
         }
         const auto wait = std::min(Milliseconds(header.m_TimeoutMilliseconds), kLongestWait);

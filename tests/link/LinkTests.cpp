@@ -11,6 +11,7 @@
 
 #include "LinkDevice.h"
 #include "NodeComm/zmq/LinkKeys.h"
+#include "NodeComm/zmq/LinkLoop.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "ZNodePeer.h"
 
@@ -223,7 +224,9 @@ TEST_F(Link, RubbishIsDroppedWithALineThatNamesItsSender) {
         {{request}, "has not introduced itself"},
         {{hello, R"({"className":"ZNoSuchMsg"})"}, "the name of a message class"},
         {{hello, R"({"className":"ZPeerMsg"})", std::string(65536, 'x')}, "has no end"},
-        {{hello, R"({"className":"ZPeerMsg","serialNumber@":7})"}, "among the texts"},
+        {{hello, R"({"className":"ZPeerMsg","serialNumber@":7})"}, "among those that came"},
+        {{hello, R"({"className":"ZPeerMsg","serialNumber@":0,"version@":0})", std::string(65535, 'x')},
+         "\"version\" is not a text of its own"},
     };
     for (const auto& [frames, said] : table) {
         stranger.Say(frames);
@@ -238,6 +241,19 @@ TEST_F(Link, RubbishIsDroppedWithALineThatNamesItsSender) {
     stranger.Say({request, R"({"className":"ZPairMsg"})"});
     EXPECT_TRUE(m_log.WaitFor(3, "3:checkCompatibility is nobody's")) << m_log.All();
     EXPECT_EQ("ok: 1zz", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("z"))));
+}
+
+TEST_F(Link, ADeviceWhosePinIsTakenAwayBeforeItIntroducesItselfStaysOut) {
+    Stranger stranger;
+    ASSERT_EQ("", m_cart.Pair(stranger.Key()));
+    stranger.Connect(m_cart.Key(), m_port);
+    stranger.Say({"rubbish"});
+    ASSERT_TRUE(WaitUntil([&] { return m_log.All().find("is not whole JSON") != std::string::npos; }))
+        << "it is let in";
+    ASSERT_EQ("", m_cart.Pair(stranger.Key(), 0, true));
+    stranger.Say({R"({"kind":"Hello"})", R"({"className":"ZPeerMsg"})"});
+    EXPECT_TRUE(m_log.WaitFor(3, "nobody pins its key any more")) << m_log.All();
+    EXPECT_FALSE(m_cart.IsConnectedTo(stranger.Key()));
 }
 
 TEST_F(Link, BadPairingsAreRefusedAndNameWhatIsWrong) {
@@ -275,6 +291,27 @@ TEST(LinkSettings, AreRefusedByNameWhenTheyCanNotBeUsed) {
         EXPECT_FALSE(graph.AddNode(ZNodePeer::kClassName, "Peer", record, error)) << row.settings;
         EXPECT_THAT(log.All(), testing::HasSubstr("Peer can't be set up: " + row.said)) << row.settings;
     }
+}
+
+/// What a link reports to when the system has nothing left for it.
+class Exhausted : public LinkEvents {
+public:
+    void OnArrived(const std::string&, const Message&) override {}
+    void OnGone(const std::string&) override {}
+    void OnRefused(const std::string&) override {}
+    void OnMessage(const std::string&, LinkMessage) override {}
+    ZMailbox::Clock::time_point OnTime(ZMailbox::Clock::time_point) override { throw std::bad_alloc(); }
+};
+
+TEST(LinkLoop, StopsThoughItCanDoNothing) {
+    const NothingLeftBehind nothing;
+    const LogCapture log;
+    Exhausted events;
+    LinkLoop loop({}, "", Z_MAKE(ZPeerMsg), events);
+    std::string error;
+    ASSERT_TRUE(loop.Start(error)) << error;
+    EXPECT_TRUE(log.WaitFor(4, "The link failed and is set up again: std::bad_alloc"));
+    loop.Stop();
 }
 
 /// No file of this process may grow beyond a few bytes, as on a full disk, while it lives.

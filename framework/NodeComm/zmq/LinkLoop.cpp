@@ -113,6 +113,8 @@ void LinkLoop::Run() {
             CloseConnections();
             m_listenAgain = Clock::now() + kRebuildAfter;
             std::this_thread::sleep_for(kRebuildAfter);
+            const std::lock_guard lock(m_commandsMutex);
+            running = !m_commands.stop;  // the next turn may fail before it looks
         }
     }
     CloseConnections();
@@ -332,7 +334,12 @@ void LinkLoop::Authenticate() {
             static_cast<void>(m_authenticator.recv(request.back(), zmq::recv_flags::none));
         }
         std::string key;
-        const bool admitted = IsAdmitted(request, key);
+        bool admitted = false;
+        try {
+            admitted = IsAdmitted(request, key);
+        } catch (const std::exception& failure) {  // there must be an answer before there can be another question
+            LogLine(4, __LINE__, "A device is turned away: %s", failure.what());
+        }
         const std::string number = request.size() > 1 ? request[1].to_string() : std::string();
         const std::array<std::string, 6> answer{
             "1.0", number, admitted ? "200" : "400", admitted ? "OK" : "Not pinned", std::move(key), ""};
@@ -372,8 +379,10 @@ void LinkLoop::ReceiveAll() {
         std::string number = frames->front().to_string();
         frames->erase(frames->begin());
         const char* key = frames->empty() ? nullptr : ::zmq_msg_gets(frames->front().handle(), "User-Id");
-        if (key != nullptr) {
+        if (key != nullptr && FindPin(key) != nullptr) {
             Take(std::string(key), *m_listener, std::move(number), std::move(*frames));
+        } else if (key != nullptr) {  // its pin was taken away after it was let in
+            LogLine(3, __LINE__, "A message from device %s is dropped: nobody pins its key any more", key);
         }
     }
     for (auto& [key, socket] : m_callers) {

@@ -59,11 +59,13 @@ public:
         if (Has(key) || !ReadUInt(NumberKey(key), number, std::numeric_limits<std::uint64_t>::max())) {
             return ZJSONCommStream::ReadString(key, value);
         }
-        if (number >= m_texts.size()) {
-            SetError(key, "among the texts that came along");
+        const Text none{m_frames.cend(), m_frames.cend()};
+        // Each text belongs to one value: a small document must not name a long one again and again.
+        const auto [from, end] = number < m_texts.size() ? std::exchange(m_texts[number], none) : none;
+        if (from == end) {
+            SetError(key, "a text of its own among those that came along");
             return false;
         }
-        const auto [from, end] = m_texts[number];
         value.clear();
         value.reserve(static_cast<std::size_t>(end - from) * kLinkPiece);
         for (auto frame = from; frame != end; ++frame) {
@@ -73,9 +75,10 @@ public:
     }
 
 private:
-    using Frame = LinkFrames::const_iterator;
+    using Text =
+        std::pair<LinkFrames::const_iterator, LinkFrames::const_iterator>;  // its frames; none once it was read
     LinkFrames m_frames;
-    std::vector<std::pair<Frame, Frame>> m_texts;
+    std::vector<Text> m_texts;
     bool m_bWhole = true;
 };
 
