@@ -16,6 +16,7 @@ constexpr auto kIdleLimit = std::chrono::seconds(5);       // between two reques
 constexpr auto kSilenceLimit = std::chrono::seconds(10);   // within a request or an answer
 constexpr auto kRestLimit = std::chrono::seconds(2);       // what is sent behind an answer
 constexpr auto kTransferLimit = std::chrono::seconds(60);  // a whole request, or what is written of an answer at once
+constexpr std::size_t kLongestHead = std::size_t{64} * 1024;
 
 }  // namespace
 
@@ -45,6 +46,7 @@ bool Connection::AwaitRequest() {
         return false;
     }
     m_deadline = Clock::now() + kTransferLimit;
+    m_mayRead = kLongestHead;
     return true;
 }
 
@@ -84,15 +86,19 @@ ssize_t Connection::Receive() {
 }
 
 ssize_t Connection::Read(char* bytes, std::size_t size) {
+    if (m_mayRead == 0) {
+        return -1;
+    }
     if (m_bufferStart == m_bufferEnd) {
         const ssize_t received = Receive();
         if (received <= 0) {
             return received;
         }
     }
-    const std::size_t count = std::min(size, m_bufferEnd - m_bufferStart);
+    const std::size_t count = std::min({size, m_bufferEnd - m_bufferStart, m_mayRead});
     std::memcpy(bytes, m_buffer.data() + m_bufferStart, count);
     m_bufferStart += count;
+    m_mayRead -= count;
     return static_cast<ssize_t>(count);
 }
 

@@ -19,8 +19,11 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Waits, for some seconds, for the first byte of a request, and gives the request its time to arrive.
+    /// Waits, for some seconds, for the first byte of a request, and gives the request its time to arrive. Reading it
+    /// fails after 64 KiB, which are for its head.
     bool AwaitRequest();
+    /// Lets so many bytes more be read of this request.
+    void AllowBody(std::size_t bytes) { m_mayRead = bytes; }
     /// Gives what is written from now on its time; without it, the time that the request had counts on.
     void AllowAnswer();
 
@@ -53,6 +56,7 @@ private:
     std::array<char, 16384> m_buffer;
     std::size_t m_bufferStart = 0;
     std::size_t m_bufferEnd = 0;
+    std::size_t m_mayRead = 0;  // of this request: the library keeps all of a head and of a chunk's length line
 };
 
 }  // namespace gateway

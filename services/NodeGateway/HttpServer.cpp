@@ -67,6 +67,8 @@ private:
 class ConnectionQueue final : public httplib::TaskQueue {
 public:
     explicit ConnectionQueue(std::size_t threads) : m_pool(threads) {}
+    /// Holds the library's loop up while many connections wait: the next ones wait in the kernel, without a descriptor
+    /// of this process.
     void enqueue(std::function<void()> task) override { m_pool.Post(std::move(task)); }
     void shutdown() override { m_pool.Stop(); }
 
@@ -198,6 +200,7 @@ httplib::Server::HandlerResponse Server::WithoutBody(const httplib::Request& req
 
 void Server::WithBody(const httplib::Request& request, httplib::Response& response,
                       const httplib::ContentReader& reader) const {
+    t_connection->AllowBody(2 * kLargestBody);  // with room for the length lines of a body that comes in chunks
     std::string body;
     bool tooLarge = false;
     const bool whole = reader([&](const char* bytes, size_t size) {

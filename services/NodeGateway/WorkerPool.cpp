@@ -12,7 +12,8 @@ constexpr const char* kLogSource = "NodeGateway/WorkerPool";
 
 void WorkerPool::Post(Task task) {
     {
-        const std::lock_guard lock(m_mutex);
+        std::unique_lock lock(m_mutex);
+        m_room.wait(lock, [this] { return m_tasks.size() < m_limit; });
         m_tasks.push_back(std::move(task));
         if (m_tasks.size() > m_idle && m_threads.size() < m_limit) {
             StartThread();
@@ -46,6 +47,7 @@ void WorkerPool::Run() {
         }
         Task task = std::move(m_tasks.front());
         m_tasks.pop_front();
+        m_room.notify_one();
         lock.unlock();
         task();
         task = nullptr;

@@ -9,7 +9,8 @@
 
 namespace gateway {
 
-/// Runs tasks on up to `limit` threads, which are started when they are first needed and kept. Tasks beyond that wait.
+/// Runs tasks on up to `limit` threads, which are started when they are first needed and kept. As many tasks wait
+/// beside them; then whoever posts one waits.
 class WorkerPool {
 public:
     using Task = std::function<void()>;
@@ -19,7 +20,8 @@ public:
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    /// When the system has no thread left, the task waits for a running one, or runs at once if there is none.
+    /// Waits for room. When the system has no thread left, the task waits for a running one, or runs at once if there
+    /// is none.
     void Post(Task task);
     /// Runs what waits and ends the threads. Nothing may be posted after this.
     void Stop();
@@ -32,6 +34,7 @@ private:
     const std::size_t m_limit;
     std::mutex m_mutex;
     std::condition_variable m_changed;
+    std::condition_variable m_room;
     std::deque<Task> m_tasks;
     std::vector<std::thread> m_threads;
     std::size_t m_idle = 0;

@@ -128,6 +128,10 @@ TEST_F(Gateway, TakesOddlyFramedBodies) {
     for (int count = 0; count < 9; ++count) {
         endless += chunk;
     }
+    std::string manyHeaders;
+    while (manyHeaders.size() < 70'000) {
+        manyHeaders += "X-Thing: " + std::to_string(manyHeaders.size()) + "\r\n";
+    }
     const struct {
         const char* name;
         std::string rest;  // of the request, behind its first line
@@ -140,6 +144,9 @@ TEST_F(Gateway, TakesOddlyFramedBodies) {
         {"a form's parts", "Content-Type: multipart/form-data\r\nContent-Length: 2\r\n\r\n{}", "HTTP/1.1 200"},
         {"a range", "Range: bytes=0-1\r\nContent-Length: 0\r\n\r\n", "HTTP/1.1 200"},
         {"too many chunks", "Transfer-Encoding: chunked\r\n\r\n" + endless, "HTTP/1.1 413"},
+        {"a chunk's length of 5 MiB",
+         "Transfer-Encoding: chunked\r\n\r\n" + std::string(5 << 20, '0') + "2\r\n{}\r\n0\r\n\r\n", "HTTP/1.1 400"},
+        {"too many headers", manyHeaders + "Content-Length: 0\r\n\r\n", "HTTP/1.1 400"},
         {"no header at all", "nonsense\r\n\r\n", "HTTP/1.1 "},
     };
     for (const auto& row : rows) {
