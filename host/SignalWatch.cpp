@@ -36,8 +36,23 @@ SignalWatch::SignalWatch(std::int32_t logLevel) : m_signals(OpenSignals()), m_lo
 }
 
 SignalWatch::~SignalWatch() {
+    JoinTellers();  // while a third signal is still taken
     m_stop.Set();
     m_watcher.join();
+    JoinTellers();
+}
+
+void SignalWatch::JoinTellers() {
+    for (std::thread& teller : m_tellers) {
+        std::thread ending;
+        {
+            const std::lock_guard lock(m_tellersMutex);
+            std::swap(ending, teller);
+        }
+        if (ending.joinable()) {
+            ending.join();
+        }
+    }
 }
 
 void SignalWatch::Watch() {
@@ -52,11 +67,19 @@ void SignalWatch::Watch() {
 }
 
 void SignalWatch::Take(int signal) {
-    ++m_count;
+    const int count = ++m_count;
     m_asked.Set();
-    // Before anything is logged: an output that blocks may be what the process is stuck in.
-    if (m_count > 2) {
+    if (count > 2) {
         ::_exit(128 + signal);
     }
-    Z_LOG(2, "%s: %s", ::strsignal(signal), AskedTwice() ? "the graph stops at once" : "the graph is asked to stop");
+    try {
+        const std::lock_guard lock(m_tellersMutex);
+        m_tellers.at(static_cast<std::size_t>(count - 1)) = std::thread([this, signal, count] { Tell(signal, count); });
+    } catch (const std::system_error&) {
+        // Without a thread for it, nothing is said; what was asked is done all the same.
+    }
+}
+
+void SignalWatch::Tell(int signal, int count) const {
+    Z_LOG(2, "%s: %s", ::strsignal(signal), count > 1 ? "the graph stops at once" : "the graph is asked to stop");
 }

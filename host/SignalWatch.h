@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <atomic>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -27,6 +29,8 @@ public:
 private:
     void Watch();
     void Take(int signal);
+    void Tell(int signal, int count) const;
+    void JoinTellers();
 
     ZFileDescriptor m_signals;
     ZStopEvent m_asked;
@@ -34,5 +38,9 @@ private:
     std::atomic<int> m_count{0};  // written by the watching thread, read by all
     const std::string m_logName = "arbord";
     const std::int32_t m_logLevel;
+    // What the first two signals mean is logged beside the watching thread: an output that blocks may be what the
+    // process is stuck in, and the third signal must still be seen.
+    std::mutex m_tellersMutex;
+    std::array<std::thread, 2> m_tellers;
     std::thread m_watcher;
 };

@@ -6,7 +6,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
-ArbordProcess::ArbordProcess(std::vector<std::string> arguments)
+ArbordProcess::ArbordProcess(std::vector<std::string> arguments, const std::filesystem::path& output)
     : m_notifications(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     const std::string address = m_folder / "notify";
     sockaddr_un name{AF_UNIX, {}};
@@ -25,8 +25,8 @@ ArbordProcess::ArbordProcess(std::vector<std::string> arguments)
     pointers.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, (m_folder / "output").c_str(),
-                                       O_WRONLY | O_CREAT | O_APPEND, 0600);
+    const std::filesystem::path target = output.empty() ? m_folder / "output" : output;
+    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, target.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     ::posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
     const int failure = ::posix_spawn(&m_id, ARBORD, &actions, nullptr, pointers.data(), environ);
     ::posix_spawn_file_actions_destroy(&actions);
@@ -40,6 +40,14 @@ ArbordProcess::~ArbordProcess() {
         Signal(SIGKILL);
         ::waitpid(m_id, nullptr, 0);
     }
+}
+
+bool ArbordProcess::SignalAndWait(int signal) const {
+    Signal(signal);
+    return WaitUntil([this] {
+        const std::string status = ReadText("/proc/" + std::to_string(m_id) + "/status");
+        return status.find("ShdPnd:\t0000000000000000") != std::string::npos;
+    });
 }
 
 std::optional<int> ArbordProcess::WaitForExit() {

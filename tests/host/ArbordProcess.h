@@ -9,10 +9,13 @@
 /// One run of the real arbord, with a service manager's notification socket. Ended, at the latest, with the object.
 class ArbordProcess {
 public:
-    explicit ArbordProcess(std::vector<std::string> arguments);
+    /// Its standard output and standard error go to the file or pipe `output`, or else to a file for Output.
+    explicit ArbordProcess(std::vector<std::string> arguments, const std::filesystem::path& output = {});
     ~ArbordProcess();
 
     void Signal(int signal) const { ::kill(m_id, signal); }
+    /// Sends a signal and waits until the process has taken it.
+    bool SignalAndWait(int signal) const;
     /// Waits for the end; the exit status as a shell shows it, or nothing when it did not end.
     std::optional<int> WaitForExit();
     bool WaitForOutput(const std::string& text) const;

@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <future>
 
@@ -60,6 +62,23 @@ TEST(Arbord, WaitsForARefusingNodeUntilItIsTold) {
         EXPECT_EQ(arbord.WaitForExit(), exit) << arbord.Output();
         EXPECT_THAT(arbord.Output(), HasSubstr(last));
     }
+}
+
+TEST(Arbord, EndsAtTheThirdSignalThoughItsOutputBlocks) {
+    const TemporaryFolder folder;
+    const auto pipe = folder / "output";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    const ZFileDescriptor nobodyReads(::open(pipe.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const auto graph = folder.Write("graph.json", R"({ "libraries": [ "libNodeDeviceProps.so" ],
+        "nodes": [ { "name": "Props", "class": "ZNodeDeviceProps" } ] })");
+    ArbordProcess arbord({"--graph", graph.string()}, pipe);
+    ASSERT_TRUE(arbord.WaitForNotification("READY=1\nSTATUS=1 node runs"));
+    while (::write(nobodyReads.Get(), "x", 1) == 1) {
+    }
+    EXPECT_TRUE(arbord.SignalAndWait(SIGTERM));
+    EXPECT_TRUE(arbord.SignalAndWait(SIGTERM));
+    arbord.Signal(SIGTERM);
+    EXPECT_EQ(arbord.WaitForExit(), 128 + SIGTERM);
 }
 
 TEST(Arbord, AnswersACommandLineWithoutAGraph) {
