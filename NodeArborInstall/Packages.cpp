@@ -37,7 +37,7 @@ bool ZNodeArborInstall::ScanDrive(const fs::path& drive, std::shared_ptr<ZMessag
     bool any = false;
     std::error_code error;
     fs::directory_iterator entry(drive, error);
-    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+    for (; !error && !InShutdown() && entry != fs::directory_iterator(); entry.increment(error)) {
         any = CheckDriveEntry(entry->path(), results) || any;
     }
     if (error) {

@@ -178,6 +178,8 @@ private:
     ZFileDescriptor m_exit;
 };
 
+constexpr const char* kOwnerStops = "The command was ended because its owner stops";
+
 std::string Seconds(std::chrono::milliseconds time) {
     return std::to_string(time.count() / 1000) + " s";
 }
@@ -192,6 +194,10 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
         return result;
     }
     const ZStopEvent* stop = ZStopEvent::OfThisThread();
+    if (stop != nullptr && stop->IsSet()) {
+        result.reason = kOwnerStops;
+        return result;
+    }
     const auto deadline = Clock::now() + timeout;
     RunningCommand command;
     std::string error;
@@ -202,7 +208,7 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
     while (!command.WaitForChange(stop == nullptr ? -1 : stop->Descriptor(), deadline)) {
         command.Drain(onOutput, onComplaint);
         if (stop != nullptr && stop->IsSet()) {
-            result.reason = "The command was ended because its owner stops";
+            result.reason = kOwnerStops;
         } else if (Clock::now() >= deadline) {
             result.reason = "The command was ended after " + Seconds(timeout);
         }

@@ -33,9 +33,14 @@ DriveMonitor::PollEntries DriveMonitor::Entries() const {
 DriveChange DriveMonitor::Refresh(const PollEntries& polled) {
     const FolderWatch::News roots = m_rootWatch.Take();
     const FolderWatch::News drives = m_driveWatch.Take();
-    const bool due =
-        polled[0].revents != 0 || roots.changed || roots.lost || !roots.names.empty() || drives.changed || drives.lost;
-    return due ? Look() : DriveChange();
+    m_bDue = m_bDue || polled[0].revents != 0 || roots.changed || roots.lost || !roots.names.empty() ||
+             drives.changed || drives.lost;
+    if (!m_bDue) {
+        return {};
+    }
+    DriveChange change = Look();
+    m_bDue = false;  // not before: the system tells of a change once
+    return change;
 }
 
 DriveChange DriveMonitor::Look() {

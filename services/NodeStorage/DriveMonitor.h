@@ -24,8 +24,8 @@ public:
 
     /// What to poll; with any of them ready, Refresh is due.
     PollEntries Entries() const;
-    /// Looks again when `polled` (as Entries gave it, after a poll) tells of something. Throws std::runtime_error when
-    /// the mount table can't be read; nothing is forgotten then.
+    /// Looks again when `polled` (as Entries gave it, after a poll) tells of something, or when the last look failed.
+    /// Throws std::runtime_error when the mount table can't be read; nothing is forgotten then.
     DriveChange Refresh(const PollEntries& polled);
 
     /// The drives found last, sorted.
@@ -41,4 +41,5 @@ private:
     // between two looks has another identity even when device, mount point and mount number are the same again.
     FolderWatch m_driveWatch;
     FolderWatch::Identities m_drives;
+    bool m_bDue = false;  // what polling told of was not looked at yet
 };

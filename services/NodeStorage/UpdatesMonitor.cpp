@@ -5,11 +5,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <thread>
 
 #include "ZShared/ZLog.h"
 
 namespace {
+
+// The kernel tells that a file was closed a moment before its writer counts as gone.
+constexpr int kTries = 5;
+constexpr std::chrono::milliseconds kTryAgainAfter{10};
 
 void LogLine(int level, int line, const char* text, const std::string& folder, const std::string& reason) {
     ZLog::Instance().Log(level, "ZNodeStorage", "NodeStorage/UpdatesMonitor", "UpdatesMonitor", line, "%s %s%s", text,
@@ -22,8 +28,11 @@ bool IsBeingWritten(const std::filesystem::path& file) {
     const ZFileDescriptor reader(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     // A writer that comes while the lease is held makes the kernel send a signal: one that does nothing.
     ::fcntl(reader.Get(), F_SETSIG, SIGURG);
-    if (::fcntl(reader.Get(), F_SETLEASE, F_RDLCK) != 0) {
-        return errno == EAGAIN;
+    for (int tries = 0; ::fcntl(reader.Get(), F_SETLEASE, F_RDLCK) != 0; ++tries) {
+        if (errno != EAGAIN || tries == kTries) {
+            return errno == EAGAIN;
+        }
+        std::this_thread::sleep_for(kTryAgainAfter);
     }
     ::fcntl(reader.Get(), F_SETLEASE, F_UNLCK);
     return false;

@@ -9,6 +9,7 @@ Z_IMPLEMENT(ZNodeStorage)
 namespace {
 
 constexpr const char* kLogSource = "NodeStorage/ZNodeStorage";
+constexpr int kLookAgainAfter = 1000;  // milliseconds, when the system lacked something
 
 ZVector<ZString> ToZStrings(const std::vector<std::string>& texts) {
     return {texts.begin(), texts.end()};
@@ -92,10 +93,12 @@ void ZNodeStorage::StopWatching() {
 void ZNodeStorage::Watch() {
     DriveMonitor::PollEntries drives{};
     while (!m_stop.IsSet()) {
+        int wait = -1;
         try {
             Look(drives);
         } catch (const std::exception& failure) {
             Z_LOG(4, "Could not look at the storage: %s", failure.what());
+            wait = kLookAgainAfter;
         }
         drives = m_drives->Entries();
         std::array<pollfd, 5> entries{drives[0],
@@ -103,7 +106,7 @@ void ZNodeStorage::Watch() {
                                       drives[2],
                                       {m_stop.Descriptor(), POLLIN, 0},
                                       {m_updates ? m_updates->Descriptor() : -1, POLLIN, 0}};
-        ::poll(entries.data(), entries.size(), -1);
+        ::poll(entries.data(), entries.size(), wait);
         std::copy_n(entries.begin(), drives.size(), drives.begin());
     }
 }

@@ -1,6 +1,8 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <fstream>
 #include <set>
@@ -108,6 +110,22 @@ TEST_F(Storage, TellsOfConfiguredDirectoriesThatComeGoAndAreReplaced) {
     ASSERT_TRUE(WaitTold(left, 3));
 }
 
+/// This process gets no new descriptors while it lives.
+class NoDescriptors {
+public:
+    NoDescriptors() {
+        ::getrlimit(RLIMIT_NOFILE, &m_before);
+        const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        ::close(next);
+        const rlimit none{static_cast<rlim_t>(next), m_before.rlim_max};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+
+private:
+    rlimit m_before{};
+};
+
 TEST_F(Storage, TellsOfMountsAsTheKernelDoes) {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0) {
         GTEST_SKIP() << "this process may not mount anything";
@@ -116,6 +134,8 @@ TEST_F(Storage, TellsOfMountsAsTheKernelDoes) {
         fs::create_directories(place);
         return ::mount("arbor-test", place.c_str(), "tmpfs", 0, "size=64k") == 0;
     };
+    // The watcher may be looking at it.
+    const auto unmount = [](const fs::path& place) { return WaitUntil([&] { return ::umount(place.c_str()) == 0; }); };
     const fs::path stick = folder / "media/user/a stick";
     const fs::path own = folder / "media/own";
     auto record = ZMakeShared<ZNodeStorageCfg>("storage");
@@ -130,14 +150,22 @@ TEST_F(Storage, TellsOfMountsAsTheKernelDoes) {
     ASSERT_TRUE(mount(own) && mount(stick));
     ASSERT_TRUE(WaitTold('+' + stick.string()));
     // Pulled and put back at once: the kernel gives the new mount the old one's place, number and device.
-    ASSERT_TRUE(::umount(stick.c_str()) == 0 && mount(stick));
+    ASSERT_TRUE(unmount(stick) && mount(stick));
     ASSERT_TRUE(WaitTold('-' + stick.string()));
     ASSERT_TRUE(WaitTold('+' + stick.string(), 2));
-    ASSERT_EQ(::umount((folder / "media/before").c_str()), 0);
+    ASSERT_TRUE(unmount(folder / "media/before"));
     ASSERT_TRUE(WaitTold('-' + (folder / "media/before").string()));
     EXPECT_THAT(Devices(), ElementsAre(stick.string()));
+    const fs::path late = folder / "media/late";
+    {
+        const LogCapture log;
+        const NoDescriptors none;
+        ASSERT_TRUE(mount(late));
+        ASSERT_TRUE(log.WaitFor(4, "Could not look at the storage: /proc/self/mountinfo could not be read"));
+    }
+    ASSERT_TRUE(WaitTold('+' + late.string())) << "the kernel told of it once";
     EXPECT_EQ(std::ranges::count(Told(), '+' + own.string()), 0);
-    EXPECT_TRUE(::umount(own.c_str()) == 0 && ::umount(stick.c_str()) == 0);
+    EXPECT_TRUE(unmount(own) && unmount(stick) && unmount(late));
 }
 
 TEST_F(Storage, TellsOfCompleteFilesInTheUpdatesFolder) {
