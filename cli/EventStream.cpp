@@ -16,7 +16,7 @@ constexpr std::chrono::hours kStreamPatience{24};
 /// Events waiting for a slow owner; then the reading pauses and the device decides what to do about a slow client.
 constexpr std::size_t kQueueLength = 4096;
 /// A device repeats its last state in one go with the answer's beginning; this is a loaded machine's time for it.
-constexpr milliseconds kReplayTime{1000};
+constexpr milliseconds kReplayTime{10'000};
 constexpr milliseconds kFirstRetryPause{100};
 constexpr milliseconds kLongestRetryPause{1000};
 

@@ -77,7 +77,7 @@ TEST(Follow, ADeviceThatGoesAwayOrFallsSilentIsGivenUp) {
     for (const bool goesAway : {true, false}) {
         Device device;
         device.Play({kLive, "updatesystem", Step(10)});
-        const auto program = device.Start("install 3.046 --wait --timeout 5");
+        const auto program = device.Start("install 3.046 --wait --timeout 10");
         ASSERT_TRUE(program->WaitForOutput("10 %"));
         if (goesAway) {
             device.GoDown();

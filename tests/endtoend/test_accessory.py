@@ -77,7 +77,7 @@ class Troubles(PairCase):
         until_connected()
         build_package()
         begin, size = len(CART.log), BUILT.stat().st_size
-        os.truncate(BUILT, 300 << 20)  # long enough to be under way for a while
+        os.truncate(BUILT, 1 << 30)  # long enough to be under way for a while
         with running(*TRANSFER) as process:
             until(lambda: "Install File Transfer" in CART.log[begin:], "the transfer is under way")
             PALM.run("kill", "-KILL", PALM.path(paths.HOST_PID).read_text()).check_returncode()

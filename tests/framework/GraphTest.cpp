@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <future>
+#include <regex>
 
 #include "NodeBase/ZGraph.h"
 #include "TestSupport.h"
@@ -103,7 +104,10 @@ TEST_F(Graph, LeadsItsNodesThroughTheirLivesInOrder) {
     Add("b");
     EXPECT_TRUE(m_graph->Start(m_error));
     EXPECT_EQ(m_graph->Stop(), ZGraphEnd::Agreed);
-    EXPECT_EQ(Tell(),
+    // One that is slow to answer is asked again.
+    const std::string story =
+        std::regex_replace(Tell(), std::regex("a:asked b:asked( [ab]:asked)+"), "a:asked b:asked");
+    EXPECT_EQ(story,
               "a:init a:config a:connecting a:map a:connected b:init b:config b:connecting b:map b:connected "
               "a:created b:created a:warning b:warning a:asked b:asked "
               "b:shutdown b:disconnect a:shutdown a:disconnect b:gone a:gone ");
@@ -155,8 +159,10 @@ TEST_F(Graph, EndsCommandsThatItsNodesWaitFor) {
 }
 
 TEST_F(Graph, WaitsOutARefusalUpToTheGracePeriod) {
-    m_core->m_ShutdownGraceSeconds = 3;
-    for (const auto& [refusals, end] : {std::pair(2, ZGraphEnd::Agreed), std::pair(1'000'000, ZGraphEnd::Forced)}) {
+    const std::tuple<int, std::uint32_t, ZGraphEnd> cases[]{{2, 60, ZGraphEnd::Agreed},
+                                                            {1'000'000, 1, ZGraphEnd::Forced}};
+    for (const auto& [refusals, grace, end] : cases) {
+        m_core->m_ShutdownGraceSeconds = grace;
         ZGraph graph(m_core);
         EXPECT_TRUE(graph.AddNode("StoryNode", "a", nullptr, m_error));
         g_refusals = refusals;

@@ -88,8 +88,13 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
         return drives;
     });
     PublishProgress(35);
-    EXPECT_TRUE(WaitUntil([&] { return Get("/v1/status").body.find("\"percent\":35") != std::string::npos; }));
-    const std::string status = Get("/v1/status").body;
+    std::string status;
+    EXPECT_TRUE(WaitUntil([&] {  // a loaded machine's nodes may not have told it in time
+        status = Get("/v1/status").body;
+        const auto tells = [&status](const char* part) { return status.find(part) != std::string::npos; };
+        return tells("\"percent\":35") && tells("Version\":\"") && tells("InProgress\":true") && tells("device\":{") &&
+               tells("updates\":[") && tells("drives\":[");
+    })) << status;
     EXPECT_THAT(
         status,
         testing::MatchesRegex(
@@ -100,7 +105,9 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
         << "a name that is no UTF-8 must not break the document";
     Post("/v1/findupdates", "");
     Post("/v1/transfer", "");
-    const std::string metrics = Get("/v1/metrics").body;
+    std::string metrics;
+    WaitUntil(
+        [&] { return (metrics = Get("/v1/metrics").body).find("\narbor_update_in_progress 1") != std::string::npos; });
     for (const char* sample :
          {"arbor_requests_total{keyword=\"findupdates\",code=\"200\"} 1", "arbor_memory_bytes{state=\"in_use\"} ",
           "arbor_requests_total{keyword=\"transfer\",code=\"503\"} 1", "arbor_progress_percent 35",

@@ -100,7 +100,7 @@ TEST(Heartbeat, NamesTheNodeWhoseHandlerDoesNotReturn) {
     std::string error;
     ASSERT_TRUE(graph.AddNode("ProbeNode", "idle", nullptr, error) &&
                 graph.AddNode("ProbeNode", "busy", nullptr, error));
-    Heartbeat heartbeat({graph.Node("idle"), graph.Node("busy")}, std::chrono::seconds(1));
+    Heartbeat heartbeat({graph.Node("idle"), graph.Node("busy")}, std::chrono::seconds(3));
     EXPECT_TRUE(heartbeat.SilentNode().empty());
 
     std::promise<void> release;

@@ -147,7 +147,9 @@ class Receiver:
         connection, _ = self._server.accept()
         with connection:
             connection.settimeout(LIMIT)
-            while chunk := connection.recv(1024):
+            # On a UNIX socket each document is read before the next is sent; on TCP several may have come by now.
+            size = 1024 if self._server.family == socket.AF_UNIX else 1 << 16
+            while chunk := connection.recv(size):
                 try:
                     documents = json.loads(b"[" + chunk.replace(b"}{", b"},{") + b"]")
                 except ValueError:

@@ -110,6 +110,6 @@ bool ProbeNode::WaitForMessages(std::size_t count) const {
 std::shared_ptr<ZMessage> ProbeNode::Ask(ZEndpointType type, const char* name,
                                          const std::shared_ptr<ZMessage>& request) {
     std::shared_ptr<ZMessage> answer;
-    Publish(GetEndpoint(type, name, 0), request, &answer, true, false);
+    PublishWithOutcome(GetEndpoint(type, name, 0), request, &answer, {true, false, std::chrono::minutes(1)});
     return answer;
 }

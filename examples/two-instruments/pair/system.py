@@ -25,8 +25,8 @@ Host *
     GlobalKnownHostsFile none
     StrictHostKeyChecking yes
     BatchMode yes
-    ConnectTimeout 5
-    ServerAliveInterval 2
+    ConnectTimeout 15
+    ServerAliveInterval 5
     ServerAliveCountMax 3
 """
 
@@ -40,7 +40,7 @@ PasswordAuthentication no
 KbdInteractiveAuthentication no
 UsePAM no
 PrintLastLog no
-ClientAliveInterval 2
+ClientAliveInterval 5
 ClientAliveCountMax 3
 """
 
