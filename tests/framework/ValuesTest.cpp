@@ -55,7 +55,8 @@ void Log(const std::string& text) {
 TEST(Log, LetsNoTextForgeASecondLineAndRemembersTheNewest) {
     const LogCapture log;
     Log("a\nb\tc\r\x1b[2J\x7f \xC3\xBC \xE2\x80\xAE\xFF");
-    EXPECT_TRUE(log.Has(3, "channel File Function:1 a\\nb\\tc\\r\\x1b[2J\\x7f \xC3\xBC \\xe2\\x80\\xae\\xff")) << log.All();
+    EXPECT_TRUE(log.Has(3, "channel File Function:1 a\\nb\\tc\\r\\x1b[2J\\x7f \xC3\xBC \\xe2\\x80\\xae\\xff"))
+        << log.All();
     for (int line = 0; line < 1005; ++line) {
         Log(std::to_string(line));
     }
