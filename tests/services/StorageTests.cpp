@@ -118,9 +118,19 @@ public:
         const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
         ::close(next);
         const rlimit none{static_cast<rlim_t>(next), m_before.rlim_max};
-        ::setrlimit(RLIMIT_NOFILE, &none);
+        if (IsPossible()) {
+            ::setrlimit(RLIMIT_NOFILE, &none);
+        }
     }
     ~NoDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_before); }
+    /// The address checker needs descriptors of its own to look at an object.
+    static constexpr bool IsPossible() {
+#if defined(__SANITIZE_ADDRESS__)
+        return false;
+#else
+        return true;
+#endif
+    }
 
 private:
     rlimit m_before{};
@@ -161,7 +171,8 @@ TEST_F(Storage, TellsOfMountsAsTheKernelDoes) {
         const LogCapture log;
         const NoDescriptors none;
         ASSERT_TRUE(mount(late));
-        ASSERT_TRUE(log.WaitFor(4, "Could not look at the storage: /proc/self/mountinfo could not be read"));
+        ASSERT_TRUE(!none.IsPossible() ||
+                    log.WaitFor(4, "Could not look at the storage: /proc/self/mountinfo could not be read"));
     }
     ASSERT_TRUE(WaitTold('+' + late.string())) << "the kernel told of it once";
     EXPECT_EQ(std::ranges::count(Told(), '+' + own.string()), 0);
