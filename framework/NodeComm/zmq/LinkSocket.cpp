@@ -59,6 +59,14 @@ LinkSocket::LinkSocket(zmq::context_t& context, zmq::socket_type type, const Lin
     SetKey(m_socket, zmq::sockopt::curve_secretkey, settings.keys.secretKey);
 }
 
+LinkSocket::~LinkSocket() {
+    // The library tells of events as long as it watches, and its only thread waits until they are taken: for good, once
+    // nobody is there to take them.
+    if (m_socket.handle() != nullptr) {
+        ::zmq_socket_monitor(m_socket.handle(), nullptr, 0);
+    }
+}
+
 void LinkSocket::Watch() {
     static std::atomic<unsigned> number{0};
     const std::string address = "inproc://link-events-" + std::to_string(++number);

@@ -30,6 +30,10 @@ public:
     static LinkSocket Caller(zmq::context_t& context, const LinkSocketSettings& settings, const std::string& peerKey,
                              const std::string& address);
 
+    LinkSocket(LinkSocket&&) = default;
+    LinkSocket& operator=(LinkSocket&&) = delete;
+    ~LinkSocket();
+
     void Bind(const std::string& address) { m_socket.bind(address); }
 
     /// What became of its connections since the last call, in order.
