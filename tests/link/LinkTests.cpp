@@ -143,6 +143,7 @@ TEST_F(Link, ADeviceThatGoesAwayFailsWhatWaitsForItAndComesBackByItself) {
     m_palm.Start();  // with the key and the pins that it has on its disk
     m_palm.Probe().Listen(kDevice, "upload", Weighed);
     ASSERT_TRUE(WaitUntil([&] { return m_cart.IsConnectedTo(m_palm.Key()); })) << m_log.All();
+    ASSERT_TRUE(WaitUntil([&] { return m_palm.IsConnectedTo(m_cart.Key()); })) << m_log.All();
     const LogCapture since;
     m_cart.Stop();
     ASSERT_TRUE(since.WaitFor(3, "Device KiteQM-CT-1 is gone")) << since.All();
@@ -152,15 +153,51 @@ TEST_F(Link, ADeviceThatGoesAwayFailsWhatWaitsForItAndComesBackByItself) {
 }
 
 TEST_F(Link, ADeviceThatNeverAnswersFailsOnlyTheRequest) {
-    std::atomic_bool answers = false;
+    // Shared: the palm's thread has only the link in common with this one, and the checker does not know the link.
+    const auto answers = std::make_shared<std::atomic_bool>(false);
     m_palm.Probe().Listen(kDevice, "upload",
-                          [&](const Message& message) { return answers ? Weighed(message) : nullptr; });
+                          [answers](const Message& message) { return *answers ? Weighed(message) : nullptr; });
     m_cart.Stop();
     m_cart.Start(5);
     Join(m_cart, m_port, m_palm);
     EXPECT_EQ("no: The device did not answer in time", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("x"))));
-    answers = true;
+    *answers = true;
     EXPECT_EQ("ok: 1zz", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("z"))));
+}
+
+TEST(TwoLinks, ThatCallEachOtherSettleOnOneConnection) {
+    const NothingLeftBehind nothing;
+    const LogCapture log;
+    const int ports[]{FreePort(), FreePort()};
+    LinkDevice a("A", DEVICE_CART, ports[0], {"2:upload"});
+    LinkDevice b("B", DEVICE_PALM, ports[1], {"2:upload"});
+    for (LinkDevice* device : {&a, &b}) {
+        device->Probe().Listen(kDevice, "upload", Weighed);
+    }
+    const auto talk = [&](int wanted) {
+        int inARow = 0;
+        return WaitUntil([&] {
+            const bool both = TextOf(a.Forward("B", "upload", WriteOf("z"))) == "ok: 1zz" &&
+                              TextOf(b.Forward("A", "upload", WriteOf("z"))) == "ok: 1zz";
+            return (inARow = both ? inARow + 1 : 0) >= wanted;
+        });
+    };
+    ASSERT_EQ("", a.Pair(b.Key(), ports[1]));
+    ASSERT_EQ("", b.Pair(a.Key(), ports[0]));
+    EXPECT_TRUE(talk(50)) << log.All();
+    // Whichever call counts, its caller's going and coming back is noticed by both.
+    for (LinkDevice* device : {&a, &b}) {
+        device->Stop();
+        device->Start();
+        device->Probe().Listen(kDevice, "upload", Weighed);
+        EXPECT_TRUE(talk(50)) << log.All();
+    }
+    // And the call that does not count takes over when the other is no longer made.
+    ASSERT_EQ("", a.Pair(b.Key()));
+    EXPECT_TRUE(talk(50)) << log.All();
+    ASSERT_EQ("", a.Pair(b.Key(), ports[1]));
+    ASSERT_EQ("", b.Pair(a.Key()));
+    EXPECT_TRUE(talk(50)) << log.All();
 }
 
 TEST_F(Link, ManyAtOnceAreAllAnswered) {

@@ -199,7 +199,9 @@ void LinkLoop::ApplyPins(std::vector<ZLinkPin> pins) {
             continue;
         }
         const auto session = m_sessions.find(old.publicKey);
-        listenAnew = listenAnew || (session != m_sessions.end() && !session->second.number.empty());
+        // A device that is no longer called may have called as well, without counting: it does so again.
+        listenAnew =
+            listenAnew || !old.address.empty() || (session != m_sessions.end() && !session->second.number.empty());
         EndSession(old.publicKey);
         m_callers.erase(old.publicKey);
     }
@@ -293,6 +295,9 @@ void LinkLoop::HandleEvents() {
 void LinkLoop::OnCallerEvent(const std::string& key, LinkSocket& socket, const LinkSocketEvent& event) {
     switch (event.kind) {
         case LinkSocketEvent::Kind::Connected: {
+            if (HasCall(key, false) && !OwnCallCounts(key)) {
+                return;
+            }
             EndSession(key);
             m_callAgain.erase(key);
             Session& session = m_sessions[key];
@@ -303,7 +308,9 @@ void LinkLoop::OnCallerEvent(const std::string& key, LinkSocket& socket, const L
             return;
         }
         case LinkSocketEvent::Kind::Lost:
-            EndSession(key);
+            if (HasCall(key, true)) {
+                EndSession(key);
+            }
             return;
         case LinkSocketEvent::Kind::Refused:
             CallAgainLater(key, "turned this device away: it has not pinned this device's key");
@@ -408,6 +415,9 @@ void LinkLoop::Take(const std::string& key, LinkSocket& socket, std::string numb
     if (isHello && session == m_sessions.end() && number.empty()) {
         return;  // what this device called has gone away again
     }
+    if (isHello && (number.empty() ? HasCall(key, false) : HasCall(key, true) && OwnCallCounts(key))) {
+        return;  // the other one of two connections counts
+    }
     if (isHello && (session == m_sessions.end() || session->second.number != number)) {
         EndSession(key);
         session = m_sessions.emplace(key, Session{&socket, std::move(number), descriptor, false, {}}).first;
@@ -473,6 +483,9 @@ void LinkLoop::EndSession(std::string key) {
         return;
     }
     const bool introduced = session->second.introduced;
+    if (!session->second.number.empty() && m_callers.contains(key)) {
+        m_callAgain.emplace(key, Clock::now());  // the own call, which did not count, does now
+    }
     m_sessions.erase(session);
     {
         const std::lock_guard lock(m_commandsMutex);
@@ -481,6 +494,11 @@ void LinkLoop::EndSession(std::string key) {
     if (introduced) {
         m_events.OnGone(key);
     }
+}
+
+bool LinkLoop::HasCall(const std::string& key, bool own) const {
+    const auto session = m_sessions.find(key);
+    return session != m_sessions.end() && session->second.number.empty() == own;
 }
 
 const ZLinkPin* LinkLoop::FindPin(const std::string& key) const {

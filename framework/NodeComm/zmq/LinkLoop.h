@@ -82,6 +82,9 @@ private:
     void FlushOutboxes();
     void EndSession(std::string key);  // a copy: the key may be the table's own
     const ZLinkPin* FindPin(const std::string& key) const;
+    /// Of two devices that call each other, the call of the one with the smaller key counts.
+    bool OwnCallCounts(const std::string& key) const { return m_settings.keys.publicKey < key; }
+    bool HasCall(const std::string& key, bool own) const;
 
     const LinkSocketSettings m_settings;
     const std::string m_listenAddress;
