@@ -33,26 +33,29 @@ SignalWatch::SignalWatch(std::int32_t logLevel) : m_signals(OpenSignals()), m_lo
         throw std::system_error(errno, std::generic_category(), "signalfd");
     }
     m_watcher = std::thread([this] { Watch(); });
+    try {
+        m_teller = std::thread([this] { Tell(); });
+    } catch (...) {
+        End();
+        throw;
+    }
 }
 
 SignalWatch::~SignalWatch() {
-    JoinTellers();  // while a third signal is still taken
-    m_stop.Set();
-    m_watcher.join();
-    JoinTellers();
+    End();
 }
 
-void SignalWatch::JoinTellers() {
-    for (std::thread& teller : m_tellers) {
-        std::thread ending;
-        {
-            const std::lock_guard lock(m_tellersMutex);
-            std::swap(ending, teller);
-        }
-        if (ending.joinable()) {
-            ending.join();
-        }
+void SignalWatch::End() {
+    {
+        const std::lock_guard lock(m_tellMutex);
+        m_bLast = true;
     }
+    m_changed.notify_one();
+    if (m_teller.joinable()) {
+        m_teller.join();  // while a third signal is still taken
+    }
+    m_stop.Set();
+    m_watcher.join();
 }
 
 void SignalWatch::Watch() {
@@ -72,14 +75,24 @@ void SignalWatch::Take(int signal) {
     if (count > 2) {
         ::_exit(128 + signal);
     }
-    try {
-        const std::lock_guard lock(m_tellersMutex);
-        m_tellers.at(static_cast<std::size_t>(count - 1)) = std::thread([this, signal, count] { Tell(signal, count); });
-    } catch (const std::system_error&) {
-        // Without a thread for it, nothing is said; what was asked is done all the same.
+    {
+        const std::lock_guard lock(m_tellMutex);
+        m_untold.push_back(signal);
     }
+    m_changed.notify_one();
 }
 
-void SignalWatch::Tell(int signal, int count) const {
-    Z_LOG(2, "%s: %s", ::strsignal(signal), count > 1 ? "the graph stops at once" : "the graph is asked to stop");
+void SignalWatch::Tell() {
+    std::unique_lock lock(m_tellMutex);
+    for (int told = 0;; ++told) {
+        m_changed.wait(lock, [this] { return m_bLast || !m_untold.empty(); });
+        if (m_untold.empty()) {
+            return;
+        }
+        const int signal = m_untold.front();
+        m_untold.erase(m_untold.begin());
+        lock.unlock();
+        Z_LOG(2, "%s: %s", ::strsignal(signal), told > 0 ? "the graph stops at once" : "the graph is asked to stop");
+        lock.lock();
+    }
 }

@@ -1,10 +1,11 @@
 #pragma once
 
-#include <array>
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZStopEvent.h"
@@ -29,8 +30,8 @@ public:
 private:
     void Watch();
     void Take(int signal);
-    void Tell(int signal, int count) const;
-    void JoinTellers();
+    void Tell();
+    void End();
 
     ZFileDescriptor m_signals;
     ZStopEvent m_asked;
@@ -38,9 +39,12 @@ private:
     std::atomic<int> m_count{0};  // written by the watching thread, read by all
     const std::string m_logName = "arbord";
     const std::int32_t m_logLevel;
-    // What the first two signals mean is logged beside the watching thread: an output that blocks may be what the
-    // process is stuck in, and the third signal must still be seen.
-    std::mutex m_tellersMutex;
-    std::array<std::thread, 2> m_tellers;
+    // What the signals mean is logged by a thread of its own: an output that blocks may be what the process is stuck
+    // in, and the third signal must still be taken.
+    std::mutex m_tellMutex;
+    std::condition_variable m_changed;
+    std::vector<int> m_untold;  // guarded by m_tellMutex, as the next
+    bool m_bLast = false;       // no further ones come
+    std::thread m_teller;
     std::thread m_watcher;
 };
