@@ -59,6 +59,7 @@ public:
     /// Called by RunAction, on its caller's thread, before the action starts. False keeps it from starting.
     virtual bool OnAction(const ZNodeAction& action);
 
+protected:
     /// For OnConfig: hands the node's record, or one with the standard settings when it has none, to `read`. False,
     /// with a log line that names the node, when the record is of another class or `read` throws, as ZBadSetting.
     template <class Record, class Read>
@@ -67,6 +68,7 @@ public:
         return ReadGuarded(record ? nullptr : config->ClassName(), [&] { read(*record); });
     }
 
+public:
     /// Starts the action registered as <own class>_<name>Action on a thread of its own, with `message`, which may be
     /// null, and returns at once. False when there is no such class, no thread, or the node is stopping.
     bool RunAction(const char* name, const std::shared_ptr<ZMessage>& message);
