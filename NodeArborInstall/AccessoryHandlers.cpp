@@ -1,10 +1,6 @@
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZLog.h"
 
-namespace {
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-}
-
 bool ZNodeArborInstall::OnTransfer(std::shared_ptr<ZMessage>& msg) {
     Z_LOG(2, "OnTransfer()");
     if (ZCAST(TransferMsg, msg)) {
@@ -32,7 +28,7 @@ bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {
     if (!request) {
         return true;
     }
-    Z_LOG(2, "About to RunAction(RemoteInstall) for version %s", request->m_Version.c_str());
+    Z_LOG(2, "About to RunAction(RemoteInstall) for version %s", request->m_Version);
     {
         const std::lock_guard lock(m_tablesMutex);
         m_RemoteInstallSerial = request->m_SerialNumber;

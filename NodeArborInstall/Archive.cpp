@@ -3,10 +3,6 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-}
-
 fs::path ZNodeArborInstall::GetBuild(ZSoftwareVersion& version) {
     try {
         const std::lock_guard lock(m_tablesMutex);
@@ -20,7 +16,7 @@ fs::path ZNodeArborInstall::GetBuild(ZSoftwareVersion& version) {
 fs::path ZNodeArborInstall::GetPackage(const ZString& versionText) {
     ZSoftwareVersion version(versionText);
     if (!version.m_valid) {
-        Z_LOG(4, "Could not create ZSoftwareVersion from %s", versionText.c_str());
+        Z_LOG(4, "Could not create ZSoftwareVersion from %s", versionText);
         return {};
     }
     fs::path path = GetBuild(version);
@@ -37,7 +33,7 @@ fs::path ZNodeArborInstall::GetPackage(const ZString& versionText) {
     if (path.empty()) {
         Z_LOG(3, "No packages for %s", version.Get());
     } else {
-        Z_LOG(2, "Found Package version %s file %s", version.Get(), path.c_str());
+        Z_LOG(2, "Found Package version %s file %s", version.Get(), path);
     }
     return path;
 }
@@ -62,7 +58,7 @@ std::shared_ptr<ZSystemManifestMsg> ZNodeArborInstall::LoadManifest(const fs::pa
     }
     auto manifest = ZCAST(ZSystemManifestMsg, ZMessage::Load(path, *stream));
     if (!manifest && !stream->Error().empty()) {
-        Z_LOG(1, "%s", stream->Error().c_str());
+        Z_LOG(1, "%s", stream->Error());
     }
     return manifest;
 }

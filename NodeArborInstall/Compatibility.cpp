@@ -10,7 +10,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
 constexpr const char* kVerdinBoard = "verdin-imx8mm";
 constexpr const char* kOtherBoard = "apalis-imx8";
 
@@ -25,8 +24,7 @@ bool ZNodeArborInstall::OnCheckCompatibility(std::shared_ptr<ZMessage>& message)
     if (!request) {
         return true;
     }
-    Z_LOG(2, "Checking compatibility of %s version %s", ModelName(request->m_Model).c_str(),
-          request->m_Version.c_str());
+    Z_LOG(2, "Checking compatibility of %s version %s", ModelName(request->m_Model), request->m_Version);
     const ZSoftwareVersion accessory(request->m_Version);
     if (!m_systemVersion.m_valid) {
         PublishResponse(message, message, true, false);
@@ -93,25 +91,24 @@ void ZNodeArborInstall::BuildPackage(const std::shared_ptr<ZDeviceCompatibilityM
 
 void ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message) {
     const fs::path directory = m_archivePath / fs::path(m_systemVersion.m_text);
-    Z_LOG(2, "Build package for model <%s> board = <%s>", ModelName(message.m_Model).c_str(), message.m_Board.c_str());
+    Z_LOG(2, "Build package for model <%s> board = <%s>", ModelName(message.m_Model), message.m_Board);
     const std::string board = BoardOf(message);
     const auto script = InstallerScript(directory);
     if (!script) {
         return;
     }
     if (!fs::is_directory(directory)) {
-        Z_LOG(4, "No package installed at %s", directory.c_str());
+        Z_LOG(4, "No package installed at %s", directory);
         return;
     }
     // Neither is quoted in the command line.
     if (!IsPlainShellWord(script->string()) || !IsPlainShellWord(board, true)) {
-        Z_LOG(4, "Build refused: script <%s> or board <%s> can't stand in a command line", script->c_str(),
-              board.c_str());
+        Z_LOG(4, "Build refused: script <%s> or board <%s> can't stand in a command line", script->c_str(), board);
         return;
     }
     const std::string package = board == kVerdinBoard ? kPackageName : "arbor_kite.pkg";
     const std::string command = script->string() + " --build --device " + board + " --output " + package;
-    Z_LOG(2, "Build command: %s", command.c_str());
+    Z_LOG(2, "Build command: %s", command);
     std::string output;
     const bool built = ZPlatform::ExecuteCommand(command, output);
     if (built) {
@@ -131,7 +128,7 @@ std::string ZNodeArborInstall::BoardOf(const ZDeviceCompatibilityMsg& message) {
     } else if (message.m_BoardType == 0) {
         board = kOtherBoard;
     }
-    Z_LOG(2, "No board set in compatability request, set to %s", board.c_str());
+    Z_LOG(2, "No board set in compatability request, set to %s", board);
     return board;
 }
 
@@ -148,7 +145,7 @@ std::optional<fs::path> ZNodeArborInstall::InstallerScript(const fs::path& versi
         return std::nullopt;
     }
     if (manifest->m_InstallerPath.empty()) {
-        Z_LOG(4, "No Installer Path for package %s: %s", m_systemVersion.Get(), manifest->m_InstallerPath.c_str());
+        Z_LOG(4, "No Installer Path for package %s: %s", m_systemVersion.Get(), manifest->m_InstallerPath);
         return std::nullopt;
     }
     return versionDirectory / fs::path(manifest->m_InstallerPath) / "installer.py";

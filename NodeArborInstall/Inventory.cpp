@@ -9,7 +9,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
 constexpr const char* kManifestName = "Manifest.json";
 
 }  // namespace
@@ -34,13 +33,13 @@ bool ZNodeArborInstall::OnConfig(const std::shared_ptr<ZMessage>& message, const
 void ZNodeArborInstall::ReadIdentity() {
     if (ZPlatform::ReadModel(m_model)) {
         m_deviceModel = magic_enum::enum_cast<ZDeviceModel>(std::string_view(m_model));
-        Z_LOG(2, "EEPROM contains device model <%s>.", m_model.c_str());
+        Z_LOG(2, "EEPROM contains device model <%s>.", m_model);
     }
     if (ZPlatform::ReadSerialNumber(m_serialNumber)) {
-        Z_LOG(2, "Set serial number from eeprom to <%s>.", m_serialNumber.c_str());
+        Z_LOG(2, "Set serial number from eeprom to <%s>.", m_serialNumber);
     }
     if (ZPlatform::ReadBoard(m_board)) {
-        Z_LOG(2, "Set Board from eeprom to <%s>", m_board.c_str());
+        Z_LOG(2, "Set Board from eeprom to <%s>", m_board);
     }
 }
 
@@ -65,10 +64,10 @@ void ZNodeArborInstall::PrepareUpdatesFolder(const std::shared_ptr<ZMessage>& co
             return;
         }
         if (fs::exists(fs::symlink_status(m_updatesPath))) {
-            Z_LOG(3, "Update folder %s was not a directory. Delete it and re-create", m_updatesPath.c_str());
+            Z_LOG(3, "Update folder %s was not a directory. Delete it and re-create", m_updatesPath);
             fs::remove(m_updatesPath);
         } else {
-            Z_LOG(2, "Create updates folder %s", m_updatesPath.c_str());
+            Z_LOG(2, "Create updates folder %s", m_updatesPath);
         }
         fs::create_directory(m_updatesPath);
     } catch (const fs::filesystem_error& error) {
@@ -81,7 +80,7 @@ void ZNodeArborInstall::EmptyUpdatesFolder() {
         std::error_code error;
         fs::remove_all(entry.path(), error);
         if (error) {
-            Z_LOG(4, "Error deleting %s: %s", entry.path().c_str(), error.message().c_str());
+            Z_LOG(4, "Error deleting %s: %s", entry.path(), error.message());
         }
     }
 }
@@ -94,7 +93,7 @@ void ZNodeArborInstall::ReadInstalledSystem() {
     }
     const auto manifest = LoadManifest(path);
     if (!manifest) {
-        Z_LOG(3, "Could not recognize %s as a System Manifest", path.c_str());
+        Z_LOG(3, "Could not recognize %s as a System Manifest", path);
         return;
     }
     if (!manifest->m_SystemVersion.empty()) {
@@ -106,10 +105,10 @@ void ZNodeArborInstall::ReadInstalledSystem() {
 void ZNodeArborInstall::LogInstalledSystem(const ZSystemManifestMsg& manifest) {
     Z_LOG(2, "------------ SYSTEM VERSION INFO ------------");
     Z_LOG(2, "System Version = <%s>.", m_systemVersion.Get());
-    Z_LOG(2, "System Installer Version = <%s>", manifest.m_InstallerVersion.c_str());
+    Z_LOG(2, "System Installer Version = <%s>", manifest.m_InstallerVersion);
     for (const auto& component : manifest.m_Components) {
-        Z_LOG(2, " - Component <%s> Version = <%s> Board = <%s>.", component->m_Name.c_str(),
-              component->m_Version.c_str(), component->m_Board.c_str());
+        Z_LOG(2, " - Component <%s> Version = <%s> Board = <%s>.", component->m_Name, component->m_Version,
+              component->m_Board);
     }
     Z_LOG(2, "------------ SYSTEM VERSION INFO ------------");
 }
@@ -120,12 +119,12 @@ void ZNodeArborInstall::ReadArchive() {
         if (!fs::is_directory(m_archivePath)) {
             fs::create_directories(m_archivePath);
         }
-        Z_LOG(2, "Archive path = <%s>", m_archivePath.c_str());
+        Z_LOG(2, "Archive path = <%s>", m_archivePath);
         std::vector<fs::path> invalid;
         for (const fs::directory_entry& entry : fs::directory_iterator(m_archivePath)) {
             const ZSoftwareVersion version(ToZString(entry.path().filename().string()));
             if (!entry.is_directory()) {
-                Z_LOG(2, "Skipping %s as it is not a directory", entry.path().c_str());
+                Z_LOG(2, "Skipping %s as it is not a directory", entry.path());
             } else if (!version.m_valid) {
                 Z_LOG(2, "<%s> Not a valid version", version.Get());
                 invalid.push_back(entry.path());
@@ -134,11 +133,11 @@ void ZNodeArborInstall::ReadArchive() {
             }
         }
         for (const fs::path& directory : invalid) {
-            Z_LOG(2, "Deleting invalid directory <%s>", directory.c_str());
+            Z_LOG(2, "Deleting invalid directory <%s>", directory);
             fs::remove_all(directory);
         }
     } catch (const fs::filesystem_error&) {
-        Z_LOG(4, "Filesystem exception for archive path <%s>", m_archivePath.c_str());
+        Z_LOG(4, "Filesystem exception for archive path <%s>", m_archivePath);
     }
 }
 
@@ -149,7 +148,7 @@ void ZNodeArborInstall::ReadVersionDirectory(const fs::path& directory, const ZS
           fs::exists(manifestFile) ? manifestFile.c_str() : "no manifest");
     const auto manifest = LoadManifest(manifestFile);
     if (!manifest) {
-        Z_LOG(4, "Manifest file %s was not loaded", manifestFile.c_str());
+        Z_LOG(4, "Manifest file %s was not loaded", manifestFile);
     }
     const std::lock_guard lock(m_tablesMutex);
     // Without its package the version is not a build yet: one can be made for a board that asks.

@@ -10,7 +10,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
 // Far beyond any version; what is longer is a flood that began with a number.
 constexpr std::size_t kLongestVersion = std::size_t{64} * 1024;
 
@@ -27,7 +26,7 @@ bool ZNodeArborInstall::ProcessStorageDevices(const ZVector<ZString>& drives, st
     Z_LOG(2, "Processing Storage devices ");
     bool any = false;
     for (const ZString& drive : drives) {
-        Z_LOG(2, "Checking drive %s", drive.c_str());
+        Z_LOG(2, "Checking drive %s", drive);
         any = ScanDrive(fs::path(drive), results) || any;
     }
     return any;
@@ -41,13 +40,13 @@ bool ZNodeArborInstall::ScanDrive(const fs::path& drive, std::shared_ptr<ZMessag
         any = CheckDriveEntry(entry->path(), results) || any;
     }
     if (error) {
-        Z_LOG(4, "Error reading drive %s: %s", drive.c_str(), error.message().c_str());
+        Z_LOG(4, "Error reading drive %s: %s", drive, error.message());
     }
     return any;
 }
 
 bool ZNodeArborInstall::CheckDriveEntry(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
-    Z_LOG(2, "Checking file %s", file.c_str());
+    Z_LOG(2, "Checking file %s", file);
     std::error_code error;
     const fs::file_status status = fs::status(file, error);
     if (error) {
@@ -64,7 +63,7 @@ bool ZNodeArborInstall::CheckDriveEntry(const fs::path& file, std::shared_ptr<ZM
     if (file.extension() != ".pkg") {
         return false;
     }
-    Z_LOG(2, "Found package file %s", file.c_str());
+    Z_LOG(2, "Found package file %s", file);
     return CheckPackageFile(file, results);
 }
 
@@ -74,19 +73,19 @@ bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<Z
     const std::string command = ShellEscape(file.string()) + " --version";
     std::string output;
     if (!ZPlatform::ExecuteCommand(command, output)) {
-        Z_LOG(4, "Execute command %s failed: %s", command.c_str(), output.c_str());
+        Z_LOG(4, "Execute command %s failed: %s", command, output);
         AddInvalidPackage(results, "unknown", path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
         return false;
     }
     ZSoftwareVersion version;
     version.Set(ToZString(output));
     if (!version.m_valid || output.size() > kLongestVersion) {
-        Z_LOG(4, "File <%s> Invalid package <%s>", path.c_str(), output.c_str());
+        Z_LOG(4, "File <%s> Invalid package <%s>", path, output);
         AddInvalidPackage(results, "unknown", path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
         return true;
     }
     if (!VerifyPackageFile(file, version, output)) {
-        Z_LOG(4, "Verification failed on %s: %s", path.c_str(), output.c_str());
+        Z_LOG(4, "Verification failed on %s: %s", path, output);
         AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
         return false;
     }
@@ -95,7 +94,7 @@ bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<Z
         return true;
     }
     if (!RecordPackage(file, version)) {
-        Z_LOG(4, "File <%s> went away while it was checked", path.c_str());
+        Z_LOG(4, "File <%s> went away while it was checked", path);
         AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
     }
     return true;
@@ -103,7 +102,7 @@ bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<Z
 
 bool ZNodeArborInstall::VerifyPackageFile(const fs::path& file, const ZSoftwareVersion& version, std::string& output) {
     const std::string escaped = ShellEscape(file.string());
-    Z_LOG(2, "Verify File <%s> Version <%s> Board <%s>", escaped.c_str(), version.Get(), m_board.c_str());
+    Z_LOG(2, "Verify File <%s> Version <%s> Board <%s>", escaped, version.Get(), m_board);
     // The board stands unquoted in the command line: one that a shell would read as more than a word is not passed on.
     if (!IsPlainShellWord(m_board, true)) {
         output = "the board's name can't stand in a command line";
@@ -143,7 +142,7 @@ bool ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersi
         m_packages[version] = file;  // of two files with one version, the one checked last
     }
     if (erased) {
-        Z_LOG(2, "Erasing duplicate package file %s version %s", erased->second.c_str(), erased->first.Get());
+        Z_LOG(2, "Erasing duplicate package file %s version %s", erased->second, erased->first.Get());
     }
     return true;
 }
@@ -167,7 +166,7 @@ bool ZNodeArborInstall::RemoveStorageDevices(const ZVector<ZString>& drives) {
             }
         }
         for (const fs::path& package : removed) {
-            Z_LOG(2, "Removing package %s", package.c_str());
+            Z_LOG(2, "Removing package %s", package);
         }
     }
     return true;

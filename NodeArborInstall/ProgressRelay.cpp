@@ -15,7 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
 // An install starts all the same when its relay is not ready after this.
 constexpr auto kRelayStartLimit = std::chrono::seconds(2);
 constexpr int kPollMilliseconds = 500;  // bounds how long a stopped relay goes on
@@ -74,9 +73,9 @@ bool ZNodeArborInstall::BindAndListen(int sockfd, bool bUnix) {
 
 bool ZNodeArborInstall::BindAddress(int sockfd, bool bUnix) {
     if (bUnix) {
-        Z_LOG(2, "Progress action archive path %s", m_archivePath.c_str());
+        Z_LOG(2, "Progress action archive path %s", m_archivePath);
         const std::string path = ProgressSocketPath().string();
-        Z_LOG(2, "Unlink and Bind Progress action socket path %s", path.c_str());
+        Z_LOG(2, "Unlink and Bind Progress action socket path %s", path);
         ::unlink(path.c_str());
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -220,10 +219,10 @@ bool ZNodeArborInstall::RelayText(std::string_view text, std::shared_ptr<ZCommSt
         return false;
     }
     if (!progress->Deserialize(*stream)) {
-        Z_LOG(3, "Install progress: %s", stream->Error().c_str());  // what could be read still counts
+        Z_LOG(3, "Install progress: %s", stream->Error());  // what could be read still counts
     }
-    Z_LOG(2, "Install Header: %s", progress->m_Header.c_str());
-    Z_LOG(2, "Install Message: %s", progress->m_Message.c_str());
+    Z_LOG(2, "Install Header: %s", progress->m_Header);
+    Z_LOG(2, "Install Message: %s", progress->m_Message);
     Z_LOG(2, "Install percent: %d spinner: %d done: %d error %d", progress->m_Percent, progress->m_bSpinner,
           progress->m_bDone, progress->m_bError);
     keepRunning = !progress->m_bError && !progress->m_bDone;

@@ -1,10 +1,6 @@
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZLog.h"
 
-namespace {
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-}
-
 bool ZNodeArborInstall::OnCompareVersions(std::shared_ptr<ZMessage>& request) {
     const auto compare = ZCAST(ZCompareVersionsMsg, request);
     if (!compare) {
@@ -32,7 +28,7 @@ bool ZNodeArborInstall::OnGetInstalledVersionInfo(const std::shared_ptr<ZMessage
     answer->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
     answer->m_bInstalled = true;
     answer->m_Version = m_systemVersion.m_text;
-    Z_LOG(2, "System Version = <%s>", answer->m_Version.c_str());
+    Z_LOG(2, "System Version = <%s>", answer->m_Version);
     PublishResponse(request, answer, true, false);
     return true;
 }

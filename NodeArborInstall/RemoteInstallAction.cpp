@@ -15,10 +15,6 @@ namespace fs = std::filesystem;
 
 Z_IMPLEMENT(ZNodeArborInstall_RemoteInstallAction)
 
-namespace {
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
-}
-
 /// The accessory's command lines. Nothing in them is quoted, so all that goes in is checked before.
 struct ZNodeArborInstall_RemoteInstallAction::Commands {
     std::string led;
@@ -32,7 +28,7 @@ bool ZNodeArborInstall_RemoteInstallAction::FindRemoteHostname(std::string& addr
     const std::string ownName = modelName + "-" + serialNumber + ".local";
     if (!IsPlainShellWord(ownName)) {
         // No other name is tried either: it would be another device's.
-        Z_LOG(4, "Host name <%s> can't stand in a command line", ownName.c_str());
+        Z_LOG(4, "Host name <%s> can't stand in a command line", ownName);
         return false;
     }
     return TryHostname(ownName, address) || TryHostname(ToStdString(Node().AccessoryHostName()), address) ||
@@ -44,7 +40,7 @@ bool ZNodeArborInstall_RemoteInstallAction::TryHostname(const std::string& candi
         return false;
     }
     if (!IsPlainShellWord(candidate)) {
-        Z_LOG(4, "Host name <%s> can't stand in a command line", candidate.c_str());
+        Z_LOG(4, "Host name <%s> can't stand in a command line", candidate);
         return false;
     }
     std::string output;
@@ -53,14 +49,14 @@ bool ZNodeArborInstall_RemoteInstallAction::TryHostname(const std::string& candi
     }
     output = WithoutTrailingSpace(output);
     if (output.empty()) {
-        Z_LOG(2, "Did not resolve address for host %s: <%s>", candidate.c_str(), output.c_str());
+        Z_LOG(2, "Did not resolve address for host %s: <%s>", candidate, output);
         return false;
     }
     if (!IsIPv4Address(output)) {
-        Z_LOG(4, "What host %s resolves to is not one IPv4 address: <%s>", candidate.c_str(), output.c_str());
+        Z_LOG(4, "What host %s resolves to is not one IPv4 address: <%s>", candidate, output);
         return false;
     }
-    Z_LOG(2, "Resolved host name <%s> to address <%s>", candidate.c_str(), output.c_str());
+    Z_LOG(2, "Resolved host name <%s> to address <%s>", candidate, output);
     address = output;
     return true;
 }
@@ -77,8 +73,7 @@ bool ZNodeArborInstall_RemoteInstallAction::CanStandInCommands(const std::string
     const std::string folder = Node().UpdatesPath().string();
     const bool can = IsPlainShellWord(source) && IsPlainShellWord(folder) && IsPlainShellWord(ownName, true);
     if (!can) {
-        Z_LOG(4, "Remote install refused: <%s>, <%s> or <%s> can't stand in a command line", source.c_str(),
-              folder.c_str(), ownName.c_str());
+        Z_LOG(4, "Remote install refused: <%s>, <%s> or <%s> can't stand in a command line", source, folder, ownName);
     }
     return can;
 }
@@ -143,21 +138,21 @@ ZNodeArborInstall_RemoteInstallAction::Commands ZNodeArborInstall_RemoteInstallA
 
 bool ZNodeArborInstall_RemoteInstallAction::RunCommands(const Commands& commands) {
     std::string output;
-    Z_LOG(2, "Execute: %s", commands.led.c_str());
+    Z_LOG(2, "Execute: %s", commands.led);
     if (!ZPlatform::ExecuteCommand(commands.led, output)) {
-        Z_LOG(4, "Unable to set LED on remote machine - Result = <%s>!", output.c_str());
+        Z_LOG(4, "Unable to set LED on remote machine - Result = <%s>!", output);
         return false;
     }
-    Z_LOG(2, "Execute: %s", commands.folder.c_str());
+    Z_LOG(2, "Execute: %s", commands.folder);
     const bool made = ZPlatform::ExecuteCommand(commands.folder, output);
     Z_LOG(2, "Make directory result %s: %s", made ? "SUCCESS" : "FAILURE", output.c_str());
-    Z_LOG(2, "Execute: %s", commands.copy.c_str());
+    Z_LOG(2, "Execute: %s", commands.copy);
     const auto onLine = [this](const std::string& line) { InstallProgress(line, "copy"); };
     if (!ZPlatform::ExecuteCommand(commands.copy, onLine, nullptr)) {
         Z_LOG(4, "Failed to copy update file from remote");
         return false;
     }
-    Z_LOG(2, "Execute: %s", commands.install.c_str());
+    Z_LOG(2, "Execute: %s", commands.install);
     if (!ZPlatform::ExecuteCommand(commands.install, output)) {
         Z_LOG(4, "Error executing remote install script");
         return false;
@@ -180,7 +175,7 @@ void ZNodeArborInstall_RemoteInstallAction::RelayProgress() {
 
 void ZNodeArborInstall_RemoteInstallAction::InstallProgress(std::string line, std::string component) {
     std::erase(line, '\r');
-    Z_LOG(2, "Component %s output = <%s>", component.c_str(), line.c_str());
+    Z_LOG(2, "Component %s output = <%s>", component, line);
     std::smatch match;
     if (!std::regex_search(line, match, m_progressPattern) || !match[1].matched) {
         return;
@@ -199,7 +194,7 @@ void ZNodeArborInstall_RemoteInstallAction::InstallProgress(std::string line, st
     progress->m_Operation = ToZString(component);
     progress->m_Header = "Transfer install package";
     progress->m_Percent = static_cast<std::int32_t>(percent);
-    Z_LOG(2, "Progress %s %u %%", component.c_str(), static_cast<unsigned>(percent));
+    Z_LOG(2, "Progress %s %u %%", component, static_cast<unsigned>(percent));
     if (!Node().Publish(Node().GetEndpoint(ZEndpointType::Progress, "", 0), progress)) {
         Z_LOG(3, "Failed to publish Progress message");
     }

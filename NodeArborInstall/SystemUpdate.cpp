@@ -8,17 +8,13 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-}
-
 bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
     const auto request = ZCAST(ZSystemUpdateMsg, msg);
     if (!request) {
         return true;
     }
-    Z_LOG(2, "Find package for version <%s> <%s-%s>", request->m_Version.c_str(),
-          std::string(magic_enum::enum_name(request->m_DeviceModel)).c_str(), request->m_SerialNumber.c_str());
+    Z_LOG(2, "Find package for version <%s> <%s-%s>", request->m_Version, request->m_DeviceModel,
+          request->m_SerialNumber);
     const auto answer = Z_MAKE(ZVersionInfoMsg);
     answer->m_Version = request->m_Version;
     answer->m_VersionType = "System";
@@ -34,7 +30,7 @@ bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
             answer->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
         }
     } catch (const std::exception&) {
-        Z_LOG(4, "Could not find package for software version %s", request->m_Version.c_str());
+        Z_LOG(4, "Could not find package for software version %s", request->m_Version);
         return true;
     }
     PublishResponse(msg, answer, true, false);
@@ -47,9 +43,9 @@ void ZNodeArborInstall::LogMissingPackage(const ZString& version) {
         const std::lock_guard lock(m_tablesMutex);
         builds = m_builds;
     }
-    Z_LOG(4, "No update file for package %s checked %d", version.c_str(), static_cast<int>(builds.size()));
+    Z_LOG(4, "No update file for package %s checked %d", version, static_cast<int>(builds.size()));
     for (const auto& [archived, path] : builds) {
-        Z_LOG(4, "Version %s: %s", archived.Get(), path.c_str());
+        Z_LOG(4, "Version %s: %s", archived.Get(), path);
     }
 }
 
@@ -68,7 +64,7 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     const std::vector<std::string> arguments = InstallerArguments(package, request);
     // Logged run together, as tools that read these logs expect it.
     const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
-    Z_LOG(2, "Software update command %s", command.c_str());
+    Z_LOG(2, "Software update command %s", command);
     // A request that was still queued when the graph began to end has no requester any more.
     const bool started = !InShutdown() && ZPlatform::ExecuteCommand(arguments);
     m_bUpdateInProgress = started;

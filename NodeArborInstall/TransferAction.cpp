@@ -13,7 +13,6 @@ Z_IMPLEMENT(ZNodeArborInstall_TransferAction)
 
 namespace {
 
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
 constexpr std::int32_t kFileMode = 0755;
 
 /// A file's chunks as messages. Each is read and encoded while the one before is on its way: the receiver's work and
@@ -75,16 +74,16 @@ bool ZNodeArborInstall_TransferAction::Work() {
     journey.destination = Node().UpdatesPath() / journey.source.filename();
     std::error_code error;
     if (journey.source.empty() || !fs::is_regular_file(journey.source, error)) {
-        Z_LOG(4, "No QM install source file: %s.", journey.source.c_str());
+        Z_LOG(4, "No QM install source file: %s.", journey.source);
         Refuse(ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED, "Version does not exist");
         return true;
     }
     if (!OpenFile(journey)) {
-        Z_LOG(4, "Unable to Open file %s for transfer", journey.source.c_str());
+        Z_LOG(4, "Unable to Open file %s for transfer", journey.source);
         Refuse(ZFrameworkErrorCodes::ERRCODE_NOT_FOUND, "Unable to start file transfer");
         return true;
     }
-    Z_LOG(2, "Install File Open <%s> %s", journey.destination.c_str(), "SUCCESS");
+    Z_LOG(2, "Install File Open <%s> %s", journey.destination, "SUCCESS");
     const auto answer = MakeAnswer();
     answer->m_bSuccess = true;
     answer->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
@@ -133,9 +132,8 @@ bool ZNodeArborInstall_TransferAction::OpenFile(const Journey& journey) {
     std::error_code error;
     const std::uintmax_t size = fs::file_size(journey.source, error);
     open->m_Size = error ? -1 : static_cast<std::int64_t>(size);  // the receiver throws away what is cut short
-    Z_LOG(2, "Sending Install File Open for <%s-%s> <%s> -> <%s>",
-          std::string(magic_enum::enum_name(journey.request->m_DeviceModel)).c_str(),
-          journey.request->m_SerialNumber.c_str(), journey.source.c_str(), journey.destination.c_str());
+    Z_LOG(2, "Sending Install File Open for <%s-%s> <%s> -> <%s>", journey.request->m_DeviceModel,
+          journey.request->m_SerialNumber, journey.source, journey.destination);
     const auto answer = Send(journey, open);
     return answer && answer->m_bSuccess;
 }
@@ -153,7 +151,7 @@ void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
         const std::uint64_t percent = sent * 100 / total;  // before this chunk counts: 100 is never reported here
         if (percent > lastPercent) {
             Z_LOG(2, "Install File Transfer (%lu encoded %lu bytes) %lu%% (%lu of %lu) to %s", count,
-                  write->m_Data.size(), percent, sent, total, journey.destination.c_str());
+                  write->m_Data.size(), percent, sent, total, journey.destination);
             PublishProgress(journey, static_cast<std::int32_t>(percent));
             lastPercent = percent;
         }
@@ -164,7 +162,7 @@ void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
         }
     }
     if (sent < total) {
-        Z_LOG(4, "The transfer of %s ended after %lu of %lu bytes", journey.source.c_str(), sent, total);
+        Z_LOG(4, "The transfer of %s ended after %lu of %lu bytes", journey.source, sent, total);
     }
 }
 

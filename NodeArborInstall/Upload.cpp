@@ -5,8 +5,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-
 struct UploadStep {
     const char* name;
     const char* logText;
@@ -37,7 +35,7 @@ bool ZNodeArborInstall::OnUpload(std::shared_ptr<ZMessage>& message) {
     }
     const auto file = std::static_pointer_cast<ZFileMsg>(message);
     const fs::path path = m_updatesPath / fs::path(file->m_FilePath);
-    Z_LOG(2, "%s %s", step->logText, path.c_str());
+    Z_LOG(2, "%s %s", step->logText, path);
     file->m_FilePath = ToZString(path.string());
     file->m_DeviceModel = m_deviceModel.value_or(ZDeviceModel{});
     file->m_SerialNumber = m_serialNumber;

@@ -7,10 +7,6 @@
 
 Z_IMPLEMENT(ZNodeArborInstall)
 
-namespace {
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstall";
-}
-
 ZNodeArborInstall::ZNodeArborInstall(const ZString& name) : ZNode(name) {
     m_logName = ClassName();
 }
@@ -77,13 +73,13 @@ std::string ZNodeArborInstall::ShellEscape(const std::string& text) {
 }
 
 bool ZNodeArborInstall::RunCommand(const std::string& commandLine) {
-    Z_LOG(2, "Running command: %s", commandLine.c_str());
+    Z_LOG(2, "Running command: %s", commandLine);
     std::string output;
     const bool succeeded = ZPlatform::ExecuteCommand(commandLine, output);
     if (succeeded) {
-        Z_LOG(2, "Successfully ran command: %s", commandLine.c_str());
+        Z_LOG(2, "Successfully ran command: %s", commandLine);
     } else {
-        Z_LOG(4, "Command failure result: %s", output.c_str());
+        Z_LOG(4, "Command failure result: %s", output);
     }
     return succeeded;
 }

@@ -109,6 +109,9 @@ public:
 private:
     friend class NodeAccess;  // tests look at the tables
 
+    /// All lines of the node name one source, whichever file they stand in.
+    ZLogger Log() const { return ZLogger(m_logName.c_str(), m_logLevel, "NodeArborInstall/ZNodeArborInstall"); }
+
     template <typename Handler>
     bool SubscribeKeyword(ZEndpointType type, const char* keyword, Handler handler);
 

@@ -20,12 +20,6 @@ Z_IMPLEMENT(ZNodeArborInstall_ScanDrivesAction)
 Z_IMPLEMENT(ZNodeArborInstall_BuildAction)
 Z_IMPLEMENT(ZNodeArborInstall_ProgressAction)
 
-namespace {
-
-constexpr const char* kLogSource = "NodeArborInstall/ZNodeArborInstallActions";
-
-}  // namespace
-
 bool ZNodeArborInstallAction::ActionThread() {
     try {
         return Work();
@@ -42,7 +36,7 @@ bool ZNodeArborInstall_CheckFileAction::Work() {
         return true;
     }
     const fs::path file = fs::path(update->m_Folder) / fs::path(update->m_FileName);
-    Z_LOG(2, "Check File: %s", file.c_str());
+    Z_LOG(2, "Check File: %s", file);
     auto results = Z_MAKE(ZMessageArray);
     CheckFile(file, results);
     Node().CheckAvailableUpdates(results, true);
@@ -58,7 +52,7 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
     }
     const bool executable = IsExecutable(status.permissions());
     if (executable && file.extension() == ".pkg") {
-        Z_LOG(2, "Found package file %s", file.c_str());
+        Z_LOG(2, "Found package file %s", file);
         Node().CheckPackageFile(file, results);
         return;
     }

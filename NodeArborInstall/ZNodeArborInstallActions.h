@@ -15,6 +15,7 @@ public:
     bool ActionThread() final;
 
 protected:
+    ZLogger Log() const { return ZLogger(m_logName.c_str(), m_logLevel, "NodeArborInstall/ZNodeArborInstallActions"); }
     virtual bool Work() = 0;
     ZNodeArborInstall& Node() const { return *static_cast<ZNodeArborInstall*>(m_pNode); }
     /// Relays installer progress over a bound socket until a document or the node ends it, then closes it.

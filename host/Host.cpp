@@ -2,32 +2,20 @@
 
 #include <poll.h>
 
+#include "ZShared/ZDeadline.h"
+
 namespace {
 
-constexpr const char* kLogSource = "host/Host";
 constexpr const char* kHostNode = "graph host";
 // Beyond the longest command that a handler may wait for.
 constexpr auto kSpareTime = std::chrono::minutes(1);
 
 using Clock = Heartbeat::Clock;
 
-/// poll's time until `due`, rounded up so that it is not polled for in vain; -1 without one.
-int PollTime(const std::optional<Clock::time_point>& due) {
-    if (!due) {
-        return -1;
-    }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::now()).count();
-    return static_cast<int>(std::clamp<long long>(left, 0, 1'000'000));
-}
-
 }  // namespace
 
 Host::Host(const GraphFile& file, const std::vector<std::shared_ptr<ZConfig>>& records, const SignalWatch& signals)
-    : m_file(file),
-      m_records(records),
-      m_signals(signals),
-      m_graph(std::in_place, file.core),
-      m_logLevel(file.logLevel) {}
+    : m_file(file), m_records(records), m_signals(signals), m_graph(std::in_place, file.core) {}
 
 HostExit Host::Run() {
     if (!Start()) {
@@ -51,7 +39,7 @@ bool Host::Start() {
     if (m_signals.Asked()) {
         Z_LOG(2, "The graph was stopped before it ran");
     } else {
-        Z_LOG(4, "The graph could not be started: %s", error.c_str());
+        Z_LOG(4, "The graph could not be started: %s", error);
     }
     return false;
 }
@@ -91,7 +79,7 @@ EndRequest Host::WaitForEnd() {
             due = std::min(request->due, due.value_or(request->due));
         }
         std::array<pollfd, 2> entries{{{m_signals.Descriptor(), POLLIN, 0}, {hostNode->Descriptor(), POLLIN, 0}}};
-        ::poll(entries.data(), entries.size(), PollTime(due));
+        ::poll(entries.data(), entries.size(), PollTimeout(due));
         if (auto newer = hostNode->TakeRequest()) {
             request = newer;
         }
@@ -113,7 +101,7 @@ void Host::KeepAlive(Heartbeat& heartbeat) {
         m_manager.Alive();
     } else if (!m_bSilent) {
         m_bSilent = true;
-        Z_LOG(4, "Node %s gives no sign of life", silent.c_str());
+        Z_LOG(4, "Node %s gives no sign of life", silent);
     }
 }
 

@@ -39,6 +39,5 @@ private:
     Heartbeat::Clock::time_point m_aliveDue;
     bool m_bSilent = false;  // a node gives no sign of life, which has been logged
 
-    const std::string m_logName = "arbord";
-    const std::int32_t m_logLevel;
+    ZLogger Log() const { return ZLogger("arbord", m_file.logLevel); }
 };

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr const char* kLogSource = "host/SignalWatch";
-
 int OpenSignals() {
     sigset_t taken;
     ::sigemptyset(&taken);
@@ -28,7 +26,7 @@ int OpenSignals() {
 
 }  // namespace
 
-SignalWatch::SignalWatch(std::int32_t logLevel) : m_signals(OpenSignals()), m_logLevel(logLevel) {
+SignalWatch::SignalWatch(std::int32_t logLevel) : m_signals(OpenSignals()), m_log("arbord", logLevel) {
     if (!m_signals) {
         throw std::system_error(errno, std::generic_category(), "signalfd");
     }

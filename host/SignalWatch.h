@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZLog.h"
 #include "ZShared/ZStopEvent.h"
 
 /// Takes SIGTERM, SIGINT and SIGHUP for the whole process: the first asks it to end, the second to end without waiting
@@ -37,8 +38,8 @@ private:
     ZStopEvent m_asked;
     ZStopEvent m_stop;
     std::atomic<int> m_count{0};  // written by the watching thread, read by all
-    const std::string m_logName = "arbord";
-    const std::int32_t m_logLevel;
+    const ZLogger m_log;
+    ZLogger Log() const { return m_log; }
     // What the signals mean is logged by a thread of its own: an output that blocks may be what the process is stuck
     // in, and the third signal must still be taken.
     std::mutex m_tellMutex;

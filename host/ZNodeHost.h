@@ -3,7 +3,8 @@
 #include <optional>
 
 #include "NodeBase/ZNode.h"
-#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZGuarded.h"
+#include "ZShared/ZWakeUp.h"
 
 /// How a message asked the graph to end.
 struct EndRequest {
@@ -21,14 +22,13 @@ public:
     bool InitMessageMap() override;
 
     /// Readable while there is a request that TakeRequest has not returned. Owned by this object.
-    int Descriptor() const noexcept { return m_event.Get(); }
+    int Descriptor() const noexcept { return m_event.Descriptor(); }
     /// The newest request; nothing when there is none. Thread-safe.
     std::optional<EndRequest> TakeRequest();
 
 private:
     bool OnShutdownMessage(const std::shared_ptr<ZMessage>& message);
 
-    ZFileDescriptor m_event;
-    std::mutex m_requestMutex;
-    std::optional<EndRequest> m_request;  // guarded by m_requestMutex
+    ZWakeUp m_event;  // set while there is a request
+    ZGuarded<std::optional<EndRequest>> m_request;
 };

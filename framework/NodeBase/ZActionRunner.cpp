@@ -7,20 +7,19 @@
 
 namespace {
 
-void LogLine(int level, const ZNodeAction& action, const char* function, int line, const char* text) {
-    ZLog::Instance().Log(level, "ZActionRunner", "NodeBase/ZActionRunner", function, line, "%s: %s", action.ClassName(),
-                         text);
+constexpr ZLogger Log() {
+    return ZLogger("ZActionRunner");
 }
 
 void RunGuarded(ZNodeAction& action) {
     try {
         if (!action.ActionThread()) {
-            LogLine(3, action, __func__, __LINE__, "the action reports failure");
+            Z_LOG(3, "%s: %s", action.ClassName(), "the action reports failure");
         }
     } catch (const std::exception& failure) {
-        LogLine(4, action, __func__, __LINE__, failure.what());
+        Z_LOG(4, "%s: %s", action.ClassName(), failure.what());
     } catch (...) {
-        LogLine(4, action, __func__, __LINE__, "an unknown exception left the action");
+        Z_LOG(4, "%s: %s", action.ClassName(), "an unknown exception left the action");
     }
 }
 
@@ -56,7 +55,7 @@ bool ZActionRunner::Start(const std::shared_ptr<ZNodeAction>& action) {
                 running.thread = std::thread([this, &running] { Run(running); });
                 started = true;
             } catch (const std::system_error& failure) {
-                LogLine(4, *action, __func__, __LINE__, failure.what());
+                Z_LOG(4, "%s: %s", action->ClassName(), failure.what());
                 m_running.pop_back();
             }
         }

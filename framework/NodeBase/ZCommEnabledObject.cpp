@@ -1,11 +1,9 @@
 #include "NodeBase/ZCommEnabledObject.h"
 
-#include "ZShared/ZLog.h"
-
 Z_IMPLEMENT(ZCommEnabledObject)
 
 namespace {
-constexpr const char* kLogSource = "NodeBase/ZCommEnabledObject";
+constexpr const char* kHeader = "NodeBase/ZCommEnabledObject";  // where the templates that report stand
 }
 
 void ZCommEnabledObject::Attach(std::shared_ptr<ZNodeComm> comm, std::shared_ptr<ZMailbox> mailbox) {
@@ -24,7 +22,7 @@ bool ZCommEnabledObject::Subscribe(const ZCommEndpoint& endpoint, MessageFunctio
     if (m_comm && m_comm->Subscribe(this, ZNodeUID(m_name), m_mailbox, endpoint, filtered)) {
         return true;
     }
-    Z_LOG(4, "Could not subscribe %s to %s", m_name.c_str(), endpoint.Text().c_str());
+    Z_LOG(4, "Could not subscribe %s to %s", m_name, endpoint.Text());
     return false;
 }
 
@@ -41,21 +39,16 @@ ZPublishOutcome ZCommEnabledObject::PublishWithOutcome(const ZCommEndpoint& endp
     return m_comm ? m_comm->Publish(endpoint, message, responseOut, options) : ZPublishOutcome::Closed;
 }
 
-void ZCommEnabledObject::LogFailedCast(const char* cast, const char* function, const ZShared::ZFactoryObject* object,
-                                       int line) const {
-    if (m_logLevel == 0 || m_logLevel > 4) {
-        return;
+void ZCommEnabledObject::LogFailedCast(const char* function, const ZShared::ZFactoryObject* object, int line) const {
+    if (const ZLogger log(m_logName.c_str(), m_logLevel, kHeader); log.Takes(4)) {
+        log.Write(4, "", function, line, "ZCAST(ZMessage, pMessageSubclass) %s: %s", "Expected Base Class: ZMessage, ",
+                  object == nullptr ? "nullptr" : object->ClassName());
     }
-    const std::string description =
-        std::string("Expected Base Class: ZMessage, Class: ") + (object == nullptr ? "nullptr" : object->ClassName());
-    ZLog::Instance().Log(4, m_logName.c_str(), kLogSource, function, line, "%s(ZMessage, pMessageSubclass) %s: %s",
-                         cast, function, description.c_str());
     LogAssertion(function, line);
 }
 
 void ZCommEnabledObject::LogAssertion(const char* function, int line) const {
-    if (m_logLevel != 0 && m_logLevel <= 4) {
-        ZLog::Instance().Log(4, m_logName.c_str(), kLogSource, function, line, "Assertion failed in <%s> at <%d>!",
-                             kLogSource, line);
+    if (const ZLogger log(m_logName.c_str(), m_logLevel, kHeader); log.Takes(4)) {
+        log.Write(4, "", function, line, "Assertion failed in <%s> at <%d>!", kHeader, line);
     }
 }

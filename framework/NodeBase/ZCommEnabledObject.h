@@ -2,6 +2,7 @@
 
 #include "NodeComm/ZNodeComm.h"
 #include "ZCoreConfigs/ZCoreConfigParams.h"
+#include "ZShared/ZLog.h"
 
 /// An object that talks on the bus. Its operations may be called from any thread once it is attached.
 class ZCommEnabledObject : public ZShared::ZFactoryObject {
@@ -36,7 +37,7 @@ public:
         const T* const given = message.get();
         const auto base = ZCAST(ZMessage, std::move(message));
         if (!base) {
-            LogFailedCast("ZCAST", "Publish", given, __LINE__);
+            LogFailedCast("Publish", given, __LINE__);
             return false;
         }
         return PublishInternal(endpoint, base, responseOut, bReliable, bUrgent);
@@ -81,12 +82,13 @@ protected:
     const std::shared_ptr<ZNodeComm>& Comm() const { return m_comm; }
     const std::shared_ptr<ZMailbox>& Mailbox() const { return m_mailbox; }
     void Unsubscribe();
+    ZLogger Log() const { return ZLogger(m_logName.c_str(), m_logLevel); }
 
     ZString m_logName;            ///< the channel of the object's log lines
     std::int32_t m_logLevel = 2;  ///< its threshold; 0 silences it
 
 private:
-    void LogFailedCast(const char* cast, const char* function, const ZShared::ZFactoryObject* object, int line) const;
+    void LogFailedCast(const char* function, const ZShared::ZFactoryObject* object, int line) const;
     void LogAssertion(const char* function, int line) const;
 
     ZString m_name;

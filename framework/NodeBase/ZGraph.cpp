@@ -7,11 +7,8 @@
 
 namespace {
 
-constexpr const char* kLogSource = "NodeBase/ZGraph";
-
-template <typename... Arguments>
-void LogLine(int level, int line, const char* format, Arguments... arguments) {
-    ZLog::Instance().Log(level, "ZGraph", kLogSource, "ZGraph", line, format, arguments...);
+constexpr ZLogger Log() {
+    return ZLogger("ZGraph");
 }
 
 // Long enough for a command that a node runs while it is set up. After it the commands of a node that is stuck are
@@ -103,7 +100,7 @@ bool ZGraph::AskToStop(const std::function<bool()>& hurry) {
             const auto agreed = std::make_shared<std::atomic<bool>>(false);
             node->CallOnMessageThread([node, agreed] { *agreed = node->OnShutdownRequest(false); }, patience());
             if (!*agreed && first) {
-                LogLine(3, __LINE__, "Waiting for %s, which is not ready to stop", node->Name().c_str());
+                Z_LOG(3, "Waiting for %s, which is not ready to stop", node->Name());
             }
             return agreed->load();
         });
@@ -111,7 +108,7 @@ bool ZGraph::AskToStop(const std::function<bool()>& hurry) {
             return true;
         }
         if (hurry() || ZMailbox::Clock::now() >= deadline) {
-            LogLine(3, __LINE__, "Stopping although %s is not ready", waiting.front()->Name().c_str());
+            Z_LOG(3, "Stopping although %s is not ready", waiting.front()->Name());
             return false;
         }
         std::this_thread::sleep_for(kAskAgainAfter);

@@ -6,10 +6,6 @@
 
 Z_IMPLEMENT(ZNode)
 
-namespace {
-constexpr const char* kLogSource = "NodeBase/ZNode";
-}
-
 ZNode::ZNode(const ZString& name) : ZCommEnabledObject(name) {
     m_logName = kClassName;
 }
@@ -21,14 +17,14 @@ ZNode::~ZNode() {
 
 bool ZNode::ReadGuarded(const char* wrongClass, const std::function<void()>& read) const {
     if (wrongClass != nullptr) {
-        Z_LOG(4, "The record of %s is a %s", Name().c_str(), wrongClass);
+        Z_LOG(4, "The record of %s is a %s", Name(), wrongClass);
         return false;
     }
     try {
         read();
         return true;
     } catch (const std::exception& failure) {
-        Z_LOG(4, "%s can't be set up: %s", Name().c_str(), failure.what());
+        Z_LOG(4, "%s can't be set up: %s", Name(), failure.what());
     }
     return false;
 }
@@ -103,13 +99,13 @@ bool ZNode::RunAction(const char* name, const std::shared_ptr<ZMessage>& message
     const std::string className = std::string(ClassName()) + '_' + name + "Action";
     const auto action = cast_shared<ZNodeAction>(ZShared::ZFactory::Instance().CreateShared(className));
     if (!action) {
-        Z_LOG(4, "There is no action class %s", className.c_str());
+        Z_LOG(4, "There is no action class %s", className);
         return false;
     }
     action->Prepare({message, this, m_logName, m_logLevel});
     const bool started = OnAction(*action) && m_actions.Start(action);
     if (!started) {
-        Z_LOG(3, "Action %s was not started", className.c_str());
+        Z_LOG(3, "Action %s was not started", className);
     }
     return started;
 }
@@ -145,9 +141,9 @@ bool ZNode::CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clo
         future.get();
         return true;
     } catch (const std::exception& failure) {
-        Z_LOG(4, "An exception left an operation of %s: %s", Name().c_str(), failure.what());
+        Z_LOG(4, "An exception left an operation of %s: %s", Name(), failure.what());
     } catch (...) {
-        Z_LOG(4, "An unknown exception left an operation of %s", Name().c_str());
+        Z_LOG(4, "An unknown exception left an operation of %s", Name());
     }
     return false;
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "ZMessages/ZMessage.h"
+#include "ZShared/ZLog.h"
 
 class ZNode;
 
@@ -30,6 +31,8 @@ public:
     void Stop() { m_bRun = false; }
 
 protected:
+    ZLogger Log() const { return ZLogger(m_logName.c_str(), m_logLevel); }
+
     std::shared_ptr<ZMessage> m_pMessage;
     ZNode* m_pNode = nullptr;
     ZString m_logName;

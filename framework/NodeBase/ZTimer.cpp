@@ -5,6 +5,12 @@
 
 #include "ZShared/ZLog.h"
 
+namespace {
+constexpr ZLogger Log() {
+    return ZLogger("ZTimer");
+}
+}  // namespace
+
 ZTimer::ZTimer(std::shared_ptr<ZMailbox> mailbox, Callback callback, void* context)
     : m_mailbox(std::move(mailbox)),
       m_callback(std::make_shared<const Callback>(std::move(callback))),
@@ -23,7 +29,7 @@ bool ZTimer::Start(std::chrono::milliseconds interval, bool repeat) {
         m_thread = std::thread([this, period, repeat] { Run(period, repeat); });
         return true;
     } catch (const std::system_error& failure) {
-        ZLog::Instance().Log(4, "ZTimer", "NodeBase/ZTimer", __func__, __LINE__, "No timer thread: %s", failure.what());
+        Z_LOG(4, "No timer thread: %s", failure.what());
         return false;
     }
 }

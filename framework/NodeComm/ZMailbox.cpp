@@ -7,6 +7,10 @@
 
 namespace {
 
+constexpr ZLogger Log() {
+    return ZLogger("ZMailbox");
+}
+
 // A poster that is at work sends its next mail within a microsecond or two, and whoever holds the lock gives it back
 // even sooner; going to sleep and being woken takes longer.
 constexpr int kLooks = 40;
@@ -35,9 +39,7 @@ std::unique_lock<std::mutex> LockSoon(std::mutex& mutex) {
 
 template <typename Work>
 void RunGuarded(const Work& work) {
-    const auto log = [](const char* what) {
-        ZLog::Instance().Log(4, "ZMailbox", "NodeComm/ZMailbox", "Run", __LINE__, "An exception left a task: %s", what);
-    };
+    const auto log = [](const char* what) { Z_LOG(4, "An exception left a task: %s", what); };
     try {
         work();
     } catch (const std::exception& failure) {

@@ -8,6 +8,12 @@
 
 Z_IMPLEMENT(ZNodeCommLocal)
 
+namespace {
+constexpr ZLogger Log() {
+    return ZLogger("ZNodeComm");
+}
+}  // namespace
+
 struct ZNodeCommLocal::Subscription : ZMailReceiver {
     const void* owner;
     ZNodeUID node;
@@ -26,11 +32,9 @@ struct ZNodeCommLocal::Subscription : ZMailReceiver {
         try {
             handler(message);
         } catch (const std::exception& failure) {
-            ZLog::Instance().Log(4, "ZNodeComm", "NodeComm/ZNodeCommLocal", __func__, __LINE__,
-                                 "An exception left a handler of %s: %s", node.Name().c_str(), failure.what());
+            Z_LOG(4, "An exception left a handler of %s: %s", node.Name(), failure.what());
         } catch (...) {
-            ZLog::Instance().Log(4, "ZNodeComm", "NodeComm/ZNodeCommLocal", __func__, __LINE__,
-                                 "An exception left a handler of %s", node.Name().c_str());
+            Z_LOG(4, "An exception left a handler of %s", node.Name());
         }
     }
 };
@@ -133,9 +137,8 @@ ZPublishOutcome ZNodeCommLocal::Deliver(const Subscribers& subscribers, const st
             outcome = ZPublishOutcome::Delivered;
             continue;
         }
-        ZLog::Instance().Log(4, "ZNodeComm", "NodeComm/ZNodeCommLocal", __func__, __LINE__,
-                             "The queue of %s is full or closed: a %s was not delivered",
-                             subscription->node.Name().c_str(), message->ClassName());
+        Z_LOG(4, "The queue of %s is full or closed: a %s was not delivered", subscription->node.Name(),
+              message->ClassName());
         if (outcome == ZPublishOutcome::NoSubscriber) {
             outcome = m_closed ? ZPublishOutcome::Closed : ZPublishOutcome::QueueFull;
         }

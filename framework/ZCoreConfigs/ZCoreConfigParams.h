@@ -1,7 +1,7 @@
 #pragma once
 
 #include "ZCoreConfigs/ZConfig.h"
-#include "ZMessages/Enumerations.h"
+#include "ZShared/Enumerations.h"
 
 /// Where log lines go, and from which level on.
 class ZLogParams : public ZConfig {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ZMessages/Enumerations.h"
 #include "ZMessages/ZFields.h"
+#include "ZShared/Enumerations.h"
 
 // Every message of the graph. A message is one short struct: its members and, once, the list of its fields, from which
 // reading, writing and copying follow. Each is also registered with one line in Messages.cpp.

@@ -14,6 +14,10 @@
 
 namespace {
 
+constexpr ZLogger Log() {
+    return ZLogger("ZPlatform");
+}
+
 struct Child {
     pid_t id = -1;
     std::string program;
@@ -23,9 +27,8 @@ struct Child {
 void LogEnd(const Child& child, int status) {
     const bool clean = WIFEXITED(status) && WEXITSTATUS(status) == 0;
     const int value = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
-    ZLog::Instance().Log(clean ? 2 : 3, "ZPlatform", "ZShared/ZChildReaper", __func__, __LINE__,
-                         "Program %s (process %d) ended with %s %d", child.program.c_str(), static_cast<int>(child.id),
-                         WIFSIGNALED(status) ? "signal" : "status", value);
+    Z_LOG(clean ? 2 : 3, "Program %s (process %d) ended with %s %d", child.program, child.id,
+          WIFSIGNALED(status) ? "signal" : "status", value);
 }
 
 }  // namespace
@@ -107,8 +110,6 @@ void ZChildReaper::Watch(pid_t child, const std::string& program) {
         m_impl->thread = std::thread([impl = m_impl.get()] { impl->Run(); });
         m_impl->running = true;
     } catch (const std::exception& failure) {
-        ZLog::Instance().Log(3, "ZPlatform", "ZShared/ZChildReaper", __func__, __LINE__,
-                             "The end of %s (process %d) will not be seen: %s", program.c_str(),
-                             static_cast<int>(child), failure.what());
+        Z_LOG(3, "The end of %s (process %d) will not be seen: %s", program, child, failure.what());
     }
 }

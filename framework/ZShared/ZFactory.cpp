@@ -43,8 +43,9 @@ struct ZFactory::Registry {
 
 namespace {
 
-void LogUnknown(const char* className, const char* file, int line) {
-    ZLog::Instance().Log(4, "ZFactory", file, "make_shared_direct", line, "No class <%s> is registered", className);
+/// Told of the place that asked for it.
+void LogUnknown(std::string_view className, const char* file, int line) {
+    ZLogger("ZFactory").Write(4, file, "make_shared_direct", line, "No class <%s> is registered", className);
 }
 
 }  // namespace
@@ -107,7 +108,7 @@ std::shared_ptr<ZFactoryObject> ZFactory::make_shared_direct(std::string_view cl
     if (known.m_record != nullptr) {
         return make_shared_direct(known, file, line);
     }
-    LogUnknown(std::string(className).c_str(), file, line);
+    LogUnknown(className, file, line);
     return nullptr;
 }
 

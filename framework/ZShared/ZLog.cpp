@@ -105,6 +105,20 @@ void ZLog::Log(int level, const char* channel, const char* file, const char* fun
                ...) {
     va_list arguments;
     va_start(arguments, format);
+    Write(level, channel, file, function, line, format, arguments);
+    va_end(arguments);
+}
+
+void ZLog::LogChecked(int level, const char* channel, const char* file, const char* function, int line,
+                      const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    Write(level, channel, file, function, line, format, arguments);
+    va_end(arguments);
+}
+
+void ZLog::Write(int level, const char* channel, const char* file, const char* function, int line, const char* format,
+                 va_list arguments) {
     try {
         std::string text = std::string(channel) + ' ' + file + ' ' + function + ':' + std::to_string(line) + ' ' +
                            Line(Format(format, arguments));
@@ -124,7 +138,6 @@ void ZLog::Log(int level, const char* channel, const char* file, const char* fun
         }
     } catch (...) {  // NOLINT(bugprone-empty-catch): a log that fails has nowhere to say so
     }
-    va_end(arguments);
 }
 
 int ZLog::AddListener(Listener listener) {

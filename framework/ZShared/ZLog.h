@@ -1,10 +1,16 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "ZShared/ZLogFormat.h"
 
 /// Where log lines go. Relative sizes and counts follow the logging library's rotating file.
 struct ZLogSettings {
@@ -43,17 +49,67 @@ public:
     void Flush();
 
 private:
+    friend class ZLogger;
     ZLog();
     ~ZLog();
+    /// As Log, for a format that was compared with its arguments before.
+    void LogChecked(int level, const char* channel, const char* file, const char* function, int line,
+                    const char* format, ...);
+    void Write(int level, const char* channel, const char* file, const char* function, int line, const char* format,
+               va_list arguments);
+
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };
 
-/// One log line of an object that has `m_logName`, `m_logLevel` and, in scope, `kLogSource` (its source path without
-/// extension). A threshold of 0 silences the object.
-#define Z_LOG(level, ...)                                                                                  \
-    do {                                                                                                   \
-        if (m_logLevel != 0 && m_logLevel <= (level)) {                                                    \
-            ZLog::Instance().Log((level), m_logName.c_str(), kLogSource, __func__, __LINE__, __VA_ARGS__); \
-        }                                                                                                  \
+/// A source path as log lines name it: from the project's folder on, without the extension. Made while compiling.
+class ZSourcePath {
+public:
+    template <std::size_t N>
+    consteval explicit ZSourcePath(const char (&file)[N]) {
+        const std::size_t end = std::string_view(file).rfind('.');
+        for (std::size_t at = 0; at < std::min(end, m_text.size() - 1); ++at) {
+            m_text[at] = file[at];
+        }
+    }
+    const char* Text() const { return m_text.data(); }
+
+private:
+    std::array<char, 64> m_text{};
+};
+
+/// Who writes log lines: the channel that they stand under, and from which level on they are written. Made where it is
+/// needed; the texts must outlive it.
+class ZLogger {
+public:
+    /// `source` is the source path, without its extension, that the lines name; null: the file that the compiler sees.
+    constexpr explicit ZLogger(const char* channel, std::int32_t threshold = 1, const char* source = nullptr)
+        : m_channel(channel), m_source(source), m_threshold(threshold) {}
+
+    /// Whether a line of that level is written: never with a threshold of 0.
+    constexpr bool Takes(int level) const { return m_threshold != 0 && m_threshold <= level; }
+
+    template <typename... Arguments>
+    void Write(int level, const char* file, const char* function, int line,
+               const ZLogFormat<std::type_identity_t<std::decay_t<const Arguments>>...>& format,
+               const Arguments&... arguments) const {
+        ZLog::Instance().LogChecked(level, m_channel, m_source == nullptr ? file : m_source, function, line,
+                                    format.Text(), ZLogArgument<std::decay_t<const Arguments>>(arguments).Get()...);
+    }
+
+private:
+    const char* m_channel;
+    const char* m_source;
+    std::int32_t m_threshold;
+};
+
+/// One log line: Z_LOG(3, "Drive %s: %s", path, reason). Written by the `Log()` in scope: an object's own, or the
+/// function of that name that a source file has. The format is printf's and compared with the arguments while
+/// compiling; std::string, ZString, std::string_view, paths and enumerators stand for %s as they are. Arguments are
+/// only evaluated when the line is written.
+#define Z_LOG(level, ...)                                                                           \
+    do {                                                                                            \
+        if (const ZLogger& z_logger = Log(); z_logger.Takes(level)) {                               \
+            z_logger.Write((level), ZSourcePath(__FILE__).Text(), __func__, __LINE__, __VA_ARGS__); \
+        }                                                                                           \
     } while (false)

@@ -1,36 +1,30 @@
 #include "ZShared/ZPlatform.h"
 
 #include <memory>
-#include <mutex>
 #include <numeric>
 
 #include "ZShared/ZChildReaper.h"
 #include "ZShared/ZCommandRunner.h"
 #include "ZShared/ZEeprom.h"
+#include "ZShared/ZGuarded.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZMountTable.h"
 
 namespace {
 
-constexpr const char* kLogSource = "ZShared/ZPlatform";
+using SharedSettings = std::shared_ptr<const ZPlatformSettings>;
 
-struct SettingsHolder {
-    std::mutex mutex;
-    std::shared_ptr<const ZPlatformSettings> settings = std::make_shared<ZPlatformSettings>();
-};
-
-SettingsHolder& Holder() {
-    static SettingsHolder holder;
+ZGuarded<SharedSettings>& Holder() {
+    static ZGuarded<SharedSettings> holder(std::make_shared<const ZPlatformSettings>());
     return holder;
 }
 
-std::shared_ptr<const ZPlatformSettings> Settings() {
-    const std::lock_guard lock(Holder().mutex);
-    return Holder().settings;
+SharedSettings Settings() {
+    return Holder().Copy();
 }
 
-void LogLine(int level, const char* function, int line, const char* text, const std::string& detail) {
-    ZLog::Instance().Log(level, "ZPlatform", kLogSource, function, line, "%s: %s", text, detail.c_str());
+constexpr ZLogger Log() {
+    return ZLogger("ZPlatform");
 }
 
 std::string EndOfCommand(const ZCommandResult& result) {
@@ -49,7 +43,7 @@ bool ReadField(ZString& text, std::string ZIdentity::*field) {
             std::string error;
             identity = ReadIdentityFromEeprom(settings->eepromPath, error);
             if (!identity) {
-                LogLine(3, __func__, __LINE__, "The identity could not be read", error);
+                Z_LOG(3, "The identity could not be read: %s", error);
             }
         }
         if (!identity || ((*identity).*field).empty()) {
@@ -58,7 +52,7 @@ bool ReadField(ZString& text, std::string ZIdentity::*field) {
         text = ToZString((*identity).*field);
         return true;
     } catch (const std::exception& failure) {
-        LogLine(4, __func__, __LINE__, "The identity could not be read", failure.what());
+        Z_LOG(4, "The identity could not be read: %s", failure.what());
         return false;
     }
 }
@@ -100,7 +94,7 @@ ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& 
     std::size_t count = 0;
     const ZPlatform::LineCallback log = [&](const std::string& line) {
         if (++count <= kMostComplaints) {
-            LogLine(3, "ExecuteCommand", __LINE__, "A command complains", commandLine + ": " + line);
+            Z_LOG(3, "A command complains: %s", commandLine + ": " + line);
         }
     };
     LineSplitter complaints(log);
@@ -108,8 +102,8 @@ ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& 
         commandLine, onOutput, [&](std::string_view data) { complaints.Add(data); }, Settings()->commandTimeout);
     complaints.Finish();
     if (count > kMostComplaints) {
-        LogLine(3, "ExecuteCommand", __LINE__, "Complaints beyond 20 were dropped",
-                std::to_string(count - kMostComplaints) + " lines of " + commandLine);
+        Z_LOG(3, "Complaints beyond 20 were dropped: %s",
+              std::to_string(count - kMostComplaints) + " lines of " + commandLine);
     }
     return result;
 }
@@ -117,9 +111,7 @@ ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& 
 }  // namespace
 
 void ZPlatform::Configure(const ZPlatformSettings& settings) {
-    auto copy = std::make_shared<const ZPlatformSettings>(settings);
-    const std::lock_guard lock(Holder().mutex);
-    Holder().settings = std::move(copy);
+    Holder().Exchange(std::make_shared<const ZPlatformSettings>(settings));
 }
 
 bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& output) {
@@ -134,8 +126,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
         };
         const ZCommandResult result = RunLogged(commandLine, keep);
         if (dropped > 0) {
-            LogLine(3, __func__, __LINE__, "Output beyond 1 MiB was dropped",
-                    std::to_string(dropped) + " bytes of " + commandLine);
+            Z_LOG(3, "Output beyond 1 MiB was dropped: %s", std::to_string(dropped) + " bytes of " + commandLine);
         }
         while (!output.empty() && output.back() == '\n') {
             output.pop_back();
@@ -145,7 +136,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
         }
         return Succeeded(result);
     } catch (const std::exception& failure) {
-        LogLine(4, __func__, __LINE__, "The command could not be run", failure.what());
+        Z_LOG(4, "The command could not be run: %s", failure.what());
         return false;
     }
 }
@@ -156,14 +147,14 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallbac
         const ZCommandResult result = RunLogged(commandLine, [&lines](std::string_view data) { lines.Add(data); });
         lines.Finish();
         if (!Succeeded(result)) {
-            LogLine(3, __func__, __LINE__, "The command failed", EndOfCommand(result));
+            Z_LOG(3, "The command failed: %s", EndOfCommand(result));
         }
         if (onDone) {
             onDone(EndOfCommand(result));
         }
         return Succeeded(result);
     } catch (const std::exception& failure) {
-        LogLine(4, __func__, __LINE__, "The command could not be run", failure.what());
+        Z_LOG(4, "The command could not be run: %s", failure.what());
         return false;
     }
 }
@@ -174,13 +165,13 @@ bool ZPlatform::ExecuteCommand(const std::vector<std::string>& arguments) {
         std::string error;
         const pid_t child = StartDetached(arguments, error);
         if (child < 0) {
-            LogLine(4, __func__, __LINE__, arguments.empty() ? "no program" : arguments.front().c_str(), error);
+            Z_LOG(4, "%s: %s", arguments.empty() ? "no program" : arguments.front(), error);
             return false;
         }
         reaper.Watch(child, arguments.front());
         return true;
     } catch (const std::exception& failure) {
-        LogLine(4, __func__, __LINE__, "The program could not be started", failure.what());
+        Z_LOG(4, "The program could not be started: %s", failure.what());
         return false;
     }
 }
@@ -201,7 +192,7 @@ std::string ZPlatform::GetMountPointFromDevice(const std::string& device) {
         const auto found = settings->mounts.find(device);
         return found != settings->mounts.end() ? found->second : MountPointOfDevice(device);
     } catch (const std::exception& failure) {
-        LogLine(4, __func__, __LINE__, "The mount table could not be read", failure.what());
+        Z_LOG(4, "The mount table could not be read: %s", failure.what());
         return {};
     }
 }

@@ -1,24 +1,20 @@
 #pragma once
 
-#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZWakeUp.h"
 
 /// A flag that a thread can sleep on with poll: set once, from any thread, and never cleared.
 class ZStopEvent {
 public:
-    /// Throws std::system_error when the system has no descriptor left.
-    ZStopEvent();
-
-    void Set() noexcept;
-    bool IsSet() const noexcept;
+    void Set() noexcept { m_event.Set(); }
+    bool IsSet() const noexcept { return m_event.IsSet(); }
     /// Readable once the flag is set. Owned by this object.
-    int Descriptor() const noexcept { return m_event.Get(); }
+    int Descriptor() const noexcept { return m_event.Descriptor(); }
 
     /// The event that ends blocking platform calls (commands) of the calling thread; null when there is none.
     static const ZStopEvent* OfThisThread() noexcept;
 
 private:
-    friend class ZStopScope;
-    ZFileDescriptor m_event;
+    ZWakeUp m_event;
 };
 
 /// While it lives, `event` ends the blocking platform calls of the thread that made it.

@@ -12,8 +12,6 @@ Z_IMPLEMENT(ZNodeDeviceProps)
 
 namespace {
 
-constexpr const char* kLogSource = "NodeDeviceProps/ZNodeDeviceProps";
-
 ZString HostName() {
     std::array<char, 256> name{};  // the system's limit is 64; a name that is cut is still terminated
     return ::gethostname(name.data(), name.size() - 1) == 0 ? ZString(name.data()) : ZString();
@@ -53,6 +51,6 @@ void ZNodeDeviceProps::ReadIdentity(ZDevicePropertiesMsg& properties) const {
     if (const auto model = magic_enum::enum_cast<ZDeviceModel>(std::string_view(properties.m_Model))) {
         properties.m_DeviceModel = *model;
     } else {
-        Z_LOG(3, "The model \"%s\" is none of the known ones", properties.m_Model.c_str());
+        Z_LOG(3, "The model \"%s\" is none of the known ones", properties.m_Model);
     }
 }

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "ZMessages/Enumerations.h"
+#include "ZShared/Enumerations.h"
 
 /// Why a step was not done; false in a condition when it was.
 struct FileError {

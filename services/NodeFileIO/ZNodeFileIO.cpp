@@ -16,7 +16,6 @@ Z_IMPLEMENT(ZNodeFileIO)
 
 namespace {
 
-constexpr const char* kLogSource = "NodeFileIO/ZNodeFileIO";
 constexpr std::chrono::seconds kLookAgain{1};
 constexpr std::uint32_t kMostIdleSeconds = 3600;
 constexpr std::uint32_t kMostOpenFiles = 256;
@@ -92,9 +91,9 @@ void ZNodeFileIO::RemoveLeftovers(const fs::path& root) const {
             continue;
         }
         if (fs::remove(path, failure)) {
-            Z_LOG(2, "Removed %s, which an earlier run left unfinished", path.c_str());
+            Z_LOG(2, "Removed %s, which an earlier run left unfinished", path);
         } else if (failure) {
-            Z_LOG(3, "%s, which an earlier run left, can't be removed: %s", path.c_str(), failure.message().c_str());
+            Z_LOG(3, "%s, which an earlier run left, can't be removed: %s", path, failure.message());
         }
     }
 }
@@ -211,7 +210,7 @@ void ZNodeFileIO::WatchIdleFiles() {
 
 void ZNodeFileIO::Discard(OpenFiles::Clock::time_point limit, const std::string& reason) {
     for (const std::string& path : m_files->DiscardUnusedSince(limit)) {
-        Z_LOG(3, "Unfinished file %s was thrown away: %s", Shown(path).c_str(), reason.c_str());
+        Z_LOG(3, "Unfinished file %s was thrown away: %s", Shown(path), reason);
     }
 }
 

@@ -6,7 +6,6 @@ namespace gateway {
 
 namespace {
 
-constexpr const char* kLogSource = "NodeGateway/EventStream";
 constexpr auto kKeepAliveAfter = std::chrono::seconds(15);
 constexpr const char* kKeepAlive = ": keep-alive\n\n";
 
@@ -14,7 +13,7 @@ constexpr const char* kKeepAlive = ": keep-alive\n\n";
 void Drop(EventHub& hub, HttpStream& stream, const char* reason) {
     if (stream.Wait(-1, std::chrono::milliseconds(0)) != Wake::Ended) {
         hub.CountDropped();
-        GATEWAY_LOG(3, "Dropped a listener of events: %s", reason);
+        Z_LOG(3, "Dropped a listener of events: %s", reason);
     }
 }
 

@@ -19,7 +19,6 @@ namespace gateway {
 
 namespace {
 
-constexpr const char* kLogSource = "NodeGateway/HttpServer";
 constexpr std::size_t kLargestBody = std::size_t{2} * 1024 * 1024;
 constexpr std::size_t kLongestPath = 256;  // far longer than any resource's
 constexpr int kWaitingConnections = 128;   // that the kernel keeps until they are accepted
@@ -80,9 +79,9 @@ HttpResponse Guarded(const HttpServer::Handler& handler, const HttpRequest& requ
     try {
         return handler(request);
     } catch (const std::exception& failure) {
-        GATEWAY_LOG(4, "An exception left the handler of %s: %s", request.path.c_str(), failure.what());
+        Z_LOG(4, "An exception left the handler of %s: %s", request.path.c_str(), failure.what());
     } catch (...) {
-        GATEWAY_LOG(4, "An unknown exception left the handler of %s", request.path.c_str());
+        Z_LOG(4, "An unknown exception left the handler of %s", request.path.c_str());
     }
     return Problem(500, "The gateway failed; its log says more");
 }
@@ -94,9 +93,9 @@ bool RunStream(const std::function<void(HttpStream&)>& run, httplib::DataSink& s
         sink.done();
         return true;
     } catch (const std::exception& failure) {
-        GATEWAY_LOG(4, "A stream broke off: %s", failure.what());
+        Z_LOG(4, "A stream broke off: %s", failure.what());
     } catch (...) {
-        GATEWAY_LOG(4, "A stream broke off");
+        Z_LOG(4, "A stream broke off");
     }
     return false;
 }
@@ -177,9 +176,9 @@ bool Server::process_and_close_socket(socket_t socket) {
             closed = !process_request(stream, left == 1, closed, Simplify) || closed || connection.IsLast();
         }
     } catch (const std::exception& failure) {
-        GATEWAY_LOG(4, "A connection broke off: %s", failure.what());
+        Z_LOG(4, "A connection broke off: %s", failure.what());
     } catch (...) {
-        GATEWAY_LOG(4, "A connection broke off");
+        Z_LOG(4, "A connection broke off");
     }
     t_connection = nullptr;
     return true;
@@ -295,7 +294,7 @@ bool HttpServer::Impl::BindAgain() {
     } catch (const std::exception& failure) {
         error = failure.what();
     }
-    GATEWAY_LOG(4, "The server can't be set up again: %s", error.c_str());
+    Z_LOG(4, "The server can't be set up again: %s", error.c_str());
     return false;
 }
 
@@ -304,12 +303,12 @@ void HttpServer::Impl::Run() {
         try {
             server.listen_after_bind();
         } catch (const std::exception& failure) {
-            GATEWAY_LOG(4, "The server failed: %s", failure.what());
+            Z_LOG(4, "The server failed: %s", failure.what());
         }
         server.ForgetListener();
         // The loop also ends when the system lacks memory or descriptors for a moment.
         while (!stop.IsSet()) {
-            GATEWAY_LOG(4, "No connections are accepted on %s; trying again", settings.path.c_str());
+            Z_LOG(4, "No connections are accepted on %s; trying again", settings.path.c_str());
             pollfd wait{stop.Descriptor(), POLLIN, 0};
             ::poll(&wait, 1, static_cast<int>(std::chrono::milliseconds(kRetryAfter).count()));
             if (BindAgain()) {

@@ -16,8 +16,6 @@ namespace gateway {
 
 namespace {
 
-constexpr const char* kLogSource = "NodeGateway/SocketFile";
-
 /// Whether a server answers there. A server whose queue is full is one too.
 bool SomebodyListens(const std::string& path) {
     const ZFileDescriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -53,7 +51,7 @@ bool SocketFile::Prepare(std::string& error) const {
         error = "another server listens there";
         return false;
     }
-    GATEWAY_LOG(2, "Removing %s, which a server that has ended left behind", m_path.c_str());
+    Z_LOG(2, "Removing %s, which a server that has ended left behind", m_path.c_str());
     if (::unlink(m_path.c_str()) != 0 && errno != ENOENT) {
         error = std::string("the old socket can't be removed: ") + std::strerror(errno);
         return false;

@@ -6,10 +6,6 @@
 
 namespace gateway {
 
-namespace {
-constexpr const char* kLogSource = "NodeGateway/WorkerPool";
-}
-
 void WorkerPool::Post(Task task) {
     {
         std::unique_lock lock(m_mutex);
@@ -32,7 +28,7 @@ void WorkerPool::StartThread() {
     try {
         m_threads.emplace_back([this] { Run(); });
     } catch (const std::system_error& failure) {
-        GATEWAY_LOG(4, "No thread to be had beside the %zu that serve: %s", m_threads.size(), failure.what());
+        Z_LOG(4, "No thread to be had beside the %zu that serve: %s", m_threads.size(), failure.what());
     }
 }
 

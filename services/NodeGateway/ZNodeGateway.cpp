@@ -18,7 +18,6 @@ using namespace gateway;
 
 namespace {
 
-constexpr const char* kLogSource = "NodeGateway/ZNodeGateway";
 // Beside the threads that open event streams hold and those whose requests wait for answers: for all that ends at once.
 constexpr std::size_t kSpareThreads = 8;
 
@@ -108,10 +107,10 @@ bool ZNodeGateway::ShowAs(EventKind kind, ZEndpointType type, const char* keywor
 bool ZNodeGateway::OnGraphCreated() {
     std::string error;
     if (!m_parts->server.Start(error)) {
-        Z_LOG(4, "Can't serve on %s (\"socketPath\"): %s", m_parts->path.c_str(), error.c_str());
+        Z_LOG(4, "Can't serve on %s (\"socketPath\"): %s", m_parts->path, error);
         return false;
     }
-    Z_LOG(2, "Serving on %s", m_parts->path.c_str());
+    Z_LOG(2, "Serving on %s", m_parts->path);
     return true;
 }
 

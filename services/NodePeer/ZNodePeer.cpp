@@ -17,7 +17,6 @@ namespace {
 
 // Of each second that a request waits: shorter, so that the requester still hears what became of it.
 constexpr std::chrono::milliseconds kAnswerShare{900};
-constexpr const char* kLogSource = "NodePeer/ZNodePeer";
 using ErrorCodes = ZFrameworkErrorCodes;
 
 std::string NameOf(const ZPeerMsg& peer) {
@@ -118,11 +117,11 @@ bool ZNodePeer::OnGraphCreated() {
     m_link = Z_MAKE(ZNodeCommZmq);
     std::string error;
     if (!m_link || !m_link->Start(m_settings, Comm(), *this, error)) {
-        Z_LOG(4, "The link could not be opened: %s", error.c_str());
+        Z_LOG(4, "The link could not be opened: %s", error);
         return false;
     }
     m_link->SetPins(m_peers.Pins());
-    Z_LOG(2, "The link is open; this device's key is %s", m_settings.publicKey.c_str());
+    Z_LOG(2, "The link is open; this device's key is %s", m_settings.publicKey);
     return true;
 }
 
@@ -151,7 +150,7 @@ bool ZNodePeer::OnForward(std::shared_ptr<ZMessage>& message) {
         refusal->m_ErrorCode = ErrorCodes::ERRCODE_DEVICE_NOT_CONNECTED;
         refusal->m_ErrorText = ToZString("Device " + std::string(magic_enum::enum_name(order->m_DeviceModel)) + '-' +
                                          ToStdString(order->m_SerialNumber) + " is not connected");
-        Z_LOG(3, "%s: a %s can't be forwarded", refusal->m_ErrorText.c_str(), order->m_pMessage->ClassName());
+        Z_LOG(3, "%s: a %s can't be forwarded", refusal->m_ErrorText, order->m_pMessage->ClassName());
         respond(refusal);
         return true;
     }
@@ -177,7 +176,7 @@ bool ZNodePeer::OnPair(const std::shared_ptr<ZMessage>& request) {
     const std::string problem = order ? Pair(*order) : std::string("The request is a ") + request->ClassName();
     const auto answer = Peers();
     if (!problem.empty()) {
-        Z_LOG(3, "A device was not paired: %s", problem.c_str());
+        Z_LOG(3, "A device was not paired: %s", problem);
         answer->m_bSuccess = false;
         answer->m_ErrorCode = ErrorCodes::ERRCODE_INVALID_REQUEST;
         answer->m_ErrorText = ToZString(problem);
@@ -221,8 +220,7 @@ std::string ZNodePeer::Pair(const ZPairMsg& order) {
 void ZNodePeer::OnPeerArrived(const std::string& key, const std::shared_ptr<ZMessage>& introduction) {
     const auto told = cast_shared<ZPeerMsg>(introduction);
     const auto peer = m_peers.Arrived(key, told ? *told : *Z_MAKE(ZPeerMsg));
-    Z_LOG(2, "Device %s (%s, version %s) is connected", NameOf(*peer).c_str(),
-          std::string(magic_enum::enum_name(peer->m_DeviceType)).c_str(), peer->m_Version.c_str());
+    Z_LOG(2, "Device %s (%s, version %s) is connected", NameOf(*peer), peer->m_DeviceType, peer->m_Version);
     Announce(peer);
     if (m_self->m_DeviceType == DEVICE_PALM && peer->m_DeviceType == DEVICE_CART) {
         AskWhetherItFits(key);

@@ -12,6 +12,10 @@
 
 namespace {
 
+constexpr ZLogger Log() {
+    return ZLogger("ZNodeStorage");
+}
+
 constexpr std::uint32_t kOfItself = IN_DELETE_SELF | IN_MOVE_SELF;
 constexpr std::uint32_t kOnTheWay = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM;
 constexpr std::uint32_t kEnded = kOfItself | IN_UNMOUNT | IN_IGNORED;
@@ -64,8 +68,7 @@ int FolderWatch::Watch(const std::string& path, std::uint32_t kinds) {
     const int failure = errno;
     if (failure != ENOENT && failure != ENOTDIR && m_failures[path] != failure) {
         m_failures[path] = failure;
-        ZLog::Instance().Log(3, "ZNodeStorage", "NodeStorage/FolderWatch", __func__, __LINE__,
-                             "%s can't be watched: %s", path.c_str(), std::strerror(failure));
+        Z_LOG(3, "%s can't be watched: %s", path, std::strerror(failure));
     }
     return watch;
 }

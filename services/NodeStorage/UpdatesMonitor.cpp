@@ -17,9 +17,8 @@ namespace {
 constexpr int kTries = 5;
 constexpr std::chrono::milliseconds kTryAgainAfter{10};
 
-void LogLine(int level, int line, const char* text, const std::string& folder, const std::string& reason) {
-    ZLog::Instance().Log(level, "ZNodeStorage", "NodeStorage/UpdatesMonitor", "UpdatesMonitor", line, "%s %s%s", text,
-                         folder.c_str(), reason.c_str());
+constexpr ZLogger Log() {
+    return ZLogger("ZNodeStorage");
 }
 
 /// Whether any process has the file open for writing: then a read lease is not to be had. Where leases can't be taken
@@ -45,7 +44,7 @@ UpdatesMonitor::UpdatesMonitor(const std::filesystem::path& folder)
     std::error_code code;
     std::filesystem::create_directories(m_folder, code);
     if (code) {
-        LogLine(4, __LINE__, "Could not make the updates folder", m_folder.string(), ": " + code.message());
+        Z_LOG(4, "Could not make the updates folder %s: %s", m_folder, code.message());
     }
 }
 
@@ -53,7 +52,7 @@ std::vector<std::string> UpdatesMonitor::NewFiles() {
     FolderWatch::News news = m_watch.Take();
     bool all = news.lost;
     if (news.lost) {
-        LogLine(3, __LINE__, "Events were lost; reading the whole of", m_folder.string(), "");
+        Z_LOG(3, "Events were lost; reading the whole of %s", m_folder);
     }
     if (m_first || news.changed || news.lost) {
         auto identity = m_watch.Follow({m_folder.string()});

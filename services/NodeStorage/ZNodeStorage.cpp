@@ -8,7 +8,6 @@ Z_IMPLEMENT(ZNodeStorage)
 
 namespace {
 
-constexpr const char* kLogSource = "NodeStorage/ZNodeStorage";
 constexpr int kLookAgainAfter = 1000;  // milliseconds, when the system lacked something
 
 ZVector<ZString> ToZStrings(const std::vector<std::string>& texts) {
@@ -126,10 +125,10 @@ void ZNodeStorage::Look(const DriveMonitor::PollEntries& polled) {
 
 void ZNodeStorage::TellDrives(const DriveChange& change) {
     for (const std::string& drive : change.removed) {
-        Z_LOG(2, "Drive %s left", drive.c_str());
+        Z_LOG(2, "Drive %s left", drive);
     }
     for (const std::string& drive : change.added) {
-        Z_LOG(2, "Drive %s came", drive.c_str());
+        Z_LOG(2, "Drive %s came", drive);
     }
     {
         const std::lock_guard lock(m_presentMutex);
@@ -142,7 +141,7 @@ void ZNodeStorage::TellDrives(const DriveChange& change) {
 }
 
 void ZNodeStorage::TellFile(const std::string& name) {
-    Z_LOG(2, "File %s is complete", (m_updatesFolder / name).c_str());
+    Z_LOG(2, "File %s is complete", (m_updatesFolder / name));
     const auto message = ZMakeShared<FolderUpdateMsg>();
     message->m_Folder = ToZString(m_updatesFolder.string());
     message->m_FileName = ToZString(name);
