@@ -62,7 +62,7 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
-/// A source path as log lines name it: from the project's folder on, without the extension. Made while compiling.
+/// A source path as log lines name it: from the room's folder on, without the extension. Made while compiling.
 class ZSourcePath {
 public:
     template <std::size_t N>
