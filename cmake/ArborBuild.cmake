@@ -15,8 +15,9 @@ endif()
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 # Log lines name their source from its room on: "NodeBase/ZGraph".
-add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
-    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/framework/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/services/=)
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fdebug-prefix-map=${CMAKE_SOURCE_DIR}/=
+    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/= -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/framework/=
+    -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/services/=)
 
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # g++ 12 reports string concatenation in its own headers (its bug 105651).
