@@ -2,7 +2,7 @@
 
 #include "PackageFiles.h"
 #include "ZNodeArborInstall.h"
-#include "ZShared/ZLog.h"
+#include "ZShared/ZFolderGuard.h"
 #include "ZShared/ZPlatform.h"
 
 namespace fs = std::filesystem;
@@ -24,7 +24,8 @@ bool ZNodeArborInstall::OnConfig(const std::shared_ptr<ZMessage>& message, const
               config ? config->ClassName() : "nullptr");
         return false;
     }
-    PrepareUpdatesFolder(message);
+    m_archivePath = m_pConfig->m_archiveRoot;
+    PrepareUpdatesFolder(ZCAST(ZCoreConfigParams, message));
     ReadInstalledSystem();
     ReadArchive();
     return true;
@@ -43,52 +44,57 @@ void ZNodeArborInstall::ReadIdentity() {
     }
 }
 
-void ZNodeArborInstall::PrepareUpdatesFolder(const std::shared_ptr<ZMessage>& coreConfig) {
-    const auto core = ZCAST(ZCoreConfigParams, coreConfig);
+void ZNodeArborInstall::PrepareUpdatesFolder(const std::shared_ptr<ZCoreConfigParams>& core) {
+    std::vector<fs::path> keep{m_archivePath, fs::path(m_pConfig->GetSystemInfoFilePath())};
     if (core) {
         m_accessoryHostName = core->m_Comms.m_AccessoryHostName;
         m_deviceHostName = core->m_Comms.m_DeviceHostName;
-        m_updatesPath = fs::path(core->m_Files.m_UpdatesFolder);
+        m_updatesPath = core->UpdatesFolder();
+        m_graphFile = fs::path(core->m_GraphFile);
+        keep.push_back(m_graphFile);
     }
     if (m_updatesPath.empty()) {
         Z_LOG(3, "No updates folder is configured");
         return;
     }
-    if (!m_updatesPath.has_filename()) {
-        m_updatesPath = m_updatesPath.parent_path();  // without the trailing separator
+    if (const auto may = MayBeEmptied(m_updatesPath, keep); !may) {
+        Z_LOG(4, "%s", may.error().text);
+        return;
     }
     try {
-        fs::create_directories(m_updatesPath.parent_path());
-        if (fs::is_directory(m_updatesPath)) {
-            EmptyUpdatesFolder();
-            return;
-        }
-        if (fs::exists(fs::symlink_status(m_updatesPath))) {
-            Z_LOG(3, "Update folder %s was not a directory. Delete it and re-create", m_updatesPath);
-            fs::remove(m_updatesPath);
-        } else {
-            Z_LOG(2, "Create updates folder %s", m_updatesPath);
-        }
-        fs::create_directory(m_updatesPath);
+        MakeEmptyFolder(m_updatesPath);
     } catch (const fs::filesystem_error& error) {
         Z_LOG(4, "%s", error.what());
     }
 }
 
-void ZNodeArborInstall::EmptyUpdatesFolder() {
-    for (const fs::directory_entry& entry : fs::directory_iterator(m_updatesPath)) {
-        std::error_code error;
-        fs::remove_all(entry.path(), error);
-        if (error) {
-            Z_LOG(4, "Error deleting %s: %s", entry.path(), error.message());
+void ZNodeArborInstall::MakeEmptyFolder(const fs::path& folder) {
+    fs::create_directories(folder.parent_path());
+    if (fs::is_directory(folder)) {
+        for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+            std::error_code error;
+            fs::remove_all(entry.path(), error);
+            if (error) {
+                Z_LOG(4, "Error deleting %s: %s", entry.path(), error.message());
+            }
         }
+        return;
     }
+    if (fs::exists(fs::symlink_status(folder))) {
+        Z_LOG(3, "Update folder %s was not a directory. Delete it and re-create", folder);
+        fs::remove(folder);
+    } else {
+        Z_LOG(2, "Create updates folder %s", folder);
+    }
+    fs::create_directory(folder);
 }
 
 void ZNodeArborInstall::ReadInstalledSystem() {
     const ZString path = m_pConfig->GetSystemInfoFilePath();
-    std::error_code error;
-    if (!fs::exists(fs::path(path), error)) {
+    if (std::error_code error; !fs::exists(fs::path(path), error)) {
+        // Without it every package counts as newer: whoever wonders finds the reason here.
+        Z_LOG(3, "The installed version is unknown: the manifest \"%s\" %s", m_pConfig->m_SystemInfoFilePath,
+              path.empty() ? "is not configured, or names a variable that is not set" : "does not exist");
         return;
     }
     const auto manifest = LoadManifest(path);
@@ -114,30 +120,58 @@ void ZNodeArborInstall::LogInstalledSystem(const ZSystemManifestMsg& manifest) {
 }
 
 void ZNodeArborInstall::ReadArchive() {
-    m_archivePath = m_pConfig->m_archiveRoot;
     try {
-        if (!fs::is_directory(m_archivePath)) {
-            fs::create_directories(m_archivePath);
-        }
-        Z_LOG(2, "Archive path = <%s>", m_archivePath);
-        std::vector<fs::path> invalid;
-        for (const fs::directory_entry& entry : fs::directory_iterator(m_archivePath)) {
-            const ZSoftwareVersion version(ToZString(entry.path().filename().string()));
-            if (!entry.is_directory()) {
-                Z_LOG(2, "Skipping %s as it is not a directory", entry.path());
-            } else if (!version.m_valid) {
-                Z_LOG(2, "<%s> Not a valid version", version.Get());
-                invalid.push_back(entry.path());
-            } else {
-                ReadVersionDirectory(entry.path(), version);
-            }
-        }
-        for (const fs::path& directory : invalid) {
-            Z_LOG(2, "Deleting invalid directory <%s>", directory);
-            fs::remove_all(directory);
+        if (HasArchive()) {
+            Z_LOG(2, "Archive path = <%s>", m_archivePath);
+            ReadVersionDirectories();
         }
     } catch (const fs::filesystem_error&) {
         Z_LOG(4, "Filesystem exception for archive path <%s>", m_archivePath);
+    }
+}
+
+bool ZNodeArborInstall::HasArchive() {
+    if (m_pConfig->m_ArchiveDevice.empty()) {
+        Z_LOG(3, "No archive device is configured");
+        return false;
+    }
+    if (m_pConfig->m_archiveMount.empty()) {
+        Z_LOG(4, "Archive device %s is not mounted: there is no archive", m_pConfig->m_ArchiveDevice);
+        return false;
+    }
+    if (!fs::is_directory(m_archivePath)) {
+        fs::create_directories(m_archivePath);
+    }
+    return true;
+}
+
+void ZNodeArborInstall::ReadVersionDirectories() {
+    std::vector<fs::path> invalid;
+    for (const fs::directory_entry& entry : fs::directory_iterator(m_archivePath)) {
+        const ZSoftwareVersion version(ToZString(entry.path().filename().string()));
+        if (!entry.is_directory()) {
+            Z_LOG(2, "Skipping %s as it is not a directory", entry.path());
+        } else if (!version.m_valid) {
+            Z_LOG(2, "<%s> Not a valid version", version.Get());
+            invalid.push_back(entry.path());
+        } else {
+            ReadVersionDirectory(entry.path(), version);
+        }
+    }
+    if (!invalid.empty()) {
+        DeleteInvalidDirectories(invalid);
+    }
+}
+
+void ZNodeArborInstall::DeleteInvalidDirectories(const std::vector<fs::path>& directories) {
+    const auto may = MayBeEmptied(m_archivePath, {m_updatesPath, m_graphFile}, m_pConfig->m_archiveMount);
+    if (!may) {
+        Z_LOG(4, "%s", may.error().text);
+        return;
+    }
+    for (const fs::path& directory : directories) {
+        Z_LOG(2, "Deleting invalid directory <%s>", directory);
+        fs::remove_all(directory);
     }
 }
 

@@ -117,11 +117,15 @@ private:
 
     // Start-up, in this order.
     void ReadIdentity();
-    void PrepareUpdatesFolder(const std::shared_ptr<ZMessage>& coreConfig);
-    void EmptyUpdatesFolder();
+    void PrepareUpdatesFolder(const std::shared_ptr<ZCoreConfigParams>& core);
+    void MakeEmptyFolder(const std::filesystem::path& folder);
     void ReadInstalledSystem();
     void LogInstalledSystem(const ZSystemManifestMsg& manifest);
     void ReadArchive();
+    /// Makes the archive's folder; false, told, when there is no place for it.
+    bool HasArchive();
+    void ReadVersionDirectories();
+    void DeleteInvalidDirectories(const std::vector<std::filesystem::path>& directories);
     void ReadVersionDirectory(const std::filesystem::path& directory, const ZSoftwareVersion& version);
 
     // Package checks.
@@ -186,7 +190,8 @@ private:
     std::vector<std::shared_ptr<ZUseFlag::Hold>> m_remoteInstallHolds;
     std::mutex m_relayMutex;
     std::condition_variable m_relayChanged;
-    bool m_bRelayDecided = false;  // guarded by m_relayMutex: the relay started last listens, or never will
+    bool m_bRelayDecided = false;       // guarded by m_relayMutex: the relay started last listens, or never will
+    std::filesystem::path m_graphFile;  // never deleted
     ZString m_accessoryHostName;
     ZString m_deviceHostName;
 

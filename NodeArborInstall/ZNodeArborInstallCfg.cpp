@@ -1,5 +1,7 @@
 #include "ZNodeArborInstallCfg.h"
 
+#include <algorithm>
+
 #include "ZShared/ZPlatform.h"
 
 Z_IMPLEMENT(ZNodeArborInstallCfg)
@@ -12,9 +14,11 @@ bool ZNodeArborInstallCfg::Serialize(ZCommStream& stream) const {
 bool ZNodeArborInstallCfg::Deserialize(ZCommStream& stream) {
     ZFields::Read(*this, stream, Fields());
     if (!m_ArchiveDevice.empty()) {
-        m_archiveRoot = ZPlatform::GetMountPointFromDevice(ToStdString(m_ArchiveDevice));
-        if (!m_ArchiveDir.empty()) {
-            m_archiveRoot /= m_ArchiveDir;  // appending nothing would add a trailing separator
+        m_archiveMount = ZPlatform::GetMountPointFromDevice(ToStdString(m_ArchiveDevice));
+        m_archiveRoot = m_archiveMount;
+        // A path that begins with a slash would replace the mount point, and appending nothing add a slash to it.
+        if (const auto folder = std::filesystem::path(m_ArchiveDir).relative_path(); !folder.empty()) {
+            m_archiveRoot /= folder;
         }
     }
     return true;
@@ -24,4 +28,18 @@ void ZNodeArborInstallCfg::CloneDataMembers(const ZMessage& from) {
     const auto& other = static_cast<const ZNodeArborInstallCfg&>(from);
     ZFields::Copy(other, *this, Fields());
     m_archiveRoot = other.m_archiveRoot;
+    m_archiveMount = other.m_archiveMount;
+}
+
+void ZNodeArborInstallCfg::VisitFields(const ZFieldVisitor& visitor) {
+    ZFields::Visit(*this, visitor, Fields());
+}
+
+bool ZNodeArborInstallCfg::StaysBelow(std::string_view path) {
+    const std::filesystem::path parts(path);
+    return std::find(parts.begin(), parts.end(), "..") == parts.end();
+}
+
+bool ZNodeArborInstallCfg::IsSocketName(std::string_view path) {
+    return path.find('/') == std::string_view::npos && StaysBelow(path) && path != ".";
 }

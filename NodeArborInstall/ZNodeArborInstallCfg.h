@@ -11,38 +11,65 @@ public:
     ZNodeArborInstallCfg() = default;
     explicit ZNodeArborInstallCfg(const ZString& name) : ZConfig(name) {}
 
-    ZString m_ArchiveDevice;       ///< block device that holds the package archive; empty: no archive
-    ZString m_ArchiveDir;          ///< the archive's directory below the device's mount point
-    ZString m_SystemInfoFilePath;  ///< the installed system's manifest; may hold environment variables
+    ZString m_ArchiveDevice;
+    ZString m_ArchiveDir;
+    ZString m_SystemInfoFilePath;
     bool m_bAllowDowngrades = false;
-    std::uint16_t m_ProgressPort = 0;  ///< TCP port on which an accessory's installer reports
-    ZString m_ProgressPath;            ///< local socket on which the installer reports, below the archive directory
+    std::uint16_t m_ProgressPort = 0;
+    ZString m_ProgressPath;
     bool m_bDryRun = false;
-    ZString m_SwitchPartitionCmd;  ///< shell command that switches the boot partition
-    ZString m_RunRecoveryCmd;      ///< shell command that switches to the recovery system
+    ZString m_SwitchPartitionCmd;
+    ZString m_RunRecoveryCmd;
 
-    /// Derived, when the record is read: the device's mount point and ArchiveDir. ArchiveDir alone when the device is
-    /// not mounted; empty without a device.
+    /// Derived, when the record is read: the device's mount point and ArchiveDir, which is a further component whatever
+    /// it begins with. ArchiveDir alone when the device is not mounted; empty without a device.
     std::filesystem::path m_archiveRoot;
+    /// Derived: where the device is mounted; empty when it is not.
+    std::filesystem::path m_archiveMount;
 
     /// Writes all nine keys; true.
     bool Serialize(ZCommStream& stream) const override;
     /// Reads what is there and looks the archive device up; true. stream.Error() tells of values of a wrong type.
     bool Deserialize(ZCommStream& stream) override;
     void CloneDataMembers(const ZMessage& from) override;
+    void VisitFields(const ZFieldVisitor& visitor) override;
 
     /// The path with its variables resolved by the record's environment; empty when that fails or there is none.
     ZString GetSystemInfoFilePath() const { return Resolved(m_SystemInfoFilePath); }
 
 private:
+    /// Whether a text stays below the folder that it is appended to.
+    static bool StaysBelow(std::string_view path);
+    static bool IsSocketName(std::string_view path);
+
     static constexpr auto Fields() {
         using Self = ZNodeArborInstallCfg;
         return std::make_tuple(
-            Z_KEYED_FIELD("ArchiveDevice", m_ArchiveDevice), Z_KEYED_FIELD("ArchiveDir", m_ArchiveDir),
-            Z_KEYED_FIELD("SystemInfoFilePath", m_SystemInfoFilePath),
-            Z_KEYED_FIELD("AllowDowngrades", m_bAllowDowngrades), Z_KEYED_FIELD("ProgressPort", m_ProgressPort),
-            Z_KEYED_FIELD("ProgressPath", m_ProgressPath), Z_KEYED_FIELD("DryRun", m_bDryRun),
-            Z_KEYED_FIELD("SwitchPartitionCmd", m_SwitchPartitionCmd),
-            Z_KEYED_FIELD("RunRecoveryCmd", m_RunRecoveryCmd));
+            Z_KEYED_FIELD("ArchiveDevice", m_ArchiveDevice)
+                .Means("The block device that holds the package archive, under any of its names. Empty: no archive.",
+                       "\"/dev/mmcblk1p3\""),
+            Z_KEYED_FIELD("ArchiveDir", m_ArchiveDir)
+                .Checked(&StaysBelow, "a folder below the device's mount point, without \"..\"")
+                .Means("The archive's folder, below the device's mount point. What is no version's folder there is "
+                       "deleted "
+                       "at every start.",
+                       "\"Packages\""),
+            Z_KEYED_FIELD("SystemInfoFilePath", m_SystemInfoFilePath)
+                .Means("The installed system's manifest. May hold environment variables.",
+                       "\"/etc/arbor/Manifest.json\""),
+            Z_KEYED_FIELD("AllowDowngrades", m_bAllowDowngrades)
+                .Means("Whether a package older than the installed system may be installed."),
+            Z_KEYED_FIELD("ProgressPort", m_ProgressPort)
+                .Means("TCP port on which an accessory's installer reports its progress.", "5600"),
+            Z_KEYED_FIELD("ProgressPath", m_ProgressPath)
+                .Checked(&IsSocketName, "a file's name")
+                .OrEmpty()
+                .Means("The socket on which the installer reports its progress, in the archive's folder.",
+                       "\"progress\""),
+            Z_KEYED_FIELD("DryRun", m_bDryRun).Means("Installers only say what they would do."),
+            Z_KEYED_FIELD("SwitchPartitionCmd", m_SwitchPartitionCmd)
+                .Means("Shell command that switches the boot partition."),
+            Z_KEYED_FIELD("RunRecoveryCmd", m_RunRecoveryCmd)
+                .Means("Shell command that switches to the recovery system."));
     }
 };

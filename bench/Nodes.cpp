@@ -33,7 +33,7 @@ std::shared_ptr<ZNodeArborInstall> MakeInstallNode(const InstallSettings& settin
 std::shared_ptr<ZNode> AddNode(ZGraph& graph, const char* className, const ZString& name,
                                const std::shared_ptr<ZConfig>& record) {
     std::string error;
-    if (!graph.AddNode(className, name, record, error)) {
+    if (!graph.AddNode(className, name, record)) {
         throw std::runtime_error(error);
     }
     return graph.Node(name);

@@ -3,34 +3,12 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <set>
 
+#include "PlatformParams.h"
 #include "RecordReader.h"
 
 namespace json = boost::json;
-
-/// The plain members of the section "platform".
-class ZPlatformParams : public ZConfig {
-    Z_MESSAGE(ZPlatformParams, ZConfig)
-public:
-    ZString m_Eeprom;
-    std::uint32_t m_CommandTimeoutSeconds = 900;
-
-    Z_FIELDS(Z_FIELD(m_Eeprom), Z_FIELD(m_CommandTimeoutSeconds))
-};
-Z_IMPLEMENT(ZPlatformParams)
-
-/// An identity that stands in for the EEPROM's.
-class ZIdentityParams : public ZConfig {
-    Z_MESSAGE(ZIdentityParams, ZConfig)
-public:
-    ZString m_Model;
-    ZString m_SerialNumber;
-    ZString m_Board;
-
-    Z_FIELDS(Z_FIELD(m_Model), Z_FIELD(m_SerialNumber), Z_FIELD(m_Board))
-};
-Z_IMPLEMENT(ZIdentityParams)
 
 namespace {
 
@@ -49,36 +27,32 @@ public:
         ReadCore();
         ReadLog();
         ReadPlatform();
+        CheckUpdatesFolder();
         ReadLibraries();
         ReadNodes();
         return std::move(m_graph);
     }
 
 private:
+    /// Reads one section's records, all with the graph's environment.
+    void ReadSection(const std::string& key, const std::vector<ZConfig*>& records,
+                     const std::set<std::string>& others = {}) {
+        for (ZConfig* record : records) {
+            record->SetEnvironment(m_graph.environment);
+        }
+        ReadRecords(Object(m_root, {}, key), GraphPlace().Member(key), records, others, m_errors);
+    }
+
     void ReadCore() {
         ZCoreConfigParams& core = *m_graph.core;
-        const GraphPlace place = GraphPlace().Member("core");
-        ReadRecords(Object(m_root, {}, "core"), place, {&core, &core.m_Files}, {}, m_errors);
-        ReadRecords(Object(m_root, {}, "comms"), GraphPlace().Member("comms"), {&core.m_Comms}, {}, m_errors);
-        core.SetEnvironment(m_graph.environment);
-        core.m_Comms.SetEnvironment(m_graph.environment);
-        ResolvePath(place, "updatesFolder", core.m_Files.m_UpdatesFolder);
-        if (!core.m_Files.m_UpdatesFolder.empty() && core.m_Files.m_UpdatesFolder.front() != '/') {
-            m_errors.Add(place, "updatesFolder", "\"updatesFolder\" is not an absolute path");
-        }
-        RequireAtLeastOne(place, "requestTimeoutSeconds", core.m_RequestTimeoutSeconds);
-        RequireAtLeastOne(place, "queueLength", core.m_QueueLength);
+        core.m_GraphFile = ToZString(std::filesystem::absolute(m_errors.File()).string());
+        ReadSection("core", {&core, &core.m_Files});
+        ReadSection("comms", {&core.m_Comms});
     }
 
     void ReadLog() {
         ZLogParams log;
-        const GraphPlace place = GraphPlace().Member("log");
-        ReadRecords(Object(m_root, {}, "log"), place, {&log}, {}, m_errors);
-        ResolvePath(place, "file", log.m_File);
-        RequireAtLeastOne(place, "fileSizeKiB", log.m_FileSizeKiB);
-        if (log.m_Level < 0 || log.m_Level > 4) {
-            m_errors.Add(place, "level", "\"level\" is not a level: 1 (detail) to 4 (errors), or 0 for none");
-        }
+        ReadSection("log", {&log});
         m_graph.logLevel = log.m_Level;
         m_graph.log = {log.m_bConsole, log.m_bJournal, ToStdString(log.m_File), log.m_FileSizeKiB, log.m_FileCount};
     }
@@ -86,12 +60,10 @@ private:
     void ReadPlatform() {
         ZPlatformParams platform;
         const GraphPlace place = GraphPlace().Member("platform");
-        const json::object object = Object(m_root, {}, "platform");
-        ReadRecords(object, place, {&platform}, {"identity", "mounts"}, m_errors);
-        ResolvePath(place, "eeprom", platform.m_Eeprom);
-        RequireAtLeastOne(place, "commandTimeoutSeconds", platform.m_CommandTimeoutSeconds);
+        ReadSection("platform", {&platform}, {"identity", "mounts"});
         m_graph.platform.eepromPath = ToStdString(platform.m_Eeprom);
         m_graph.platform.commandTimeout = std::chrono::seconds(platform.m_CommandTimeoutSeconds);
+        const json::object object = Object(m_root, {}, "platform", Told::Already);
         if (object.contains("identity")) {
             ZIdentityParams identity;
             ReadRecords(Object(object, place, "identity"), place.Member("identity"), {&identity}, {}, m_errors);
@@ -101,6 +73,19 @@ private:
         const json::object mounts = Object(object, place, "mounts");
         for (const auto& mount : mounts) {
             m_graph.platform.mounts[mount.key()] = Text(mounts, place.Member("mounts"), mount.key());
+        }
+    }
+
+    /// The folder whose contents are deleted at every start must hold nothing that is needed.
+    void CheckUpdatesFolder() {
+        const ZCoreConfigParams& core = *m_graph.core;
+        const ZString& folder = core.m_Files.m_UpdatesFolder;
+        if (folder.empty() || !IsFolderOfItsOwn(folder)) {
+            return;  // none, or told already
+        }
+        const std::filesystem::path graphFile(core.m_GraphFile);
+        if (const auto may = MayBeEmptied(std::filesystem::path(folder), {graphFile, m_graph.log.file}); !may) {
+            m_errors.Add(GraphPlace().Member("core"), "updatesFolder", "\"updatesFolder\": " + may.error().text);
         }
     }
 
@@ -136,7 +121,7 @@ private:
     }
 
     std::string ReadNode(const json::object& object, const GraphPlace& place) {
-        CheckKeys(object, place, {"name", "class", "configClass", "config"}, m_errors);
+        CheckKeys(object, place, {"name", "class", "configClass", "config", "required"}, m_errors);
         GraphNode node;
         node.place = place;
         std::string name = Text(object, place, "name");
@@ -146,14 +131,33 @@ private:
         if (object.contains("config")) {
             node.config = Object(object, place, "config");
         }
+        ReadRequired(object, place, node);
         m_graph.nodes.push_back(std::move(node));
         return name;
     }
 
+    void ReadRequired(const json::object& object, const GraphPlace& place, GraphNode& node) {
+        const json::value* required = object.if_contains("required");
+        if (required == nullptr) {
+            return;
+        }
+        if (!required->is_bool()) {
+            m_errors.Add(place, "required", "\"required\" is not true or false");
+            return;
+        }
+        node.required = required->get_bool();
+        if (!node.required && (node.className == "ZNodeArborInstall" || node.className == "ZNodeStorage")) {
+            m_errors.Add(place, "required",
+                         "\"required\" is false; without a " + node.className + " nothing is updated");
+        }
+    }
+
     /// The object that is the value of `key`; empty when there is none.
-    json::object Object(const json::object& parent, const GraphPlace& place, const std::string& key) {
+    enum class Told { NotYet, Already };
+    json::object Object(const json::object& parent, const GraphPlace& place, const std::string& key,
+                        Told told = Told::NotYet) {
         const json::value* value = parent.if_contains(key);
-        if (value != nullptr && !value->is_object()) {
+        if (value != nullptr && !value->is_object() && told == Told::NotYet) {
             m_errors.Add(place, key, '"' + key + "\" is not an object");
         }
         return value != nullptr && value->is_object() ? value->get_object() : json::object();
@@ -176,21 +180,6 @@ private:
         m_errors.Add(place, key,
                      '"' + key + (value == nullptr ? "\" is missing" : "\" is not a text with something in it"));
         return {};
-    }
-
-    void ResolvePath(const GraphPlace& place, const std::string& key, ZString& path) {
-        std::filesystem::path resolved;
-        if (m_graph.environment->ResolveEnvVarsInPath(std::filesystem::path(path), resolved)) {
-            path = ToZString(resolved.string());
-        } else {
-            m_errors.Add(place, key, '"' + key + "\" names a variable that is not set: " + ToStdString(path));
-        }
-    }
-
-    void RequireAtLeastOne(const GraphPlace& place, const std::string& key, std::uint32_t value) {
-        if (value == 0) {
-            m_errors.Add(place, key, '"' + key + "\" must be at least 1");
-        }
     }
 
     const json::object& m_root;
@@ -262,5 +251,6 @@ std::shared_ptr<ZConfig> MakeRecord(const GraphNode& node, const std::shared_ptr
         return nullptr;
     }
     record->SetEnvironment(environment);
-    return ReadRecords(*node.config, node.place.Member("config"), {record.get()}, {}, errors) ? record : nullptr;
+    ReadRecords(*node.config, node.place.Member("config"), {record.get()}, {}, errors);
+    return record;
 }

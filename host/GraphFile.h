@@ -15,6 +15,8 @@ struct GraphNode {
     std::string className;
     std::string configClass;
     std::optional<boost::json::object> config;  ///< absent: the node gets no record
+    bool required =
+        true;  ///< without it the graph does not run; else it is left out, and tried again, when it can't start
 };
 
 /// What a graph file says. See arbor-graph.schema.json for the keys and docs for their meaning.
@@ -32,7 +34,7 @@ struct GraphFile {
 /// empty.
 GraphFile ReadGraphFile(GraphErrors& errors);
 
-/// A node's record: of the class that the node names, filled from the file. Null, with nothing added to `errors`, when
-/// the node has none. The libraries that define the classes must be loaded.
+/// A node's record: of the class that the node names, filled from the file and checked. Null, with nothing added to
+/// `errors`, when the node has none. The libraries that define the classes must be loaded.
 std::shared_ptr<ZConfig> MakeRecord(const GraphNode& node, const std::shared_ptr<ZEnvironment>& environment,
                                     GraphErrors& errors);

@@ -8,11 +8,11 @@ public:
     using Clock = ZMailbox::Clock;
 
     /// A node may be silent for `patience`: as long as its longest handler may take.
-    Heartbeat(const std::vector<std::shared_ptr<ZNode>>& nodes, Clock::duration patience);
+    explicit Heartbeat(Clock::duration patience) : m_patience(patience) {}
 
     /// Asks every node for a sign of life, without waiting for it, and returns the name of one that has given none for
-    /// too long; empty when all is well.
-    ZString SilentNode();
+    /// too long since it was first among those that were asked; empty when all is well.
+    ZString SilentNode(const std::vector<std::shared_ptr<ZNode>>& nodes);
 
 private:
     struct Pulse {

@@ -9,6 +9,8 @@ namespace {
 constexpr const char* kHostNode = "graph host";
 // Beyond the longest command that a handler may wait for.
 constexpr auto kSpareTime = std::chrono::minutes(1);
+// Of nodes that could not start: what they lack is usually mended by a person.
+constexpr std::chrono::seconds kTryAgainAfter{10};
 
 using Clock = Heartbeat::Clock;
 
@@ -22,9 +24,8 @@ HostExit Host::Run() {
         m_manager.Stopping();
         return m_signals.Asked() ? HostExit::Done : HostExit::Failed;
     }
-    const std::size_t count = m_file.nodes.size();
     Z_LOG(2, "Graph is running");
-    m_manager.Ready(std::to_string(count) + (count == 1 ? " node runs" : " nodes run"));
+    TellRunning();
     const EndRequest request = WaitForEnd();
     m_manager.Stopping();
     Stop(request);
@@ -32,51 +33,123 @@ HostExit Host::Run() {
 }
 
 bool Host::Start() {
-    std::string error;
-    if (AddNodes(error) && m_graph->Start(error)) {
+    auto started = AddNodes();
+    if (started) {
+        started = StartNodes();
+    }
+    if (started && !m_signals.Asked()) {
         return true;
     }
     if (m_signals.Asked()) {
         Z_LOG(2, "The graph was stopped before it ran");
     } else {
-        Z_LOG(4, "The graph could not be started: %s", error);
+        Z_LOG(4, "The graph could not be started: %s", started.error().text);
     }
     return false;
 }
 
-bool Host::AddNodes(std::string& error) {
+ZResult<void> Host::AddNodes() {
     // First, so that a node can ask for the graph's end as soon as it lives.
-    if (!m_graph->AddNode(ZNodeHost::kClassName, kHostNode, nullptr, error)) {
-        return false;
+    if (auto added = m_graph->AddNode(ZNodeHost::kClassName, kHostNode, nullptr); !added) {
+        return added;
     }
-    for (std::size_t index = 0; index < m_file.nodes.size(); ++index) {
-        const GraphNode& node = m_file.nodes[index];
-        m_manager.Status("Starting " + ToStdString(node.name));
-        if (m_signals.Asked() || !m_graph->AddNode(node.className, node.name, m_records[index], error)) {
-            return false;
+    for (std::size_t index = 0; index < m_file.nodes.size() && !m_signals.Asked(); ++index) {
+        m_manager.Status("Starting " + ToStdString(m_file.nodes[index].name));
+        if (auto added = AddNode(index); !added && m_file.nodes[index].required) {
+            return added;
+        } else if (!added) {
+            LeaveOut(index, added.error());
         }
     }
-    return true;
+    return {};
+}
+
+ZResult<void> Host::AddNode(std::size_t index) {
+    const GraphNode& node = m_file.nodes[index];
+    return m_graph->AddNode(node.className, node.name, m_records[index]);
+}
+
+ZResult<void> Host::StartNodes() {
+    if (auto started = m_graph->StartNode(kHostNode); !started) {
+        return started;
+    }
+    for (std::size_t index = 0; index < m_file.nodes.size() && !m_signals.Asked(); ++index) {
+        if (m_leftOut.contains(index)) {
+            continue;
+        }
+        if (auto started = m_graph->StartNode(m_file.nodes[index].name); !started && m_file.nodes[index].required) {
+            return started;
+        } else if (!started) {
+            LeaveOut(index, started.error());
+        }
+    }
+    return {};
+}
+
+void Host::LeaveOut(std::size_t index, const ZError& why) {
+    Z_LOG(4, "%s; the graph runs without it, and it is tried again every %d s", why.text,
+          static_cast<int>(kTryAgainAfter.count()));
+    m_leftOut.insert(index);
+    m_tryAgainDue = Clock::now() + kTryAgainAfter;
+}
+
+void Host::TryLeftOut() {
+    if (m_leftOut.empty() || Clock::now() < m_tryAgainDue) {
+        return;
+    }
+    m_tryAgainDue = Clock::now() + kTryAgainAfter;
+    std::erase_if(m_leftOut, [this](std::size_t index) {
+        const GraphNode& node = m_file.nodes[index];
+        auto started = AddNode(index);
+        if (started) {
+            started = m_graph->StartNode(node.name);
+        }
+        if (started) {
+            Z_LOG(2, "Node \"%s\", which was left out, runs now", node.name);
+        }
+        return started.has_value();
+    });
+    TellRunning();
+}
+
+void Host::TellRunning() {
+    const std::size_t count = m_file.nodes.size() - m_leftOut.size();
+    std::string left;
+    for (const std::size_t index : m_leftOut) {
+        left += (left.empty() ? ", without " : ", ") + ToStdString(m_file.nodes[index].name);
+    }
+    m_manager.Ready(std::to_string(count) + (count == 1 ? " node runs" : " nodes run") + left);
+}
+
+std::vector<std::shared_ptr<ZNode>> Host::RunningNodes() const {
+    std::vector<std::shared_ptr<ZNode>> nodes{m_graph->Node(kHostNode)};
+    for (std::size_t index = 0; index < m_file.nodes.size(); ++index) {
+        if (!m_leftOut.contains(index)) {
+            nodes.push_back(m_graph->Node(m_file.nodes[index].name));
+        }
+    }
+    return nodes;
 }
 
 EndRequest Host::WaitForEnd() {
     const auto hostNode = cast_shared<ZNodeHost>(m_graph->Node(kHostNode));
-    std::vector<std::shared_ptr<ZNode>> nodes{hostNode};
-    for (const GraphNode& node : m_file.nodes) {
-        nodes.push_back(m_graph->Node(node.name));
-    }
-    Heartbeat heartbeat(nodes, m_file.platform.commandTimeout + kSpareTime);
+    Heartbeat heartbeat(m_file.platform.commandTimeout + kSpareTime);
     m_aliveDue = Clock::now();
 
     std::optional<EndRequest> request;
     while (!m_signals.Asked()) {
         KeepAlive(heartbeat);
+        TryLeftOut();
         std::optional<Clock::time_point> due;
+        const auto wakeAt = [&due](Clock::time_point time) { due = std::min(time, due.value_or(time)); };
         if (m_manager.AlivePeriod().count() > 0) {
-            due = m_aliveDue;
+            wakeAt(m_aliveDue);
+        }
+        if (!m_leftOut.empty()) {
+            wakeAt(m_tryAgainDue);
         }
         if (request) {
-            due = std::min(request->due, due.value_or(request->due));
+            wakeAt(request->due);
         }
         std::array<pollfd, 2> entries{{{m_signals.Descriptor(), POLLIN, 0}, {hostNode->Descriptor(), POLLIN, 0}}};
         ::poll(entries.data(), entries.size(), PollTimeout(due));
@@ -95,7 +168,7 @@ void Host::KeepAlive(Heartbeat& heartbeat) {
         return;
     }
     m_aliveDue = Clock::now() + m_manager.AlivePeriod();
-    const ZString silent = heartbeat.SilentNode();
+    const ZString silent = heartbeat.SilentNode(RunningNodes());
     if (silent.empty()) {
         m_bSilent = false;
         m_manager.Alive();

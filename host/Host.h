@@ -1,5 +1,7 @@
 #pragma once
 
+#include <set>
+
 #include "GraphFile.h"
 #include "Heartbeat.h"
 #include "NodeBase/ZGraph.h"
@@ -25,7 +27,14 @@ public:
 
 private:
     bool Start();
-    bool AddNodes(std::string& error);
+    ZResult<void> AddNodes();
+    ZResult<void> StartNodes();
+    ZResult<void> AddNode(std::size_t index);
+    /// Goes on without a node that is not required.
+    void LeaveOut(std::size_t index, const ZError& why);
+    void TryLeftOut();
+    void TellRunning();
+    std::vector<std::shared_ptr<ZNode>> RunningNodes() const;
     EndRequest WaitForEnd();
     void Stop(const EndRequest& request);
     /// Tells the service manager that all is well, if it is and the time has come.
@@ -37,6 +46,8 @@ private:
     ServiceManager m_manager;
     std::optional<ZGraph> m_graph;
     Heartbeat::Clock::time_point m_aliveDue;
+    std::set<std::size_t> m_leftOut;  // places in m_file.nodes
+    Heartbeat::Clock::time_point m_tryAgainDue;
     bool m_bSilent = false;  // a node gives no sign of life, which has been logged
 
     ZLogger Log() const { return ZLogger("arbord", m_file.logLevel); }

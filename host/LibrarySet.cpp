@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <array>
+#include <set>
 
 namespace {
 
@@ -18,17 +19,26 @@ constexpr bool kUnload = true;
 // Seen from the program's own folder: installed, and as built.
 constexpr std::array kFolders{"../lib/arbor", "../lib", ARBORD_LIBRARY_FOLDER};
 
-std::filesystem::path Find(const std::string& name, std::string& searched) {
+/// The folders that libraries are looked for in.
+std::vector<std::filesystem::path> Folders() {
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    std::vector<std::filesystem::path> folders;
     for (const char* folder : kFolders) {
-        std::filesystem::path candidate = (program / folder / name).lexically_normal();
-        std::error_code code;
-        if (std::filesystem::exists(candidate, code)) {
-            return candidate;
-        }
-        searched += (searched.empty() ? "" : ", ") + candidate.parent_path().string();
+        folders.push_back((program / folder).lexically_normal());
     }
-    return {};
+    return folders;
+}
+
+ZResult<std::filesystem::path> Find(const std::string& name) {
+    std::string searched;
+    for (const std::filesystem::path& folder : Folders()) {
+        std::error_code code;
+        if (std::filesystem::exists(folder / name, code)) {
+            return folder / name;
+        }
+        searched += (searched.empty() ? "" : ", ") + folder.string();
+    }
+    return ZError('"' + name + "\" is in none of " + searched);
 }
 
 }  // namespace
@@ -39,20 +49,37 @@ LibrarySet::~LibrarySet() {
     }
 }
 
-bool LibrarySet::Load(const std::string& nameOrPath, const std::filesystem::path& base, std::string& error) {
-    std::string searched;
+ZResult<void> LibrarySet::Load(const std::string& nameOrPath, const std::filesystem::path& base) {
     const bool isPath = nameOrPath.find('/') != std::string::npos;
-    const std::filesystem::path path = isPath ? base / nameOrPath : Find(nameOrPath, searched);
-    if (path.empty()) {
-        error = '"' + nameOrPath + "\" is in none of " + searched;
-        return false;
+    const auto path = isPath ? ZResult<std::filesystem::path>(base / nameOrPath) : Find(nameOrPath);
+    if (!path) {
+        return path.error();
     }
-    void* handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    void* handle = ::dlopen(path->c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
         const char* reason = ::dlerror();
-        error = '"' + nameOrPath + "\" can't be loaded: " + (reason == nullptr ? "no reason given" : reason);
-        return false;
+        return ZError('"' + nameOrPath + "\" can't be loaded: " + (reason == nullptr ? "no reason given" : reason));
     }
     m_handles.push_back(handle);
-    return true;
+    return {};
+}
+
+ZResult<void> LibrarySet::LoadAll() {
+    std::set<std::string> names;
+    for (const std::filesystem::path& folder : Folders()) {
+        std::error_code code;
+        for (std::filesystem::directory_iterator entry(folder, code), end; !code && entry != end;
+             entry.increment(code)) {
+            const std::string name = entry->path().filename().string();
+            if (name.starts_with("libNode") && name.ends_with(".so")) {
+                names.insert(name);
+            }
+        }
+    }
+    for (const std::string& name : names) {
+        if (auto loaded = Load(name, {}); !loaded) {
+            return loaded;
+        }
+    }
+    return {};
 }

@@ -1,20 +1,15 @@
 #include "RecordReader.h"
 
+#include "ZCoreConfigs/ZSettings.h"
 #include "ZMessages/ZJSONCommStream.h"
 
 namespace json = boost::json;
 
 namespace {
 
-/// The keys under which the record's members travel, which only the record itself knows.
-std::set<std::string> KeysOf(const ZConfig& record) {
-    ZJSONCommStream stream;
-    record.Serialize(stream);
-    const json::value document = json::parse(stream.Text());
+std::set<std::string> KeysOf(ZConfig& record) {
     std::set<std::string> keys;
-    for (const auto& member : document.as_object()) {
-        keys.emplace(member.key());
-    }
+    record.VisitFields([&keys](const ZFieldInfo& field, const ZFieldValue&) { keys.emplace(field.key); });
     return keys;
 }
 
@@ -26,43 +21,46 @@ std::string Listed(const std::set<std::string>& keys) {
     return list;
 }
 
-bool ReadRecord(const std::string& text, const GraphPlace& place, ZConfig& record, GraphErrors& errors) {
+void ReadRecord(const std::string& text, const GraphPlace& place, ZConfig& record, GraphErrors& errors) {
     ZJSONCommStream stream;
     // A record may put up with values of a wrong type; a graph file must not hold any.
-    if (stream.LoadText(text) && record.Deserialize(stream) && stream.Error().empty()) {
-        return true;
+    const bool read = stream.LoadText(text) && record.Deserialize(stream);
+    std::set<std::string> told;
+    for (const auto& [key, reason] : stream.Complaints()) {
+        errors.Add(place, key, reason);
+        told.insert(key);
     }
-    const std::string reason =
-        stream.Error().empty() ? "refused by " + std::string(record.ClassName()) : stream.Error();
-    errors.Add(place, stream.ErrorKey(), reason);
-    return false;
+    if (!read && told.empty()) {
+        errors.Add(place, "refused by " + std::string(record.ClassName()));
+    }
+    for (const auto& [key, reason] : CheckSettings(record)) {
+        if (!told.contains(key)) {
+            errors.Add(place, key, reason);
+        }
+    }
 }
 
 }  // namespace
 
-bool CheckKeys(const json::object& object, const GraphPlace& place, const std::set<std::string>& known,
+void CheckKeys(const json::object& object, const GraphPlace& place, const std::set<std::string>& known,
                GraphErrors& errors) {
-    bool good = true;
     for (const auto& member : object) {
         const std::string key(member.key());
         if (!known.contains(key)) {
             errors.Add(place, key, '"' + key + "\" is no known key here; known are: " + Listed(known));
-            good = false;
         }
     }
-    return good;
 }
 
-bool ReadRecords(const json::object& object, const GraphPlace& place, const std::vector<ZConfig*>& records,
+void ReadRecords(const json::object& object, const GraphPlace& place, const std::vector<ZConfig*>& records,
                  const std::set<std::string>& others, GraphErrors& errors) {
     std::set<std::string> known = others;
-    for (const ZConfig* record : records) {
+    for (ZConfig* record : records) {
         known.merge(KeysOf(*record));
     }
-    bool good = CheckKeys(object, place, known, errors);
+    CheckKeys(object, place, known, errors);
     const std::string text = json::serialize(object);
     for (ZConfig* record : records) {
-        good = ReadRecord(text, place, *record, errors) && good;
+        ReadRecord(text, place, *record, errors);
     }
-    return good;
 }

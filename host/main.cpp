@@ -2,36 +2,51 @@
 #include <csignal>
 #include <iostream>
 
+#include "GraphSchema.h"
 #include "Host.h"
 #include "LibrarySet.h"
+#include "StateLock.h"
 
 namespace {
 
 struct Arguments {
     std::string graph;
     bool check = false;
+    bool schema = false;
 };
 
 void LoadLibraries(const GraphFile& file, LibrarySet& libraries, GraphErrors& errors) {
     const std::filesystem::path base = std::filesystem::absolute(errors.File()).parent_path();
     for (std::size_t index = 0; index < file.libraries.size(); ++index) {
-        std::string error;
-        if (!libraries.Load(file.libraries[index], base, error)) {
-            errors.Add(GraphPlace().Member("libraries").Element(index), error);
+        if (const auto loaded = libraries.Load(file.libraries[index], base); !loaded) {
+            errors.Add(GraphPlace().Member("libraries").Element(index), loaded.error().text);
         }
     }
 }
 
-/// The nodes' records, in their order. What is wrong with a node's class or record is added to `errors`.
-std::vector<std::shared_ptr<ZConfig>> MakeRecords(const GraphFile& file, GraphErrors& errors) {
+/// The nodes' records, in their order. What is wrong with a node's class or record is added to `errors`; nothing about
+/// classes that a missing library may have.
+std::vector<std::shared_ptr<ZConfig>> MakeRecords(const GraphFile& file, bool allLibraries, GraphErrors& errors) {
     std::vector<std::shared_ptr<ZConfig>> records;
     for (const GraphNode& node : file.nodes) {
-        if (!ZShared::ZFactory::Instance().Find(node.className).IsKindOf(ZNode::m_cid)) {
+        const ZShared::CID known = ZShared::ZFactory::Instance().Find(node.className);
+        const bool mayBeMissing = !allLibraries && known.Name()[0] == '\0';
+        if (!known.IsKindOf(ZNode::m_cid) && !node.className.empty() && !mayBeMissing) {
             errors.Add(node.place, "class", '"' + node.className + "\" is not the name of a node class");
         }
-        records.push_back(MakeRecord(node, file.environment, errors));
+        records.push_back(mayBeMissing ? nullptr : MakeRecord(node, file.environment, errors));
     }
     return records;
+}
+
+HostExit PrintSchema() {
+    LibrarySet libraries;
+    if (const auto loaded = libraries.LoadAll(); !loaded) {
+        std::cerr << "arbord: " << loaded.error().text << '\n';
+        return HostExit::Failed;
+    }
+    std::cout << GraphSchema() << '\n' << std::flush;
+    return std::cout ? HostExit::Done : HostExit::Failed;
 }
 
 HostExit Report(const GraphErrors& errors) {
@@ -46,10 +61,12 @@ HostExit RunGraph(const Arguments& arguments) {
     const GraphFile file = ReadGraphFile(errors);
     // Outlives the records and the graph, which are of the libraries' classes.
     LibrarySet libraries;
+    const std::size_t before = errors.All().size();
     LoadLibraries(file, libraries, errors);
+    const bool allLibraries = errors.All().size() == before;
     // Before the records are read: reading one may look a device's mount point up.
     ZPlatform::Configure(file.platform);
-    const auto records = errors.IsEmpty() ? MakeRecords(file, errors) : std::vector<std::shared_ptr<ZConfig>>();
+    const auto records = MakeRecords(file, allLibraries, errors);
     if (!errors.IsEmpty()) {
         return Report(errors);
     }
@@ -57,9 +74,17 @@ HostExit RunGraph(const Arguments& arguments) {
         std::cout << arguments.graph << ": no errors, nodes: " << file.nodes.size() << '\n';
         return HostExit::Done;
     }
-    std::string error;
-    if (!ZLog::Instance().Configure(file.log, error)) {
-        errors.Add(GraphPlace(), "log", "the log could not be opened: " + error);
+    std::optional<StateLock> lock;
+    if (const std::filesystem::path folder = file.core->UpdatesFolder(); !folder.empty()) {
+        auto taken = StateLock::Take(folder);
+        if (!taken) {
+            std::cerr << "arbord: " << taken.error().text << '\n';
+            return HostExit::Failed;
+        }
+        lock = std::move(*taken);
+    }
+    if (const auto opened = ZLog::Instance().Configure(file.log); !opened) {
+        errors.Add(GraphPlace(), "log", "the log could not be opened: " + opened.error().text);
         return Report(errors);
     }
     const SignalWatch signals(file.logLevel);
@@ -74,20 +99,26 @@ int main(int argc, char** argv) {
     try {
         CLI::App app("Runs the node graph that a graph file describes.", "arbord");
         Arguments arguments;
-        app.add_option("--graph", arguments.graph, "The graph file (JSON)")->required()->type_name("FILE");
+        auto* const graph = app.add_option("--graph", arguments.graph, "The graph file (JSON)")->type_name("FILE");
         app.add_flag("--check", arguments.check,
                      "Only look for errors in the graph file: load the libraries, read the "
                      "records, start nothing");
+        app.add_flag("--schema", arguments.schema,
+                     "Only print the JSON Schema of graph files, for the node libraries that come with this program")
+            ->excludes(graph);
         app.set_version_flag("--version", "arbord " ARBORD_VERSION);
         app.footer(
             "Exit status: 0 done, 1 the graph is bad or could not start, 2 usage, 75 to be started again.\n"
             "SIGTERM or SIGINT stops the graph; a second one does not wait for busy nodes, a third for nothing.");
         try {
             app.parse(argc, argv);
+            if (arguments.graph.empty() && !arguments.schema) {
+                throw CLI::RequiredError("--graph");
+            }
         } catch (const CLI::ParseError& problem) {
             return static_cast<int>(app.exit(problem) == 0 ? HostExit::Done : HostExit::Usage);
         }
-        return static_cast<int>(RunGraph(arguments));
+        return static_cast<int>(arguments.schema ? PrintSchema() : RunGraph(arguments));
     } catch (const std::exception& failure) {
         std::cerr << "arbord: " << failure.what() << '\n';
         return static_cast<int>(HostExit::Failed);

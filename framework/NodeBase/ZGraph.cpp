@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "NodeComm/ZNodeCommLocal.h"
+#include "ZShared/ZDeadline.h"
 #include "ZShared/ZLog.h"
 
 namespace {
@@ -27,31 +28,30 @@ ZGraph::~ZGraph() {
     TearDown();
 }
 
-bool ZGraph::AddNode(const std::string& className, const ZString& name, const std::shared_ptr<ZConfig>& config,
-                     std::string& error) {
+ZResult<void> ZGraph::AddNode(const std::string& className, const ZString& name,
+                              const std::shared_ptr<ZConfig>& config) {
     std::shared_ptr<ZNode> node;
     try {
         node = cast_shared<ZNode>(ZShared::ZFactory::Instance().CreateShared(className, name));
         if (!node) {
-            error = "\"" + className + "\" is not the name of a node class";
-            return false;
+            return ZError('"' + className + "\" is not the name of a node class");
         }
         node->Attach(m_comm, std::make_shared<ZMailbox>(m_core->m_QueueLength));
         node->StartMessageThread();
     } catch (const std::exception& failure) {
-        error = "Node \"" + ToStdString(name) + "\" could not be made: " + failure.what();
-        return false;
+        return ZError("Node \"" + ToStdString(name) + "\" could not be made: " + failure.what());
     }
-    if (!SetUp(*node, config, error)) {
+    auto done = SetUp(*node, config);
+    if (done) {
+        m_nodes.push_back(node);
+    } else {
         node->BeginStop();
         node->FinishStop();
-        return false;
     }
-    m_nodes.push_back(node);
-    return true;
+    return done;
 }
 
-bool ZGraph::SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config, std::string& error) {
+ZResult<void> ZGraph::SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config) {
     // Shared, like all that is read after a call with a limit: the work may still be running when the limit is over.
     const auto failed = std::make_shared<std::atomic<const char*>>(nullptr);
     const auto steps = [&node, core = m_core, config, failed] {
@@ -65,32 +65,43 @@ bool ZGraph::SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config, std::str
             node.OnConnected();
         }
     };
-    const bool ran = node.CallOnMessageThread(steps, ZMailbox::Clock::now() + kSetUpLimit);
+    const bool ran = node.CallOnMessageThread(steps, ZClock::now() + kSetUpLimit);
     const char* const reason = ran ? failed->load() : "failed while it was set up";
     if (reason == nullptr) {
-        return true;
+        return {};
     }
-    error = "Node \"" + ToStdString(node.Name()) + "\" " + reason;
-    return false;
+    return ZError("Node \"" + ToStdString(node.Name()) + "\" " + reason);
 }
 
-bool ZGraph::Start(std::string& error) {
-    for (const auto& node : m_nodes) {
-        const auto created = std::make_shared<std::atomic<bool>>(false);
-        const bool ran = node->CallOnMessageThread([node, created] { *created = node->OnGraphCreated(); },
-                                                   ZMailbox::Clock::now() + kSetUpLimit);
-        if (!ran || !*created) {
-            error = "Node \"" + ToStdString(node->Name()) + "\" failed when the graph was created";
-            return false;
+ZResult<void> ZGraph::StartNode(const ZString& name) {
+    const auto node = Node(name);
+    const auto created = std::make_shared<std::atomic<bool>>(false);
+    const bool ran = node && node->CallOnMessageThread([node, created] { *created = node->OnGraphCreated(); },
+                                                       ZClock::now() + kSetUpLimit);
+    if (ran && *created) {
+        return {};
+    }
+    if (node) {
+        node->BeginStop();
+        End(node);
+        std::erase(m_nodes, node);
+    }
+    return ZError("Node \"" + ToStdString(name) + "\" failed when the graph was created");
+}
+
+ZResult<void> ZGraph::Start() {
+    for (const auto& node : std::vector(m_nodes)) {
+        if (auto started = StartNode(node->Name()); !started) {
+            return started;
         }
     }
-    return true;
+    return {};
 }
 
 bool ZGraph::AskToStop(const std::function<bool()>& hurry) {
-    const auto deadline = ZMailbox::Clock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
+    const auto deadline = ZClock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
     // A node whose thread is busy must not keep the others from being asked, nor `hurry` from being looked at.
-    const auto patience = [deadline] { return std::min(deadline, ZMailbox::Clock::now() + std::chrono::seconds(1)); };
+    const auto patience = [deadline] { return std::min(deadline, ZClock::now() + std::chrono::seconds(1)); };
     for (const auto& node : m_nodes) {
         node->CallOnMessageThread([node] { node->OnShutdownWarning(); }, patience());
     }
@@ -107,7 +118,7 @@ bool ZGraph::AskToStop(const std::function<bool()>& hurry) {
         if (waiting.empty()) {
             return true;
         }
-        if (hurry() || ZMailbox::Clock::now() >= deadline) {
+        if (hurry() || ZClock::now() >= deadline) {
             Z_LOG(3, "Stopping although %s is not ready", waiting.front()->Name());
             return false;
         }
@@ -121,21 +132,24 @@ ZGraphEnd ZGraph::Stop(const std::function<bool()>& hurry) {
     return end;
 }
 
+void ZGraph::End(const std::shared_ptr<ZNode>& node) {
+    const auto deadline = ZClock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
+    node->CallOnMessageThread(
+        [node] {
+            node->OnShutdown();
+            node->OnDisconnect();
+        },
+        deadline, ZNode::ZTurn::Last);
+    node->FinishStop();
+}
+
 void ZGraph::TearDown() {
     for (const auto& node : m_nodes) {
         node->BeginStop();
     }
     m_comm->Close();
     for (auto position = m_nodes.rbegin(); position != m_nodes.rend(); ++position) {
-        const auto& node = *position;
-        const auto deadline = ZMailbox::Clock::now() + std::chrono::seconds(m_core->m_ShutdownGraceSeconds);
-        node->CallOnMessageThread(
-            [node] {
-                node->OnShutdown();
-                node->OnDisconnect();
-            },
-            deadline, ZNode::ZTurn::Last);
-        node->FinishStop();
+        End(*position);
     }
     while (!m_nodes.empty()) {
         m_nodes.pop_back();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "NodeBase/ZNode.h"
+#include "ZShared/ZError.h"
 
 /// How a graph ended.
 enum class ZGraphEnd {
@@ -18,13 +19,15 @@ public:
     ZGraph(const ZGraph&) = delete;
     ZGraph& operator=(const ZGraph&) = delete;
 
-    /// Makes a node by class name, configures and wires it. False, with `error`, when the class is unknown or no node,
-    /// when its constructor throws or no thread is to be had, when the node refuses its configuration, or when a
-    /// keyword could not be subscribed; the node is gone then.
-    bool AddNode(const std::string& className, const ZString& name, const std::shared_ptr<ZConfig>& config,
-                 std::string& error);
-    /// Tells every node, in order of creation, that the graph exists. False, with `error`, when one reports failure.
-    bool Start(std::string& error);
+    /// Makes a node by class name, configures and wires it. An error when the class is unknown or no node, when its
+    /// constructor throws or no thread is to be had, when the node refuses its configuration, or when a keyword could
+    /// not be subscribed; the node is gone then.
+    ZResult<void> AddNode(const std::string& className, const ZString& name, const std::shared_ptr<ZConfig>& config);
+    /// Tells the node that the graph exists. An error when it reports failure; the node is gone then. For each node
+    /// once, in order of creation.
+    ZResult<void> StartNode(const ZString& name);
+    /// As StartNode for every node, up to the first that fails.
+    ZResult<void> Start();
     /// Asks every node, again and again until all agree or the configured grace is over or `hurry` returns true, then
     /// stops actions, drains queues and removes the nodes in the reverse order of their creation.
     ZGraphEnd Stop(const std::function<bool()>& hurry = [] { return false; });
@@ -34,7 +37,8 @@ public:
     std::shared_ptr<ZNode> Node(const ZString& name) const;
 
 private:
-    bool SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config, std::string& error);
+    ZResult<void> SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config);
+    void End(const std::shared_ptr<ZNode>& node);
     bool AskToStop(const std::function<bool()>& hurry);
     void TearDown();
 

@@ -2,6 +2,8 @@
 
 #include <future>
 
+#include "ZCoreConfigs/ZSettings.h"
+
 #include "ZShared/ZLog.h"
 
 Z_IMPLEMENT(ZNode)
@@ -15,9 +17,17 @@ ZNode::~ZNode() {
     FinishStop();
 }
 
-bool ZNode::ReadGuarded(const char* wrongClass, const std::function<void()>& read) const {
-    if (wrongClass != nullptr) {
-        Z_LOG(4, "The record of %s is a %s", Name(), wrongClass);
+bool ZNode::ReadChecked(ZConfig* record, const std::shared_ptr<ZConfig>& given,
+                        const std::function<void()>& read) const {
+    if (record == nullptr) {
+        Z_LOG(4, "The record of %s is a %s", Name(), given->ClassName());
+        return false;
+    }
+    const auto errors = CheckSettings(*record);
+    for (const ZSettingError& error : errors) {
+        Z_LOG(4, "%s can't be set up: %s", Name(), error.text);
+    }
+    if (!errors.empty()) {
         return false;
     }
     try {

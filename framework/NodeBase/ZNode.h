@@ -60,12 +60,13 @@ public:
     virtual bool OnAction(const ZNodeAction& action);
 
 protected:
-    /// For OnConfig: hands the node's record, or one with the standard settings when it has none, to `read`. False,
-    /// with a log line that names the node, when the record is of another class or `read` throws, as ZBadSetting.
+    /// For OnConfig: hands the node's record, or one with the standard settings when it has none, to `read`, with its
+    /// settings checked. False, with log lines that name the node, when the record is of another class, when a setting
+    /// breaks its rule, or when `read` throws.
     template <class Record, class Read>
     bool ReadRecord(const std::shared_ptr<ZConfig>& config, const Read& read) {
         const auto record = config ? cast_shared<Record>(config) : ZMakeShared<Record>();
-        return ReadGuarded(record ? nullptr : config->ClassName(), [&] { read(*record); });
+        return ReadChecked(record.get(), config, [&] { read(*record); });
     }
 
 public:
@@ -95,7 +96,7 @@ public:
     void FinishStop();
 
 private:
-    bool ReadGuarded(const char* wrongClass, const std::function<void()>& read) const;
+    bool ReadChecked(ZConfig* record, const std::shared_ptr<ZConfig>& given, const std::function<void()>& read) const;
 
     std::atomic<bool> m_bInShutdown{false};
     ZActionRunner m_actions;

@@ -20,6 +20,9 @@ protected:
     ZString Resolved(const ZString& path) const;
 
 private:
+    friend std::vector<struct ZSettingError> CheckSettings(ZConfig& record);
+
     ZString m_name;
     std::shared_ptr<ZEnvironment> m_environment;
+    bool m_bChecked = false;  // its paths are resolved: a dollar sign that is left is one
 };

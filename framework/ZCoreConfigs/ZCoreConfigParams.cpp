@@ -10,17 +10,13 @@ Z_IMPLEMENT(ZCommsParams)
 Z_IMPLEMENT(ZFileLocationParams)
 Z_IMPLEMENT(ZCoreConfigParams)
 
-void ZFileLocationParams::ResolvePaths() {
-    if (Environment()) {
-        m_UpdatesFolder = Resolved(m_UpdatesFolder);
-    }
-}
-
 void ZCoreConfigParams::SetEnvironment(const std::shared_ptr<ZEnvironment>& environment) {
     ZConfig::SetEnvironment(environment);
     m_Files.SetEnvironment(environment);
+    m_Comms.SetEnvironment(environment);
 }
 
-void ZCoreConfigParams::ResolvePaths() {
-    m_Files.ResolvePaths();
+std::filesystem::path ZCoreConfigParams::UpdatesFolder() const {
+    const std::filesystem::path folder = std::filesystem::path(m_Files.m_UpdatesFolder).lexically_normal();
+    return folder.has_filename() ? folder : folder.parent_path();
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ZShared/ZFactory.h"
 
@@ -55,18 +56,24 @@ public:
     virtual bool ReadMessages(std::string_view key, ZVector<std::shared_ptr<ZMessage>>& values,
                               std::string_view defaultClass) = 0;
 
-    /// What was wrong with the text or with a value since the last Clear or LoadText; empty when nothing was.
-    const std::string& Error() const { return m_error; }
-    /// The key that Error() is about; empty when it is about the text as a whole.
-    const std::string& ErrorKey() const { return m_errorKey; }
+    struct Complaint {
+        std::string key;  ///< empty when it is about the text as a whole
+        std::string text;
+    };
+    /// What was wrong with the text or with values since the last Clear or LoadText, in that order; the first 64.
+    const std::vector<Complaint>& Complaints() const { return m_complaints; }
+    /// The text of the first of them; empty when nothing was wrong.
+    std::string Error() const { return m_complaints.empty() ? std::string() : m_complaints.front().text; }
 
-    /// Records that the value of `key` is not what was wanted. The first such record stays.
+    /// The key that it is about; empty when it is about the text as a whole.
+    std::string ErrorKey() const { return m_complaints.empty() ? std::string() : m_complaints.front().key; }
+
+    /// Records that the value of `key` is not what was wanted.
     void SetError(std::string_view key, std::string_view wanted);
 
 protected:
-    void ClearError();
+    void ClearError() { m_complaints.clear(); }
 
 private:
-    std::string m_error;
-    std::string m_errorKey;
+    std::vector<Complaint> m_complaints;
 };

@@ -8,11 +8,52 @@
 
 #include "ZMessages/ZMessage.h"
 
-/// One declared member of a message: its key on the wire and where it stands in the object.
+/// One declared member of a message: its key on the wire, where it stands in the object and, for a setting, what its
+/// value must be: `Z_FIELD(m_IdleSeconds).In(1, 3600).Means("...")`. From this row follow reading, writing, copying,
+/// checks, the graph file's schema and the tables of settings.
 template <typename Class, typename Member>
 struct ZField {
     std::string_view key;
     Member Class::*member;
+    ZFieldRule rule{};
+
+    /// A number from `least` to `most`.
+    constexpr ZField In(std::int64_t least, std::int64_t most) const {
+        static_assert(std::is_integral_v<Member>);
+        ZField field = Of(ZFieldRule::Kind::Range, "");
+        field.rule.least = least;
+        field.rule.most = most;
+        return field;
+    }
+    /// A text, or a list of texts, that `fits` accepts; `wanted` goes behind "it must be ".
+    constexpr ZField Checked(bool (*fits)(std::string_view), const char* wanted, const char* pattern = "") const {
+        ZField field = Of(rule.kind == ZFieldRule::Kind::Path ? rule.kind : ZFieldRule::Kind::Text, wanted);
+        field.rule.fits = fits;
+        field.rule.pattern = pattern;
+        return field;
+    }
+    /// An absolute path, or a list of them, in which variables are replaced before anybody reads it.
+    constexpr ZField Path() const { return Of(ZFieldRule::Kind::Path, "an absolute path whose variables are set"); }
+    constexpr ZField OrEmpty() const {
+        ZField field = *this;
+        field.rule.bMayBeEmpty = true;
+        return field;
+    }
+    /// What the setting means, and an example in JSON.
+    constexpr ZField Means(const char* meaning, const char* example = "") const {
+        ZField field = *this;
+        field.rule.meaning = meaning;
+        field.rule.example = example;
+        return field;
+    }
+
+private:
+    constexpr ZField Of(ZFieldRule::Kind kind, const char* wanted) const {
+        ZField field = *this;
+        field.rule.kind = kind;
+        field.rule.wanted = wanted;
+        return field;
+    }
 };
 
 /// The key that a member has on the wire: its name without `m_`, `m_b` or `m_p`, starting in lower case
@@ -198,6 +239,58 @@ void CopyValue(const T& from, T& to) {
     }
 }
 
+template <typename T>
+ZFieldInfo Describe(std::string_view key, const ZFieldRule& rule) {
+    ZFieldInfo info{.key = key, .names = {}, .rule = rule};
+    if constexpr (std::is_same_v<T, bool>) {
+        info.type = ZFieldType::Bool;
+    } else if constexpr (std::is_enum_v<T>) {
+        info.type = ZFieldType::Enumeration;
+        info.names = magic_enum::enum_names<T>();
+    } else if constexpr (std::is_integral_v<T>) {
+        info.type = ZFieldType::Integer;
+        info.least = static_cast<std::int64_t>(std::numeric_limits<T>::min());
+        info.most = static_cast<std::uint64_t>(std::numeric_limits<T>::max());
+    } else if constexpr (std::is_floating_point_v<T>) {
+        info.type = ZFieldType::Number;
+    } else if constexpr (std::is_same_v<T, ZVector<ZString>>) {
+        info.type = ZFieldType::TextList;
+    } else if constexpr (kIsMessageList<T>) {
+        using Listed = typename ListedMessage<T>::Type;
+        info.type = ZFieldType::MessageList;
+        info.className = std::is_same_v<Listed, ZMessage> ? "" : Listed::kClassName;
+    } else if constexpr (!std::is_same_v<T, ZString>) {
+        info.type = ZFieldType::Object;
+        info.className = T::kClassName;
+    }
+    return info;
+}
+
+template <typename T>
+ZFieldValue ValueOf(T& value) {
+    if constexpr (std::is_same_v<T, bool>) {
+        return value;
+    } else if constexpr (std::is_enum_v<T>) {
+        return magic_enum::enum_name(value);
+    } else if constexpr (std::is_integral_v<T>) {
+        return static_cast<std::int64_t>(value);
+    } else if constexpr (std::is_floating_point_v<T>) {
+        return static_cast<double>(value);
+    } else if constexpr (std::is_same_v<T, ZString> || std::is_same_v<T, ZVector<ZString>>) {
+        return &value;
+    } else {
+        return std::monostate();
+    }
+}
+
+template <typename Class, typename Fields>
+void Visit(Class& object, const ZFieldVisitor& visitor, const Fields& fields) {
+    const auto visitOne = [&]<typename Member>(const ZField<Class, Member>& field) {
+        visitor(Describe<Member>(field.key, field.rule), ValueOf(object.*field.member));
+    };
+    std::apply([&](const auto&... field) { (visitOne(field), ...); }, fields);
+}
+
 template <typename Class, typename Fields>
 void Copy(const Class& from, Class& to, const Fields& fields) {
     std::apply([&](const auto&... field) { (CopyValue(from.*field.member, to.*field.member), ...); }, fields);
@@ -219,7 +312,7 @@ public:                                           \
 private:
 
 /// Inside a message class, behind its members: `Z_FIELDS(Z_FIELD(m_A), ...)`, in the order in which they are written.
-/// Reading, writing and deep copy follow from it.
+/// Reading, writing, deep copy, checks and descriptions follow from it.
 #define Z_FIELDS(...)                                                   \
     static constexpr auto Fields() {                                    \
         return std::make_tuple(__VA_ARGS__);                            \
@@ -233,6 +326,10 @@ private:
         const bool read = Super::Deserialize(stream);                   \
         ZFields::Read(*this, stream, Fields());                         \
         return read && stream.Error().empty();                          \
+    }                                                                   \
+    void VisitFields(const ZFieldVisitor& visitor) override {           \
+        Super::VisitFields(visitor);                                    \
+        ZFields::Visit(*this, visitor, Fields());                       \
     }                                                                   \
     void CloneDataMembers(const ZMessage& from) override {              \
         Super::CloneDataMembers(from);                                  \

@@ -19,15 +19,14 @@ bool ZCommStreamObject::Deserialize(ZCommStream&) {
 }
 
 void ZCommStream::SetError(std::string_view key, std::string_view wanted) {
-    if (m_error.empty()) {
-        m_errorKey = key;
-        m_error = key.empty() ? std::string(wanted) : "\"" + m_errorKey + "\" is not " + std::string(wanted);
+    constexpr std::size_t kMost = 64;  // a text from outside may hold any number of wrong values
+    if (m_complaints.size() < kMost) {
+        std::string text(wanted);
+        if (!key.empty()) {
+            text = '"' + std::string(key) + "\" is not " + text;
+        }
+        m_complaints.push_back({std::string(key), std::move(text)});
     }
-}
-
-void ZCommStream::ClearError() {
-    m_error.clear();
-    m_errorKey.clear();
 }
 
 struct ZJSONCommStream::Document {

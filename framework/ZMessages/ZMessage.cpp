@@ -52,6 +52,7 @@ bool ZMessage::IsCloneable() const {
     return true;
 }
 void ZMessage::CloneDataMembers(const ZMessage&) {}
+void ZMessage::VisitFields(const ZFieldVisitor&) {}
 std::shared_ptr<const ZCommEndpoint> ZMessage::GetResponseEndpoint() const {
     return nullptr;
 }

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "ZMessages/ZCommStream.h"
+#include "ZMessages/ZFieldRule.h"
 
 class ZCommEndpoint;
 class ZEnvironment;
@@ -42,6 +43,8 @@ public:
     virtual bool IsCloneable() const;
     /// Copies the members of a message of the same class, deeply.
     virtual void CloneDataMembers(const ZMessage& from);
+    /// Shows every declared field with its value.
+    virtual void VisitFields(const ZFieldVisitor& visitor);
 
     /// Loads a file's text into the stream. False, with stream.Error() set, when it can't be read, is larger than 16
     /// MiB or is no document.

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <boost/system/result.hpp>
+#include <concepts>
 #include <string>
+#include <string_view>
 
 #include "ZShared/Enumerations.h"
 
@@ -12,8 +14,10 @@ struct ZError {
     std::string text;
 
     ZError() = default;
-    explicit ZError(std::string why, ZFrameworkErrorCodes::ZErrorCode what = ZFrameworkErrorCodes::ERRCODE_NONE)
-        : code(what), text(std::move(why)) {}
+    /// Of texts only: a path is a value of its own in a result.
+    template <std::convertible_to<std::string_view> Text>
+    explicit ZError(Text&& why, ZFrameworkErrorCodes::ZErrorCode what = ZFrameworkErrorCodes::ERRCODE_NONE)
+        : code(what), text(std::forward<Text>(why)) {}
 
     /// "`thing`: " and what the system says about `errorNumber`, an errno.
     static ZError OfSystem(const std::string& thing, int errorNumber);

@@ -122,6 +122,20 @@ std::shared_ptr<ZFactoryObject> ZFactory::make_shared_direct(const CID& classId,
     return creator(ZString());
 }
 
+std::vector<std::string> ZFactory::ClassesOf(const CID& base) const {
+    std::vector<std::string> names;
+    {
+        const std::lock_guard lock(m_registry->mutex);
+        for (const detail::ClassRecord& record : m_registry->records) {
+            if (record.creator.load() != nullptr && CID(&record).IsKindOf(base)) {
+                names.push_back(record.name);
+            }
+        }
+    }
+    std::ranges::sort(names);
+    return names;
+}
+
 CID ZFactory::Find(std::string_view className) const {
     const std::lock_guard lock(m_registry->mutex);
     const auto found = m_registry->byName.find(className);

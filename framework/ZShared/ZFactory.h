@@ -2,6 +2,7 @@
 
 #include <concepts>
 #include <memory>
+#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -54,6 +55,8 @@ public:
     /// The same for a class whose identity is at hand: no search for the name, and no lock.
     std::shared_ptr<ZFactoryObject> make_shared_direct(const CID& classId, const char* file, int line);
 
+    /// The names of the classes of that kind that can be created now, sorted.
+    std::vector<std::string> ClassesOf(const CID& base) const;
     /// The identity of a known class; empty otherwise.
     CID Find(std::string_view className) const;
 

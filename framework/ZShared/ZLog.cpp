@@ -89,15 +89,14 @@ ZLog& ZLog::Instance() {
     return log;
 }
 
-bool ZLog::Configure(const ZLogSettings& settings, std::string& error) {
+ZResult<void> ZLog::Configure(const ZLogSettings& settings) {
     try {
         auto logger = MakeLogger(settings);
         const std::lock_guard lock(m_impl->mutex);
         m_impl->logger = std::move(logger);
-        return true;
+        return {};
     } catch (const std::exception& failure) {
-        error = failure.what();
-        return false;
+        return ZError(failure.what());
     }
 }
 

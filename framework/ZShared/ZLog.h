@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "ZShared/ZError.h"
 #include "ZShared/ZLogFormat.h"
 
 /// Where log lines go. Relative sizes and counts follow the logging library's rotating file.
@@ -30,9 +31,9 @@ public:
 
     static ZLog& Instance();
 
-    /// Opens the outputs in `settings` in place of the present ones. On failure the present ones stay, `error` says
-    /// what could not be opened, and false is returned.
-    bool Configure(const ZLogSettings& settings, std::string& error);
+    /// Opens the outputs in `settings` in place of the present ones. On failure the present ones stay, and the error
+    /// says what could not be opened.
+    ZResult<void> Configure(const ZLogSettings& settings);
 
     /// Writes one line; printf-style, checked by the compiler. Never throws, whatever the outputs do.
     void Log(int level, const char* channel, const char* file, const char* function, int line, const char* format, ...)

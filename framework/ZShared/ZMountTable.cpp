@@ -2,6 +2,9 @@
 
 #include <libmount/libmount.h>
 
+#include <sys/stat.h>
+
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 
@@ -20,17 +23,24 @@ std::vector<ZMount> ReadMountTable() {
         const char* source = mnt_fs_get_source(entry);
         const char* root = mnt_fs_get_root(entry);
         const char* target = mnt_fs_get_target(entry);
-        mounts.push_back(
-            {source == nullptr ? "" : source, root == nullptr ? "" : root, target == nullptr ? "" : target});
+        mounts.push_back({source == nullptr ? "" : source, root == nullptr ? "" : root, target == nullptr ? "" : target,
+                          mnt_fs_get_devno(entry)});
     }
     return mounts;
 }
 
 std::string MountPointOfDevice(const std::string& device) {
+    struct stat what {};
+    const bool isBlock = ::stat(device.c_str(), &what) == 0 && S_ISBLK(what.st_mode);
+    std::error_code code;
+    const std::string real = std::filesystem::weakly_canonical(device, code).string();
+    const auto isOn = [&](const ZMount& mount) {
+        return mount.source == device || (!code && mount.source == real) || (isBlock && mount.device == what.st_rdev);
+    };
     const std::vector<ZMount> mounts = ReadMountTable();
     std::string partly;
     for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount) {
-        if (mount->source != device) {
+        if (!isOn(*mount)) {
             continue;
         }
         if (mount->root == "/") {

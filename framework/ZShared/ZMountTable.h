@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -7,11 +9,13 @@ struct ZMount {
     std::string source;  ///< the device, or the file system's own word where there is none
     std::string root;    ///< the part of the file system that is mounted: "/" for all of it
     std::string target;  ///< the mount point, with the kernel's escapes decoded
+    dev_t device = 0;    ///< the number of the device; one of the kernel's own where there is no block device
 };
 
 /// The mounts that this process sees, in the kernel's order. Throws std::runtime_error when the table can't be read.
 std::vector<ZMount> ReadMountTable();
 
 /// The mount point of the device's newest mount, of the whole file system if there is such a mount (a bind mount of a
-/// folder has the device as its source too); empty when it is not mounted. Throws as ReadMountTable.
+/// folder has the device as its source too); empty when it is not mounted. `device` may be any name of the device, a
+/// link as /dev/disk/by-label/data too. Throws as ReadMountTable.
 std::string MountPointOfDevice(const std::string& device);

@@ -7,9 +7,9 @@ class ZNodeDevicePropsCfg : public ZConfig {
     Z_MESSAGE(ZNodeDevicePropsCfg, ZConfig)
 public:
     using ZConfig::ZConfig;
-    ZDeviceType m_DeviceType = DEVICE_CART;  ///< which part of the instrument this graph runs on
+    ZDeviceType m_DeviceType = DEVICE_CART;
 
-    Z_FIELDS(Z_FIELD(m_DeviceType))
+    Z_FIELDS(Z_FIELD(m_DeviceType).Means("Which part of the instrument this graph runs on: host device or accessory."))
 };
 
 /// Answers "deviceProps" with the device's identity, as it is at the time of the question.

@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "FilePart.h"
-#include "ZCoreConfigs/ZSettings.h"
 #include "ZMessages/PeerMessages.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
@@ -17,8 +16,6 @@ Z_IMPLEMENT(ZNodeFileIO)
 namespace {
 
 constexpr std::chrono::seconds kLookAgain{1};
-constexpr std::uint32_t kMostIdleSeconds = 3600;
-constexpr std::uint32_t kMostOpenFiles = 256;
 
 /// The message as what all file messages share; null for one of another class.
 std::shared_ptr<ZFileMsg> ToFileMessage(const std::shared_ptr<ZMessage>& message) {
@@ -54,11 +51,9 @@ ZNodeFileIO::ZNodeFileIO(const ZString& name) : ZNode(name) {
 bool ZNodeFileIO::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
     const auto core = cast_shared<ZCoreConfigParams>(message);
     return ReadRecord<ZNodeFileIOCfg>(config, [&](const ZNodeFileIOCfg& record) {
-        if (core && !core->m_Files.m_UpdatesFolder.empty()) {
-            m_updatesFolder = AbsolutePath("updatesFolder", core->m_Files.m_UpdatesFolder, nullptr);
+        if (core) {
+            m_updatesFolder = core->UpdatesFolder();
         }
-        CheckRange("idleSeconds", record.m_IdleSeconds, 1, kMostIdleSeconds);
-        CheckRange("maxOpenFiles", record.m_MaxOpenFiles, 1, kMostOpenFiles);
         m_idle = std::chrono::seconds(record.m_IdleSeconds);
         m_files = std::make_unique<OpenFiles>(RootsOf(record), record.m_MaxOpenFiles);
         ReadIdentity();
@@ -69,10 +64,7 @@ bool ZNodeFileIO::OnConfig(const std::shared_ptr<ZMessage>& message, const std::
 }
 
 std::vector<fs::path> ZNodeFileIO::RootsOf(const ZNodeFileIOCfg& record) const {
-    std::vector<fs::path> roots;
-    for (const ZString& text : record.m_Roots) {
-        roots.push_back(AbsolutePath("roots", text, record.Environment().get()));
-    }
+    std::vector<fs::path> roots(record.m_Roots.begin(), record.m_Roots.end());
     if (roots.empty() && !m_updatesFolder.empty()) {
         roots.push_back(m_updatesFolder);
     }

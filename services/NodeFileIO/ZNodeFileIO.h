@@ -7,13 +7,14 @@ class ZNodeFileIOCfg : public ZConfig {
     Z_MESSAGE(ZNodeFileIOCfg, ZConfig)
 public:
     using ZConfig::ZConfig;
-    /// Absolute folders that files may be below, in which environment variables are replaced; none: the graph's updates
-    /// folder.
     ZVector<ZString> m_Roots;
-    std::uint32_t m_IdleSeconds = 30;   ///< a file that nobody used for so long is thrown away; 1 to 3600
-    std::uint32_t m_MaxOpenFiles = 64;  ///< 1 to 256
+    std::uint32_t m_IdleSeconds = 30;
+    std::uint32_t m_MaxOpenFiles = 64;
 
-    Z_FIELDS(Z_FIELD(m_Roots), Z_FIELD(m_IdleSeconds), Z_FIELD(m_MaxOpenFiles))
+    Z_FIELDS(Z_FIELD(m_Roots).Path().Means("Files may be below these. Empty: below the updates folder.",
+                                           "[\"/var/lib/arbor/updates\"]"),
+             Z_FIELD(m_IdleSeconds).In(1, 3600).Means("A file that nobody used for so long is thrown away."),
+             Z_FIELD(m_MaxOpenFiles).In(1, 256).Means("Files on their way at once."))
 };
 
 /// The service behind "fileIO": receives files, a chunk in each message, and reads parts of them. A file gets its name

@@ -7,7 +7,6 @@
 #include "HttpServer.h"
 #include "MessageText.h"
 #include "Resources.h"
-#include "ZCoreConfigs/ZSettings.h"
 #include "ZMessages/PeerMessages.h"
 #include "ZShared/ZLog.h"
 
@@ -21,52 +20,38 @@ namespace {
 // Beside the threads that open event streams hold and those whose requests wait for answers: for all that ends at once.
 constexpr std::size_t kSpareThreads = 8;
 
-std::string CheckedPath(const ZNodeGatewayCfg& config) {
-    return AbsolutePath("socketPath", config.m_SocketPath, config.Environment().get()).string();
-}
-
-mode_t CheckedMode(const ZString& text) {
-    unsigned mode = 0;
-    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
-    if (failure != std::errc() || end != text.data() + text.size() || mode > 0777) {
-        throw ZBadSetting("socketMode", text, "a text of octal permission bits, as \"0660\"");
-    }
-    return mode;
-}
-
-std::optional<gid_t> CheckedGroup(const ZString& name) {
-    if (name.empty()) {
-        return std::nullopt;
-    }
-    group entry{};
-    group* found = nullptr;
-    std::vector<char> buffer(65536);
-    if (::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) {
-        throw ZBadSetting("socketGroup", name, "the name of a group of this system");
-    }
-    return entry.gr_gid;
-}
-
-HttpServerSettings CheckedSettings(const ZNodeGatewayCfg& config) {
-    CheckRange("answerTimeoutSeconds", config.m_AnswerTimeoutSeconds, 1, 3600);
-    CheckRange("maxEventClients", config.m_MaxEventClients, 1, 256);
-    CheckRange("eventBacklog", config.m_EventBacklog, 1, 65536);
+HttpServerSettings ServerSettings(const ZNodeGatewayCfg& config) {
     HttpServerSettings settings;
-    settings.path = CheckedPath(config);
-    settings.access = {CheckedMode(config.m_SocketMode), CheckedGroup(config.m_SocketGroup)};
+    settings.path = ToStdString(config.m_SocketPath);
+    settings.access = {*ZNodeGatewayCfg::ModeOf(config.m_SocketMode), ZNodeGatewayCfg::GroupOf(config.m_SocketGroup)};
     settings.threads = config.m_MaxEventClients + Requests::kAtOnce + kSpareThreads;
     return settings;
 }
 
 }  // namespace
 
+std::optional<mode_t> ZNodeGatewayCfg::ModeOf(std::string_view text) {
+    unsigned mode = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), mode, 8);
+    const bool good = failure == std::errc() && end == text.data() + text.size() && mode <= 0777;
+    return good ? std::optional<mode_t>(mode) : std::nullopt;
+}
+
+std::optional<gid_t> ZNodeGatewayCfg::GroupOf(std::string_view name) {
+    group entry{};
+    group* found = nullptr;
+    std::vector<char> buffer(65536);
+    const bool known = ::getgrnam_r(std::string(name).c_str(), &entry, buffer.data(), buffer.size(), &found) == 0;
+    return known && found != nullptr ? std::optional(entry.gr_gid) : std::nullopt;
+}
+
 /// What the node is made of. The server is the first to go: its threads use the rest.
 struct ZNodeGateway::Parts {
     Parts(ZNodeGateway& node, const ZNodeGatewayCfg& config)
-        : path(CheckedPath(config)),
+        : path(config.m_SocketPath),
           events(config.m_MaxEventClients, config.m_EventBacklog),
           resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events),
-          server(CheckedSettings(config), [this](const HttpRequest& request) { return resources.Handle(request); }) {}
+          server(ServerSettings(config), [this](const HttpRequest& request) { return resources.Handle(request); }) {}
 
     const std::string path;
     EventHub events;

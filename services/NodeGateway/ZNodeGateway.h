@@ -1,5 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
+
 #include "NodeBase/ZNode.h"
 
 namespace gateway {
@@ -11,15 +15,31 @@ class ZNodeGatewayCfg : public ZConfig {
     Z_MESSAGE(ZNodeGatewayCfg, ZConfig)
 public:
     using ZConfig::ZConfig;
-    ZString m_SocketPath = "/run/arbor/gateway.sock";  ///< environment variables in it are replaced
-    ZString m_SocketMode = "0660";                     ///< octal permission bits
-    ZString m_SocketGroup;                      ///< who beside the owner the bits are for; empty: the host's group
-    std::uint32_t m_AnswerTimeoutSeconds = 30;  ///< 1 to 3600
-    std::uint32_t m_MaxEventClients = 16;       ///< event streams at once; 1 to 256
-    std::uint32_t m_EventBacklog = 256;         ///< events that wait for one client; 1 to 65536
+    ZString m_SocketPath = "/run/arbor/gateway.sock";
+    ZString m_SocketMode = "0660";
+    ZString m_SocketGroup;
+    std::uint32_t m_AnswerTimeoutSeconds = 30;
+    std::uint32_t m_MaxEventClients = 16;
+    std::uint32_t m_EventBacklog = 256;
 
-    Z_FIELDS(Z_FIELD(m_SocketPath), Z_FIELD(m_SocketMode), Z_FIELD(m_SocketGroup), Z_FIELD(m_AnswerTimeoutSeconds),
-             Z_FIELD(m_MaxEventClients), Z_FIELD(m_EventBacklog))
+    /// The permission bits that a text in octal digits means; none for another text.
+    static std::optional<mode_t> ModeOf(std::string_view text);
+    /// The number of the system's group of that name; none when there is no such group.
+    static std::optional<gid_t> GroupOf(std::string_view name);
+
+    Z_FIELDS(Z_FIELD(m_SocketPath).Path().Means("Where the gateway listens."),
+             Z_FIELD(m_SocketMode)
+                 .Checked([](std::string_view text) { return ModeOf(text).has_value(); },
+                          "a text of octal permission bits, as \"0660\"", "^[0-7]{1,4}$")
+                 .Means("The socket's permission bits: who may connect may install."),
+             Z_FIELD(m_SocketGroup)
+                 .Checked([](std::string_view name) { return GroupOf(name).has_value(); },
+                          "the name of a group of this system")
+                 .OrEmpty()
+                 .Means("Who beside the owner the bits are for. Empty: the host's group."),
+             Z_FIELD(m_AnswerTimeoutSeconds).In(1, 3600).Means("How long a request waits for the graph's answer."),
+             Z_FIELD(m_MaxEventClients).In(1, 256).Means("Event streams at once."),
+             Z_FIELD(m_EventBacklog).In(1, 65'536).Means("Events that wait for one client."))
 };
 
 /// The graph's door for people and their tools: requests and notifications of the bus over HTTP on a UNIX socket, what

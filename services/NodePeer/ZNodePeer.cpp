@@ -3,11 +3,9 @@
 #include <magic_enum/magic_enum.hpp>
 
 #include <algorithm>
-#include <regex>
 
 #include "NodeComm/zmq/LinkKeys.h"
 #include "PinFile.h"
-#include "ZCoreConfigs/ZSettings.h"
 #include "ZShared/ZLog.h"
 
 Z_IMPLEMENT(ZNodePeerCfg)
@@ -43,25 +41,24 @@ bool ZNodePeer::OnConfig(const std::shared_ptr<ZMessage>& message, const std::sh
     });
 }
 
+bool ZNodePeerCfg::IsAddress(std::string_view text) {
+    return ZNodeCommZmq::IsAddress(std::string(text));
+}
+
+bool ZNodePeerCfg::IsExport(std::string_view text) {
+    return text.size() > 2 && std::string_view("1236").find(text[0]) != std::string_view::npos && text[1] == ':' &&
+           text.find(' ') == std::string_view::npos;
+}
+
 void ZNodePeer::TakeSettings(const ZNodePeerCfg& record) {
     m_settings.listenAddress = ToStdString(record.m_Listen);
-    if (!record.m_Listen.empty() && !ZNodeCommZmq::IsAddress(m_settings.listenAddress)) {
-        throw ZBadSetting("listen", record.m_Listen, "an address such as tcp://*:5700");
-    }
-    static const std::regex place("[1236]:[^ ]+");
-    for (const ZString& name : record.m_Exports) {
-        if (!std::regex_match(name.c_str(), place)) {
-            throw ZBadSetting("exports", name, "a type and keyword, as \"2:upload\"");
-        }
-        m_settings.exports.insert(ToStdString(name));
-    }
-    CheckRange("heartbeatMilliseconds", record.m_HeartbeatMilliseconds, 100, 60'000);
+    m_settings.exports = {record.m_Exports.begin(), record.m_Exports.end()};
     m_settings.heartbeat = std::chrono::milliseconds(record.m_HeartbeatMilliseconds);
 }
 
 void ZNodePeer::LoadKeysAndPins(const ZNodePeerCfg& record) {
-    const auto keyFile = AbsolutePath("keyFile", record.m_KeyFile, record.Environment().get());
-    m_pinsFile = AbsolutePath("pinsFile", record.m_PinsFile, record.Environment().get());
+    const std::filesystem::path keyFile(record.m_KeyFile);
+    m_pinsFile = ToStdString(record.m_PinsFile);
     std::string error;
     const auto keys = LoadOrMakeLinkKeys(keyFile, error);
     if (!keys) {

@@ -8,14 +8,30 @@ class ZNodePeerCfg : public ZConfig {
     Z_MESSAGE(ZNodePeerCfg, ZConfig)
 public:
     using ZConfig::ZConfig;
-    ZString m_KeyFile;   ///< this device's key pair; made when there is none. Environment variables are replaced.
-    ZString m_PinsFile;  ///< the keys of the devices that are let in; written when one is paired
-    ZString m_Listen;    ///< "tcp://*:5700"; empty: this device only calls
-    ZVector<ZString> m_Exports;  ///< what other devices may call here, by type and keyword: "2:upload"
-    std::uint32_t m_HeartbeatMilliseconds = 1000;  ///< 100 to 60000; a silent device is given up after twice that
+    ZString m_KeyFile;
+    ZString m_PinsFile;
+    ZString m_Listen;
+    ZVector<ZString> m_Exports;
+    std::uint32_t m_HeartbeatMilliseconds = 1000;
 
-    Z_FIELDS(Z_FIELD(m_KeyFile), Z_FIELD(m_PinsFile), Z_FIELD(m_Listen), Z_FIELD(m_Exports),
-             Z_FIELD(m_HeartbeatMilliseconds))
+    static bool IsAddress(std::string_view text);
+    static bool IsExport(std::string_view text);
+
+    Z_FIELDS(Z_FIELD(m_KeyFile).Path().Means("This device's key pair. Made when there is none.",
+                                             "\"/etc/arbor/link-key.json\""),
+             Z_FIELD(m_PinsFile)
+                 .Path()
+                 .Means("The keys of the devices that are let in. Pairing writes it.", "\"/etc/arbor/link-pins.json\""),
+             Z_FIELD(m_Listen)
+                 .Checked(&IsAddress, "an address such as tcp://*:5700")
+                 .OrEmpty()
+                 .Means("Where others may call. Empty: this device only calls.", "\"tcp://*:5700\""),
+             Z_FIELD(m_Exports)
+                 .Checked(&IsExport, "a type and keyword, as \"2:upload\"", "^[1236]:[^ ]+$")
+                 .Means("What other devices may ask for here, as type and keyword.", "[\"2:upload\"]"),
+             Z_FIELD(m_HeartbeatMilliseconds)
+                 .In(100, 60'000)
+                 .Means("How often a silent device is probed. It is given up after twice that."))
 };
 
 /// This device's link to others: knows them, hands messages to them ("forward"), lets them in by their keys ("peers",

@@ -1,6 +1,5 @@
 #include "ZNodeStorage.h"
 
-#include "ZCoreConfigs/ZSettings.h"
 #include "ZShared/ZLog.h"
 
 Z_IMPLEMENT(ZNodeStorageCfg)
@@ -14,12 +13,8 @@ ZVector<ZString> ToZStrings(const std::vector<std::string>& texts) {
     return {texts.begin(), texts.end()};
 }
 
-std::vector<std::string> AbsolutePaths(const char* key, const ZVector<ZString>& paths, const ZNodeStorageCfg& record) {
-    std::vector<std::string> folders;
-    for (const ZString& path : paths) {
-        folders.push_back(AbsolutePath(key, path, record.Environment().get()).string());
-    }
-    return folders;
+std::vector<std::string> ToStdStrings(const ZVector<ZString>& texts) {
+    return {texts.begin(), texts.end()};
 }
 
 }  // namespace
@@ -35,13 +30,13 @@ ZNodeStorage::~ZNodeStorage() {
 bool ZNodeStorage::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
     const auto core = cast_shared<ZCoreConfigParams>(message);
     return ReadRecord<ZNodeStorageCfg>(config, [&](const ZNodeStorageCfg& record) {
-        if (core && !core->m_Files.m_UpdatesFolder.empty()) {
-            m_updatesFolder = AbsolutePath("updatesFolder", core->m_Files.m_UpdatesFolder, nullptr);
+        if (core) {
+            m_updatesFolder = core->UpdatesFolder();
         }
         DriveRules rules;
-        rules.removableRoots = AbsolutePaths("removableRoots", record.m_RemovableRoots, record);
-        rules.roots = AbsolutePaths("roots", record.m_Roots, record);
-        rules.excludedRoots = AbsolutePaths("excludedRoots", record.m_ExcludedRoots, record);
+        rules.removableRoots = ToStdStrings(record.m_RemovableRoots);
+        rules.roots = ToStdStrings(record.m_Roots);
+        rules.excludedRoots = ToStdStrings(record.m_ExcludedRoots);
         m_drives = std::make_unique<DriveMonitor>(std::move(rules));
         m_present = ToZStrings(m_drives->Drives());
     });

@@ -6,16 +6,22 @@
 #include "ZMessages/Messages.h"
 #include "ZShared/ZStopEvent.h"
 
-/// Absolute paths, in which environment variables are replaced.
 class ZNodeStorageCfg : public ZConfig {
     Z_MESSAGE(ZNodeStorageCfg, ZConfig)
 public:
     using ZConfig::ZConfig;
-    ZVector<ZString> m_RemovableRoots{"/media", "/run/media"};  ///< every mount below counts as a drive
-    ZVector<ZString> m_Roots;          ///< directories that count while they are mounted or filled
-    ZVector<ZString> m_ExcludedRoots;  ///< never drives, nor what is below: the instrument's own storage
+    ZVector<ZString> m_RemovableRoots{"/media", "/run/media"};
+    ZVector<ZString> m_Roots;
+    ZVector<ZString> m_ExcludedRoots;
 
-    Z_FIELDS(Z_FIELD(m_RemovableRoots), Z_FIELD(m_Roots), Z_FIELD(m_ExcludedRoots))
+    Z_FIELDS(
+        Z_FIELD(m_RemovableRoots).Path().Means("Every mount below one of them counts as a drive."),
+        Z_FIELD(m_Roots).Path().Means("These count as drives while they are mounted or filled. Put a filled folder in "
+                                      "place with one rename: it is scanned as soon as it shows.",
+                                      "[\"/mnt/stick\"]"),
+        Z_FIELD(m_ExcludedRoots)
+            .Path()
+            .Means("Nothing there or below counts: the instrument's own storage.", "[\"/media/mmcblk1p3\"]"))
 };
 
 /// Tells the graph about storage: answers "getdevices" with the drives that are present, publishes

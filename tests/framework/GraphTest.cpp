@@ -85,7 +85,7 @@ protected:
         g_refusals = 0;
     }
     std::shared_ptr<StoryNode> Add(const char* name) {
-        EXPECT_TRUE(m_graph->AddNode("StoryNode", name, nullptr, m_error)) << m_error;
+        EXPECT_EQ(ErrorOf(m_graph->AddNode("StoryNode", name, nullptr)), "");
         return ZCAST(StoryNode, m_graph->Node(name));
     }
     static bool Run(StoryNode& node, const char* work) {
@@ -95,14 +95,13 @@ protected:
     }
     const std::shared_ptr<ZCoreConfigParams> m_core = Z_MAKE(ZCoreConfigParams);
     std::unique_ptr<ZGraph> m_graph = std::make_unique<ZGraph>(m_core);
-    std::string m_error;
     LogCapture m_log;
 };
 
 TEST_F(Graph, LeadsItsNodesThroughTheirLivesInOrder) {
     Add("a");
     Add("b");
-    EXPECT_TRUE(m_graph->Start(m_error));
+    EXPECT_EQ(ErrorOf(m_graph->Start()), "");
     EXPECT_EQ(m_graph->Stop(), ZGraphEnd::Agreed);
     // One that is slow to answer is asked again.
     const std::string story =
@@ -121,11 +120,10 @@ TEST_F(Graph, SaysWhichNodeCouldNotBeSetUpAndDropsIt) {
                                                       {"construct", "Node \"n\" could not be made: torn"}};
     for (const auto& [fault, error] : cases) {
         g_fault = fault;
-        EXPECT_FALSE(m_graph->AddNode("StoryNode", "n", nullptr, m_error) || m_graph->Node("n"));
-        EXPECT_EQ(m_error, error);
+        EXPECT_EQ(ErrorOf(m_graph->AddNode("StoryNode", "n", nullptr)), error);
+        EXPECT_FALSE(m_graph->Node("n"));
     }
-    EXPECT_FALSE(m_graph->AddNode("BatteryMsg", "n", nullptr, m_error));
-    EXPECT_EQ(m_error, "\"BatteryMsg\" is not the name of a node class");
+    EXPECT_EQ(ErrorOf(m_graph->AddNode("BatteryMsg", "n", nullptr)), "\"BatteryMsg\" is not the name of a node class");
 }
 
 TEST_F(Graph, RunsActionsAndStopsTheNewest) {
@@ -164,7 +162,7 @@ TEST_F(Graph, WaitsOutARefusalUpToTheGracePeriod) {
     for (const auto& [refusals, grace, end] : cases) {
         m_core->m_ShutdownGraceSeconds = grace;
         ZGraph graph(m_core);
-        EXPECT_TRUE(graph.AddNode("StoryNode", "a", nullptr, m_error));
+        EXPECT_EQ(ErrorOf(graph.AddNode("StoryNode", "a", nullptr)), "");
         g_refusals = refusals;
         EXPECT_EQ(graph.Stop(), end);
         EXPECT_TRUE(m_log.Has(3, "Waiting for a, which is not ready to stop")) << m_log.All();
@@ -193,11 +191,11 @@ TEST_F(Graph, LeavesNothingBehindAfterAThousandLives) {
         before = life == 1 ? inUse : before;  // with what is made once and stays
         ASSERT_TRUE(life == 0 || inUse == before) << life << ": " << inUse << " against " << before;
         ZGraph graph(m_core);
-        ASSERT_TRUE(graph.AddNode("ProbeNode", "asks", nullptr, m_error)) << m_error;
-        ASSERT_TRUE(graph.AddNode("ProbeNode", "answers", nullptr, m_error)) << m_error;
+        ASSERT_EQ(ErrorOf(graph.AddNode("ProbeNode", "asks", nullptr)), "");
+        ASSERT_EQ(ErrorOf(graph.AddNode("ProbeNode", "answers", nullptr)), "");
         const auto answers = ZCAST(ProbeNode, graph.Node("answers"));
         answers->Listen(ZEndpointType::GraphService, "q", [](const auto& request) { return request; });
-        ASSERT_TRUE(graph.Start(m_error)) << m_error;
+        ASSERT_EQ(ErrorOf(graph.Start()), "");
         const auto asks = ZCAST(ProbeNode, graph.Node("asks"));
         EXPECT_TRUE(asks->Ask(ZEndpointType::GraphService, "q", Z_MAKE(ZGenericRequestMsg)));
         EXPECT_GT(ZAllocatorAccount::Usage().inUse, inUse + 2 * sizeof(ProbeNode));

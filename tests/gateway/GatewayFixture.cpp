@@ -77,9 +77,11 @@ bool Gateway::Start(const std::string& settings) {
     const auto config = Made("ZNodeGatewayCfg", "{\"socketPath\":\"" + socket.string() + "\"" +
                                                     (settings.empty() ? "" : ",") + settings + "}");
     graph = std::make_unique<ZGraph>(ZMakeShared<ZCoreConfigParams>());
-    if (!graph->AddNode("ProbeNode", "probe", nullptr, error) ||
-        !graph->AddNode("ZNodeGateway", "gateway", cast_shared<ZNodeGatewayCfg>(config), error) ||
-        !graph->Start(error)) {
+    auto started = graph->AddNode("ProbeNode", "probe", nullptr);
+    started = started ? graph->AddNode("ZNodeGateway", "gateway", cast_shared<ZNodeGatewayCfg>(config)) : started;
+    started = started ? graph->Start() : started;
+    error = ErrorOf(started);
+    if (!started) {
         return false;
     }
     probe = cast_shared<ProbeNode>(graph->Node("probe"));

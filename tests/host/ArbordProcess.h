@@ -13,6 +13,7 @@ public:
     explicit ArbordProcess(std::vector<std::string> arguments, const std::filesystem::path& output = {});
     ~ArbordProcess();
 
+    pid_t Id() const { return m_id; }
     void Signal(int signal) const { ::kill(m_id, signal); }
     /// Sends a signal and waits until the process has taken it.
     bool SignalAndWait(int signal) const;

@@ -1,9 +1,6 @@
 #include <gmock/gmock.h>
 
-#include <boost/algorithm/string/join.hpp>
 #include <boost/json.hpp>
-#include <set>
-
 #include "ArbordProcess.h"
 
 namespace json = boost::json;
@@ -37,10 +34,13 @@ TEST(GraphFile, ErrorsNameFileLineAndKey) {
         {"{\n\"core\": {}, @,\n\"core\": {} }", {":3: \"core\" stands here twice"}},
         {"{@,\n\"cores\": {}}", {":2: \"cores\" is no known key here; known are: $schema, comms, core, "}},
         {"{@, \"core\": {\n\"queueLength\": 0,\n\"updatesFolder\": 5 }}",
-         {":2: core: \"queueLength\" must be at least 1", ":3: core: \"updatesFolder\" is not a text"}},
-        {"{@, \"core\": {\n\"updatesFolder\": \"a/b\" }}", {":2: core: \"updatesFolder\" is not an absolute path"}},
+         {":2: core: \"queueLength\" is 0; it must be a number from 1 to ",
+          ":3: core: \"updatesFolder\" is not a text"}},
+        {"{@, \"core\": {\n\"updatesFolder\": \"a/b\" }}",
+         {":2: core: \"updatesFolder\" is \"a/b\"; it must be an absolute path whose variables are set"}},
         {"{@, \"log\":\n{ \"level\": 5, \"file\": \"$NO_SUCH_THING/x\" }}",
-         {":2: log: \"level\" is not a level", ":2: log: \"file\" names a variable that is not set: $NO_SUCH_THING/x"}},
+         {":2: log: \"level\" is 5; it must be a number from 0 to 4",
+          ":2: log: \"file\" is \"$NO_SUCH_THING/x\"; it must be an absolute path whose variables are set"}},
         {"{@, \"log\": 1, \"comms\": {\n\n\"hostName\": \"\"}}",
          {":1: \"log\" is not an object", ":3: comms: \"hostName\" is no known key here"}},
         {"{@, \"platform\": {\n\"identity\": {\n\"serial\": 1},\n\"mounts\": {\n\"/dev/a\": 7} }}",
@@ -80,38 +80,70 @@ TEST(GraphFile, ErrorsNameFileLineAndKey) {
     }
 }
 
-TEST(GraphFile, TakesEveryKeyOfItsSchemaAndNoOther) {
-    const json::value schema = json::parse(ReadText(GRAPH_SCHEMA));
-    const auto samples = [&](const std::string& pointer) {
-        json::object all;
-        for (const auto& [key, property] : schema.at_pointer(pointer + "/properties").as_object()) {
-            if (const json::value* examples = property.as_object().if_contains("examples")) {
-                all[key] = examples->at(0);
-            } else if (const json::value* value = property.as_object().if_contains("default")) {
-                all[key] = *value;
-            }
-        }
-        EXPECT_FALSE(all.empty()) << pointer;
-        return all;
-    };
-    json::object graph = samples("");
-    for (const std::string section : {"core", "comms", "log", "platform"}) {
-        graph[section] = samples("/properties/" + section);
+TEST(GraphFile, ErrorsAreToldAllAtOnce) {
+    const TemporaryFolder folder;
+    const auto file = folder.Write("graph.json", R"({
+"core": { "updatesFolder": "/usr",
+  "requestTimeoutSeconds": 0, "unknown": 1 },
+"log": { "file": "logs/arbord.log",
+  "level": "high" },
+"platform": { "commandTimeoutSeconds": -1 },
+"libraries": [ "libNodeArborInstall.so", "libNodeStorage.so", "libNodeFileIO.so", "libNodeGateway.so",
+  "libNodePeer.so", "libNoSuch.so" ],
+"nodes": [
+  { "name": "Update", "class": "ZNodeArborInstall",
+    "required": false,
+    "config": {
+      "ArchiveDir": "../x",
+      "ProgressPath": "/etc/passwd" } },
+  { "name": "Files", "class": "ZNodeFileIO", "config": { "idleSeconds": 0,
+      "roots": [ "/srv/a", "b" ] } },
+  { "name": "Gateway", "class": "ZNodeGateway", "config": { "socketPath": "gateway.sock",
+      "socketMode": "0999" } },
+  { "name": "Link", "class": "ZNodePeer", "config": { "keyFile": "/k", "pinsFile": "/p",
+      "listen": "nonsense" } } ] })");
+    const std::string output = Check(file);
+    EXPECT_THAT(output, StartsWith("1\n"));
+    for (const char* error :
+         {":2: core: \"updatesFolder\" is \"/usr\"; it must be a folder of its own",
+          ":3: core: \"requestTimeoutSeconds\" is 0; it must be a number from 1 to 3600", ":3: core: \"unknown\" is no",
+          ":4: log: \"file\" is \"logs/arbord.log\"; it must be an absolute path", ":5: log: \"level\" is not a whole",
+          ":6: platform: \"commandTimeoutSeconds\" is not a whole number", ":8: libraries[5]: \"libNoSuch.so\" is in",
+          ":11: nodes[0]: \"required\" is false; without a ZNodeArborInstall nothing is updated",
+          ":13: nodes[0].config: \"ArchiveDir\" is \"../x\"; it must be a folder below the device's mount point",
+          ":14: nodes[0].config: \"ProgressPath\" is \"/etc/passwd\"; it must be a file's name",
+          ":15: nodes[1].config: \"idleSeconds\" is 0; it must be a number from 1 to 3600",
+          ":16: nodes[1].config: \"roots\" is \"b\"; it must be an absolute path",
+          ":17: nodes[2].config: \"socketPath\" is \"gateway.sock\"; it must be an absolute path",
+          ":18: nodes[2].config: \"socketMode\" is \"0999\"; it must be a text of octal permission bits",
+          ":20: nodes[3].config: \"listen\" is \"nonsense\"; it must be an address such as tcp://*:5700"}) {
+        EXPECT_THAT(output, HasSubstr(file.string() + error));
     }
-    graph["platform"].as_object()["identity"] = samples("/properties/platform/properties/identity");
-    const auto check = [&graph](const std::string& node, const json::object& record) {
-        const TemporaryFolder folder;
-        graph["nodes"] = json::array{json::object{{"name", node}, {"class", node}, {"config", record}}};
-        return Check(folder.Write("graph.json", json::serialize(graph)));
-    };
-    for (const std::string node :
-         {"ZNodeArborInstall", "ZNodeStorage", "ZNodeDeviceProps", "ZNodeFileIO", "ZNodePeer", "ZNodeGateway"}) {
-        const json::object record = samples("/definitions/" + node + "Cfg");
-        std::set<std::string> keys;
-        for (const auto& property : schema.at_pointer("/definitions/" + node + "Cfg/properties").as_object()) {
-            keys.insert(std::string(property.key()));
-        }
-        EXPECT_THAT(check(node, {{"none", 1}}), HasSubstr("known are: " + boost::algorithm::join(keys, ", ") + "\n"));
-        EXPECT_THAT(check(node, record), HasSubstr("no errors, nodes: 1"));
+}
+
+TEST(GraphFile, KeepsTheUpdatesFolderAwayFromWhatIsNeeded) {
+    const TemporaryFolder folder;
+    std::filesystem::create_directories(folder / "state/updates");
+    std::filesystem::create_directory_symlink("/etc", folder / "link");
+    const struct {
+        std::string updates;
+        const char* refusal;
+    } cases[] = {{"/", "must be a folder of its own"},
+                 {"/var/lib/../lib/", "must be a folder of its own"},
+                 {(folder / "link").string(), "it belongs to the system"},
+                 {folder.Path().string(), "it holds "},
+                 {"/dev/shm", "must be a folder of its own"},
+                 {(folder / "state/updates").string(), "no errors, nodes: 1"}};
+    for (const auto& [updates, refusal] : cases) {
+        const auto file =
+            folder.Write("graph.json", "{" + kGood + R"(, "core": { "updatesFolder": ")" + updates + "\" } }");
+        EXPECT_THAT(Check(file), HasSubstr(refusal)) << updates;
     }
+}
+
+TEST(GraphFile, SchemaIsMadeFromTheSettings) {
+    ArbordProcess arbord({"--schema"});
+    ASSERT_EQ(arbord.WaitForExit(), 0) << arbord.Output();
+    EXPECT_EQ(json::parse(arbord.Output()), json::parse(ReadText(GRAPH_SCHEMA)))
+        << "scripts/settings.py writes the file, and docs/settings.md with it";
 }

@@ -4,6 +4,7 @@
 class ZNodeUnrulyCfg : public ZConfig {
     Z_MESSAGE(ZNodeUnrulyCfg, ZConfig)
 public:
+    ZString m_WantedFile;  ///< refuses its configuration while this is not there
     bool m_bFailAtStart = false;
     bool m_bRefuseToStop = false;
     bool m_bHangAtEnd = false;
@@ -11,8 +12,8 @@ public:
     bool m_bRestart = false;
     bool m_bUnconditional = false;
 
-    Z_FIELDS(Z_FIELD(m_bFailAtStart), Z_FIELD(m_bRefuseToStop), Z_FIELD(m_bHangAtEnd), Z_FIELD(m_bAskForEnd),
-             Z_FIELD(m_bRestart), Z_FIELD(m_bUnconditional))
+    Z_FIELDS(Z_FIELD(m_WantedFile), Z_FIELD(m_bFailAtStart), Z_FIELD(m_bRefuseToStop), Z_FIELD(m_bHangAtEnd),
+             Z_FIELD(m_bAskForEnd), Z_FIELD(m_bRestart), Z_FIELD(m_bUnconditional))
 };
 Z_IMPLEMENT(ZNodeUnrulyCfg)
 
@@ -22,7 +23,8 @@ public:
     using ZNode::ZNode;
     bool OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>& config) override {
         m_config = cast_shared<ZNodeUnrulyCfg>(config);
-        return m_config != nullptr;
+        return m_config != nullptr && (m_config->m_WantedFile.empty() ||
+                                       std::filesystem::exists(std::filesystem::path(m_config->m_WantedFile)));
     }
     bool OnGraphCreated() override {
         const auto end = ZMakeShared<ZShutdownMsg>();

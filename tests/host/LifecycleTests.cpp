@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <fstream>
 #include <future>
 
 #include "ArbordProcess.h"
@@ -64,6 +65,51 @@ TEST(Arbord, WaitsForARefusingNodeUntilItIsTold) {
     }
 }
 
+TEST(Arbord, RunsWithoutANodeThatIsNotRequiredUntilThatCanStart) {
+    const TemporaryFolder folder;
+    const std::string flag = (folder / "flag").string();
+    const auto graph = [&](const char* required) {
+        return folder.Write("graph.json", R"({ "libraries": [ "libHostTestNodes.so", "libNodeDeviceProps.so" ],
+            "nodes": [ { "name": "Unruly", "class": "ZNodeUnruly", "required": )" +
+                                              std::string(required) + R"(, "config": { "wantedFile": ")" + flag +
+                                              R"(" } }, { "name": "Props", "class": "ZNodeDeviceProps" } ] })");
+    };
+    {
+        ArbordProcess arbord({"--graph", graph("true").string()});
+        EXPECT_EQ(arbord.WaitForExit(), 1) << arbord.Output();
+    }
+    ArbordProcess arbord({"--graph", graph("false").string()});
+    ASSERT_TRUE(arbord.WaitForNotification("READY=1\nSTATUS=1 node runs, without Unruly")) << arbord.Output();
+    EXPECT_THAT(arbord.Output(), HasSubstr("Node \"Unruly\" refused its configuration; the graph runs without it"));
+    folder.Write("flag", "");
+    ASSERT_TRUE(arbord.WaitForNotification("READY=1\nSTATUS=2 nodes run")) << arbord.Output();
+    EXPECT_THAT(arbord.Output(), HasSubstr("Node \"Unruly\", which was left out, runs now"));
+    arbord.Signal(SIGTERM);
+    EXPECT_EQ(arbord.WaitForExit(), 0) << arbord.Output();
+}
+
+TEST(Arbord, EndsBeforeItTouchesWhatAnotherOneWorksOn) {
+    const TemporaryFolder folder;
+    const auto upload = folder / "state/updates/upload.pkg";
+    const auto graph = folder.Write("graph.json", R"({ "core": { "updatesFolder": ")" + upload.parent_path().string() +
+                                                      R"(" },
+        "libraries": [ "libNodeArborInstall.so" ],
+        "nodes": [ { "name": "Update", "class": "ZNodeArborInstall",
+                     "config": {} } ] })");
+    ArbordProcess first({"--graph", graph.string()});
+    ASSERT_TRUE(first.WaitForOutput("Graph is running")) << first.Output();
+    std::ofstream(upload) << "on its way";
+    ArbordProcess second({"--graph", graph.string()});
+    EXPECT_EQ(second.WaitForExit(), 1);
+    EXPECT_THAT(second.Output(), HasSubstr("arbord (process " + std::to_string(first.Id()) + ") runs a graph on "));
+    EXPECT_TRUE(std::filesystem::exists(upload));
+    first.Signal(SIGKILL);
+    first.WaitForExit();
+    ArbordProcess third({"--graph", graph.string()});
+    EXPECT_TRUE(third.WaitForOutput("Graph is running")) << third.Output();
+    EXPECT_FALSE(std::filesystem::exists(upload)) << "emptied at the start, as always";
+}
+
 TEST(Arbord, EndsAtTheThirdSignalThoughItsOutputBlocks) {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "the thread checker waits for the output itself before it lets a process end";
@@ -100,16 +146,15 @@ TEST(Arbord, AnswersACommandLineWithoutAGraph) {
 
 TEST(Heartbeat, NamesTheNodeWhoseHandlerDoesNotReturn) {
     ZGraph graph(ZMakeShared<ZCoreConfigParams>());
-    std::string error;
-    ASSERT_TRUE(graph.AddNode("ProbeNode", "idle", nullptr, error) &&
-                graph.AddNode("ProbeNode", "busy", nullptr, error));
-    Heartbeat heartbeat({graph.Node("idle"), graph.Node("busy")}, std::chrono::seconds(3));
-    EXPECT_TRUE(heartbeat.SilentNode().empty());
+    ASSERT_TRUE(graph.AddNode("ProbeNode", "idle", nullptr) && graph.AddNode("ProbeNode", "busy", nullptr));
+    Heartbeat heartbeat(std::chrono::seconds(3));
+    const auto silent = [&] { return heartbeat.SilentNode({graph.Node("idle"), graph.Node("busy")}); };
+    EXPECT_TRUE(silent().empty());
 
     std::promise<void> release;
     const auto released = release.get_future().share();
     graph.Node("busy")->CallOnMessageThread([released] { released.wait(); }, ZMailbox::Clock::now());
-    EXPECT_TRUE(WaitUntil([&] { return heartbeat.SilentNode() == "busy"; }));
+    EXPECT_TRUE(WaitUntil([&] { return silent() == "busy"; }));
     release.set_value();
-    EXPECT_TRUE(WaitUntil([&] { return heartbeat.SilentNode().empty(); })) << "it works again";
+    EXPECT_TRUE(WaitUntil([&] { return silent().empty(); })) << "it works again";
 }

@@ -40,8 +40,7 @@ void LinkDevice::Start(std::uint32_t requestSeconds) {
     const auto core = ZMakeShared<ZCoreConfigParams>();
     core->m_RequestTimeoutSeconds = requestSeconds;
     m_graph = std::make_unique<ZGraph>(core);
-    std::string error;
-    ASSERT_TRUE(m_graph->AddNode(ProbeNode::kClassName, "Probe", nullptr, error)) << error;
+    ASSERT_EQ(ErrorOf(m_graph->AddNode(ProbeNode::kClassName, "Probe", nullptr)), "");
     m_probe = cast_shared<ProbeNode>(m_graph->Node("Probe"));
     m_probe->Listen(ZEndpointType::GraphService, "deviceProps", [this](const auto&) {
         const auto properties = Z_MAKE(ZDevicePropertiesMsg);
@@ -61,8 +60,8 @@ void LinkDevice::Start(std::uint32_t requestSeconds) {
     record->m_Listen = ToZString(m_listen);
     record->m_Exports = m_exports;
     record->m_HeartbeatMilliseconds = 10'000;  // a loaded machine is no dead link
-    ASSERT_TRUE(m_graph->AddNode(ZNodePeer::kClassName, "Peer", record, error)) << error;
-    ASSERT_TRUE(m_graph->Start(error)) << error;
+    ASSERT_EQ(ErrorOf(m_graph->AddNode(ZNodePeer::kClassName, "Peer", record)), "");
+    ASSERT_EQ(ErrorOf(m_graph->Start()), "");
 }
 
 std::shared_ptr<ZPeersMsg> LinkDevice::Peers() const {

@@ -332,8 +332,7 @@ TEST(LinkSettings, AreRefusedByNameWhenTheyCanNotBeUsed) {
         const auto record = ZMakeShared<ZNodePeerCfg>();
         ZJSONCommStream stream;
         ASSERT_TRUE(record->Load(std::string_view("{" + row.settings + "}"), stream)) << stream.Error();
-        std::string error;
-        EXPECT_FALSE(graph.AddNode(ZNodePeer::kClassName, "Peer", record, error)) << row.settings;
+        EXPECT_FALSE(graph.AddNode(ZNodePeer::kClassName, "Peer", record)) << row.settings;
         EXPECT_THAT(log.All(), testing::HasSubstr("Peer can't be set up: " + row.said)) << row.settings;
     }
 }

@@ -87,10 +87,9 @@ TEST_F(Inventory, GoesOnWithoutWhatCanNotBeRead) {
 }
 
 TEST_F(Inventory, RefusesARecordOfAnotherClass) {
-    std::string error;
-    EXPECT_FALSE(graph->AddNode("ZNodeArborInstall", "n", ZMakeShared<ZLogParams>(), error));
+    EXPECT_FALSE(graph->AddNode("ZNodeArborInstall", "n", ZMakeShared<ZLogParams>()));
     EXPECT_TRUE(log.Has(4, "Failed to cast config to ZSystemUpdaterConfigMsg (Class Name = <ZLogParams>)!"));
-    EXPECT_FALSE(graph->AddNode("ZNodeArborInstall", "n", nullptr, error));
+    EXPECT_FALSE(graph->AddNode("ZNodeArborInstall", "n", nullptr));
     EXPECT_TRUE(log.Has(4, "Failed to cast config to ZSystemUpdaterConfigMsg (Class Name = <nullptr>)!"));
 }
 

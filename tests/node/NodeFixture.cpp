@@ -11,8 +11,7 @@ NodeFixture::NodeFixture() {
     core->m_RequestTimeoutSeconds = 20;
     core->m_ShutdownGraceSeconds = 1;
     graph = std::make_unique<ZGraph>(core);
-    std::string error;
-    EXPECT_TRUE(graph->AddNode("ProbeNode", "Probe", nullptr, error)) << error;
+    EXPECT_EQ(ErrorOf(graph->AddNode("ProbeNode", "Probe", nullptr)), "");
     probe = cast_shared<ProbeNode>(graph->Node("Probe"));
 }
 
@@ -40,10 +39,9 @@ void NodeFixture::Start(const std::string& config) {
         << stream.Error();
     record->Deserialize(stream);
     ASSERT_EQ(stream.Error(), "");
-    std::string error;
-    ASSERT_TRUE(graph->AddNode("ZNodeArborInstall", "ArborInstall", record, error)) << error;
+    ASSERT_EQ(ErrorOf(graph->AddNode("ZNodeArborInstall", "ArborInstall", record)), "");
     node = std::static_pointer_cast<ZNodeArborInstall>(graph->Node("ArborInstall"));
-    ASSERT_TRUE(graph->Start(error)) << error;
+    ASSERT_EQ(ErrorOf(graph->Start()), "");
 }
 
 void NodeFixture::InstallSystem(const std::string& version) {

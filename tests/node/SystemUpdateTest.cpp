@@ -78,14 +78,13 @@ TEST_F(SystemUpdate, StartsThePackageWithTheInstallersOptions) {
     };
     const fs::path package = Package("a.pkg", "3.045");
     for (const auto& c : kCases) {
-        std::string error;
         const auto record = ZMakeShared<ZNodeArborInstallCfg>("n");
         if (!node) {
             Start(c.config);
         } else {  // a graph of its own for every record
             node.reset();
             graph = std::make_unique<ZGraph>(core);
-            ASSERT_TRUE(graph->AddNode("ProbeNode", "Probe", nullptr, error));
+            ASSERT_EQ(ErrorOf(graph->AddNode("ProbeNode", "Probe", nullptr)), "");
             probe = cast_shared<ProbeNode>(graph->Node("Probe"));
             Start(c.config);
         }

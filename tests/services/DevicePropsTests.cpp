@@ -9,9 +9,7 @@ TEST(DeviceProps, AnswersWithTheIdentityOfTheTimeOfTheQuestion) {
     ZGraph graph(ZMakeShared<ZCoreConfigParams>());
     auto record = ZMakeShared<ZNodeDevicePropsCfg>("props");
     record->m_DeviceType = DEVICE_PALM;
-    std::string error;
-    ASSERT_TRUE(graph.AddNode("ZNodeDeviceProps", "props", record, error) &&
-                graph.AddNode("ProbeNode", "probe", nullptr, error));
+    ASSERT_TRUE(graph.AddNode("ZNodeDeviceProps", "props", record) && graph.AddNode("ProbeNode", "probe", nullptr));
     const auto probe = cast_shared<ProbeNode>(graph.Node("probe"));
 
     const struct {

@@ -50,11 +50,10 @@ protected:
         const auto core = ZMakeShared<ZCoreConfigParams>();
         core->m_Files.m_UpdatesFolder = ToZString(root.string() + '/');
         graph = std::make_unique<ZGraph>(core);
-        std::string error;
-        EXPECT_TRUE(graph->AddNode("ProbeNode", "probe", nullptr, error)) << error;
+        EXPECT_EQ(ErrorOf(graph->AddNode("ProbeNode", "probe", nullptr)), "");
         probe = cast_shared<ProbeNode>(graph->Node("probe"));
-        return graph->AddNode("ZNodeFileIO", "files", record, error) &&
-               graph->AddNode("ZNodeStorage", "storage", nullptr, error) && graph->Start(error);
+        return graph->AddNode("ZNodeFileIO", "files", record) && graph->AddNode("ZNodeStorage", "storage", nullptr) &&
+               graph->Start();
     }
 
     /// "done" or the error code's name, and the text.

@@ -38,12 +38,11 @@ protected:
     bool Start(const std::shared_ptr<ZNodeStorageCfg>& record) {
         core->m_Files.m_UpdatesFolder = ToZString((folder / "state/updates").string());
         graph = std::make_unique<ZGraph>(core);
-        std::string error;
-        EXPECT_TRUE(graph->AddNode("ProbeNode", "probe", nullptr, error)) << error;
+        EXPECT_EQ(ErrorOf(graph->AddNode("ProbeNode", "probe", nullptr)), "");
         probe = cast_shared<ProbeNode>(graph->Node("probe"));
         probe->Listen(ZEndpointType::GraphService, "storagedeviceupdate");
         probe->Listen(ZEndpointType::GraphService, "newFile");
-        return graph->AddNode("ZNodeStorage", "storage", record, error) && graph->Start(error);
+        return graph->AddNode("ZNodeStorage", "storage", record) && graph->Start();
     }
 
     std::vector<std::string> Devices() const {

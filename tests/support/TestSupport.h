@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "NodeBase/ZNode.h"
+#include "ZShared/ZError.h"
 
 /// A folder of its own, removed with all it holds.
 class TemporaryFolder {
@@ -54,6 +55,12 @@ private:
 
 /// Waits until `condition` holds, for as long as a loaded machine may need (30 s). False when it never did.
 bool WaitUntil(const std::function<bool()>& condition);
+
+/// The text of a result's error; empty when it has none.
+template <typename T>
+std::string ErrorOf(const ZResult<T>& result) {
+    return result ? std::string() : result.error().text;
+}
 
 std::string ReadText(const std::filesystem::path& file);
 

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <filesystem>
+#include <string_view>
+#include <vector>
+
+#include "ZShared/ZError.h"
+
+/// Whether a text names a folder whose contents may be deleted at all, as far as its path tells: absolute, without
+/// "..", and neither "/" nor a folder that belongs to the system (as /etc, /usr/lib, /var/lib, /home).
+bool IsFolderOfItsOwn(std::string_view path);
+
+/// Whether all that is in `folder` may be deleted, asked right before it is done. An error says why not: as above, also
+/// after following links; something is mounted there or below (what the folder holds then is not its own); or it is, or
+/// holds, one of `keep`. `mountPoint`, when not empty, is one that the folder must lie below.
+ZResult<void> MayBeEmptied(const std::filesystem::path& folder, const std::vector<std::filesystem::path>& keep,
+                           const std::filesystem::path& mountPoint = {});

@@ -1,0 +1,4 @@
+#include "PlatformParams.h"
+
+Z_IMPLEMENT(ZPlatformParams)
+Z_IMPLEMENT(ZIdentityParams)
