@@ -57,8 +57,9 @@ std::shared_ptr<ZSystemManifestMsg> ZNodeArborInstall::LoadManifest(const fs::pa
         return nullptr;
     }
     auto manifest = ZCAST(ZSystemManifestMsg, ZMessage::Load(path, *stream));
-    if (!manifest && !stream->Error().empty()) {
-        Z_LOG(1, "%s", stream->Error());
+    if (!manifest) {
+        const std::string reason = stream->Error();
+        Z_LOG(3, "Manifest %s: %s", path, reason.empty() ? "it is of another class" : reason.c_str());
     }
     return manifest;
 }

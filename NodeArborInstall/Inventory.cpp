@@ -139,6 +139,10 @@ bool ZNodeArborInstall::HasArchive() {
         Z_LOG(4, "Archive device %s is not mounted: there is no archive", m_pConfig->m_ArchiveDevice);
         return false;
     }
+    if (!LiesIn(m_archivePath, m_pConfig->m_archiveMount)) {
+        Z_LOG(4, "Archive folder %s is not on its device: there is no archive", m_archivePath);
+        return false;
+    }
     if (!fs::is_directory(m_archivePath)) {
         fs::create_directories(m_archivePath);
     }

@@ -49,6 +49,10 @@ bool IsFolderOfItsOwn(std::string_view text) {
            std::ranges::none_of(kSystemTrees, [&](std::string_view tree) { return IsIn(folder, tree); });
 }
 
+bool LiesIn(const fs::path& path, const fs::path& folder) {
+    return IsIn(Real(path), Real(folder));
+}
+
 ZResult<void> MayBeEmptied(const fs::path& folder, const std::vector<fs::path>& keep, const fs::path& mountPoint) {
     const auto refused = [&](const std::string& why) {
         return ZError(folder.string() + " may not be emptied: " + why);
@@ -57,11 +61,11 @@ ZResult<void> MayBeEmptied(const fs::path& folder, const std::vector<fs::path>& 
     if (!IsFolderOfItsOwn(folder.string()) || !IsFolderOfItsOwn(real.string())) {
         return refused(folder.is_absolute() ? "it belongs to the system" : "it is not an absolute path");
     }
-    if (!mountPoint.empty() && (real == Real(mountPoint) || !IsIn(real, Real(mountPoint)))) {
+    if (!mountPoint.empty() && (LiesIn(mountPoint, real) || !LiesIn(real, mountPoint))) {
         return refused("it is not below " + mountPoint.string());
     }
     for (const fs::path& kept : keep) {
-        if (!kept.empty() && IsIn(Real(kept), real)) {
+        if (!kept.empty() && LiesIn(kept, real)) {
             return refused("it holds " + kept.string());
         }
     }

@@ -10,6 +10,9 @@
 /// "..", and neither "/" nor a folder that belongs to the system (as /etc, /usr/lib, /var/lib, /home).
 bool IsFolderOfItsOwn(std::string_view path);
 
+/// Whether `path` is `folder` or lies below it, links followed as far as they exist.
+bool LiesIn(const std::filesystem::path& path, const std::filesystem::path& folder);
+
 /// Whether all that is in `folder` may be deleted, asked right before it is done. An error says why not: as above, also
 /// after following links; something is mounted there or below (what the folder holds then is not its own); or it is, or
 /// holds, one of `keep`. `mountPoint`, when not empty, is one that the folder must lie below.

@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 
 #include "TestSupport.h"
+#include "ZShared/ZFolderGuard.h"
 #include "ZShared/ZMountTable.h"
 #include "ZShared/ZPlatform.h"
 
@@ -129,6 +132,34 @@ TEST_F(Platform, KnowsWhereDevicesAreMounted) {
     ZPlatform::Configure({{}, {}, {{"/dev/stick", "/media/stick"}}, 1min});
     EXPECT_EQ(ZPlatform::GetMountPointFromDevice("/dev/stick") + ZPlatform::GetMountPointFromDevice("/x"),
               "/media/stick");
+}
+
+TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "this process may not mount anything";
+    }
+    const std::string image = (m_folder / "image").string();
+    const std::string mountPoint = (m_folder / "mounted").string();
+    std::filesystem::create_directory(mountPoint);
+    std::string device;
+    if (!ZPlatform::ExecuteCommand("truncate -s 4M " + image + " && mkfs.ext4 -q " + image + " && losetup -f --show " + image,
+                                   device)) {
+        GTEST_SKIP() << "no loop device is to be had";
+    }
+    const bool mounted = ::mount(device.c_str(), mountPoint.c_str(), "ext4", 0, nullptr) == 0;
+    std::filesystem::create_symlink(device, m_folder / "by-label");
+    const std::string link = ZPlatform::GetMountPointFromDevice((m_folder / "by-label").string());
+    const std::string own = ZPlatform::GetMountPointFromDevice(device);
+    const auto above = MayBeEmptied(m_folder.Path(), {});
+    ::umount(mountPoint.c_str());
+    const std::string afterwards = ZPlatform::GetMountPointFromDevice((m_folder / "by-label").string());
+    ZPlatform::ExecuteCommand("losetup -d " + device, device);
+    if (mounted) {
+        EXPECT_EQ(own, mountPoint);
+        EXPECT_EQ(link, mountPoint);
+        EXPECT_THAT(ErrorOf(above), HasSubstr("something is mounted at " + mountPoint)) << "deleting would reach into it";
+    }
+    EXPECT_EQ(afterwards, "");
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include "NodeFixture.h"
 
 namespace fs = std::filesystem;
@@ -84,6 +86,65 @@ TEST_F(Inventory, GoesOnWithoutWhatCanNotBeRead) {
     EXPECT_TRUE(log.Has(3, "Could not recognize " + (folder / "Manifest.json").string() + " as a System Manifest"));
     EXPECT_TRUE(log.Has(4, "Filesystem exception for archive path <" + (folder / "mount/Archive").string() + ">"));
     EXPECT_TRUE(AskClient("getinstalledversioninfo", Z_MAKE(ZGenericRequestMsg)));
+}
+
+TEST_F(Inventory, DeletesNothingOutsideAProperArchive) {
+    const std::string mount = (folder / "mount").string();
+    const struct {
+        const char* settings;
+        std::string line;
+    } cases[] = {
+        {R"("ArchiveDir":"/")", mount + " may not be emptied: it is not below " + mount},
+        {R"("ArchiveDir":"")", mount + " may not be emptied: it is not below " + mount},
+        {R"("ArchiveDir":"../outside")", "Archive folder " + mount + "/../outside is not on its device: there is no archive"},
+        {R"("ArchiveDir":"link")", "Archive folder " + mount + "/link is not on its device: there is no archive"},
+        {R"("ArchiveDevice":"/dev/none")", "Archive device /dev/none is not mounted: there is no archive"},
+    };
+    fs::create_directory_symlink(folder / "outside", folder / "mount/link");
+    const auto before = fs::current_path();
+    fs::current_path(folder.Path());  // a relative archive would be here
+    for (const auto& [settings, line] : cases) {
+        folder.Write("mount/rubbish/file", "kept");
+        folder.Write("outside/rubbish/file", "kept");
+        folder.Write("Archive/rubbish/file", "kept");
+        Start(settings);
+        EXPECT_TRUE(log.Has(4, line)) << log.All();
+        for (const char* place : {"mount", "outside", "Archive"}) {
+            EXPECT_TRUE(fs::exists(folder / place / "rubbish/file")) << settings << ' ' << place;
+        }
+        Restart();
+    }
+    fs::current_path(before);
+    folder.Write("mount/Archive/rubbish/file", "");
+    Start(R"("ArchiveDir":"/Archive")");
+    EXPECT_FALSE(fs::exists(folder / "mount/Archive/rubbish")) << "a slash in front is no way off the device";
+}
+
+TEST_F(Inventory, EmptiesNoUpdatesFolderThatHoldsMoreThanUpdates) {
+    Archive("3.043");
+    folder.Write("graph.json", "{}");
+    for (const char* updates : {"mount", "mount/Archive", ""}) {
+        core->m_Files.m_UpdatesFolder = ToZString((folder / updates).string());
+        core->m_GraphFile = ToZString((folder / "graph.json").string());
+        Start();
+        EXPECT_THAT(log.All(), testing::HasSubstr(" may not be emptied: it holds ")) << updates;
+        EXPECT_TRUE(fs::exists(folder / "mount/Archive/3.043/arbor_qm.pkg")) << updates;
+        EXPECT_TRUE(fs::exists(folder / "graph.json")) << updates;
+        Restart();
+    }
+}
+
+TEST_F(Inventory, SaysWhyTheInstalledVersionIsUnknown) {
+    Start(R"("SystemInfoFilePath":"$NO_SUCH_VARIABLE/Manifest.json")");
+    EXPECT_TRUE(log.Has(3, "The installed version is unknown: the manifest \"$NO_SUCH_VARIABLE/Manifest.json\" is not "
+                           "configured, or names a variable that is not set"));
+    Restart();
+    Start();
+    EXPECT_TRUE(log.Has(3, "Manifest.json\" does not exist")) << log.All();
+    Restart();
+    folder.Write("Manifest.json", R"({"systemVersion":"3.044"})");
+    Start();
+    EXPECT_TRUE(log.Has(3, "Manifest.json: \"className\" is not the name of a message class")) << log.All();
 }
 
 TEST_F(Inventory, RefusesARecordOfAnotherClass) {

@@ -10,6 +10,12 @@ NodeFixture::NodeFixture() {
     core->m_Files.m_UpdatesFolder = ToZString((folder / "updates").string());
     core->m_RequestTimeoutSeconds = 20;
     core->m_ShutdownGraceSeconds = 1;
+    Restart();
+}
+
+void NodeFixture::Restart() {
+    node.reset();
+    probe.reset();
     graph = std::make_unique<ZGraph>(core);
     EXPECT_EQ(ErrorOf(graph->AddNode("ProbeNode", "Probe", nullptr)), "");
     probe = cast_shared<ProbeNode>(graph->Node("Probe"));

@@ -34,6 +34,8 @@ protected:
 
     /// Starts the graph; `config` is JSON members that are added to the node's record.
     void Start(const std::string& config = "");
+    /// Ends the graph, so that Start can be called once more.
+    void Restart();
 
     /// Writes the installed system's manifest.
     void InstallSystem(const std::string& version);
