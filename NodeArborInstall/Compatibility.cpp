@@ -2,11 +2,13 @@
 
 #include "PackageFiles.h"
 #include "ShellText.h"
-#include "ZNodeArborInstall.h"
-#include "ZShared/ZLog.h"
+#include "ZNodeArborInstallActions.h"
 #include "ZShared/ZPlatform.h"
+#include "ZShared/ZScopeEnd.h"
 
 namespace fs = std::filesystem;
+
+Z_IMPLEMENT(ZNodeArborInstall_BuildAction)
 
 namespace {
 
@@ -55,12 +57,7 @@ void ZNodeArborInstall::DecideBuild(const std::shared_ptr<ZMessage>& request) {
         Z_LOG(2, "Build already in progress");
         return;
     }
-    bool built = false;
-    {
-        const std::lock_guard lock(m_tablesMutex);
-        built = m_builds.contains(m_systemVersion);
-    }
-    if (built) {
+    if (m_tables.Build(m_systemVersion)) {
         Z_LOG(2, "Skipping build because we already have it");
         return;
     }
@@ -74,11 +71,7 @@ void ZNodeArborInstall::DecideBuild(const std::shared_ptr<ZMessage>& request) {
 }
 
 void ZNodeArborInstall::BuildPackage(const std::shared_ptr<ZDeviceCompatibilityMsg>& message) {
-    struct Clear {
-        std::atomic<bool>& flag;
-        ~Clear() { flag = false; }
-    };
-    const Clear clear{m_bBuildInProgress};
+    const ZScopeEnd clear([this] { m_bBuildInProgress = false; });
     if (!message) {
         return;
     }
@@ -112,8 +105,7 @@ void ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message) {
     std::string output;
     const bool built = ZPlatform::ExecuteCommand(command, output);
     if (built) {
-        const std::lock_guard lock(m_tablesMutex);
-        m_builds[m_systemVersion] = directory / package;
+        m_tables.SetBuild(m_systemVersion, directory / package);
     }
     Z_LOG(2, "%s: %s", built ? "SUCCESS" : "FAILURE", output.c_str());
 }
@@ -133,13 +125,7 @@ std::string ZNodeArborInstall::BoardOf(const ZDeviceCompatibilityMsg& message) {
 }
 
 std::optional<fs::path> ZNodeArborInstall::InstallerScript(const fs::path& versionDirectory) {
-    std::shared_ptr<ZSystemManifestMsg> manifest;
-    {
-        const std::lock_guard lock(m_tablesMutex);
-        if (const auto found = m_manifests.find(m_systemVersion); found != m_manifests.end()) {
-            manifest = found->second;
-        }
-    }
+    const auto manifest = m_tables.Manifest(m_systemVersion);
     if (!manifest) {
         Z_LOG(4, "Could not find manifest for current software version %s", m_systemVersion.Get());
         return std::nullopt;
@@ -149,4 +135,9 @@ std::optional<fs::path> ZNodeArborInstall::InstallerScript(const fs::path& versi
         return std::nullopt;
     }
     return versionDirectory / fs::path(manifest->m_InstallerPath) / "installer.py";
+}
+
+bool ZNodeArborInstall_BuildAction::Work() {
+    Node().BuildPackage(ZCAST(ZDeviceCompatibilityMsg, m_pMessage));
+    return true;
 }

@@ -1,15 +1,16 @@
+#include "ProgressRelay.h"
+
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include <fcntl.h>
-
-#include "ZNodeArborInstall.h"
-#include "ZShared/ZLog.h"
+#include "ZShared/ZDeadline.h"
+#include "ZShared/ZUnixAddress.h"
 
 namespace fs = std::filesystem;
 
@@ -28,39 +29,41 @@ bool IsOutOfResources(int error) {
 
 }  // namespace
 
-fs::path ZNodeArborInstall::ProgressSocketPath() const {
-    return m_archivePath / fs::path(Config().m_ProgressPath);
-}
-
-void ZNodeArborInstall::SetRelayDecided(bool decided) {
-    {
-        const std::lock_guard lock(m_relayMutex);
-        m_bRelayDecided = decided;
+ProgressRelay::~ProgressRelay() {
+    for (const int client : m_progressMessages) {
+        ::close(client);
     }
-    m_relayChanged.notify_all();
 }
 
-void ZNodeArborInstall::WaitForRelay() {
-    std::unique_lock lock(m_relayMutex);
-    m_relayChanged.wait_for(lock, kRelayStartLimit, [this] { return m_bRelayDecided; });
+void ProgressRelay::Announce() {
+    m_bDecided.Exchange(false);
 }
 
-bool ZNodeArborInstall::BindSocket(int sockfd, bool bUnix) {
-    const bool bound = BindAndListen(sockfd, bUnix);
-    SetRelayDecided(true);
+void ProgressRelay::SetDecided() {
+    m_bDecided.Exchange(true);
+    m_changed.notify_all();
+}
+
+void ProgressRelay::WaitUntilDecided() {
+    m_bDecided.Lock().WaitUntil(m_changed, ZClock::now() + kRelayStartLimit, [](bool decided) { return decided; });
+}
+
+bool ProgressRelay::Bind(int socket, const Place& place) {
+    const bool bound = BindAndListen(socket, place);
+    SetDecided();
     return bound;
 }
 
-bool ZNodeArborInstall::BindAndListen(int sockfd, bool bUnix) {
+bool ProgressRelay::BindAndListen(int socket, const Place& place) {
     auto table = std::make_unique<PollTable>();
     std::int64_t unbound = 0;
-    if (!m_progressSocket.compare_exchange_strong(unbound, static_cast<std::int64_t>(sockfd) + 1)) {
+    if (!m_progressSocket.compare_exchange_strong(unbound, static_cast<std::int64_t>(socket) + 1)) {
         Z_LOG(4, "Unable to bind() socket: %s", std::strerror(EADDRINUSE));  // another relay runs
         return false;
     }
-    if (!BindAddress(sockfd, bUnix)) {
-        Z_LOG(4, "Unable to bind() socket: %s", std::strerror(errno));
-    } else if (::listen(sockfd, 5) != 0) {
+    if (const int failure = BindAddress(socket, place); failure != 0) {
+        Z_LOG(4, "Unable to bind() socket: %s", std::strerror(failure));
+    } else if (::listen(socket, 5) != 0) {
         Z_LOG(4, "Unable to listen() socket: %s", std::strerror(errno));
     } else {
         m_pollTable = std::move(table);
@@ -71,42 +74,49 @@ bool ZNodeArborInstall::BindAndListen(int sockfd, bool bUnix) {
     return false;
 }
 
-bool ZNodeArborInstall::BindAddress(int sockfd, bool bUnix) {
-    if (bUnix) {
-        Z_LOG(2, "Progress action archive path %s", m_archivePath);
-        const std::string path = ProgressSocketPath().string();
-        Z_LOG(2, "Unlink and Bind Progress action socket path %s", path);
-        ::unlink(path.c_str());
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        return ::bind(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+/// 0, or the system's error number.
+int ProgressRelay::BindAddress(int socket, const Place& place) const {
+    return place.bUnix ? BindUnix(socket, place) : BindPort(socket, place.port);
+}
+
+int ProgressRelay::BindUnix(int socket, const Place& place) const {
+    Z_LOG(2, "Progress action archive path %s", place.archive);
+    const std::string path = place.Path().string();
+    Z_LOG(2, "Unlink and Bind Progress action socket path %s", path);
+    if (place.name != place.name.filename()) {
+        return EINVAL;  // a setting that leads out of the archive's folder deletes nothing there
     }
-    const std::uint16_t port = Config().m_ProgressPort;
+    ::unlink(path.c_str());
+    const auto address = ZUnixAddress::Of(path);
+    if (!address) {
+        return ENAMETOOLONG;
+    }
+    return ::bind(socket, address->Get(), ZUnixAddress::Size()) == 0 ? 0 : errno;
+}
+
+int ProgressRelay::BindPort(int socket, std::uint16_t port) const {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     Z_LOG(2, "Binding install progress socket to port %d", static_cast<int>(port));
     // Connections of the relay before may still linger on the port.
     const int reuse = 1;
-    ::setsockopt(sockfd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    return ::bind(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    return ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
 }
 
-void ZNodeArborInstall::CloseSocket(int sockfd, bool bUnix) {
-    ::close(sockfd);
-    // Clients stay connected and listed: the next relay, or the destructor, sees them off.
+void ProgressRelay::Close(int socket, const Place& place) {
+    ::close(socket);
     m_pollTable.reset();
-    if (bUnix) {
-        const fs::path path = ProgressSocketPath();
+    if (place.bUnix) {
         std::error_code error;
-        const bool removed = fs::remove(path, error);
+        const bool removed = fs::remove(place.Path(), error);
         Z_LOG(2, "Progress local socket closed and file %s", removed ? "removed" : "remove failed");
     }
     m_progressSocket = 0;
 }
 
-std::size_t ZNodeArborInstall::FillPollTable(int listener) {
+std::size_t ProgressRelay::FillPollTable(int listener) {
     auto& entries = m_pollTable->entries;
     const bool full = m_progressMessages.size() + 1 >= kPollEntries;
     const bool accepting = !full && !m_pollTable->bAcceptPaused;
@@ -119,12 +129,12 @@ std::size_t ZNodeArborInstall::FillPollTable(int listener) {
     return count;
 }
 
-bool ZNodeArborInstall::SocketLoop(const int* pSockfd, std::shared_ptr<ZCommStream>& stream) {
+bool ProgressRelay::Pass(int socket, ZCommStream& stream) {
     if (!m_pollTable) {
         Z_LOG(4, "Socket descriptor for install progress is not set");
         return true;
     }
-    const std::size_t count = FillPollTable(*pSockfd);
+    const std::size_t count = FillPollTable(socket);
     int ready = ::poll(m_pollTable->entries.data(), count, kPollMilliseconds);
     if (ready < 0) {
         Z_LOG(4, "Error on SocketLoop poll: %s", std::strerror(errno));
@@ -146,7 +156,7 @@ bool ZNodeArborInstall::SocketLoop(const int* pSockfd, std::shared_ptr<ZCommStre
     return keepRunning;
 }
 
-void ZNodeArborInstall::HandleHangup(const pollfd& entry, bool isListener, bool& keepRunning) {
+void ProgressRelay::HandleHangup(const pollfd& entry, bool isListener, bool& keepRunning) {
     if ((entry.revents & (POLLHUP | POLLERR)) == 0) {
         return;
     }
@@ -161,7 +171,7 @@ void ZNodeArborInstall::HandleHangup(const pollfd& entry, bool isListener, bool&
     RemoveClient(entry.fd);
 }
 
-void ZNodeArborInstall::AcceptClients(int listener) {
+void ProgressRelay::AcceptClients(int listener) {
     while (m_progressMessages.size() + 1 < kPollEntries) {
         const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
         if (client < 0) {
@@ -183,12 +193,12 @@ void ZNodeArborInstall::AcceptClients(int listener) {
     Z_LOG(2, "No more clients connected");
 }
 
-void ZNodeArborInstall::RemoveClient(int descriptor) {
+void ProgressRelay::RemoveClient(int descriptor) {
     m_progressMessages.remove(descriptor);
     ::close(descriptor);
 }
 
-bool ZNodeArborInstall::ReadClient(int descriptor, std::shared_ptr<ZCommStream>& stream, bool& keepRunning) {
+bool ProgressRelay::ReadClient(int descriptor, ZCommStream& stream, bool& keepRunning) {
     auto& buffer = m_pollTable->buffer;
     for (int reads = 0; reads < kMostReadsAtOnce; ++reads) {
         const ssize_t count = ::recv(descriptor, buffer.data(), buffer.size(), 0);
@@ -207,19 +217,23 @@ bool ZNodeArborInstall::ReadClient(int descriptor, std::shared_ptr<ZCommStream>&
     return true;
 }
 
-bool ZNodeArborInstall::RelayText(std::string_view text, std::shared_ptr<ZCommStream>& stream, bool& keepRunning) {
-    if (!stream->LoadText(text)) {
+bool ProgressRelay::RelayText(std::string_view text, ZCommStream& stream, bool& keepRunning) {
+    // A NUL byte that a client in C sends along with its text parts documents as white space does.
+    std::string document(text);
+    std::ranges::replace(document, '\0', ' ');
+    if (!stream.LoadText(document)) {
         Z_LOG(4, "Could not set JSON comm stream data dropping message");
         return true;
     }
+    stream.SetLenient(true);  // 1 is as true as true: an end must not be missed
     const auto progress = Z_MAKE(InstallProgressMsg);
     if (!progress) {
         Z_LOG(4, "Could not create progress message");
-        stream->Clear();
+        stream.Clear();
         return false;
     }
-    if (!progress->Deserialize(*stream)) {
-        Z_LOG(3, "Install progress: %s", stream->Error());  // what could be read still counts
+    if (!progress->Deserialize(stream)) {
+        Z_LOG(3, "Install progress: %s", stream.Error());  // what could be read still counts
     }
     Z_LOG(2, "Install Header: %s", progress->m_Header);
     Z_LOG(2, "Install Message: %s", progress->m_Message);
@@ -229,7 +243,7 @@ bool ZNodeArborInstall::RelayText(std::string_view text, std::shared_ptr<ZCommSt
     if (!keepRunning) {
         Z_LOG(2, "Install %s exit progress loop", progress->m_bError ? "ERROR" : "complete");
     }
-    Publish(GetEndpoint(ZEndpointType::Progress, "", 0), progress);
-    stream->Clear();
+    m_publish(progress);
+    stream.Clear();
     return true;
 }

@@ -1,12 +1,16 @@
-#include <magic_enum/magic_enum.hpp>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <numeric>
 
 #include "PackageFiles.h"
-#include "ZNodeArborInstall.h"
-#include "ZShared/ZLog.h"
+#include "ZNodeArborInstallActions.h"
 #include "ZShared/ZPlatform.h"
 
 namespace fs = std::filesystem;
+
+Z_IMPLEMENT(ZNodeArborInstall_ProcessAction)
+Z_IMPLEMENT(ZNodeArborInstall_ProgressAction)
 
 bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
     const auto request = ZCAST(ZSystemUpdateMsg, msg);
@@ -38,11 +42,7 @@ bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
 }
 
 void ZNodeArborInstall::LogMissingPackage(const ZString& version) {
-    BuildTable builds;
-    {
-        const std::lock_guard lock(m_tablesMutex);
-        builds = m_builds;
-    }
+    const auto builds = m_tables.Builds();
     Z_LOG(4, "No update file for package %s checked %d", version, static_cast<int>(builds.size()));
     for (const auto& [archived, path] : builds) {
         Z_LOG(4, "Version %s: %s", archived.Get(), path);
@@ -51,15 +51,12 @@ void ZNodeArborInstall::LogMissingPackage(const ZString& version) {
 
 void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpdateMsg& request,
                                        ZVersionInfoMsg& answer) {
-    {
-        const std::lock_guard lock(m_tablesMutex);
-        m_UpdateVersion = request.m_Version;
-    }
+    m_UpdateVersion.Exchange(request.m_Version);
     // The relay's socket has to listen before the installer connects, which it may do only once.
-    SetRelayDecided(false);
+    m_relay.Announce();
     const bool relaying = RunAction("Progress", nullptr);
     if (relaying) {
-        WaitForRelay();
+        m_relay.WaitUntilDecided();
     }
     const std::vector<std::string> arguments = InstallerArguments(package, request);
     // Logged run together, as tools that read these logs expect it.
@@ -97,4 +94,22 @@ std::vector<std::string> ZNodeArborInstall::InstallerArguments(const fs::path& p
         arguments.emplace_back("--dry-run");
     }
     return arguments;
+}
+
+bool ZNodeArborInstall_ProgressAction::Work() {
+    if (Node().UpdateVersion().empty()) {
+        Z_LOG(4, "No version set for install");
+        return false;
+    }
+    const std::optional<int> descriptor = MakeRelaySocket(AF_UNIX);
+    if (!descriptor) {
+        return false;
+    }
+    if (!Node().BindSocket(*descriptor, true)) {
+        Z_LOG(4, "Could not bind socket - close and exist progress loop");
+        ::close(*descriptor);
+        return true;  // the install goes on without its progress
+    }
+    RelayUntilDone(*descriptor, true);
+    return true;
 }

@@ -1,5 +1,4 @@
 #include "ZNodeArborInstall.h"
-#include "ZShared/ZLog.h"
 
 namespace fs = std::filesystem;
 

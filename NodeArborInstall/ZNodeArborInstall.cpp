@@ -1,21 +1,21 @@
 #include "ZNodeArborInstall.h"
 
-#include <unistd.h>
-
-#include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
 
 Z_IMPLEMENT(ZNodeArborInstall)
 
-ZNodeArborInstall::ZNodeArborInstall(const ZString& name) : ZNode(name) {
+ZNodeArborInstall::ZNodeArborInstall(const ZString& name)
+    : ZNode(name),
+      m_relay([this] { return Log(); },
+              [this](const std::shared_ptr<InstallProgressMsg>& progress) {
+                  Publish(GetEndpoint(ZEndpointType::Progress, "", 0), progress);
+              }) {
     m_logName = ClassName();
 }
 
-ZNodeArborInstall::~ZNodeArborInstall() {
-    // The graph has ended every action by now. Clients that a relay left connected were kept for the next one.
-    for (const int client : m_progressMessages) {
-        ::close(client);
-    }
+ZLogger ZNodeArborInstall::Log() const {
+    // All lines of the node name one source, whichever file they stand in.
+    return ZLogger(m_logName.c_str(), m_logLevel, "NodeArborInstall/ZNodeArborInstall");
 }
 
 template <typename Handler>
@@ -84,27 +84,33 @@ bool ZNodeArborInstall::RunCommand(const std::string& commandLine) {
     return succeeded;
 }
 
-ZString ZNodeArborInstall::UpdateVersion() const {
-    const std::lock_guard lock(m_tablesMutex);
-    return m_UpdateVersion;
-}
-
-ZString ZNodeArborInstall::RemoteInstallSerial() const {
-    const std::lock_guard lock(m_tablesMutex);
-    return m_RemoteInstallSerial;
-}
-
 std::shared_ptr<ZUseFlag::Hold> ZNodeArborInstall::TakeRemoteInstallHold() {
-    const std::lock_guard lock(m_tablesMutex);
-    if (m_remoteInstallHolds.empty()) {
+    const auto holds = m_remoteInstallHolds.Lock();
+    if (holds->empty()) {
         return nullptr;
     }
-    auto hold = std::move(m_remoteInstallHolds.back());
-    m_remoteInstallHolds.pop_back();
+    auto hold = std::move(holds->back());
+    holds->pop_back();
     return hold;
 }
 
 const ZNodeArborInstallCfg& ZNodeArborInstall::Config() const {
     static const ZNodeArborInstallCfg kDefaults;
     return m_pConfig ? *m_pConfig : kDefaults;
+}
+
+ProgressRelay::Place ZNodeArborInstall::RelayPlace(bool bUnix) const {
+    return {bUnix, m_archivePath, std::filesystem::path(Config().m_ProgressPath), Config().m_ProgressPort};
+}
+
+bool ZNodeArborInstall::BindSocket(int sockfd, bool bUnix) {
+    return m_relay.Bind(sockfd, RelayPlace(bUnix));
+}
+
+void ZNodeArborInstall::CloseSocket(int sockfd, bool bUnix) {
+    m_relay.Close(sockfd, RelayPlace(bUnix));
+}
+
+bool ZNodeArborInstall::SocketLoop(int* pSockfd, std::shared_ptr<ZCommStream>& stream) {
+    return m_relay.Pass(*pSockfd, *stream);
 }

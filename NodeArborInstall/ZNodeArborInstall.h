@@ -1,31 +1,18 @@
 #pragma once
 
-#include <poll.h>
-
-#include <array>
-#include <condition_variable>
-#include <filesystem>
-#include <functional>
-#include <optional>
-
 #include "NodeBase/ZNode.h"
-#include "ZMessages/Messages.h"
+#include "ProgressRelay.h"
+#include "VersionTables.h"
 #include "ZNodeArborInstallCfg.h"
-#include "ZSoftwareVersion.h"
 #include "ZUseFlag.h"
 
 /// The instrument's software-update manager. Handlers (On...) run on the node's message thread and return true when the
 /// message was handled; long work runs in the worker actions of ZNodeArborInstallActions.h, which call back into the
-/// operations below. What both sides touch is an atomic or guarded by m_tablesMutex.
+/// operations below. What both sides touch guards itself: the tables, the relay, atomics.
 class ZNodeArborInstall : public ZNode {
     Z_CLASS(ZNodeArborInstall, ZNode)
 public:
-    using BuildTable = ZMap<ZSoftwareVersion, std::filesystem::path, std::less<ZSoftwareVersion>>;
-    using PackageTable = ZMap<ZSoftwareVersion, std::filesystem::path, std::greater<ZSoftwareVersion>>;
-    using ManifestTable = ZMap<ZSoftwareVersion, std::shared_ptr<ZSystemManifestMsg>, std::less<ZSoftwareVersion>>;
-
     explicit ZNodeArborInstall(const ZString& name);
-    ~ZNodeArborInstall() override;
 
     // Lifecycle.
     bool OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) override;
@@ -88,11 +75,11 @@ public:
     bool BindSocket(int sockfd, bool bUnix);
     void CloseSocket(int sockfd, bool bUnix);
     /// One poll pass, of 500 ms at most. Whether the relay is to keep running.
-    bool SocketLoop(const int* pSockfd, std::shared_ptr<ZCommStream>& stream);
+    bool SocketLoop(int* pSockfd, std::shared_ptr<ZCommStream>& stream);
 
     // What actions ask.
-    ZString UpdateVersion() const;
-    ZString RemoteInstallSerial() const;
+    ZString UpdateVersion() const { return m_UpdateVersion.Copy(); }
+    ZString RemoteInstallSerial() const { return m_RemoteInstallSerial.Copy(); }
     const ZSoftwareVersion& SystemVersion() const { return m_systemVersion; }
     const std::filesystem::path& UpdatesPath() const { return m_updatesPath; }
     /// The accessory's and the host device's fixed mDNS names; empty ones are not configured.
@@ -108,9 +95,6 @@ public:
 
 private:
     friend class NodeAccess;  // tests look at the tables
-
-    /// All lines of the node name one source, whichever file they stand in.
-    ZLogger Log() const { return ZLogger(m_logName.c_str(), m_logLevel, "NodeArborInstall/ZNodeArborInstall"); }
 
     template <typename Handler>
     bool SubscribeKeyword(ZEndpointType type, const char* keyword, Handler handler);
@@ -132,7 +116,6 @@ private:
     bool CheckDriveEntry(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
     bool VerifyPackageFile(const std::filesystem::path& file, const ZSoftwareVersion& version, std::string& output);
     bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
-    PackageTable KnownPackages() const;
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
     /// False when the file is no longer there.
     bool RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version);
@@ -148,23 +131,12 @@ private:
     std::optional<std::filesystem::path> InstallerScript(const std::filesystem::path& versionDirectory);
     void RunBuild(const ZDeviceCompatibilityMsg& message);
 
-    // Progress relay.
-    void SetRelayDecided(bool decided);
-    void WaitForRelay();
-    bool BindAndListen(int sockfd, bool bUnix);
-    bool BindAddress(int sockfd, bool bUnix);
-    std::filesystem::path ProgressSocketPath() const;
-    std::size_t FillPollTable(int listener);
-    void HandleHangup(const pollfd& entry, bool isListener, bool& keepRunning);
-    void AcceptClients(int listener);
-    void RemoveClient(int descriptor);
-    // False ends the pass. `keepRunning` becomes what the last message says.
-    bool ReadClient(int descriptor, std::shared_ptr<ZCommStream>& stream, bool& keepRunning);
-    bool RelayText(std::string_view text, std::shared_ptr<ZCommStream>& stream, bool& keepRunning);
+    /// Where installers report: on the socket in the archive's folder, or on a TCP port.
+    ProgressRelay::Place RelayPlace(bool bUnix) const;
+    ZLogger Log() const;
 
     // m_logName, "ZNodeArborInstall", and m_logLevel, 2, are the base's.
-    ManifestTable m_manifests;  // guarded by m_tablesMutex
-    BuildTable m_builds;        // guarded by m_tablesMutex
+    VersionTables m_tables;
     std::shared_ptr<ZNodeArborInstallCfg> m_pConfig;
     ZSoftwareVersion m_systemVersion;
     std::filesystem::path m_archivePath;
@@ -176,31 +148,15 @@ private:
     std::optional<ZDeviceModel> m_deviceModel;
     ZString m_model;
     ZString m_board;
-    ZString m_UpdateVersion;        // guarded by m_tablesMutex
-    ZString m_RemoteInstallSerial;  // guarded by m_tablesMutex
+    ZGuarded<ZString> m_UpdateVersion;        // of the install started last, here or on the accessory
+    ZGuarded<ZString> m_RemoteInstallSerial;  // of the accessory that was to be installed last
     std::atomic<bool> m_bUpdateInProgress{false};
-    PackageTable m_packages;  // guarded by m_tablesMutex
     std::atomic<bool> m_bBuildInProgress{false};
     std::shared_ptr<ZDevicePropertiesMsg> m_pDeviceProperties;
-    ZList<int> m_progressMessages;  // the relay's connected clients, in order of acceptance; it alone touches them
-    std::atomic<std::int64_t> m_progressSocket{0};  // the listening socket's descriptor + 1; 0: no relay is bound
-
-    mutable std::mutex m_tablesMutex;
-    // One for each remote install that waits for its action. Guarded by m_tablesMutex.
-    std::vector<std::shared_ptr<ZUseFlag::Hold>> m_remoteInstallHolds;
-    std::mutex m_relayMutex;
-    std::condition_variable m_relayChanged;
-    bool m_bRelayDecided = false;       // guarded by m_relayMutex: the relay started last listens, or never will
+    ProgressRelay m_relay;
+    // One for each remote install that waits for its action.
+    ZGuarded<std::vector<std::shared_ptr<ZUseFlag::Hold>>> m_remoteInstallHolds;
     std::filesystem::path m_graphFile;  // never deleted
     ZString m_accessoryHostName;
     ZString m_deviceHostName;
-
-    static constexpr std::size_t kPollEntries = 5;  // the listening socket and four clients; a fifth one waits
-    static constexpr std::size_t kReadSize = 1024;  // one read is one document
-    struct PollTable {
-        std::array<pollfd, kPollEntries> entries{};
-        std::array<char, kReadSize> buffer{};
-        bool bAcceptPaused = false;  // no descriptor was to be had: the next pass does not look for connections
-    };
-    std::unique_ptr<PollTable> m_pollTable;  // exists while a relay is bound; its thread alone touches it
 };

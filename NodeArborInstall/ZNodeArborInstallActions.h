@@ -6,10 +6,9 @@
 #include "NodeBase/ZNodeAction.h"
 #include "ZNodeArborInstall.h"
 
-/// Base of the node's worker actions: each is started with RunAction under the part of its name between "_" and
-/// "Action".
+/// What the node's worker actions share; no class of its own to the factory. Each is started with RunAction under the
+/// part of its name between "_" and "Action".
 class ZNodeArborInstallAction : public ZNodeAction {
-    Z_CLASS(ZNodeArborInstallAction, ZNodeAction)
 public:
     /// Does the action's work. An exception that ends it is logged.
     bool ActionThread() final;

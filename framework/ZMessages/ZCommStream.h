@@ -68,12 +68,18 @@ public:
     /// The key that it is about; empty when it is about the text as a whole.
     std::string ErrorKey() const { return m_complaints.empty() ? std::string() : m_complaints.front().key; }
 
+    /// Whether a number stands for a yes or no too (0 is no), as writers in languages without such a type send it. Off
+    /// at first.
+    void SetLenient(bool lenient) { m_bLenient = lenient; }
+
     /// Records that the value of `key` is not what was wanted.
     void SetError(std::string_view key, std::string_view wanted);
 
 protected:
+    bool IsLenient() const { return m_bLenient; }
     void ClearError() { m_complaints.clear(); }
 
 private:
     std::vector<Complaint> m_complaints;
+    bool m_bLenient = false;
 };

@@ -170,6 +170,10 @@ bool ZJSONCommStream::IsText(std::string_view key) const {
 
 bool ZJSONCommStream::ReadBool(std::string_view key, bool& value) {
     const json::value* found = m_document->Find(key);
+    if (IsLenient() && found != nullptr && found->is_number()) {
+        value = found->to_number<double>() != 0;
+        return true;
+    }
     if (found == nullptr || !found->is_bool()) {
         if (found != nullptr) {
             SetError(key, "true or false");

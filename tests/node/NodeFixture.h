@@ -12,14 +12,14 @@
 class NodeAccess {
 public:
     explicit NodeAccess(ZNodeArborInstall& node) : m_node(node) {}
-    auto& Packages() { return m_node.m_packages; }
-    auto& Builds() { return m_node.m_builds; }
-    auto& Manifests() { return m_node.m_manifests; }
+    auto& Packages() { return m_node.m_tables.m_packages; }
+    auto& Builds() { return m_node.m_tables.m_builds; }
+    auto& Manifests() { return m_node.m_tables.m_manifests; }
     auto& DeviceModel() { return m_node.m_deviceModel; }
     auto& DeviceProperties() { return m_node.m_pDeviceProperties; }
     bool BuildInProgress() { return m_node.m_bBuildInProgress; }
     bool UpdateInProgress() { return m_node.m_bUpdateInProgress; }
-    bool Relaying() { return m_node.m_progressSocket != 0; }
+    bool Relaying() { return m_node.m_relay.IsBound(); }
 
 private:
     ZNodeArborInstall& m_node;

@@ -170,6 +170,36 @@ TEST_F(SystemUpdate, LetsAnErrorWinOverDoneAndRelaysItThoughAValueIsOfAWrongType
     EXPECT_TRUE(cast_shared<InstallProgressMsg>(probe->Received().front())->m_bError);
 }
 
+TEST_F(SystemUpdate, UnderstandsAnEndAsWritersInCSendIt) {
+    for (const std::string& text : {std::string(R"({"done":true})") + '\0', std::string(R"({"done":1})"),
+                                    std::string("{\"percent\":1}\0{\"done\":true}\0", 29)}) {
+        StartRelay();
+        Installer installer(socket);
+        installer.Say(text);
+        EXPECT_TRUE(log.WaitFor(2, "Progress local socket closed and file removed")) << text;
+        EXPECT_TRUE(probe->WaitForMessages(1));
+        EXPECT_TRUE(cast_shared<InstallProgressMsg>(probe->Received().back())->m_bDone) << text;
+        Restart();
+        probe->Listen(ZEndpointType::Progress, "");
+        log.Clear();
+    }
+}
+
+TEST_F(SystemUpdate, DeletesNothingThatItsSocketsNameLeadsTo) {
+    const fs::path victim = folder.Write("victim", "kept");
+    for (const std::string& name :
+         std::vector<std::string>{"../../victim", victim.string(), "progress", std::string(120, 'x')}) {
+        Start("\"ProgressPath\":\"" + name + '"');
+        fs::create_directory(folder / "mount/Archive/progress");
+        const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_FALSE(node->BindSocket(descriptor, true)) << name;
+        ::close(descriptor);
+        EXPECT_TRUE(fs::exists(victim) && fs::exists(folder / "mount/Archive/progress")) << name;
+        Restart();
+    }
+    EXPECT_TRUE(log.Has(4, "Unable to bind() socket: File name too long"));
+}
+
 TEST_F(SystemUpdate, LetsAFifthClientWaitForAPlace) {
     StartRelay();
     std::vector<std::unique_ptr<Installer>> clients;

@@ -59,6 +59,11 @@ bool LogCapture::WaitFor(int level, const std::string& text) const {
     return WaitUntil([&] { return Has(level, text); });
 }
 
+void LogCapture::Clear() {
+    const std::lock_guard lock(m_mutex);
+    m_lines.clear();
+}
+
 std::string LogCapture::All() const {
     std::string all;
     for (const Line& line : Lines()) {

@@ -188,13 +188,24 @@ void ZNodeArborInstall::ReadVersionDirectory(const fs::path& directory, const ZS
     if (!manifest) {
         Z_LOG(4, "Manifest file %s was not loaded", manifestFile);
     }
-    const std::lock_guard lock(m_tablesMutex);
     // Without its package the version is not a build yet: one can be made for a board that asks.
     std::error_code error;
-    if (fs::exists(package, error)) {
-        m_builds.emplace(version, package);
+    m_tables.AddArchived(version, fs::exists(package, error) ? std::optional(package) : std::nullopt, manifest);
+}
+
+std::shared_ptr<ZSystemManifestMsg> ZNodeArborInstall::LoadManifest(const fs::path& path) {
+    const auto stream = ZCAST(ZCommStream, ZShared::ZFactory::Instance().CreateShared("ZJSONCommStream"));
+    if (!stream) {
+        return nullptr;
     }
-    if (manifest) {
-        m_manifests.emplace(version, manifest);
+    auto manifest = ZCAST(ZSystemManifestMsg, ZMessage::Load(path, *stream));
+    if (!manifest) {
+        const std::string reason = stream->Error();
+        Z_LOG(3, "Manifest %s: %s", path, reason.empty() ? "it is of another class" : reason.c_str());
     }
+    return manifest;
+}
+
+std::shared_ptr<ZSystemManifestMsg> ZNodeArborInstall::LoadManifest(const ZString& text) {
+    return LoadManifest(fs::path(text));
 }

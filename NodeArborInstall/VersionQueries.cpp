@@ -1,5 +1,4 @@
 #include "ZNodeArborInstall.h"
-#include "ZShared/ZLog.h"
 
 bool ZNodeArborInstall::OnCompareVersions(std::shared_ptr<ZMessage>& request) {
     const auto compare = ZCAST(ZCompareVersionsMsg, request);

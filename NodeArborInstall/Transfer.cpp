@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "ZNodeArborInstallActions.h"
-#include "ZShared/ZLog.h"
 #include "text/Base64.h"
 
 namespace fs = std::filesystem;
@@ -51,6 +50,17 @@ private:
 };
 
 }  // namespace
+
+bool ZNodeArborInstall::OnTransfer(std::shared_ptr<ZMessage>& msg) {
+    Z_LOG(2, "OnTransfer()");
+    if (ZCAST(TransferMsg, msg)) {
+        Z_LOG(2, "Starting Transfer Action");
+        RunAction("Transfer", msg);
+    } else {
+        Z_LOG(4, "Unknown message in OnTransfer <%s>", msg->ClassName());
+    }
+    return true;
+}
 
 /// What stays the same for all messages of one transfer.
 struct ZNodeArborInstall_TransferAction::Journey {

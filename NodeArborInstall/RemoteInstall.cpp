@@ -8,12 +8,39 @@
 #include "PackageFiles.h"
 #include "ShellText.h"
 #include "ZNodeArborInstallActions.h"
-#include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
+#include "ZShared/ZScopeEnd.h"
 
 namespace fs = std::filesystem;
 
 Z_IMPLEMENT(ZNodeArborInstall_RemoteInstallAction)
+
+bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {
+    if (InShutdown() || m_bShutdownRequested) {
+        const auto refusal = Z_MAKE(ZVersionInfoMsg);
+        refusal->m_VersionType = "System";
+        refusal->m_bInstalled = false;
+        refusal->m_bSuccess = false;
+        refusal->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+        const auto answer = Z_MAKE(ZMessageArray);
+        answer->Add(refusal);
+        PublishResponse(msg, answer, true, false);
+        return true;
+    }
+    const auto request = ZCAST(ZSystemUpdateMsg, msg);
+    if (!request) {
+        return true;
+    }
+    Z_LOG(2, "About to RunAction(RemoteInstall) for version %s", request->m_Version);
+    m_RemoteInstallSerial.Exchange(request->m_SerialNumber);
+    m_UpdateVersion.Exchange(request->m_Version);
+    // Busy from here on, not only when the action's thread runs: a shutdown request may be next in the queue.
+    m_remoteInstallHolds.Lock()->push_back(std::make_shared<ZUseFlag::Hold>(m_bBusy));
+    if (!RunAction("RemoteInstall", msg)) {
+        TakeRemoteInstallHold();
+    }
+    return true;
+}
 
 /// The accessory's command lines. Nothing in them is quoted, so all that goes in is checked before.
 struct ZNodeArborInstall_RemoteInstallAction::Commands {
@@ -89,11 +116,7 @@ bool ZNodeArborInstall_RemoteInstallAction::Work() {
         return true;
     }
     const std::shared_ptr<ZUseFlag::Hold> busy = Node().TakeRemoteInstallHold();
-    struct Clear {
-        ZNodeArborInstall& node;
-        ~Clear() { node.SetUpdateInProgress(false); }
-    };
-    const Clear clear{Node()};
+    const ZScopeEnd clear([this] { Node().SetUpdateInProgress(false); });
     const auto info = Z_MAKE(ZVersionInfoMsg);
     info->m_VersionType = "System";
     info->m_bInstalled = false;

@@ -3,7 +3,6 @@
 #include "PackageFiles.h"
 #include "ShellText.h"
 #include "ZNodeArborInstall.h"
-#include "ZShared/ZLog.h"
 #include "ZShared/ZPlatform.h"
 
 namespace fs = std::filesystem;
@@ -12,13 +11,6 @@ namespace {
 
 // Far beyond any version; what is longer is a flood that began with a number.
 constexpr std::size_t kLongestVersion = std::size_t{64} * 1024;
-
-/// Whether the drive's path components are a leading run of the file's.
-bool IsOnDrive(const fs::path& file, const fs::path& drive) {
-    const auto ends = std::mismatch(drive.begin(), drive.end(), file.begin(), file.end());
-    // "/media/usb1/" ends in an empty component, which no file has there.
-    return ends.first == drive.end() || (ends.first->empty() && std::next(ends.first) == drive.end());
-}
 
 }  // namespace
 
@@ -124,22 +116,13 @@ bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const 
 }
 
 bool ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version) {
-    std::optional<PackageTable::value_type> erased;
-    {
-        const std::lock_guard lock(m_tablesMutex);
-        // Asked under the lock: a drive that is pulled later is forgotten later, one that was pulled before is seen
-        // here.
+    std::optional<VersionTables::PackageTable::value_type> erased;
+    const auto isThere = [&file] {
         std::error_code error;
-        if (!fs::exists(file, error)) {
-            return false;
-        }
-        const auto same =
-            std::find_if(m_packages.begin(), m_packages.end(), [&](const auto& entry) { return entry.second == file; });
-        if (same != m_packages.end()) {
-            erased.emplace(*same);
-            m_packages.erase(same);
-        }
-        m_packages[version] = file;  // of two files with one version, the one checked last
+        return fs::exists(file, error);
+    };
+    if (m_tables.RecordPackage(version, file, isThere, erased) == VersionTables::Recorded::Gone) {
+        return false;
     }
     if (erased) {
         Z_LOG(2, "Erasing duplicate package file %s version %s", erased->second, erased->first.Get());
@@ -153,19 +136,7 @@ bool ZNodeArborInstall::RemoveStorageDevices(const ZVector<ZString>& drives) {
         if (root.empty()) {
             continue;  // would be the beginning of every path
         }
-        std::vector<fs::path> removed;
-        {
-            const std::lock_guard lock(m_tablesMutex);
-            for (auto entry = m_packages.begin(); entry != m_packages.end();) {
-                if (IsOnDrive(entry->second.lexically_normal(), root)) {
-                    removed.push_back(entry->second);
-                    entry = m_packages.erase(entry);
-                } else {
-                    ++entry;
-                }
-            }
-        }
-        for (const fs::path& package : removed) {
+        for (const fs::path& package : m_tables.RemoveDrive(root)) {
             Z_LOG(2, "Removing package %s", package);
         }
     }
@@ -182,11 +153,6 @@ void ZNodeArborInstall::AddInvalidPackage(std::shared_ptr<ZMessageArray>& result
     results->Add(record);
 }
 
-ZNodeArborInstall::PackageTable ZNodeArborInstall::KnownPackages() const {
-    const std::lock_guard lock(m_tablesMutex);
-    return m_packages;
-}
-
 std::shared_ptr<ZVersionInfoMsg> ZNodeArborInstall::MakeUpdateRecord(const ZSoftwareVersion& version) {
     auto record = Z_MAKE(ZVersionInfoMsg);
     record->m_Version = version.m_text;
@@ -195,7 +161,7 @@ std::shared_ptr<ZVersionInfoMsg> ZNodeArborInstall::MakeUpdateRecord(const ZSoft
 }
 
 void ZNodeArborInstall::CheckAvailableUpdates(std::shared_ptr<ZMessageArray>& results, bool publishAlways) {
-    for (const auto& [version, path] : KnownPackages()) {
+    for (const auto& [version, path] : m_tables.Packages()) {
         Z_LOG(2, "Notify Software version %s is available for update", version.Get());
         results->Add(MakeUpdateRecord(version));
     }
@@ -203,7 +169,7 @@ void ZNodeArborInstall::CheckAvailableUpdates(std::shared_ptr<ZMessageArray>& re
         return;
     }
     if (!ZCAST(ZMessage, results)) {
-        Z_LOG(4, "GCAST(ZMessage, pMessageSubclass) %s: %s", "Publish", results->ClassName());
+        Z_LOG(4, "GCAST(ZMessage, pMessageSubclass) %s: %s", "Expected Base Class: ZMessage, ", results->ClassName());
         return;
     }
     if (Publish(GetEndpoint(ZEndpointType::GraphService, "updateavailable", 0), results)) {

@@ -1,0 +1,104 @@
+#include "PackageFiles.h"
+#include "ZNodeArborInstallActions.h"
+
+namespace fs = std::filesystem;
+
+Z_IMPLEMENT(ZNodeArborInstall_CheckFileAction)
+Z_IMPLEMENT(ZNodeArborInstall_StorageDevicesUpdateAction)
+Z_IMPLEMENT(ZNodeArborInstall_ScanDrivesAction)
+
+bool ZNodeArborInstall::OnNewUpdateFile(const std::shared_ptr<ZMessage>& message) {
+    const auto update = ZCAST(FolderUpdateMsg, message);
+    if (!update) {
+        Z_LOG(4, "Unknown message %s", message->ClassName());
+        return true;
+    }
+    Z_LOG(2, "Scan file %s in folder %s", update->m_FileName, update->m_Folder);
+    RunAction("CheckFile", message);
+    return true;
+}
+
+bool ZNodeArborInstall::OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& message) {
+    if (!ZCAST(StorageDevicesMsg, message)) {
+        return true;
+    }
+    Z_LOG(2, "Running StorageDevicesUpdate Action");
+    RunAction("StorageDevicesUpdate", message);
+    return true;
+}
+
+bool ZNodeArborInstall::OnFindUpdates(std::shared_ptr<ZMessage>& request) {
+    const auto answer = Z_MAKE(ZMessageArray);
+    const auto packages = m_tables.Packages();
+    for (const auto& [version, path] : packages) {
+        Z_LOG(2, "Notify Software update version %s: %s", version.Get(), path);
+        answer->Add(MakeUpdateRecord(version));
+    }
+    if (packages.empty()) {
+        Z_LOG(2, "No software packages found");
+    }
+    PublishResponse(request, answer, true, false);
+    return true;
+}
+
+bool ZNodeArborInstall_CheckFileAction::Work() {
+    const ZUseFlag::Hold busy(Node().BusyFlag());
+    const auto update = ZCAST(FolderUpdateMsg, m_pMessage);
+    if (!update) {
+        return true;
+    }
+    const fs::path file = fs::path(update->m_Folder) / fs::path(update->m_FileName);
+    Z_LOG(2, "Check File: %s", file);
+    auto results = Z_MAKE(ZMessageArray);
+    CheckFile(file, results);
+    Node().CheckAvailableUpdates(results, true);
+    return true;
+}
+
+void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
+    std::error_code error;
+    const fs::file_status status = fs::status(file, error);
+    if (error) {
+        Z_LOG(4, "Error getting file permissions %d", error.value());
+        return;
+    }
+    const bool executable = IsExecutable(status.permissions());
+    if (executable && file.extension() == ".pkg") {
+        Z_LOG(2, "Found package file %s", file);
+        Node().CheckPackageFile(file, results);
+        return;
+    }
+    // The two words are the wrong way round; tools that read these logs know them so.
+    Z_LOG(2, "File %s %s", file.filename().c_str(), executable ? "Not Executable" : "is executable");
+}
+
+bool ZNodeArborInstall_StorageDevicesUpdateAction::Work() {
+    const auto devices = ZCAST(StorageDevicesMsg, m_pMessage);
+    if (!devices) {
+        return true;
+    }
+    auto results = Z_MAKE(ZMessageArray);
+    // In this order: a drive that left and came back is present afterwards.
+    Node().RemoveStorageDevices(devices->m_RemovedDevices);
+    Node().ProcessStorageDevices(devices->m_AddedDevices, results);
+    Node().CheckAvailableUpdates(results, true);
+    return true;
+}
+
+bool ZNodeArborInstall_ScanDrivesAction::Work() {
+    const auto request = Z_MAKE(ZGenericRequestMsg);
+    Z_LOG(2, "Get existing storage devices");
+    std::shared_ptr<ZMessage> response;
+    Node().Publish(Node().GetEndpoint(ZEndpointType::GraphService, "getdevices", 0), request, &response, true, false);
+    if (const auto devices = ZCAST(StorageDevicesMsg, response)) {
+        Z_LOG(2, "Scanning %d drives for updates", static_cast<int>(devices->m_Devices.size()));
+        auto results = Z_MAKE(ZMessageArray);
+        Node().ProcessStorageDevices(devices->m_Devices, results);
+        Node().ProcessStorageDevices({ToZString(Node().UpdatesPath().string())}, results);
+        Node().CheckAvailableUpdates(results, false);
+    } else if (response) {
+        Z_LOG(4, "Unknown response <%s> from getdevices endpoint", response->ClassName());
+    }
+    Z_LOG(2, "Scan drives Action complete");
+    return true;
+}
