@@ -22,6 +22,8 @@ add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Werror -fdeb
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # g++ 12 reports string concatenation in its own headers (its bug 105651).
     add_compile_options(-Wno-restrict)
+    # A library with symbols that are unique in the process is never unloaded, and its classes stay creatable.
+    add_compile_options(-fno-gnu-unique)
 endif()
 
 if(ARBOR_SANITIZE STREQUAL "address")

@@ -3,11 +3,12 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 class ZMessage;
 
@@ -60,46 +61,16 @@ public:
     bool IsMine() const { return m_runner.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
 
 private:
-    struct Entry {
-        int priority;
-        Mail mail;
-    };
-    /// Entries in the order in which they are done. Keeps its memory.
-    class Line {
-    public:
-        bool IsEmpty() const { return m_first == m_entries.size(); }
-        std::size_t Size() const { return m_entries.size() - m_first; }
-        int LowestPriority() const { return IsEmpty() ? 0 : m_entries.back().priority; }
-        void Insert(Entry entry);
-        Mail TakeFirst();
-        /// All of `other`, which is empty afterwards.
-        void TakeOver(Line& other);
-
-    private:
-        std::vector<Entry> m_entries;
-        std::size_t m_first = 0;  // those before it are done
-    };
-
-    bool HasRoom() const { return m_entries.Size() + m_taken < m_length; }
+    bool HasRoom() const { return m_waiting < m_length; }
     void Queue(std::unique_lock<std::mutex> lock, Mail& mail, int priority);
-    void LookForMore();
-    bool Take(Line& batch, const Task& onIdle);
-    void RunNext(Line& batch);
 
     const std::size_t m_length;
-    mutable std::mutex m_mutex;
+    mutable std::mutex m_mutex;  // of all below but m_runner
     std::condition_variable m_notEmpty;
     std::condition_variable m_notFull;
-    Line m_entries;
+    std::map<int, std::deque<Mail>, std::greater<>> m_lines;  // by priority, the highest first
+    std::size_t m_waiting = 0;                                // in all lines
+    std::size_t m_postersWaiting = 0;
     bool m_closed = false;
-    bool m_runnerWaits = false;
-    int m_lowestTaken = 0;  // the lowest priority in the runner's batch
-    int m_patience = 0;     // how often the runner looks for more before it goes to sleep; its own
-    // The runner takes all that waits at once, so that it needs the lock only for each batch. What it has not begun yet
-    // still counts as waiting, and a mail of a higher priority still goes before it.
-    std::atomic<std::size_t> m_queued{0};  // as many as the entries
-    std::atomic<std::size_t> m_taken{0};
-    std::atomic<bool> m_overtakes{false};  // among the entries is one that goes before what was taken
-    std::atomic<int> m_postersWaiting{0};
     std::atomic<std::thread::id> m_runner{};
 };
