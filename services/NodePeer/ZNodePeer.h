@@ -1,7 +1,7 @@
 #pragma once
 
 #include "NodeBase/ZNode.h"
-#include "NodeComm/ZNodeCommZmq.h"
+#include "NodeComm/ZNodeLink.h"
 #include "PeerTable.h"
 
 class ZNodePeerCfg : public ZConfig {
@@ -65,7 +65,8 @@ private:
     std::shared_ptr<ZPeersMsg> Peers() const;
 
     // On the link's thread.
-    void OnPeerArrived(const std::string& key, const std::shared_ptr<ZMessage>& introduction) override;
+    ZResult<void> OnPeerIntroduced(const std::string& key, const std::shared_ptr<ZMessage>& introduction) override;
+    void OnPeerArrived(const std::string& key) override;
     void OnPeerGone(const std::string& key) override;
     void OnPeerRefused(const std::string& key) override;
     void AskWhetherItFits(const std::string& key);
@@ -77,5 +78,5 @@ private:
     std::chrono::milliseconds m_answerTimeout{30'000};
     std::shared_ptr<ZPeerMsg> m_self;  // set before the link is opened, then only read
     PeerTable m_peers;
-    std::shared_ptr<ZNodeCommZmq> m_link;
+    std::shared_ptr<ZNodeLink> m_link;
 };
