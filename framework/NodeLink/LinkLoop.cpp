@@ -191,7 +191,6 @@ bool LinkLoop::TakeCommands() {
     if (pins) {
         m_policy.SetPins(std::move(*pins), ZClock::now());
         m_strangers.Clear();
-        m_dropped.Clear();
         Obey();
     }
     for (auto& [key, frames] : messages) {

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::string_view kScheme = "tcp://";
 constexpr std::size_t kLongestAddress = 255;
-constexpr int kWaitingCallers = 16;
+constexpr int kWaitingCallers = 128;
 
 /// What the resolver says about an address; `error` when it says nothing.
 std::optional<TcpAddress> LookUp(const std::string& text, int flags, std::string& error) {

@@ -415,7 +415,8 @@ TEST_F(Link, ADeviceOfAnotherMakeIsTalkedToAsWell) {
     const auto hello = foreign.Take();
     ASSERT_EQ(3U, hello.size()) << m_log.All();
     EXPECT_THAT(hello[2], testing::HasSubstr("PM-1"));
-    foreign.Say({hello[0], R"({"kind":"Hello"})", R"({"className":"ZPeerMsg","serialNumber":"F-1"})"});
+    foreign.Say({hello[0], R"({"kind":"Hello"})",
+                 R"({"className":"ZPeerMsg","deviceType":"DEVICE_PALM","serialNumber":"F-1"})"});
     ASSERT_TRUE(WaitUntil([&] { return m_palm.IsConnectedTo(foreign.Key()); })) << m_log.All();
     const std::string data(150'000, 'd');
     auto answer =
@@ -425,7 +426,7 @@ TEST_F(Link, ADeviceOfAnotherMakeIsTalkedToAsWell) {
     EXPECT_EQ(data, request[3] + request[4] + request[5]);
     const std::string number = request[1].substr(request[1].find("\"request\":") + 10);
     foreign.Say({hello[0], R"({"kind":"Answer","request":)" + number.substr(0, number.find_first_of(",}")) + "}",
-                 R"({"className":"ZGenericResponseMsg","bSuccess":true,"errorText":"taken"})"});
+                 R"({"className":"ZGenericResponseMsg","bSuccess":true,"text":"taken"})"});
     EXPECT_THAT(answer.get(), testing::HasSubstr("taken"));
 }
 
