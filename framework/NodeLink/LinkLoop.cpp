@@ -15,6 +15,7 @@ constexpr ZLogger Log() {
 constexpr std::size_t kWaitingMessages = 1024;
 constexpr std::size_t kMostWaiting = std::size_t{16} << 20U;  // bytes, for each device
 constexpr int kReadsInARow = 4;                               // from one device, before the others have their turn
+constexpr int kAcceptsInARow = 64;
 constexpr auto kListenAgainAfter = std::chrono::milliseconds(500);
 constexpr auto kRebuildAfter = std::chrono::seconds(1);
 
@@ -229,7 +230,7 @@ void LinkLoop::SayGone(const std::string& key) {
 }
 
 void LinkLoop::AcceptAll() {
-    for (int turn = 0; turn < SOMAXCONN; ++turn) {
+    for (int turn = 0; turn < kAcceptsInARow; ++turn) {
         TcpAddress from;
         auto caller = AcceptTcp(m_listener, from);
         if (!caller) {

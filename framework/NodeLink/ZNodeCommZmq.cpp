@@ -257,7 +257,9 @@ ZResult<void> ZNodeCommZmq::Start(const ZLinkSettings& settings, std::shared_ptr
 }
 
 void ZNodeCommZmq::SetPins(std::vector<ZLinkPin> pins) {
-    m_loop->SetPins(std::move(pins));
+    if (m_loop) {
+        m_loop->SetPins(std::move(pins));
+    }
 }
 
 void ZNodeCommZmq::Send(const std::string& key, const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,

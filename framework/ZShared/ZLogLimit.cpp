@@ -16,7 +16,7 @@ std::optional<std::string> ZLogLimit::Admit(std::string kind, ZClock::time_point
     auto known = kinds->find(kind);
     if (known == kinds->end() && kinds->size() >= m_mostKinds) {
         std::erase_if(*kinds, [now](const auto& entry) {
-            return entry.second.leftOut == 0 && now - entry.second.told >= kPause;
+            return entry.second.leftOut == 0 && now - entry.second.since >= kPause;
         });
     }
     if (known == kinds->end()) {
@@ -27,11 +27,12 @@ std::optional<std::string> ZLogLimit::Admit(std::string kind, ZClock::time_point
             return std::string();
         }
     }
-    if (now - known->second.told < kPause) {
-        ++known->second.leftOut;
-        return std::nullopt;
+    if (now - known->second.since < kPause) {
+        const bool isTold = known->second.told < m_aMinute;
+        known->second.told += isTold ? 1 : 0;
+        known->second.leftOut += isTold ? 0 : 1;
+        return isTold ? std::optional<std::string>("") : std::nullopt;
     }
-    known->second.told = now;
-    const auto leftOut = std::exchange(known->second.leftOut, 0);
+    const auto leftOut = std::exchange(known->second, Kind{now}).leftOut;
     return leftOut == 0 ? std::string() : " (" + std::to_string(leftOut) + " more like it)";
 }

@@ -189,7 +189,8 @@ std::string ZNodePeer::Pair(const ZPairMsg& order) {
     if (pin.name.empty()) {
         pin.name = pin.publicKey.substr(0, 8);
     }
-    if (const std::string problem = ProblemWith(pin, *m_link); !problem.empty() || pin.publicKey == m_link->PublicKey()) {
+    if (const std::string problem = ProblemWith(pin, *m_link);
+        !problem.empty() || pin.publicKey == m_link->PublicKey()) {
         return problem.empty() ? "This is the device's own key" : problem;
     }
     std::vector<ZLinkPin> pins = m_peers.Pins();
@@ -235,7 +236,10 @@ ZResult<void> ZNodePeer::OnPeerIntroduced(const std::string& key, const std::sha
 
 void ZNodePeer::OnPeerArrived(const std::string& key) {
     const auto peer = m_peers.Arrived(key);
-    Z_LOG(2, "Device %s (%s, version %s) is connected", NameOf(*peer), peer->m_DeviceType, peer->m_Version);
+    if (const auto more = m_news.Admit("come " + key)) {
+        Z_LOG(2, "Device %s (%s, version %s) is connected%s", NameOf(*peer), peer->m_DeviceType, peer->m_Version,
+              *more);
+    }
     Announce(peer);
     if (m_self->m_DeviceType == DEVICE_PALM && peer->m_DeviceType == DEVICE_CART) {
         AskWhetherItFits(key);
@@ -244,7 +248,9 @@ void ZNodePeer::OnPeerArrived(const std::string& key) {
 
 void ZNodePeer::OnPeerGone(const std::string& key) {
     const auto peer = m_peers.Gone(key);
-    Z_LOG(3, "Device %s is gone", peer->m_SerialNumber.empty() ? key.c_str() : NameOf(*peer).c_str());
+    if (const auto more = m_news.Admit("go " + key)) {
+        Z_LOG(3, "Device %s is gone%s", peer->m_SerialNumber.empty() ? key : NameOf(*peer), *more);
+    }
     Announce(peer);
 }
 
@@ -263,15 +269,20 @@ void ZNodePeer::AskWhetherItFits(const std::string& key) {
 
 void ZNodePeer::TakeVerdict(const std::string& key, const std::shared_ptr<ZMessage>& answer) {
     const auto verdict = cast_shared<ZDeviceCompatibilityMsg>(answer);
+    const auto more = m_news.Admit("verdict " + key);
     if (!verdict) {
         const auto refusal = cast_shared<ZGenericResponseMsg>(answer);
-        Z_LOG(3, "The host device does not say whether this software fits: %s",
-              refusal ? refusal->m_ErrorText.c_str() : answer->ClassName());
+        if (more) {
+            Z_LOG(3, "The host device does not say whether this software fits: %s%s",
+                  refusal ? refusal->m_ErrorText.c_str() : answer->ClassName(), *more);
+        }
         return;
     }
-    Z_LOG(2, "The host device says: version %s is %s, target version %s, update %s", m_self->m_Version.c_str(),
-          verdict->m_bCompatible ? "compatible" : "not compatible", verdict->m_TargetVersion.c_str(),
-          verdict->m_bRequiresUpdate ? "required" : "not required");
+    if (more) {
+        Z_LOG(2, "The host device says: version %s is %s, target version %s, update %s%s", m_self->m_Version.c_str(),
+              verdict->m_bCompatible ? "compatible" : "not compatible", verdict->m_TargetVersion.c_str(),
+              verdict->m_bRequiresUpdate ? "required" : "not required", *more);
+    }
     Announce(m_peers.Judged(key, *verdict));
 }
 

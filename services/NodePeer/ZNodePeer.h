@@ -3,6 +3,7 @@
 #include "NodeBase/ZNode.h"
 #include "NodeComm/ZNodeLink.h"
 #include "PeerTable.h"
+#include "ZShared/ZLogLimit.h"
 
 class ZNodePeerCfg : public ZConfig {
     Z_MESSAGE(ZNodePeerCfg, ZConfig)
@@ -78,5 +79,6 @@ private:
     std::chrono::milliseconds m_answerTimeout{30'000};
     std::shared_ptr<ZPeerMsg> m_self;  // set before the link is opened, then only read
     PeerTable m_peers;
+    ZLogLimit m_news{64, 20};  // a device may come and go as often as it likes
     std::shared_ptr<ZNodeLink> m_link;
 };

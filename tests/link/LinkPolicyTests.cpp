@@ -177,6 +177,12 @@ TEST(LogLimit, TellsTheFirstLineOfAKindThenOneAMinuteAndOfManyKindsTogether) {
     EXPECT_EQ(" (1 more like it)", limit.Admit("a", now));
     EXPECT_EQ(" (1 more like it)", limit.Admit("e", now));
     EXPECT_EQ(std::nullopt, limit.Admit("a", now));
+
+    ZLogLimit two(8, 2);
+    for (const auto& told :
+         {std::optional<std::string>(""), std::optional<std::string>(""), std::optional<std::string>()}) {
+        EXPECT_EQ(told, two.Admit("a", now));
+    }
 }
 
 }  // namespace
