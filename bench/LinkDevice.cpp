@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "NodeComm/zmq/LinkKeys.h"
+#include "NodeLink/LinkKeys.h"
 #include "PinFile.h"
 #include "ZMessages/PeerMessages.h"
 #include "ZNodePeer.h"
@@ -21,9 +21,8 @@ std::shared_ptr<ZNodePeerCfg> PeerRecord(const LinkIdentity& self) {
 }
 
 void Pin(const LinkIdentity& self, const LinkIdentity& other, const std::string& address) {
-    std::string error;
-    if (!SavePins(self.pinsFile, {ZLinkPin{other.serialNumber, other.publicKey, address}}, error)) {
-        throw std::runtime_error(error);
+    if (const auto saved = SavePins(self.pinsFile, {{other.serialNumber, other.publicKey, address, {}}}); !saved) {
+        throw std::runtime_error(saved.error().text);
     }
 }
 
@@ -31,10 +30,9 @@ void Pin(const LinkIdentity& self, const LinkIdentity& other, const std::string&
 
 LinkIdentity::LinkIdentity(const Scratch& scratch, const std::string& serial)
     : serialNumber(serial), keyFile(scratch / (serial + "-key.json")), pinsFile(scratch / (serial + "-pins.json")) {
-    std::string error;
-    const auto keys = LoadOrMakeLinkKeys(keyFile, error);
+    const auto keys = LoadOrMakeLinkKeys(keyFile);
     if (!keys) {
-        throw std::runtime_error(error);
+        throw std::runtime_error(keys.error().text);
     }
     publicKey = keys->publicKey;
 }

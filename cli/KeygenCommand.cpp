@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -35,23 +36,46 @@ bool Make(KeyPair& keys) {
            EVP_PKEY_get_raw_private_key(made.get(), keys.secretKey.data(), &secretSize) == 1;
 }
 
-Result<void> WriteForOwnerAlone(const std::string& file, const std::string& text) {
+/// Writes a new file that only its owner may read and that is safe on the disk afterwards; 0, or the errno of what
+/// failed.
+int WriteSecret(const std::string& file, const std::string& text) {
     const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR);
     if (descriptor < 0) {
-        const char* reason = errno == EEXIST ? "there is such a file already, and it may hold keys that are in use"
-                                             : std::strerror(errno);
-        return UsageFailure(Escaped(file) + ": " + reason);
+        return errno;
     }
-    errno = 0;
+    errno = ENOSPC;  // a write that falls short sets none
     const bool complete =
         write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(descriptor) == 0;
-    const int failure = errno != 0 ? errno : ENOSPC;
+    const int failure = complete ? 0 : errno;
     close(descriptor);
-    if (!complete) {
-        unlink(file.c_str());
-        return UsageFailure(Escaped(file) + ": could not be written: " + std::strerror(failure));
+    return failure;
+}
+
+/// Gives a file its name unless there is one of that name; 0 or the errno.
+int GiveName(const std::string& from, const std::string& to) {
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+        return 0;
     }
-    return {};
+    // Some file systems can't compare and rename in one step.
+    const bool isKnown = errno != EINVAL;
+    return isKnown ? errno : access(to.c_str(), F_OK) == 0 ? EEXIST : rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+/// Under a name of its own until it is whole: a device would take half a file for its keys.
+Result<void> WriteForOwnerAlone(const std::string& file, const std::string& text) {
+    const std::string temporary = file + ".new";
+    unlink(temporary.c_str());
+    int failure = WriteSecret(temporary, text);
+    if (failure == 0) {
+        failure = GiveName(temporary, file);
+    }
+    if (failure == 0) {
+        return {};
+    }
+    unlink(temporary.c_str());
+    return UsageFailure(Escaped(file) + ": " +
+                        (failure == EEXIST ? "there is such a file already, and it may hold keys that are in use"
+                                           : std::strerror(failure)));
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ public:
     bool m_bConnected = false;
     ZDeviceType m_DeviceType = DEVICE_CART;
     ZDeviceModel m_DeviceModel = ZDeviceModel::KiteQM;
-    ZString m_SerialNumber;  ///< empty until it has been connected once
+    ZString m_SerialNumber;  ///< its pin's; empty until it has been connected once
     ZString m_Board;
     ZString m_Version;
     // The host's verdict about this device's software; set on the accessory that asked for it.

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "NodeComm/zmq/LinkKeys.h"
 #include "PinFile.h"
 #include "ZShared/ZLog.h"
 
@@ -13,9 +12,15 @@ Z_IMPLEMENT(ZNodePeer)
 
 namespace {
 
+// The transport, by its class's name. Another one only has to be a ZNodeLink that is loaded.
+constexpr const char* kLinkClass = "ZNodeCommZmq";
 // Of each second that a request waits: shorter, so that the requester still hears what became of it.
 constexpr std::chrono::milliseconds kAnswerShare{900};
 using ErrorCodes = ZFrameworkErrorCodes;
+
+std::shared_ptr<ZNodeLink> MakeLink() {
+    return cast_shared<ZNodeLink>(ZShared::ZFactory::Instance().CreateShared(kLinkClass));
+}
 
 std::string NameOf(const ZPeerMsg& peer) {
     return std::string(magic_enum::enum_name(peer.m_DeviceModel)) + '-' + ToStdString(peer.m_SerialNumber);
@@ -36,13 +41,18 @@ bool ZNodePeer::OnConfig(const std::shared_ptr<ZMessage>& message, const std::sh
         m_answerTimeout = kAnswerShare * core->m_RequestTimeoutSeconds;
     }
     return ReadRecord<ZNodePeerCfg>(config, [this](const ZNodePeerCfg& record) {
+        m_link = MakeLink();
+        if (!m_link) {
+            throw std::runtime_error(std::string("there is no link class ") + kLinkClass);
+        }
         TakeSettings(record);
         LoadKeysAndPins(record);
     });
 }
 
 bool ZNodePeerCfg::IsAddress(std::string_view text) {
-    return ZNodeCommZmq::IsAddress(std::string(text));
+    const auto link = MakeLink();
+    return link && link->IsAddress(std::string(text));
 }
 
 bool ZNodePeerCfg::IsExport(std::string_view text) {
@@ -57,18 +67,13 @@ void ZNodePeer::TakeSettings(const ZNodePeerCfg& record) {
 }
 
 void ZNodePeer::LoadKeysAndPins(const ZNodePeerCfg& record) {
-    const std::filesystem::path keyFile(record.m_KeyFile);
     m_pinsFile = ToStdString(record.m_PinsFile);
-    std::string error;
-    const auto keys = LoadOrMakeLinkKeys(keyFile, error);
-    if (!keys) {
-        throw std::runtime_error("\"keyFile\": " + error);
+    if (const auto loaded = m_link->LoadKeys(record.m_KeyFile); !loaded) {
+        throw std::runtime_error("\"keyFile\": " + loaded.error().text);
     }
-    m_settings.publicKey = keys->publicKey;
-    m_settings.secretKey = keys->secretKey;
-    const auto pins = LoadPins(m_pinsFile, error);
+    const auto pins = LoadPins(m_pinsFile, *m_link);
     if (!pins) {
-        throw std::runtime_error("\"pinsFile\": " + error);
+        throw std::runtime_error("\"pinsFile\": " + pins.error().text);
     }
     m_peers.SetPins(*pins);
 }
@@ -95,7 +100,7 @@ std::shared_ptr<Answer> ZNodePeer::Ask(ZEndpointType type, const char* keyword) 
 
 std::shared_ptr<ZPeerMsg> ZNodePeer::Introduction() {
     auto self = Z_MAKE(ZPeerMsg);
-    self->m_PublicKey = ToZString(m_settings.publicKey);
+    self->m_PublicKey = ToZString(m_link->PublicKey());
     if (const auto properties = Ask<ZDevicePropertiesMsg>(ZEndpointType::GraphService, "deviceProps")) {
         self->m_DeviceType = properties->m_DeviceType;
         self->m_DeviceModel = properties->m_DeviceModel;
@@ -111,14 +116,12 @@ std::shared_ptr<ZPeerMsg> ZNodePeer::Introduction() {
 bool ZNodePeer::OnGraphCreated() {
     m_self = Introduction();
     m_settings.introduction = m_self;
-    m_link = Z_MAKE(ZNodeCommZmq);
-    std::string error;
-    if (!m_link || !m_link->Start(m_settings, Comm(), *this, error)) {
-        Z_LOG(4, "The link could not be opened: %s", error);
+    if (const auto started = m_link->Start(m_settings, Comm(), *this); !started) {
+        Z_LOG(4, "The link could not be opened: %s", started.error().text);
         return false;
     }
     m_link->SetPins(m_peers.Pins());
-    Z_LOG(2, "The link is open; this device's key is %s", m_settings.publicKey);
+    Z_LOG(2, "The link is open; this device's key is %s", m_link->PublicKey());
     return true;
 }
 
@@ -141,7 +144,7 @@ bool ZNodePeer::OnForward(std::shared_ptr<ZMessage>& message) {
         }
     };
     const std::string key = m_peers.Find(order->m_DeviceModel, order->m_SerialNumber);
-    if (key.empty() || !m_link) {
+    if (key.empty()) {
         const auto refusal = Z_MAKE(ZGenericResponseMsg);
         refusal->m_bSuccess = false;
         refusal->m_ErrorCode = ErrorCodes::ERRCODE_DEVICE_NOT_CONNECTED;
@@ -159,7 +162,7 @@ bool ZNodePeer::OnForward(std::shared_ptr<ZMessage>& message) {
 
 std::shared_ptr<ZPeersMsg> ZNodePeer::Peers() const {
     auto answer = Z_MAKE(ZPeersMsg);
-    answer->m_PublicKey = ToZString(m_settings.publicKey);
+    answer->m_PublicKey = ToZString(m_link->PublicKey());
     answer->m_Peers = m_peers.All();
     return answer;
 }
@@ -182,12 +185,12 @@ bool ZNodePeer::OnPair(const std::shared_ptr<ZMessage>& request) {
 }
 
 std::string ZNodePeer::Pair(const ZPairMsg& order) {
-    ZLinkPin pin{ToStdString(order.m_Name), ToStdString(order.m_PublicKey), ToStdString(order.m_Address)};
+    ZLinkPin pin{ToStdString(order.m_Name), ToStdString(order.m_PublicKey), ToStdString(order.m_Address), {}};
     if (pin.name.empty()) {
         pin.name = pin.publicKey.substr(0, 8);
     }
-    std::string problem = ProblemWith(pin);
-    if (!problem.empty() || pin.publicKey == m_settings.publicKey) {
+    if (const std::string problem = ProblemWith(pin, *m_link);
+        !problem.empty() || pin.publicKey == m_link->PublicKey()) {
         return problem.empty() ? "This is the device's own key" : problem;
     }
     std::vector<ZLinkPin> pins = m_peers.Pins();
@@ -198,26 +201,45 @@ std::string ZNodePeer::Pair(const ZPairMsg& order) {
     if (order.m_bRemove) {
         pins.erase(known);
     } else if (known != pins.end()) {
+        pin.serialNumber = known->serialNumber;
         *known = pin;
     } else {
         pins.push_back(pin);
     }
-    if (!SavePins(m_pinsFile, pins, problem)) {
-        return problem;
+    if (const auto saved = SavePins(m_pinsFile, pins); !saved) {
+        return saved.error().text;
     }
     m_peers.SetPins(pins);
-    if (m_link) {
-        m_link->SetPins(pins);
-    }
+    m_link->SetPins(pins);
     Z_LOG(2, "The key %s of %s is %s", pin.publicKey.c_str(), pin.name.c_str(),
           order.m_bRemove ? "no longer pinned" : "pinned");
     return {};
 }
 
-void ZNodePeer::OnPeerArrived(const std::string& key, const std::shared_ptr<ZMessage>& introduction) {
+ZResult<void> ZNodePeer::OnPeerIntroduced(const std::string& key, const std::shared_ptr<ZMessage>& introduction) {
     const auto told = cast_shared<ZPeerMsg>(introduction);
-    const auto peer = m_peers.Arrived(key, told ? *told : *Z_MAKE(ZPeerMsg));
-    Z_LOG(2, "Device %s (%s, version %s) is connected", NameOf(*peer), peer->m_DeviceType, peer->m_Version);
+    const auto isNews = m_peers.Introduced(key, told ? *told : *Z_MAKE(ZPeerMsg));
+    if (!isNews) {
+        return isNews.error();
+    }
+    if (*isNews) {
+        // On the node's own thread, which alone writes the file. Without it the next introduction would settle it.
+        ZMailbox::Mail save([this] {
+            if (const auto saved = SavePins(m_pinsFile, m_peers.Pins()); !saved) {
+                Z_LOG(4, "A device's serial number was not kept: %s", saved.error().text);
+            }
+        });
+        static_cast<void>(Mailbox()->TryPost(save));
+    }
+    return {};
+}
+
+void ZNodePeer::OnPeerArrived(const std::string& key) {
+    const auto peer = m_peers.Arrived(key);
+    if (const auto more = m_news.Admit("come " + key)) {
+        Z_LOG(2, "Device %s (%s, version %s) is connected%s", NameOf(*peer), peer->m_DeviceType, peer->m_Version,
+              *more);
+    }
     Announce(peer);
     if (m_self->m_DeviceType == DEVICE_PALM && peer->m_DeviceType == DEVICE_CART) {
         AskWhetherItFits(key);
@@ -226,7 +248,9 @@ void ZNodePeer::OnPeerArrived(const std::string& key, const std::shared_ptr<ZMes
 
 void ZNodePeer::OnPeerGone(const std::string& key) {
     const auto peer = m_peers.Gone(key);
-    Z_LOG(3, "Device %s is gone", peer->m_SerialNumber.empty() ? key.c_str() : NameOf(*peer).c_str());
+    if (const auto more = m_news.Admit("go " + key)) {
+        Z_LOG(3, "Device %s is gone%s", peer->m_SerialNumber.empty() ? key : NameOf(*peer), *more);
+    }
     Announce(peer);
 }
 
@@ -245,15 +269,20 @@ void ZNodePeer::AskWhetherItFits(const std::string& key) {
 
 void ZNodePeer::TakeVerdict(const std::string& key, const std::shared_ptr<ZMessage>& answer) {
     const auto verdict = cast_shared<ZDeviceCompatibilityMsg>(answer);
+    const auto more = m_news.Admit("verdict " + key);
     if (!verdict) {
         const auto refusal = cast_shared<ZGenericResponseMsg>(answer);
-        Z_LOG(3, "The host device does not say whether this software fits: %s",
-              refusal ? refusal->m_ErrorText.c_str() : answer->ClassName());
+        if (more) {
+            Z_LOG(3, "The host device does not say whether this software fits: %s%s",
+                  refusal ? refusal->m_ErrorText.c_str() : answer->ClassName(), *more);
+        }
         return;
     }
-    Z_LOG(2, "The host device says: version %s is %s, target version %s, update %s", m_self->m_Version.c_str(),
-          verdict->m_bCompatible ? "compatible" : "not compatible", verdict->m_TargetVersion.c_str(),
-          verdict->m_bRequiresUpdate ? "required" : "not required");
+    if (more) {
+        Z_LOG(2, "The host device says: version %s is %s, target version %s, update %s%s", m_self->m_Version.c_str(),
+              verdict->m_bCompatible ? "compatible" : "not compatible", verdict->m_TargetVersion.c_str(),
+              verdict->m_bRequiresUpdate ? "required" : "not required", *more);
+    }
     Announce(m_peers.Judged(key, *verdict));
 }
 

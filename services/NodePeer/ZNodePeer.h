@@ -1,8 +1,9 @@
 #pragma once
 
 #include "NodeBase/ZNode.h"
-#include "NodeComm/ZNodeCommZmq.h"
+#include "NodeComm/ZNodeLink.h"
 #include "PeerTable.h"
+#include "ZShared/ZLogLimit.h"
 
 class ZNodePeerCfg : public ZConfig {
     Z_MESSAGE(ZNodePeerCfg, ZConfig)
@@ -65,7 +66,8 @@ private:
     std::shared_ptr<ZPeersMsg> Peers() const;
 
     // On the link's thread.
-    void OnPeerArrived(const std::string& key, const std::shared_ptr<ZMessage>& introduction) override;
+    ZResult<void> OnPeerIntroduced(const std::string& key, const std::shared_ptr<ZMessage>& introduction) override;
+    void OnPeerArrived(const std::string& key) override;
     void OnPeerGone(const std::string& key) override;
     void OnPeerRefused(const std::string& key) override;
     void AskWhetherItFits(const std::string& key);
@@ -77,5 +79,6 @@ private:
     std::chrono::milliseconds m_answerTimeout{30'000};
     std::shared_ptr<ZPeerMsg> m_self;  // set before the link is opened, then only read
     PeerTable m_peers;
-    std::shared_ptr<ZNodeCommZmq> m_link;
+    ZLogLimit m_news{64, 20};  // a device may come and go as often as it likes
+    std::shared_ptr<ZNodeLink> m_link;
 };

@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "Conversation.h"
-#include "NodeComm/zmq/LinkKeys.h"
+#include "NodeLink/LinkKeys.h"
 
 namespace {
 
@@ -227,9 +227,8 @@ TEST(Keygen, MakesAPairThatTheDeviceTakesAndOverwritesNothing) {
     const std::string file = gateway.Folder() + "/keys.json";
     const auto made = RunProgram(gateway, "keygen keys.json");
     ASSERT_EQ(made->Status(), 0) << made->Errors();
-    std::string error;
-    const auto keys = LoadOrMakeLinkKeys(file, error);
-    ASSERT_TRUE(keys) << error;
+    const auto keys = LoadOrMakeLinkKeys(file);
+    ASSERT_TRUE(keys) << keys.error().text;
     EXPECT_EQ(made->Output(), keys->publicKey + "\n");
     struct stat status {};
     ASSERT_EQ(stat(file.c_str(), &status), 0);

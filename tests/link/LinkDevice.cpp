@@ -6,6 +6,7 @@
 
 #include <random>
 
+#include "NodeLink/LinkKeys.h"
 #include "ZNodePeer.h"
 #include "ZShared/ZFileDescriptor.h"
 
@@ -56,7 +57,7 @@ void LinkDevice::Start(std::uint32_t requestSeconds) {
     });
     const auto record = ZMakeShared<ZNodePeerCfg>();
     record->m_KeyFile = ToZString((m_folder / "key.json").string());
-    record->m_PinsFile = ToZString((m_folder / "pins.json").string());
+    record->m_PinsFile = ToZString(PinsFile().string());
     record->m_Listen = ToZString(m_listen);
     record->m_Exports = m_exports;
     record->m_HeartbeatMilliseconds = 10'000;  // a loaded machine is no dead link
@@ -70,6 +71,10 @@ std::shared_ptr<ZPeersMsg> LinkDevice::Peers() const {
 
 std::string LinkDevice::Key() const {
     return ToStdString(Peers()->m_PublicKey);
+}
+
+std::string LinkDevice::KnownKey() const {
+    return LoadOrMakeLinkKeys(m_folder / "key.json")->publicKey;
 }
 
 std::string LinkDevice::Pair(const std::string& key, int port, bool remove) const {

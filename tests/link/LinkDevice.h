@@ -20,6 +20,11 @@ public:
 
     ProbeNode& Probe() const { return *m_probe; }
     std::string Key() const;
+    /// As Key, also while it is stopped; from its key file.
+    std::string KnownKey() const;
+    std::filesystem::path PinsFile() const { return m_folder / "pins.json"; }
+    /// Takes effect with the next start.
+    void SetSerialNumber(const std::string& serialNumber) { m_serialNumber = serialNumber; }
     /// Pins another device, which is called on `port` unless that is 0. Returns what is in the way.
     std::string Pair(const std::string& key, int port = 0, bool remove = false) const;
     /// What this device knows of another; null when it knows nothing.
@@ -32,7 +37,7 @@ public:
 private:
     std::shared_ptr<ZPeersMsg> Peers() const;
 
-    const std::string m_serialNumber;
+    std::string m_serialNumber;
     const ZDeviceType m_type;
     const std::string m_listen;
     const ZVector<ZString> m_exports;

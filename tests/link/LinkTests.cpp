@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <sys/resource.h>
 #include <unistd.h>
 #include <zmq.h>
 
@@ -11,8 +10,8 @@
 #include <thread>
 
 #include "LinkDevice.h"
-#include "NodeComm/zmq/LinkKeys.h"
-#include "NodeComm/zmq/LinkLoop.h"
+#include "NodeLink/LinkKeys.h"
+#include "NodeLink/LinkLoop.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "ZNodePeer.h"
 
@@ -297,7 +296,9 @@ TEST_F(Link, ADeviceWhosePinIsTakenAwayBeforeItIntroducesItselfStaysOut) {
     ASSERT_EQ("", m_cart.Pair(stranger.Key(), 0, true));
     Join(m_cart, m_port, m_palm);  // its pin came after the removal: the link's thread has both now
     stranger.Say({R"({"kind":"Hello"})", R"({"className":"ZPeerMsg"})"});
-    EXPECT_TRUE(m_log.WaitFor(3, "nobody pins its key any more")) << m_log.All();
+    EXPECT_TRUE(WaitUntil([&] {
+        return m_log.All().find("nobody pinned its key " + stranger.Key()) != std::string::npos;
+    })) << m_log.All();
     EXPECT_FALSE(m_cart.IsConnectedTo(stranger.Key()));
 }
 
@@ -340,53 +341,93 @@ TEST(LinkSettings, AreRefusedByNameWhenTheyCanNotBeUsed) {
 /// What a link reports to when the system has nothing left for it.
 class Exhausted : public LinkEvents {
 public:
-    void OnArrived(const std::string&, const Message&) override {}
+    ZResult<void> OnIntroduced(const std::string&, const Message&) override { return {}; }
+    void OnArrived(const std::string&) override {}
     void OnGone(const std::string&) override {}
     void OnRefused(const std::string&) override {}
     void OnMessage(const std::string&, LinkMessage) override {}
-    ZMailbox::Clock::time_point OnTime(ZMailbox::Clock::time_point) override { throw std::bad_alloc(); }
+    ZClock::time_point OnTime(ZClock::time_point) override { throw std::bad_alloc(); }
 };
 
 TEST(LinkLoop, StopsThoughItCanDoNothing) {
     const NothingLeftBehind nothing;
     const LogCapture log;
     Exhausted events;
-    LinkLoop loop({}, "", Z_MAKE(ZPeerMsg), events);
-    std::string error;
-    ASSERT_TRUE(loop.Start(error)) << error;
+    LinkLoop loop({}, Z_MAKE(ZPeerMsg), events);
+    ASSERT_TRUE(loop.Start());
     EXPECT_TRUE(log.WaitFor(4, "The link failed and is set up again: std::bad_alloc"));
     loop.Stop();
 }
 
-/// No file of this process may grow beyond a few bytes, as on a full disk, while it lives.
-class NoRoomForFiles {
+/// A listening device that was made of the protocol's own library.
+class ForeignListener {
 public:
-    NoRoomForFiles() {
-        ::getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit little{16, m_before.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &little);
+    explicit ForeignListener(int port) {
+        ::zmq_curve_keypair(m_public.data(), m_secret.data());
+        const int on = 1;
+        const int patience = 30'000;
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SERVER, &on, sizeof on);
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SECRETKEY, m_secret.data(), 40);
+        ::zmq_setsockopt(m_socket, ZMQ_RCVTIMEO, &patience, sizeof patience);
+        // It probes as well, so that answers to probes are proved.
+        ::zmq_setsockopt(m_socket, ZMQ_HEARTBEAT_IVL, &m_heartbeat, sizeof m_heartbeat);
+        ::zmq_bind(m_socket, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
     }
-    ~NoRoomForFiles() {
-        ::setrlimit(RLIMIT_FSIZE, &m_before);
-        std::signal(SIGXFSZ, m_handler);
+    ~ForeignListener() {
+        ::zmq_close(m_socket);
+        ::zmq_ctx_term(m_context);
+    }
+    std::string Key() const {
+        LinkKeyBytes key{};
+        ::zmq_z85_decode(key.data(), m_public.data());
+        return LinkKeyText(key);
+    }
+    /// A message's frames; the first is the sender's number.
+    std::vector<std::string> Take() {
+        std::vector<std::string> frames;
+        int more = 1;
+        for (std::size_t size = sizeof more; more != 0; ::zmq_getsockopt(m_socket, ZMQ_RCVMORE, &more, &size)) {
+            std::string frame(200'000, '\0');
+            const int length = ::zmq_recv(m_socket, frame.data(), frame.size(), 0);
+            frames.push_back(frame.substr(0, length < 0 ? 0 : static_cast<std::size_t>(length)));
+        }
+        return frames;
+    }
+    void Say(const std::vector<std::string>& frames) {
+        for (std::size_t index = 0; index < frames.size(); ++index) {
+            ::zmq_send(m_socket, frames[index].data(), frames[index].size(),
+                       index + 1 < frames.size() ? ZMQ_SNDMORE : 0);
+        }
     }
 
 private:
-    void (*m_handler)(int) = std::signal(SIGXFSZ, SIG_IGN);
-    rlimit m_before{};
+    const int m_heartbeat = 50;
+    std::array<char, 41> m_public{};
+    std::array<char, 41> m_secret{};
+    void* m_context = ::zmq_ctx_new();
+    void* m_socket = ::zmq_socket(m_context, ZMQ_ROUTER);
 };
 
-TEST(LinkKeys, AreMadeOnceThereIsRoomForThem) {
-    const TemporaryFolder folder;
-    std::string error;
-    {
-        const NoRoomForFiles full;
-        EXPECT_FALSE(LoadOrMakeLinkKeys(folder / "key.json", error));
-    }
-    EXPECT_EQ(error, (folder / "key.json").string() + " could not be written: No space left on device");
-    const auto made = LoadOrMakeLinkKeys(folder / "key.json", error);
-    ASSERT_TRUE(made) << error;
-    EXPECT_EQ(LoadOrMakeLinkKeys(folder / "key.json", error)->secretKey, made->secretKey);
+TEST_F(Link, ADeviceOfAnotherMakeIsTalkedToAsWell) {
+    const int port = FreePort();
+    ForeignListener foreign(port);
+    ASSERT_EQ("", m_palm.Pair(foreign.Key(), port));
+    const auto hello = foreign.Take();
+    ASSERT_EQ(3U, hello.size()) << m_log.All();
+    EXPECT_THAT(hello[2], testing::HasSubstr("PM-1"));
+    foreign.Say({hello[0], R"({"kind":"Hello"})",
+                 R"({"className":"ZPeerMsg","deviceType":"DEVICE_PALM","serialNumber":"F-1"})"});
+    ASSERT_TRUE(WaitUntil([&] { return m_palm.IsConnectedTo(foreign.Key()); })) << m_log.All();
+    const std::string data(150'000, 'd');
+    auto answer =
+        std::async(std::launch::async, [&] { return TextOf(m_palm.Forward("F-1", "upload", WriteOf(data))); });
+    const auto request = foreign.Take();
+    ASSERT_EQ(3U + 3U, request.size());
+    EXPECT_EQ(data, request[3] + request[4] + request[5]);
+    const std::string number = request[1].substr(request[1].find("\"request\":") + 10);
+    foreign.Say({hello[0], R"({"kind":"Answer","request":)" + number.substr(0, number.find_first_of(",}")) + "}",
+                 R"({"className":"ZGenericResponseMsg","bSuccess":true,"text":"taken"})"});
+    EXPECT_THAT(answer.get(), testing::HasSubstr("taken"));
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
-#include "NodeComm/ZNodeCommZmq.h"
+#include "NodeLink/ZNodeCommZmq.h"
 
 #include <condition_variable>
-#include <regex>
+#include <deque>
 
-#include "NodeComm/zmq/LinkLoop.h"
+#include "NodeLink/LinkLoop.h"
 #include "ZMessages/Messages.h"
 #include "ZShared/ZLog.h"
 
@@ -11,16 +11,18 @@ Z_IMPLEMENT(ZNodeCommZmq)
 
 namespace {
 
-using Clock = ZMailbox::Clock;
 using Milliseconds = std::chrono::milliseconds;
 using ErrorCodes = ZFrameworkErrorCodes;
 
-constexpr std::ptrdiff_t kMostOwed = 256;  // to one device
+constexpr std::ptrdiff_t kMostReceived = 256;  // requests of one device that wait for their answer
+// Of one device's messages that nodes here have not dealt with yet.
+constexpr std::size_t kMostBytes = std::size_t{16} << 20U;
+constexpr std::size_t kMostMessages = 4096;
 constexpr Milliseconds kLongestWait = std::chrono::hours(1);
 constexpr const char* kNotConnected = "The device is not connected";
 
-void LogLine(int level, int line, const char* function, const std::string& text) {
-    ZLog::Instance().Log(level, "ZNodeCommZmq", "NodeComm/ZNodeCommZmq", function, line, "%s", text.c_str());
+constexpr ZLogger Log() {
+    return ZLogger("ZNodeCommZmq");
 }
 
 std::shared_ptr<ZMessage> Refusal(ErrorCodes::ZErrorCode code, const std::string& reason) {
@@ -58,22 +60,23 @@ class ZNodeCommZmq::Receiver : public LinkEvents {
 public:
     Receiver(ZNodeCommZmq& comm, ZLinkObserver& observer) : m_comm(comm), m_observer(observer) {}
 
-    void OnArrived(const std::string& key, const std::shared_ptr<ZMessage>& introduction) override {
-        {
-            const std::lock_guard lock(m_comm.m_mutex);
-            m_comm.m_connected.insert(key);
-        }
-        m_observer.OnPeerArrived(key, introduction);
+    ZResult<void> OnIntroduced(const std::string& key, const std::shared_ptr<ZMessage>& introduction) override {
+        return m_observer.OnPeerIntroduced(key, introduction);
+    }
+
+    void OnArrived(const std::string& key) override {
+        m_comm.m_state.Lock()->connected.insert(key);
+        m_observer.OnPeerArrived(key);
     }
 
     void OnGone(const std::string& key) override {
         std::vector<std::uint64_t> ended;
         {
-            const std::lock_guard lock(m_comm.m_mutex);
-            m_comm.m_connected.erase(key);
-            std::erase_if(m_comm.m_owed, [&key](const auto& entry) { return entry.second.key == key; });
-            for (const auto& [number, asked] : m_comm.m_asked) {
-                if (asked.key == key) {
+            const auto state = m_comm.m_state.Lock();
+            state->connected.erase(key);
+            std::erase_if(state->received, [&key](const auto& entry) { return entry.second.key == key; });
+            for (const auto& [number, sent] : state->sent) {
+                if (sent.key == key) {
                     ended.push_back(number);
                 }
             }
@@ -94,32 +97,34 @@ public:
                 return;
             case ZLinkKind::Answer:
             case ZLinkKind::Failure:
-                if (message.message && IsAskedFrom(key, number)) {
+                if (message.message && WasSentTo(key, number)) {
                     const bool answered = message.header->m_Kind == ZLinkKind::Answer;
                     m_comm.Complete(number, answered ? ZPublishOutcome::Delivered : ZPublishOutcome::NoAnswer,
                                     message.message);
                 }
                 return;
             default:
-                LogLine(3, __LINE__, __func__, "A message of an unknown kind from device " + key + " is dropped");
+                if (const auto more = m_limit.Admit(key)) {
+                    Z_LOG(3, "A message of an unknown kind from device %s is dropped%s", key, *more);
+                }
         }
     }
 
-    Clock::time_point OnTime(Clock::time_point now) override {
+    ZClock::time_point OnTime(ZClock::time_point now) override {
         auto next = now + kLongestWait;
         std::vector<std::uint64_t> late;
         {
-            const std::lock_guard lock(m_comm.m_mutex);
-            std::erase_if(m_comm.m_owed, [now](const auto& entry) { return entry.second.deadline <= now; });
-            for (const auto& [number, asked] : m_comm.m_asked) {
-                if (asked.deadline <= now) {
+            const auto state = m_comm.m_state.Lock();
+            std::erase_if(state->received, [now](const auto& entry) { return entry.second.deadline <= now; });
+            for (const auto& [number, sent] : state->sent) {
+                if (sent.deadline <= now) {
                     late.push_back(number);
                 } else {
-                    next = std::min(next, asked.deadline);
+                    next = std::min(next, sent.deadline);
                 }
             }
-            for (const auto& [number, owed] : m_comm.m_owed) {
-                next = std::min(next, owed.deadline);
+            for (const auto& [number, received] : state->received) {
+                next = std::min(next, received.deadline);
             }
         }
         for (const std::uint64_t number : late) {
@@ -129,10 +134,16 @@ public:
     }
 
 private:
-    bool IsAskedFrom(const std::string& key, std::uint64_t number) {
-        const std::lock_guard lock(m_comm.m_mutex);
-        const auto asked = m_comm.m_asked.find(number);
-        return asked != m_comm.m_asked.end() && asked->second.key == key;
+    /// What a device sent and nodes here have not dealt with yet: a node's queue counts messages, not bytes.
+    struct Unread {
+        std::deque<std::pair<std::weak_ptr<ZMessage>, std::size_t>> messages;
+        std::size_t bytes = 0;
+    };
+
+    bool WasSentTo(const std::string& key, std::uint64_t number) {
+        const auto state = m_comm.m_state.Lock();
+        const auto sent = state->sent.find(number);
+        return sent != state->sent.end() && sent->second.key == key;
     }
 
     void TakeRequest(const std::string& key, const LinkMessage& request) {
@@ -140,43 +151,63 @@ private:
                                      request.header->m_Keyword);
         const std::string place = ToStdString(endpoint.Text());
         ZPublishOutcome outcome = ZPublishOutcome::Refused;
-        std::uint64_t owed = 0;
+        std::uint64_t number = 0;
         if (request.message && m_comm.m_exports.contains(place)) {
-            const bool listed = request.header->m_Request == 0 || Owe(key, *request.header, owed);
-            if (owed != 0) {
-                request.message->SetResponseSource(std::make_shared<ZResponseSource>(m_comm.weak_from_this(), owed));
+            const bool fits =
+                HasRoom(key, request) && (request.header->m_Request == 0 || NoteReceived(key, *request.header, number));
+            if (number != 0) {
+                request.message->SetResponseSource(std::make_shared<ZResponseSource>(m_comm.weak_from_this(), number));
             }
             // Without waiting for room: this thread is everybody's.
-            outcome = listed ? m_comm.m_local->Publish(endpoint, request.message, nullptr, {false, false, {}})
-                             : ZPublishOutcome::QueueFull;
+            outcome = fits ? m_comm.m_local->Publish(endpoint, request.message, nullptr, {false, false, {}})
+                           : ZPublishOutcome::QueueFull;
         }
         if (outcome != ZPublishOutcome::Delivered) {
-            Refuse(key, request.header->m_Request, owed, outcome, place);
+            Refuse(key, request.header->m_Request, number, outcome, place);
         }
     }
 
-    bool Owe(const std::string& key, const ZLinkHeader& header, std::uint64_t& number) {
-        const std::lock_guard lock(m_comm.m_mutex);
-        const auto isItsOwn = [&key](const auto& owed) { return owed.second.key == key; };
-        if (std::ranges::count_if(m_comm.m_owed, isItsOwn) >= kMostOwed) {
+    bool HasRoom(const std::string& key, const LinkMessage& message) {
+        Unread& unread = m_unread[key];
+        const auto isFull = [&] {
+            return unread.bytes + message.size > kMostBytes || unread.messages.size() >= kMostMessages;
+        };
+        if (isFull()) {
+            std::erase_if(unread.messages, [&unread](const auto& entry) {
+                const bool isDone = entry.first.expired();
+                unread.bytes -= isDone ? entry.second : 0;
+                return isDone;
+            });
+        }
+        if (isFull()) {
             return false;
         }
-        const auto wait = std::min(Milliseconds(header.m_TimeoutMilliseconds), kLongestWait);
-        number = m_comm.m_nextNumber++;
-        m_comm.m_owed.emplace(number, Owed{key, header.m_Request, Clock::now() + wait});
+        unread.messages.emplace_back(message.message, message.size);
+        unread.bytes += message.size;
         return true;
     }
 
-    void Refuse(const std::string& key, std::uint64_t asked, std::uint64_t owed, ZPublishOutcome outcome,
+    bool NoteReceived(const std::string& key, const ZLinkHeader& header, std::uint64_t& number) {
+        const auto state = m_comm.m_state.Lock();
+        const auto isItsOwn = [&key](const auto& entry) { return entry.second.key == key; };
+        if (std::ranges::count_if(state->received, isItsOwn) >= kMostReceived) {
+            return false;
+        }
+        const auto wait = std::min(Milliseconds(header.m_TimeoutMilliseconds), kLongestWait);
+        number = state->nextNumber++;
+        state->received.emplace(number, Received{key, header.m_Request, ZClock::now() + wait});
+        return true;
+    }
+
+    void Refuse(const std::string& key, std::uint64_t asked, std::uint64_t number, ZPublishOutcome outcome,
                 const std::string& place) {
         const std::string reason = outcome == ZPublishOutcome::Refused        ? " is not open to other devices"
                                    : outcome == ZPublishOutcome::NoSubscriber ? " is nobody's"
                                                                               : " has no room now";
-        LogLine(3, __LINE__, __func__, "A message from device " + key + " is refused: " + place + reason);
-        {
-            const std::lock_guard lock(m_comm.m_mutex);
-            m_comm.m_owed.erase(owed);
+        if (const auto more = m_limit.Admit(key + reason)) {
+            Z_LOG(3, "A message from device %s is refused: %s%s%s", key, place, reason, *more);
         }
+        m_comm.m_state.Lock()->received.erase(number);
         if (asked != 0) {
             m_comm.m_loop->Send(key, Reply(ZLinkKind::Failure, asked, Refusal(CodeOf(outcome), place + reason)));
         }
@@ -184,6 +215,8 @@ private:
 
     ZNodeCommZmq& m_comm;
     ZLinkObserver& m_observer;
+    ZLogLimit m_limit;
+    std::map<std::string, Unread> m_unread;  // by the devices' keys
 };
 
 ZNodeCommZmq::ZNodeCommZmq() = default;
@@ -192,24 +225,41 @@ ZNodeCommZmq::~ZNodeCommZmq() {
     Close();
 }
 
-bool ZNodeCommZmq::IsAddress(const std::string& text) {
-    static const std::regex form("tcp://(\\*|[A-Za-z0-9_.:\\[\\]%-]+):[0-9]{1,5}");
-    return text.size() < 256 && std::regex_match(text, form);
+bool ZNodeCommZmq::IsAddress(const std::string& text) const {
+    return IsTcpAddress(text);
 }
 
-bool ZNodeCommZmq::Start(const ZLinkSettings& settings, std::shared_ptr<ZNodeComm> local, ZLinkObserver& observer,
-                         std::string& error) {
+bool ZNodeCommZmq::IsKey(const std::string& text) const {
+    return LinkKeyFrom(text).has_value();
+}
+
+ZResult<void> ZNodeCommZmq::LoadKeys(const std::filesystem::path& file) {
+    auto keys = LoadOrMakeLinkKeys(file);
+    if (!keys) {
+        return keys.error();
+    }
+    m_keys = std::move(*keys);
+    return {};
+}
+
+ZResult<void> ZNodeCommZmq::Start(const ZLinkSettings& settings, std::shared_ptr<ZNodeComm> local,
+                                  ZLinkObserver& observer) {
     m_local = std::move(local);
     m_exports = settings.exports;
     m_receiver = std::make_unique<Receiver>(*this, observer);
-    m_loop =
-        std::make_unique<LinkLoop>(LinkSocketSettings{{settings.publicKey, settings.secretKey}, settings.heartbeat},
-                                   settings.listenAddress, settings.introduction, *m_receiver);
-    return m_loop->Start(error);
+    try {
+        m_loop = std::make_unique<LinkLoop>(LinkLoop::Settings{m_keys, settings.listenAddress, settings.heartbeat},
+                                            settings.introduction, *m_receiver);
+    } catch (const std::system_error& failure) {
+        return ZError(failure.what());
+    }
+    return m_loop->Start();
 }
 
 void ZNodeCommZmq::SetPins(std::vector<ZLinkPin> pins) {
-    m_loop->SetPins(std::move(pins));
+    if (m_loop) {
+        m_loop->SetPins(std::move(pins));
+    }
 }
 
 void ZNodeCommZmq::Send(const std::string& key, const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
@@ -222,9 +272,9 @@ void ZNodeCommZmq::Send(const std::string& key, const ZCommEndpoint& endpoint, c
     timeout = std::min(timeout, kLongestWait);
     header.m_TimeoutMilliseconds = static_cast<std::uint32_t>(timeout.count());
     {
-        const std::lock_guard lock(m_mutex);
-        header.m_Request = m_nextNumber++;
-        m_asked.emplace(header.m_Request, Asked{key, Clock::now() + timeout, std::move(done)});
+        const auto state = m_state.Lock();
+        header.m_Request = state->nextNumber++;
+        state->sent.emplace(header.m_Request, Sent{key, ZClock::now() + timeout, std::move(done)});
     }
     if (m_closed || !IsConnected(key)) {
         Fail(header.m_Request, m_closed ? ZPublishOutcome::Closed : ZPublishOutcome::NoSubscriber, kNotConnected);
@@ -282,17 +332,17 @@ ZPublishOutcome ZNodeCommZmq::Publish(const ZCommEndpoint& endpoint, const std::
 }
 
 bool ZNodeCommZmq::Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) {
-    Owed owed;
+    Received request;
     {
-        const std::lock_guard lock(m_mutex);
-        const auto found = m_owed.find(source.Request());
-        if (found == m_owed.end()) {
+        const auto state = m_state.Lock();
+        const auto found = state->received.find(source.Request());
+        if (found == state->received.end()) {
             return false;
         }
-        owed = found->second;
-        m_owed.erase(found);
+        request = found->second;
+        state->received.erase(found);
     }
-    return m_loop->Send(owed.key, Reply(ZLinkKind::Answer, owed.number, response));
+    return m_loop->Send(request.key, Reply(ZLinkKind::Answer, request.number, response));
 }
 
 void ZNodeCommZmq::Close() {
@@ -302,11 +352,8 @@ void ZNodeCommZmq::Close() {
     }
     m_loop->Stop();
     std::vector<std::uint64_t> left;
-    {
-        const std::lock_guard lock(m_mutex);
-        for (const auto& [number, asked] : m_asked) {
-            left.push_back(number);
-        }
+    for (const auto state = m_state.Lock(); const auto& [number, sent] : state->sent) {
+        left.push_back(number);
     }
     for (const std::uint64_t number : left) {
         Fail(number, ZPublishOutcome::Closed, "This device is shutting down");
@@ -318,20 +365,19 @@ void ZNodeCommZmq::SetRequestTimeout(Milliseconds timeout) {
 }
 
 bool ZNodeCommZmq::IsConnected(const std::string& key) const {
-    const std::lock_guard lock(m_mutex);
-    return m_connected.contains(key);
+    return m_state.Lock()->connected.contains(key);
 }
 
 void ZNodeCommZmq::Complete(std::uint64_t number, ZPublishOutcome outcome, const std::shared_ptr<ZMessage>& message) {
     Completion done;
     {
-        const std::lock_guard lock(m_mutex);
-        const auto found = m_asked.find(number);
-        if (found == m_asked.end()) {
+        const auto state = m_state.Lock();
+        const auto found = state->sent.find(number);
+        if (found == state->sent.end()) {
             return;
         }
         done = std::move(found->second.done);
-        m_asked.erase(found);
+        state->sent.erase(found);
     }
     if (done) {
         done(outcome, message);

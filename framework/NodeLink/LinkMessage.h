@@ -1,10 +1,11 @@
 #pragma once
 
-#include <optional>
+#include <memory>
+#include <string_view>
 #include <vector>
-#include <zmq.hpp>
 
 #include "ZMessages/ZFields.h"
+#include "ZShared/ZError.h"
 
 /// What a message on the link is for.
 enum class ZLinkKind : std::int32_t {
@@ -32,19 +33,26 @@ public:
 struct LinkMessage {
     std::shared_ptr<ZLinkHeader> header;
     std::shared_ptr<ZMessage> message;
+    std::size_t size = 0;  ///< in bytes, of one that came
+};
+
+/// A part of a message, and what keeps its text where it is.
+struct LinkFrame {
+    std::shared_ptr<const void> owner;
+    std::string_view text;
 };
 
 /// A message as it goes over the link: one frame with the header, one with the message, both JSON, then those with its
 /// long texts. A long text is cut into frames of kLinkPiece bytes, the last of which is shorter (or empty): the cipher
 /// of one side works on a piece while the other side's works on the piece before.
-using LinkFrames = std::vector<zmq::message_t>;
+using LinkFrames = std::vector<LinkFrame>;
 inline constexpr std::size_t kLinkPiece = 65536;
-/// Of one message, all frames together.
-inline constexpr std::size_t kLongestLinkMessage = 16U << 20U;
+/// Of one message, all frames together. A chunk of a file is 1 MB long.
+inline constexpr std::size_t kLongestLinkMessage = 8U << 20U;
 
 /// Long texts are not copied: the frames share the message, which must not change any more.
 LinkFrames EncodeLinkMessage(const LinkMessage& message);
-/// Nothing, with `error`, for anything that is no such message. Takes the frames' contents.
-std::optional<LinkMessage> DecodeLinkMessage(LinkFrames frames, std::string& error);
+/// An error for anything that is not such a message. Takes the frames' contents.
+ZResult<LinkMessage> DecodeLinkMessage(LinkFrames frames);
 /// All frames together, in bytes.
 std::size_t LinkSize(const LinkFrames& frames);

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "ZShared/ZError.h"
+
 /// A key as the cipher takes it.
 using LinkKeyBytes = std::array<std::uint8_t, 32>;
 
@@ -16,18 +18,11 @@ struct LinkKeyPair {
     std::string secretKey;
 };
 
-/// A device that may be talked to: its key, and how it is reached.
-struct ZLinkPin {
-    std::string name;  ///< for people
-    std::string publicKey;
-    std::string address;  ///< where it is called ("tcp://host:port"); empty: it calls
-    bool operator==(const ZLinkPin&) const = default;
-};
-
-/// Nothing when the text is no key.
+/// Nothing when the text is not a key.
 std::optional<LinkKeyBytes> LinkKeyFrom(const std::string& text);
 std::string LinkKeyText(const LinkKeyBytes& key);
 
 /// The key pair in a file, {"publicKey": ..., "secretKey": ...}; when there is no such file, a new pair, written there
-/// for its owner alone. Nothing, with `error`, when it can't be read or written, or holds no matching pair.
-std::optional<LinkKeyPair> LoadOrMakeLinkKeys(const std::filesystem::path& file, std::string& error);
+/// for its owner alone, whole or not at all. An error that names the file when it can't be read or written, or holds
+/// anything but a matching pair.
+ZResult<LinkKeyPair> LoadOrMakeLinkKeys(const std::filesystem::path& file);

@@ -1,7 +1,6 @@
-#include "NodeComm/zmq/LinkMessage.h"
+#include "NodeLink/LinkMessage.h"
 
 #include <algorithm>
-#include <atomic>
 #include <memory>
 #include <numeric>
 #include <utility>
@@ -43,7 +42,7 @@ class LinkReader : public ZJSONCommStream {
 public:
     explicit LinkReader(LinkFrames frames) : m_frames(std::move(frames)) {
         for (std::size_t first = kFramesBeforeTexts; first < m_frames.size();) {
-            const auto isLast = [](const zmq::message_t& frame) { return frame.size() < kLinkPiece; };
+            const auto isLast = [](const LinkFrame& frame) { return frame.text.size() < kLinkPiece; };
             const auto from = m_frames.begin() + static_cast<std::ptrdiff_t>(first);
             const auto last = std::find_if(from, m_frames.end(), isLast);
             m_bWhole = m_bWhole && last != m_frames.end();
@@ -69,7 +68,7 @@ public:
         value.clear();
         value.reserve(static_cast<std::size_t>(end - from) * kLinkPiece);
         for (auto frame = from; frame != end; ++frame) {
-            value.append(frame->data<char>(), frame->size());
+            value.append(frame->text);
         }
         return true;
     }
@@ -82,44 +81,18 @@ private:
     bool m_bWhole = true;
 };
 
-zmq::message_t Frame(const std::string& text) {
-    return {text.data(), text.size()};
-}
-
-/// Keeps a message while a frame shows a part of it. The flag states in the language's own terms what the messaging
-/// library sees to: its thread lets the message go only after this one has handed the frame over.
-struct Keeper {
-    explicit Keeper(std::shared_ptr<ZMessage> kept) : message(std::move(kept)) {
-        isHandedOver.store(true, std::memory_order_release);
-    }
-    std::shared_ptr<ZMessage> message;
-    std::atomic_bool isHandedOver{false};
-};
-
-void LetGo(void* /*text*/, void* hint) {
-    const std::unique_ptr<Keeper> keeper(static_cast<Keeper*>(hint));
-    (void)keeper->isHandedOver.load(std::memory_order_acquire);
-}
-
-void AddPiece(LinkFrames& frames, std::string_view text, const std::shared_ptr<ZMessage>& owner) {
-    auto keeper = std::make_unique<Keeper>(owner);
-    // The library takes plain pointers, and only reads.
-    frames.emplace_back(const_cast<char*>(text.data()), text.size(), LetGo, keeper.get());
-    (void)keeper.release();  // the frame has it now
+LinkFrame Frame(const std::string& text) {
+    auto owner = std::make_shared<const std::string>(text);
+    const std::string_view kept = *owner;
+    return {std::move(owner), kept};
 }
 
 /// Frames that show a text where it stands; `owner` keeps it there.
 void AddPieces(LinkFrames& frames, std::string_view text, const std::shared_ptr<ZMessage>& owner) {
-    while (text.size() >= kLinkPiece) {
-        AddPiece(frames, text.substr(0, kLinkPiece), owner);
-        text.remove_prefix(kLinkPiece);
+    for (; text.size() >= kLinkPiece; text.remove_prefix(kLinkPiece)) {
+        frames.push_back({owner, text.substr(0, kLinkPiece)});
     }
-    AddPiece(frames, text, owner);
-}
-
-std::optional<LinkMessage> Fail(std::string& error, const std::string& reason) {
-    error = reason;
-    return std::nullopt;
+    frames.push_back({owner, text});
 }
 
 }  // namespace
@@ -140,30 +113,30 @@ LinkFrames EncodeLinkMessage(const LinkMessage& message) {
     return frames;
 }
 
-std::optional<LinkMessage> DecodeLinkMessage(LinkFrames frames, std::string& error) {
-    if (frames.empty() || LinkSize(frames) > kLongestLinkMessage) {
-        return Fail(error, frames.empty() ? "it is empty" : "it is too long");
+ZResult<LinkMessage> DecodeLinkMessage(LinkFrames frames) {
+    if (frames.empty()) {
+        return ZError("it is empty");
     }
     LinkMessage result{Z_MAKE(ZLinkHeader), nullptr};
     ZJSONCommStream headerStream;
-    if (!result.header->Load(frames.front().to_string_view(), headerStream)) {
-        return Fail(error, "its header: " + headerStream.Error());
+    if (!result.header->Load(frames.front().text, headerStream)) {
+        return ZError("its header: " + headerStream.Error());
     }
     if (frames.size() == 1) {
         return result;
     }
-    const zmq::message_t document = std::move(frames[1]);
+    const LinkFrame document = frames[1];
     LinkReader stream(std::move(frames));
     if (!stream.IsWhole()) {
-        return Fail(error, "a long text has no end");
+        return ZError("a long text has no end");
     }
-    if (stream.LoadText(document.to_string_view())) {
+    if (stream.LoadText(document.text)) {
         result.message = ZMessage::CreateFrom(stream);
     }
-    return result.message ? std::optional(std::move(result)) : Fail(error, stream.Error());
+    return result.message ? ZResult<LinkMessage>(std::move(result)) : ZError(stream.Error());
 }
 
 std::size_t LinkSize(const LinkFrames& frames) {
     return std::accumulate(frames.begin(), frames.end(), std::size_t{0},
-                           [](std::size_t sum, const zmq::message_t& frame) { return sum + frame.size(); });
+                           [](std::size_t sum, const LinkFrame& frame) { return sum + frame.text.size(); });
 }

@@ -1,0 +1,3 @@
+#include "NodeComm/ZNodeLink.h"
+
+Z_IMPLEMENT(ZNodeLink)
