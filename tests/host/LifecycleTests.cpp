@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -141,6 +142,31 @@ TEST(Arbord, AnswersACommandLineWithoutAGraph) {
         ArbordProcess arbord(arguments);
         EXPECT_EQ(arbord.WaitForExit(), exit) << arbord.Output();
         EXPECT_THAT(arbord.Output(), HasSubstr(output));
+    }
+}
+
+TEST(NodeLibraries, AreGoneOnceTheyAreClosed) {
+    const std::filesystem::path folder = std::filesystem::path(ARBORD).parent_path().parent_path() / "lib";
+    ZShared::ZFactory& factory = ZShared::ZFactory::Instance();
+    for (const std::string name :
+         {"NodeArborInstall", "NodeStorage", "NodeDeviceProps", "NodeFileIO", "NodePeer", "NodeGateway"}) {
+        SCOPED_TRACE(name);
+        const std::string library = "lib" + name + ".so";
+        for (int time = 0; time < 2; ++time) {
+            void* handle = ::dlopen((folder / library).c_str(), RTLD_NOW | RTLD_LOCAL);
+            ASSERT_NE(handle, nullptr) << ::dlerror();
+            {
+                ZGraph graph(ZMakeShared<ZCoreConfigParams>());
+                EXPECT_TRUE(cast_shared<ZNode>(factory.CreateShared('Z' + name, "n")));
+                EXPECT_EQ(graph.AddNode('Z' + name, "n", cast_shared<ZConfig>(factory.CreateShared('Z' + name + "Cfg")))
+                              .has_value(),
+                          name != "NodePeer")
+                    << "a link needs settings";
+            }
+            EXPECT_EQ(::dlclose(handle), 0);
+            EXPECT_EQ(ReadText("/proc/self/maps").find(library), std::string::npos);
+            EXPECT_FALSE(factory.CreateShared('Z' + name, "n"));
+        }
     }
 }
 
