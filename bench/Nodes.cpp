@@ -11,7 +11,9 @@ InstallSettings::InstallSettings(const Scratch& scratch) {
     core->m_Files.m_UpdatesFolder = ToZString((scratch / "updates").string());
     record->SetEnvironment(std::make_shared<ZEnvironment>());
     record->m_SystemInfoFilePath = ToZString(scratch.Write("Manifest.json", ManifestText("1.0")).string());
+    record->m_ArchiveDevice = "/dev/archive";
     record->m_archiveRoot = scratch / "archive";
+    record->m_archiveMount = record->m_archiveRoot.parent_path();
     record->m_ProgressPath = "progress";
 }
 
@@ -32,16 +34,10 @@ std::shared_ptr<ZNodeArborInstall> MakeInstallNode(const InstallSettings& settin
 
 std::shared_ptr<ZNode> AddNode(ZGraph& graph, const char* className, const ZString& name,
                                const std::shared_ptr<ZConfig>& record) {
-    std::string error;
-    if (!graph.AddNode(className, name, record)) {
-        throw std::runtime_error(error);
-    }
+    graph.AddNode(className, name, record).value();
     return graph.Node(name);
 }
 
 void StartGraph(ZGraph& graph) {
-    std::string error;
-    if (!graph.Start(error)) {
-        throw std::runtime_error(error);
-    }
+    graph.Start().value();
 }

@@ -67,7 +67,7 @@ private:
     void Run() {
         std::shared_ptr<ZCommStream> stream =
             ZCAST(ZCommStream, ZShared::ZFactory::Instance().CreateShared("ZJSONCommStream"));
-        const int listener = m_listener.Release();  // the node closes it
+        int listener = m_listener.Release();  // the node closes it
         while (m_node.SocketLoop(&listener, stream) && m_run) {
         }
         m_node.CloseSocket(listener, true);

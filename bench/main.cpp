@@ -20,12 +20,11 @@ std::vector<std::string> Arguments(int argc, char** argv) {
 bool SilenceLog() {
     ZLogSettings settings;
     settings.console = false;
-    std::string error;
-    const bool silenced = ZLog::Instance().Configure(settings, error);
+    const auto silenced = ZLog::Instance().Configure(settings);
     if (!silenced) {
-        std::cerr << "bench_arbor: the log could not be silenced: " << error << '\n';
+        std::cerr << "bench_arbor: the log could not be silenced: " << silenced.error().text << '\n';
     }
-    return silenced;
+    return silenced.has_value();
 }
 
 int Run(int argc, char** argv) {

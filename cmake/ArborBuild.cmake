@@ -48,10 +48,14 @@ function(arbor_library name)
     install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/arbor)
 endfunction()
 
+# What an instrument needs: the host, the client, every node library.
+add_custom_target(arbor_programs)
+
 # arbor_node_library(NAME SOURCES...): a library that a graph loads at run time.
 function(arbor_node_library name)
     arbor_library(${name} ${ARGN})
     target_link_libraries(${name} PRIVATE NodeBase)
+    add_dependencies(arbor_programs ${name})
 endfunction()
 
 # arbor_test(NAME SOURCES... [LIBRARIES ...]): a test program whose cases ctest runs one by one.

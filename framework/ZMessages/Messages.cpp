@@ -1,38 +1,5 @@
+// Here the lines Z_REGISTER of these headers take effect.
+#define Z_REGISTER_HERE
+
 #include "ZMessages/Messages.h"
-
 #include "ZMessages/PeerMessages.h"
-
-Z_IMPLEMENT(ZGenericRequestMsg)
-Z_IMPLEMENT(ZGenericResponseMsg)
-Z_IMPLEMENT(ZVersionInfoMsg)
-Z_IMPLEMENT(ZMessageArray)
-Z_IMPLEMENT(ZComponentVersionMsg)
-Z_IMPLEMENT(ZSystemManifestMsg)
-Z_IMPLEMENT(ZSystemUpdateMsg)
-Z_IMPLEMENT(ZSystemUpdateInProgressRequestMsg)
-Z_IMPLEMENT(ZSystemUpdateInProgressMsg)
-Z_IMPLEMENT(ZCompareVersionsMsg)
-Z_IMPLEMENT(ZCompareVersionsResultMsg)
-Z_IMPLEMENT(ZDevicePropertiesMsg)
-Z_IMPLEMENT(ZDeviceCompatibilityMsg)
-Z_IMPLEMENT(ZShutdownMsg)
-Z_IMPLEMENT(InstallProgressMsg)
-Z_IMPLEMENT(ZFileMsg)
-Z_IMPLEMENT(ZFileOpenMsg)
-Z_IMPLEMENT(ZFileWriteMsg)
-Z_IMPLEMENT(ZFileCloseMsg)
-Z_IMPLEMENT(ZFileReadMsg)
-Z_IMPLEMENT(ZFileReadResponseMsg)
-Z_IMPLEMENT(TransferMsg)
-Z_IMPLEMENT(FolderUpdateMsg)
-Z_IMPLEMENT(StorageDevicesMsg)
-Z_IMPLEMENT(BatteryMsg)
-Z_IMPLEMENT(ZBatteryInfoRequestMsg)
-Z_IMPLEMENT(ZAnchorPointToolsMetadata)
-Z_IMPLEMENT(ZNodeToolsMetadata)
-Z_IMPLEMENT(ZEdgeToolsMetadata)
-
-Z_IMPLEMENT(ZPeerMsg)
-Z_IMPLEMENT(ZPeersMsg)
-Z_IMPLEMENT(ZPairMsg)
-Z_IMPLEMENT(ZForwardMsg)

@@ -4,7 +4,7 @@
 #include "ZShared/Enumerations.h"
 
 // Every message of the graph. A message is one short struct: its members and, once, the list of its fields, from which
-// reading, writing and copying follow. Each is also registered with one line in Messages.cpp.
+// reading, writing, copying and descriptions follow; and the line that registers it.
 
 /// An empty request: the endpoint says what is asked for.
 class ZGenericRequestMsg : public ZMessage {
@@ -12,6 +12,7 @@ class ZGenericRequestMsg : public ZMessage {
 public:
     Z_NO_FIELDS()
 };
+Z_REGISTER(ZGenericRequestMsg)
 
 /// An answer with its outcome.
 class ZGenericResponseMsg : public ZMessage {
@@ -24,6 +25,7 @@ public:
     Z_FIELDS(Z_KEYED_FIELD("text", m_ErrorText), Z_KEYED_FIELD("bSuccess", m_bSuccess),
              Z_KEYED_FIELD("ErrCode", m_ErrorCode))
 };
+Z_REGISTER(ZGenericResponseMsg)
 
 /// A software version: answer to version requests, and one record of a scan's result.
 class ZVersionInfoMsg : public ZGenericResponseMsg {
@@ -38,6 +40,7 @@ public:
     Z_FIELDS(Z_FIELD(m_VersionType), Z_FIELD(m_Version), Z_FIELD(m_bInstalled), Z_FIELD(m_SerialNumber),
              Z_FIELD(m_DeviceModel))
 };
+Z_REGISTER(ZVersionInfoMsg)
 
 /// Messages that travel as one, in order.
 class ZMessageArray : public ZMessage {
@@ -49,6 +52,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Messages))
 };
+Z_REGISTER(ZMessageArray)
 
 /// One part of a system, in its manifest.
 class ZComponentVersionMsg : public ZMessage {
@@ -60,6 +64,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Name), Z_FIELD(m_Version), Z_FIELD(m_Board))
 };
+Z_REGISTER(ZComponentVersionMsg)
 
 /// Contents of a "Manifest.json".
 class ZSystemManifestMsg : public ZMessage {
@@ -72,6 +77,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_SystemVersion), Z_FIELD(m_InstallerVersion), Z_FIELD(m_InstallerPath), Z_FIELD(m_Components))
 };
+Z_REGISTER(ZSystemManifestMsg)
 
 /// Request "updatesystem", and "remoteinstall".
 class ZSystemUpdateMsg : public ZMessage {
@@ -86,6 +92,7 @@ public:
     Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_DeviceModel), Z_FIELD(m_SerialNumber), Z_FIELD(m_ProgressHost),
              Z_FIELD(m_bReboot))
 };
+Z_REGISTER(ZSystemUpdateMsg)
 
 /// Request "getUpdateInProgress".
 class ZSystemUpdateInProgressRequestMsg : public ZMessage {
@@ -96,6 +103,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Message), Z_FIELD(m_RequestTag))
 };
+Z_REGISTER(ZSystemUpdateInProgressRequestMsg)
 
 class ZSystemUpdateInProgressMsg : public ZMessage {
     Z_MESSAGE(ZSystemUpdateInProgressMsg, ZMessage)
@@ -106,6 +114,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_bUpdateInProgress), Z_FIELD(m_Message), Z_FIELD(m_RequestTag))
 };
+Z_REGISTER(ZSystemUpdateInProgressMsg)
 
 /// Request "compareversions": is the first at least the second?
 class ZCompareVersionsMsg : public ZMessage {
@@ -116,6 +125,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Version1), Z_FIELD(m_Version2))
 };
+Z_REGISTER(ZCompareVersionsMsg)
 
 class ZCompareVersionsResultMsg : public ZMessage {
     Z_MESSAGE(ZCompareVersionsResultMsg, ZMessage)
@@ -124,6 +134,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_bResult))
 };
+Z_REGISTER(ZCompareVersionsResultMsg)
 
 /// Answer of "deviceProps".
 class ZDevicePropertiesMsg : public ZMessage {
@@ -139,6 +150,7 @@ public:
     Z_FIELDS(Z_FIELD(m_DeviceType), Z_FIELD(m_DeviceModel), Z_FIELD(m_Model), Z_FIELD(m_SerialNumber), Z_FIELD(m_Board),
              Z_FIELD(m_HostName))
 };
+Z_REGISTER(ZDevicePropertiesMsg)
 
 /// Request "checkCompatibility", and, with the verdict written in, its answer.
 class ZDeviceCompatibilityMsg : public ZMessage {
@@ -155,6 +167,7 @@ public:
     Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_bRequiresUpdate), Z_FIELD(m_Model), Z_FIELD(m_BoardType),
              Z_FIELD(m_TargetVersion), Z_FIELD(m_bCompatible), Z_FIELD(m_Board))
 };
+Z_REGISTER(ZDeviceCompatibilityMsg)
 
 /// Asks the graph to end.
 class ZShutdownMsg : public ZMessage {
@@ -166,6 +179,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_bRestart), Z_FIELD(m_bUnconditional), Z_FIELD(m_DelaySeconds))
 };
+Z_REGISTER(ZShutdownMsg)
 
 /// Progress of an install or a transfer; also the installer's own JSON document.
 class InstallProgressMsg : public ZMessage {
@@ -184,6 +198,7 @@ public:
     Z_FIELDS(Z_FIELD(m_Header), Z_FIELD(m_Message), Z_FIELD(m_Percent), Z_FIELD(m_bError), Z_FIELD(m_bDone),
              Z_FIELD(m_bSpinner), Z_FIELD(m_Operation), Z_FIELD(m_SerialNumber), Z_FIELD(m_DeviceModel))
 };
+Z_REGISTER(InstallProgressMsg)
 
 /// What the messages about a file have in common: which file, on which device.
 class ZFileMsg : public ZMessage {
@@ -195,6 +210,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_FilePath), Z_FIELD(m_DeviceModel), Z_FIELD(m_SerialNumber))
 };
+Z_REGISTER(ZFileMsg)
 
 /// Open (create) a file on a peer or in the upload folder.
 class ZFileOpenMsg : public ZFileMsg {
@@ -207,6 +223,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Mode), Z_FIELD(m_Size))
 };
+Z_REGISTER(ZFileOpenMsg)
 
 /// One chunk of a file, to be written behind the chunk before.
 class ZFileWriteMsg : public ZFileMsg {
@@ -221,12 +238,14 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Data), Z_FIELD(m_Position))
 };
+Z_REGISTER(ZFileWriteMsg)
 
 class ZFileCloseMsg : public ZFileMsg {
     Z_MESSAGE_AS(ZFileCloseMsg, ZMessage, ZFileMsg)
 public:
     Z_NO_FIELDS()
 };
+Z_REGISTER(ZFileCloseMsg)
 
 /// Asks for a part of a file.
 class ZFileReadMsg : public ZFileMsg {
@@ -237,6 +256,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Position), Z_FIELD(m_Length))
 };
+Z_REGISTER(ZFileReadMsg)
 
 class ZFileReadResponseMsg : public ZGenericResponseMsg {
     Z_MESSAGE_AS(ZFileReadResponseMsg, ZMessage, ZGenericResponseMsg)
@@ -246,6 +266,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Data), Z_FIELD(m_Size))
 };
+Z_REGISTER(ZFileReadResponseMsg)
 
 /// Request "transfer": carry a version's package to the accessory.
 class TransferMsg : public ZMessage {
@@ -257,6 +278,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_SerialNumber), Z_FIELD(m_DeviceModel))
 };
+Z_REGISTER(TransferMsg)
 
 /// Notification "newFile": a file in a watched folder is complete.
 class FolderUpdateMsg : public ZMessage {
@@ -267,6 +289,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Folder), Z_FIELD(m_FileName))
 };
+Z_REGISTER(FolderUpdateMsg)
 
 /// Notification "storagedeviceupdate" and answer of "getdevices": mount points.
 class StorageDevicesMsg : public ZMessage {
@@ -278,6 +301,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_AddedDevices), Z_FIELD(m_Devices), Z_FIELD(m_RemovedDevices))
 };
+Z_REGISTER(StorageDevicesMsg)
 
 class BatteryMsg : public ZMessage {
     Z_MESSAGE(BatteryMsg, ZMessage)
@@ -287,12 +311,14 @@ public:
 
     Z_FIELDS(Z_FIELD(m_bPresent), Z_FIELD(m_PercentRemaining))
 };
+Z_REGISTER(BatteryMsg)
 
 class ZBatteryInfoRequestMsg : public ZMessage {
     Z_MESSAGE(ZBatteryInfoRequestMsg, ZMessage)
 public:
     Z_NO_FIELDS()
 };
+Z_REGISTER(ZBatteryInfoRequestMsg)
 
 // What graph tools keep about a drawing of the graph.
 
@@ -304,6 +330,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Type), Z_FIELD(m_Position))
 };
+Z_REGISTER(ZAnchorPointToolsMetadata)
 
 class ZNodeToolsMetadata : public ZMessage {
     Z_MESSAGE(ZNodeToolsMetadata, ZMessage)
@@ -313,6 +340,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_X), Z_FIELD(m_Y))
 };
+Z_REGISTER(ZNodeToolsMetadata)
 
 class ZEdgeToolsMetadata : public ZMessage {
     Z_MESSAGE(ZEdgeToolsMetadata, ZMessage)
@@ -321,3 +349,4 @@ public:
 
     Z_FIELDS(Z_FIELD(m_Anchors))
 };
+Z_REGISTER(ZEdgeToolsMetadata)

@@ -28,6 +28,7 @@ public:
              Z_FIELD(m_DeviceType), Z_FIELD(m_DeviceModel), Z_FIELD(m_SerialNumber), Z_FIELD(m_Board),
              Z_FIELD(m_Version), Z_FIELD(m_TargetVersion), Z_FIELD(m_bCompatible), Z_FIELD(m_bRequiresUpdate))
 };
+Z_REGISTER(ZPeerMsg)
 
 /// Answer of "peers" and of "pair".
 class ZPeersMsg : public ZGenericResponseMsg {
@@ -39,6 +40,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_PublicKey), Z_FIELD(m_Peers))
 };
+Z_REGISTER(ZPeersMsg)
 
 /// Request "pair": pins a device's key, so that it is let in, or takes the pin away.
 class ZPairMsg : public ZMessage {
@@ -51,6 +53,7 @@ public:
 
     Z_FIELDS(Z_FIELD(m_PublicKey), Z_FIELD(m_Name), Z_FIELD(m_Address), Z_FIELD(m_bRemove))
 };
+Z_REGISTER(ZPairMsg)
 
 /// Hands a message to another device, on "forward". The answer to it, the device's own or a ZGenericResponseMsg that
 /// says why there is none, goes to whoever waits for an answer to `m_pMessage`. Only within one graph.
@@ -66,3 +69,4 @@ public:
 
     Z_FIELDS(Z_FIELD(m_DeviceModel), Z_FIELD(m_SerialNumber), Z_FIELD(m_Keyword))
 };
+Z_REGISTER(ZForwardMsg)

@@ -335,5 +335,13 @@ private:
         Super::CloneDataMembers(from);                                  \
         ZFields::Copy(static_cast<const Self&>(from), *this, Fields()); \
     }
+/// Behind a message class in a header: registers it, in the one source file of the library that defines Z_REGISTER_HERE
+/// before it includes the header.
+#ifdef Z_REGISTER_HERE
+#define Z_REGISTER(Class) Z_IMPLEMENT(Class)
+#else
+#define Z_REGISTER(Class)
+#endif
+
 /// Inside a message class that adds no field.
 #define Z_NO_FIELDS() Z_FIELDS()
