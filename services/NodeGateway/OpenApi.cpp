@@ -4,7 +4,6 @@
 
 #include "KeywordTable.h"
 #include "MessageSchemas.h"
-#include "Problem.h"
 
 namespace json = boost::json;
 

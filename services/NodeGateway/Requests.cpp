@@ -2,15 +2,14 @@
 
 #include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
-#include "Problem.h"
 #include "ZMessages/ZJSONCommStream.h"
+#include "http/Problem.h"
 
 namespace gateway {
 
 namespace {
 
 constexpr const char* kClassKey = "className";
-constexpr auto kPatienceForTurn = std::chrono::seconds(5);
 
 std::string OneOf(std::span<const char* const> names) {
     std::string text;
@@ -82,29 +81,7 @@ HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body) {
     if (!message) {
         return refusal;
     }
-    if (!TakeTurn()) {
-        return Problem(503, "Too many requests wait for their answers");
-    }
-    const struct Turn {
-        Requests& owner;
-        ~Turn() { owner.EndTurn(); }
-    } turn{*this};
     return Ask(keyword, message);
-}
-
-bool Requests::TakeTurn() {
-    std::unique_lock lock(m_mutex);
-    const bool turn = m_ended.wait_for(lock, kPatienceForTurn, [this] { return m_waiting < kAtOnce; });
-    m_waiting += turn ? 1 : 0;
-    return turn;
-}
-
-void Requests::EndTurn() {
-    {
-        const std::lock_guard lock(m_mutex);
-        --m_waiting;
-    }
-    m_ended.notify_one();
 }
 
 HttpResponse Requests::Ask(const Keyword& keyword, const std::shared_ptr<ZMessage>& message) {
