@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <mutex>
 
 #include "KeywordTable.h"
 #include "http/HttpMessage.h"
@@ -23,6 +24,7 @@ private:
 
     ZCommEnabledObject& m_bus;
     const std::chrono::milliseconds m_patience;
+    std::mutex m_largeDocument;
 };
 
 }  // namespace gateway

@@ -49,15 +49,10 @@ HttpResponse Guarded(HttpHandler& handler, const HttpRequest& request) {
 
 }  // namespace
 
-Connection::Connection(ServerState& server, Socket socket, uid_t user)
-    : m_server(server), m_user(user), m_stream(std::move(socket)) {}
+Connection::Connection(ServerState& server, Socket socket, uid_t user, UserShares& share)
+    : m_server(server), m_user(user), m_share(share), m_stream(std::move(socket)) {}
 
-void Connection::Start() {
-    m_counted = m_server.connections.Take(m_user);
-    if (m_counted) {
-        ReadHead();
-        return;
-    }
+void Connection::TurnAway() {
     m_restUnread = true;
     Answer(Problem(503, "As many connections as are allowed are open"));
 }
@@ -68,7 +63,7 @@ void Connection::Close() {
     }
     m_state = State::Closed;
     ReturnCharge();
-    m_server.connections.Return(m_user, m_counted ? 1 : 0);
+    m_share.Return(m_user);
     m_keepAlive.reset();
     m_response.reset();
     Error ignored;

@@ -26,6 +26,7 @@ struct ServerState {
     HttpHandler& handler;
     boost::asio::io_context io{1};
     UserShares connections;
+    UserShares refused{limits::kRefused};  // connections that are only told so
     UserShares bytes{limits::kBytes};
     Turns turns{io};
     std::set<std::shared_ptr<Connection>> open;  // whoever is in it lives
@@ -40,10 +41,12 @@ public:
     using Executor = boost::asio::io_context::executor_type;
     using Socket = boost::asio::basic_stream_socket<Protocol, Executor>;
 
-    Connection(ServerState& server, Socket socket, uid_t user);
+    /// `share` is where it was counted, and is given back at its end.
+    Connection(ServerState& server, Socket socket, uid_t user, UserShares& share);
 
-    /// Serves it, if the user may have one more; else says so and ends.
-    void Start();
+    void Start() { ReadHead(); }
+    /// In place of Start: its user has as many as allowed.
+    void TurnAway();
     /// A stream may have something to send.
     void Continue();
     /// The server stops: ends what waits for the other side, and after their answers what is being worked on.
@@ -91,9 +94,9 @@ private:
 
     ServerState& m_server;
     const uid_t m_user;
+    UserShares& m_share;
     boost::beast::basic_stream<Protocol, Executor> m_stream;
     State m_state = State::Reading;
-    bool m_counted = false;  // among its user's
     std::size_t m_charged = 0;
 
     boost::beast::flat_buffer m_buffer;

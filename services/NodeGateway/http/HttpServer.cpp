@@ -94,16 +94,19 @@ void HttpServer::Impl::RetryLater() {
 void HttpServer::Impl::Serve(ZFileDescriptor socket) {
     ucred peer{};
     socklen_t size = sizeof peer;
-    if (state.open.size() >= settings.streams + limits::kConnections + limits::kRefused ||
-        ::getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    if (::getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        return;
+    }
+    const bool welcome = state.connections.Take(peer.uid);
+    if (!welcome && !state.refused.Take(peer.uid)) {
         return;
     }
     Connection::Socket stream(state.io.get_executor());
-    stream.assign(Connection::Protocol(), socket.Get());
-    socket.Release();
-    const auto connection = std::make_shared<Connection>(state, std::move(stream), peer.uid);
+    stream.assign(Connection::Protocol(), socket.Release());
+    const auto connection =
+        std::make_shared<Connection>(state, std::move(stream), peer.uid, welcome ? state.connections : state.refused);
     state.open.insert(connection);
-    connection->Start();
+    welcome ? connection->Start() : connection->TurnAway();
 }
 
 void HttpServer::Impl::AwaitStreams() {

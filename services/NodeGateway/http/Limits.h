@@ -14,7 +14,7 @@ constexpr std::size_t kPath = 256;                      // a longer one names no
 constexpr std::size_t kBuffer = std::size_t{8} * 1024;  // what a connection may keep without asking
 
 constexpr std::size_t kConnections = 256;  // beside those of streams
-constexpr std::size_t kRefused = 64;       // connections that are only told so; more are closed at once
+constexpr std::size_t kRefused = 64;       // connections beyond these that are told so; more are closed at once
 constexpr std::size_t kBytes = std::size_t{8} * 1024 * 1024;  // heads, bodies and answers that are held at once
 constexpr std::size_t kReaders = 8;                           // requests that are served at once: GET and HEAD
 constexpr std::size_t kAskers = 8;                            // likewise: all others
