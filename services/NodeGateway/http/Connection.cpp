@@ -354,6 +354,7 @@ void Connection::StartStream() {
     m_request.reset();
     m_head = {};
     m_buffer = {};
+    m_stream.socket().non_blocking(true);
     m_lastSent = Clock::now();
     m_keepAlive.emplace(m_server.io.get_executor());
     ScheduleKeepAlive(m_lastSent);
@@ -381,17 +382,17 @@ void Connection::KeepAlive() {
 }
 
 void Connection::Continue() {
-    if (m_state != State::Streaming) {
-        return;
-    }
-    if (m_sending) {
-        if (!m_response->stream->GoesOn()) {
-            Close();
+    while (m_state == State::Streaming && !m_sending) {
+        if (!m_response->stream->Take(m_pieces)) {
+            EndStream();
+        } else if (m_pieces.empty()) {
+            return;
+        } else {
+            SendPieces();
         }
-    } else if (!m_response->stream->Take(m_pieces)) {
-        EndStream();
-    } else if (!m_pieces.empty()) {
-        SendPieces();
+    }
+    if (m_state == State::Streaming && !m_response->stream->GoesOn()) {
+        Close();
     }
 }
 
@@ -408,9 +409,29 @@ void Connection::SendPieces() {
     const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), size, 16).ptr;
     m_head.assign(std::string_view(digits.data(), end)).append(kLineEnd);
     m_buffers.front() = Bytes(m_head);
-    m_sending = true;
     m_lastSent = Clock::now();
-    Write(m_buffers, [](Connection& self, Error error) { self.OnSent(error); });
+    SendBuffers();
+}
+
+void Connection::SendBuffers() {
+    // Most often the system takes all at once: what waiting costs is for when it does not.
+    Error error;
+    std::size_t sent = m_stream.socket().write_some(m_buffers, error);
+    if (error && error != asio::error::would_block) {
+        Close();
+        return;
+    }
+    while (!m_buffers.empty() && sent >= m_buffers.front().size()) {
+        sent -= m_buffers.front().size();
+        m_buffers.erase(m_buffers.begin());
+    }
+    if (m_buffers.empty()) {
+        m_pieces.clear();
+        return;
+    }
+    m_buffers.front() += sent;
+    m_sending = true;
+    Write(m_buffers, [](Connection& self, Error failure) { self.OnSent(failure); });
 }
 
 void Connection::OnSent(Error error) {

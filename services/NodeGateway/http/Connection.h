@@ -85,6 +85,7 @@ private:
     void ScheduleKeepAlive(Clock::time_point silentSince);
     void KeepAlive();
     void SendPieces();
+    void SendBuffers();
     void OnSent(Error error);
     void EndStream();
 
