@@ -277,6 +277,7 @@ TEST_F(Gateway, CutsOffThoseWhoSendOrTakeByDrops) {
     for (int line = 0; line < 1000; ++line) {
         ZLog::Instance().Log(2, "Test", "test", "Test", 1, "%s", std::string(2000, 'x').c_str());
     }
+    RawClient listener = Events();  // which has nothing to say, and is let be
     RawClient head(socket, "GET /v1/status HTTP/1.1\r\nX-Thing: ");
     RawClient body(socket, "POST /v1/findupdates HTTP/1.1\r\nContent-Length: 60000\r\n\r\n{");
     RawClient answer(socket, "GET /v1/log?lines=1000 HTTP/1.1\r\n\r\n");  // and does not look at what comes
@@ -286,6 +287,7 @@ TEST_F(Gateway, CutsOffThoseWhoSendOrTakeByDrops) {
         body.Send(" ");
         ::poll(nullptr, 0, 100);  // a drop ten times a second
     }
+    EXPECT_TRUE(listener.WaitFor(": keep-alive\n\n"));
     EXPECT_FALSE(head.IsOpen());
     EXPECT_FALSE(body.IsOpen());
     EXPECT_FALSE(answer.IsOpen());

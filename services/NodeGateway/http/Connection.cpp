@@ -378,7 +378,9 @@ void Connection::KeepAlive() {
         m_pieces.push_back(std::make_shared<const std::string>(m_response->stream->KeepAlive()));
         SendPieces();
     }
-    ScheduleKeepAlive(m_sending ? now : m_lastSent);
+    if (m_state == State::Streaming) {
+        ScheduleKeepAlive(m_sending ? now : m_lastSent);
+    }
 }
 
 void Connection::Continue() {
