@@ -32,7 +32,8 @@ std::string GraphText(const fs::path& folder) {
            R"({"ArchiveDevice":"/dev/archive","ArchiveDir":"Packages","ProgressPath":"progress"}},)" +
            R"({"name":"Storage","class":"ZNodeStorage","config":{"removableRoots":[],"roots":[")" + root +
            R"(/drives"]}},{"name":"DeviceProps","class":"ZNodeDeviceProps","config":{"deviceType":"DEVICE_CART"}},)" +
-           R"({"name":"Gateway","class":"ZNodeGateway","config":{"socketPath":")" + root + "/gateway.sock\"}}]}\n";
+           R"({"name":"Gateway","class":"ZNodeGateway","config":{"socketPath":")" + root +
+           "/gateway.sock\",\"maxEventClients\":2048}}]}\n";
 }
 
 /// This process's environment with the notification socket, and without a watchdog of its own.

@@ -18,6 +18,8 @@ public:
     ArbordRun& operator=(const ArbordRun&) = delete;
 
     pid_t Process() const { return m_process; }
+    /// The gateway's; it allows 1,000 event streams of one user.
+    std::filesystem::path Socket() const { return m_scratch / "gateway.sock"; }
     /// From its start until it said that it is ready.
     std::chrono::duration<double> StartTime() const { return m_startTime; }
 

@@ -1,10 +1,8 @@
-#include <fstream>
 #include <thread>
 
 #include "ArbordRun.h"
 #include "Benches.h"
-
-namespace fs = std::filesystem;
+#include "ProcessStatus.h"
 
 namespace {
 
@@ -14,34 +12,14 @@ constexpr auto kSettle = std::chrono::seconds(2);
 constexpr auto kIdle = std::chrono::seconds(5);
 constexpr int kSpans = 4;
 
-/// The number behind `key` in one of the kernel's status files.
-double StatusNumber(const fs::path& file, const std::string& key) {
-    std::ifstream input(file);
-    for (std::string line; std::getline(input, line);) {
-        if (line.starts_with(key + ':')) {
-            return std::stod(line.substr(key.size() + 1));
-        }
-    }
-    throw std::runtime_error(file.string() + " has no " + key);
-}
-
-/// How often the process's threads have gone to sleep: once for each time that something woke them.
-double Sleeps(const fs::path& process) {
-    double sleeps = 0;
-    for (const fs::directory_entry& thread : fs::directory_iterator(process / "task")) {
-        sleeps += StatusNumber(thread.path() / "status", "voluntary_ctxt_switches");
-    }
-    return sleeps;
-}
-
 /// Wake-ups a second in the quietest of a few spans: a periodic one is in each of them, while a mount that somebody
 /// else makes on this machine wakes the process now and then.
-double WakeUps(const fs::path& process) {
+double WakeUps(const ProcessStatus& process) {
     double fewest = std::numeric_limits<double>::infinity();
     for (int span = 0; span < kSpans && fewest > 0; ++span) {
-        const double before = Sleeps(process);
+        const double before = process.Sleeps();
         std::this_thread::sleep_for(kIdle);
-        fewest = std::min(fewest, (Sleeps(process) - before) / static_cast<double>(kIdle.count()));
+        fewest = std::min(fewest, (process.Sleeps() - before) / static_cast<double>(kIdle.count()));
     }
     return fewest;
 }
@@ -56,11 +34,11 @@ void StartHost(benchmark::State& state) {
 void LeaveHostIdle(benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
         const ArbordRun arbord;
-        const fs::path process = "/proc/" + std::to_string(arbord.Process());
+        const ProcessStatus process(arbord.Process());
         std::this_thread::sleep_for(kSettle);
         state.counters["wakeups"] = WakeUps(process);
-        state.counters["threads"] = StatusNumber(process / "status", "Threads");
-        state.counters["resident"] = StatusNumber(process / "status", "VmRSS") * 1024;
+        state.counters["threads"] = process.Threads();
+        state.counters["resident"] = process.ResidentBytes();
     }
 }
 

@@ -1,13 +1,8 @@
 #include "EventHub.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <boost/json.hpp>
-#include <cerrno>
 #include <string_view>
-#include <system_error>
 
 #include "ZShared/ZLog.h"
 
@@ -33,48 +28,33 @@ std::string_view EventName(EventKind kind) {
 
 }  // namespace
 
-EventQueue::EventQueue(std::size_t limit, bool withLog)
-    : m_limit(limit), m_withLog(withLog), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (!m_wake) {
-        throw std::system_error(errno, std::generic_category(), "eventfd");
-    }
-}
-
 void EventQueue::Put(const std::shared_ptr<const std::string>& event) {
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_events.size() < m_limit) {
-            m_events.push_back(event);
-        } else {
-            m_bOverrun = true;
-        }
+    const auto state = m_state.Lock();
+    if (state->events.size() < m_limit) {
+        state->events.push_back(event);
+    } else {
+        state->overrun = true;
     }
-    ::eventfd_write(m_wake.Get(), 1);
 }
 
-bool EventQueue::Take(std::string& text) {
-    eventfd_t ignored = 0;
-    ::eventfd_read(m_wake.Get(), &ignored);
-    const std::lock_guard lock(m_mutex);
-    for (const auto& event : m_events) {
-        text += *event;
-    }
-    m_events.clear();
-    return !m_bOverrun;
+void EventQueue::Take(HttpStream::Pieces& events) {
+    const auto state = m_state.Lock();
+    events.insert(events.end(), state->events.begin(), state->events.end());
+    state->events.clear();
 }
 
-EventHub::EventHub(std::size_t maxListeners, std::size_t backlog) : m_maxListeners(maxListeners), m_backlog(backlog) {}
+EventHub::EventHub(std::size_t maxListeners, std::size_t backlog) : m_backlog(backlog), m_listeners(maxListeners) {}
 
 EventHub::~EventHub() = default;
 
-std::shared_ptr<EventQueue> EventHub::Join(bool withLog) {
-    auto queue = std::make_unique<EventQueue>(m_backlog, withLog);
+std::shared_ptr<EventQueue> EventHub::Join(uid_t user, bool withLog) {
+    auto queue = std::make_unique<EventQueue>(m_backlog, user, withLog);
     {
         const std::lock_guard lock(m_mutex);
-        if (m_queues.size() >= m_maxListeners) {
+        m_queues.reserve(m_queues.size() + 1);
+        if (!m_listeners.Take(user)) {
             return nullptr;
         }
-        m_queues.reserve(m_queues.size() + 1);
         if (!m_lastProgress.empty()) {
             queue->Put(Format(EventKind::Progress, m_lastProgress));
         }
@@ -90,22 +70,22 @@ std::shared_ptr<EventQueue> EventHub::Join(bool withLog) {
             ListenToLog();
         }
     } catch (...) {
-        const std::lock_guard lock(m_mutex);
-        std::erase(m_queues, queue.get());
+        Remove(queue.get());
         throw;
     }
     return {queue.release(), [this](EventQueue* left) {
-                Leave(left);
+                if (left->WantsLog()) {
+                    LeaveLog();
+                }
+                Remove(left);
                 delete left;
             }};
 }
 
-void EventHub::Leave(const EventQueue* queue) {
-    if (queue->WantsLog()) {
-        LeaveLog();
-    }
+void EventHub::Remove(const EventQueue* queue) {
     const std::lock_guard lock(m_mutex);
     std::erase(m_queues, queue);
+    m_listeners.Return(queue->User());
 }
 
 void EventHub::ListenToLog() {
@@ -145,6 +125,7 @@ void EventHub::Publish(EventKind kind, const std::string& data) {
             queue->Put(event);
         }
     }
+    m_ready.Set();
 }
 
 std::string EventHub::LastProgress() const {

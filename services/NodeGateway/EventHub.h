@@ -2,39 +2,42 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZGuarded.h"
+#include "ZShared/ZWakeUp.h"
+#include "http/HttpMessage.h"
+#include "http/UserShares.h"
 
 namespace gateway {
 
 enum class EventKind { Progress, UpdateAvailable, StorageDeviceUpdate, PeerUpdate, Log };
 
-/// The events that wait for one listener. Filled by any thread, emptied by the one that serves the listener.
+/// The events that wait for one listener. Thread-safe.
 class EventQueue {
 public:
-    /// Throws std::system_error when the system has no descriptor left.
-    EventQueue(std::size_t limit, bool withLog);
+    EventQueue(std::size_t limit, uid_t user, bool withLog) : m_limit(limit), m_user(user), m_withLog(withLog) {}
 
+    uid_t User() const { return m_user; }
     bool WantsLog() const { return m_withLog; }
-    /// Readable while there is something to take. Owned by this object.
-    int Descriptor() const { return m_wake.Get(); }
     /// An event that finds the queue full makes the listener one that is dropped: it would miss something.
     void Put(const std::shared_ptr<const std::string>& event);
-    /// Moves all that waits to `text`, which may stay empty. False when the listener is to be dropped.
-    bool Take(std::string& text);
+    bool IsOverrun() const { return m_state.Lock()->overrun; }
+    /// Adds all that waits to `events`, which may be nothing.
+    void Take(HttpStream::Pieces& events);
 
 private:
+    struct State {
+        HttpStream::Pieces events;
+        bool overrun = false;
+    };
     const std::size_t m_limit;
+    const uid_t m_user;
     const bool m_withLog;
-    ZFileDescriptor m_wake;
-    std::mutex m_mutex;
-    std::deque<std::shared_ptr<const std::string>> m_events;
-    bool m_bOverrun = false;
+    ZGuarded<State> m_state;
 };
 
 /// Hands every event to all listeners, each through a queue of its own, and remembers what a new one must know first.
@@ -49,8 +52,11 @@ public:
 
     /// A new listener's queue, which starts with the last progress and the last available updates, so that somebody who
     /// comes in the middle of an install knows where it stands, and then the comment ": live". The listener has left
-    /// once the queue is released, which must be before the hub ends. Null when there are as many as allowed.
-    std::shared_ptr<EventQueue> Join(bool withLog);
+    /// once the queue is released, which must be before the hub ends. Null when there are as many as allowed, in all or
+    /// of this user.
+    std::shared_ptr<EventQueue> Join(uid_t user, bool withLog);
+    /// Set whenever something was put into a queue.
+    ZWakeUp& Ready() { return m_ready; }
 
     /// `data` is one line of JSON.
     void Publish(EventKind kind, const std::string& data);
@@ -64,15 +70,16 @@ public:
 
 private:
     std::shared_ptr<const std::string> Format(EventKind kind, const std::string& data);
-    void Leave(const EventQueue* queue);
+    void Remove(const EventQueue* queue);
     void ListenToLog();
     void LeaveLog();
 
-    const std::size_t m_maxListeners;
     const std::size_t m_backlog;
+    ZWakeUp m_ready;
     std::atomic<std::uint64_t> m_dropped{0};
 
     mutable std::mutex m_mutex;  // guards what follows
+    UserShares m_listeners;
     std::vector<EventQueue*> m_queues;
     std::uint64_t m_lastId = 0;
     std::string m_lastProgress;

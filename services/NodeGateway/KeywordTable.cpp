@@ -17,6 +17,7 @@ constexpr std::array<const char*, 3> kTakes{Request::kClassName};
 constexpr std::array<const char*, 3> kFileMessages{ZFileOpenMsg::kClassName, ZFileWriteMsg::kClassName,
                                                    ZFileCloseMsg::kClassName};
 constexpr const char* kNoAnswer = nullptr;
+constexpr std::size_t kFileBody = std::size_t{2} * 1024 * 1024;
 
 constexpr Keyword kKeywords[] = {
     {"updatesystem", kClient, kTakes<ZSystemUpdateMsg>, ZVersionInfoMsg::kClassName, "Install a version"},
@@ -35,7 +36,7 @@ constexpr Keyword kKeywords[] = {
     {"checkCompatibility", kService, kTakes<ZDeviceCompatibilityMsg>, ZDeviceCompatibilityMsg::kClassName,
      "Do the accessory's version and this device's work together?"},
     {"upload", kDevice, kFileMessages, ZGenericResponseMsg::kClassName,
-     "One step of bringing a package file: open, write a piece in base64, close"},
+     "One step of bringing a package file: open, write a piece in base64, close", kFileBody},
     {"transfer", kDevice, kTakes<TransferMsg>, ZVersionInfoMsg::kClassName,
      "Carry a version's package to the accessory"},
     {"remoteinstall", kDevice, kTakes<ZSystemUpdateMsg>, ZMessageArray::kClassName,

@@ -8,6 +8,9 @@
 
 namespace gateway {
 
+/// Far more than any message needs, but for those that carry a file.
+constexpr std::size_t kUsualBody = std::size_t{64} * 1024;
+
 /// One request or notification that the graph knows, offered as POST /v1/<name>.
 struct Keyword {
     const char* name;
@@ -16,6 +19,7 @@ struct Keyword {
     std::array<const char*, 3> requests;
     const char* answer;  ///< the class of the answer; null: a notification, which has none
     const char* summary;
+    std::size_t largestBody = kUsualBody;  ///< of the request, in bytes
 
     bool IsNotification() const { return answer == nullptr; }
     std::span<const char* const> RequestClasses() const;

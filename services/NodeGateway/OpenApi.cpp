@@ -4,7 +4,6 @@
 
 #include "KeywordTable.h"
 #include "MessageSchemas.h"
-#include "Problem.h"
 
 namespace json = boost::json;
 
@@ -67,6 +66,7 @@ json::object Reading(std::string_view id, std::string_view summary, json::object
                      std::initializer_list<int> problems = {}) {
     json::object responses{{"200", std::move(answer)}};
     AddProblems(responses, problems);
+    AddProblems(responses, {503});
     return {{"get", json::object{{"operationId", id},
                                  {"summary", summary},
                                  {"parameters", std::move(parameters)},

@@ -1,16 +1,16 @@
 #include "Requests.h"
 
+#include "DocumentCheck.h"
 #include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
-#include "Problem.h"
 #include "ZMessages/ZJSONCommStream.h"
+#include "http/Problem.h"
 
 namespace gateway {
 
 namespace {
 
 constexpr const char* kClassKey = "className";
-constexpr auto kPatienceForTurn = std::chrono::seconds(5);
 
 std::string OneOf(std::span<const char* const> names) {
     std::string text;
@@ -37,25 +37,33 @@ ZString RequestClass(const Keyword& keyword, ZCommStream& stream) {
     return {};
 }
 
-/// The request's message; null, with the problem in `refusal`.
-std::shared_ptr<ZMessage> ReadMessage(const Keyword& keyword, const std::string& body, HttpResponse& refusal) {
+/// What is wrong with a request, and the key that is to blame; may be empty.
+struct Fault {
+    std::string detail;
+    std::string key;
+};
+
+boost::system::result<std::shared_ptr<ZMessage>, Fault> ReadMessage(const Keyword& keyword, std::string_view body) {
+    if (body.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+        body = "{}";
+    }
+    if (const auto checked = CheckDocument(body); !checked) {
+        return Fault{checked.error().text, {}};
+    }
     ZJSONCommStream stream;
-    const bool empty = body.find_first_not_of(" \t\r\n") == std::string::npos;
-    if (!stream.LoadText(empty ? "{}" : std::string_view(body))) {
-        refusal = Problem(400, stream.Error());
-        return nullptr;
+    if (!stream.LoadText(body)) {
+        return Fault{stream.Error(), {}};
     }
     const ZString name = RequestClass(keyword, stream);
     if (name.empty()) {
-        refusal =
-            Problem(400, "\"className\" must name the request's class: " + OneOf(keyword.RequestClasses()), kClassKey);
-        return nullptr;
+        return Fault{"\"className\" must name the request's class: " + OneOf(keyword.RequestClasses()), kClassKey};
     }
     auto message = cast_shared<ZMessage>(ZShared::ZFactory::Instance().CreateShared(name));
-    if (!message || !message->Deserialize(stream)) {
-        refusal = Problem(400, message ? stream.Error() : "\"className\" names a class that can't be made",
-                          message ? stream.ErrorKey() : kClassKey);
-        return nullptr;
+    if (!message) {
+        return Fault{"\"className\" names a class that can't be made", kClassKey};
+    }
+    if (!message->Deserialize(stream)) {
+        return Fault{stream.Error(), stream.ErrorKey()};
     }
     return message;
 }
@@ -77,34 +85,14 @@ HttpResponse Failed(ZPublishOutcome outcome, const Keyword& keyword) {
 }  // namespace
 
 HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body) {
-    HttpResponse refusal;
-    const auto message = ReadMessage(keyword, body, refusal);
-    if (!message) {
-        return refusal;
+    // Reading takes several times a document's memory.
+    std::unique_lock oneAtATime(m_largeDocument, std::defer_lock);
+    if (body.size() > kUsualBody) {
+        oneAtATime.lock();
     }
-    if (!TakeTurn()) {
-        return Problem(503, "Too many requests wait for their answers");
-    }
-    const struct Turn {
-        Requests& owner;
-        ~Turn() { owner.EndTurn(); }
-    } turn{*this};
-    return Ask(keyword, message);
-}
-
-bool Requests::TakeTurn() {
-    std::unique_lock lock(m_mutex);
-    const bool turn = m_ended.wait_for(lock, kPatienceForTurn, [this] { return m_waiting < kAtOnce; });
-    m_waiting += turn ? 1 : 0;
-    return turn;
-}
-
-void Requests::EndTurn() {
-    {
-        const std::lock_guard lock(m_mutex);
-        --m_waiting;
-    }
-    m_ended.notify_one();
+    const auto message = ReadMessage(keyword, body);
+    oneAtATime = {};
+    return message ? Ask(keyword, *message) : Problem(400, message.error().detail, message.error().key);
 }
 
 HttpResponse Requests::Ask(const Keyword& keyword, const std::shared_ptr<ZMessage>& message) {

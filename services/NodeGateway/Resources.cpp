@@ -6,10 +6,10 @@
 
 #include "EventStream.h"
 #include "OpenApi.h"
-#include "Problem.h"
 #include "ZMessages/Messages.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "ZShared/ZLog.h"
+#include "http/Problem.h"
 
 namespace gateway {
 
@@ -25,6 +25,11 @@ HttpResponse WrongMethod(const char* allowed) {
     HttpResponse response = Problem(405, std::string("This resource takes ") + allowed);
     response.headers.emplace_back("Allow", allowed);
     return response;
+}
+
+/// Null when there is none.
+const Keyword* KeywordOf(std::string_view path) {
+    return path.starts_with(kRoot) ? FindKeyword(path.substr(kRoot.size())) : nullptr;
 }
 
 HttpResponse Json(std::string text) {
@@ -67,16 +72,26 @@ Resources::Handler Resources::Find(std::string_view path) {
     return nullptr;
 }
 
+std::size_t Resources::LargestBody(std::string_view path) const {
+    const Keyword* const keyword = KeywordOf(path);
+    return keyword == nullptr ? kUsualBody : keyword->largestBody;
+}
+
+void Resources::OnRefused(std::string_view path, int status) {
+    if (const Keyword* const keyword = KeywordOf(path)) {
+        m_metrics.CountRequest(keyword->name, status);
+    }
+}
+
 HttpResponse Resources::Handle(const HttpRequest& request) {
     const bool reads = request.method == "GET" || request.method == "HEAD";
     if (const Handler handler = Find(request.path)) {
         return reads ? (this->*handler)(request) : WrongMethod("GET, HEAD");
     }
-    const bool below = request.path.starts_with(kRoot);
-    const Keyword* const keyword = below ? FindKeyword(request.path.substr(kRoot.size())) : nullptr;
+    const Keyword* const keyword = KeywordOf(request.path);
     if (keyword == nullptr) {
-        return Problem(404,
-                       below ? "There is no keyword or resource " + request.path : "Everything is found under /v1/");
+        return Problem(404, request.path.starts_with(kRoot) ? "There is no keyword or resource " + request.path
+                                                            : "Everything is found under /v1/");
     }
     return request.method == "POST" ? Ask(*keyword, request) : WrongMethod("POST");
 }
@@ -92,14 +107,14 @@ HttpResponse Resources::Events(const HttpRequest& request) {
     if (!log || *log > 1) {
         return Problem(400, "\"log\" is 0 or 1", "log");
     }
-    const auto queue = m_events.Join(*log == 1);
+    auto queue = m_events.Join(request.user, *log == 1);
     if (!queue) {
         return Problem(503, "As many listeners as are allowed have joined");
     }
     HttpResponse response;
     response.contentType = "text/event-stream";
     response.headers.emplace_back("Cache-Control", "no-cache");
-    response.stream = [this, queue](HttpStream& stream) { SendEvents(m_events, *queue, stream); };
+    response.stream = std::make_unique<EventStream>(m_events, std::move(queue));
     return response;
 }
 

@@ -1,19 +1,21 @@
 #pragma once
 
 #include "EventHub.h"
-#include "HttpMessage.h"
 #include "Metrics.h"
 #include "Requests.h"
 #include "StatusReport.h"
+#include "http/HttpMessage.h"
 
 namespace gateway {
 
 /// Everything that is offered under /v1: which method each path takes, and who answers. Thread-safe.
-class Resources {
+class Resources final : public HttpHandler {
 public:
     Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events);
 
-    HttpResponse Handle(const HttpRequest& request);
+    std::size_t LargestBody(std::string_view path) const override;
+    HttpResponse Handle(const HttpRequest& request) override;
+    void OnRefused(std::string_view path, int status) override;
 
 private:
     using Handler = HttpResponse (Resources::*)(const HttpRequest&);

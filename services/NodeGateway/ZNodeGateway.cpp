@@ -4,11 +4,11 @@
 
 #include <charconv>
 
-#include "HttpServer.h"
 #include "MessageText.h"
 #include "Resources.h"
 #include "ZMessages/PeerMessages.h"
 #include "ZShared/ZLog.h"
+#include "http/HttpServer.h"
 
 Z_IMPLEMENT(ZNodeGatewayCfg)
 Z_IMPLEMENT(ZNodeGateway)
@@ -17,14 +17,11 @@ using namespace gateway;
 
 namespace {
 
-// Beside the threads that open event streams hold and those whose requests wait for answers: for all that ends at once.
-constexpr std::size_t kSpareThreads = 8;
-
 HttpServerSettings ServerSettings(const ZNodeGatewayCfg& config) {
     HttpServerSettings settings;
     settings.path = ToStdString(config.m_SocketPath);
     settings.access = {*ZNodeGatewayCfg::ModeOf(config.m_SocketMode), ZNodeGatewayCfg::GroupOf(config.m_SocketGroup)};
-    settings.threads = config.m_MaxEventClients + Requests::kAtOnce + kSpareThreads;
+    settings.streams = config.m_MaxEventClients;
     return settings;
 }
 
@@ -51,7 +48,7 @@ struct ZNodeGateway::Parts {
         : path(config.m_SocketPath),
           events(config.m_MaxEventClients, config.m_EventBacklog),
           resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events),
-          server(ServerSettings(config), [this](const HttpRequest& request) { return resources.Handle(request); }) {}
+          server(ServerSettings(config), resources, events.Ready()) {}
 
     const std::string path;
     EventHub events;
@@ -90,9 +87,8 @@ bool ZNodeGateway::ShowAs(EventKind kind, ZEndpointType type, const char* keywor
 }
 
 bool ZNodeGateway::OnGraphCreated() {
-    std::string error;
-    if (!m_parts->server.Start(error)) {
-        Z_LOG(4, "Can't serve on %s (\"socketPath\"): %s", m_parts->path, error);
+    if (const auto started = m_parts->server.Start(); !started) {
+        Z_LOG(4, "Can't serve on %s (\"socketPath\"): %s", m_parts->path, started.error().text);
         return false;
     }
     Z_LOG(2, "Serving on %s", m_parts->path);

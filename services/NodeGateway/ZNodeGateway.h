@@ -19,7 +19,7 @@ public:
     ZString m_SocketMode = "0660";
     ZString m_SocketGroup;
     std::uint32_t m_AnswerTimeoutSeconds = 30;
-    std::uint32_t m_MaxEventClients = 16;
+    std::uint32_t m_MaxEventClients = 64;
     std::uint32_t m_EventBacklog = 256;
 
     /// The permission bits that a text in octal digits means; none for another text.
@@ -38,7 +38,9 @@ public:
                  .OrEmpty()
                  .Means("Who beside the owner the bits are for. Empty: the host's group."),
              Z_FIELD(m_AnswerTimeoutSeconds).In(1, 3600).Means("How long a request waits for the graph's answer."),
-             Z_FIELD(m_MaxEventClients).In(1, 256).Means("Event streams at once."),
+             Z_FIELD(m_MaxEventClients)
+                 .In(1, 4096)
+                 .Means("Event streams at once. One user may have three quarters of them."),
              Z_FIELD(m_EventBacklog).In(1, 65'536).Means("Events that wait for one client."))
 };
 

@@ -65,12 +65,21 @@ bool RawClient::WaitFor(const std::string& text, std::size_t count) {
     return true;
 }
 
-bool RawClient::WaitForEnd() {
+void RawClient::ReadAll() {
     while (Receive()) {
     }
+}
+
+bool RawClient::WaitForEnd() {
+    ReadAll();
     // The server ends its sending side before it closes: the hang-up may come a little later than the last byte.
     pollfd entry{m_socket.Get(), 0, 0};
     return ::poll(&entry, 1, 30'000) > 0;
+}
+
+bool RawClient::IsOpen() const {
+    pollfd entry{m_socket.Get(), 0, 0};
+    return ::poll(&entry, 1, 0) == 0;
 }
 
 bool Gateway::Start(const std::string& settings) {

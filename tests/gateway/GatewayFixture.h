@@ -24,8 +24,12 @@ public:
     void Send(const std::string& bytes) const;
     /// Reads until `count` occurrences of `text` have come. False at the stream's end or when none comes for long.
     bool WaitFor(const std::string& text, std::size_t count = 1);
+    /// Reads all that the other side sends until it says that no more comes.
+    void ReadAll();
     /// Reads to the end. False when the other side keeps the connection open for long.
     bool WaitForEnd();
+    /// Whether the other side has not closed yet.
+    bool IsOpen() const;
     const std::string& Received() const { return m_received; }
     void Close() { m_socket.Reset(); }
 

@@ -77,7 +77,7 @@ TEST_F(Gateway, RefusesBadRequestsWithAProblemThatNamesTheField) {
         {"POST", "/v1/updatesystem", R"({"version":"3.045")", 400, ""},
         {"POST", "/v1/updatesystem", R"(["3.045"])", 400, ""},
         {"POST", "/v1/updatesystem", "\xff", 400, ""},
-        {"POST", "/v1/updatesystem", R"({"a":)" + std::string(100'000, '['), 400, ""},
+        {"POST", "/v1/updatesystem", R"({"a":)" + std::string(50'000, '['), 400, ""},
         {"POST", "/v1/updatesystem", R"({"version":3.045})", 400, "version"},
         {"POST", "/v1/updatesystem", R"({"reboot":"no"})", 400, "reboot"},
         {"POST", "/v1/updatesystem", R"({"deviceModel":"Sphinx"})", 400, "deviceModel"},
@@ -155,6 +155,39 @@ TEST_F(Gateway, TakesOddlyFramedBodies) {
         RawClient client(socket, "POST /v1/findupdates HTTP/1.1\r\nConnection: close\r\n" + row.rest);
         EXPECT_TRUE(client.WaitFor("\r\n\r\n")) << client.Received();
         EXPECT_TRUE(client.Received().starts_with(row.status)) << client.Received();
+    }
+}
+
+TEST_F(Gateway, ServesClientsOfEveryManner) {
+    ASSERT_TRUE(Start());
+    probe->Listen(kClient, "findupdates", [](const auto&) { return Made("ZMessageArray"); });
+    const struct {
+        const char* name;
+        std::string request;
+        const char* answer;  // and the connection's end
+    } rows[] = {
+        {"two requests at once",
+         "POST /v1/findupdates HTTP/1.1\r\nContent-Length: 2\r\n\r\n{}"
+         "GET /v1/nothing HTTP/1.1\r\nConnection: close\r\n\r\n",
+         "HTTP/1.1 200 OK\r\nKeep-Alive: .*ZMessageArray.*HTTP/1.1 404 Not Found\r\nConnection: close\r\n.*"},
+        {"one that waits to be invited",
+         "POST /v1/findupdates HTTP/1.0\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n{}",
+         "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK.*"},
+        {"an old one", "GET /v1/log?lines=1 HTTP/1.0\r\n\r\n", "HTTP/1.1 200 OK\r\nConnection: close.*"},
+        {"one that writes its address in codes", "GET /v1/lo%67?%6cines=%31 HTTP/1.0\r\n\r\n", "HTTP/1.1 200 OK.*"},
+        {"one that wants no body", "HEAD /v1/log HTTP/1.0\r\n\r\n",
+         "HTTP/1.1 200 OK.*Content-Length: [1-9].*json\r\n\r\n"},
+        {"a body that is not asked for",
+         "PUT /v1/log HTTP/1.1\r\nContent-Length: 99\r\n\r\nGET /v1/log HTTP/1.1\r\n\r\n",
+         "HTTP/1.1 405 .*Allow: GET, HEAD\r\n.*Connection: close\r\n.*This resource takes GET, HEAD[^/]*"},
+        {"a long address", "GET /" + std::string(9000, 'x') + " HTTP/1.1\r\n\r\n",
+         "HTTP/1.1 414 URI Too Long\r\n.*The address is longer than 8192 bytes.*"},
+        {"one of the future", "GET /v1/log HTTP/9.9\r\n\r\n", "HTTP/1.1 400 Bad Request\r\n.*"},
+    };
+    for (const auto& row : rows) {
+        RawClient client(socket, row.request);
+        client.ReadAll();
+        EXPECT_THAT(client.Received(), testing::MatchesRegex(row.answer)) << row.name;
     }
 }
 

@@ -54,7 +54,7 @@ TEST_F(Gateway, NamesTheSettingThatCanNotBeUsed) {
         {R"("socketPath":"")", "socketPath"},
         {R"("socketPath":"relative")", "socketPath"},
         {R"("answerTimeoutSeconds":0)", "answerTimeoutSeconds"},
-        {R"("maxEventClients":257)", "maxEventClients"},
+        {R"("maxEventClients":4097)", "maxEventClients"},
         {R"("eventBacklog":0)", "eventBacklog"},
     };
     for (const auto& row : rows) {

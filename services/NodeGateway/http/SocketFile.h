@@ -5,6 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "ZShared/ZError.h"
+#include "ZShared/ZFileDescriptor.h"
+
 namespace gateway {
 
 /// Who may connect.
@@ -22,17 +25,16 @@ public:
     SocketFile(const SocketFile&) = delete;
     SocketFile& operator=(const SocketFile&) = delete;
 
-    const std::string& Path() const { return m_path; }
-    /// Makes the directory and takes away a socket that nobody listens on any more. False, with `error`, when the path
-    /// is too long, is something else than a socket, or belongs to a living server.
-    bool Prepare(std::string& error) const;
-    /// Keeps everybody from connecting to `socket`, which is about to be bound, until Open.
-    static void Close(int socket);
-    /// Lets connect whoever `access` names. False, with `error`, on failure.
-    bool Open(const SocketAccess& access, std::string& error);
+    /// A socket that listens there, without blocking. Makes the directory and takes away a socket that nobody listens
+    /// on any more. An error when the path is too long, is something else than a socket, or belongs to a living server.
+    ZResult<ZFileDescriptor> Listen(const SocketAccess& access);
     void Remove();
 
 private:
+    ZResult<void> Prepare() const;
+    /// Lets connect whoever `access` names.
+    ZResult<void> Open(const SocketAccess& access);
+
     const std::string m_path;
     dev_t m_device = 0;
     ino_t m_inode = 0;
