@@ -2,31 +2,10 @@
 
 #include <algorithm>
 #include <boost/json.hpp>
-#include <string_view>
 
 #include "ZShared/ZLog.h"
 
 namespace gateway {
-
-namespace {
-
-std::string_view EventName(EventKind kind) {
-    switch (kind) {
-        case EventKind::Progress:
-            return "progress";
-        case EventKind::UpdateAvailable:
-            return "updateavailable";
-        case EventKind::StorageDeviceUpdate:
-            return "storagedeviceupdate";
-        case EventKind::PeerUpdate:
-            return "peerupdate";
-        case EventKind::Log:
-            return "log";
-    }
-    return "message";
-}
-
-}  // namespace
 
 void EventQueue::Put(const std::shared_ptr<const std::string>& event) {
     const auto state = m_state.Lock();
@@ -55,11 +34,10 @@ std::shared_ptr<EventQueue> EventHub::Join(uid_t user, bool withLog) {
         if (!m_listeners.Take(user)) {
             return nullptr;
         }
-        if (!m_lastProgress.empty()) {
-            queue->Put(Format(EventKind::Progress, m_lastProgress));
-        }
-        if (!m_lastUpdates.empty()) {
-            queue->Put(Format(EventKind::UpdateAvailable, m_lastUpdates));
+        for (const EventKind& kind : Events()) {
+            if (const auto last = m_last.find(&kind); last != m_last.end()) {
+                queue->Put(Format(kind.name, last->second));
+            }
         }
         // A comment line tells a client where the repeated events end.
         queue->Put(std::make_shared<const std::string>(": live\n\n"));
@@ -92,7 +70,7 @@ void EventHub::ListenToLog() {
     const std::lock_guard lock(m_logMutex);
     if (m_logListeners == 0) {
         m_logListener = ZLog::Instance().AddListener([this](int, const std::string& line) {
-            Publish(EventKind::Log, boost::json::serialize(boost::json::object{{"line", line}}));
+            Tell("log", boost::json::serialize(boost::json::object{{"line", line}}), Who::WantsLog);
         });
     }
     ++m_logListeners;
@@ -105,23 +83,23 @@ void EventHub::LeaveLog() {
     }
 }
 
-std::shared_ptr<const std::string> EventHub::Format(EventKind kind, const std::string& data) {
-    std::string text = "event: ";
-    text += EventName(kind);
-    text += "\nid: " + std::to_string(++m_lastId) + "\ndata: " + data + "\n\n";
-    return std::make_shared<const std::string>(std::move(text));
+std::shared_ptr<const std::string> EventHub::Format(const char* name, const std::string& data) {
+    return std::make_shared<const std::string>(std::string("event: ") + name + "\nid: " + std::to_string(++m_lastId) +
+                                               "\ndata: " + data + "\n\n");
 }
 
-void EventHub::Publish(EventKind kind, const std::string& data) {
+void EventHub::Publish(const EventKind& kind, const std::string& data) {
+    Tell(kind.name, data, Who::All, kind.bRepeated ? &kind : nullptr);
+}
+
+void EventHub::Tell(const char* name, const std::string& data, Who who, const EventKind* repeated) {
     const std::lock_guard lock(m_mutex);
-    if (kind == EventKind::Progress) {
-        m_lastProgress = data;
-    } else if (kind == EventKind::UpdateAvailable) {
-        m_lastUpdates = data;
+    if (repeated != nullptr) {
+        m_last[repeated] = data;
     }
-    const auto event = Format(kind, data);
+    const auto event = Format(name, data);
     for (EventQueue* queue : m_queues) {
-        if (kind != EventKind::Log || queue->WantsLog()) {
+        if (who == Who::All || queue->WantsLog()) {
             queue->Put(event);
         }
     }
@@ -130,7 +108,8 @@ void EventHub::Publish(EventKind kind, const std::string& data) {
 
 std::string EventHub::LastProgress() const {
     const std::lock_guard lock(m_mutex);
-    return m_lastProgress;
+    const auto last = m_last.find(&ProgressEvent());
+    return last == m_last.end() ? std::string() : last->second;
 }
 
 std::size_t EventHub::Listeners() const {

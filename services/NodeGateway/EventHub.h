@@ -2,19 +2,19 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "EventTable.h"
 #include "ZShared/ZGuarded.h"
 #include "ZShared/ZWakeUp.h"
 #include "http/HttpMessage.h"
 #include "http/UserShares.h"
 
 namespace gateway {
-
-enum class EventKind { Progress, UpdateAvailable, StorageDeviceUpdate, PeerUpdate, Log };
 
 /// The events that wait for one listener. Thread-safe.
 class EventQueue {
@@ -50,7 +50,7 @@ public:
     EventHub(const EventHub&) = delete;
     EventHub& operator=(const EventHub&) = delete;
 
-    /// A new listener's queue, which starts with the last progress and the last available updates, so that somebody who
+    /// A new listener's queue, which starts with the last events of the kinds that are repeated, so that somebody who
     /// comes in the middle of an install knows where it stands, and then the comment ": live". The listener has left
     /// once the queue is released, which must be before the hub ends. Null when there are as many as allowed, in all or
     /// of this user.
@@ -59,7 +59,7 @@ public:
     ZWakeUp& Ready() { return m_ready; }
 
     /// `data` is one line of JSON.
-    void Publish(EventKind kind, const std::string& data);
+    void Publish(const EventKind& kind, const std::string& data);
 
     /// The data of the last progress event; empty before the first.
     std::string LastProgress() const;
@@ -69,7 +69,10 @@ public:
     std::uint64_t Dropped() const { return m_dropped; }
 
 private:
-    std::shared_ptr<const std::string> Format(EventKind kind, const std::string& data);
+    enum class Who { All, WantsLog };
+    /// Tells the listeners; what is `repeated` is remembered for later ones.
+    void Tell(const char* name, const std::string& data, Who who, const EventKind* repeated = nullptr);
+    std::shared_ptr<const std::string> Format(const char* name, const std::string& data);
     void Remove(const EventQueue* queue);
     void ListenToLog();
     void LeaveLog();
@@ -82,8 +85,7 @@ private:
     UserShares m_listeners;
     std::vector<EventQueue*> m_queues;
     std::uint64_t m_lastId = 0;
-    std::string m_lastProgress;
-    std::string m_lastUpdates;
+    std::map<const EventKind*, std::string> m_last;  // of the kinds that are repeated
 
     // Log lines are listened to only while somebody wants them. Never taken while m_mutex is held: a thread that logs
     // calls Publish under the log's own lock, which adding and removing a listener needs too.

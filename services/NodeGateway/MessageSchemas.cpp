@@ -2,7 +2,7 @@
 
 #include <boost/json.hpp>
 
-#include "ZMessages/PeerMessages.h"
+#include "ZCoreConfigs/ZConfig.h"
 
 namespace json = boost::json;
 
@@ -10,85 +10,68 @@ namespace gateway {
 
 namespace {
 
-template <typename T>
-json::object EnumSchema(T usual) {
-    json::array names;
-    for (const auto name : magic_enum::enum_names<T>()) {
-        names.emplace_back(name);
-    }
-    json::object schema{{"anyOf", json::array{json::object{{"type", "string"}, {"enum", std::move(names)}},
-                                              json::object{{"type", "integer"}}}}};
-    schema["default"] = magic_enum::enum_name(usual);
-    return schema;
+json::object EnumSchema(const ZFieldInfo& field) {
+    json::array names(field.names.begin(), field.names.end());
+    return {{"anyOf", json::array{json::object{{"type", "string"}, {"enum", std::move(names)}},
+                                  json::object{{"type", "integer"}}}}};
 }
 
-/// The schema of a message in a list.
-template <typename Element>
-json::object ElementSchema() {
-    if constexpr (std::is_same_v<Element, ZMessage>) {
+/// The schema of a message in a list, or in a field.
+json::object MessageSchema(const char* className) {
+    if (*className == '\0') {
         return {{"type", "object"},
                 {"required", json::array{"className"}},
                 {"description", "A message of the class that it names"}};
-    } else {
-        return {{"$ref", std::string("#/components/schemas/") + Element::kClassName}};
     }
+    return {{"$ref", std::string("#/components/schemas/") + className}};
 }
 
-/// The schema of a member's type, with the value that it has when its key is missing.
-template <typename T>
-json::object MemberSchema(const T& usual) {
-    if constexpr (std::is_same_v<T, bool>) {
-        return {{"type", "boolean"}, {"default", usual}};
-    } else if constexpr (std::is_enum_v<T>) {
-        return EnumSchema(usual);
-    } else if constexpr (std::is_integral_v<T>) {
-        return {{"type", "integer"},
-                {"minimum", std::numeric_limits<T>::min()},
-                {"maximum", std::numeric_limits<T>::max()},
-                {"default", usual}};
-    } else if constexpr (std::is_floating_point_v<T>) {
-        return {{"type", "number"}, {"default", usual}};
-    } else if constexpr (std::is_same_v<T, ZString>) {
-        return {{"type", "string"}, {"default", std::string_view(usual)}};
-    } else if constexpr (std::is_same_v<T, ZVector<ZString>>) {
-        return {{"type", "array"}, {"items", {{"type", "string"}}}};
-    } else {
-        static_assert(ZFields::kIsMessageList<T>, "a field of this type has no schema yet");
-        return {{"type", "array"}, {"items", ElementSchema<typename ZFields::ListedMessage<T>::Type>()}};
+/// The schema of a field, with the value that it has when its key is missing.
+json::object FieldSchema(const ZFieldInfo& field, const ZFieldValue& usual) {
+    json::object schema;
+    switch (field.type) {
+        case ZFieldType::Bool:
+            return {{"type", "boolean"}, {"default", std::get<bool>(usual)}};
+        case ZFieldType::Integer:
+            return {{"type", "integer"},
+                    {"minimum", field.least},
+                    {"maximum", field.most},
+                    {"default", std::get<std::int64_t>(usual)}};
+        case ZFieldType::Number:
+            return {{"type", "number"}, {"default", std::get<double>(usual)}};
+        case ZFieldType::Text:
+            return {{"type", "string"}, {"default", std::string_view(*std::get<ZString*>(usual))}};
+        case ZFieldType::TextList:
+            return {{"type", "array"}, {"items", {{"type", "string"}}}};
+        case ZFieldType::MessageList:
+            return {{"type", "array"}, {"items", MessageSchema(field.className)}};
+        case ZFieldType::Enumeration:
+            schema = EnumSchema(field);
+            schema["default"] = std::get<std::string_view>(usual);
+            return schema;
+        case ZFieldType::Object:
+            break;
     }
-}
-
-template <typename Class>
-void AddSchema(json::object& schemas) {
-    json::object properties;
-    properties["className"] = {{"const", Class::kClassName}};
-    // The base's fields come first, as on the wire; a base stands before its classes in the list below.
-    if (const json::value* base = schemas.if_contains(Class::Super::kClassName)) {
-        for (const auto& [key, schema] : base->at("properties").as_object()) {
-            properties.emplace(key, schema);
-        }
-    }
-    const Class usual;
-    std::apply([&](const auto&... field) { ((properties[field.key] = MemberSchema(usual.*field.member)), ...); },
-               Class::Fields());
-    schemas[Class::kClassName] = {{"type", "object"}, {"properties", std::move(properties)}};
-}
-
-template <typename... Classes>
-json::object Schemas() {
-    json::object schemas;
-    (AddSchema<Classes>(schemas), ...);
-    return schemas;
+    return MessageSchema(field.className);
 }
 
 }  // namespace
 
 json::object MessageSchemas() {
-    return Schemas<ZGenericRequestMsg, ZGenericResponseMsg, ZVersionInfoMsg, ZMessageArray, ZSystemUpdateMsg,
-                   ZSystemUpdateInProgressRequestMsg, ZSystemUpdateInProgressMsg, ZCompareVersionsMsg,
-                   ZCompareVersionsResultMsg, ZDevicePropertiesMsg, ZDeviceCompatibilityMsg, InstallProgressMsg,
-                   ZFileMsg, ZFileOpenMsg, ZFileWriteMsg, ZFileCloseMsg, TransferMsg, FolderUpdateMsg,
-                   StorageDevicesMsg, ZPeerMsg, ZPeersMsg, ZPairMsg>();
+    ZShared::ZFactory& factory = ZShared::ZFactory::Instance();
+    json::object schemas;
+    for (const std::string& name : factory.ClassesOf(ZMessage::m_cid)) {
+        const auto usual = cast_shared<ZMessage>(factory.CreateShared(name));
+        if (!usual || usual->IsKindOf(ZConfig::m_cid)) {
+            continue;  // records come from the graph file and never travel
+        }
+        json::object properties{{"className", {{"const", name}}}};
+        usual->VisitFields([&properties](const ZFieldInfo& field, const ZFieldValue& value) {
+            properties[field.key] = FieldSchema(field, value);
+        });
+        schemas[name] = {{"type", "object"}, {"properties", std::move(properties)}};
+    }
+    return schemas;
 }
 
 }  // namespace gateway

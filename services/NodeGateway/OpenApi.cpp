@@ -2,6 +2,7 @@
 
 #include <boost/json.hpp>
 
+#include "EventTable.h"
 #include "KeywordTable.h"
 #include "MessageSchemas.h"
 
@@ -109,18 +110,26 @@ json::object ProblemSchema() {
               {"field", {{"type", "string"}, {"description", "The key that is to blame"}}}}}};
 }
 
-constexpr const char* kEventsText =
-    "Server-sent events: \"progress\" (InstallProgressMsg), \"updateavailable\" (ZMessageArray), "
-    "\"storagedeviceupdate\" (StorageDevicesMsg), \"peerupdate\" (ZPeerMsg: a device came or went) and, with log=1, "
-    "\"log\" ({\"line\": \"...\"}). The last progress and the last available updates come first. A client that takes "
-    "them too slowly is dropped.";
+std::string EventsText() {
+    std::string text = "Server-sent events: ";
+    std::string repeated;
+    for (const EventKind& kind : Events()) {
+        const std::string meaning = *kind.meaning == '\0' ? "" : std::string(": ") + kind.meaning;
+        text += '"' + std::string(kind.name) + "\" (" + kind.className + meaning + "), ";
+        if (kind.bRepeated) {
+            repeated += (repeated.empty() ? "" : ", ") + std::string(kind.name);
+        }
+    }
+    return text + "and, with log=1, \"log\" ({\"line\": \"...\"}). The last of each of these come first: " + repeated +
+           ". A client that takes them too slowly is dropped.";
+}
 
 void AddReadings(json::object& paths) {
     const json::object text{{"type", "string"}};
     const json::object lines{{"type", "object"},
                              {"properties", {{"lines", {{"type", "array"}, {"items", {{"type", "string"}}}}}}}};
     paths["/v1/events"] = Reading(
-        "events", "What happens, as it happens", Answer(kEventsText, "text/event-stream", text),
+        "events", "What happens, as it happens", Answer(EventsText(), "text/event-stream", text),
         {QueryParameter("log", "1: log lines too", {{"type", "integer"}, {"minimum", 0}, {"maximum", 1}})}, {400, 503});
     paths["/v1/status"] = Reading("status", "The device's state",
                                   Answer("The state", "application/json", Reference("schemas", "Status")));

@@ -2,11 +2,11 @@
 
 #include <grp.h>
 
+#include <algorithm>
 #include <charconv>
 
 #include "MessageText.h"
 #include "Resources.h"
-#include "ZMessages/PeerMessages.h"
 #include "ZShared/ZLog.h"
 #include "http/HttpServer.h"
 
@@ -68,22 +68,19 @@ bool ZNodeGateway::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_
 }
 
 bool ZNodeGateway::InitMessageMap() {
-    return ShowAs<InstallProgressMsg>(EventKind::Progress, ZEndpointType::Progress, "") &&
-           ShowAs<ZMessageArray>(EventKind::UpdateAvailable, ZEndpointType::GraphService, "updateavailable") &&
-           ShowAs<StorageDevicesMsg>(EventKind::StorageDeviceUpdate, ZEndpointType::GraphService,
-                                     "storagedeviceupdate") &&
-           ShowAs<ZPeerMsg>(EventKind::PeerUpdate, ZEndpointType::GraphService, "peerupdate");
+    return std::ranges::all_of(Events(), [this](const EventKind& kind) { return Show(kind); });
 }
 
-template <typename Class>
-bool ZNodeGateway::ShowAs(EventKind kind, ZEndpointType type, const char* keyword) {
-    return Subscribe(GetEndpoint(type, keyword, 0), [this, kind](const std::shared_ptr<ZMessage>& message) {
-        const bool expected = cast_shared<Class>(message) != nullptr;
-        if (expected) {
-            m_parts->events.Publish(kind, MessageText(*message));
-        }
-        return expected;
-    });
+bool ZNodeGateway::Show(const EventKind& kind) {
+    const auto expected = ZShared::ZFactory::Instance().Find(kind.className);
+    return Subscribe(GetEndpoint(kind.type, kind.keyword, 0),
+                     [this, &kind, expected](const std::shared_ptr<ZMessage>& message) {
+                         const bool isEvent = message->IsKindOf(expected);
+                         if (isEvent) {
+                             m_parts->events.Publish(kind, MessageText(*message));
+                         }
+                         return isEvent;
+                     });
 }
 
 bool ZNodeGateway::OnGraphCreated() {

@@ -7,7 +7,7 @@
 #include "NodeBase/ZNode.h"
 
 namespace gateway {
-enum class EventKind;
+struct EventKind;
 }
 
 /// Settings of a ZNodeGateway.
@@ -60,9 +60,8 @@ public:
 
 private:
     struct Parts;
-    /// Publishes every message of that class that arrives there as an event.
-    template <typename Class>
-    bool ShowAs(gateway::EventKind kind, ZEndpointType type, const char* keyword);
+    /// Tells the listeners of every such event.
+    bool Show(const gateway::EventKind& kind);
 
     std::unique_ptr<Parts> m_parts;
 };
