@@ -1,7 +1,6 @@
 #include "NodeLink/LinkPolicy.h"
 
 #include <algorithm>
-#include <ranges>
 #include <utility>
 
 namespace {
@@ -67,7 +66,8 @@ LinkPolicy::Connections::iterator LinkPolicy::MakeRoom(const std::string& host) 
     if (!hasItsShare && all < kMostGuests) {
         return m_connections.end();
     }
-    const auto most = std::ranges::max(guests | std::views::values);
+    const auto count = [](const auto& entry) { return entry.second; };
+    const auto most = std::ranges::max_element(guests, {}, count)->second;
     return std::ranges::find_if(m_connections, [&](const auto& entry) {
         const Connection& connection = entry.second;
         return !connection.own && connection.stage == Stage::Shaking &&

@@ -13,8 +13,8 @@ constexpr std::size_t kSidePlace = 32;
 constexpr std::string_view kSignature("\xFF\0\0\0\0\0\0\0\0\x7F", 10);
 constexpr std::string_view kMechanism("CURVE\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", kMechanismSize);
 
-constexpr unsigned kLongFlag = 2;  // of a frame: its size has eight bytes instead of one
-constexpr char kCommandFlag = 4;
+constexpr std::uint8_t kLongFlag = 2;  // of a frame: its size has eight bytes instead of one
+constexpr std::uint8_t kCommandFlag = 4;
 constexpr std::size_t kShortHead = 2;
 constexpr std::size_t kLongHead = 9;
 
@@ -40,7 +40,7 @@ std::string Greeting(LinkCurve::Side side) {
     return greeting;
 }
 
-void PutHead(char flags, std::size_t size, std::string& output) {
+void PutHead(std::uint8_t flags, std::size_t size, std::string& output) {
     const bool isLong = size > 0xFF;
     output += static_cast<char>(flags | (isLong ? kLongFlag : 0));
     for (int byte = isLong ? 7 : 0; byte >= 0; --byte) {
