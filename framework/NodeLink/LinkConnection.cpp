@@ -62,7 +62,7 @@ std::size_t LinkConnection::Fill() {
         const LinkFrames& message = m_outbox.front();
         const std::string_view frame = message[m_nextFrame++].text;
         m_wire.Put(frame, m_nextFrame < message.size());
-        taken += frame.size();
+        taken += frame.size() + kLinkFrameCost;
         if (m_nextFrame == message.size()) {
             m_outbox.pop_front();
             m_nextFrame = 0;

@@ -30,7 +30,7 @@ public:
     /// Reads once; 0 when there is nothing now. No value when the connection has ended.
     std::optional<std::size_t> Read();
     void Queue(LinkFrames frames) { m_outbox.push_back(std::move(frames)); }
-    /// Sends what the socket takes now. How many bytes of messages were taken from the queue; no value when the
+    /// Sends what the socket takes now. How much was taken from the queue, as LinkSize has it; no value when the
     /// connection has ended.
     std::optional<std::size_t> Flush();
 

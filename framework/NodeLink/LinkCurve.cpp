@@ -120,11 +120,11 @@ std::optional<std::string> LinkCurve::Take(std::string_view command) {
         } else {
             fits = TakeInitiate(command);
         }
-    } else if (command.starts_with(kErrorName)) {
-        m_state = State::Refused;
-        fits = true;
     } else if (m_cookie.empty()) {
         fits = !(reply = Initiate(command)).empty();
+    } else if (command.starts_with(kErrorName)) {  // of who has the key: it has welcomed this side
+        m_state = State::Refused;
+        fits = true;
     } else {
         fits = TakeReady(command);
     }

@@ -12,7 +12,6 @@ constexpr ZLogger Log() {
     return ZLogger("ZNodeCommZmq");
 }
 
-constexpr std::size_t kWaitingMessages = 1024;
 constexpr std::size_t kMostWaiting = std::size_t{16} << 20U;  // bytes, for each device
 constexpr int kReadsInARow = 4;                               // from one device, before the others have their turn
 constexpr int kAcceptsInARow = 64;
@@ -53,18 +52,22 @@ void LinkLoop::Stop() {
 }
 
 void LinkLoop::SetPins(std::vector<ZLinkPin> pins) {
-    m_commands.Lock()->pins = std::move(pins);
+    m_commands.Lock()->pins.push_back(std::move(pins));
     Wake();
 }
 
 bool LinkLoop::Send(const std::string& key, const LinkMessage& message) {
     LinkFrames frames = EncodeLinkMessage(message);
     const std::size_t size = LinkSize(frames);
+    // The other side would cut the connection.
+    const auto isTooLong = [](const LinkFrame& frame) { return frame.text.size() > kLongestLinkFrame; };
+    if (size > kLongestLinkMessage || std::ranges::any_of(frames, isTooLong)) {
+        return false;
+    }
     {
         const auto commands = m_commands.Lock();
         const auto waiting = commands->waiting.find(key);
-        if (waiting == commands->waiting.end() || commands->messages.size() >= kWaitingMessages ||
-            size > kLongestLinkMessage || waiting->second + size > kMostWaiting) {
+        if (waiting == commands->waiting.end() || waiting->second + size > kMostWaiting) {
             return false;
         }
         waiting->second += size;
@@ -179,7 +182,7 @@ void LinkLoop::Poll(ZClock::time_point until) {
 }
 
 bool LinkLoop::TakeCommands() {
-    std::optional<std::vector<ZLinkPin>> pins;
+    std::vector<std::vector<ZLinkPin>> pins;
     std::vector<std::pair<std::string, LinkFrames>> messages;
     {
         const auto commands = m_commands.Lock();
@@ -189,8 +192,8 @@ bool LinkLoop::TakeCommands() {
         std::swap(pins, commands->pins);
         std::swap(messages, commands->messages);
     }
-    if (pins) {
-        m_policy.SetPins(std::move(*pins), ZClock::now());
+    for (auto& each : pins) {  // one after the other: a pin that went and came again ends its connection
+        m_policy.SetPins(std::move(each), ZClock::now());
         m_strangers.Clear();
         Obey();
     }
@@ -390,11 +393,9 @@ bool LinkLoop::Admit(Id id, LinkConnection& connection) {
 }
 
 void LinkLoop::TakeMessage(Id id, const std::string& key, LinkFrames frames) {
-    const std::size_t size = LinkSize(frames);
     auto message = DecodeLinkMessage(std::move(frames));
     const bool isHello = message && message->header->m_Kind == ZLinkKind::Hello;
     if (message && isHello != m_policy.IsIntroduced(id)) {
-        message->size = size;
         isHello ? TakeHello(id, key, *message) : m_events.OnMessage(key, std::move(*message));
         return;
     }

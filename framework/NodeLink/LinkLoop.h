@@ -58,9 +58,9 @@ private:
     using Id = LinkPolicy::Id;
     struct Commands {
         bool stop = false;
-        std::optional<std::vector<ZLinkPin>> pins;
+        std::vector<std::vector<ZLinkPin>> pins;  ///< in the order in which they were set
         std::vector<std::pair<std::string, LinkFrames>> messages;
-        std::map<std::string, std::size_t> waiting;  ///< bytes queued for each connected device
+        std::map<std::string, std::size_t> waiting;  ///< LinkSize of what is queued for each connected device
     };
 
     void Run();

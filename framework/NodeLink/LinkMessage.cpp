@@ -14,10 +14,25 @@ namespace {
 // A shorter text travels within the JSON.
 constexpr std::size_t kLongText = 16384;
 constexpr std::size_t kFramesBeforeTexts = 2;
+constexpr std::size_t kLongestHeader = 4096;
+// What becomes of two characters of a document: an object, its fields left out, or a further value.
+constexpr std::size_t kObjectCost = 1024;
+constexpr std::size_t kValueCost = 64;
 
 /// The key under which a document has the number of the long text that belongs to `key`.
 std::string NumberKey(std::string_view key) {
     return std::string(key) + '@';
+}
+
+std::size_t TextSize(LinkFrames::const_iterator from, LinkFrames::const_iterator end) {
+    return std::accumulate(from, end, std::size_t{0},
+                           [](std::size_t sum, const LinkFrame& frame) { return sum + frame.text.size(); });
+}
+
+/// What a document can become, beside its texts. Braces and commas within texts count too: it is a bound.
+std::size_t ValuesSize(std::string_view document) {
+    const auto count = [document](char mark) { return static_cast<std::size_t>(std::ranges::count(document, mark)); };
+    return count('{') * kObjectCost + count(',') * kValueCost;
 }
 
 /// Writes long texts beside the document.
@@ -66,7 +81,7 @@ public:
             return false;
         }
         value.clear();
-        value.reserve(static_cast<std::size_t>(end - from) * kLinkPiece);
+        value.reserve(TextSize(from, end));
         for (auto frame = from; frame != end; ++frame) {
             value.append(frame->text);
         }
@@ -119,6 +134,9 @@ ZResult<LinkMessage> DecodeLinkMessage(LinkFrames frames) {
     }
     LinkMessage result{Z_MAKE(ZLinkHeader), nullptr};
     ZJSONCommStream headerStream;
+    if (frames.front().text.size() > kLongestHeader) {
+        return ZError("its header is too long");
+    }
     if (!result.header->Load(frames.front().text, headerStream)) {
         return ZError("its header: " + headerStream.Error());
     }
@@ -126,6 +144,11 @@ ZResult<LinkMessage> DecodeLinkMessage(LinkFrames frames) {
         return result;
     }
     const LinkFrame document = frames[1];
+    const std::size_t values = ValuesSize(document.text);
+    result.size = LinkSize(frames) + values;
+    if (values > kLongestLinkMessage) {
+        return ZError("it holds too many values");
+    }
     LinkReader stream(std::move(frames));
     if (!stream.IsWhole()) {
         return ZError("a long text has no end");
@@ -137,6 +160,5 @@ ZResult<LinkMessage> DecodeLinkMessage(LinkFrames frames) {
 }
 
 std::size_t LinkSize(const LinkFrames& frames) {
-    return std::accumulate(frames.begin(), frames.end(), std::size_t{0},
-                           [](std::size_t sum, const LinkFrame& frame) { return sum + frame.text.size(); });
+    return TextSize(frames.begin(), frames.end()) + frames.size() * kLinkFrameCost;
 }

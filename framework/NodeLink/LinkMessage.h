@@ -33,7 +33,7 @@ public:
 struct LinkMessage {
     std::shared_ptr<ZLinkHeader> header;
     std::shared_ptr<ZMessage> message;
-    std::size_t size = 0;  ///< in bytes, of one that came
+    std::size_t size = 0;  ///< of one that came: the bytes that it takes up here, or somewhat more
 };
 
 /// A part of a message, and what keeps its text where it is.
@@ -47,12 +47,17 @@ struct LinkFrame {
 /// of one side works on a piece while the other side's works on the piece before.
 using LinkFrames = std::vector<LinkFrame>;
 inline constexpr std::size_t kLinkPiece = 65536;
-/// Of one message, all frames together. A chunk of a file is 1 MB long.
+/// What LinkSize may be of one message. A chunk of a file is 1 MB long.
 inline constexpr std::size_t kLongestLinkMessage = 8U << 20U;
+/// Of one frame, its text alone.
+inline constexpr std::size_t kLongestLinkFrame = 2U << 20U;
+/// What a frame takes up beside its text: many short ones are not free.
+inline constexpr std::size_t kLinkFrameCost = 128;
 
 /// Long texts are not copied: the frames share the message, which must not change any more.
 LinkFrames EncodeLinkMessage(const LinkMessage& message);
-/// An error for anything that is not such a message. Takes the frames' contents.
+/// An error for anything that is not such a message, or whose values would take up more than kLongestLinkMessage. Takes
+/// the frames' contents.
 ZResult<LinkMessage> DecodeLinkMessage(LinkFrames frames);
-/// All frames together, in bytes.
+/// All frames together, in bytes, with what each costs.
 std::size_t LinkSize(const LinkFrames& frames);

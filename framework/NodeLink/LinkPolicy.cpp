@@ -51,7 +51,7 @@ LinkPolicy::Guest LinkPolicy::Accepted(const std::string& host, Time now) {
     return {m_nextId++, crowded};
 }
 
-/// The guest that has to go: the oldest of the same host when that has its share, or of the host that has most. The
+/// The guest that has to go: the oldest of the same host when that has its share, or of the hosts that have most. The
 /// newest may stay: a device is done before many others come, however fast somebody makes them.
 LinkPolicy::Connections::iterator LinkPolicy::MakeRoom(const std::string& host) {
     std::map<std::string, std::ptrdiff_t> guests;
@@ -62,16 +62,16 @@ LinkPolicy::Connections::iterator LinkPolicy::MakeRoom(const std::string& host) 
             ++all;
         }
     }
-    std::string crowd = host;
-    if (guests[host] < kMostGuestsOfAHost) {
-        if (all < kMostGuests) {
-            return m_connections.end();
-        }
-        const auto count = [](const auto& entry) { return entry.second; };
-        crowd = std::ranges::max_element(guests, {}, count)->first;
+    const bool hasItsShare = guests[host] >= kMostGuestsOfAHost;
+    if (!hasItsShare && all < kMostGuests) {
+        return m_connections.end();
     }
-    return std::ranges::find_if(m_connections, [&crowd](const auto& entry) {
-        return !entry.second.own && entry.second.stage == Stage::Shaking && entry.second.host == crowd;
+    const auto count = [](const auto& entry) { return entry.second; };
+    const auto most = std::ranges::max_element(guests, {}, count)->second;
+    return std::ranges::find_if(m_connections, [&](const auto& entry) {
+        const Connection& connection = entry.second;
+        return !connection.own && connection.stage == Stage::Shaking &&
+               (hasItsShare ? connection.host == host : guests[connection.host] == most);
     });
 }
 

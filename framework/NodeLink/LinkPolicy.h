@@ -33,7 +33,7 @@ public:
 
     LinkPolicy(std::string ownKey, ZClock::duration heartbeat) : m_ownKey(std::move(ownKey)), m_heartbeat(heartbeat) {}
 
-    /// Connections end whose pin went or has another address or serial number; what kept the others out may be mended.
+    /// Connections end whose pin went or has another address; what kept the others out may be mended.
     void SetPins(std::vector<ZLinkPin> pins, Time now);
     /// Null when the key is not pinned. Valid until the next SetPins.
     const ZLinkPin* FindPin(const std::string& key) const;

@@ -13,16 +13,14 @@ constexpr std::size_t kSidePlace = 32;
 constexpr std::string_view kSignature("\xFF\0\0\0\0\0\0\0\0\x7F", 10);
 constexpr std::string_view kMechanism("CURVE\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", kMechanismSize);
 
-constexpr unsigned kLongFlag = 2;  // of a frame: its size has eight bytes instead of one
-constexpr char kCommandFlag = 4;
+constexpr std::uint8_t kLongFlag = 2;  // of a frame: its size has eight bytes instead of one
+constexpr std::uint8_t kCommandFlag = 4;
 constexpr std::size_t kShortHead = 2;
 constexpr std::size_t kLongHead = 9;
 
 constexpr std::size_t kStrangersRoom = 2048;  // the longest of the handshake's frames has some 300 bytes
 constexpr std::size_t kUsualRoom = 2 * kLinkPiece;
-constexpr std::size_t kLongestFrame = std::size_t{2} << 20U;
-// What a short frame costs beside its bytes counts, lest millions of empty ones be free.
-constexpr std::size_t kFrameCost = 128;
+constexpr std::size_t kLongestFrame = kLongestLinkFrame + LinkCurve::kOverhead;
 constexpr std::size_t kMostHeld = kLongestLinkMessage + (std::size_t{1} << 20U);
 constexpr std::size_t kMostUnsent = 65536;
 
@@ -42,7 +40,7 @@ std::string Greeting(LinkCurve::Side side) {
     return greeting;
 }
 
-void PutHead(char flags, std::size_t size, std::string& output) {
+void PutHead(std::uint8_t flags, std::size_t size, std::string& output) {
     const bool isLong = size > 0xFF;
     output += static_cast<char>(flags | (isLong ? kLongFlag : 0));
     for (int byte = isLong ? 7 : 0; byte >= 0; --byte) {
@@ -66,7 +64,8 @@ std::span<char> LinkWire::Room() {
     } else if (m_end == m_input.size()) {
         m_input.resize(2 * m_input.size());  // a frame is whole before that is much
     }
-    return std::span(m_input).subspan(m_end);
+    // Not more at once, however large a frame has made it: all that came is dealt with before others have their turn.
+    return std::span(m_input).subspan(m_end, std::min(m_input.size() - m_end, kUsualRoom));
 }
 
 LinkWire::News LinkWire::Next() {
@@ -119,7 +118,7 @@ std::optional<std::string_view> LinkWire::TakeBody() {
     if (got.size() < head) {
         return std::nullopt;
     }
-    std::size_t size = 0;
+    std::uint64_t size = 0;
     for (const char byte : got.substr(1, head - 1)) {
         size = size << 8U | static_cast<unsigned char>(byte);
     }
@@ -169,7 +168,7 @@ LinkWire::News LinkWire::TakeSealed(std::string_view body) {
         TakeCommand(text);
         return News::None;
     }
-    m_held += size + kFrameCost;
+    m_held += size + kLinkFrameCost;
     if (m_held > kMostHeld) {
         m_message.clear();
         return Fail("a message is too long");

@@ -72,6 +72,17 @@ TEST_F(Policy, CrowdsMakeRoomThemselves) {
     EXPECT_THAT(Orders(), ElementsAre(Said{Kind::Close, crowd[1]})) << "the host that has most; never " << quiet;
 }
 
+TEST_F(Policy, OfManyHostsTheOldestGuestMakesRoomWhateverTheNames) {
+    const auto oldest = GuestFrom("10.0.0.50");
+    for (int host = 51; host < 65; ++host) {
+        GuestFrom("10.0.0." + std::to_string(host));
+    }
+    GuestFrom("10.0.0.1");
+    EXPECT_THAT(Orders(), IsEmpty());
+    GuestFrom("10.0.0.70");
+    EXPECT_THAT(Orders(), ElementsAre(Said{Kind::Close, oldest}));
+}
+
 TEST_F(Policy, WhoDoesNotGetOnWithItIsCutOff) {
     Pin("a");
     const auto stranger = GuestFrom("10.0.0.1");

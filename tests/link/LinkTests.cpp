@@ -72,7 +72,7 @@ private:
 
 class Link : public testing::Test {
 protected:
-    const NothingLeftBehind m_nothing;
+    const NothingLeftBehind m_nothing{};
     const int m_port = FreePort();
     LogCapture m_log;
     LinkDevice m_cart{"CT-1", DEVICE_CART, m_port, {"3:checkCompatibility"}};
@@ -165,7 +165,7 @@ TEST_F(Link, ADeviceThatNeverAnswersFailsOnlyTheRequest) {
 }
 
 TEST(TwoLinks, ThatCallEachOtherSettleOnOneConnection) {
-    const NothingLeftBehind nothing;
+    const NothingLeftBehind nothing{};
     const LogCapture log;
     const int ports[]{FreePort(), FreePort()};
     LinkDevice a("A", DEVICE_CART, ports[0], {"2:upload"});
@@ -273,7 +273,7 @@ TEST_F(Link, RubbishIsDroppedWithALineThatNamesItsSender) {
     };
     for (const auto& [frames, said] : table) {
         stranger.Say(frames);
-        EXPECT_TRUE(WaitUntil([&] {
+        EXPECT_TRUE(WaitUntil([&, &said = said] {
             const std::string all = m_log.All();
             return all.find(said) != std::string::npos && all.find(stranger.Key()) != std::string::npos;
         })) << said
@@ -350,7 +350,7 @@ public:
 };
 
 TEST(LinkLoop, StopsThoughItCanDoNothing) {
-    const NothingLeftBehind nothing;
+    const NothingLeftBehind nothing{};
     const LogCapture log;
     Exhausted events;
     LinkLoop loop({}, Z_MAKE(ZPeerMsg), events);
