@@ -22,6 +22,8 @@ struct CompatibilityQuestion {
 Result<ExitCode> CheckCompatibility(Session& session, const CompatibilityQuestion& question);
 
 /// `body` is the message's JSON, "-" for the standard input or "@FILE".
+/// The keywords that the device takes, a line each.
+Result<ExitCode> ListKeywords(Session& session);
 Result<ExitCode> SendMessage(Session& session, const std::string& keyword, const std::string& body);
 
 // Work that the device does.

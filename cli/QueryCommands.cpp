@@ -155,6 +155,27 @@ Result<ExitCode> CheckCompatibility(Session& session, const CompatibilityQuestio
     return fields::Flag(*answer, "compatible") ? ExitCode::kDone : ExitCode::kRefused;
 }
 
+Result<ExitCode> ListKeywords(Session& session) {
+    const auto description = session.gateway.Get("/v1/openapi.json");
+    if (!description) {
+        return description.error();
+    }
+    constexpr std::string_view kFolder = "/v1/";
+    json::array keywords;
+    std::string text;
+    const json::value* paths = description->is_object() ? description->as_object().if_contains("paths") : nullptr;
+    for (const auto& [path, operations] :
+         paths != nullptr && paths->is_object() ? paths->as_object() : json::object()) {
+        if (path.starts_with(kFolder) && operations.is_object() && operations.as_object().contains("post")) {
+            const std::string keyword(path.substr(kFolder.size()));
+            keywords.emplace_back(keyword);
+            text += Escaped(keyword) + '\n';
+        }
+    }
+    session.Print(json::object{{"keywords", std::move(keywords)}}, text);
+    return ExitCode::kDone;
+}
+
 Result<ExitCode> SendMessage(Session& session, const std::string& keyword, const std::string& body) {
     if (!IsKeyword(keyword)) {
         return UsageFailure(Escaped(keyword) + ": a keyword has letters, digits, _ and - only");

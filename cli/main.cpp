@@ -40,6 +40,7 @@ struct Choice {
     std::string second;
     unsigned lines = 200;
     bool follow = false;
+    bool list = false;
     bool noReboot = false;
     arborctl::InstallOrder install;
     arborctl::AccessoryOrder accessory;
@@ -97,9 +98,17 @@ void AddQueries(CLI::App& app, Choice& choice) {
                             "  arborctl send compareversions '{\"version1\": \"3.1\", \"version2\": \"2.9\"}'\n"
                             "  arborctl send newFile @message.json\n"
                             "  echo '{}' | arborctl send getdevices -");
-    send->add_option("KEYWORD", choice.first, "The keyword it is sent on")->required();
+    auto* keyword = send->add_option("KEYWORD", choice.first, "The keyword it is sent on");
     send->add_option("JSON", choice.second, "The message; - for standard input, @FILE for a file; nothing for {}");
-    send->callback([&] { choice.run = [&](Session& s) { return SendMessage(s, choice.first, choice.second); }; });
+    send->add_flag("--list", choice.list, "Only print the keywords that the device takes")->excludes(keyword);
+    send->callback([&, keyword] {
+        if (!choice.list && keyword->empty()) {
+            throw CLI::RequiredError("KEYWORD");
+        }
+        choice.run = [&](Session& s) {
+            return choice.list ? arborctl::ListKeywords(s) : SendMessage(s, choice.first, choice.second);
+        };
+    });
 }
 
 void AddWork(CLI::App& app, Choice& choice) {

@@ -56,6 +56,8 @@ constexpr const char* kPeers = R"({"bSuccess": true, "publicKey": "ef", "peers":
 
 // clang-format off
 constexpr AnswerCase kAnswers[]{
+    {"send --list", "openapi.json", kAny, 200, R"({"paths": {"/v1/status": {"get": {}}, "/v1/upload": {"post": {}},
+        "/v1/peers": {"post": {}}}})", 0, "upload\npeers\n", ""},
     {"status", "status", kAny, 200, kStatus, 0, "Available updates   3.046, 3.045\n", ""},
     {"status", "status", kAny, 200, kStatus, 0, "Device              Kite\\x1b[2J\n", ""},
     {"status", "status", kAny, 200, kStatus, 0, "Installed version   unknown\n", ""},
