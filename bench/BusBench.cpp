@@ -128,12 +128,12 @@ void TellBare(benchmark::State& state, std::size_t receivers) {
 void AddBus(Report& report) {
     Register("bus/ask/node", AskNode);
     Register("bus/ask/bare", AskBare);
-    report.Add({"bus: request and answer", "bus/ask/node", "bus/ask/bare", Quantity::Time, 1.5});
+    report.Add({"bus: request and answer", "bus/ask/node", "bus/ask/bare", Quantity::Time, 3});
     for (const std::size_t receivers : {1U, 10U, 100U}) {
         const std::string name = "bus/tell/" + std::to_string(receivers);
         Register(name + "/node", [receivers](benchmark::State& state) { TellNodes(state, receivers); });
         Register(name + "/bare", [receivers](benchmark::State& state) { TellBare(state, receivers); });
         report.Add({"bus: messages to " + Counted(receivers, "subscriber"), name + "/node", name + "/bare",
-                    Quantity::Rate, 1.5});
+                    Quantity::Rate, 3});
     }
 }
