@@ -44,10 +44,7 @@ SignalWatch::~SignalWatch() {
 }
 
 void SignalWatch::End() {
-    {
-        const std::lock_guard lock(m_tellMutex);
-        m_bLast = true;
-    }
+    m_untold.Lock()->bLast = true;
     m_changed.notify_one();
     if (m_teller.joinable()) {
         m_teller.join();  // while a third signal is still taken
@@ -73,24 +70,22 @@ void SignalWatch::Take(int signal) {
     if (count > 2) {
         ::_exit(128 + signal);
     }
-    {
-        const std::lock_guard lock(m_tellMutex);
-        m_untold.push_back(signal);
-    }
+    m_untold.Lock()->signals.push_back(signal);
     m_changed.notify_one();
 }
 
 void SignalWatch::Tell() {
-    std::unique_lock lock(m_tellMutex);
     for (int told = 0;; ++told) {
-        m_changed.wait(lock, [this] { return m_bLast || !m_untold.empty(); });
-        if (m_untold.empty()) {
-            return;
+        int signal = 0;
+        {
+            auto untold = m_untold.Lock();
+            untold.Wait(m_changed, [](const Untold& now) { return now.bLast || !now.signals.empty(); });
+            if (untold->signals.empty()) {
+                return;
+            }
+            signal = untold->signals.front();
+            untold->signals.pop_front();
         }
-        const int signal = m_untold.front();
-        m_untold.erase(m_untold.begin());
-        lock.unlock();
         Z_LOG(2, "%s: %s", ::strsignal(signal), told > 0 ? "the graph stops at once" : "the graph is asked to stop");
-        lock.lock();
     }
 }

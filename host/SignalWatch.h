@@ -2,12 +2,11 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
-#include <string>
+#include <deque>
 #include <thread>
-#include <vector>
 
 #include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZGuarded.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZStopEvent.h"
 
@@ -42,10 +41,12 @@ private:
     ZLogger Log() const { return m_log; }
     // What the signals mean is logged by a thread of its own: an output that blocks may be what the process is stuck
     // in, and the third signal must still be taken.
-    std::mutex m_tellMutex;
+    struct Untold {
+        std::deque<int> signals;
+        bool bLast = false;  // no further ones come
+    };
+    ZGuarded<Untold> m_untold;
     std::condition_variable m_changed;
-    std::vector<int> m_untold;  // guarded by m_tellMutex, as the next
-    bool m_bLast = false;       // no further ones come
     std::thread m_teller;
     std::thread m_watcher;
 };

@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "ZMessages/ZFields.h"
+#include "ZShared/ZError.h"
 #include "ZShared/ZFileDescriptor.h"
 
 Z_IMPLEMENT(ZMessage)
@@ -18,21 +19,19 @@ namespace {
 constexpr const char* kClassKey = "className";
 constexpr std::uintmax_t kLargestFile = std::uintmax_t{16} * 1024 * 1024;
 
-bool ReadFile(const std::filesystem::path& file, std::string& text, std::string& error) {
+ZResult<void> ReadFile(const std::filesystem::path& file, std::string& text) {
     std::error_code code;
     const std::uintmax_t size = std::filesystem::file_size(file, code);
     if (code || size > kLargestFile) {
-        error = code ? code.message() : "larger than 16 MiB";
-        return false;
+        return ZError(code ? code.message() : "larger than 16 MiB");
     }
     std::ifstream input(file, std::ios::binary);
     std::ostringstream content;
     if (!input || (size > 0 && !(content << input.rdbuf()))) {
-        error = std::strerror(errno);
-        return false;
+        return ZError(std::strerror(errno));
     }
     text = std::move(content).str();
-    return true;
+    return {};
 }
 
 }  // namespace
@@ -122,9 +121,8 @@ bool ZMessage::Load(std::string_view text, ZCommStream& stream) {
 bool ZMessage::LoadDocument(const std::filesystem::path& file, ZCommStream& stream) {
     stream.Clear();
     std::string text;
-    std::string error;
-    if (!ReadFile(file, text, error)) {
-        stream.SetError({}, file.string() + ": " + error);
+    if (const auto read = ReadFile(file, text); !read) {
+        stream.SetError({}, read.error().In(file.string()).text);
         return false;
     }
     return stream.LoadText(text);

@@ -11,14 +11,13 @@
 #include <cstring>
 #include <optional>
 
+#include "ZShared/ZDeadline.h"
 #include "ZShared/ZPidFd.h"
 #include "ZShared/ZStopEvent.h"
 
 extern char** environ;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 /// posix_spawn's two parameter blocks, set up as every child of ours needs them: no signal blocked, none ignored.
 class SpawnSetup {
@@ -45,8 +44,7 @@ public:
 
     void Redirect(int descriptor, int to) { ::posix_spawn_file_actions_adddup2(&m_actions, descriptor, to); }
 
-    /// Returns the child, or -1 with the reason.
-    pid_t Spawn(const std::vector<std::string>& arguments, std::string& error) {
+    ZResult<pid_t> Spawn(const std::vector<std::string>& arguments) {
         std::vector<char*> argv;
         argv.reserve(arguments.size() + 1);
         for (const std::string& argument : arguments) {
@@ -58,8 +56,7 @@ public:
         pid_t child = -1;
         const int failure = ::posix_spawn(&child, argv[0], &m_actions, &m_attributes, argv.data(), environ);
         if (failure != 0) {
-            error = std::strerror(failure);
-            return -1;
+            return ZError::OfSystem(arguments.front(), failure);
         }
         return child;
     }
@@ -110,27 +107,27 @@ private:
 /// One running shell command: the group leader and the pipes that its output and its complaints come from.
 class RunningCommand {
 public:
-    bool Start(const std::string& commandLine, std::string& error) {
+    ZResult<void> Start(const std::string& commandLine) {
         const ZFileDescriptor output = m_output.Open();
         const ZFileDescriptor complaints = m_complaints.Open();
         if (!output || !complaints) {
-            error = std::strerror(errno);
-            return false;
+            return ZError::OfSystem("pipe", errno);
         }
         SpawnSetup setup(POSIX_SPAWN_SETPGROUP);
         setup.Redirect(output.Get(), STDOUT_FILENO);
         setup.Redirect(complaints.Get(), STDERR_FILENO);
-        m_child = setup.Spawn({"/bin/sh", "-c", commandLine}, error);
-        if (m_child < 0) {
-            return false;
+        const auto child = setup.Spawn({"/bin/sh", "-c", commandLine});
+        if (!child) {
+            return child.error();
         }
+        m_child = *child;
         m_exit.Reset(::pidfd_open(m_child, 0));
         if (!m_exit) {
-            error = std::strerror(errno);
+            const auto error = ZError::OfSystem("pidfd_open", errno);
             End();
-            return false;
+            return error;
         }
-        return true;
+        return {};
     }
 
     void Drain(const ZOutputCallback& onOutput, const ZOutputCallback& onComplaint) {
@@ -139,14 +136,12 @@ public:
     }
 
     /// Sleeps until there is output, the command has ended (true), the stop event is set or the deadline has come.
-    bool WaitForChange(int stopDescriptor, Clock::time_point deadline) {
+    bool WaitForChange(int stopDescriptor, ZClock::time_point deadline) {
         std::array<pollfd, 4> entries{{{m_exit.Get(), POLLIN, 0},
                                        {m_output.Descriptor(), POLLIN, 0},
                                        {m_complaints.Descriptor(), POLLIN, 0},
                                        {stopDescriptor, POLLIN, 0}}};
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        const int wait = static_cast<int>(std::clamp<long long>(left, 0, 1'000'000));
-        return ::poll(entries.data(), entries.size(), wait) > 0 && entries[0].revents != 0;
+        return ::poll(entries.data(), entries.size(), PollTimeout(deadline)) > 0 && entries[0].revents != 0;
     }
 
     /// Ends the whole group; harmless when it has ended. Leaves the leader to be reaped.
@@ -198,18 +193,17 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
         result.reason = kOwnerStops;
         return result;
     }
-    const auto deadline = Clock::now() + timeout;
+    const auto deadline = ZClock::now() + timeout;
     RunningCommand command;
-    std::string error;
-    if (!command.Start(commandLine, error)) {
-        result.reason = "The command could not be started: " + error;
+    if (const auto started = command.Start(commandLine); !started) {
+        result.reason = "The command could not be started: " + started.error().text;
         return result;
     }
     while (!command.WaitForChange(stop == nullptr ? -1 : stop->Descriptor(), deadline)) {
         command.Drain(onOutput, onComplaint);
         if (stop != nullptr && stop->IsSet()) {
             result.reason = kOwnerStops;
-        } else if (Clock::now() >= deadline) {
+        } else if (ZClock::now() >= deadline) {
             result.reason = "The command was ended after " + Seconds(timeout);
         }
         if (!result.reason.empty()) {
@@ -222,10 +216,9 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
     return result;
 }
 
-pid_t StartDetached(const std::vector<std::string>& arguments, std::string& error) {
+ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments) {
     if (arguments.empty()) {
-        error = "no program given";
-        return -1;
+        return ZError("no program given");
     }
-    return SpawnSetup(POSIX_SPAWN_SETSID).Spawn(arguments, error);
+    return SpawnSetup(POSIX_SPAWN_SETSID).Spawn(arguments);
 }

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "ZShared/ZError.h"
+
 /// How a command ended.
 struct ZCommandResult {
     int exitStatus = 0;  ///< as a shell shows it: 128 + the signal's number when a signal ended the command
@@ -23,6 +25,6 @@ using ZOutputCallback = std::function<void(std::string_view)>;
 ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCallback& onOutput,
                                const ZOutputCallback& onComplaint, std::chrono::milliseconds timeout);
 
-/// Starts a program in a session of its own with standard input from /dev/null. Returns its process id, or -1 with the
-/// system's reason in `error`. The caller reaps it.
-pid_t StartDetached(const std::vector<std::string>& arguments, std::string& error);
+/// Starts a program in a session of its own with standard input from /dev/null. Returns its process id; the caller
+/// reaps it.
+ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments);

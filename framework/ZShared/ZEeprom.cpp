@@ -1,6 +1,7 @@
 #include "ZShared/ZEeprom.h"
 
 #include <boost/crc.hpp>
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <vector>
@@ -31,23 +32,20 @@ bool ChecksumIsRight(std::span<const std::uint8_t> covered, std::span<const std:
 
 }  // namespace
 
-std::optional<ZIdentity> ParseTlvInfo(std::span<const std::uint8_t> image, std::string& error) {
+ZResult<ZIdentity> ParseTlvInfo(std::span<const std::uint8_t> image) {
     if (image.size() < kHeader || std::memcmp(image.data(), kSignature, sizeof kSignature) != 0 || image[8] != 1) {
-        error = "no TlvInfo header of version 1";
-        return std::nullopt;
+        return ZError("no TlvInfo header of version 1");
     }
     const std::size_t end = kHeader + BigEndian(image.subspan(9, 2));
     if (end > image.size()) {
-        error = "the image is shorter than its header says";
-        return std::nullopt;
+        return ZError("the image is shorter than its header says");
     }
     ZIdentity identity;
     for (std::size_t at = kHeader; at + 2 <= end;) {
         const std::uint8_t type = image[at];
         const std::size_t length = image[at + 1];
         if (at + 2 + length > end) {
-            error = "a field reaches past the end";
-            return std::nullopt;
+            return ZError("a field reaches past the end");
         }
         const auto value = image.subspan(at + 2, length);
         const std::string text(value.begin(), value.end());
@@ -61,27 +59,21 @@ std::optional<ZIdentity> ParseTlvInfo(std::span<const std::uint8_t> image, std::
             if (ChecksumIsRight(image.first(at + 2), value)) {
                 return identity;
             }
-            error = "the checksum is wrong";
-            return std::nullopt;
+            return ZError("the checksum is wrong");
         }
         at += 2 + length;
     }
-    error = "there is no checksum";
-    return std::nullopt;
+    return ZError("there is no checksum");
 }
 
-std::optional<ZIdentity> ReadIdentityFromEeprom(const std::string& path, std::string& error) {
+ZResult<ZIdentity> ReadIdentityFromEeprom(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        error = path + ": " + std::strerror(errno);
-        return std::nullopt;
+        return ZError::OfSystem(path, errno);
     }
     std::vector<std::uint8_t> image(kMostBytes);
     file.read(reinterpret_cast<char*>(image.data()), static_cast<std::streamsize>(image.size()));
     image.resize(static_cast<std::size_t>(file.gcount()));
-    auto identity = ParseTlvInfo(image, error);
-    if (!identity) {
-        error = path + ": " + error;
-    }
-    return identity;
+    auto identity = ParseTlvInfo(image);
+    return identity ? identity : identity.error().In(path);
 }

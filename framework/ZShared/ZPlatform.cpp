@@ -40,10 +40,10 @@ bool ReadField(ZString& text, std::string ZIdentity::*field) {
         const auto settings = Settings();
         std::optional<ZIdentity> identity = settings->identity;
         if (!identity && !settings->eepromPath.empty()) {
-            std::string error;
-            identity = ReadIdentityFromEeprom(settings->eepromPath, error);
-            if (!identity) {
-                Z_LOG(3, "The identity could not be read: %s", error);
+            if (const auto read = ReadIdentityFromEeprom(settings->eepromPath)) {
+                identity = *read;
+            } else {
+                Z_LOG(3, "The identity could not be read: %s", read.error().text);
             }
         }
         if (!identity || ((*identity).*field).empty()) {
@@ -162,13 +162,12 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallbac
 bool ZPlatform::ExecuteCommand(const std::vector<std::string>& arguments) {
     try {
         ZChildReaper& reaper = ZChildReaper::Instance();
-        std::string error;
-        const pid_t child = StartDetached(arguments, error);
-        if (child < 0) {
-            Z_LOG(4, "%s: %s", arguments.empty() ? "no program" : arguments.front(), error);
+        const auto child = StartDetached(arguments);
+        if (!child) {
+            Z_LOG(4, "%s", child.error().text);
             return false;
         }
-        reaper.Watch(child, arguments.front());
+        reaper.Watch(*child, arguments.front());
         return true;
     } catch (const std::exception& failure) {
         Z_LOG(4, "The program could not be started: %s", failure.what());

@@ -38,7 +38,7 @@ bool ZNodeStorage::OnConfig(const std::shared_ptr<ZMessage>& message, const std:
         rules.roots = ToStdStrings(record.m_Roots);
         rules.excludedRoots = ToStdStrings(record.m_ExcludedRoots);
         m_drives = std::make_unique<DriveMonitor>(std::move(rules));
-        m_present = ToZStrings(m_drives->Drives());
+        m_present.Exchange(ToZStrings(m_drives->Drives()));
     });
 }
 
@@ -53,8 +53,7 @@ bool ZNodeStorage::OnGetDevices(const std::shared_ptr<ZMessage>& request) {
 
 std::shared_ptr<StorageDevicesMsg> ZNodeStorage::DevicesMessage() const {
     auto message = ZMakeShared<StorageDevicesMsg>();
-    const std::lock_guard lock(m_presentMutex);
-    message->m_Devices = m_present;
+    message->m_Devices = m_present.Copy();
     return message;
 }
 
@@ -125,10 +124,7 @@ void ZNodeStorage::TellDrives(const DriveChange& change) {
     for (const std::string& drive : change.added) {
         Z_LOG(2, "Drive %s came", drive);
     }
-    {
-        const std::lock_guard lock(m_presentMutex);
-        m_present = ToZStrings(m_drives->Drives());
-    }
+    m_present.Exchange(ToZStrings(m_drives->Drives()));
     const auto message = DevicesMessage();
     message->m_AddedDevices = ToZStrings(change.added);
     message->m_RemovedDevices = ToZStrings(change.removed);

@@ -4,6 +4,7 @@
 #include "NodeBase/ZNode.h"
 #include "UpdatesMonitor.h"
 #include "ZMessages/Messages.h"
+#include "ZShared/ZGuarded.h"
 #include "ZShared/ZStopEvent.h"
 
 class ZNodeStorageCfg : public ZConfig {
@@ -52,8 +53,7 @@ private:
     std::filesystem::path m_updatesFolder;   // empty: none is configured
     std::unique_ptr<DriveMonitor> m_drives;  // the watching thread's once that runs
     std::unique_ptr<UpdatesMonitor> m_updates;
-    mutable std::mutex m_presentMutex;
-    ZVector<ZString> m_present;  // the drives, for answers; guarded by m_presentMutex
+    ZGuarded<ZVector<ZString>> m_present;  // the drives, for answers
     ZStopEvent m_stop;
     std::thread m_watcher;
 };
