@@ -15,7 +15,7 @@ struct ZError {
 
     ZError() = default;
     /// Of texts only: a path is a value of its own in a result.
-    template <std::convertible_to<std::string_view> Text>
+    template <std::convertible_to<std::string_view> Text>  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload)
     explicit ZError(Text&& why, ZFrameworkErrorCodes::ZErrorCode what = ZFrameworkErrorCodes::ERRCODE_NONE)
         : code(what), text(std::forward<Text>(why)) {}
 
