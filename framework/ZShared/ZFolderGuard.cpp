@@ -26,6 +26,11 @@ bool IsIn(const fs::path& path, const fs::path& folder) {
     return std::mismatch(folder.begin(), folder.end(), path.begin(), path.end()).first == folder.end();
 }
 
+/// Whether drives come and go there: what is mounted is somebody's then.
+bool IsPlaceOfDrives(const fs::path& path) {
+    return IsIn(path, "/media") || IsIn(path, "/run/media") || IsIn(path, "/mnt");
+}
+
 fs::path WithoutEndingSlash(const fs::path& path) {
     return path.has_filename() || path == path.root_path() ? path : path.parent_path();
 }
@@ -70,8 +75,10 @@ ZResult<void> MayBeEmptied(const fs::path& folder, const std::vector<fs::path>& 
         }
     }
     try {
+        const bool mayBeMounted = mountPoint.empty() && !IsPlaceOfDrives(real);
         for (const ZMount& mount : ReadMountTable()) {
-            if (IsIn(mount.target, real)) {
+            const bool isItself = mount.target == real.string();
+            if (IsIn(mount.target, real) && !(isItself && mayBeMounted)) {
                 return refused("something is mounted at " + mount.target);
             }
         }

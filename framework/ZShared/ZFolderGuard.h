@@ -14,7 +14,9 @@ bool IsFolderOfItsOwn(std::string_view path);
 bool LiesIn(const std::filesystem::path& path, const std::filesystem::path& folder);
 
 /// Whether all that is in `folder` may be deleted, asked right before it is done. An error says why not: as above, also
-/// after following links; something is mounted there or below (what the folder holds then is not its own); or it is, or
-/// holds, one of `keep`. `mountPoint`, when not empty, is one that the folder must lie below.
+/// after following links; something is mounted below, or something else than the folder's own file system is mounted
+/// there, as far as that can be told (below /media, /run/media and /mnt, where drives are, and below a `mountPoint`,
+/// anything is); or it is, or holds, one of `keep`. `mountPoint`, when not empty, is one that the folder must lie
+/// below.
 ZResult<void> MayBeEmptied(const std::filesystem::path& folder, const std::vector<std::filesystem::path>& keep,
                            const std::filesystem::path& mountPoint = {});

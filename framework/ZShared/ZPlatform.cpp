@@ -87,6 +87,10 @@ private:
     std::string m_line;
 };
 
+void LogComplaint(const std::string& commandLine, const std::string& complaint) {
+    Z_LOG(3, "A command complains: %s: %s", commandLine, complaint);
+}
+
 /// Runs the command with its complaints in the log: there a text from outside is seen for what it is, and a flood of it
 /// is bounded.
 ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& onOutput) {
@@ -94,7 +98,7 @@ ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& 
     std::size_t count = 0;
     const ZPlatform::LineCallback log = [&](const std::string& line) {
         if (++count <= kMostComplaints) {
-            Z_LOG(3, "A command complains: %s", commandLine + ": " + line);
+            LogComplaint(commandLine, line);
         }
     };
     LineSplitter complaints(log);

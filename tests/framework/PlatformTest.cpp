@@ -151,6 +151,8 @@ TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {
     const std::string link = ZPlatform::GetMountPointFromDevice((m_folder / "by-label").string());
     const std::string own = ZPlatform::GetMountPointFromDevice(device);
     const auto above = MayBeEmptied(m_folder.Path(), {});
+    const auto itself = MayBeEmptied(mountPoint, {});
+    const auto asArchive = MayBeEmptied(mountPoint, {}, m_folder.Path());
     ::umount(mountPoint.c_str());
     const std::string afterwards = ZPlatform::GetMountPointFromDevice((m_folder / "by-label").string());
     ZPlatform::ExecuteCommand("losetup -d " + device, device);
@@ -158,6 +160,8 @@ TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {
         EXPECT_EQ(own, mountPoint);
         EXPECT_EQ(link, mountPoint);
         EXPECT_THAT(ErrorOf(above), HasSubstr("something is mounted at " + mountPoint)) << "deleting would reach into it";
+        EXPECT_EQ(ErrorOf(itself), "") << "a folder may have a file system of its own";
+        EXPECT_THAT(ErrorOf(asArchive), HasSubstr("something is mounted at " + mountPoint));
     }
     EXPECT_EQ(afterwards, "");
 }
