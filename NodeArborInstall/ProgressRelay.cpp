@@ -27,6 +27,12 @@ bool IsOutOfResources(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
+/// Only a socket was left by a relay: whatever else has the name stays.
+bool RemoveSocket(const fs::path& path) {
+    std::error_code code;
+    return fs::is_socket(fs::symlink_status(path, code)) && fs::remove(path, code);
+}
+
 }  // namespace
 
 ProgressRelay::~ProgressRelay() {
@@ -83,14 +89,11 @@ int ProgressRelay::BindUnix(int socket, const Place& place) const {
     Z_LOG(2, "Progress action archive path %s", place.archive);
     const std::string path = place.Path().string();
     Z_LOG(2, "Unlink and Bind Progress action socket path %s", path);
-    if (place.name != place.name.filename()) {
-        return EINVAL;  // a setting that leads out of the archive's folder deletes nothing there
-    }
-    ::unlink(path.c_str());
     const auto address = ZUnixAddress::Of(path);
     if (!address) {
         return ENAMETOOLONG;
     }
+    RemoveSocket(place.Path());
     return ::bind(socket, address->Get(), ZUnixAddress::Size()) == 0 ? 0 : errno;
 }
 
@@ -109,8 +112,7 @@ void ProgressRelay::Close(int socket, const Place& place) {
     ::close(socket);
     m_pollTable.reset();
     if (place.bUnix) {
-        std::error_code error;
-        const bool removed = fs::remove(place.Path(), error);
+        const bool removed = RemoveSocket(place.Path());
         Z_LOG(2, "Progress local socket closed and file %s", removed ? "removed" : "remove failed");
     }
     m_progressSocket = 0;

@@ -135,10 +135,13 @@ bool ZNodeArborInstall::HasArchive() {
         Z_LOG(3, "No archive device is configured");
         return false;
     }
-    if (m_pConfig->m_archiveMount.empty()) {
+    // Asked again: the record may have been read a while ago.
+    const fs::path mount = ZPlatform::GetMountPointFromDevice(ToStdString(m_pConfig->m_ArchiveDevice));
+    if (mount.empty() || mount != m_pConfig->m_archiveMount) {
         Z_LOG(4, "Archive device %s is not mounted: there is no archive", m_pConfig->m_ArchiveDevice);
         return false;
     }
+    static_cast<void>(fs::weakly_canonical(m_archivePath));  // throws when its links lead nowhere
     if (!LiesIn(m_archivePath, m_pConfig->m_archiveMount)) {
         Z_LOG(4, "Archive folder %s is not on its device: there is no archive", m_archivePath);
         return false;
@@ -168,12 +171,16 @@ void ZNodeArborInstall::ReadVersionDirectories() {
 }
 
 void ZNodeArborInstall::DeleteInvalidDirectories(const std::vector<fs::path>& directories) {
-    const auto may = MayBeEmptied(m_archivePath, {m_updatesPath, m_graphFile}, m_pConfig->m_archiveMount);
-    if (!may) {
+    if (const auto may = MayBeEmptied(m_archivePath, {}, m_pConfig->m_archiveMount); !may) {
         Z_LOG(4, "%s", may.error().text);
         return;
     }
+    const std::vector<fs::path> keep{m_updatesPath, m_graphFile, fs::path(m_pConfig->GetSystemInfoFilePath())};
     for (const fs::path& directory : directories) {
+        if (const auto may = MayBeEmptied(directory, keep, m_archivePath); !may) {
+            Z_LOG(4, "%s", may.error().text);
+            continue;
+        }
         Z_LOG(2, "Deleting invalid directory <%s>", directory);
         fs::remove_all(directory);
     }

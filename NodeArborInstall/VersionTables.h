@@ -9,7 +9,8 @@
 #include "ZSoftwareVersion.h"
 
 /// What the node knows by version: archived packages, archived manifests, and packages found on storage devices.
-/// Thread-safe as a whole; nothing here reads or writes files, or logs. Lookups are exact.
+/// Thread-safe as a whole; nothing here logs, and no file is looked at
+/// but by what a caller hands in. Lookups are exact.
 class VersionTables {
 public:
     using BuildTable = ZMap<ZSoftwareVersion, std::filesystem::path, std::less<ZSoftwareVersion>>;
@@ -32,12 +33,12 @@ public:
 
     enum class Recorded { Yes, Gone };
     /// A package file that was checked. Of two files with one version the one checked last counts; an entry that `file`
-    /// had under another version goes, and is put into `erased`. `isThere` is asked with the tables locked: a drive that
-    /// is pulled later is forgotten later, one that was pulled before is seen here.
+    /// had under another version goes, and is put into `erased`. `isThere` is asked with the tables locked: a drive
+    /// that is pulled later is forgotten later, one that was pulled before is seen here.
     Recorded RecordPackage(const ZSoftwareVersion& version, const std::filesystem::path& file,
                            const std::function<bool()>& isThere, std::optional<PackageTable::value_type>& erased);
-    /// Forgets the found packages that lie on the drive, and returns them. By path components: /media/usb1 holds nothing
-    /// of /media/usb10.
+    /// Forgets the found packages that lie on the drive, and returns them. By path components: /media/usb1 holds
+    /// nothing of /media/usb10.
     std::vector<std::filesystem::path> RemoveDrive(const std::filesystem::path& drive);
 
 private:

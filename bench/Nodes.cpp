@@ -7,6 +7,7 @@
 InstallSettings::InstallSettings(const Scratch& scratch) {
     ZPlatformSettings platform;
     platform.identity = ZIdentity{"KiteQM", "SN42", "verdin-imx8mm"};
+    platform.mounts = {{"/dev/archive", (scratch / "archive").parent_path().string()}};
     ZPlatform::Configure(platform);
     core->m_Files.m_UpdatesFolder = ToZString((scratch / "updates").string());
     record->SetEnvironment(std::make_shared<ZEnvironment>());

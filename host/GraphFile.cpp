@@ -241,7 +241,7 @@ GraphFile ReadGraphFile(GraphErrors& errors) {
 }
 
 std::shared_ptr<ZConfig> MakeRecord(const GraphNode& node, const std::shared_ptr<ZEnvironment>& environment,
-                                    GraphErrors& errors) {
+                                    const std::filesystem::path& updatesFolder, GraphErrors& errors) {
     if (!node.config) {
         return nullptr;
     }
@@ -252,5 +252,14 @@ std::shared_ptr<ZConfig> MakeRecord(const GraphNode& node, const std::shared_ptr
     }
     record->SetEnvironment(environment);
     ReadRecords(*node.config, node.place.Member("config"), {record.get()}, {}, errors);
+    record->VisitFields([&](const ZFieldInfo& field, const ZFieldValue& value) {
+        const auto* const text = std::get_if<ZString*>(&value);
+        if (field.rule.kind == ZFieldRule::Kind::Path && text != nullptr && !(*text)->empty() &&
+            !updatesFolder.empty() && LiesIn(std::filesystem::path(**text), updatesFolder)) {
+            const std::string key(field.key);
+            errors.Add(node.place.Member("config"), key,
+                       '"' + key + "\" lies in the updates folder, which is emptied at every start");
+        }
+    });
     return record;
 }

@@ -34,7 +34,8 @@ struct GraphFile {
 /// empty.
 GraphFile ReadGraphFile(GraphErrors& errors);
 
-/// A node's record: of the class that the node names, filled from the file and checked. Null, with nothing added to
+/// A node's record: of the class that the node names, filled from the file and checked; no file that it names may
+/// lie in the updates folder. Null, with nothing added to
 /// `errors`, when the node has none. The libraries that define the classes must be loaded.
 std::shared_ptr<ZConfig> MakeRecord(const GraphNode& node, const std::shared_ptr<ZEnvironment>& environment,
-                                    GraphErrors& errors);
+                                    const std::filesystem::path& updatesFolder, GraphErrors& errors);

@@ -11,6 +11,7 @@ constexpr const char* kHostNode = "graph host";
 constexpr auto kSpareTime = std::chrono::minutes(1);
 // Of nodes that could not start: what they lack is usually mended by a person.
 constexpr std::chrono::seconds kTryAgainAfter{10};
+constexpr std::chrono::seconds kTryLimit{10};
 
 using Clock = Heartbeat::Clock;
 
@@ -89,7 +90,7 @@ ZResult<void> Host::StartNodes() {
 void Host::LeaveOut(std::size_t index, const ZError& why) {
     Z_LOG(4, "%s; the graph runs without it, and it is tried again every %d s", why.text,
           static_cast<int>(kTryAgainAfter.count()));
-    m_leftOut.insert(index);
+    m_leftOut[index] = why.text;
     m_tryAgainDue = Clock::now() + kTryAgainAfter;
 }
 
@@ -97,25 +98,37 @@ void Host::TryLeftOut() {
     if (m_leftOut.empty() || Clock::now() < m_tryAgainDue) {
         return;
     }
+    // The service manager waits for a sign of life meanwhile, and a signal for its answer.
+    m_graph->LimitSetUp(kTryLimit);
+    const std::size_t before = m_leftOut.size();
+    for (auto entry = m_leftOut.begin(); entry != m_leftOut.end() && !m_signals.Asked();) {
+        m_manager.Alive();
+        const ZResult<void> started = TryNode(entry->first);
+        if (started) {
+            Z_LOG(2, "Node \"%s\", which was left out, runs now", m_file.nodes[entry->first].name);
+            entry = m_leftOut.erase(entry);
+            continue;
+        }
+        if (std::exchange(entry->second, started.error().text) != started.error().text) {
+            Z_LOG(4, "%s; the graph still runs without it", started.error().text);
+        }
+        ++entry;
+    }
     m_tryAgainDue = Clock::now() + kTryAgainAfter;
-    std::erase_if(m_leftOut, [this](std::size_t index) {
-        const GraphNode& node = m_file.nodes[index];
-        auto started = AddNode(index);
-        if (started) {
-            started = m_graph->StartNode(node.name);
-        }
-        if (started) {
-            Z_LOG(2, "Node \"%s\", which was left out, runs now", node.name);
-        }
-        return started.has_value();
-    });
-    TellRunning();
+    if (m_leftOut.size() != before) {
+        TellRunning();
+    }
+}
+
+ZResult<void> Host::TryNode(std::size_t index) {
+    auto added = AddNode(index);
+    return added ? m_graph->StartNode(m_file.nodes[index].name) : added;
 }
 
 void Host::TellRunning() {
     const std::size_t count = m_file.nodes.size() - m_leftOut.size();
     std::string left;
-    for (const std::size_t index : m_leftOut) {
+    for (const auto& [index, why] : m_leftOut) {
         left += (left.empty() ? ", without " : ", ") + ToStdString(m_file.nodes[index].name);
     }
     m_manager.Ready(std::to_string(count) + (count == 1 ? " node runs" : " nodes run") + left);

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <set>
+#include <map>
 
 #include "GraphFile.h"
 #include "Heartbeat.h"
@@ -33,6 +33,7 @@ private:
     /// Goes on without a node that is not required.
     void LeaveOut(std::size_t index, const ZError& why);
     void TryLeftOut();
+    ZResult<void> TryNode(std::size_t index);
     void TellRunning();
     std::vector<std::shared_ptr<ZNode>> RunningNodes() const;
     EndRequest WaitForEnd();
@@ -46,7 +47,7 @@ private:
     ServiceManager m_manager;
     std::optional<ZGraph> m_graph;
     Heartbeat::Clock::time_point m_aliveDue;
-    std::set<std::size_t> m_leftOut;  // places in m_file.nodes
+    std::map<std::size_t, std::string> m_leftOut;  // places in m_file.nodes, and why
     Heartbeat::Clock::time_point m_tryAgainDue;
     bool m_bSilent = false;  // a node gives no sign of life, which has been logged
 

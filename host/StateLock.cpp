@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -29,7 +30,8 @@ std::string HolderOf(int file) {
 ZResult<StateLock> StateLock::Take(const fs::path& updatesFolder) {
     std::error_code code;
     fs::create_directories(updatesFolder.parent_path(), code);
-    const fs::path path = updatesFolder.parent_path() / ('.' + updatesFolder.filename().string() + ".lock");
+    const fs::path folder = fs::weakly_canonical(updatesFolder, code);  // the same lock under whatever name
+    const fs::path path = folder.parent_path() / ('.' + folder.filename().string() + ".lock");
     ZFileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
     if (!file) {
         return ZError::OfSystem(path.string(), errno);
@@ -39,6 +41,12 @@ ZResult<StateLock> StateLock::Take(const fs::path& updatesFolder) {
                    ? ZError(HolderOf(file.Get()) + " runs a graph on " + updatesFolder.string() + " already",
                             ZFrameworkErrorCodes::ERRCODE_BUSY)
                    : ZError::OfSystem(path.string(), errno);
+    }
+    struct stat opened {};
+    struct stat named {};
+    if (::fstat(file.Get(), &opened) != 0 || ::lstat(path.c_str(), &named) != 0 || opened.st_ino != named.st_ino ||
+        !S_ISREG(opened.st_mode) || opened.st_nlink != 1) {
+        return ZError(path.string() + " is not a lock file of this program's own");
     }
     const std::string id = std::to_string(::getpid());
     if (::ftruncate(file.Get(), 0) != 0 || ::pwrite(file.Get(), id.data(), id.size(), 0) < 0) {

@@ -34,7 +34,8 @@ std::vector<std::shared_ptr<ZConfig>> MakeRecords(const GraphFile& file, bool al
         if (!known.IsKindOf(ZNode::m_cid) && !node.className.empty() && !mayBeMissing) {
             errors.Add(node.place, "class", '"' + node.className + "\" is not the name of a node class");
         }
-        records.push_back(mayBeMissing ? nullptr : MakeRecord(node, file.environment, errors));
+        records.push_back(mayBeMissing ? nullptr
+                                       : MakeRecord(node, file.environment, file.core->UpdatesFolder(), errors));
     }
     return records;
 }

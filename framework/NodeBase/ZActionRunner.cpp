@@ -45,6 +45,7 @@ std::list<ZActionRunner::Running> ZActionRunner::TakeEnded() {
 bool ZActionRunner::Start(const std::shared_ptr<ZNodeAction>& action) {
     std::list<Running> ended;  // joined below, outside the lock
     bool started = false;
+    std::string failure;
     {
         const std::lock_guard lock(m_mutex);
         ended = TakeEnded();
@@ -54,11 +55,14 @@ bool ZActionRunner::Start(const std::shared_ptr<ZNodeAction>& action) {
             try {
                 running.thread = std::thread([this, &running] { Run(running); });
                 started = true;
-            } catch (const std::system_error& failure) {
-                Z_LOG(4, "%s: %s", action->ClassName(), failure.what());
+            } catch (const std::system_error& error) {
+                failure = error.what();
                 m_running.pop_back();
             }
         }
+    }
+    if (!failure.empty()) {
+        Z_LOG(4, "%s: %s", action->ClassName(), failure);
     }
     for (Running& running : ended) {
         running.thread.join();

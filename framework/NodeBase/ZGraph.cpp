@@ -12,9 +12,6 @@ constexpr ZLogger Log() {
     return ZLogger("ZGraph");
 }
 
-// Long enough for a command that a node runs while it is set up. After it the commands of a node that is stuck are
-// ended; one that is stuck in its own code is left to the service manager.
-constexpr auto kSetUpLimit = std::chrono::minutes(20);
 constexpr auto kAskAgainAfter = std::chrono::milliseconds(100);
 
 }  // namespace
@@ -45,6 +42,7 @@ ZResult<void> ZGraph::AddNode(const std::string& className, const ZString& name,
     if (done) {
         m_nodes.push_back(node);
     } else {
+        node->LeaveBus();
         node->BeginStop();
         node->FinishStop();
     }
@@ -65,7 +63,7 @@ ZResult<void> ZGraph::SetUp(ZNode& node, const std::shared_ptr<ZConfig>& config)
             node.OnConnected();
         }
     };
-    const bool ran = node.CallOnMessageThread(steps, ZClock::now() + kSetUpLimit);
+    const bool ran = node.CallOnMessageThread(steps, ZClock::now() + m_setUpLimit);
     const char* const reason = ran ? failed->load() : "failed while it was set up";
     if (reason == nullptr) {
         return {};
@@ -77,11 +75,12 @@ ZResult<void> ZGraph::StartNode(const ZString& name) {
     const auto node = Node(name);
     const auto created = std::make_shared<std::atomic<bool>>(false);
     const bool ran = node && node->CallOnMessageThread([node, created] { *created = node->OnGraphCreated(); },
-                                                       ZClock::now() + kSetUpLimit);
+                                                       ZClock::now() + m_setUpLimit);
     if (ran && *created) {
         return {};
     }
     if (node) {
+        node->LeaveBus();
         node->BeginStop();
         End(node);
         std::erase(m_nodes, node);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "NodeBase/ZNode.h"
+#include "ZShared/ZDeadline.h"
 #include "ZShared/ZError.h"
 
 /// How a graph ended.
@@ -26,6 +27,9 @@ public:
     /// Tells the node that the graph exists. An error when it reports failure; the node is gone then. For each node
     /// once, in order of creation.
     ZResult<void> StartNode(const ZString& name);
+    /// How long a node may take to be set up, and to start: 20 minutes at first, which a command of its may need. What
+    /// a node that is stuck beyond it waits for is ended.
+    void LimitSetUp(ZClock::duration limit) { m_setUpLimit = limit; }
     /// As StartNode for every node, up to the first that fails.
     ZResult<void> Start();
     /// Asks every node, again and again until all agree or the configured grace is over or `hurry` returns true, then
@@ -45,4 +49,5 @@ private:
     const std::shared_ptr<ZCoreConfigParams> m_core;
     const std::shared_ptr<ZNodeComm> m_comm;
     std::vector<std::shared_ptr<ZNode>> m_nodes;  // in order of creation
+    ZClock::duration m_setUpLimit = std::chrono::minutes(20);
 };

@@ -90,6 +90,8 @@ public:
     /// thread.
     bool CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clock::time_point deadline,
                              ZTurn turn = ZTurn::First);
+    /// Takes the node off the bus while others go on: no handler is entered after it.
+    void LeaveBus() { Unsubscribe(); }
     /// Refuses new actions, asks the running ones to stop and ends what they wait for. Returns at once.
     void BeginStop();
     /// Waits for actions and for the queue to drain, and takes the node off the bus.

@@ -1,5 +1,7 @@
 #include "ZShared/ZFolderGuard.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 
@@ -13,13 +15,14 @@ using namespace std::string_view_literals;
 
 // The places that the Filesystem Hierarchy Standard gives to the system (version 3.0, chapters 3 to 6). Of the first,
 // all that is below belongs to it too; of the second, programs have folders of their own below.
-constexpr std::array kSystemTrees{"/bin"sv,   "/boot"sv, "/dev"sv,  "/etc"sv, "/lib"sv, "/lib32"sv,
-                                  "/lib64"sv, "/proc"sv, "/sbin"sv, "/sys"sv, "/usr"sv, "/libx32"sv};
-constexpr std::array kSharedFolders{"/"sv,          "/home"sv,    "/media"sv,          "/mnt"sv,      "/opt"sv,
-                                    "/root"sv,      "/run"sv,     "/run/media"sv,      "/run/user"sv, "/srv"sv,
-                                    "/tmp"sv,       "/var"sv,     "/var/cache"sv,      "/var/lib"sv,  "/var/lib/dpkg"sv,
-                                    "/var/local"sv, "/var/log"sv, "/var/mail"sv,       "/var/opt"sv,  "/var/run"sv,
-                                    "/var/spool"sv, "/var/tmp"sv, "/var/lib/systemd"sv};
+constexpr std::array kSystemTrees{
+    "/var/lib/apt"sv, "/var/lib/dpkg"sv, "/var/lib/systemd"sv, "/run/systemd"sv, "/bin"sv,  "/boot"sv, "/dev"sv,
+    "/etc"sv,         "/lib"sv,          "/lib32"sv,           "/lib64"sv,       "/proc"sv, "/sbin"sv, "/sys"sv,
+    "/usr"sv,         "/libx32"sv};
+constexpr std::array kSharedFolders{
+    "/"sv,          "/home"sv,     "/media"sv,    "/mnt"sv,     "/opt"sv,     "/root"sv,      "/run"sv,
+    "/run/media"sv, "/run/user"sv, "/srv"sv,      "/tmp"sv,     "/var"sv,     "/var/cache"sv, "/var/lib"sv,
+    "/var/local"sv, "/var/log"sv,  "/var/mail"sv, "/var/opt"sv, "/var/run"sv, "/var/spool"sv, "/var/tmp"sv};
 
 /// Whether `path` is `folder` or lies below it. Both absolute and normal.
 bool IsIn(const fs::path& path, const fs::path& folder) {
@@ -35,11 +38,19 @@ fs::path WithoutEndingSlash(const fs::path& path) {
     return path.has_filename() || path == path.root_path() ? path : path.parent_path();
 }
 
-/// The path with links followed as far as it exists.
+/// The path with links followed as far as it exists; empty when they can't be followed.
 fs::path Real(const fs::path& path) {
     std::error_code code;
     const fs::path real = fs::weakly_canonical(path, code);
-    return WithoutEndingSlash(code ? path.lexically_normal() : real);
+    return code ? fs::path() : WithoutEndingSlash(real);
+}
+
+/// Whether both are one and the same thing, under whatever names.
+bool AreSame(const fs::path& one, const fs::path& other) {
+    struct stat first {};
+    struct stat second {};
+    return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
 }
 
 }  // namespace
@@ -50,12 +61,21 @@ bool IsFolderOfItsOwn(std::string_view text) {
         return false;
     }
     const std::string folder = WithoutEndingSlash(path.lexically_normal()).string();
-    return std::ranges::find(kSharedFolders, folder) == kSharedFolders.end() &&
+    return std::ranges::find(kSharedFolders, folder) == kSharedFolders.end() && path.parent_path() != "/home" &&
            std::ranges::none_of(kSystemTrees, [&](std::string_view tree) { return IsIn(folder, tree); });
 }
 
 bool LiesIn(const fs::path& path, const fs::path& folder) {
-    return IsIn(Real(path), Real(folder));
+    const fs::path real = Real(path);
+    for (fs::path above = real; !above.empty(); above = above.parent_path()) {
+        if (AreSame(above, folder)) {
+            return true;
+        }
+        if (above == above.root_path()) {
+            break;
+        }
+    }
+    return !real.empty() && IsIn(real, Real(folder));
 }
 
 ZResult<void> MayBeEmptied(const fs::path& folder, const std::vector<fs::path>& keep, const fs::path& mountPoint) {
@@ -70,8 +90,12 @@ ZResult<void> MayBeEmptied(const fs::path& folder, const std::vector<fs::path>& 
         return refused("it is not below " + mountPoint.string());
     }
     for (const fs::path& kept : keep) {
-        if (!kept.empty() && LiesIn(kept, real)) {
+        // A link is kept as well as what it leads to.
+        if (!kept.empty() && (LiesIn(kept, real) || LiesIn(kept.parent_path(), real))) {
             return refused("it holds " + kept.string());
+        }
+        if (std::error_code code; fs::is_directory(kept, code) && LiesIn(real, kept)) {
+            return refused("it lies in " + kept.string());
         }
     }
     try {

@@ -134,6 +134,12 @@ TEST(GraphFile, KeepsTheUpdatesFolderAwayFromWhatIsNeeded) {
                  {folder.Path().string(), "it holds "},
                  {"/dev/shm", "must be a folder of its own"},
                  {(folder / "state/updates").string(), "no errors, nodes: 1"}};
+    const auto keys = folder.Write("keys.json", R"({ "core": { "updatesFolder": ")" + (folder / "state").string() +
+                                                    R"(" }, "libraries": [ "libNodePeer.so" ], "nodes": [
+        { "name": "Link", "class": "ZNodePeer", "config": { "pinsFile": "/p",
+          "keyFile": ")" + (folder / "state/keys/k").string() +
+                                                    R"(" } } ] })");
+    EXPECT_THAT(Check(keys), HasSubstr(":3: nodes[0].config: \"keyFile\" lies in the updates folder"));
     for (const auto& [updates, refusal] : cases) {
         const auto file =
             folder.Write("graph.json", "{" + kGood + R"(, "core": { "updatesFolder": ")" + updates + "\" } }");

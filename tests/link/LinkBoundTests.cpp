@@ -151,7 +151,8 @@ TEST_F(LinkBounds, StrangersCostLittleAreToldOfOnceAndKeepNobodyOut) {
     joining.join();
     EXPECT_LT(growth.Bytes(), kMostAboveIdle);
     const auto told = CountLines(m_log, "127.0.0.1");
-    EXPECT_TRUE(told >= 1 && told <= 4) << m_log.All();
+    // Each kind once, and once more after the pins have changed; and where the device listens.
+    EXPECT_TRUE(told >= 1 && told <= 10) << m_log.All();
 }
 
 TEST_F(LinkBounds, APairedDeviceThatNeverEndsAMessageIsCutOffAndToldOfOnce) {

@@ -5,6 +5,7 @@
 
 #include "NodeFixture.h"
 #include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZUnixAddress.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
@@ -138,7 +139,9 @@ TEST_F(SystemUpdate, StopsTheRelayWhenTheInstallerCanNotBeStarted) {
 }
 
 TEST_F(SystemUpdate, RelaysEveryDocumentUntilOneSaysDone) {
-    folder.Write("mount/Archive/progress", "left by an earlier run");
+    const auto left = ZUnixAddress::Of(socket.string());  // by an earlier run
+    const ZFileDescriptor earlier(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(::bind(earlier.Get(), left->Get(), ZUnixAddress::Size()), 0);
     StartRelay();
     {
         Installer early(socket);
@@ -188,13 +191,16 @@ TEST_F(SystemUpdate, UnderstandsAnEndAsWritersInCSendIt) {
 TEST_F(SystemUpdate, DeletesNothingThatItsSocketsNameLeadsTo) {
     const fs::path victim = folder.Write("victim", "kept");
     for (const std::string& name :
-         std::vector<std::string>{"../../victim", victim.string(), "progress", std::string(120, 'x')}) {
+         std::vector<std::string>{"../../victim", victim.string(), "progress", "note", std::string(120, 'x')}) {
         Start("\"ProgressPath\":\"" + name + '"');
         fs::create_directory(folder / "mount/Archive/progress");
+        folder.Write("mount/Archive/note", "kept");
         const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         EXPECT_FALSE(node->BindSocket(descriptor, true)) << name;
         ::close(descriptor);
-        EXPECT_TRUE(fs::exists(victim) && fs::exists(folder / "mount/Archive/progress")) << name;
+        EXPECT_TRUE(fs::exists(victim) && fs::exists(folder / "mount/Archive/progress") &&
+                    fs::exists(folder / "mount/Archive/note"))
+            << name;
         Restart();
     }
     EXPECT_TRUE(log.Has(4, "Unable to bind() socket: File name too long"));
