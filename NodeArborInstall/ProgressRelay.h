@@ -12,9 +12,9 @@
 #include "ZShared/ZGuarded.h"
 #include "ZShared/ZLog.h"
 
-/// Takes the installer's progress documents from a socket and hands each on as a message. Bound by one relay thread at a
-/// time, which alone calls Close and Pass; clients that stay connected when it ends are kept for the next one, or closed
-/// with the object.
+/// Takes the installer's progress documents from a socket and hands each on as a message. Bound by one relay thread at
+/// a time, which alone calls Close and Pass; clients that stay connected when it ends are kept for the next one, or
+/// closed with the object.
 class ProgressRelay {
 public:
     /// Where installers connect: the file `name` in the archive's folder, or, on an accessory's behalf, a TCP port.

@@ -2,8 +2,8 @@
 
 #include "NodeBase/ZNode.h"
 
-/// What a graph file may say about a ZNodeSample. Each setting is one row: its range and its meaning are checked, told and
-/// documented from there.
+/// What a graph file may say about a ZNodeSample. Each setting is one row: its range and its meaning are checked, told
+/// and documented from there.
 class ZNodeSampleCfg : public ZConfig {
     Z_MESSAGE(ZNodeSampleCfg, ZConfig)
 public:

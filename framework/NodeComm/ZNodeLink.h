@@ -60,7 +60,8 @@ public:
     /// An address that can't be bound now is tried again: the network may not be up yet.
     virtual ZResult<void> Start(const ZLinkSettings& settings, std::shared_ptr<ZNodeComm> local,
                                 ZLinkObserver& observer) = 0;
-    /// The devices that may be talked to, in place of those before; connections to others end. Without effect before Start.
+    /// The devices that may be talked to, in place of those before; connections to others end. Without effect before
+    /// Start.
     virtual void SetPins(std::vector<ZLinkPin> pins) = 0;
     /// Publishes a message on another device's bus and returns at once. `done` is called exactly once.
     virtual void Send(const std::string& key, const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,

@@ -16,8 +16,8 @@ struct EventKind {
     const char* meaning;  ///< for the description of the interface; empty: the name says it
 };
 
-/// Every kind but the log's lines, in the order in which repeated ones are told. Subscriptions, names and the description
-/// of the interface follow from this one table.
+/// Every kind but the log's lines, in the order in which repeated ones are told. Subscriptions, names and the
+/// description of the interface follow from this one table.
 std::span<const EventKind> Events();
 
 /// The kind that says how far an install is.

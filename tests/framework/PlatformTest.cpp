@@ -142,8 +142,8 @@ TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {
     const std::string mountPoint = (m_folder / "mounted").string();
     std::filesystem::create_directory(mountPoint);
     std::string device;
-    if (!ZPlatform::ExecuteCommand("truncate -s 4M " + image + " && mkfs.ext4 -q " + image + " && losetup -f --show " + image,
-                                   device)) {
+    if (!ZPlatform::ExecuteCommand(
+            "truncate -s 4M " + image + " && mkfs.ext4 -q " + image + " && losetup -f --show " + image, device)) {
         GTEST_SKIP() << "no loop device is to be had";
     }
     const bool mounted = ::mount(device.c_str(), mountPoint.c_str(), "ext4", 0, nullptr) == 0;
@@ -159,7 +159,8 @@ TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {
     if (mounted) {
         EXPECT_EQ(own, mountPoint);
         EXPECT_EQ(link, mountPoint);
-        EXPECT_THAT(ErrorOf(above), HasSubstr("something is mounted at " + mountPoint)) << "deleting would reach into it";
+        EXPECT_THAT(ErrorOf(above), HasSubstr("something is mounted at " + mountPoint))
+            << "deleting would reach into it";
         EXPECT_EQ(ErrorOf(itself), "") << "a folder may have a file system of its own";
         EXPECT_THAT(ErrorOf(asArchive), HasSubstr("something is mounted at " + mountPoint));
     }
