@@ -245,7 +245,7 @@ std::shared_ptr<ZConfig> MakeRecord(const GraphNode& node, const std::shared_ptr
     if (!node.config) {
         return nullptr;
     }
-    const auto record = cast_shared<ZConfig>(ZShared::ZFactory::Instance().CreateShared(node.configClass, node.name));
+    auto record = cast_shared<ZConfig>(ZShared::ZFactory::Instance().CreateShared(node.configClass, node.name));
     if (!record) {
         errors.Add(node.place, "configClass", '"' + node.configClass + "\" is not the name of a record class");
         return nullptr;

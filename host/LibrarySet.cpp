@@ -23,6 +23,7 @@ constexpr std::array kFolders{"../lib/arbor", "../lib", ARBORD_LIBRARY_FOLDER};
 std::vector<std::filesystem::path> Folders() {
     const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe").parent_path();
     std::vector<std::filesystem::path> folders;
+    folders.reserve(kFolders.size());
     for (const char* folder : kFolders) {
         folders.push_back((program / folder).lexically_normal());
     }
