@@ -61,7 +61,8 @@ bool IsFolderOfItsOwn(std::string_view text) {
         return false;
     }
     const std::string folder = WithoutEndingSlash(path.lexically_normal()).string();
-    return std::ranges::find(kSharedFolders, folder) == kSharedFolders.end() && path.parent_path() != "/home" &&
+    return std::ranges::find(kSharedFolders, folder) == kSharedFolders.end() &&
+           fs::path(folder).parent_path() != "/home" &&
            std::ranges::none_of(kSystemTrees, [&](std::string_view tree) { return IsIn(folder, tree); });
 }
 
