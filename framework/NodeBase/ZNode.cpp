@@ -128,6 +128,67 @@ bool ZNode::StopAction(bool bWait) {
     return stopped;
 }
 
+std::shared_ptr<ZOperation> ZNode::Keep(std::shared_ptr<ZOperationMsg> message) {
+    auto operation = std::make_shared<ZOperation>(
+        std::move(message), [this, endpoint = GetEndpoint(ZEndpointType::GraphService, "operation", 0)](
+                                const std::shared_ptr<ZOperationMsg>& change) { Publish(endpoint, change); });
+    const auto operations = m_operations.Lock();
+    std::erase_if(*operations, [](const auto& entry) { return entry.expired(); });
+    operations->push_back(operation);
+    return operation;
+}
+
+std::shared_ptr<ZOperation> ZNode::BeginOperation(const ZOperationSubject& subject, const ZMessage* request) {
+    auto message = Z_MAKE(ZOperationMsg);
+    const auto origin = request == nullptr ? nullptr : request->Origin();
+    const bool isFirst = origin && !origin->begun.exchange(true);
+    message->m_Id = isFirst && !origin->operationId.empty() ? ToZString(origin->operationId) : ZOperation::NewId();
+    message->m_Parent = subject.parent;
+    message->m_Kind = subject.kind;
+    message->m_Version = subject.version;
+    message->m_File = subject.file;
+    message->m_Device = subject.device;
+    message->m_Asker = origin ? ToZString(origin->asker) : subject.asker;
+    message->m_Node = Name();
+    message->m_CreatedAt = MillisecondsNow();
+    message->m_BootId = ToZString(BootId());
+    return Keep(std::move(message));
+}
+
+std::shared_ptr<ZOperation> ZNode::AdoptOperation(const ZOperationMsg& left) {
+    auto message = Z_MAKE(ZOperationMsg);
+    message->CloneDataMembers(left);
+    return Keep(std::move(message));
+}
+
+std::vector<std::shared_ptr<ZOperation>> ZNode::Operations() const {
+    std::vector<std::shared_ptr<ZOperation>> open;
+    const auto operations = m_operations.Lock();
+    for (const auto& entry : *operations) {
+        if (auto operation = entry.lock(); operation && operation->IsOpen()) {
+            open.push_back(std::move(operation));
+        }
+    }
+    return open;
+}
+
+bool ZNode::SubscribeCancel() {
+    return Subscribe(GetEndpoint(ZEndpointType::GraphService, "cancel", 0),
+                     [this](const std::shared_ptr<ZMessage>& message) {
+                         const auto request = cast_shared<ZCancelMsg>(message);
+                         if (!request) {
+                             return false;
+                         }
+                         const auto origin = request->Origin();
+                         for (const auto& operation : Operations()) {
+                             if (operation->Id() == request->m_Id) {
+                                 operation->AskToCancel("by " + (origin ? origin->asker : "the device itself"));
+                             }
+                         }
+                         return true;
+                     });
+}
+
 void ZNode::StartMessageThread() {
     m_messageThread = std::thread([this] { MessagePump(); });
 }

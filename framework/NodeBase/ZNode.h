@@ -4,6 +4,7 @@
 
 #include "NodeBase/ZActionRunner.h"
 #include "NodeBase/ZCommEnabledObject.h"
+#include "NodeBase/ZOperation.h"
 #include "NodeBase/ZTimer.h"
 
 /// Base of all nodes. The graph makes a node by class name, attaches it, and calls its virtual operations on the node's
@@ -60,6 +61,9 @@ public:
     virtual bool OnAction(const ZNodeAction& action);
 
 protected:
+    /// For InitMessageMap: lets people cancel this node's jobs. Whoever does one looks at ZOperation::CancelReason.
+    bool SubscribeCancel();
+
     /// For OnConfig: hands the node's record, or one with the standard settings when it has none, to `read`, with its
     /// settings checked. False, with log lines that name the node, when the record is of another class, when a setting
     /// breaks its rule, or when `read` throws.
@@ -78,6 +82,14 @@ public:
     bool StopAction(bool bWait);
     /// True once the graph is shutting down.
     bool InShutdown() const { return m_bInShutdown; }
+
+    /// Begins a job, which waits until it is started. For the first one of a `request`, the request's id and asker
+    /// count. The node must outlive it.
+    std::shared_ptr<ZOperation> BeginOperation(const ZOperationSubject& subject, const ZMessage* request = nullptr);
+    /// Goes on with a job that an earlier life of this host left open.
+    std::shared_ptr<ZOperation> AdoptOperation(const ZOperationMsg& left);
+    /// The open jobs of this node.
+    std::vector<std::shared_ptr<ZOperation>> Operations() const;
 
     // For the graph.
 
@@ -98,10 +110,12 @@ public:
     void FinishStop();
 
 private:
+    std::shared_ptr<ZOperation> Keep(std::shared_ptr<ZOperationMsg> message);
     bool ReadChecked(ZConfig* record, const std::shared_ptr<ZConfig>& given, const std::function<void()>& read) const;
 
     std::atomic<bool> m_bInShutdown{false};
     ZActionRunner m_actions;
+    ZGuarded<std::vector<std::weak_ptr<ZOperation>>> m_operations;
     std::mutex m_timersMutex;
     std::map<ZString, std::shared_ptr<ZTimer>> m_timers;
     std::thread m_messageThread;

@@ -10,6 +10,11 @@ ZResponseSource::ZResponseSource(const ZMessage& message) {
     }
 }
 
+bool ZResponseSource::IsAbandoned() const {
+    const auto comm = Comm();
+    return m_request != 0 && !(comm && comm->IsAwaited(*this));
+}
+
 std::shared_ptr<ZMessage> ZNodeComm::CloneMessage(const std::shared_ptr<ZMessage>& message) {
     ZVector<std::shared_ptr<ZMessage>> copies = ZFields::CloneMessages({message});
     return copies.empty() ? nullptr : copies.front();

@@ -22,6 +22,8 @@ public:
 
     std::shared_ptr<ZNodeComm> Comm() const { return m_comm.lock(); }
     std::uint64_t Request() const { return m_request; }
+    /// Whether nobody waits any more for the answer to something that was asked: what it asked for need not be begun.
+    bool IsAbandoned() const;
 
 private:
     std::weak_ptr<ZNodeComm> m_comm;
@@ -66,6 +68,9 @@ public:
 
     /// Gives the waiting requester its answer. False when nobody waits any more.
     virtual bool Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) = 0;
+
+    /// Whether somebody still waits for that answer.
+    virtual bool IsAwaited(const ZResponseSource& source) const = 0;
 
     /// Ends every wait, for answers and for room in queues, and refuses what comes later.
     virtual void Close() = 0;

@@ -197,6 +197,12 @@ bool ZNodeCommLocal::Respond(const ZResponseSource& source, const std::shared_pt
     return true;
 }
 
+bool ZNodeCommLocal::IsAwaited(const ZResponseSource& source) const {
+    const std::lock_guard lock(m_pendingMutex);
+    const auto found = m_pending.find(source.Request());
+    return found != m_pending.end() && !found->second->ended;
+}
+
 void ZNodeCommLocal::Close() {
     {
         const std::lock_guard lock(m_pendingMutex);

@@ -24,6 +24,7 @@ public:
     ZPublishOutcome Publish(const ZCommEndpoint& endpoint, const std::shared_ptr<ZMessage>& message,
                             std::shared_ptr<ZMessage>* response, const ZPublishOptions& options) override;
     bool Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) override;
+    bool IsAwaited(const ZResponseSource& source) const override;
     void Close() override;
     void SetRequestTimeout(std::chrono::milliseconds timeout) override;
 
@@ -53,7 +54,7 @@ private:
     mutable std::mutex m_subscribersMutex;
     std::map<Key, std::shared_ptr<const Subscribers>, KeyOrder> m_subscribers;
 
-    std::mutex m_pendingMutex;
+    mutable std::mutex m_pendingMutex;
     std::unordered_map<std::uint64_t, PendingRequest*> m_pending;
     std::uint64_t m_nextRequest = 1;
 

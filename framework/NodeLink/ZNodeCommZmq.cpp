@@ -345,6 +345,10 @@ bool ZNodeCommZmq::Respond(const ZResponseSource& source, const std::shared_ptr<
     return m_loop->Send(request.key, Reply(ZLinkKind::Answer, request.number, response));
 }
 
+bool ZNodeCommZmq::IsAwaited(const ZResponseSource& source) const {
+    return m_state.Lock()->received.contains(source.Request());
+}
+
 void ZNodeCommZmq::Close() {
     m_closed = true;
     if (!m_loop) {

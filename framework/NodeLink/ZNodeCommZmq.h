@@ -35,6 +35,7 @@ public:
                             std::shared_ptr<ZMessage>* response, const ZPublishOptions& options) override;
     /// Answers a request that came from another device.
     bool Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) override;
+    bool IsAwaited(const ZResponseSource& source) const override;
     /// Ends the link. Not for the link's own thread. The local bus is not closed.
     void Close() override;
     void SetRequestTimeout(std::chrono::milliseconds timeout) override;

@@ -2,4 +2,5 @@
 #define Z_REGISTER_HERE
 
 #include "ZMessages/Messages.h"
+#include "ZMessages/OperationMessages.h"
 #include "ZMessages/PeerMessages.h"

@@ -161,6 +161,7 @@ ZVector<std::shared_ptr<ZMessage>> ZFields::CloneMessages(const ZVector<std::sha
         }
         if (auto copy = cast_shared<ZMessage>(ZShared::ZFactory::Instance().CreateShared(message->ClassName()))) {
             copy->CloneDataMembers(*message);
+            copy->SetOrigin(message->Origin());
             copies.push_back(std::move(copy));
         }
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 
@@ -9,6 +10,15 @@
 class ZCommEndpoint;
 class ZEnvironment;
 class ZResponseSource;
+
+/// Who asks for what a request starts, as the door knows it that the request came through. No part of its text.
+struct ZRequestOrigin {
+    std::string asker;               ///< "user alice", "device PM-B"
+    std::string operationId;         ///< for the first job that is begun for the request; empty: it gets one of its own
+    std::atomic<bool> begun{false};  ///< that job was begun
+
+    ZRequestOrigin(std::string who, std::string id) : asker(std::move(who)), operationId(std::move(id)) {}
+};
 
 /// Base of all messages. A message is made by class name, held by shared pointer and, once published, only read,
 /// but for its response source, which has a lock of its own. Copying is done with ZNodeComm::CloneMessage.
@@ -59,7 +69,13 @@ public:
     std::shared_ptr<const ZResponseSource> GetResponseSource() const;
     void SetResponseSource(std::shared_ptr<const ZResponseSource> source);
 
+    /// Where the request came from; null when this host itself asks. A copy of a message has the same. Set before the
+    /// message is published.
+    const std::shared_ptr<ZRequestOrigin>& Origin() const { return m_origin; }
+    void SetOrigin(std::shared_ptr<ZRequestOrigin> origin) { m_origin = std::move(origin); }
+
 private:
     mutable std::mutex m_sourceMutex;
     std::shared_ptr<const ZResponseSource> m_source;
+    std::shared_ptr<ZRequestOrigin> m_origin;
 };

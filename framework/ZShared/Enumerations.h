@@ -42,3 +42,24 @@ public:
 /// Where an edge meets a node, for graph tools.
 enum class ZEdgeAnchorType : std::int32_t { ZUNDEFINED = 0, ZDYNAMIC = 1, ZFIXED = 2 };
 enum class ZEdgeAnchorPosition : std::int32_t { ZUNDEFINED = 0, ZLEFT = 1, ZTOP = 2, ZRIGHT = 3, ZBOTTOM = 4 };
+
+/// The kinds of job that have an identity of their own.
+enum class ZOperationKind : std::int32_t {
+    Check = 0,     ///< of one package file
+    Scan = 1,      ///< of a drive, or of a folder
+    Install = 2,   ///< on this device
+    Build = 3,     ///< of a package for an accessory's board
+    Transfer = 4,  ///< of a package to an accessory
+    RemoteInstall = 5,
+    Upload = 6,
+};
+
+/// Where a job stands. The last four are ends: nothing follows them.
+enum class ZOperationState : std::int32_t {
+    Queued = 0,
+    Running = 1,
+    Succeeded = 2,
+    Failed = 3,
+    Cancelled = 4,
+    Lost = 5,  ///< its end was not seen, and nothing tells it
+};

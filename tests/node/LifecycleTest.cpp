@@ -70,6 +70,7 @@ TEST(MessageMap, EndsAtTheFirstSubscriptionThatFails) {
             return ZPublishOutcome::NoSubscriber;
         }
         bool Respond(const ZResponseSource&, const std::shared_ptr<ZMessage>&) override { return false; }
+        bool IsAwaited(const ZResponseSource&) const override { return true; }
         void Close() override {}
         void SetRequestTimeout(std::chrono::milliseconds) override {}
         std::vector<std::string> keywords;

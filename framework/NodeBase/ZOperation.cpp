@@ -1,0 +1,131 @@
+#include "NodeBase/ZOperation.h"
+
+#include <algorithm>
+#include <random>
+
+ZOperation::ZOperation(std::shared_ptr<ZOperationMsg> first, Publish publish)
+    : m_id(first->m_Id), m_publish(std::move(publish)), m_message(State{std::move(first), false, {}, {}}) {
+    Tell(*m_message.Lock());
+}
+
+ZOperation::~ZOperation() {
+    if (!m_message.Lock()->left) {
+        Fail("it ended without telling how");
+    }
+}
+
+/// The states in which a job is open, and what may follow each. What is not listed is an end.
+bool ZOperation::MayFollow(ZOperationState from, ZOperationState to) {
+    using enum ZOperationState;
+    switch (from) {
+        case Queued:
+            return to != Queued && to != Succeeded;
+        case Running:
+            return to != Queued && to != Running;
+        default:
+            return false;
+    }
+}
+
+ZString ZOperation::NewId() {
+    // From the system's own source: ids of different boots and hosts must differ, too.
+    std::random_device source;
+    std::string id;
+    for (int word = 0; word < 2; ++word) {
+        const std::uint32_t bits = source();
+        for (int nibble = 0; nibble < 8; ++nibble) {
+            id += "0123456789abcdef"[(bits >> (nibble * 4)) & 0xF];
+        }
+    }
+    return ToZString(id);
+}
+
+std::shared_ptr<ZOperationMsg> ZOperation::CopyOf(const ZOperationMsg& message) {
+    auto copy = Z_MAKE(ZOperationMsg);
+    copy->CloneDataMembers(message);
+    return copy;
+}
+
+std::shared_ptr<ZOperationMsg> ZOperation::Get() const {
+    return CopyOf(*m_message.Lock()->message);
+}
+
+void ZOperation::Start() {
+    const auto state = m_message.Lock();
+    if (MayFollow(state->message->m_State, ZOperationState::Running)) {
+        state->message->m_State = ZOperationState::Running;
+        state->message->m_StartedAt = MillisecondsNow();
+        Tell(*state);
+    }
+}
+
+void ZOperation::Tell(const ZString& header, const ZString& message, std::int32_t percent) {
+    const auto state = m_message.Lock();
+    if (!state->message->IsOpen()) {
+        return;
+    }
+    state->message->m_Header = header;
+    state->message->m_Message = message;
+    state->message->m_Percent = std::clamp(percent, 0, 100);
+    Tell(*state);
+}
+
+void ZOperation::SetVersion(const ZString& version) {
+    m_message.Lock()->message->m_Version = version;  // told with the next change
+}
+
+void ZOperation::SetProcess(const ZProcessId& process) {
+    const auto state = m_message.Lock();
+    state->message->m_ProcessId = process.id;
+    state->message->m_ProcessStart = process.start;
+    Tell(*state);
+}
+
+bool ZOperation::Settle(ZOperationState end, const ZString& reason, ZFrameworkErrorCodes::ZErrorCode code) {
+    const auto state = m_message.Lock();
+    ZOperationMsg& message = *state->message;
+    if (end == ZOperationState::Succeeded && message.m_State == ZOperationState::Queued) {
+        message.m_State = ZOperationState::Running;  // one that was done at once
+    }
+    if (!MayFollow(message.m_State, end)) {
+        return false;
+    }
+    message.m_State = end;
+    message.m_Reason = reason;
+    message.m_ErrorCode = code;
+    message.m_EndedAt = MillisecondsNow();
+    if (end == ZOperationState::Succeeded) {
+        message.m_Percent = 100;
+    }
+    Tell(*state);
+    return true;
+}
+
+void ZOperation::LeaveOpen() {
+    m_message.Lock()->left = true;
+}
+
+void ZOperation::AskToCancel(const std::string& why) {
+    const auto state = m_message.Lock();
+    if (!state->cancelReason) {
+        state->cancelReason = why;
+    }
+    if (state->cancelEvent) {
+        state->cancelEvent->Set();
+    }
+}
+
+std::optional<std::string> ZOperation::CancelReason() const {
+    return m_message.Lock()->cancelReason;
+}
+
+const ZStopEvent& ZOperation::CancelEvent() {
+    const auto state = m_message.Lock();
+    if (!state->cancelEvent) {
+        state->cancelEvent = std::make_unique<ZStopEvent>();
+        if (state->cancelReason) {
+            state->cancelEvent->Set();
+        }
+    }
+    return *state->cancelEvent;
+}
