@@ -5,6 +5,7 @@
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZPlatform.h"
 #include "ZShared/ZScopeEnd.h"
+#include "ZShared/ZStopEvent.h"
 
 namespace fs = std::filesystem;
 
@@ -12,7 +13,6 @@ Z_IMPLEMENT(ZNodeArborInstall_BuildAction)
 
 namespace {
 
-constexpr const char* kVerdinBoard = "verdin-imx8mm";
 constexpr const char* kOtherBoard = "apalis-imx8";
 
 std::string ModelName(ZDeviceModel model) {
@@ -53,11 +53,15 @@ bool ZNodeArborInstall::OnCheckCompatibility(std::shared_ptr<ZMessage>& message)
 }
 
 void ZNodeArborInstall::DecideBuild(const std::shared_ptr<ZMessage>& request) {
+    const auto& compatibility = static_cast<const ZDeviceCompatibilityMsg&>(*request);
+    const ZString board = ToZString(BoardAsked(compatibility));
+    (*m_accessoryBoards.Lock())[compatibility.m_Model] = board;
     if (m_bBuildInProgress) {
         Z_LOG(2, "Build already in progress");
         return;
     }
-    if (m_tables.Build(m_systemVersion)) {
+    // A package for another board is none for this one.
+    if (m_tables.BuildFor(m_systemVersion, board)) {
         Z_LOG(2, "Skipping build because we already have it");
         return;
     }
@@ -65,7 +69,7 @@ void ZNodeArborInstall::DecideBuild(const std::shared_ptr<ZMessage>& request) {
     const auto copy = ZNodeComm::CloneMessage(request);
     // Set before the action starts: it may have ended, and cleared the flag, when RunAction returns.
     m_bBuildInProgress = true;
-    if (!RunAction("Build", copy)) {
+    if (!StartJob("Build", copy, {.kind = ZOperationKind::Build, .version = m_systemVersion.m_text, .file = board})) {
         m_bBuildInProgress = false;
     }
 }
@@ -75,64 +79,81 @@ void ZNodeArborInstall::BuildPackage(const std::shared_ptr<ZDeviceCompatibilityM
     if (!message) {
         return;
     }
+    const auto operation = TakeJob(message, {.kind = ZOperationKind::Build, .version = m_systemVersion.m_text});
     try {
-        RunBuild(*message);
+        const ZStopScope scope(operation->CancelEvent());
+        const auto built = RunBuild(*message);
+        if (const auto why = operation->CancelReason(); why && !built) {
+            operation->Cancel(ToZString("cancelled " + *why));
+        } else if (!built) {
+            operation->Fail(ToZString(built.error().text));
+        } else {
+            operation->Succeed();
+        }
     } catch (const std::exception& error) {
         Z_LOG(4, "%s", error.what());
+        operation->Fail(error.what());
     }
 }
 
-void ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message) {
+ZResult<void> ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message) {
     const fs::path directory = m_archivePath / fs::path(m_systemVersion.m_text);
     Z_LOG(2, "Build package for model <%s> board = <%s>", ModelName(message.m_Model), message.m_Board);
     const std::string board = BoardOf(message);
     const auto script = InstallerScript(directory);
     if (!script) {
-        return;
+        return script.error();
     }
     if (!fs::is_directory(directory)) {
         Z_LOG(4, "No package installed at %s", directory);
-        return;
+        return ZError("there is no " + directory.string());
     }
     // Neither is quoted in the command line.
     if (!IsPlainShellWord(script->string()) || !IsPlainShellWord(board, true)) {
         Z_LOG(4, "Build refused: script <%s> or board <%s> can't stand in a command line", script->c_str(), board);
-        return;
+        return ZError("the script's or the board's name can't stand in a command line");
     }
-    const std::string package = board == kVerdinBoard ? kPackageName : "arbor_kite.pkg";
+    const std::string package = board == kPackageBoard ? kPackageName : "arbor_kite.pkg";
     const std::string command = script->string() + " --build --device " + board + " --output " + package;
     Z_LOG(2, "Build command: %s", command);
     std::string output;
-    const bool built = ZPlatform::ExecuteCommand(command, output);
+    const fs::path file = directory / package;
+    const bool ran = ZPlatform::ExecuteCommand(command, output);
+    const bool built = ran && fs::is_regular_file(file);
     if (built) {
-        m_tables.SetBuild(m_systemVersion, directory / package);
+        m_tables.SetBuild(m_systemVersion, ToZString(board), file);
     }
     Z_LOG(2, "%s: %s", built ? "SUCCESS" : "FAILURE", output.c_str());
+    if (ran && !built) {
+        return ZError("the installer's script ended well and left no " + file.string());
+    }
+    return built ? ZResult<void>() : ZError(output.empty() ? "the installer's script failed" : output);
 }
 
-std::string ZNodeArborInstall::BoardOf(const ZDeviceCompatibilityMsg& message) {
+std::string ZNodeArborInstall::BoardAsked(const ZDeviceCompatibilityMsg& message) {
     if (!message.m_Board.empty()) {
         return ToStdString(message.m_Board);
     }
-    std::string board;
-    if (message.m_BoardType == 1) {
-        board = kVerdinBoard;
-    } else if (message.m_BoardType == 0) {
-        board = kOtherBoard;
+    return message.m_BoardType == 1 ? kPackageBoard : message.m_BoardType == 0 ? kOtherBoard : "";
+}
+
+std::string ZNodeArborInstall::BoardOf(const ZDeviceCompatibilityMsg& message) {
+    const std::string board = BoardAsked(message);
+    if (message.m_Board.empty()) {
+        Z_LOG(2, "No board set in compatability request, set to %s", board);
     }
-    Z_LOG(2, "No board set in compatability request, set to %s", board);
     return board;
 }
 
-std::optional<fs::path> ZNodeArborInstall::InstallerScript(const fs::path& versionDirectory) {
+ZResult<fs::path> ZNodeArborInstall::InstallerScript(const fs::path& versionDirectory) {
     const auto manifest = m_tables.Manifest(m_systemVersion);
     if (!manifest) {
         Z_LOG(4, "Could not find manifest for current software version %s", m_systemVersion.Get());
-        return std::nullopt;
+        return ZError("the archive holds no manifest of version " + ToStdString(m_systemVersion.m_text));
     }
     if (manifest->m_InstallerPath.empty()) {
         Z_LOG(4, "No Installer Path for package %s: %s", m_systemVersion.Get(), manifest->m_InstallerPath);
-        return std::nullopt;
+        return ZError("the manifest of version " + ToStdString(m_systemVersion.m_text) + " names no installer");
     }
     return versionDirectory / fs::path(manifest->m_InstallerPath) / "installer.py";
 }

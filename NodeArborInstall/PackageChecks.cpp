@@ -11,88 +11,105 @@ namespace {
 
 // Far beyond any version; what is longer is a flood that began with a number.
 constexpr std::size_t kLongestVersion = std::size_t{64} * 1024;
+// Of what a package says of itself, in a reason that people read.
+constexpr std::size_t kShownOutput = 500;
 
 }  // namespace
 
-bool ZNodeArborInstall::ProcessStorageDevices(const ZVector<ZString>& drives, std::shared_ptr<ZMessageArray>& results) {
-    Z_LOG(2, "Processing Storage devices ");
-    bool any = false;
-    for (const ZString& drive : drives) {
-        Z_LOG(2, "Checking drive %s", drive);
-        any = ScanDrive(fs::path(drive), results) || any;
-    }
-    return any;
+std::future<bool> ZNodeArborInstall::QueueCheck(const fs::path& file, const std::shared_ptr<ZMessageArray>& results,
+                                                const ZOperationSubject& subject, const ZMessage* request) {
+    const auto operation = BeginOperation(subject, request);
+    const CheckOrder order{operation, ++m_checkOrder};
+    return m_checks.Add([this, file, results, order] {
+        ZOperation& job = *order.operation;
+        if (const auto why = job.CancelReason()) {
+            job.Cancel(ToZString("cancelled " + *why));
+            return false;
+        }
+        job.Start();
+        const ZStopScope scope(job.CancelEvent());
+        auto found = results;
+        return CheckPackage(file, found, order);
+    });
 }
 
-bool ZNodeArborInstall::ScanDrive(const fs::path& drive, std::shared_ptr<ZMessageArray>& results) {
-    bool any = false;
-    std::error_code error;
-    fs::directory_iterator entry(drive, error);
-    for (; !error && !InShutdown() && entry != fs::directory_iterator(); entry.increment(error)) {
-        any = CheckDriveEntry(entry->path(), results) || any;
-    }
-    if (error) {
-        Z_LOG(4, "Error reading drive %s: %s", drive, error.message());
-    }
-    return any;
-}
-
-bool ZNodeArborInstall::CheckDriveEntry(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
-    Z_LOG(2, "Checking file %s", file);
-    std::error_code error;
-    const fs::file_status status = fs::status(file, error);
-    if (error) {
-        Z_LOG(4, "Error getting file permissions %d", error.value());
-    }
-    const bool known = !error && status.permissions() != fs::perms::unknown;
-    const bool executable = known && IsExecutable(status.permissions());
-    const bool regular = fs::is_regular_file(status);
-    if (!executable || !regular) {
-        Z_LOG(2, "File %s %s and %s", file.c_str(), executable ? "is executable" : "Not Executable",
-              regular ? "is regular file" : "Is NOT a regular file");
-        return false;
-    }
-    if (file.extension() != ".pkg") {
-        return false;
-    }
-    Z_LOG(2, "Found package file %s", file);
-    return CheckPackageFile(file, results);
+bool ZNodeArborInstall::CheckNow(const fs::path& file, std::shared_ptr<ZMessageArray>& results,
+                                 const ZMessage* request) {
+    return QueueCheck(file, results, {.kind = ZOperationKind::Check, .file = ToZString(file.string())}, request).get();
 }
 
 bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
+    const ZOperationSubject subject{.kind = ZOperationKind::Check, .file = ToZString(file.string())};
+    const CheckOrder order{BeginOperation(subject), ++m_checkOrder};
+    order.operation->Start();
+    return CheckPackage(file, results, order);
+}
+
+bool ZNodeArborInstall::RunCheck(const std::string& command, std::string& output, ZClock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now());
+    return ZPlatform::ExecuteCommand(command, output, std::max(left, std::chrono::milliseconds(1)));
+}
+
+bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMessageArray>& results,
+                                     const CheckOrder& order) {
     using Codes = ZFrameworkErrorCodes;
+    ZOperation& operation = *order.operation;
+    const auto deadline = ZClock::now() + std::chrono::seconds(Config().m_CheckTimeoutSeconds);
     const ZString path = ToZString(file.string());
     const std::string command = ShellEscape(file.string()) + " --version";
     std::string output;
-    if (!ZPlatform::ExecuteCommand(command, output)) {
+    if (!RunCheck(command, output, deadline)) {
         Z_LOG(4, "Execute command %s failed: %s", command, output);
-        AddInvalidPackage(results, "unknown", path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
+               "it does not tell its version: " + output, operation);
         return false;
     }
     ZSoftwareVersion version;
     version.Set(ToZString(output));
     if (!version.m_valid || output.size() > kLongestVersion) {
         Z_LOG(4, "File <%s> Invalid package <%s>", path, output);
-        AddInvalidPackage(results, "unknown", path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
+               "what it tells is no version: " + output.substr(0, kShownOutput), operation);
         return true;
     }
-    if (!VerifyPackageFile(file, version, output)) {
+    operation.SetVersion(version.m_text);
+    if (!VerifyPackageFile(file, version, output, deadline)) {
         Z_LOG(4, "Verification failed on %s: %s", path, output);
-        AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, output, operation);
         return false;
     }
     if (!IsVersionAllowed(version, file)) {
-        AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED);
+        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED,
+               "it is older than the installed version " + ToStdString(m_systemVersion.m_text), operation);
         return true;
     }
-    if (!RecordPackage(file, version)) {
+    if (!RecordPackage(file, version, order)) {
         Z_LOG(4, "File <%s> went away while it was checked", path);
-        AddInvalidPackage(results, version.m_text, path, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
+               "it went away while it was checked", operation);
+        return true;
     }
+    operation.Succeed();
     return true;
 }
 
-bool ZNodeArborInstall::VerifyPackageFile(const fs::path& file, const ZSoftwareVersion& version, std::string& output) {
+void ZNodeArborInstall::Refuse(std::shared_ptr<ZMessageArray>& results, const ZString& version, const fs::path& file,
+                               ZFrameworkErrorCodes::ZErrorCode code, const std::string& reason,
+                               ZOperation& operation) {
+    const ZString path = ToZString(file.string());
+    AddInvalidPackage(results, version, path, code);
+    if (const auto why = operation.CancelReason()) {
+        operation.Cancel(ToZString("cancelled " + *why));
+        return;  // nothing was found out about the file
+    }
+    const ZString text = ToZString(reason.substr(0, kShownOutput));
+    operation.Fail(text.empty() ? "it was not accepted, and does not say why" : text, code);
+    ForgetFile(file);
+    KeepRefused(version, path, code, operation.Get()->m_Reason);
+}
+
+bool ZNodeArborInstall::VerifyPackageFile(const fs::path& file, const ZSoftwareVersion& version, std::string& output,
+                                          ZClock::time_point deadline) {
     const std::string escaped = ShellEscape(file.string());
     Z_LOG(2, "Verify File <%s> Version <%s> Board <%s>", escaped, version.Get(), m_board);
     // The board stands unquoted in the command line: one that a shell would read as more than a word is not passed on.
@@ -100,7 +117,7 @@ bool ZNodeArborInstall::VerifyPackageFile(const fs::path& file, const ZSoftwareV
         output = "the board's name can't stand in a command line";
         return false;
     }
-    return ZPlatform::ExecuteCommand(escaped + " --verify " + ToStdString(m_board), output);
+    return RunCheck(escaped + " --verify " + ToStdString(m_board), output, deadline);
 }
 
 bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const fs::path& file) {
@@ -115,31 +132,22 @@ bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const 
     return true;
 }
 
-bool ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version) {
+bool ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version, const CheckOrder& order) {
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(file, error);
+    if (error) {
+        return false;
+    }
     std::optional<VersionTables::PackageTable::value_type> erased;
-    const auto isThere = [&file] {
-        std::error_code error;
-        return fs::exists(file, error);
-    };
-    if (m_tables.RecordPackage(version, file, isThere, erased) == VersionTables::Recorded::Gone) {
+    const auto isWanted = [&order] { return !order.operation->CancelReason().has_value(); };
+    if (m_tables.RecordPackage({version, file, order.order, static_cast<std::int64_t>(size)}, isWanted, erased) ==
+        VersionTables::Recorded::Gone) {
         return false;
     }
     if (erased) {
         Z_LOG(2, "Erasing duplicate package file %s version %s", erased->second, erased->first.Get());
     }
-    return true;
-}
-
-bool ZNodeArborInstall::RemoveStorageDevices(const ZVector<ZString>& drives) {
-    for (const ZString& drive : drives) {
-        const fs::path root = fs::path(drive).lexically_normal();
-        if (root.empty()) {
-            continue;  // would be the beginning of every path
-        }
-        for (const fs::path& package : m_tables.RemoveDrive(root)) {
-            Z_LOG(2, "Removing package %s", package);
-        }
-    }
+    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return fs::path(entry->m_File) == file; });
     return true;
 }
 

@@ -4,6 +4,8 @@
 
 /// The package in a version's directory of the archive.
 inline constexpr const char* kPackageName = "arbor_qm.pkg";
+/// The board that it is for: no other one's package has that name.
+inline constexpr const char* kPackageBoard = "verdin-imx8mm";
 /// Where installers find the archive: a fixed path of every instrument, on its accessory too.
 inline constexpr const char* kInstallersArchive = "/media/mmcblk1p3/Packages";
 

@@ -1,6 +1,13 @@
 #include "ZNodeArborInstall.h"
+#include "ZShared/ZCommandRunner.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+
+constexpr auto kDrivePatience = std::chrono::seconds(2);
+
+}  // namespace
 
 fs::path ZNodeArborInstall::GetBuild(ZSoftwareVersion& version) {
     auto build = m_tables.Build(version);
@@ -36,5 +43,30 @@ bool ZNodeArborInstall::FindPackage(const ZString& versionText, fs::path& packag
         return false;
     }
     packagePath = *package;
-    return fs::exists(packagePath);
+    // The drive may not answer any more, and whoever calls must.
+    const auto exists = ExistsWithin(packagePath.string(), kDrivePatience);
+    if (!exists) {
+        Z_LOG(4, "%s", exists.error().text);
+    }
+    return exists && *exists;
+}
+
+fs::path ZNodeArborInstall::PackageFor(const ZString& version, ZDeviceModel accessory, std::string& reason) {
+    fs::path package = GetPackage(version);
+    if (package.empty()) {
+        reason = "there is no package of version " + ToStdString(version);
+        return package;
+    }
+    const auto boards = m_accessoryBoards.Copy();
+    const auto asked = boards.find(accessory);
+    const ZString built = m_tables.BoardOf(package);
+    if (asked == boards.end() || built.empty() || built == asked->second) {
+        return package;  // as far as it is known, it fits
+    }
+    if (const auto fitting = m_tables.BuildFor(ZSoftwareVersion(version), asked->second)) {
+        return *fitting;
+    }
+    reason = "the package of version " + ToStdString(version) + " is for board " + ToStdString(built) +
+             ", the accessory has " + ToStdString(asked->second);
+    return {};
 }

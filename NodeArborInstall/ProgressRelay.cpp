@@ -1,13 +1,16 @@
 #include "ProgressRelay.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "ZShared/ZDeadline.h"
 #include "ZShared/ZUnixAddress.h"
@@ -16,15 +19,29 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// An install starts all the same when its relay is not ready after this.
-constexpr auto kRelayStartLimit = std::chrono::seconds(2);
+// A relay that is not ready after this will not be; one that was told to end has ended long before.
+constexpr auto kRelayStartLimit = std::chrono::seconds(10);
+constexpr auto kRelayEndLimit = std::chrono::seconds(5);
 constexpr int kPollMilliseconds = 500;  // bounds how long a stopped relay goes on
 // A client that writes without a pause must not keep the others, or a stop, waiting.
 constexpr int kMostReadsAtOnce = 64;
+constexpr int kMostStrangersAtOnce = 64;
+constexpr int kMostLastPasses = 200;  // after the end of what is listened for: somebody writes without a pause
 
 /// Connections that are refused for want of descriptors or memory stay in the queue: asking again at once is no use.
 bool IsOutOfResources(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+/// A peer whose cable was cut is given up after some 15 s.
+void SetKeepAlive(int socket) {
+    const auto set = [socket](int level, int option, int value) {
+        ::setsockopt(socket, level, option, &value, sizeof value);
+    };
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, 6);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, 3);
+    set(IPPROTO_TCP, TCP_KEEPCNT, 3);
 }
 
 /// Only a socket was left by a relay: whatever else has the name stays.
@@ -36,53 +53,87 @@ bool RemoveSocket(const fs::path& path) {
 }  // namespace
 
 ProgressRelay::~ProgressRelay() {
+    CloseClients();
+}
+
+void ProgressRelay::CloseClients() {
     for (const int client : m_progressMessages) {
         ::close(client);
     }
+    m_progressMessages.clear();
 }
 
 void ProgressRelay::Announce() {
-    m_bDecided.Exchange(false);
+    m_failure.Exchange({});
+    m_decision.Exchange(Decision::Pending);
 }
 
-void ProgressRelay::SetDecided() {
-    m_bDecided.Exchange(true);
+void ProgressRelay::Decide(Decision decision) {
+    m_decision.Exchange(decision);
     m_changed.notify_all();
 }
 
-void ProgressRelay::WaitUntilDecided() {
-    m_bDecided.Lock().WaitUntil(m_changed, ZClock::now() + kRelayStartLimit, [](bool decided) { return decided; });
+bool ProgressRelay::WaitUntilListening() {
+    auto decision = m_decision.Lock();
+    decision.WaitUntil(m_changed, ZClock::now() + kRelayStartLimit,
+                       [](Decision value) { return value != Decision::Pending; });
+    return *decision == Decision::Listens;
+}
+
+void ProgressRelay::EndWhenRead() {
+    m_bEnding = true;
+    m_wakeUp.Set();
+}
+
+void ProgressRelay::SetFree() {
+    m_progressSocket = 0;
+    m_bBound.Exchange(false);
+    m_freed.notify_all();
+}
+
+void ProgressRelay::WaitUntilFree() {
+    m_bBound.Lock().WaitUntil(m_freed, ZClock::now() + kRelayEndLimit, [](bool bound) { return !bound; });
 }
 
 bool ProgressRelay::Bind(int socket, const Place& place) {
     const bool bound = BindAndListen(socket, place);
-    SetDecided();
+    Decide(bound ? Decision::Listens : Decision::Failed);
     return bound;
 }
 
 bool ProgressRelay::BindAndListen(int socket, const Place& place) {
     auto table = std::make_unique<PollTable>();
+    table->peer = place.peer;
     std::int64_t unbound = 0;
     if (!m_progressSocket.compare_exchange_strong(unbound, static_cast<std::int64_t>(socket) + 1)) {
         Z_LOG(4, "Unable to bind() socket: %s", std::strerror(EADDRINUSE));  // another relay runs
+        m_failure.Exchange("another install's progress is being relayed");
         return false;
     }
+    m_bBound.Exchange(true);
+    m_bEnding = false;
+    m_wakeUp.Clear();
+    CloseClients();
     if (const int failure = BindAddress(socket, place); failure != 0) {
         Z_LOG(4, "Unable to bind() socket: %s", std::strerror(failure));
+        m_failure.Exchange((place.bUnix ? place.Path().string() : "port " + std::to_string(place.port)) + ": " +
+                           std::strerror(failure));
     } else if (::listen(socket, 5) != 0) {
         Z_LOG(4, "Unable to listen() socket: %s", std::strerror(errno));
+        m_failure.Exchange(std::string("listening: ") + std::strerror(errno));
     } else {
         m_pollTable = std::move(table);
+        m_lonelySince = ZClock::now();
         Z_LOG(2, "Install progress socket bound and listening");
         return true;
     }
-    m_progressSocket = 0;
+    SetFree();
     return false;
 }
 
 /// 0, or the system's error number.
 int ProgressRelay::BindAddress(int socket, const Place& place) const {
-    return place.bUnix ? BindUnix(socket, place) : BindPort(socket, place.port);
+    return place.bUnix ? BindUnix(socket, place) : BindPort(socket, place);
 }
 
 int ProgressRelay::BindUnix(int socket, const Place& place) const {
@@ -97,11 +148,14 @@ int ProgressRelay::BindUnix(int socket, const Place& place) const {
     return ::bind(socket, address->Get(), ZUnixAddress::Size()) == 0 ? 0 : errno;
 }
 
-int ProgressRelay::BindPort(int socket, std::uint16_t port) const {
+int ProgressRelay::BindPort(int socket, const Place& place) const {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    Z_LOG(2, "Binding install progress socket to port %d", static_cast<int>(port));
+    address.sin_port = htons(place.port);
+    Z_LOG(2, "Binding install progress socket to port %d", static_cast<int>(place.port));
+    if (!place.address.empty() && ::inet_pton(AF_INET, place.address.c_str(), &address.sin_addr) != 1) {
+        return EADDRNOTAVAIL;
+    }
     // Connections of the relay before may still linger on the port.
     const int reuse = 1;
     ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
@@ -115,7 +169,7 @@ void ProgressRelay::Close(int socket, const Place& place) {
         const bool removed = RemoveSocket(place.Path());
         Z_LOG(2, "Progress local socket closed and file %s", removed ? "removed" : "remove failed");
     }
-    m_progressSocket = 0;
+    SetFree();
 }
 
 std::size_t ProgressRelay::FillPollTable(int listener) {
@@ -128,6 +182,7 @@ std::size_t ProgressRelay::FillPollTable(int listener) {
     for (const int client : m_progressMessages) {
         entries[count++] = {client, POLLIN, 0};
     }
+    entries[count] = {m_wakeUp.Descriptor(), POLLIN, 0};
     return count;
 }
 
@@ -136,13 +191,16 @@ bool ProgressRelay::Pass(int socket, ZCommStream& stream) {
         Z_LOG(4, "Socket descriptor for install progress is not set");
         return true;
     }
+    const bool ending = m_bEnding;  // before the poll: what was sent by now is in it
     const std::size_t count = FillPollTable(socket);
-    int ready = ::poll(m_pollTable->entries.data(), count, kPollMilliseconds);
+    int ready = ::poll(m_pollTable->entries.data(), count + 1, kPollMilliseconds);
     if (ready < 0) {
         Z_LOG(4, "Error on SocketLoop poll: %s", std::strerror(errno));
         return true;
     }
-    bool keepRunning = true;
+    ready -= m_pollTable->entries[count].revents != 0 ? 1 : 0;  // set until the next Bind: no pass sleeps any more
+    // While anything comes, more may.
+    bool keepRunning = !ending || (ready > 0 && ++m_pollTable->lastPasses < kMostLastPasses);
     bool endPass = false;
     for (std::size_t index = 0; index < count && ready > 0 && !endPass; ++index) {
         const pollfd& entry = m_pollTable->entries[index];
@@ -175,7 +233,7 @@ void ProgressRelay::HandleHangup(const pollfd& entry, bool isListener, bool& kee
 
 void ProgressRelay::AcceptClients(int listener) {
     while (m_progressMessages.size() + 1 < kPollEntries) {
-        const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        const int client = AcceptFromPeer(listener);
         if (client < 0) {
             m_pollTable->bAcceptPaused = IsOutOfResources(errno);
             break;
@@ -191,13 +249,43 @@ void ProgressRelay::AcceptClients(int listener) {
             break;
         }
         m_progressMessages.push_back(client);
+        m_lonelySince.reset();
     }
     Z_LOG(2, "No more clients connected");
+}
+
+/// The next connection of the accessory, or, where there is none, of whoever comes; negative when nobody does.
+int ProgressRelay::AcceptFromPeer(int listener) {
+    for (int strangers = 0; strangers < kMostStrangersAtOnce; ++strangers) {
+        sockaddr_in address{};
+        socklen_t size = sizeof address;
+        const bool any = m_pollTable->peer.empty();
+        const int client = ::accept4(listener, any ? nullptr : reinterpret_cast<sockaddr*>(&address),
+                                     any ? nullptr : &size, SOCK_CLOEXEC);
+        if (client < 0 || any) {
+            return client;
+        }
+        std::array<char, INET_ADDRSTRLEN> text{};
+        ::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
+        if (m_pollTable->peer == text.data()) {
+            SetKeepAlive(client);
+            return client;
+        }
+        if (!std::exchange(m_pollTable->bStrangerTold, true)) {
+            Z_LOG(3, "Progress from %s is refused: %s is being installed", text.data(), m_pollTable->peer);
+        }
+        ::close(client);
+    }
+    errno = EAGAIN;
+    return -1;
 }
 
 void ProgressRelay::RemoveClient(int descriptor) {
     m_progressMessages.remove(descriptor);
     ::close(descriptor);
+    if (m_progressMessages.empty()) {
+        m_lonelySince = ZClock::now();
+    }
 }
 
 bool ProgressRelay::ReadClient(int descriptor, ZCommStream& stream, bool& keepRunning) {

@@ -1,19 +1,58 @@
 #include <magic_enum/magic_enum.hpp>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 
 #include "PackageFiles.h"
 #include "ShellText.h"
 #include "ZNodeArborInstallActions.h"
+#include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZPlatform.h"
 #include "ZShared/ZScopeEnd.h"
+#include "ZShared/ZStopEvent.h"
 
 namespace fs = std::filesystem;
 
 Z_IMPLEMENT(ZNodeArborInstall_RemoteInstallAction)
+
+namespace {
+
+/// This host's address on the way to that one, both IPv4; empty when there is no way. Nothing is sent.
+std::string OwnAddressTowards(const std::string& address) {
+    sockaddr_in there{};
+    there.sin_family = AF_INET;
+    there.sin_port = htons(9);  // any will do
+    const ZFileDescriptor descriptor(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in here{};
+    socklen_t size = sizeof here;
+    std::array<char, INET_ADDRSTRLEN> text{};
+    const bool known = ::inet_pton(AF_INET, address.c_str(), &there.sin_addr) == 1 &&
+                       ::connect(descriptor.Get(), reinterpret_cast<const sockaddr*>(&there), sizeof there) == 0 &&
+                       ::getsockname(descriptor.Get(), reinterpret_cast<sockaddr*>(&here), &size) == 0 &&
+                       ::inet_ntop(AF_INET, &here.sin_addr, text.data(), text.size()) != nullptr;
+    return known ? text.data() : "";
+}
+
+}  // namespace
+
+bool ZNodeArborInstall::ListenToAccessory(const std::string& own, const std::string& accessory,
+                                          const std::shared_ptr<ZOperation>& operation) {
+    const auto install = m_accessoryInstall.Lock();
+    if (install->operation) {
+        return false;
+    }
+    *install = {own, accessory, operation};
+    return true;
+}
+
+void ZNodeArborInstall::StopListeningToAccessory() {
+    m_accessoryInstall.Exchange({});
+}
 
 bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {
     if (InShutdown() || m_bShutdownRequested) {
@@ -31,12 +70,19 @@ bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {
     if (!request) {
         return true;
     }
+    if (ZResponseSource(*msg).IsAbandoned()) {
+        Z_LOG(3, "The remote install on %s is not begun: whoever asked for it has gone", request->m_SerialNumber);
+        return true;
+    }
     Z_LOG(2, "About to RunAction(RemoteInstall) for version %s", request->m_Version);
     m_RemoteInstallSerial.Exchange(request->m_SerialNumber);
     m_UpdateVersion.Exchange(request->m_Version);
     // Busy from here on, not only when the action's thread runs: a shutdown request may be next in the queue.
     m_remoteInstallHolds.Lock()->push_back(std::make_shared<ZUseFlag::Hold>(m_bBusy));
-    if (!RunAction("RemoteInstall", msg)) {
+    // It is always this device's own version that is installed.
+    const ZOperationSubject subject{
+        .kind = ZOperationKind::RemoteInstall, .version = m_systemVersion.m_text, .device = request->m_SerialNumber};
+    if (!StartJob("RemoteInstall", msg, subject)) {
         TakeRemoteInstallHold();
     }
     return true;
@@ -105,9 +151,24 @@ bool ZNodeArborInstall_RemoteInstallAction::CanStandInCommands(const std::string
     return can;
 }
 
-void ZNodeArborInstall_RemoteInstallAction::Answer(const std::shared_ptr<ZMessageArray>& answer, bool success) {
-    std::static_pointer_cast<ZVersionInfoMsg>(answer->m_Messages.front())->m_bSuccess = success;
-    Node().PublishResponse(m_pMessage, answer, true, false);
+void ZNodeArborInstall_RemoteInstallAction::Answer(bool success, const std::string& reason,
+                                                   ZFrameworkErrorCodes::ZErrorCode code) {
+    const auto info = std::static_pointer_cast<ZVersionInfoMsg>(m_answer->m_Messages.front());
+    info->m_bSuccess = success;
+    info->m_ErrorCode = code;
+    info->m_ErrorText = ToZString(reason);
+    Node().PublishResponse(m_pMessage, m_answer, true, false);
+    if (!success) {
+        m_operation->Fail(ToZString(reason), code);
+    }
+}
+
+void ZNodeArborInstall_RemoteInstallAction::Fail(const std::string& reason) {
+    if (const auto why = m_operation->CancelReason()) {
+        m_operation->Cancel(ToZString("cancelled " + *why));
+    } else {
+        m_operation->Fail(ToZString(reason));
+    }
 }
 
 bool ZNodeArborInstall_RemoteInstallAction::Work() {
@@ -116,34 +177,56 @@ bool ZNodeArborInstall_RemoteInstallAction::Work() {
         return true;
     }
     const std::shared_ptr<ZUseFlag::Hold> busy = Node().TakeRemoteInstallHold();
-    const ZScopeEnd clear([this] { Node().SetUpdateInProgress(false); });
+    m_operation = Node().TakeJob(m_pMessage, {.kind = ZOperationKind::RemoteInstall,
+                                              .version = Node().SystemVersion().m_text,
+                                              .device = request->m_SerialNumber});
     const auto info = Z_MAKE(ZVersionInfoMsg);
     info->m_VersionType = "System";
     info->m_bInstalled = false;
-    const auto answer = Z_MAKE(ZMessageArray);
-    answer->Add(info);
+    m_answer = Z_MAKE(ZMessageArray);
+    m_answer->Add(info);
+    const ZStopScope scope(m_operation->CancelEvent());
+    Install(*request);
+    return true;
+}
 
+void ZNodeArborInstall_RemoteInstallAction::Install(const ZSystemUpdateMsg& request) {
     const std::string ownName = OwnName();
     std::string address;
-    if (!FindRemoteHostname(address, std::string(magic_enum::enum_name(request->m_DeviceModel)),
-                            ToStdString(request->m_SerialNumber))) {
+    if (!FindRemoteHostname(address, std::string(magic_enum::enum_name(request.m_DeviceModel)),
+                            ToStdString(request.m_SerialNumber))) {
         Z_LOG(4, "Unable to find the QM host name");
-        Answer(answer, false);
-        return true;
+        Answer(false, "the accessory was not found in the network");
+        return;
     }
-    Node().SetUpdateInProgress(true);
+    // The progress of one accessory at a time can be told from others'.
+    const bool listens = Node().ListenToAccessory(OwnAddressTowards(address), address, m_operation);
+    const ZScopeEnd stopListening([&] {
+        if (listens) {
+            Node().StopListeningToAccessory();
+        }
+    });
+    if (!listens) {
+        Answer(false, "another accessory is being installed", ZFrameworkErrorCodes::ERRCODE_BUSY);
+        return;
+    }
+    const ZUseFlag::Hold inProgress(Node().RemoteInstallsFlag());
+    const auto info = std::static_pointer_cast<ZVersionInfoMsg>(m_answer->m_Messages.front());
     info->m_Version = Node().SystemVersion().m_text;
-    const std::string source = Node().GetPackage(info->m_Version).string();
+    std::string reason;
+    const std::string source = Node().PackageFor(info->m_Version, request.m_DeviceModel, reason).string();
     if (source.empty()) {
-        Answer(answer, false);
-        return true;
+        Answer(false, reason);
+        return;
     }
-    const bool canRun = CanStandInCommands(source, ownName);
-    Answer(answer, canRun);
-    if (canRun && RunCommands(MakeCommands(address, source, ownName))) {
-        RelayProgress();
+    if (!CanStandInCommands(source, ownName)) {
+        Answer(false, "a path or a name can't stand in a command line");
+        return;
     }
-    return true;
+    Answer(true);
+    if (RunCommands(MakeCommands(address, source, ownName))) {
+        RelayProgress(address);
+    }
 }
 
 ZNodeArborInstall_RemoteInstallAction::Commands ZNodeArborInstall_RemoteInstallAction::MakeCommands(
@@ -164,6 +247,7 @@ bool ZNodeArborInstall_RemoteInstallAction::RunCommands(const Commands& commands
     Z_LOG(2, "Execute: %s", commands.led);
     if (!ZPlatform::ExecuteCommand(commands.led, output)) {
         Z_LOG(4, "Unable to set LED on remote machine - Result = <%s>!", output);
+        Fail("the accessory can't be reached by ssh: " + output);
         return false;
     }
     Z_LOG(2, "Execute: %s", commands.folder);
@@ -173,27 +257,40 @@ bool ZNodeArborInstall_RemoteInstallAction::RunCommands(const Commands& commands
     const auto onLine = [this](const std::string& line) { InstallProgress(line, "copy"); };
     if (!ZPlatform::ExecuteCommand(commands.copy, onLine, nullptr)) {
         Z_LOG(4, "Failed to copy update file from remote");
+        Fail("the package could not be copied to the accessory");
         return false;
     }
     Z_LOG(2, "Execute: %s", commands.install);
     if (!ZPlatform::ExecuteCommand(commands.install, output)) {
         Z_LOG(4, "Error executing remote install script");
+        Fail("the installer could not be started on the accessory: " + output);
         return false;
     }
     Z_LOG(2, "Successfully started remote install install.");
     return true;
 }
 
-void ZNodeArborInstall_RemoteInstallAction::RelayProgress() {
+void ZNodeArborInstall_RemoteInstallAction::RelayProgress(const std::string& address) {
     const std::optional<int> descriptor = MakeRelaySocket(AF_INET);
     if (!descriptor) {
+        Fail("there is no socket for the accessory's progress");
         return;
     }
-    if (Node().BindSocket(*descriptor, false)) {
-        RelayUntilDone(*descriptor, false);
-    } else {
+    ProgressRelay& relay = Node().Relay(false);
+    relay.WaitUntilFree();
+    if (!Node().BindSocket(*descriptor, false)) {
         ::close(*descriptor);
+        Fail("the accessory's progress can't be taken: " + relay.Failure());
+        return;
     }
+    RelayUntilDone(*descriptor, false, [&] { return m_operation->CancelReason() || IsSilent(relay); });
+    // Settled by the last document, if one came.
+    Fail("the installer on the accessory (" + address + ") does not report any more: whether it goes on is not known");
+}
+
+bool ZNodeArborInstall_RemoteInstallAction::IsSilent(const ProgressRelay& relay) const {
+    const auto since = relay.LonelySince();
+    return since && ZClock::now() - *since >= std::chrono::seconds(Node().Config().m_AccessoryPatienceSeconds);
 }
 
 void ZNodeArborInstall_RemoteInstallAction::InstallProgress(std::string line, std::string component) {
@@ -218,6 +315,9 @@ void ZNodeArborInstall_RemoteInstallAction::InstallProgress(std::string line, st
     progress->m_Header = "Transfer install package";
     progress->m_Percent = static_cast<std::int32_t>(percent);
     Z_LOG(2, "Progress %s %u %%", component, static_cast<unsigned>(percent));
+    if (m_operation) {
+        m_operation->Tell(progress->m_Header, progress->m_Operation, progress->m_Percent);
+    }
     if (!Node().Publish(Node().GetEndpoint(ZEndpointType::Progress, "", 0), progress)) {
         Z_LOG(3, "Failed to publish Progress message");
     }

@@ -197,7 +197,8 @@ void ZNodeArborInstall::ReadVersionDirectory(const fs::path& directory, const ZS
     }
     // Without its package the version is not a build yet: one can be made for a board that asks.
     std::error_code error;
-    m_tables.AddArchived(version, fs::exists(package, error) ? std::optional(package) : std::nullopt, manifest);
+    m_tables.AddArchived(version, fs::exists(package, error) ? std::optional(package) : std::nullopt, kPackageBoard,
+                         manifest);
 }
 
 std::shared_ptr<ZSystemManifestMsg> ZNodeArborInstall::LoadManifest(const fs::path& path) {

@@ -1,10 +1,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <numeric>
 
 #include "PackageFiles.h"
 #include "ZNodeArborInstallActions.h"
+#include "ZShared/ZChildReaper.h"
 #include "ZShared/ZPlatform.h"
 
 namespace fs = std::filesystem;
@@ -13,8 +15,13 @@ Z_IMPLEMENT(ZNodeArborInstall_ProcessAction)
 Z_IMPLEMENT(ZNodeArborInstall_ProgressAction)
 
 bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
+    using Codes = ZFrameworkErrorCodes;
     const auto request = ZCAST(ZSystemUpdateMsg, msg);
     if (!request) {
+        return true;
+    }
+    if (ZResponseSource(*msg).IsAbandoned()) {
+        Z_LOG(3, "Installing %s is not begun: whoever asked for it has gone", request->m_Version);
         return true;
     }
     Z_LOG(2, "Find package for version <%s> <%s-%s>", request->m_Version, request->m_DeviceModel,
@@ -23,18 +30,23 @@ bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
     answer->m_Version = request->m_Version;
     answer->m_VersionType = "System";
     answer->m_bInstalled = false;
+    const auto operation = BeginOperation({.kind = ZOperationKind::Install, .version = request->m_Version}, msg.get());
     try {
         fs::path package;
         if (FindPackage(request->m_Version, package)) {
-            StartInstaller(package, *request, *answer);
+            StartInstaller(package, *request, *answer, operation);
         } else {
             LogMissingPackage(request->m_Version);
             answer->m_bSuccess = false;
             // Clients tell a missing package from a broken one by the absence of an error code.
-            answer->m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+            answer->m_ErrorCode = Codes::ERRCODE_NONE;
+            operation->Fail(package.empty() ? "no package of this version is known"
+                                            : "the package " + ToZString(package.string()) + " is not there any more",
+                            Codes::ERRCODE_NOT_FOUND);
         }
-    } catch (const std::exception&) {
+    } catch (const std::exception& error) {
         Z_LOG(4, "Could not find package for software version %s", request->m_Version);
+        operation->Fail(error.what());
         return true;
     }
     PublishResponse(msg, answer, true, false);
@@ -50,31 +62,84 @@ void ZNodeArborInstall::LogMissingPackage(const ZString& version) {
 }
 
 void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpdateMsg& request,
-                                       ZVersionInfoMsg& answer) {
-    m_UpdateVersion.Exchange(request.m_Version);
-    // The relay's socket has to listen before the installer connects, which it may do only once.
-    m_relay.Announce();
-    const bool relaying = RunAction("Progress", nullptr);
-    if (relaying) {
-        m_relay.WaitUntilDecided();
+                                       ZVersionInfoMsg& answer, const std::shared_ptr<ZOperation>& operation) {
+    using Codes = ZFrameworkErrorCodes;
+    const auto refuse = [&](const std::string& reason, Codes::ZErrorCode code) {
+        Z_LOG(code == Codes::ERRCODE_BUSY ? 3 : 4, "Installing %s is refused: %s", request.m_Version, reason);
+        answer.m_bSuccess = false;
+        answer.m_ErrorCode = code;
+        answer.m_ErrorText = ToZString(reason);
+        operation->Fail(answer.m_ErrorText, code);
+    };
+    if (const auto running = m_install.Copy(); running && running->IsAlive()) {
+        refuse(ToStdString(running->Operation().Get()->m_Version) + " is being installed", Codes::ERRCODE_BUSY);
+        return;
     }
+    m_UpdateVersion.Exchange(request.m_Version);
+    if (const auto relay = StartRelay(request); !relay) {
+        refuse("its progress can't be shown: " + relay.error().text, Codes::ERRCODE_INVALID_REQUEST);
+        return;
+    }
+    operation->SetFile(ToZString(package.string()));
+    operation->Start();
+    const auto life = std::make_shared<InstallLife>(operation, m_slots);
+    m_install.Exchange(life);
     const std::vector<std::string> arguments = InstallerArguments(package, request);
     // Logged run together, as tools that read these logs expect it.
     const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
     Z_LOG(2, "Software update command %s", command);
-    // A request that was still queued when the graph began to end has no requester any more.
-    const bool started = !InShutdown() && ZPlatform::ExecuteCommand(arguments);
-    m_bUpdateInProgress = started;
+    const auto started = RunInstaller(arguments, life);
+    m_bUpdateInProgress = started.has_value();
     Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
-    answer.m_bSuccess = started;
-    answer.m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
+    answer.m_bSuccess = started.has_value();
+    answer.m_ErrorCode = Codes::ERRCODE_NONE;
     if (!started) {
         Z_LOG(4, "Unable to start install process. Kill the progress action");
-        if (relaying) {  // else the newest action is another one
-            StopAction(false);
-        }
-        answer.m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
+        StopRelay();
+        answer.m_ErrorCode = Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
+        answer.m_ErrorText = ToZString(started.error().text);
+        life->OnNotStarted("the installer could not be started: " + answer.m_ErrorText, answer.m_ErrorCode);
     }
+}
+
+/// The relay's socket has to listen before the installer connects, which it may do only once.
+ZResult<void> ZNodeArborInstall::StartRelay(const ZSystemUpdateMsg& request) {
+    m_relay.WaitUntilFree();  // an install that could not be started leaves one that is about to end
+    m_relay.Announce();
+    const bool listens = RunAction("Progress", nullptr) && m_relay.WaitUntilListening();
+    // An installer that reports to another device goes without this one's.
+    if (listens || !request.m_ProgressHost.empty()) {
+        return {};
+    }
+    StopRelay();
+    const std::string reason = m_relay.Failure();
+    return ZError(reason.empty() ? "the relay did not start" : reason);
+}
+
+void ZNodeArborInstall::StopRelay() {
+    if (m_relay.IsBound()) {  // else the newest action is another one
+        StopAction(false);
+        m_relay.EndWhenRead();
+    }
+}
+
+ZResult<void> ZNodeArborInstall::RunInstaller(const std::vector<std::string>& arguments,
+                                              const std::shared_ptr<InstallLife>& life) {
+    if (InShutdown()) {  // a request that was still queued has no requester any more
+        return ZError("the host stops");
+    }
+    const auto process = ZPlatform::StartProgram(arguments, {"ARBOR_OPERATION=" + ToStdString(life->Operation().Id())});
+    if (!process) {
+        return process.error();
+    }
+    life->OnStarted(FindProcess(*process).value_or(ZProcessId{*process, 0}));
+    if (RunAction("Install", nullptr)) {
+        return {};
+    }
+    // What nobody watches must not run.
+    ::kill(-*process, SIGKILL);
+    ZChildReaper::Instance().Watch(*process, arguments.front());
+    return ZError("nothing can watch it");
 }
 
 std::vector<std::string> ZNodeArborInstall::InstallerArguments(const fs::path& package,
@@ -108,8 +173,8 @@ bool ZNodeArborInstall_ProgressAction::Work() {
     if (!Node().BindSocket(*descriptor, true)) {
         Z_LOG(4, "Could not bind socket - close and exist progress loop");
         ::close(*descriptor);
-        return true;  // the install goes on without its progress
+        return true;  // an install that reports here is not begun then
     }
-    RelayUntilDone(*descriptor, true);
+    RelayUntilDone(*descriptor, true, [] { return false; });
     return true;
 }

@@ -53,9 +53,14 @@ private:
 
 bool ZNodeArborInstall::OnTransfer(std::shared_ptr<ZMessage>& msg) {
     Z_LOG(2, "OnTransfer()");
-    if (ZCAST(TransferMsg, msg)) {
+    if (const auto request = ZCAST(TransferMsg, msg)) {
+        if (ZResponseSource(*msg).IsAbandoned()) {
+            Z_LOG(3, "Transferring %s is not begun: whoever asked for it has gone", request->m_Version);
+            return true;
+        }
         Z_LOG(2, "Starting Transfer Action");
-        RunAction("Transfer", msg);
+        StartJob("Transfer", msg,
+                 {.kind = ZOperationKind::Transfer, .version = request->m_Version, .device = request->m_SerialNumber});
     } else {
         Z_LOG(4, "Unknown message in OnTransfer <%s>", msg->ClassName());
     }
@@ -67,6 +72,8 @@ struct ZNodeArborInstall_TransferAction::Journey {
     std::shared_ptr<TransferMsg> request;
     fs::path source;
     fs::path destination;
+    std::shared_ptr<ZOperation> operation;
+    std::string damage;  // the first thing that went wrong; the file is of no use then
 };
 
 std::uint64_t ZNodeArborInstall_TransferAction::GetFileSize(const fs::path& file) {
@@ -80,17 +87,22 @@ bool ZNodeArborInstall_TransferAction::Work() {
     if (!journey.request) {
         return true;
     }
-    journey.source = Node().GetPackage(journey.request->m_Version);
+    const TransferMsg& request = *journey.request;
+    journey.operation = Node().TakeJob(
+        m_pMessage, {.kind = ZOperationKind::Transfer, .version = request.m_Version, .device = request.m_SerialNumber});
+    std::string reason;
+    journey.source = Node().PackageFor(request.m_Version, request.m_DeviceModel, reason);
     journey.destination = Node().UpdatesPath() / journey.source.filename();
     std::error_code error;
     if (journey.source.empty() || !fs::is_regular_file(journey.source, error)) {
         Z_LOG(4, "No QM install source file: %s.", journey.source);
-        Refuse(ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED, "Version does not exist");
+        Refuse(journey, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED, "Version does not exist",
+               reason.empty() ? journey.source.string() + " is no file" : reason);
         return true;
     }
     if (!OpenFile(journey)) {
         Z_LOG(4, "Unable to Open file %s for transfer", journey.source);
-        Refuse(ZFrameworkErrorCodes::ERRCODE_NOT_FOUND, "Unable to start file transfer");
+        Refuse(journey, ZFrameworkErrorCodes::ERRCODE_NOT_FOUND, "Unable to start file transfer", journey.damage);
         return true;
     }
     Z_LOG(2, "Install File Open <%s> %s", journey.destination, "SUCCESS");
@@ -107,7 +119,18 @@ bool ZNodeArborInstall_TransferAction::Work() {
         throw;
     }
     CloseFile(journey);
+    Settle(journey);
     return true;
+}
+
+void ZNodeArborInstall_TransferAction::Settle(const Journey& journey) {
+    if (const auto why = journey.operation->CancelReason(); why && !journey.damage.empty()) {
+        journey.operation->Cancel(ToZString("cancelled " + *why));
+    } else if (!journey.damage.empty()) {
+        journey.operation->Fail(ToZString(journey.damage));
+    } else {
+        journey.operation->Succeed();
+    }
 }
 
 std::shared_ptr<ZVersionInfoMsg> ZNodeArborInstall_TransferAction::MakeAnswer() const {
@@ -118,7 +141,9 @@ std::shared_ptr<ZVersionInfoMsg> ZNodeArborInstall_TransferAction::MakeAnswer() 
     return answer;
 }
 
-void ZNodeArborInstall_TransferAction::Refuse(ZFrameworkErrorCodes::ZErrorCode code, const char* text) {
+void ZNodeArborInstall_TransferAction::Refuse(const Journey& journey, ZFrameworkErrorCodes::ZErrorCode code,
+                                              const char* text, const std::string& reason) {
+    journey.operation->Fail(ToZString(reason.empty() ? text : reason), code);
     const auto answer = MakeAnswer();
     answer->m_bSuccess = false;
     answer->m_ErrorCode = code;
@@ -136,7 +161,7 @@ std::shared_ptr<ZGenericResponseMsg> ZNodeArborInstall_TransferAction::Send(cons
     return ZCAST(ZGenericResponseMsg, response);
 }
 
-bool ZNodeArborInstall_TransferAction::OpenFile(const Journey& journey) {
+bool ZNodeArborInstall_TransferAction::OpenFile(Journey& journey) {
     const auto open = Z_MAKE(ZFileOpenMsg);
     open->m_Mode = kFileMode;
     std::error_code error;
@@ -145,15 +170,19 @@ bool ZNodeArborInstall_TransferAction::OpenFile(const Journey& journey) {
     Z_LOG(2, "Sending Install File Open for <%s-%s> <%s> -> <%s>", journey.request->m_DeviceModel,
           journey.request->m_SerialNumber, journey.source, journey.destination);
     const auto answer = Send(journey, open);
-    return answer && answer->m_bSuccess;
+    if (answer && answer->m_bSuccess) {
+        return true;
+    }
+    journey.damage = answer ? ToStdString(answer->m_ErrorText) : "nobody takes the file";
+    return false;
 }
 
-void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
+void ZNodeArborInstall_TransferAction::SendChunks(Journey& journey) {
     const std::uint64_t total = GetFileSize(journey.source);
     ChunkReader chunks(journey.source);
     std::uint64_t sent = 0;
     std::uint64_t lastPercent = 0;
-    while (sent < total && m_bRun) {
+    while (sent < total && m_bRun && !journey.operation->CancelReason()) {
         const auto [write, count] = chunks.Take();
         if (count == 0) {
             break;
@@ -163,16 +192,23 @@ void ZNodeArborInstall_TransferAction::SendChunks(const Journey& journey) {
             Z_LOG(2, "Install File Transfer (%lu encoded %lu bytes) %lu%% (%lu of %lu) to %s", count,
                   write->m_Data.size(), percent, sent, total, journey.destination);
             PublishProgress(journey, static_cast<std::int32_t>(percent));
+            journey.operation->Tell("Transfer install package", ToZString(journey.source.filename().string()),
+                                    static_cast<std::int32_t>(percent));
             lastPercent = percent;
         }
         const auto answer = Send(journey, write);
         sent += count;
         if (!answer || !answer->m_bSuccess) {
-            Z_LOG(4, "Error on File write: %s", answer ? answer->m_ErrorText.c_str() : "Bad Response");
+            const char* const reason = answer ? answer->m_ErrorText.c_str() : "Bad Response";
+            Z_LOG(4, "Error on File write: %s", reason);
+            journey.damage = journey.damage.empty() ? reason : journey.damage;
         }
     }
     if (sent < total) {
         Z_LOG(4, "The transfer of %s ended after %lu of %lu bytes", journey.source, sent, total);
+        if (journey.damage.empty()) {
+            journey.damage = "it ended after " + std::to_string(sent) + " of " + std::to_string(total) + " bytes";
+        }
     }
 }
 
@@ -188,12 +224,15 @@ void ZNodeArborInstall_TransferAction::PublishProgress(const Journey& journey, s
     Node().Publish(Node().GetEndpoint(ZEndpointType::Progress, "", 0), progress);
 }
 
-void ZNodeArborInstall_TransferAction::CloseFile(const Journey& journey) {
+void ZNodeArborInstall_TransferAction::CloseFile(Journey& journey) {
     const auto answer = Send(journey, Z_MAKE(ZFileCloseMsg));
     if (!answer) {
         Z_LOG(4, "Unable to publish File Close!");
-        return;
+    } else {
+        Z_LOG(2, "Install File Close %s Complete %s", journey.destination.c_str(),
+              answer->m_bSuccess ? "SUCCESS" : "FAILED");
     }
-    Z_LOG(2, "Install File Close %s Complete %s", journey.destination.c_str(),
-          answer->m_bSuccess ? "SUCCESS" : "FAILED");
+    if (journey.damage.empty() && !(answer && answer->m_bSuccess)) {
+        journey.damage = answer ? ToStdString(answer->m_ErrorText) : "the file's end was not confirmed";
+    }
 }

@@ -14,16 +14,18 @@ bool ZNodeArborInstall::OnNewUpdateFile(const std::shared_ptr<ZMessage>& message
         return true;
     }
     Z_LOG(2, "Scan file %s in folder %s", update->m_FileName, update->m_Folder);
-    RunAction("CheckFile", message);
+    RunBounded("CheckFile", message);
     return true;
 }
 
 bool ZNodeArborInstall::OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& message) {
-    if (!ZCAST(StorageDevicesMsg, message)) {
+    const auto devices = ZCAST(StorageDevicesMsg, message);
+    if (!devices) {
         return true;
     }
     Z_LOG(2, "Running StorageDevicesUpdate Action");
-    RunAction("StorageDevicesUpdate", message);
+    EndChecksOf(devices->m_RemovedDevices);
+    RunBounded("StorageDevicesUpdate", message);
     return true;
 }
 
@@ -41,18 +43,38 @@ bool ZNodeArborInstall::OnFindUpdates(std::shared_ptr<ZMessage>& request) {
     return true;
 }
 
-bool ZNodeArborInstall_CheckFileAction::Work() {
-    const ZUseFlag::Hold busy(Node().BusyFlag());
-    const auto update = ZCAST(FolderUpdateMsg, m_pMessage);
-    if (!update) {
-        return true;
+/// At once, whatever waits: what hangs on a drive ends when the drive has gone.
+void ZNodeArborInstall::EndChecksOf(const ZVector<ZString>& drives) {
+    for (const auto& operation : Operations()) {
+        const auto job = operation->Get();
+        const bool isCheck = job->m_Kind == ZOperationKind::Check || job->m_Kind == ZOperationKind::Scan;
+        for (const ZString& drive : drives) {
+            const fs::path root = fs::path(drive).lexically_normal();
+            if (isCheck && !root.empty() && VersionTables::IsOnDrive(fs::path(job->m_File), root)) {
+                operation->AskToCancel("because its drive was removed");
+            }
+        }
     }
-    const fs::path file = fs::path(update->m_Folder) / fs::path(update->m_FileName);
+}
+
+bool ZNodeArborInstall_CheckFileAction::Work() {
+    WorkOff("CheckFile", [this] {
+        const ZUseFlag::Hold busy(Node().BusyFlag());
+        if (const auto update = ZCAST(FolderUpdateMsg, m_pMessage)) {
+            LookAt(*update);
+        }
+    });
+    return true;
+}
+
+void ZNodeArborInstall_CheckFileAction::LookAt(const FolderUpdateMsg& update) {
+    const fs::path file = fs::path(update.m_Folder) / fs::path(update.m_FileName);
     Z_LOG(2, "Check File: %s", file);
     auto results = Z_MAKE(ZMessageArray);
     CheckFile(file, results);
+    const auto told = ZCAST(ZMessageArray, ZNodeComm::CloneMessage(results));
     Node().CheckAvailableUpdates(results, true);
-    return true;
+    Node().RemoveRefusedUploads(*told);
 }
 
 void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
@@ -60,12 +82,15 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
     const fs::file_status status = fs::status(file, error);
     if (error) {
         Z_LOG(4, "Error getting file permissions %d", error.value());
+        if (error == std::errc::no_such_file_or_directory) {
+            Node().ForgetFile(file);
+        }
         return;
     }
     const bool executable = IsExecutable(status.permissions());
     if (executable && file.extension() == ".pkg") {
         Z_LOG(2, "Found package file %s", file);
-        Node().CheckPackageFile(file, results);
+        Node().CheckNow(file, results, m_pMessage.get());
         return;
     }
     // The two words are the wrong way round; tools that read these logs know them so.
@@ -73,16 +98,20 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
 }
 
 bool ZNodeArborInstall_StorageDevicesUpdateAction::Work() {
-    const auto devices = ZCAST(StorageDevicesMsg, m_pMessage);
-    if (!devices) {
-        return true;
-    }
+    WorkOff("StorageDevicesUpdate", [this] {
+        if (const auto devices = ZCAST(StorageDevicesMsg, m_pMessage)) {
+            LookAt(*devices);
+        }
+    });
+    return true;
+}
+
+void ZNodeArborInstall_StorageDevicesUpdateAction::LookAt(const StorageDevicesMsg& devices) {
     auto results = Z_MAKE(ZMessageArray);
     // In this order: a drive that left and came back is present afterwards.
-    Node().RemoveStorageDevices(devices->m_RemovedDevices);
-    Node().ProcessStorageDevices(devices->m_AddedDevices, results);
+    Node().RemoveStorageDevices(devices.m_RemovedDevices);
+    Node().ScanDrives(devices.m_AddedDevices, results, m_pMessage.get());
     Node().CheckAvailableUpdates(results, true);
-    return true;
 }
 
 bool ZNodeArborInstall_ScanDrivesAction::Work() {
@@ -95,7 +124,9 @@ bool ZNodeArborInstall_ScanDrivesAction::Work() {
         auto results = Z_MAKE(ZMessageArray);
         Node().ProcessStorageDevices(devices->m_Devices, results);
         Node().ProcessStorageDevices({ToZString(Node().UpdatesPath().string())}, results);
+        const auto told = ZCAST(ZMessageArray, ZNodeComm::CloneMessage(results));
         Node().CheckAvailableUpdates(results, false);
+        Node().RemoveRefusedUploads(*told);
     } else if (response) {
         Z_LOG(4, "Unknown response <%s> from getdevices endpoint", response->ClassName());
     }

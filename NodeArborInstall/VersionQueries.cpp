@@ -33,7 +33,7 @@ bool ZNodeArborInstall::OnGetInstalledVersionInfo(const std::shared_ptr<ZMessage
 }
 
 bool ZNodeArborInstall::OnGetUpdateInProgress(std::shared_ptr<ZMessage>& request) {
-    const bool inProgress = m_bUpdateInProgress;
+    const bool inProgress = m_bUpdateInProgress || m_remoteInstalls;
     const char* const text = inProgress ? "TRUE" : "FALSE";
     Z_LOG(2, "Received request to check if an update is in progress - Update In Progress = <%s>; Message = <%s>...",
           text, request->ClassName());

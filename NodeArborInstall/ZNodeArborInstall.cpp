@@ -7,10 +7,29 @@ Z_IMPLEMENT(ZNodeArborInstall)
 ZNodeArborInstall::ZNodeArborInstall(const ZString& name)
     : ZNode(name),
       m_relay([this] { return Log(); },
-              [this](const std::shared_ptr<InstallProgressMsg>& progress) {
-                  Publish(GetEndpoint(ZEndpointType::Progress, "", 0), progress);
-              }) {
+              [this](const std::shared_ptr<InstallProgressMsg>& progress) { OnProgress(true, progress); }),
+      m_accessoryRelay([this] { return Log(); },
+                       [this](const std::shared_ptr<InstallProgressMsg>& progress) { OnProgress(false, progress); }),
+      m_slots(kInstallersSlots) {
     m_logName = ClassName();
+}
+
+void ZNodeArborInstall::OnProgress(bool bUnix, const std::shared_ptr<InstallProgressMsg>& progress) {
+    Publish(GetEndpoint(ZEndpointType::Progress, "", 0), progress);
+    if (bUnix) {
+        if (const auto life = m_install.Copy()) {
+            life->OnDocument(*progress);
+        }
+        return;
+    }
+    if (const auto operation = m_accessoryInstall.Copy().operation) {
+        operation->Tell(progress->m_Header, progress->m_Message, progress->m_Percent);
+        if (progress->m_bError) {
+            operation->Fail(progress->m_Message.empty() ? "the installer reports an error" : progress->m_Message);
+        } else if (progress->m_bDone) {
+            operation->Succeed();
+        }
+    }
 }
 
 ZLogger ZNodeArborInstall::Log() const {
@@ -40,7 +59,10 @@ bool ZNodeArborInstall::InitMessageMap() {
            SubscribeKeyword(kClient, "getinstalledversioninfo", &Self::OnGetInstalledVersionInfo) &&
            SubscribeKeyword(kDevice, "upload", &Self::OnUpload) &&
            SubscribeKeyword(kDevice, "transfer", &Self::OnTransfer) &&
-           SubscribeKeyword(kGraph, "getUpdateInProgress", &Self::OnGetUpdateInProgress);
+           SubscribeKeyword(kGraph, "getUpdateInProgress", &Self::OnGetUpdateInProgress) &&
+           // Beside the eleven that every client of this node knows:
+           SubscribeKeyword(kGraph, "inventory", &Self::OnInventory) &&
+           SubscribeKeyword(kClient, "forget", &Self::OnForget) && SubscribeCancel();
 }
 
 bool ZNodeArborInstall::OnGraphCreated() {
@@ -52,6 +74,7 @@ bool ZNodeArborInstall::OnGraphCreated() {
     if (!m_pDeviceProperties) {
         Z_LOG(4, "Could not get Device Properties");
     }
+    AdoptInstalls();
     return true;
 }
 
@@ -100,17 +123,24 @@ const ZNodeArborInstallCfg& ZNodeArborInstall::Config() const {
 }
 
 ProgressRelay::Place ZNodeArborInstall::RelayPlace(bool bUnix) const {
-    return {bUnix, m_archivePath, std::filesystem::path(Config().m_ProgressPath), Config().m_ProgressPort};
+    ProgressRelay::Place place{
+        bUnix, m_archivePath, std::filesystem::path(Config().m_ProgressPath), Config().m_ProgressPort, {}, {}};
+    if (!bUnix) {
+        const auto install = m_accessoryInstall.Lock();
+        place.address = install->own;
+        place.peer = install->accessory;
+    }
+    return place;
 }
 
 bool ZNodeArborInstall::BindSocket(int sockfd, bool bUnix) {
-    return m_relay.Bind(sockfd, RelayPlace(bUnix));
+    return Relay(bUnix).Bind(sockfd, RelayPlace(bUnix));
 }
 
 void ZNodeArborInstall::CloseSocket(int sockfd, bool bUnix) {
-    m_relay.Close(sockfd, RelayPlace(bUnix));
+    Relay(bUnix).Close(sockfd, RelayPlace(bUnix));
 }
 
 bool ZNodeArborInstall::SocketLoop(int* pSockfd, std::shared_ptr<ZCommStream>& stream) {
-    return m_relay.Pass(*pSockfd, *stream);
+    return Relay(!m_accessoryRelay.IsBoundTo(*pSockfd)).Pass(*pSockfd, *stream);
 }

@@ -1,5 +1,11 @@
 #pragma once
 
+#include <deque>
+#include <future>
+#include <map>
+
+#include "CheckQueue.h"
+#include "InstallLife.h"
 #include "NodeBase/ZNode.h"
 #include "ProgressRelay.h"
 #include "VersionTables.h"
@@ -33,6 +39,10 @@ public:
     bool OnUpload(std::shared_ptr<ZMessage>& message);
     bool OnTransfer(std::shared_ptr<ZMessage>& msg);
     bool OnGetUpdateInProgress(std::shared_ptr<ZMessage>& request);
+    /// What is installed, starts next, and could be installed. Leaves no log line.
+    bool OnInventory(const std::shared_ptr<ZMessage>& request);
+    /// Removes an uploaded file, unless it is being installed.
+    bool OnForget(const std::shared_ptr<ZMessage>& request);
     // For a caller that wires them itself; no keyword leads here, and the message is not read.
     bool OnSwitchPartition(std::shared_ptr<ZMessage>& message);
     bool OnSwitchDevice(std::shared_ptr<ZMessage>& message);
@@ -47,8 +57,7 @@ public:
     /// The archived package of that version; empty when there is none.
     std::filesystem::path GetBuild(ZSoftwareVersion& version);
     /// Whether a found package of that version is known and its file exists now. A known path is written to
-    /// `packagePath` also when the file has gone. Throws std::filesystem::filesystem_error when the file can't be
-    /// asked.
+    /// `packagePath` also when the file has gone. A drive that does not answer within some seconds has no files.
     bool FindPackage(const ZString& versionText, std::filesystem::path& packagePath);
     /// The file to install for that version, archive first; empty when there is none.
     std::filesystem::path GetPackage(const ZString& versionText);
@@ -91,7 +100,31 @@ public:
     /// What keeps the node busy since it accepted a remote install; the action that does it takes it over. None when no
     /// accepted one waits for its action.
     std::shared_ptr<ZUseFlag::Hold> TakeRemoteInstallHold();
-    void SetUpdateInProgress(bool inProgress) { m_bUpdateInProgress = inProgress; }
+    ZUseFlag& RemoteInstallsFlag() { return m_remoteInstalls; }
+
+    // Jobs.
+    /// The job that a handler began for the message whose action runs now, or a new one.
+    std::shared_ptr<ZOperation> TakeJob(const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject);
+    /// The next message for an action of that name to go on with; null when it is to end.
+    std::shared_ptr<ZMessage> NextWaiting(const char* action);
+    std::shared_ptr<InstallLife> Install() const { return m_install.Copy(); }
+    /// Where the installer of the accessory reports to, until the relay for it has been closed: the two addresses,
+    /// IPv4, and the job. False while another accessory is being installed.
+    bool ListenToAccessory(const std::string& own, const std::string& accessory,
+                           const std::shared_ptr<ZOperation>& operation);
+    void StopListeningToAccessory();
+    ProgressRelay& Relay(bool bUnix) { return bUnix ? m_relay : m_accessoryRelay; }
+    /// The package of the installed version, or of another one, that fits the accessory as far as its board is known.
+    /// Empty, with the reason, when there is none.
+    std::filesystem::path PackageFor(const ZString& version, ZDeviceModel accessory, std::string& reason);
+    /// As ProcessStorageDevices, for a request.
+    bool ScanDrives(const ZVector<ZString>& drives, std::shared_ptr<ZMessageArray>& results, const ZMessage* request);
+    /// Checks a file as a job, in its turn, and adds what came of it to `results`.
+    bool CheckNow(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results, const ZMessage* request);
+    /// The file is no package any more, or was not accepted as one.
+    void ForgetFile(const std::filesystem::path& file);
+    /// Removes the uploads that were refused, once that was told.
+    void RemoveRefusedUploads(const ZMessageArray& results);
 
 private:
     friend class NodeAccess;  // tests look at the tables
@@ -112,24 +145,61 @@ private:
     void DeleteInvalidDirectories(const std::vector<std::filesystem::path>& directories);
     void ReadVersionDirectory(const std::filesystem::path& directory, const ZSoftwareVersion& version);
 
+    // Jobs.
+    bool StartJob(const char* action, const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject);
+    /// Runs the action for the message at once, or, when as many run as may, after one of them.
+    void RunBounded(const char* action, const std::shared_ptr<ZMessage>& message);
+    /// Goes on with the installs that an earlier life of this host left running, and tells how others ended.
+    void AdoptInstalls();
+    void Adopt(const ZOperationMsg& left);
+    void OnProgress(bool bUnix, const std::shared_ptr<InstallProgressMsg>& progress);
+
     // Package checks.
-    bool CheckDriveEntry(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
-    bool VerifyPackageFile(const std::filesystem::path& file, const ZSoftwareVersion& version, std::string& output);
+    struct DriveChecks;
+    struct CheckOrder {
+        std::shared_ptr<ZOperation> operation;
+        std::uint64_t order = 0;
+    };
+    bool ScanDriveFor(const std::filesystem::path& drive, std::shared_ptr<ZMessageArray>& results,
+                      const ZMessage* request);
+    void CheckDriveEntry(const std::filesystem::path& file, DriveChecks& checks);
+    bool FinishScan(DriveChecks& checks, std::shared_ptr<ZMessageArray>& results);
+    void EndChecksOf(const ZVector<ZString>& drives);
+    void KeepRefused(const ZString& version, const ZString& file, ZFrameworkErrorCodes::ZErrorCode code,
+                     const ZString& reason);
+    std::future<bool> QueueCheck(const std::filesystem::path& file, const std::shared_ptr<ZMessageArray>& results,
+                                 const ZOperationSubject& subject, const ZMessage* request);
+    bool CheckPackage(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results,
+                      const CheckOrder& order);
+    bool RunCheck(const std::string& command, std::string& output, ZClock::time_point deadline);
+    void Refuse(std::shared_ptr<ZMessageArray>& results, const ZString& version, const std::filesystem::path& file,
+                ZFrameworkErrorCodes::ZErrorCode code, const std::string& reason, ZOperation& operation);
+    bool VerifyPackageFile(const std::filesystem::path& file, const ZSoftwareVersion& version, std::string& output,
+                           ZClock::time_point deadline);
     bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
     /// False when the file is no longer there.
-    bool RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version);
+    bool RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version, const CheckOrder& order);
+    /// Whether the file was uploaded: it lies in the updates folder itself.
+    bool IsUpload(const std::filesystem::path& file) const;
 
     // System update.
     void LogMissingPackage(const ZString& version);
     std::vector<std::string> InstallerArguments(const std::filesystem::path& package, const ZSystemUpdateMsg& request);
-    void StartInstaller(const std::filesystem::path& package, const ZSystemUpdateMsg& request, ZVersionInfoMsg& answer);
+    void StartInstaller(const std::filesystem::path& package, const ZSystemUpdateMsg& request, ZVersionInfoMsg& answer,
+                        const std::shared_ptr<ZOperation>& operation);
+    /// Whether the installer can report its progress, or does so elsewhere.
+    ZResult<void> StartRelay(const ZSystemUpdateMsg& request);
+    void StopRelay();
+    ZResult<void> RunInstaller(const std::vector<std::string>& arguments, const std::shared_ptr<InstallLife>& life);
 
     // Compatibility.
     void DecideBuild(const std::shared_ptr<ZMessage>& request);
+    static std::string BoardAsked(const ZDeviceCompatibilityMsg& message);
+    /// As above, told in the log.
     std::string BoardOf(const ZDeviceCompatibilityMsg& message);
-    std::optional<std::filesystem::path> InstallerScript(const std::filesystem::path& versionDirectory);
-    void RunBuild(const ZDeviceCompatibilityMsg& message);
+    ZResult<std::filesystem::path> InstallerScript(const std::filesystem::path& versionDirectory);
+    ZResult<void> RunBuild(const ZDeviceCompatibilityMsg& message);
 
     /// Where installers report: on the socket in the archive's folder, or on a TCP port.
     ProgressRelay::Place RelayPlace(bool bUnix) const;
@@ -148,15 +218,35 @@ private:
     std::optional<ZDeviceModel> m_deviceModel;
     ZString m_model;
     ZString m_board;
-    ZGuarded<ZString> m_UpdateVersion;        // of the install started last, here or on the accessory
-    ZGuarded<ZString> m_RemoteInstallSerial;  // of the accessory that was to be installed last
-    std::atomic<bool> m_bUpdateInProgress{false};
+    ZGuarded<ZString> m_UpdateVersion;             // of the install started last, here or on the accessory
+    ZGuarded<ZString> m_RemoteInstallSerial;       // of the accessory that was to be installed last
+    std::atomic<bool> m_bUpdateInProgress{false};  // of this device; an install never clears it once it runs
+    ZUseFlag m_remoteInstalls;                     // held by those under way on accessories
     std::atomic<bool> m_bBuildInProgress{false};
     std::shared_ptr<ZDevicePropertiesMsg> m_pDeviceProperties;
-    ProgressRelay m_relay;
+    ProgressRelay m_relay;                             // of this device's installer
+    ProgressRelay m_accessoryRelay;                    // of an accessory's
+    ZGuarded<std::shared_ptr<InstallLife>> m_install;  // the one that was started last
+    struct AccessoryInstall {
+        std::string own;
+        std::string accessory;
+        std::shared_ptr<ZOperation> operation;
+    };
+    ZGuarded<AccessoryInstall> m_accessoryInstall;  // whose progress is, or will be, relayed
+    std::filesystem::path m_slots;
+    ZGuarded<std::map<std::shared_ptr<ZMessage>, std::shared_ptr<ZOperation>>> m_jobs;  // begun, not taken over yet
+    struct Backlog {
+        std::size_t running = 0;
+        std::deque<std::shared_ptr<ZMessage>> waiting;
+    };
+    ZGuarded<std::map<std::string, Backlog>> m_backlogs;               // by action
+    ZGuarded<std::deque<std::shared_ptr<ZPackageInfoMsg>>> m_refused;  // the newest first
+    ZGuarded<std::map<ZDeviceModel, ZString>> m_accessoryBoards;       // as accessories told them
+    std::atomic<std::uint64_t> m_checkOrder{0};
     // One for each remote install that waits for its action.
     ZGuarded<std::vector<std::shared_ptr<ZUseFlag::Hold>>> m_remoteInstallHolds;
     std::filesystem::path m_graphFile;  // never deleted
     ZString m_accessoryHostName;
     ZString m_deviceHostName;
+    CheckQueue m_checks;  // the last member: what it runs uses the others
 };

@@ -18,6 +18,16 @@ bool ZNodeArborInstallAction::ActionThread() {
     }
 }
 
+void ZNodeArborInstallAction::WorkOff(const char* name, const std::function<void()>& lookAtMessage) {
+    for (; m_pMessage; m_pMessage = Node().NextWaiting(name)) {
+        try {
+            lookAtMessage();
+        } catch (const std::exception& error) {
+            Z_LOG(4, "%s ended: %s", ClassName(), error.what());
+        }
+    }
+}
+
 std::optional<int> ZNodeArborInstallAction::MakeRelaySocket(int family) {
     const int descriptor = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (descriptor < 0) {
@@ -39,7 +49,7 @@ std::optional<int> ZNodeArborInstallAction::MakeRelaySocket(int family) {
     return descriptor;
 }
 
-void ZNodeArborInstallAction::RelayUntilDone(int socket, bool bUnix) {
+void ZNodeArborInstallAction::RelayUntilDone(int socket, bool bUnix, const std::function<bool()>& isOver) {
     // Whatever ends the loop, an exception too, the socket is closed and the next relay can bind.
     const ZScopeEnd close([&] { Node().CloseSocket(socket, bUnix); });
     auto stream = ZCAST(ZCommStream, ZShared::ZFactory::Instance().CreateShared("ZJSONCommStream"));
@@ -47,7 +57,7 @@ void ZNodeArborInstallAction::RelayUntilDone(int socket, bool bUnix) {
         Z_LOG(2, "Starting Install Progress socket loop");
     }
     while (m_bRun) {
-        if (!Node().SocketLoop(&socket, stream)) {
+        if (!Node().SocketLoop(&socket, stream) || isOver()) {
             m_bRun = false;
         }
     }

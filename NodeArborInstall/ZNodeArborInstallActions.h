@@ -17,8 +17,10 @@ protected:
     ZLogger Log() const { return ZLogger(m_logName.c_str(), m_logLevel, "NodeArborInstall/ZNodeArborInstallActions"); }
     virtual bool Work() = 0;
     ZNodeArborInstall& Node() const { return *static_cast<ZNodeArborInstall*>(m_pNode); }
-    /// Relays installer progress over a bound socket until a document or the node ends it, then closes it.
-    void RelayUntilDone(int socket, bool bUnix);
+    /// Works its message off, and then those that wait for an action of this name.
+    void WorkOff(const char* name, const std::function<void()>& lookAtMessage);
+    /// Relays installer progress over a bound socket until a document, the node, or `isOver` ends it, then closes it.
+    void RelayUntilDone(int socket, bool bUnix, const std::function<bool()>& isOver);
     /// A non-blocking stream socket; none, and a log line, on failure.
     std::optional<int> MakeRelaySocket(int family);
 };
@@ -35,6 +37,7 @@ class ZNodeArborInstall_CheckFileAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_CheckFileAction, ZNodeAction)
 private:
     bool Work() override;
+    void LookAt(const FolderUpdateMsg& update);
     void CheckFile(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results);
 };
 
@@ -43,6 +46,7 @@ class ZNodeArborInstall_StorageDevicesUpdateAction : public ZNodeArborInstallAct
     Z_CLASS(ZNodeArborInstall_StorageDevicesUpdateAction, ZNodeAction)
 private:
     bool Work() override;
+    void LookAt(const StorageDevicesMsg& devices);
 };
 
 /// Scans, once after start-up, the drives that are there.
@@ -66,6 +70,17 @@ private:
     bool Work() override;
 };
 
+/// Watches the local installer's process to its end, or ends it when somebody cancels the install.
+class ZNodeArborInstall_InstallAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_InstallAction, ZNodeAction)
+private:
+    bool Work() override;
+    /// Sleeps until something is to be done. True when the process has ended.
+    bool AwaitEnd(int exit, const ZProcessId& process, ZOperation& operation, ZClock::time_point wakeUp);
+    void EndProcess(const ZProcessId& process, int signal);
+    std::optional<int> Reap(const ZProcessId& process, const std::string& program);
+};
+
 /// Carries a package to the accessory as file messages; its message is a TransferMsg.
 class ZNodeArborInstall_TransferAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_TransferAction, ZNodeAction)
@@ -76,11 +91,13 @@ public:
 private:
     struct Journey;
     bool Work() override;
-    void Refuse(ZFrameworkErrorCodes::ZErrorCode code, const char* text);
+    void Refuse(const Journey& journey, ZFrameworkErrorCodes::ZErrorCode code, const char* text,
+                const std::string& reason);
     std::shared_ptr<ZVersionInfoMsg> MakeAnswer() const;
-    bool OpenFile(const Journey& journey);
-    void SendChunks(const Journey& journey);
-    void CloseFile(const Journey& journey);
+    bool OpenFile(Journey& journey);
+    void SendChunks(Journey& journey);
+    void CloseFile(Journey& journey);
+    void Settle(const Journey& journey);
     void PublishProgress(const Journey& journey, std::int32_t percent);
     std::shared_ptr<ZGenericResponseMsg> Send(const Journey& journey, const std::shared_ptr<ZFileMsg>& message);
 };
@@ -97,14 +114,22 @@ public:
 private:
     struct Commands;
     bool Work() override;
+    void Install(const ZSystemUpdateMsg& request);
     /// The host's own mDNS name; empty when it has none.
     static std::string OwnName();
     bool CanStandInCommands(const std::string& source, const std::string& ownName) const;
     bool TryHostname(const std::string& candidate, std::string& address);
-    void Answer(const std::shared_ptr<ZMessageArray>& answer, bool success);
+    void Answer(bool success, const std::string& reason = {},
+                ZFrameworkErrorCodes::ZErrorCode code = ZFrameworkErrorCodes::ERRCODE_NONE);
     Commands MakeCommands(const std::string& address, const std::string& source, const std::string& ownName) const;
+    /// False when one failed, which the job then tells.
     bool RunCommands(const Commands& commands);
-    void RelayProgress();
+    void Fail(const std::string& reason);
+    void RelayProgress(const std::string& address);
+    bool IsSilent(const ProgressRelay& relay) const;
+
+    std::shared_ptr<ZOperation> m_operation;
+    std::shared_ptr<ZMessageArray> m_answer;
 
     std::regex m_progressPattern{"([0-9]{1,3})%"};
 };

@@ -20,6 +20,8 @@ public:
     bool m_bDryRun = false;
     ZString m_SwitchPartitionCmd;
     ZString m_RunRecoveryCmd;
+    std::uint32_t m_CheckTimeoutSeconds = 60;
+    std::uint32_t m_AccessoryPatienceSeconds = 60;
 
     /// Derived, when the record is read: the device's mount point and ArchiveDir, which is a further component whatever
     /// it begins with. ArchiveDir alone when the device is not mounted; empty without a device.
@@ -27,7 +29,7 @@ public:
     /// Derived: where the device is mounted; empty when it is not.
     std::filesystem::path m_archiveMount;
 
-    /// Writes all nine keys; true.
+    /// Writes all keys; true.
     bool Serialize(ZCommStream& stream) const override;
     /// Reads what is there and looks the archive device up; true. stream.Error() tells of values of a wrong type.
     bool Deserialize(ZCommStream& stream) override;
@@ -70,6 +72,12 @@ private:
             Z_KEYED_FIELD("SwitchPartitionCmd", m_SwitchPartitionCmd)
                 .Means("Shell command that switches the boot partition."),
             Z_KEYED_FIELD("RunRecoveryCmd", m_RunRecoveryCmd)
-                .Means("Shell command that switches to the recovery system."));
+                .Means("Shell command that switches to the recovery system."),
+            Z_KEYED_FIELD("CheckTimeoutSeconds", m_CheckTimeoutSeconds)
+                .In(1, 3600)
+                .Means("How long the check of a package file may take."),
+            Z_KEYED_FIELD("AccessoryPatienceSeconds", m_AccessoryPatienceSeconds)
+                .In(1, 3600)
+                .Means("How long an accessory's installer may be out of reach until its install counts as failed."));
     }
 };

@@ -221,6 +221,9 @@ bool ZNode::CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clo
 
 void ZNode::BeginStop() {
     m_bInShutdown = true;
+    for (const auto& operation : Operations()) {
+        operation->AskToCancel("because the host stops");
+    }
     m_actions.StopAll();
     const std::lock_guard lock(m_timersMutex);
     for (const auto& [name, timer] : m_timers) {

@@ -71,7 +71,11 @@ void ZOperation::Tell(const ZString& header, const ZString& message, std::int32_
 }
 
 void ZOperation::SetVersion(const ZString& version) {
-    m_message.Lock()->message->m_Version = version;  // told with the next change
+    m_message.Lock()->message->m_Version = version;
+}
+
+void ZOperation::SetFile(const ZString& file) {
+    m_message.Lock()->message->m_File = file;
 }
 
 void ZOperation::SetProcess(const ZProcessId& process) {

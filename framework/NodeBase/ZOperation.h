@@ -40,8 +40,9 @@ public:
     void Start();
     /// How far it is; `percent` from 0 to 100.
     void Tell(const ZString& header, const ZString& message, std::int32_t percent);
-    /// What became known of it: the version of a file, or the process that does it.
+    /// What became known of it; told with the next change, but for the process, which is told at once.
     void SetVersion(const ZString& version);
+    void SetFile(const ZString& file);
     void SetProcess(const ZProcessId& process);
 
     // How it ends. The first one counts; true for that one.

@@ -118,7 +118,7 @@ public:
     ZString m_NextVersion;                                 ///< the version in there; empty: unknown
     ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Packages;  ///< the newest first; of one version, what would be
                                                            ///< installed first
-    ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Refused;  ///< of files that are still there, the last 64
+    ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Refused;   ///< of files that were refused, the newest 64
     ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Archive;
     ZString m_UpdatesFolder;
     std::int64_t m_UpdatesFree = -1;  ///< bytes for uploads; negative: not known

@@ -24,13 +24,6 @@ struct Child {
     ZFileDescriptor exit;
 };
 
-void LogEnd(const Child& child, int status) {
-    const bool clean = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    const int value = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
-    Z_LOG(clean ? 2 : 3, "Program %s (process %d) ended with %s %d", child.program, child.id,
-          WIFSIGNALED(status) ? "signal" : "status", value);
-}
-
 }  // namespace
 
 struct ZChildReaper::Impl {
@@ -68,12 +61,19 @@ struct ZChildReaper::Impl {
             int status = 0;
             const pid_t reaped = ::waitpid(child.id, &status, WNOHANG);
             if (reaped == child.id) {
-                LogEnd(child, status);
+                LogEnd(child.program, child.id, status);
             }
             return reaped != 0;  // negative: somebody else saw its end, and there is nothing to wait for
         });
     }
 };
+
+void ZChildReaper::LogEnd(const std::string& program, pid_t child, int waitStatus) {
+    const bool clean = WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == 0;
+    const int value = WIFSIGNALED(waitStatus) ? WTERMSIG(waitStatus) : WEXITSTATUS(waitStatus);
+    Z_LOG(clean ? 2 : 3, "Program %s (process %d) ended with %s %d", program, child,
+          WIFSIGNALED(waitStatus) ? "signal" : "status", value);
+}
 
 ZChildReaper::ZChildReaper() {
     ZLog::Instance();  // made first, so that it outlives the thread

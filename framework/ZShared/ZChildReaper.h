@@ -15,6 +15,9 @@ public:
     /// left to end unreaped.
     void Watch(pid_t child, const std::string& program);
 
+    /// The line that tells how a program ended; `waitStatus` as waitpid gives it.
+    static void LogEnd(const std::string& program, pid_t child, int waitStatus);
+
 private:
     ZChildReaper();
     ~ZChildReaper();

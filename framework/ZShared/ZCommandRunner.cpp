@@ -22,7 +22,7 @@ namespace {
 /// posix_spawn's two parameter blocks, set up as every child of ours needs them: no signal blocked, none ignored.
 class SpawnSetup {
 public:
-    SpawnSetup(short placementFlag) {
+    SpawnSetup() {
         ::posix_spawn_file_actions_init(&m_actions);
         ::posix_spawnattr_init(&m_attributes);
         sigset_t none;
@@ -32,7 +32,7 @@ public:
         ::posix_spawnattr_setsigmask(&m_attributes, &none);
         ::posix_spawnattr_setsigdefault(&m_attributes, &all);
         ::posix_spawnattr_setflags(&m_attributes,
-                                   static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | placementFlag));
+                                   POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
         ::posix_spawn_file_actions_addopen(&m_actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     }
     ~SpawnSetup() {
@@ -113,7 +113,7 @@ public:
         if (!output || !complaints) {
             return ZError::OfSystem("pipe", errno);
         }
-        SpawnSetup setup(POSIX_SPAWN_SETPGROUP);
+        SpawnSetup setup;
         setup.Redirect(output.Get(), STDOUT_FILENO);
         setup.Redirect(complaints.Get(), STDERR_FILENO);
         const auto child = setup.Spawn({"/bin/sh", "-c", commandLine});
@@ -214,11 +214,4 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
     result.exitStatus = command.Reap();
     command.Drain(onOutput, onComplaint);
     return result;
-}
-
-ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments) {
-    if (arguments.empty()) {
-        return ZError("no program given");
-    }
-    return SpawnSetup(POSIX_SPAWN_SETSID).Spawn(arguments);
 }

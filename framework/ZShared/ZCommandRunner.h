@@ -25,6 +25,12 @@ using ZOutputCallback = std::function<void(std::string_view)>;
 ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCallback& onOutput,
                                const ZOutputCallback& onComplaint, std::chrono::milliseconds timeout);
 
-/// Starts a program in a session of its own with standard input from /dev/null. Returns its process id; the caller
-/// reaps it.
-ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments);
+/// Starts a program in a session of its own with standard input from /dev/null, and `further` variables ("NAME=value")
+/// beside this process's own. Returns its process id; the caller reaps it. A file that can't be read within `limit`,
+/// as on a drive that does not answer any more, is an error, and nothing runs.
+ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const std::vector<std::string>& further = {},
+                             std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+/// Whether there is a file; an error when that can't be learnt within `limit`. A drive that does not answer keeps only
+/// a child process waiting.
+ZResult<bool> ExistsWithin(const std::string& path, std::chrono::milliseconds limit);

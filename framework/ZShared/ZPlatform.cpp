@@ -23,6 +23,9 @@ SharedSettings Settings() {
     return Holder().Copy();
 }
 
+// For a program's file to be read: who asked for it waits.
+constexpr auto kReadLimit = std::chrono::seconds(5);
+
 constexpr ZLogger Log() {
     return ZLogger("ZPlatform");
 }
@@ -93,7 +96,8 @@ void LogComplaint(const std::string& commandLine, const std::string& complaint) 
 
 /// Runs the command with its complaints in the log: there a text from outside is seen for what it is, and a flood of it
 /// is bounded.
-ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& onOutput) {
+ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& onOutput,
+                         std::chrono::milliseconds limit) {
     constexpr std::size_t kMostComplaints = 20;
     std::size_t count = 0;
     const ZPlatform::LineCallback log = [&](const std::string& line) {
@@ -103,7 +107,7 @@ ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& 
     };
     LineSplitter complaints(log);
     ZCommandResult result = RunShellCommand(
-        commandLine, onOutput, [&](std::string_view data) { complaints.Add(data); }, Settings()->commandTimeout);
+        commandLine, onOutput, [&](std::string_view data) { complaints.Add(data); }, limit);
     complaints.Finish();
     if (count > kMostComplaints) {
         Z_LOG(3, "Complaints beyond 20 were dropped: %s",
@@ -119,6 +123,10 @@ void ZPlatform::Configure(const ZPlatformSettings& settings) {
 }
 
 bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& output) {
+    return ExecuteCommand(commandLine, output, Settings()->commandTimeout);
+}
+
+bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& output, std::chrono::milliseconds limit) {
     constexpr std::size_t kMostOutput = std::size_t{1024} * 1024;
     try {
         output.clear();
@@ -128,7 +136,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
             output.append(data.substr(0, kept));
             dropped += data.size() - kept;
         };
-        const ZCommandResult result = RunLogged(commandLine, keep);
+        const ZCommandResult result = RunLogged(commandLine, keep, std::min(limit, Settings()->commandTimeout));
         if (dropped > 0) {
             Z_LOG(3, "Output beyond 1 MiB was dropped: %s", std::to_string(dropped) + " bytes of " + commandLine);
         }
@@ -148,7 +156,8 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
 bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallback& onLine, const DoneCallback& onDone) {
     try {
         LineSplitter lines(onLine);
-        const ZCommandResult result = RunLogged(commandLine, [&lines](std::string_view data) { lines.Add(data); });
+        const ZCommandResult result = RunLogged(
+            commandLine, [&lines](std::string_view data) { lines.Add(data); }, Settings()->commandTimeout);
         lines.Finish();
         if (!Succeeded(result)) {
             Z_LOG(3, "The command failed: %s", EndOfCommand(result));
@@ -163,16 +172,28 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallbac
     }
 }
 
+ZResult<pid_t> ZPlatform::StartProgram(const std::vector<std::string>& arguments,
+                                       const std::vector<std::string>& further) {
+    try {
+        auto child = StartDetached(arguments, further, kReadLimit);
+        if (!child) {
+            Z_LOG(4, "%s", child.error().text);
+        }
+        return child;
+    } catch (const std::exception& failure) {
+        Z_LOG(4, "The program could not be started: %s", failure.what());
+        return ZError(failure.what());
+    }
+}
+
 bool ZPlatform::ExecuteCommand(const std::vector<std::string>& arguments) {
     try {
         ZChildReaper& reaper = ZChildReaper::Instance();
-        const auto child = StartDetached(arguments);
-        if (!child) {
-            Z_LOG(4, "%s", child.error().text);
-            return false;
+        const auto child = StartProgram(arguments, {});
+        if (child) {
+            reaper.Watch(*child, arguments.front());
         }
-        reaper.Watch(*child, arguments.front());
-        return true;
+        return child.has_value();
     } catch (const std::exception& failure) {
         Z_LOG(4, "The program could not be started: %s", failure.what());
         return false;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <functional>
 #include <map>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "ZShared/ZAllocator.h"
+#include "ZShared/ZError.h"
 
 /// The instrument's identity, as the EEPROM or the graph file tells it.
 struct ZIdentity {
@@ -46,9 +49,15 @@ public:
     /// a line too, and stays in it; empty lines are left out. `onDone` receives the outcome as text. Either may be
     /// empty.
     static bool ExecuteCommand(const std::string& commandLine, const LineCallback& onLine, const DoneCallback& onDone);
+    /// As the first, with a limit of its own, when that is below the platform's.
+    static bool ExecuteCommand(const std::string& commandLine, std::string& output, std::chrono::milliseconds limit);
     /// Starts a program, without a shell, in a session of its own, and returns whether it started. It outlives this
     /// process; its exit is logged later.
     static bool ExecuteCommand(const std::vector<std::string>& arguments);
+    /// As above, with `further` variables ("NAME=value"), for a caller that watches the process and reaps it. A file
+    /// that can't be read within some seconds is not run.
+    static ZResult<pid_t> StartProgram(const std::vector<std::string>& arguments,
+                                       const std::vector<std::string>& further);
 
     /// The identity's fields. False, and `text` untouched, when there is no identity or it lacks the field.
     static bool ReadModel(ZString& text);

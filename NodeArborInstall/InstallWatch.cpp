@@ -1,0 +1,133 @@
+#include <poll.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+
+#include "ZNodeArborInstallActions.h"
+#include "ZShared/ZChildReaper.h"
+#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZPidFd.h"
+
+// What happens to an install's process, while this host lives and over its restarts.
+
+Z_IMPLEMENT(ZNodeArborInstall_InstallAction)
+
+namespace {
+
+// An installer that was asked to end puts things in order first.
+constexpr auto kCancelPatience = std::chrono::seconds(20);
+// How often a process is looked for that no descriptor is to be had of.
+constexpr auto kLookAgain = std::chrono::milliseconds(500);
+
+}  // namespace
+
+bool ZNodeArborInstall_InstallAction::Work() {
+    const auto life = Node().Install();
+    if (!life) {
+        return true;
+    }
+    ZOperation& operation = life->Operation();
+    const ZProcessId process = life->Process();
+    const std::string program = "of the install of " + ToStdString(operation.Get()->m_Version);
+    const ZFileDescriptor exit(::pidfd_open(process.id, 0));
+    std::optional<ZClock::time_point> killAt;
+    while (!AwaitEnd(exit.Get(), process, operation, killAt.value_or(ZClock::now() + kLookAgain))) {
+        if (Node().InShutdown()) {
+            operation.LeaveOpen();  // the installer goes on, and the host's next life with it
+            ZChildReaper::Instance().Watch(process.id, program);
+            return true;
+        }
+        if (killAt && ZClock::now() >= *killAt) {
+            EndProcess(process, SIGKILL);
+            killAt = ZClock::now() + kCancelPatience;
+        } else if (!killAt && operation.CancelReason()) {
+            Z_LOG(2, "Cancelling the install of %s", operation.Get()->m_Version);
+            EndProcess(process, SIGTERM);
+            killAt = ZClock::now() + kCancelPatience;
+        }
+    }
+    const auto status = Reap(process, program);
+    ProgressRelay& relay = Node().Relay(true);
+    relay.EndWhenRead();
+    relay.WaitUntilFree();
+    life->OnEnded(status);
+    return true;
+}
+
+bool ZNodeArborInstall_InstallAction::AwaitEnd(int exit, const ZProcessId& process, ZOperation& operation,
+                                               ZClock::time_point wakeUp) {
+    // Once it was asked to end, its cancel event stays set: nothing to sleep on.
+    const bool asked = operation.CancelReason().has_value();
+    std::array<pollfd, 3> entries{{{exit, POLLIN, 0},
+                                   {ZStopEvent::OfThisThread()->Descriptor(), POLLIN, 0},
+                                   {asked ? -1 : operation.CancelEvent().Descriptor(), POLLIN, 0}}};
+    ::poll(entries.data(), entries.size(), PollTimeout(wakeUp));
+    return exit < 0 ? FindProcess(process.id) != process : entries[0].revents != 0;
+}
+
+/// Its whole group: a package of somebody else's may be a script with children.
+void ZNodeArborInstall_InstallAction::EndProcess(const ZProcessId& process, int signal) {
+    if (FindProcess(process.id) == process) {
+        ::kill(-process.id, signal);
+        ::kill(process.id, signal);
+    }
+}
+
+/// How it ended; unknown of one that an earlier life of this host started.
+std::optional<int> ZNodeArborInstall_InstallAction::Reap(const ZProcessId& process, const std::string& program) {
+    siginfo_t info{};
+    const bool isChild = ::waitid(P_PID, static_cast<id_t>(process.id), &info, WEXITED | WNOWAIT) == 0;
+    if (!isChild) {
+        return std::nullopt;
+    }
+    if (info.si_code != CLD_EXITED) {
+        // What it left behind must not finish what is now told as failed. Until it is reaped its number is its own.
+        ::kill(-process.id, SIGKILL);
+    }
+    int status = 0;
+    while (::waitpid(process.id, &status, 0) < 0) {
+        if (errno != EINTR) {
+            return std::nullopt;
+        }
+    }
+    ZChildReaper::LogEnd(program, process.id, status);
+    return status;
+}
+
+void ZNodeArborInstall::AdoptInstalls() {
+    const auto request = Z_MAKE(ZOperationsRequestMsg);
+    request->m_Node = Name();
+    request->m_State = "Open";
+    std::shared_ptr<ZMessage> answer;
+    constexpr auto kPatience = std::chrono::seconds(3);
+    PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "operations", 0), request, &answer,
+                       {true, false, kPatience});
+    if (const auto left = ZCAST(ZOperationsMsg, answer)) {
+        for (const auto& operation : left->m_Operations) {
+            Adopt(*operation);
+        }
+    }
+}
+
+void ZNodeArborInstall::Adopt(const ZOperationMsg& left) {
+    const auto operation = AdoptOperation(left);
+    const ZProcessId process{left.m_ProcessId, left.m_ProcessStart};
+    const auto life = std::make_shared<InstallLife>(operation, m_slots);
+    life->OnStarted(process);
+    const bool lives = left.m_BootId == ToZString(BootId()) && FindProcess(process.id) == process;
+    if (left.m_Kind != ZOperationKind::Install || !lives) {
+        life->OnEnded(std::nullopt);
+        return;
+    }
+    Z_LOG(2, "The install of %s goes on: its installer (process %d) lives", left.m_Version, process.id);
+    m_UpdateVersion.Exchange(left.m_Version);
+    m_bUpdateInProgress = true;
+    m_install.Exchange(life);
+    ZSystemUpdateMsg request;
+    if (const auto relay = StartRelay(request); !relay) {
+        Z_LOG(4, "Its progress can't be shown: %s", relay.error().text);
+    }
+    RunAction("Install", nullptr);
+}
