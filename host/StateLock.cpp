@@ -26,7 +26,7 @@ std::string HolderOf(const ZFileDescriptor& file) {
         std::string name;
         if (kind == "FLOCK" && line.find(inode) != std::string::npos &&
             std::getline(std::ifstream("/proc/" + id + "/comm"), name)) {
-            return name + " (process " + id + ')';
+            return name += " (process " + id + ')';
         }
     }
     return "another process";
