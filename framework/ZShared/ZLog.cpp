@@ -10,10 +10,10 @@
 #include <cstdio>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <shared_mutex>
 #include <string_view>
 
+#include "ZShared/ZGuarded.h"
 #include "text/Escape.h"
 
 namespace {
@@ -71,9 +71,11 @@ std::shared_ptr<spdlog::logger> MakeLogger(const ZLogSettings& settings) {
 }  // namespace
 
 struct ZLog::Impl {
-    mutable std::mutex mutex;  // guards logger and recent
-    std::shared_ptr<spdlog::logger> logger = MakeLogger({});
-    std::deque<std::string> recent;
+    struct Outputs {
+        std::shared_ptr<spdlog::logger> logger = MakeLogger({});
+        std::deque<std::string> recent;
+    };
+    ZGuarded<Outputs> outputs;
 
     // Shared while listeners are called, so that removing one waits for its call to end.
     std::shared_mutex listenersMutex;
@@ -92,8 +94,7 @@ ZLog& ZLog::Instance() {
 ZResult<void> ZLog::Configure(const ZLogSettings& settings) {
     try {
         auto logger = MakeLogger(settings);
-        const std::lock_guard lock(m_impl->mutex);
-        m_impl->logger = std::move(logger);
+        m_impl->outputs.Lock()->logger = std::move(logger);
         return {};
     } catch (const std::exception& failure) {
         return ZError(failure.what());
@@ -123,11 +124,11 @@ void ZLog::Write(int level, const char* channel, const char* file, const char* f
                            Line(Format(format, arguments));
         std::shared_ptr<spdlog::logger> logger;
         {
-            const std::lock_guard lock(m_impl->mutex);
-            logger = m_impl->logger;
-            m_impl->recent.push_back(text);
-            if (m_impl->recent.size() > kRemembered) {
-                m_impl->recent.pop_front();
+            const auto outputs = m_impl->outputs.Lock();
+            logger = outputs->logger;
+            outputs->recent.push_back(text);
+            if (outputs->recent.size() > kRemembered) {
+                outputs->recent.pop_front();
             }
         }
         logger->log(LibraryLevel(level), spdlog::string_view_t(text));
@@ -151,12 +152,11 @@ void ZLog::RemoveListener(int id) {
 }
 
 std::vector<std::string> ZLog::Recent(std::size_t count) const {
-    const std::lock_guard lock(m_impl->mutex);
-    const std::size_t skip = m_impl->recent.size() - std::min(count, m_impl->recent.size());
-    return {m_impl->recent.begin() + static_cast<std::ptrdiff_t>(skip), m_impl->recent.end()};
+    const auto outputs = m_impl->outputs.Lock();
+    const std::size_t skip = outputs->recent.size() - std::min(count, outputs->recent.size());
+    return {outputs->recent.begin() + static_cast<std::ptrdiff_t>(skip), outputs->recent.end()};
 }
 
 void ZLog::Flush() {
-    const std::lock_guard lock(m_impl->mutex);
-    m_impl->logger->flush();
+    m_impl->outputs.Lock()->logger->flush();
 }
