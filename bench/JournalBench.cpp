@@ -2,6 +2,7 @@
 #include <sys/socket.h>
 
 #include <fstream>
+#include <thread>
 
 #include "ArbordRun.h"
 #include "Benches.h"
@@ -10,8 +11,6 @@
 #include "ZMessages/OperationMessages.h"
 #include "ZNodeJournal.h"
 #include "ZShared/ZUnixAddress.h"
-
-#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -97,7 +96,7 @@ void CommitBare(benchmark::State& state) {
     const Scratch scratch;
     Bare bare(scratch / "bare.sqlite");
     bare.Run(
-        "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-256;"
+        "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL; PRAGMA cache_size=-128;"
         "PRAGMA wal_autocheckpoint=256; CREATE TABLE jobs(number INTEGER PRIMARY KEY, job TEXT)");
     const std::string insert = "INSERT INTO jobs(job) VALUES('" + std::string(200, 'x') + "')";
     for ([[maybe_unused]] auto _ : state) {

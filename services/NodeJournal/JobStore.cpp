@@ -153,7 +153,7 @@ ZResult<void> JobStore::Count() {
     m_rows = *rows;
     m_lastNumber = *last;
     m_overfull = m_rows > m_bounds.rows;
-    return {};
+    return m_database->Run("PRAGMA shrink_memory");  // counting has filled the cache
 }
 
 ZResult<void> JobStore::LoseOpenJobs() {
