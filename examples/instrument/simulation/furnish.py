@@ -65,8 +65,11 @@ def graph(device: Device) -> dict:
         "log": {"level": 2, "console": True, "journal": False, "file": str(paths.HOST_LOG), "fileSizeKiB": 1024,
                 "fileCount": 5},
         "platform": platform,
-        "libraries": ["libNodeArborInstall.so", "libNodeStorage.so", "libNodeDeviceProps.so", "libNodeGateway.so"],
+        "libraries": ["libNodeJournal.so", "libNodeArborInstall.so", "libNodeStorage.so", "libNodeDeviceProps.so",
+                      "libNodeGateway.so"],
         "nodes": [
+            {"name": "Journal", "class": "ZNodeJournal", "required": False,
+             "config": {"databaseFile": str(paths.STATE / "journal.sqlite")}},
             {"name": "ArborInstall", "class": "ZNodeArborInstall", "config": _installer_record()},
             {"name": "Storage", "class": "ZNodeStorage", "config": storage},
             {"name": "DeviceProps", "class": "ZNodeDeviceProps", "config": {"deviceType": device.role}},
