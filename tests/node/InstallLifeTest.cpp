@@ -192,8 +192,7 @@ TEST_F(InstallLife, GoesOnAfterARestartOfTheHost) {
     EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the disk is full"));
     LeaveRecord(ToStdString(left->m_Id), "running", "");
     restart();
-    EXPECT_TRUE(
-        WaitForJob("Install 3.045 Failed: the installer was ended before it had finished"));
+    EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the installer was ended before it had finished"));
     fs::remove(folder / "mount/Slots/last.json");
     restart();
     EXPECT_TRUE(
@@ -203,8 +202,8 @@ TEST_F(InstallLife, GoesOnAfterARestartOfTheHost) {
 TEST_F(InstallLife, IsCancelledByAnybodyAndTheInstallerPutsThingsInOrder) {
     const std::string tidy = (folder / "tidy").string();
     const std::string ready = (folder / "ready").string();
-    Begin("3.045", "trap 'touch " + tidy + "; exit 1' TERM; touch " + ready +
-                       "; while [ -e \"$0\" ]; do sleep 0.05; done");
+    Begin("3.045",
+          "trap 'touch " + tidy + "; exit 1' TERM; touch " + ready + "; while [ -e \"$0\" ]; do sleep 0.05; done");
     ASSERT_TRUE(WaitUntil([&] { return fs::exists(ready); }));
     const auto cancel = Z_MAKE(ZCancelMsg);
     cancel->m_Id = Latest().m_Id;
@@ -243,10 +242,17 @@ TEST_F(InstallLife, IsNotBegunForSomebodyWhoHasGone) {
     auto results = Z_MAKE(ZMessageArray);
     node->ScanDrive(Drive(), results);
     // The node is busy with something else when the request comes, and its asker does not wait so long.
+    const auto entered = std::make_shared<std::promise<void>>();
     std::promise<void> release;
     std::shared_future<void> released = release.get_future().share();
-    std::thread holder(
-        [&] { node->CallOnMessageThread([released] { released.wait(); }, ZClock::now() + std::chrono::minutes(1)); });
+    std::thread holder([&] {
+        const auto hold = [entered, released] {
+            entered->set_value();
+            released.wait();
+        };
+        node->CallOnMessageThread(hold, ZClock::now() + std::chrono::minutes(1));
+    });
+    entered->get_future().wait();
     std::shared_ptr<ZMessage> answer;
     const auto endpoint = probe->GetEndpoint(ZEndpointType::ClientRequest, "updatesystem", 0);
     const auto outcome =
