@@ -79,7 +79,9 @@ void ZNodeArborInstall::BuildPackage(const std::shared_ptr<ZDeviceCompatibilityM
     if (!message) {
         return;
     }
-    const auto operation = TakeJob(message, {.kind = ZOperationKind::Build, .version = m_systemVersion.m_text});
+    const auto operation = TakeJob(
+        message.get(),
+        {.kind = ZOperationKind::Build, .version = m_systemVersion.m_text, .file = ToZString(BoardAsked(*message))});
     try {
         const ZStopScope scope(operation->CancelEvent());
         const auto built = RunBuild(*message);

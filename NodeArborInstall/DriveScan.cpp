@@ -59,8 +59,7 @@ bool ZNodeArborInstall::ScanDriveFor(const fs::path& drive, std::shared_ptr<ZMes
                                      const ZMessage* request) {
     DriveChecks checks;
     checks.drive = ToZString(drive.string());
-    checks.scan = BeginOperation({.kind = ZOperationKind::Scan, .file = checks.drive}, request);
-    checks.scan->Start();
+    checks.scan = TakeJob(request, {.kind = ZOperationKind::Scan, .file = checks.drive});
     std::error_code error;
     fs::directory_iterator entry(drive, error);
     while (!error && !checks.scan->CancelReason() && entry != fs::directory_iterator()) {

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "ZNodeArborInstall.h"
 
 // Which job an action does, and how many actions of one kind run at once.
@@ -11,26 +13,46 @@ constexpr std::size_t kMostWaiting = 1024;
 
 }  // namespace
 
+void ZNodeArborInstall::BeginJob(const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject) {
+    const auto operation = BeginOperation(subject, message.get());
+    m_jobs.Lock()->emplace(message.get(), operation);
+}
+
 bool ZNodeArborInstall::StartJob(const char* action, const std::shared_ptr<ZMessage>& message,
                                  const ZOperationSubject& subject) {
-    const auto operation = BeginOperation(subject, message.get());
-    m_jobs.Lock()->emplace(message, operation);
+    BeginJob(message, subject);
     const bool started = RunAction(action, message);
     if (!started) {
-        m_jobs.Lock()->erase(message);
-        operation->Fail("it could not be started");
+        DropJobs(*message);
     }
     return started;
 }
 
-std::shared_ptr<ZOperation> ZNodeArborInstall::TakeJob(const std::shared_ptr<ZMessage>& message,
-                                                       const ZOperationSubject& subject) {
+void ZNodeArborInstall::DropJobs(const ZMessage& message) {
+    const auto jobs = m_jobs.Lock();
+    const auto [first, end] = jobs->equal_range(&message);
+    for (auto job = first; job != end; ++job) {
+        job->second->Fail("it could not be started");
+    }
+    jobs->erase(first, end);
+}
+
+std::shared_ptr<ZOperation> ZNodeArborInstall::TakeJob(const ZMessage* message, const ZOperationSubject& subject) {
     std::shared_ptr<ZOperation> operation;
-    if (const auto job = m_jobs.Lock()->extract(message)) {
-        operation = job.mapped();
+    {
+        const auto jobs = m_jobs.Lock();
+        const auto [first, end] = jobs->equal_range(message);
+        const auto found = std::find_if(first, end, [&](const auto& entry) {
+            const auto job = entry.second->Get();
+            return job->m_Kind == subject.kind && job->m_File == subject.file;
+        });
+        if (found != end) {
+            operation = found->second;
+            jobs->erase(found);
+        }
     }
     if (!operation) {
-        operation = BeginOperation(subject, message.get());
+        operation = BeginOperation(subject, message);
     }
     operation->Start();
     return operation;
@@ -43,6 +65,7 @@ void ZNodeArborInstall::RunBounded(const char* action, const std::shared_ptr<ZMe
         if (backlog.running >= kActionsAtOnce) {
             if (backlog.waiting.size() >= kMostWaiting) {
                 Z_LOG(4, "More than %d wait for a %s: one is left out", static_cast<int>(kMostWaiting), action);
+                DropJobs(*message);
                 return;
             }
             backlog.waiting.push_back(message);
@@ -51,6 +74,7 @@ void ZNodeArborInstall::RunBounded(const char* action, const std::shared_ptr<ZMe
         ++backlog.running;
     }
     if (!RunAction(action, message)) {
+        DropJobs(*message);
         --(*m_backlogs.Lock())[action].running;
     }
 }

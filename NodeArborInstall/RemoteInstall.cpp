@@ -177,9 +177,9 @@ bool ZNodeArborInstall_RemoteInstallAction::Work() {
         return true;
     }
     const std::shared_ptr<ZUseFlag::Hold> busy = Node().TakeRemoteInstallHold();
-    m_operation = Node().TakeJob(m_pMessage, {.kind = ZOperationKind::RemoteInstall,
-                                              .version = Node().SystemVersion().m_text,
-                                              .device = request->m_SerialNumber});
+    m_operation = Node().TakeJob(m_pMessage.get(), {.kind = ZOperationKind::RemoteInstall,
+                                                    .version = Node().SystemVersion().m_text,
+                                                    .device = request->m_SerialNumber});
     const auto info = Z_MAKE(ZVersionInfoMsg);
     info->m_VersionType = "System";
     info->m_bInstalled = false;

@@ -89,7 +89,8 @@ bool ZNodeArborInstall_TransferAction::Work() {
     }
     const TransferMsg& request = *journey.request;
     journey.operation = Node().TakeJob(
-        m_pMessage, {.kind = ZOperationKind::Transfer, .version = request.m_Version, .device = request.m_SerialNumber});
+        m_pMessage.get(),
+        {.kind = ZOperationKind::Transfer, .version = request.m_Version, .device = request.m_SerialNumber});
     std::string reason;
     journey.source = Node().PackageFor(request.m_Version, request.m_DeviceModel, reason);
     journey.destination = Node().UpdatesPath() / journey.source.filename();

@@ -25,6 +25,10 @@ bool ZNodeArborInstall::OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& m
     }
     Z_LOG(2, "Running StorageDevicesUpdate Action");
     EndChecksOf(devices->m_RemovedDevices);
+    // From now on: a drive that leaves before its turn comes is not looked at.
+    for (const ZString& drive : devices->m_AddedDevices) {
+        BeginJob(message, {.kind = ZOperationKind::Scan, .file = drive});
+    }
     RunBounded("StorageDevicesUpdate", message);
     return true;
 }

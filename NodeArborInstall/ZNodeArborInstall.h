@@ -103,8 +103,8 @@ public:
     ZUseFlag& RemoteInstallsFlag() { return m_remoteInstalls; }
 
     // Jobs.
-    /// The job that a handler began for the message whose action runs now, or a new one.
-    std::shared_ptr<ZOperation> TakeJob(const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject);
+    /// The job of that kind and file that a handler began for the message whose action runs now, or a new one.
+    std::shared_ptr<ZOperation> TakeJob(const ZMessage* message, const ZOperationSubject& subject);
     /// The next message for an action of that name to go on with; null when it is to end.
     std::shared_ptr<ZMessage> NextWaiting(const char* action);
     std::shared_ptr<InstallLife> Install() const { return m_install.Copy(); }
@@ -146,6 +146,10 @@ private:
     void ReadVersionDirectory(const std::filesystem::path& directory, const ZSoftwareVersion& version);
 
     // Jobs.
+    /// Begins a job that the message's action will take over.
+    void BeginJob(const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject);
+    /// They will not be taken over.
+    void DropJobs(const ZMessage& message);
     bool StartJob(const char* action, const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject);
     /// Runs the action for the message at once, or, when as many run as may, after one of them.
     void RunBounded(const char* action, const std::shared_ptr<ZMessage>& message);
@@ -234,7 +238,7 @@ private:
     };
     ZGuarded<AccessoryInstall> m_accessoryInstall;  // whose progress is, or will be, relayed
     std::filesystem::path m_slots;
-    ZGuarded<std::map<std::shared_ptr<ZMessage>, std::shared_ptr<ZOperation>>> m_jobs;  // begun, not taken over yet
+    ZGuarded<std::multimap<const ZMessage*, std::shared_ptr<ZOperation>>> m_jobs;  // begun, not taken over yet
     struct Backlog {
         std::size_t running = 0;
         std::deque<std::shared_ptr<ZMessage>> waiting;

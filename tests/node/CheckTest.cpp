@@ -1,0 +1,205 @@
+#include <csignal>
+
+#include "NodeFixture.h"
+
+// Checks of package files: none waits for another, and what is offered can be installed.
+
+namespace fs = std::filesystem;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+class Checks : public NodeFixture {
+protected:
+    /// What could be installed, the newest first.
+    std::vector<std::string> Offered() {
+        return Records(cast_shared<ZMessageArray>(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg))));
+    }
+    std::shared_ptr<ZInventoryMsg> Inventory() {
+        return cast_shared<ZInventoryMsg>(
+            probe->Ask(ZEndpointType::GraphService, "inventory", Z_MAKE(ZGenericRequestMsg)));
+    }
+    void TellDrives(const std::vector<fs::path>& added, const std::vector<fs::path>& removed) {
+        const auto devices = Z_MAKE(StorageDevicesMsg);
+        for (const fs::path& drive : added) {
+            devices->m_AddedDevices.push_back(ToZString(drive.string()));
+        }
+        for (const fs::path& drive : removed) {
+            devices->m_RemovedDevices.push_back(ToZString(drive.string()));
+        }
+        probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0), devices);
+    }
+    void TellFile(const fs::path& file) {
+        const auto update = Z_MAKE(FolderUpdateMsg);
+        update->m_Folder = ToZString(file.parent_path().string());
+        update->m_FileName = ToZString(file.filename().string());
+        probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "newFile", 0), update);
+    }
+    /// A package whose check never ends by itself; each one notes its process.
+    fs::path Hanging(const std::string& name) const {
+        return folder.Write(name, "#!/bin/sh\necho $$ >> " + (folder / "hanging").string() + "\nexec sleep 600\n",
+                            0755);
+    }
+    std::vector<pid_t> HangingProcesses() const {
+        std::vector<pid_t> alive;
+        std::istringstream noted(ReadText(folder / "hanging"));
+        for (pid_t process = 0; noted >> process;) {
+            if (FindProcess(process)) {
+                alive.push_back(process);
+            }
+        }
+        return alive;
+    }
+};
+
+TEST_F(Checks, OfOthersGoOnWhileOneHangsAndAreOfferedAtOnce) {
+    Start();
+    Hanging("drive/a hangs.pkg");
+    Package("b.pkg", "3.045");
+    Package("c.pkg", "3.046");
+    TellDrives({Drive()}, {});
+    EXPECT_TRUE(WaitForJob("Check c.pkg Succeeded") && WaitForJob("Check b.pkg Succeeded"));
+    EXPECT_THAT(Offered(), ElementsAre("3.046 System", "3.045 System"));
+    EXPECT_THAT(JobLines(), Contains("Check a hangs.pkg Running"));
+    EXPECT_TRUE(WaitUntil([&] {
+        return std::ranges::any_of(Jobs(), [](const auto& job) {
+            return job->m_Kind == ZOperationKind::Scan && job->m_Message == "checking 3 of 3";
+        });
+    }));
+    TellDrives({}, {Drive()});
+    EXPECT_TRUE(WaitForJob("Check a hangs.pkg Cancelled: cancelled because its drive was removed"));
+    EXPECT_TRUE(WaitForJob("Scan drive Cancelled: cancelled because its drive was removed"));
+    EXPECT_TRUE(WaitUntil([&] { return Offered().empty() && HangingProcesses().empty(); }));
+}
+
+TEST_F(Checks, EndAfterALimitOfTheirOwnAndByCancelling) {
+    Start(R"("CheckTimeoutSeconds":1)");
+    const fs::path file = Hanging("drive/hangs.pkg");
+    TellFile(file);
+    EXPECT_TRUE(WaitForJob("Check hangs.pkg Failed: it does not tell its version: The command was ended after 1 s"));
+    const auto inventory = Inventory();
+    ASSERT_EQ(inventory->m_Refused.size(), 1u);
+    EXPECT_EQ(inventory->m_Refused.front()->m_File, ToZString(file.string()));
+    EXPECT_THAT(ToStdString(inventory->m_Refused.front()->m_Reason), HasSubstr("ended after 1 s"));
+    Restart();
+    Start();
+    TellFile(file);
+    ASSERT_TRUE(WaitForJob("Check hangs.pkg Running"));
+    const auto cancel = Z_MAKE(ZCancelMsg);
+    cancel->m_Id = Jobs().back()->m_Id;
+    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "cancel", 0), cancel);
+    EXPECT_TRUE(WaitForJob("Check hangs.pkg Cancelled: cancelled by the device itself"));
+    EXPECT_TRUE(Inventory()->m_Refused.empty()) << "nothing was found out about the file";
+}
+
+TEST_F(Checks, OfADriveThatComesAndGoesLeaveNothingBehind) {
+    Start();
+    Hanging("drive/hangs.pkg");
+    const auto threads = [] {
+        return std::distance(fs::directory_iterator("/proc/self/task"), fs::directory_iterator());
+    };
+    const auto before = threads();
+    std::ptrdiff_t most = 0;
+    for (int round = 0; round < 100; ++round) {
+        TellDrives({Drive()}, {});
+        if (round % 10 == 9) {  // the others are gone before anybody looked
+            EXPECT_TRUE(WaitUntil([&] { return !HangingProcesses().empty(); }));
+        }
+        most = std::max(most, threads());
+        TellDrives({}, {Drive()});
+    }
+    EXPECT_TRUE(WaitUntil([&] { return HangingProcesses().empty(); }));
+    EXPECT_TRUE(WaitUntil([&] {
+        const auto all = Jobs();
+        return std::ranges::none_of(all, [](const auto& job) { return job->IsOpen(); });
+    })) << testing::PrintToString(JobLines());
+    EXPECT_LE(most - before, 12) << "four checks, four actions, and what reaps and logs";
+    EXPECT_THAT(Offered(), testing::IsEmpty());
+}
+
+TEST_F(Checks, KnowEveryPlaceOfAVersion) {
+    Start();
+    const fs::path first = Package("a.pkg", "3.045");
+    const fs::path second = folder.Write("other/b.pkg", ReadText(first), 0755);
+    TellDrives({Drive()}, {});
+    ASSERT_TRUE(WaitForJob("Scan drive Succeeded"));
+    TellDrives({folder / "other"}, {});
+    ASSERT_TRUE(WaitForJob("Scan other Succeeded"));
+    const auto files = [&] {
+        std::vector<std::string> found;
+        for (const auto& package : Inventory()->m_Packages) {
+            found.push_back(ToStdString(package->m_File));
+        }
+        return found;
+    };
+    EXPECT_THAT(files(), ElementsAre(second.string(), first.string())) << "the one checked last counts first";
+    TellDrives({}, {folder / "other"});
+    EXPECT_TRUE(WaitUntil([&] { return files() == std::vector{first.string()}; }));
+    EXPECT_THAT(Offered(), ElementsAre("3.045 System"));
+    fs::path package;
+    EXPECT_TRUE(node->FindPackage("3.045", package));
+    EXPECT_EQ(package, first);
+    TellDrives({}, {Drive()});
+    EXPECT_TRUE(WaitUntil([&] { return Offered().empty(); }));
+}
+
+TEST_F(Checks, OfUploadsTakeAwayWhatWasRefusedOrRemoved) {
+    InstallSystem("3.044");
+    probe->Listen(ZEndpointType::GraphService, "updateavailable");
+    Start();
+    const fs::path good = folder.Write("updates/good.pkg", ReadText(Package("g.pkg", "3.045")), 0755);
+    TellFile(good);
+    ASSERT_TRUE(WaitForJob("Check good.pkg Succeeded"));
+    const fs::path bad = folder.Write("updates/bad.pkg", ReadText(Package("b.pkg", "3.046", 1)), 0755);
+    TellFile(bad);
+    ASSERT_TRUE(WaitForJob("Check bad.pkg Failed: board:verdin-imx8mm"));
+    EXPECT_TRUE(WaitUntil([&] { return !fs::exists(bad); })) << "it only takes space";
+    EXPECT_THAT(Records(cast_shared<ZMessageArray>(probe->Received().back())),
+                ElementsAre("3.046 " + bad.string() + " rejected 7", "3.045 System"));
+    // What replaces a good one and is refused takes its entry away.
+    folder.Write("updates/good.pkg", ReadText(Package("b.pkg", "3.046", 1)), 0755);
+    TellFile(good);
+    EXPECT_TRUE(WaitUntil([&] { return Offered().empty() && !fs::exists(good); }));
+    folder.Write("updates/good.pkg", ReadText(Package("g.pkg", "3.045")), 0755);
+    TellFile(good);
+    ASSERT_TRUE(WaitUntil([&] { return Offered().size() == 1; }));
+    fs::remove(good);
+    TellFile(good);
+    EXPECT_TRUE(WaitUntil([&] { return Offered().empty(); }));
+    const fs::path onDrive = Package("refused.pkg", "3.047", 1);
+    TellFile(onDrive);
+    ASSERT_TRUE(WaitForJob("Check refused.pkg Failed: board:verdin-imx8mm"));
+    EXPECT_TRUE(fs::exists(onDrive)) << "what lies on a stick is its owner's";
+}
+
+TEST_F(Checks, ForgetUploadsButNothingElse) {
+    Start();
+    const fs::path good = folder.Write("updates/good.pkg", ReadText(Package("g.pkg", "3.045")), 0755);
+    folder.Write("updates/folder/inner.pkg", "x");
+    folder.Write("outside.pkg", "x");
+    fs::create_symlink(folder / "outside.pkg", folder / "updates/link.pkg");
+    TellFile(good);
+    ASSERT_TRUE(WaitForJob("Check good.pkg Succeeded"));
+    const auto forget = [&](const std::string& file) {
+        const auto request = Z_MAKE(ZForgetMsg);
+        request->m_File = ToZString(file);
+        const auto answer = cast_shared<ZGenericResponseMsg>(AskClient("forget", request));
+        return answer ? answer->m_bSuccess : false;
+    };
+    for (const std::string& file :
+         {std::string("../outside.pkg"), (folder / "outside.pkg").string(), std::string("folder"), std::string(""),
+          std::string("."), std::string("folder/inner.pkg"), (Drive() / "g.pkg").string(),
+          std::string("missing.pkg")}) {
+        EXPECT_FALSE(forget(file)) << file;
+    }
+    EXPECT_TRUE(forget("link.pkg")) << "the link, and not what it leads to";
+    EXPECT_TRUE(fs::exists(folder / "outside.pkg") && fs::exists(folder / "updates/folder/inner.pkg") &&
+                fs::exists(Drive() / "g.pkg"));
+    EXPECT_TRUE(forget("good.pkg"));
+    EXPECT_FALSE(fs::exists(good));
+    EXPECT_THAT(Offered(), testing::IsEmpty());
+}
+
+}  // namespace
