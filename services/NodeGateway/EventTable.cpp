@@ -1,5 +1,6 @@
 #include "EventTable.h"
 
+#include "ZMessages/OperationMessages.h"
 #include "ZMessages/PeerMessages.h"
 
 namespace gateway {
@@ -13,6 +14,7 @@ constexpr EventKind kEvents[] = {
     {"updateavailable", ZMessageArray::kClassName, kService, "updateavailable", true, ""},
     {"storagedeviceupdate", StorageDevicesMsg::kClassName, kService, "storagedeviceupdate", false, ""},
     {"peerupdate", ZPeerMsg::kClassName, kService, "peerupdate", false, "a device came or went"},
+    {"operation", ZOperationMsg::kClassName, kService, "operation", false, "a job began, went on or ended"},
 };
 
 }  // namespace

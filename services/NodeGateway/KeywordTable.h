@@ -20,6 +20,7 @@ struct Keyword {
     const char* answer;  ///< the class of the answer; null: a notification, which has none
     const char* summary;
     std::size_t largestBody = kUsualBody;  ///< of the request, in bytes
+    bool beginsJob = false;                ///< may begin one, whose id its answer tells
 
     bool IsNotification() const { return answer == nullptr; }
     std::span<const char* const> RequestClasses() const;

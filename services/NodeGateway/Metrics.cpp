@@ -59,6 +59,13 @@ std::string Label(const char* name, const std::string& value) {
     return std::string(name) + "=\"" + value + '"';
 }
 
+template <typename Enum>
+std::string Named(Enum value) {
+    return std::string(magic_enum::enum_name(value));
+}
+
+constexpr std::size_t kMostOpenOperations = 10'000;
+
 }  // namespace
 
 Metrics::Metrics()
@@ -73,6 +80,35 @@ Metrics::~Metrics() {
 void Metrics::CountRequest(const std::string& keyword, int status) {
     const std::lock_guard lock(m_mutex);
     ++m_requests[{keyword, status}];
+}
+
+void Metrics::CountOperation(const ZOperationMsg& job) {
+    const std::lock_guard lock(m_mutex);
+    if (!job.IsOpen()) {
+        m_openOperations.erase(job.m_Id);
+        ++m_operations[{job.m_Kind, job.m_State}];
+    } else if (m_openOperations.size() < kMostOpenOperations) {
+        m_openOperations[job.m_Id] = job.m_Kind;
+    }
+}
+
+void Metrics::AddOperations(std::ostream& out) const {
+    const std::lock_guard lock(m_mutex);
+    Family ended(out, "arbor_operations_total", "counter", "Jobs that have ended, by kind and how.");
+    for (const auto& [key, count] : m_operations) {
+        ended.Add(count, Label("kind", Named(key.first)) + ',' + Label("state", Named(key.second)));
+    }
+    Family open(out, "arbor_operations_open", "gauge", "Jobs that wait or run, by kind.");
+    std::map<ZOperationKind, std::uint64_t> kinds;
+    for (const ZOperationKind kind : magic_enum::enum_values<ZOperationKind>()) {
+        kinds[kind] = 0;
+    }
+    for (const auto& [id, kind] : m_openOperations) {
+        ++kinds[kind];
+    }
+    for (const auto& [kind, count] : kinds) {
+        open.Add(count, Label("kind", Named(kind)));
+    }
 }
 
 std::string Metrics::Text(const Gauges& gauges) const {
@@ -98,6 +134,7 @@ std::string Metrics::Text(const Gauges& gauges) const {
         Family(out, "arbor_update_in_progress", "gauge", "1 while an install is under way.")
             .Add(*gauges.updateInProgress ? 1 : 0);
     }
+    AddOperations(out);
     Family lines(out, "arbor_log_lines_total", "counter", "Log lines by level: 1 detail to 4 error.");
     for (std::size_t level = 1; level < m_logLines.size(); ++level) {
         lines.Add(m_logLines[level].load(), Label("level", std::to_string(level)));

@@ -9,6 +9,8 @@
 #include <string>
 #include <utility>
 
+#include "ZMessages/OperationMessages.h"
+
 namespace gateway {
 
 /// What is true at the moment of asking.
@@ -28,12 +30,18 @@ public:
     Metrics& operator=(const Metrics&) = delete;
 
     void CountRequest(const std::string& keyword, int status);
+    /// Is told of every change of a job.
+    void CountOperation(const ZOperationMsg& job);
     std::string Text(const Gauges& gauges) const;
 
 private:
+    void AddOperations(std::ostream& out) const;
+
     mutable std::mutex m_mutex;
     std::map<std::pair<std::string, int>, std::uint64_t> m_requests;
-    std::array<std::atomic<std::uint64_t>, 5> m_logLines{};  // by level
+    std::map<std::pair<ZOperationKind, ZOperationState>, std::uint64_t> m_operations;  // that have ended
+    std::map<ZString, ZOperationKind> m_openOperations;                                // by id
+    std::array<std::atomic<std::uint64_t>, 5> m_logLines{};                            // by level
     int m_logListener;
 };
 

@@ -44,10 +44,17 @@ json::object RequestSchema(const Keyword& keyword) {
 
 json::object KeywordPath(const Keyword& keyword) {
     json::object responses;
-    if (keyword.IsNotification()) {
-        responses["202"] = json::object{{"description", "Handed to all who listen"}};
+    const json::object job{
+        {"type", "object"},
+        {"properties", {{"operationId", {{"type", "string"}, {"description", "The job that was begun, if one was"}}}}}};
+    if (!keyword.IsNotification()) {
+        const json::object answer = Reference("schemas", keyword.answer);
+        responses["200"] = Answer("The answer", "application/json",
+                                  keyword.beginsJob ? json::object{{"allOf", json::array{answer, job}}} : answer);
+    } else if (keyword.beginsJob) {
+        responses["202"] = Answer("Handed to all who listen", "application/json", job);
     } else {
-        responses["200"] = Answer("The answer", "application/json", Reference("schemas", keyword.answer));
+        responses["202"] = json::object{{"description", "Handed to all who listen"}};
     }
     AddProblems(responses, {400, 413, 503, 504});
     const bool required = keyword.RequestClasses().size() > 1;
@@ -78,12 +85,29 @@ json::object Nullable(const char* type) {
     return {{"type", json::array{type, "null"}}};
 }
 
+/// `refused`: with why and when.
+json::object PackagesSchema(bool refused) {
+    json::object properties;
+    for (const char* key : {"version", "source", "relation", "board", "file"}) {
+        properties[key] = Nullable("string");
+    }
+    properties["size"] = Nullable("integer");
+    if (refused) {
+        properties["reason"] = {{"type", "string"}};
+        properties["errorCode"] = {{"type", "string"}};
+        properties["checkedAt"] = {{"type", "integer"}};
+    }
+    json::object packages = Nullable("array");
+    packages["items"] = {{"type", "object"}, {"properties", std::move(properties)}};
+    return packages;
+}
+
 json::object StatusSchema() {
     json::object device = Nullable("object");
     device["properties"] = {
         {"model", {{"type", "string"}}}, {"serialNumber", {{"type", "string"}}}, {"board", {{"type", "string"}}}};
-    json::object updates = Nullable("array");
-    updates["items"] = {{"type", "object"}, {"properties", {{"version", {{"type", "string"}}}}}};
+    json::object jobs = Nullable("array");
+    jobs["items"] = Reference("schemas", "ZOperationMsg");
     json::object drives = Nullable("array");
     drives["items"] = {{"type", "string"}};
     const json::object progress{
@@ -95,9 +119,17 @@ json::object StatusSchema() {
                                         {"installedVersion", Nullable("string")},
                                         {"updateInProgress", Nullable("boolean")},
                                         {"device", std::move(device)},
-                                        {"updates", std::move(updates)},
+                                        {"updates", PackagesSchema(false)},
                                         {"progress", progress},
-                                        {"drives", std::move(drives)}}}};
+                                        {"drives", std::move(drives)},
+                                        {"operations", std::move(jobs)},
+                                        {"runningSlot", Nullable("string")},
+                                        {"nextSlot", Nullable("string")},
+                                        {"nextVersion", Nullable("string")},
+                                        {"archive", PackagesSchema(false)},
+                                        {"refused", PackagesSchema(true)},
+                                        {"updatesFree", Nullable("integer")},
+                                        {"archiveFree", Nullable("integer")}}}};
 }
 
 json::object ProblemSchema() {
@@ -124,6 +156,18 @@ std::string EventsText() {
            ". A client that takes them too slowly is dropped.";
 }
 
+json::array JobParameters() {
+    const json::object text{{"type", "string"}};
+    return {QueryParameter("kind", "Only those, such as install; upper or lower case", text),
+            QueryParameter("state", "Only those, such as failed, or open: queued and running", text),
+            QueryParameter("node", "Only those that this node does", text),
+            QueryParameter("since", "Begun then or later, in milliseconds since 1970",
+                           {{"type", "integer"}, {"minimum", 0}, {"default", 0}}),
+            QueryParameter("limit", "How many on a page",
+                           {{"type", "integer"}, {"minimum", 0}, {"maximum", 1000}, {"default", 100}}),
+            QueryParameter("before", "\"next\" of the page before", text)};
+}
+
 void AddReadings(json::object& paths) {
     const json::object text{{"type", "string"}};
     const json::object lines{{"type", "object"},
@@ -133,6 +177,18 @@ void AddReadings(json::object& paths) {
         {QueryParameter("log", "1: log lines too", {{"type", "integer"}, {"minimum", 0}, {"maximum", 1}})}, {400, 503});
     paths["/v1/status"] = Reading("status", "The device's state",
                                   Answer("The state", "application/json", Reference("schemas", "Status")));
+    paths["/v1/operations"] =
+        Reading("operations", "The jobs, newest first",
+                Answer("A page of them", "application/json", Reference("schemas", "ZOperationsMsg")), JobParameters(),
+                {400, 504});
+    const json::object id{{"name", "id"},
+                          {"in", "path"},
+                          {"required", true},
+                          {"description", "Its id, or a beginning of at least 4 characters that fits one only"},
+                          {"schema", text}};
+    paths["/v1/operations/{id}"] =
+        Reading("operation", "One job", Answer("The job", "application/json", Reference("schemas", "ZOperationMsg")),
+                json::array{id}, {400, 404, 409, 504});
     paths["/v1/log"] =
         Reading("log", "The newest log lines, oldest first", Answer("The lines", "application/json", lines),
                 {QueryParameter("lines", "How many; at most 1000 are kept",

@@ -1,8 +1,13 @@
 #include "Requests.h"
 
+#include <pwd.h>
+
+#include <vector>
+
 #include "DocumentCheck.h"
 #include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
+#include "NodeBase/ZOperation.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "http/Problem.h"
 
@@ -82,9 +87,24 @@ HttpResponse Failed(ZPublishOutcome outcome, const Keyword& keyword) {
     }
 }
 
+/// Who asks, for people: a name, or the number of a user whom the system does not know.
+std::string AskerOf(uid_t user) {
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> buffer(16384);
+    const bool known = ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+    return "user " + (known ? std::string(entry.pw_name) : std::to_string(user));
+}
+
+/// The JSON object with the job's id as one more key.
+std::string WithOperation(std::string object, const std::string& id) {
+    object.pop_back();
+    return object + (object.size() > 1 ? "," : "") + "\"operationId\":\"" + id + "\"}";
+}
+
 }  // namespace
 
-HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body) {
+HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body, uid_t user) {
     // Reading takes several times a document's memory.
     std::unique_lock oneAtATime(m_largeDocument, std::defer_lock);
     if (body.size() > kUsualBody) {
@@ -92,7 +112,11 @@ HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body) {
     }
     const auto message = ReadMessage(keyword, body);
     oneAtATime = {};
-    return message ? Ask(keyword, *message) : Problem(400, message.error().detail, message.error().key);
+    if (!message) {
+        return Problem(400, message.error().detail, message.error().key);
+    }
+    (*message)->SetOrigin(std::make_shared<ZRequestOrigin>(AskerOf(user), ToStdString(ZOperation::NewId())));
+    return Ask(keyword, *message);
 }
 
 HttpResponse Requests::Ask(const Keyword& keyword, const std::shared_ptr<ZMessage>& message) {
@@ -104,10 +128,12 @@ HttpResponse Requests::Ask(const Keyword& keyword, const std::shared_ptr<ZMessag
         return Failed(outcome, keyword);
     }
     HttpResponse response;
-    if (answer) {
-        response.body = MessageText(*answer);
-    } else {
-        response.status = 202;
+    response.status = answer ? 200 : 202;
+    const ZRequestOrigin& origin = *message->Origin();
+    response.body = answer ? MessageText(*answer) : keyword.beginsJob ? "{}" : "";
+    // What a notification begins, it begins later.
+    if (answer ? origin.begun.load() : keyword.beginsJob) {
+        response.body = WithOperation(std::move(response.body), origin.operationId);
     }
     return response;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <mutex>
 
@@ -16,8 +18,9 @@ class Requests {
 public:
     Requests(ZCommEnabledObject& bus, std::chrono::milliseconds patience) : m_bus(bus), m_patience(patience) {}
 
-    /// The answer to a request whose message is the JSON text `body`, or a problem that says why there is none.
-    HttpResponse Handle(const Keyword& keyword, const std::string& body);
+    /// The answer to a request of `user` whose message is the JSON text `body`, or a problem that says why there is
+    /// none. When it has begun a job, the answer tells its id.
+    HttpResponse Handle(const Keyword& keyword, const std::string& body, uid_t user);
 
 private:
     HttpResponse Ask(const Keyword& keyword, const std::shared_ptr<ZMessage>& message);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <boost/json.hpp>
-#include <charconv>
 
 #include "EventStream.h"
 #include "OpenApi.h"
@@ -10,12 +9,14 @@
 #include "ZMessages/ZJSONCommStream.h"
 #include "ZShared/ZLog.h"
 #include "http/Problem.h"
+#include "http/Target.h"
 
 namespace gateway {
 
 namespace {
 
 constexpr std::string_view kRoot = "/v1/";
+constexpr std::string_view kOneOperation = "/v1/operations/";
 constexpr std::size_t kUsualLogLines = 200;
 constexpr std::size_t kMostLogLines = 1000;
 constexpr auto kStatusPatience = std::chrono::seconds(5);
@@ -38,38 +39,23 @@ HttpResponse Json(std::string text) {
     return response;
 }
 
-/// The parameter's value; `otherwise` when it is absent, none when it is not a whole number.
-std::optional<std::size_t> Number(const HttpRequest& request, const char* name, std::size_t otherwise) {
-    const auto found = request.query.find(name);
-    if (found == request.query.end()) {
-        return otherwise;
-    }
-    const std::string& text = found->second;
-    std::size_t value = 0;
-    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
-    const bool whole = failure == std::errc() && end == text.data() + text.size();
-    return whole ? std::optional(value) : std::nullopt;
-}
-
 }  // namespace
 
 Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events)
-    : m_events(events), m_requests(bus, patience), m_status(bus, events) {}
+    : m_events(events), m_requests(bus, patience), m_jobs(bus), m_status(bus, events, m_jobs) {}
 
 Resources::Handler Resources::Find(std::string_view path) {
     static constexpr std::pair<std::string_view, Handler> kHandlers[] = {
-        {"/v1/events", &Resources::Events},
-        {"/v1/status", &Resources::Status},
-        {"/v1/log", &Resources::Log},
-        {"/v1/metrics", &Resources::MetricsText},
-        {"/v1/openapi.json", &Resources::Description},
+        {"/v1/events", &Resources::Events},         {"/v1/status", &Resources::Status},
+        {"/v1/operations", &Resources::Operations}, {"/v1/log", &Resources::Log},
+        {"/v1/metrics", &Resources::MetricsText},   {"/v1/openapi.json", &Resources::Description},
     };
     for (const auto& [known, handler] : kHandlers) {
         if (known == path) {
             return handler;
         }
     }
-    return nullptr;
+    return path.starts_with(kOneOperation) ? &Resources::Operation : nullptr;
 }
 
 std::size_t Resources::LargestBody(std::string_view path) const {
@@ -97,13 +83,13 @@ HttpResponse Resources::Handle(const HttpRequest& request) {
 }
 
 HttpResponse Resources::Ask(const Keyword& keyword, const HttpRequest& request) {
-    HttpResponse response = m_requests.Handle(keyword, request.body);
+    HttpResponse response = m_requests.Handle(keyword, request.body, request.user);
     m_metrics.CountRequest(keyword.name, response.status);
     return response;
 }
 
 HttpResponse Resources::Events(const HttpRequest& request) {
-    const auto log = Number(request, "log", 0);
+    const auto log = NumberOf(request, "log", 0);
     if (!log || *log > 1) {
         return Problem(400, "\"log\" is 0 or 1", "log");
     }
@@ -122,8 +108,16 @@ HttpResponse Resources::Status(const HttpRequest&) {
     return Json(m_status.Document(kStatusPatience));
 }
 
+HttpResponse Resources::Operations(const HttpRequest& request) {
+    return m_jobs.List(request, kStatusPatience);
+}
+
+HttpResponse Resources::Operation(const HttpRequest& request) {
+    return m_jobs.One(request.path.substr(kOneOperation.size()), kStatusPatience);
+}
+
 HttpResponse Resources::Log(const HttpRequest& request) {
-    const auto count = Number(request, "lines", kUsualLogLines);
+    const auto count = NumberOf(request, "lines", kUsualLogLines);
     if (!count) {
         return Problem(400, "\"lines\" is a whole number", "lines");
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "EventHub.h"
+#include "JobHistory.h"
 #include "Metrics.h"
 #include "Requests.h"
 #include "StatusReport.h"
@@ -16,6 +17,8 @@ public:
     std::size_t LargestBody(std::string_view path) const override;
     HttpResponse Handle(const HttpRequest& request) override;
     void OnRefused(std::string_view path, int status) override;
+    /// A job has changed.
+    void OnOperation(const ZOperationMsg& job) { m_metrics.CountOperation(job); }
 
 private:
     using Handler = HttpResponse (Resources::*)(const HttpRequest&);
@@ -23,12 +26,15 @@ private:
     HttpResponse Ask(const Keyword& keyword, const HttpRequest& request);
     HttpResponse Events(const HttpRequest& request);
     HttpResponse Status(const HttpRequest& request);
+    HttpResponse Operations(const HttpRequest& request);
+    HttpResponse Operation(const HttpRequest& request);
     HttpResponse Log(const HttpRequest& request);
     HttpResponse MetricsText(const HttpRequest& request);
     HttpResponse Description(const HttpRequest& request);
 
     EventHub& m_events;
     Requests m_requests;
+    JobHistory m_jobs;
     StatusReport m_status;
     Metrics m_metrics;
 };

@@ -3,6 +3,7 @@
 #include <boost/json.hpp>
 
 #include "LoadedVersion.h"
+#include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
 #include "ZMessages/Messages.h"
 #include "text/Utf8.h"
@@ -63,13 +64,76 @@ json::value Updates(const std::shared_ptr<ZMessage>& answer) {
     return updates;
 }
 
+json::value TextOrNull(const ZString& text) {
+    return text.empty() ? json::value() : Text(text);
+}
+
+json::value CountOrNull(std::int64_t count) {
+    return count < 0 ? json::value() : json::value(count);
+}
+
+json::object Package(const ZPackageInfoMsg& package) {
+    return {{"version", TextOrNull(package.m_Version)}, {"source", TextOrNull(package.m_Source)},
+            {"size", CountOrNull(package.m_Size)},      {"relation", TextOrNull(package.m_Relation)},
+            {"board", TextOrNull(package.m_Board)},     {"file", TextOrNull(package.m_File)}};
+}
+
+json::object RefusedPackage(const ZPackageInfoMsg& package) {
+    json::object refused = Package(package);
+    refused["reason"] = Text(package.m_Reason);
+    refused["errorCode"] = json::string(magic_enum::enum_name(package.m_ErrorCode));
+    refused["checkedAt"] = package.m_CheckedAt;
+    return refused;
+}
+
+json::array List(const ZVector<std::shared_ptr<ZPackageInfoMsg>>& packages,
+                 json::object (*shown)(const ZPackageInfoMsg&)) {
+    json::array list;
+    for (const auto& package : packages) {
+        list.push_back(shown(*package));
+    }
+    return list;
+}
+
+/// What the inventory tells beside what is told without one too.
+void AddInventory(json::object& document, const std::shared_ptr<ZInventoryMsg>& inventory) {
+    if (!inventory) {
+        for (const char* key :
+             {"runningSlot", "nextSlot", "nextVersion", "archive", "refused", "updatesFree", "archiveFree"}) {
+            document[key] = nullptr;
+        }
+        return;
+    }
+    document["runningSlot"] = TextOrNull(inventory->m_RunningSlot);
+    document["nextSlot"] = TextOrNull(inventory->m_NextSlot);
+    document["nextVersion"] = TextOrNull(inventory->m_NextVersion);
+    document["archive"] = List(inventory->m_Archive, Package);
+    document["refused"] = List(inventory->m_Refused, RefusedPackage);
+    document["updatesFree"] = CountOrNull(inventory->m_UpdatesFree);
+    document["archiveFree"] = CountOrNull(inventory->m_ArchiveFree);
+}
+
+json::value Jobs(const std::shared_ptr<ZOperationsMsg>& open) {
+    if (!open) {
+        return nullptr;
+    }
+    json::array jobs;
+    for (const auto& job : open->m_Operations) {
+        jobs.push_back(json::parse(MessageText(*job)));
+    }
+    return jobs;
+}
+
+bool IsInstall(const std::shared_ptr<ZOperationMsg>& job) {
+    return job->m_Kind == ZOperationKind::Install || job->m_Kind == ZOperationKind::RemoteInstall;
+}
+
 json::value Progress(const std::string& last) {
     return last.empty() ? json::value() : json::parse(last);
 }
 
-std::optional<bool> InProgress(const std::shared_ptr<ZMessage>& answer) {
-    const auto state = cast_shared<ZSystemUpdateInProgressMsg>(answer);
-    return state ? std::optional<bool>(state->m_bUpdateInProgress) : std::nullopt;
+std::chrono::milliseconds Until(std::chrono::steady_clock::time_point deadline) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
 }
 
 }  // namespace
@@ -77,7 +141,7 @@ std::optional<bool> InProgress(const std::shared_ptr<ZMessage>& answer) {
 std::shared_ptr<ZMessage> StatusReport::Ask(ZEndpointType type, const char* keyword,
                                             const std::shared_ptr<ZMessage>& request,
                                             Clock::time_point deadline) const {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left = Until(deadline);
     std::shared_ptr<ZMessage> answer;
     if (left.count() > 0) {
         m_bus.PublishWithOutcome(m_bus.GetEndpoint(type, keyword, 0), request, &answer, {true, false, left});
@@ -93,24 +157,49 @@ std::string StatusReport::Document(std::chrono::milliseconds patience) const {
     // The services first: they answer at once, while the node that installs may be busy for longer than we wait.
     const json::value device = Device(ask(ZEndpointType::GraphService, "deviceProps"));
     const json::value drives = Drives(ask(ZEndpointType::GraphService, "getdevices"));
-    const auto inProgress = InProgress(
-        Ask(ZEndpointType::GraphService, "getUpdateInProgress", Z_MAKE(ZSystemUpdateInProgressRequestMsg), deadline));
-    const json::object document{
+    const auto open = m_jobs.Open({}, Until(deadline));
+    const auto inProgress = InProgress(open, deadline);
+    const auto inventory = cast_shared<ZInventoryMsg>(ask(ZEndpointType::GraphService, "inventory"));
+    // Without one, as in graphs of old. These leave log lines, which a mere question must not.
+    const json::value installed = inventory
+                                      ? TextOrNull(inventory->m_InstalledVersion)
+                                      : InstalledVersion(ask(ZEndpointType::ClientRequest, "getinstalledversioninfo"));
+    const json::value updates = inventory ? json::value(List(inventory->m_Packages, Package))
+                                          : Updates(ask(ZEndpointType::ClientRequest, "findupdates"));
+    json::object document{
         {"version", TextOrNull(LoadedText("GetVersionTag"))},
         {"hash", TextOrNull(LoadedText("GetVersionHash"))},
-        {"installedVersion", InstalledVersion(ask(ZEndpointType::ClientRequest, "getinstalledversioninfo"))},
+        {"installedVersion", installed},
         {"updateInProgress", inProgress ? json::value(*inProgress) : json::value()},
         {"device", device},
-        {"updates", Updates(ask(ZEndpointType::ClientRequest, "findupdates"))},
+        {"updates", updates},
         {"progress", Progress(m_events.LastProgress())},
         {"drives", drives},
+        {"operations", Jobs(open)},
     };
+    AddInventory(document, inventory);
     return text::ValidUtf8(json::serialize(document));
 }
 
+std::optional<bool> StatusReport::InProgress(std::shared_ptr<ZOperationsMsg> open, Clock::time_point deadline) const {
+    if (!open) {
+        const auto state = cast_shared<ZSystemUpdateInProgressMsg>(Ask(
+            ZEndpointType::GraphService, "getUpdateInProgress", Z_MAKE(ZSystemUpdateInProgressRequestMsg), deadline));
+        return state ? std::optional<bool>(state->m_bUpdateInProgress) : std::nullopt;
+    }
+    // An install may have begun before a thousand checks that wait.
+    while (open && std::ranges::none_of(open->m_Operations, IsInstall)) {
+        if (open->m_Next.empty()) {
+            return false;
+        }
+        open = m_jobs.Open(open->m_Next, Until(deadline));
+    }
+    return open ? std::optional<bool>(true) : std::nullopt;
+}
+
 std::optional<bool> StatusReport::UpdateInProgress(std::chrono::milliseconds patience) const {
-    return InProgress(Ask(ZEndpointType::GraphService, "getUpdateInProgress", Z_MAKE(ZSystemUpdateInProgressRequestMsg),
-                          Clock::now() + patience));
+    const auto deadline = Clock::now() + patience;
+    return InProgress(m_jobs.Open({}, patience), deadline);
 }
 
 }  // namespace gateway

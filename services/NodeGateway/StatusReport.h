@@ -5,6 +5,7 @@
 #include <string>
 
 #include "EventHub.h"
+#include "JobHistory.h"
 #include "NodeComm/ZCommEndpoint.h"
 
 class ZCommEnabledObject;
@@ -15,10 +16,12 @@ namespace gateway {
 /// The device's state in one document, asked for on the bus. A part that nobody tells is null. Thread-safe.
 class StatusReport {
 public:
-    StatusReport(ZCommEnabledObject& bus, const EventHub& events) : m_bus(bus), m_events(events) {}
+    StatusReport(ZCommEnabledObject& bus, const EventHub& events, const JobHistory& jobs)
+        : m_bus(bus), m_events(events), m_jobs(jobs) {}
 
     /// JSON. Takes at most `patience`, however many parts stay unanswered.
     std::string Document(std::chrono::milliseconds patience) const;
+    /// Whether an install is under way, here or on the accessory; none when nobody tells.
     std::optional<bool> UpdateInProgress(std::chrono::milliseconds patience) const;
 
 private:
@@ -26,8 +29,12 @@ private:
     std::shared_ptr<ZMessage> Ask(ZEndpointType type, const char* keyword, const std::shared_ptr<ZMessage>& request,
                                   Clock::time_point deadline) const;
 
+    /// `open` are the open jobs, as far as their first page goes; null when nobody tells them.
+    std::optional<bool> InProgress(std::shared_ptr<ZOperationsMsg> open, Clock::time_point deadline) const;
+
     ZCommEnabledObject& m_bus;
     const EventHub& m_events;
+    const JobHistory& m_jobs;
 };
 
 }  // namespace gateway

@@ -68,7 +68,15 @@ bool ZNodeGateway::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_
 }
 
 bool ZNodeGateway::InitMessageMap() {
-    return std::ranges::all_of(Events(), [this](const EventKind& kind) { return Show(kind); });
+    return std::ranges::all_of(Events(), [this](const EventKind& kind) { return Show(kind); }) &&
+           Subscribe(GetEndpoint(ZEndpointType::GraphService, "operation", 0),
+                     [this](const std::shared_ptr<ZMessage>& message) {
+                         const auto job = cast_shared<ZOperationMsg>(message);
+                         if (job) {
+                             m_parts->resources.OnOperation(*job);
+                         }
+                         return job != nullptr;
+                     });
 }
 
 bool ZNodeGateway::Show(const EventKind& kind) {

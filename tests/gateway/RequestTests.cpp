@@ -45,6 +45,9 @@ const KeywordCase kKeywords[] = {
     {"remoteinstall", kDevice, R"({"version":"3.045"})", "ZSystemUpdateMsg", "version", "3.045", "ZMessageArray"},
     {"peers", kService, "{}", "ZGenericRequestMsg", "", "", "ZPeersMsg"},
     {"pair", kService, R"({"publicKey":"ab","remove":true})", "ZPairMsg", "publicKey", "ab", "ZPeersMsg"},
+    {"cancel", kService, R"({"id":"0123456789abcdef"})", "ZCancelMsg", "id", "0123456789abcdef", nullptr},
+    {"forget", kClient, R"({"file":"a.pkg"})", "ZForgetMsg", "file", "a.pkg", "ZGenericResponseMsg"},
+    {"inventory", kService, "", "ZGenericRequestMsg", "", "", "ZInventoryMsg"},
 };
 
 TEST_F(Gateway, CarriesEveryKeywordToItsEndpointAndTheAnswerBack) {
@@ -61,7 +64,7 @@ TEST_F(Gateway, CarriesEveryKeywordToItsEndpointAndTheAnswerBack) {
         EXPECT_EQ(received.Text(row.key), row.value);
         EXPECT_EQ(reply.status, row.answer ? 200 : 202);
         EXPECT_EQ(reply.Text("className"), row.answer ? row.answer : "");
-        EXPECT_EQ(reply.type, row.answer ? "application/json" : "");
+        EXPECT_EQ(reply.type, reply.body.empty() ? "" : "application/json");
         graph.reset();
     }
 }

@@ -70,7 +70,9 @@ TEST_F(Gateway, NamesTheSettingThatCanNotBeUsed) {
 TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     ASSERT_TRUE(Start());
     EXPECT_EQ(Get("/v1/status").body, R"({"version":null,"hash":null,"installedVersion":null,"updateInProgress":null,)"
-                                      R"("device":null,"updates":null,"progress":null,"drives":null})");
+                                      R"("device":null,"updates":null,"progress":null,"drives":null,"operations":null,)"
+                                      R"("runningSlot":null,"nextSlot":null,"nextVersion":null,"archive":null,)"
+                                      R"("refused":null,"updatesFree":null,"archiveFree":null})");
     const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {
         probe->Listen(type, keyword, [=](const auto&) { return Made(className, json); });
     };
@@ -100,7 +102,7 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
         testing::MatchesRegex(
             R"re(.*"installedVersion":"3.044","updateInProgress":true,)re"
             R"re("device":\{"model":"KiteQM","serialNumber":"7","board":"b"\},"updates":\[\{"version":"3.046"\}\],)re"
-            R"re("progress":\{[^}]*"percent":35[^}]*\},"drives":\["/media/M.*ll"\]\})re"));
+            R"re("progress":\{[^}]*"percent":35[^}]*\},"drives":\["/media/M[^"]*ll"\],"operations":null,.*)re"));
     EXPECT_NE(status.find("M\xEF\xBF\xBDll"), std::string::npos)
         << "a name that is no UTF-8 must not break the document";
     Post("/v1/findupdates", "");
@@ -124,7 +126,8 @@ TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
     std::istringstream paths(
         "updatesystem compareversions findupdates getinstalledversioninfo getUpdateInProgress newFile "
         "storagedeviceupdate getdevices deviceProps checkCompatibility upload "
-        "transfer remoteinstall peers pair events status log metrics openapi.json");
+        "transfer remoteinstall peers pair cancel forget inventory events status operations operations/{id} log "
+        "metrics openapi.json");
     for (std::string path; paths >> path;) {
         EXPECT_NE(text.find("\"/v1/" + path + "\":{"), std::string::npos) << path;
     }

@@ -39,4 +39,20 @@ void ReadTarget(std::string_view target, HttpRequest& request) {
     }
 }
 
+std::string TextOf(const HttpRequest& request, const char* name) {
+    const auto found = request.query.find(name);
+    return found == request.query.end() ? std::string() : found->second;
+}
+
+std::optional<std::size_t> NumberOf(const HttpRequest& request, const char* name, std::size_t otherwise) {
+    if (!request.query.contains(name)) {
+        return otherwise;
+    }
+    const std::string text = TextOf(request, name);
+    std::size_t value = 0;
+    const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+    const bool good = failure == std::errc() && end == text.data() + text.size() && value <= INT64_MAX;
+    return good ? std::optional(value) : std::nullopt;
+}
+
 }  // namespace gateway
