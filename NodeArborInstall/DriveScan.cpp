@@ -17,7 +17,7 @@ constexpr std::size_t kMostCandidates = 1000;
 /// The checks of one drive. Each collects into an array of its own: put together they are in the drive's order.
 struct ZNodeArborInstall::DriveChecks {
     struct Check {
-        std::future<bool> done;
+        std::shared_future<bool> done;
         std::shared_ptr<ZMessageArray> results;
     };
     std::shared_ptr<ZOperation> scan;

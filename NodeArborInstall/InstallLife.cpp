@@ -84,7 +84,9 @@ bool InstallLife::SettleByRecord(std::optional<int> waitStatus) {
     if (!record || record->m_Operation != m_operation->Id()) {
         return false;
     }
-    if (record->m_Outcome == "succeeded") {
+    // One that was ended between the switch and its record has done its work.
+    const bool isSwitched = !record->m_Slot.empty() && ToZString(ReadSlots(m_slots).next) == record->m_Slot;
+    if (record->m_Outcome == "succeeded" || (record->m_Outcome == "running" && isSwitched)) {
         m_operation->Succeed();
     } else if (record->m_Outcome == "failed") {
         FailOrCancel(ToStdString(record->m_Reason));
@@ -93,9 +95,9 @@ bool InstallLife::SettleByRecord(std::optional<int> waitStatus) {
     } else if (waitStatus) {
         FailOrCancel("the installer " + EndOfProcess(*waitStatus) + " before it had finished");
     } else if (record->m_BootId != ToZString(BootId())) {
-        m_operation->Lose("the device was restarted, or lost its power, before the installer had finished");
+        m_operation->Fail("the device was restarted, or lost its power, before the installer had finished");
     } else {
-        m_operation->Lose("the installer was ended before it had finished, while nobody watched it");
+        FailOrCancel("the installer was ended before it had finished");
     }
     return true;
 }

@@ -31,12 +31,13 @@ bool IsSlot(const std::string& name) {
 std::string SlotOfKernel() {
     std::istringstream options(ReadShort(kKernelCommandLine));
     constexpr std::string_view kOption = "arbor.slot=";
+    std::string slot;
     for (std::string option; options >> option;) {
         if (option.starts_with(kOption)) {
-            return option.substr(kOption.size());
+            slot = option.substr(kOption.size());  // the last one counts, as everywhere on that line
         }
     }
-    return {};
+    return slot;
 }
 
 /// As the first install of this boot noted it; when there was none, the boot took what is next.

@@ -12,7 +12,7 @@ bool ZNodeArborInstallCfg::Serialize(ZCommStream& stream) const {
 }
 
 bool ZNodeArborInstallCfg::Deserialize(ZCommStream& stream) {
-    ZFields::Read(*this, stream, Fields());
+    ZFields::Read(*this, stream, std::tuple_cat(Fields(), FurtherFields()));
     if (!m_ArchiveDevice.empty()) {
         m_archiveMount = ZPlatform::GetMountPointFromDevice(ToStdString(m_ArchiveDevice));
         m_archiveRoot = m_archiveMount;
@@ -26,13 +26,13 @@ bool ZNodeArborInstallCfg::Deserialize(ZCommStream& stream) {
 
 void ZNodeArborInstallCfg::CloneDataMembers(const ZMessage& from) {
     const auto& other = static_cast<const ZNodeArborInstallCfg&>(from);
-    ZFields::Copy(other, *this, Fields());
+    ZFields::Copy(other, *this, std::tuple_cat(Fields(), FurtherFields()));
     m_archiveRoot = other.m_archiveRoot;
     m_archiveMount = other.m_archiveMount;
 }
 
 void ZNodeArborInstallCfg::VisitFields(const ZFieldVisitor& visitor) {
-    ZFields::Visit(*this, visitor, Fields());
+    ZFields::Visit(*this, visitor, std::tuple_cat(Fields(), FurtherFields()));
 }
 
 bool ZNodeArborInstallCfg::StaysBelow(std::string_view path) {

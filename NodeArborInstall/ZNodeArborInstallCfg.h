@@ -29,7 +29,7 @@ public:
     /// Derived: where the device is mounted; empty when it is not.
     std::filesystem::path m_archiveMount;
 
-    /// Writes all keys; true.
+    /// Writes the nine keys that every reader of a record knows; true.
     bool Serialize(ZCommStream& stream) const override;
     /// Reads what is there and looks the archive device up; true. stream.Error() tells of values of a wrong type.
     bool Deserialize(ZCommStream& stream) override;
@@ -72,7 +72,12 @@ private:
             Z_KEYED_FIELD("SwitchPartitionCmd", m_SwitchPartitionCmd)
                 .Means("Shell command that switches the boot partition."),
             Z_KEYED_FIELD("RunRecoveryCmd", m_RunRecoveryCmd)
-                .Means("Shell command that switches to the recovery system."),
+                .Means("Shell command that switches to the recovery system."));
+    }
+    /// Read beside the nine, and never written: whoever copies a record by its text keeps what was always in it.
+    static constexpr auto FurtherFields() {
+        using Self = ZNodeArborInstallCfg;
+        return std::make_tuple(
             Z_KEYED_FIELD("CheckTimeoutSeconds", m_CheckTimeoutSeconds)
                 .In(1, 3600)
                 .Means("How long the check of a package file may take."),

@@ -23,12 +23,17 @@ namespace {
 constexpr int kPatienceMilliseconds = 30'000;
 
 /// All nodes, on a machine whose identity and mounts stand in the file; no drives.
-std::string GraphText(const fs::path& folder) {
+std::string GraphText(const fs::path& folder, const fs::path& journal) {
     const std::string root = folder.string();
+    const std::string keeper =
+        journal.empty() ? ""
+                        : R"({"name":"Journal","class":"ZNodeJournal","config":{"mostRows":1000000,"databaseFile":")" +
+                              journal.string() + "\"}},";
     return R"({"core":{"updatesFolder":")" + root + R"(/updates"},"log":{"console":false},"platform":{"identity":)" +
            R"({"model":"KiteQM","serialNumber":"SN42","board":"verdin-imx8mm"},"mounts":{"/dev/archive":")" + root +
            R"("}},"libraries":["libNodeArborInstall.so","libNodeStorage.so","libNodeDeviceProps.so",)" +
-           R"("libNodeGateway.so"],"nodes":[{"name":"ArborInstall","class":"ZNodeArborInstall","config":)" +
+           (journal.empty() ? "" : R"("libNodeJournal.so",)") + R"("libNodeGateway.so"],"nodes":[)" + keeper +
+           R"({"name":"ArborInstall","class":"ZNodeArborInstall","config":)" +
            R"({"ArchiveDevice":"/dev/archive","ArchiveDir":"Packages","ProgressPath":"progress"}},)" +
            R"({"name":"Storage","class":"ZNodeStorage","config":{"removableRoots":[],"roots":[")" + root +
            R"(/drives"]}},{"name":"DeviceProps","class":"ZNodeDeviceProps","config":{"deviceType":"DEVICE_CART"}},)" +
@@ -50,10 +55,10 @@ std::vector<std::string> Environment(const fs::path& socket) {
 
 }  // namespace
 
-ArbordRun::ArbordRun() {
+ArbordRun::ArbordRun(const fs::path& journal) {
     OpenNotifications();
     const auto start = std::chrono::steady_clock::now();
-    Spawn();
+    Spawn(journal);
     const bool ready = WaitForReady();
     m_startTime = std::chrono::steady_clock::now() - start;
     if (!ready) {
@@ -76,9 +81,10 @@ void ArbordRun::OpenNotifications() {
     }
 }
 
-void ArbordRun::Spawn() {
+void ArbordRun::Spawn(const fs::path& journal) {
     std::vector<std::string> arguments{(fs::read_symlink("/proc/self/exe").parent_path() / "arbord").string(),
-                                       "--graph", m_scratch.Write("graph.json", GraphText(m_scratch.Path())).string()};
+                                       "--graph",
+                                       m_scratch.Write("graph.json", GraphText(m_scratch.Path(), journal)).string()};
     std::vector<std::string> variables = Environment(m_scratch / "notify");
     // A relative path in its settings must not lead out of the scratch folder.
     posix_spawn_file_actions_t actions;

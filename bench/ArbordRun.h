@@ -11,8 +11,9 @@
 /// socket. Ended with the object.
 class ArbordRun {
 public:
-    /// Returns when it is ready. Throws when it can't be started or ends or says nothing instead.
-    ArbordRun();
+    /// Returns when it is ready. Throws when it can't be started or ends or says nothing instead. `journal` is the
+    /// journal's database; without one there is no journal.
+    explicit ArbordRun(const std::filesystem::path& journal = {});
     ~ArbordRun();
     ArbordRun(const ArbordRun&) = delete;
     ArbordRun& operator=(const ArbordRun&) = delete;
@@ -25,7 +26,7 @@ public:
 
 private:
     void OpenNotifications();
-    void Spawn();
+    void Spawn(const std::filesystem::path& journal);
     bool WaitForReady() const;
     void End();
 

@@ -14,6 +14,7 @@ void AddLink(Report& report);
 void AddTransfer(Report& report);
 void AddHost(Report& report);
 void AddEvents(Report& report);
+void AddJournal(Report& report);
 
 /// Work counts as linear when an item's time grows with their number at most this much more than its limit's does:
 /// caches and the tables' depth make large sets a little dearer.

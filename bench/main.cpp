@@ -37,7 +37,7 @@ int Run(int argc, char** argv) {
     }
     Report report;
     for (const auto add :
-         {AddScan, AddInventory, AddRelay, AddBus, AddJson, AddLink, AddTransfer, AddHost, AddEvents}) {
+         {AddScan, AddInventory, AddRelay, AddBus, AddJson, AddLink, AddTransfer, AddHost, AddEvents, AddJournal}) {
         add(report);
     }
     benchmark::RunSpecifiedBenchmarks(&report);

@@ -4,53 +4,66 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <cerrno>
 #include <fstream>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
 namespace {
 
-/// Who has the lock, as far as that can be told: "arbord (process 4711)".
-std::string HolderOf(int file) {
-    std::array<char, 16> text{};
-    const ssize_t length = ::pread(file, text.data(), text.size() - 1, 0);
-    const std::string id(text.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-    if (id.empty() || id.find_first_not_of("0123456789") != std::string::npos) {
-        return "another process";
+/// Who holds what is open here, as far as that can be told: "arbord (process 4711)".
+std::string HolderOf(const ZFileDescriptor& file) {
+    struct stat status {};
+    static_cast<void>(::fstat(file.Get(), &status));
+    const std::string inode = ':' + std::to_string(status.st_ino) + ' ';
+    std::ifstream locks("/proc/locks");  // lines as "1: FLOCK  ADVISORY  WRITE 4711 08:01:123456 0 EOF"
+    for (std::string line; std::getline(locks, line);) {
+        std::string skipped;
+        std::string kind;
+        std::string id;
+        std::istringstream(line) >> skipped >> kind >> skipped >> skipped >> id;
+        std::string name;
+        if (kind == "FLOCK" && line.find(inode) != std::string::npos &&
+            std::getline(std::ifstream("/proc/" + id + "/comm"), name)) {
+            return name += " (process " + id + ')';
+        }
     }
-    std::string name;
-    std::getline(std::ifstream("/proc/" + id + "/comm"), name);
-    return (name.empty() ? "a process" : name) + " (process " + id + ')';
+    return "another process";
 }
 
 }  // namespace
 
-ZResult<StateLock> StateLock::Take(const fs::path& updatesFolder) {
-    std::error_code code;
-    fs::create_directories(updatesFolder.parent_path(), code);
-    const fs::path folder = fs::weakly_canonical(updatesFolder, code);  // the same lock under whatever name
-    const fs::path path = folder.parent_path() / ('.' + folder.filename().string() + ".lock");
-    ZFileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
-    if (!file) {
-        return ZError::OfSystem(path.string(), errno);
+ZResult<StateLock> StateLock::Take(const fs::path& updatesFolder, const std::set<fs::path>& archives) {
+    StateLock lock;
+    if (!updatesFolder.empty()) {
+        std::error_code code;
+        fs::create_directories(updatesFolder.parent_path(), code);
+        const fs::path folder = fs::weakly_canonical(updatesFolder, code);  // the same lock under whatever name
+        const fs::path path = folder.parent_path() / ('.' + folder.filename().string() + ".lock");
+        ZFileDescriptor file(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
+        if (!file) {
+            return ZError::OfSystem(path.string(), errno);
+        }
+        if (const auto held = lock.Hold(std::move(file), updatesFolder); !held) {
+            return held.error();
+        }
     }
+    for (const fs::path& archive : archives) {
+        ZFileDescriptor file(::open(archive.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (const auto held = file ? lock.Hold(std::move(file), archive) : ZResult<void>(); !held) {
+            return held.error();
+        }
+    }
+    return lock;
+}
+
+ZResult<void> StateLock::Hold(ZFileDescriptor file, const fs::path& state) {
     if (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
-        return errno == EWOULDBLOCK
-                   ? ZError(HolderOf(file.Get()) + " runs a graph on " + updatesFolder.string() + " already",
-                            ZFrameworkErrorCodes::ERRCODE_BUSY)
-                   : ZError::OfSystem(path.string(), errno);
+        return errno == EWOULDBLOCK ? ZError(HolderOf(file) + " runs a graph on " + state.string() + " already",
+                                             ZFrameworkErrorCodes::ERRCODE_BUSY)
+                                    : ZError::OfSystem(state.string(), errno);
     }
-    struct stat opened {};
-    struct stat named {};
-    if (::fstat(file.Get(), &opened) != 0 || ::lstat(path.c_str(), &named) != 0 || opened.st_ino != named.st_ino ||
-        !S_ISREG(opened.st_mode) || opened.st_nlink != 1) {
-        return ZError(path.string() + " is not a lock file of this program's own");
-    }
-    const std::string id = std::to_string(::getpid());
-    if (::ftruncate(file.Get(), 0) != 0 || ::pwrite(file.Get(), id.data(), id.size(), 0) < 0) {
-        return ZError::OfSystem(path.string(), errno);
-    }
-    return StateLock(std::move(file));
+    m_held.push_back(std::move(file));
+    return {};
 }

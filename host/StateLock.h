@@ -1,19 +1,26 @@
 #pragma once
 
 #include <filesystem>
+#include <set>
+#include <vector>
 
 #include "ZShared/ZError.h"
 #include "ZShared/ZFileDescriptor.h"
 
-/// Keeps a second graph host away from the state that one works on: both would empty the same updates folder and write
-/// to the same archive. Held while it lives; the system gives it back when the process ends, however it ends.
+/// Keeps a second graph host away from the state that one works on: both would empty the same updates folder, or write
+/// to the same archive and slots. Held while it lives; the system gives it back when the process ends, however it ends.
 class StateLock {
 public:
-    /// Holds the state that goes with `updatesFolder`, through the file ".<its name>.lock" beside it, whose folder is
-    /// made when it is missing. An error when another process holds it, which it names, or when the file can't be made.
-    static ZResult<StateLock> Take(const std::filesystem::path& updatesFolder);
+    /// An error when another process holds one of these, which it names, or when an updates folder can't be held.
+    /// `updatesFolder`, unless it is empty: through the file ".<its name>.lock" beside it, since it may be made anew
+    /// itself; the file's folder is made when it is missing. `archives`: where devices are mounted that hold an
+    /// archive; nothing is written there, and one that can't be opened is nobody's.
+    static ZResult<StateLock> Take(const std::filesystem::path& updatesFolder,
+                                   const std::set<std::filesystem::path>& archives);
 
 private:
-    explicit StateLock(ZFileDescriptor file) : m_file(std::move(file)) {}
-    ZFileDescriptor m_file;
+    StateLock() = default;
+    ZResult<void> Hold(ZFileDescriptor file, const std::filesystem::path& state);
+
+    std::vector<ZFileDescriptor> m_held;
 };

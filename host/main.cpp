@@ -40,6 +40,24 @@ std::vector<std::shared_ptr<ZConfig>> MakeRecords(const GraphFile& file, bool al
     return records;
 }
 
+/// Where the devices are mounted that the records have for an archive.
+std::set<std::filesystem::path> ArchivesOf(const std::vector<std::shared_ptr<ZConfig>>& records) {
+    std::set<std::filesystem::path> archives;
+    const auto collect = [&archives](const ZFieldInfo& field, const ZFieldValue& value) {
+        const auto* const text = std::get_if<ZString*>(&value);
+        if (text != nullptr && std::string_view(field.key) == "ArchiveDevice" && !(*text)->empty()) {
+            archives.emplace(ZPlatform::GetMountPointFromDevice(ToStdString(**text)));
+        }
+    };
+    for (const auto& record : records) {
+        if (record) {
+            record->VisitFields(collect);
+        }
+    }
+    archives.erase(std::filesystem::path());  // of a device that is not mounted
+    return archives;
+}
+
 HostExit PrintSchema() {
     LibrarySet libraries;
     if (const auto loaded = libraries.LoadAll(); !loaded) {
@@ -75,14 +93,10 @@ HostExit RunGraph(const Arguments& arguments) {
         std::cout << arguments.graph << ": no errors, nodes: " << file.nodes.size() << '\n';
         return HostExit::Done;
     }
-    std::optional<StateLock> lock;
-    if (const std::filesystem::path folder = file.core->UpdatesFolder(); !folder.empty()) {
-        auto taken = StateLock::Take(folder);
-        if (!taken) {
-            std::cerr << "arbord: " << taken.error().text << '\n';
-            return HostExit::Failed;
-        }
-        lock = std::move(*taken);
+    const auto lock = StateLock::Take(file.core->UpdatesFolder(), ArchivesOf(records));
+    if (!lock) {
+        std::cerr << "arbord: " << lock.error().text << '\n';
+        return HostExit::Failed;
     }
     if (const auto opened = ZLog::Instance().Configure(file.log); !opened) {
         errors.Add(GraphPlace(), "log", "the log could not be opened: " + opened.error().text);

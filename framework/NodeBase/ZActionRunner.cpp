@@ -30,12 +30,12 @@ ZActionRunner::~ZActionRunner() {
     Join();
 }
 
-std::list<ZActionRunner::Running> ZActionRunner::TakeEnded() {
+std::list<ZActionRunner::Running> ZActionRunner::Actions::TakeEnded() {
     std::list<Running> ended;
-    for (auto entry = m_running.begin(); entry != m_running.end();) {
+    for (auto entry = running.begin(); entry != running.end();) {
         const auto next = std::next(entry);
         if (entry->ended) {
-            ended.splice(ended.end(), m_running, entry);
+            ended.splice(ended.end(), running, entry);
         }
         entry = next;
     }
@@ -47,17 +47,17 @@ bool ZActionRunner::Start(const std::shared_ptr<ZNodeAction>& action) {
     bool started = false;
     std::string failure;
     {
-        const std::lock_guard lock(m_mutex);
-        ended = TakeEnded();
-        if (!m_stopped) {
-            Running& running = m_running.emplace_back();
+        const auto actions = m_actions.Lock();
+        ended = actions->TakeEnded();
+        if (!actions->stopped) {
+            Running& running = actions->running.emplace_back();
             running.action = action;
             try {
                 running.thread = std::thread([this, &running] { Run(running); });
                 started = true;
             } catch (const std::system_error& error) {
                 failure = error.what();
-                m_running.pop_back();
+                actions->running.pop_back();
             }
         }
     }
@@ -76,27 +76,27 @@ void ZActionRunner::Run(Running& running) {
         RunGuarded(*running.action);
     }
     std::shared_ptr<ZNodeAction> done;  // destroyed outside the lock
-    const std::lock_guard lock(m_mutex);
+    const auto actions = m_actions.Lock();
     done = std::move(running.action);
     running.ended = true;
     m_ended.notify_all();
 }
 
 bool ZActionRunner::StopNewest() {
-    const std::lock_guard lock(m_mutex);
+    const auto actions = m_actions.Lock();
     // The last entry is the one started last: ended ones stay until the next start. An older action that still runs is
     // not the one that is meant.
-    if (m_running.empty() || m_running.back().ended) {
+    if (actions->running.empty() || actions->running.back().ended) {
         return false;
     }
-    m_running.back().action->Stop();
+    actions->running.back().action->Stop();
     return true;
 }
 
 void ZActionRunner::StopAll() {
-    const std::lock_guard lock(m_mutex);
-    m_stopped = true;
-    for (Running& running : m_running) {
+    const auto actions = m_actions.Lock();
+    actions->stopped = true;
+    for (Running& running : actions->running) {
         if (!running.ended) {
             running.action->Stop();
         }
@@ -107,10 +107,10 @@ void ZActionRunner::StopAll() {
 void ZActionRunner::Join() {
     std::list<Running> ended;
     {
-        std::unique_lock lock(m_mutex);
+        auto actions = m_actions.Lock();
         // Those that run stay in the list: StopAll must reach them while somebody waits here.
-        m_ended.wait(lock, [this] { return std::ranges::all_of(m_running, &Running::ended); });
-        ended = TakeEnded();
+        actions.Wait(m_ended, [](const Actions& all) { return std::ranges::all_of(all.running, &Running::ended); });
+        ended = actions->TakeEnded();
     }
     for (Running& running : ended) {
         running.thread.join();

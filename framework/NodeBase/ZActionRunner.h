@@ -2,10 +2,10 @@
 
 #include <condition_variable>
 #include <list>
-#include <mutex>
 #include <thread>
 
 #include "NodeBase/ZNodeAction.h"
+#include "ZShared/ZGuarded.h"
 #include "ZShared/ZStopEvent.h"
 
 /// Owns a node's running actions, one thread each. Thread-safe.
@@ -31,14 +31,17 @@ private:
     struct Running {
         std::shared_ptr<ZNodeAction> action;
         std::thread thread;
-        bool ended = false;  // guarded by m_mutex
+        bool ended = false;
+    };
+    struct Actions {
+        std::list<Running> running;  // oldest first
+        bool stopped = false;
+
+        std::list<Running> TakeEnded();
     };
     void Run(Running& running);
-    std::list<Running> TakeEnded();
 
     ZStopEvent m_stop;
-    std::mutex m_mutex;
     std::condition_variable m_ended;  // an action has ended
-    std::list<Running> m_running;     // oldest first
-    bool m_stopped = false;
+    ZGuarded<Actions> m_actions;
 };

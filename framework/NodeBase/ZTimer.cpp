@@ -1,6 +1,7 @@
 #include "NodeBase/ZTimer.h"
 
 #include <algorithm>
+#include <functional>
 #include <system_error>
 
 #include "ZShared/ZLog.h"
@@ -23,7 +24,7 @@ ZTimer::~ZTimer() {
 bool ZTimer::Start(std::chrono::milliseconds interval, bool repeat) {
     const std::lock_guard control(m_controlMutex);
     EndThread();
-    m_stopped = false;  // no thread is there to read it
+    m_stopped.Exchange(false);
     try {
         const auto period = std::max(interval, std::chrono::milliseconds(1));
         m_thread = std::thread([this, period, repeat] { Run(period, repeat); });
@@ -40,10 +41,7 @@ void ZTimer::Stop() {
 }
 
 void ZTimer::EndThread() {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_stopped = true;
-    }
+    m_stopped.Exchange(true);
     m_changed.notify_all();
     if (m_thread.joinable()) {
         m_thread.join();
@@ -52,9 +50,9 @@ void ZTimer::EndThread() {
 
 void ZTimer::Run(std::chrono::milliseconds interval, bool repeat) {
     auto due = ZMailbox::Clock::now() + interval;
-    std::unique_lock lock(m_mutex);
+    auto stopped = m_stopped.Lock();
     do {
-        if (m_changed.wait_until(lock, due, [this] { return m_stopped; })) {
+        if (stopped.WaitUntil(m_changed, due, std::identity())) {
             return;
         }
         // A full queue skips this call: the node is busy, and the next one comes.

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "NodeComm/ZMailbox.h"
+#include "ZShared/ZGuarded.h"
 
 /// A named timer of a node. Its callback runs on the node's message thread. It has a thread of its own only while it is
 /// started, which sleeps until the next due time. Thread-safe.
@@ -34,7 +35,6 @@ private:
     void* const m_context;
     std::mutex m_controlMutex;  // one Start or Stop at a time; guards m_thread
     std::thread m_thread;
-    std::mutex m_mutex;  // guards m_stopped
     std::condition_variable m_changed;
-    bool m_stopped = true;
+    ZGuarded<bool> m_stopped{true};
 };

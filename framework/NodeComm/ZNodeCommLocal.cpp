@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <mutex>
 #include <optional>
 
 #include "ZShared/ZLog.h"
@@ -39,7 +40,7 @@ struct ZNodeCommLocal::Subscription : ZMailReceiver {
     }
 };
 
-/// A requester that waits, on its own stack. Guarded by the bus's m_pendingMutex.
+/// A requester that waits, on its own stack. Whoever has the bus's m_pending may touch it.
 struct ZNodeCommLocal::PendingRequest {
     std::condition_variable changed;
     std::shared_ptr<ZMessage> answer;
@@ -61,8 +62,8 @@ bool ZNodeCommLocal::Subscribe(const void* owner, const ZNodeUID& node, const st
     subscription->mailbox = mailbox;
     subscription->handler = std::move(handler);
 
-    const std::lock_guard lock(m_subscribersMutex);
-    auto& current = m_subscribers[{endpoint.Type(), endpoint.Name()}];
+    const auto subscribers = m_subscribers.Lock();
+    auto& current = (*subscribers)[{endpoint.Type(), endpoint.Name()}];
     auto next = current ? std::make_shared<Subscribers>(*current) : std::make_shared<Subscribers>();
     next->push_back(std::move(subscription));
     current = std::move(next);
@@ -72,14 +73,14 @@ bool ZNodeCommLocal::Subscribe(const void* owner, const ZNodeUID& node, const st
 void ZNodeCommLocal::Unsubscribe(const void* owner) {
     Subscribers removed;
     {
-        const std::lock_guard lock(m_subscribersMutex);
-        for (auto entry = m_subscribers.begin(); entry != m_subscribers.end();) {
+        const auto subscribers = m_subscribers.Lock();
+        for (auto entry = subscribers->begin(); entry != subscribers->end();) {
             auto next = std::make_shared<Subscribers>();
             for (const auto& subscription : *entry->second) {
                 (subscription->owner == owner ? removed : *next).push_back(subscription);
             }
             if (next->empty()) {
-                entry = m_subscribers.erase(entry);
+                entry = subscribers->erase(entry);
             } else {
                 entry->second = std::move(next);
                 ++entry;
@@ -93,10 +94,10 @@ void ZNodeCommLocal::Unsubscribe(const void* owner) {
 }
 
 std::shared_ptr<const ZNodeCommLocal::Subscribers> ZNodeCommLocal::Find(const ZCommEndpoint& endpoint) const {
-    const std::lock_guard lock(m_subscribersMutex);
-    const auto found = m_subscribers.find(endpoint);
-    if (found == m_subscribers.end() || endpoint.Node().IsAny()) {
-        return found == m_subscribers.end() ? nullptr : found->second;
+    const auto subscribers = m_subscribers.Lock();
+    const auto found = subscribers->find(endpoint);
+    if (found == subscribers->end() || endpoint.Node().IsAny()) {
+        return found == subscribers->end() ? nullptr : found->second;
     }
     auto ofNode = std::make_shared<Subscribers>();
     std::ranges::copy_if(*found->second, std::back_inserter(*ofNode),
@@ -159,14 +160,11 @@ ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const st
         PendingRequest pending;
         std::uint64_t id = 0;
         explicit Listed(ZNodeCommLocal& owner) : bus(owner) {
-            const std::lock_guard lock(bus.m_pendingMutex);
-            id = bus.m_nextRequest++;
-            bus.m_pending.emplace(id, &pending);
+            const auto requests = bus.m_pending.Lock();
+            id = requests->nextId++;
+            requests->byId.emplace(id, &pending);
         }
-        ~Listed() {
-            const std::lock_guard lock(bus.m_pendingMutex);
-            bus.m_pending.erase(id);
-        }
+        ~Listed() { bus.m_pending.Lock()->byId.erase(id); }
         Listed(const Listed&) = delete;
         Listed& operator=(const Listed&) = delete;
     } listed(*this);
@@ -174,9 +172,9 @@ ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const st
     message->SetResponseSource(std::make_shared<ZResponseSource>(weak_from_this(), listed.id));
     ZPublishOutcome outcome = Deliver(subscribers, message, options, timeout);
 
-    std::unique_lock lock(m_pendingMutex);
+    auto requests = m_pending.Lock();
     if (outcome == ZPublishOutcome::Delivered) {
-        pending.changed.wait_until(lock, deadline, [&] { return pending.ended || m_closed; });
+        requests.WaitUntil(pending.changed, deadline, [&](const auto&) { return pending.ended || m_closed; });
         response = std::move(pending.answer);
         if (!response) {
             outcome = m_closed ? ZPublishOutcome::Closed : ZPublishOutcome::NoAnswer;
@@ -186,9 +184,9 @@ ZPublishOutcome ZNodeCommLocal::Request(const Subscribers& subscribers, const st
 }
 
 bool ZNodeCommLocal::Respond(const ZResponseSource& source, const std::shared_ptr<ZMessage>& response) {
-    const std::lock_guard lock(m_pendingMutex);
-    const auto found = m_pending.find(source.Request());
-    if (found == m_pending.end() || found->second->ended) {
+    const auto requests = m_pending.Lock();
+    const auto found = requests->byId.find(source.Request());
+    if (found == requests->byId.end() || found->second->ended) {
         return false;
     }
     found->second->answer = response;
@@ -198,21 +196,21 @@ bool ZNodeCommLocal::Respond(const ZResponseSource& source, const std::shared_pt
 }
 
 bool ZNodeCommLocal::IsAwaited(const ZResponseSource& source) const {
-    const std::lock_guard lock(m_pendingMutex);
-    const auto found = m_pending.find(source.Request());
-    return found != m_pending.end() && !found->second->ended;
+    const auto requests = m_pending.Lock();
+    const auto found = requests->byId.find(source.Request());
+    return found != requests->byId.end() && !found->second->ended;
 }
 
 void ZNodeCommLocal::Close() {
     {
-        const std::lock_guard lock(m_pendingMutex);
+        const auto requests = m_pending.Lock();
         m_closed = true;
-        for (const auto& [id, pending] : m_pending) {
+        for (const auto& [id, pending] : requests->byId) {
             pending->changed.notify_one();
         }
     }
-    const std::lock_guard lock(m_subscribersMutex);
-    for (const auto& [endpoint, subscribers] : m_subscribers) {
+    const auto endpoints = m_subscribers.Lock();
+    for (const auto& [endpoint, subscribers] : *endpoints) {
         for (const auto& subscription : *subscribers) {
             subscription->mailbox->WakePosters();
         }

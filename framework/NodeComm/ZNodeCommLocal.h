@@ -2,12 +2,12 @@
 
 #include <atomic>
 #include <map>
-#include <mutex>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 
 #include "NodeComm/ZNodeComm.h"
+#include "ZShared/ZGuarded.h"
 
 /// The bus within one process: messages travel as shared pointers, without a copy.
 class ZNodeCommLocal : public ZNodeComm, public std::enable_shared_from_this<ZNodeCommLocal> {
@@ -42,6 +42,10 @@ private:
         bool operator()(const auto& left, const auto& right) const { return Of(left) < Of(right); }
     };
     using Subscribers = std::vector<std::shared_ptr<Subscription>>;
+    struct PendingRequests {
+        std::unordered_map<std::uint64_t, PendingRequest*> byId;
+        std::uint64_t nextId = 1;
+    };
 
     /// Those that a publication there reaches; null when there are none.
     std::shared_ptr<const Subscribers> Find(const ZCommEndpoint& endpoint) const;
@@ -51,13 +55,8 @@ private:
                             std::shared_ptr<ZMessage>& response, const ZPublishOptions& options,
                             std::chrono::milliseconds timeout);
 
-    mutable std::mutex m_subscribersMutex;
-    std::map<Key, std::shared_ptr<const Subscribers>, KeyOrder> m_subscribers;
-
-    mutable std::mutex m_pendingMutex;
-    std::unordered_map<std::uint64_t, PendingRequest*> m_pending;
-    std::uint64_t m_nextRequest = 1;
-
+    ZGuarded<std::map<Key, std::shared_ptr<const Subscribers>, KeyOrder>> m_subscribers;
+    ZGuarded<PendingRequests> m_pending;
     std::atomic<bool> m_closed{false};
     std::atomic<std::chrono::milliseconds::rep> m_requestTimeout{30'000};
 };

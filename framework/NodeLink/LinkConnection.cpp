@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr std::size_t kMostInARow = std::size_t{1} << 20U;  // bytes to one device, before the others have their turn
+
 bool IsBusy() {
     return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
 }
@@ -39,7 +41,8 @@ std::optional<std::size_t> LinkConnection::Read() {
 
 std::optional<std::size_t> LinkConnection::Flush() {
     std::size_t taken = 0;
-    while (HasOutput()) {
+    std::size_t written = 0;
+    while (HasOutput() && written < kMostInARow) {
         std::string& output = m_wire.Output();
         if (m_sent == output.size()) {
             output.clear();
@@ -51,6 +54,7 @@ std::optional<std::size_t> LinkConnection::Flush() {
             return IsBusy() ? std::optional(taken) : std::nullopt;
         }
         m_sent += static_cast<std::size_t>(count);
+        written += static_cast<std::size_t>(count);
     }
     return taken;
 }

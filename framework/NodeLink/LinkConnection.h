@@ -30,8 +30,8 @@ public:
     /// Reads once; 0 when there is nothing now. No value when the connection has ended.
     std::optional<std::size_t> Read();
     void Queue(LinkFrames frames) { m_outbox.push_back(std::move(frames)); }
-    /// Sends what the socket takes now. How much was taken from the queue, as LinkSize has it; no value when the
-    /// connection has ended.
+    /// Sends what the socket takes now, about 1 MiB at most. How much was taken from the queue, as LinkSize has it; no
+    /// value when the connection has ended.
     std::optional<std::size_t> Flush();
 
 private:

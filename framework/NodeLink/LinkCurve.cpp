@@ -88,16 +88,10 @@ std::string Metadata(LinkCurve::Side side) {
 LinkCurve::LinkCurve(Side side, const LinkKeyPair& own, const std::string& peerKey)
     : m_side(side),
       m_ownKey(LinkKeyFrom(own.publicKey).value_or(LinkKeyBytes{})),
-      m_ownSecret(LinkKeyFrom(own.secretKey).value_or(LinkKeyBytes{})),
+      m_ownSecret(own.secretKey),
       m_peerKey(LinkKeyFrom(peerKey).value_or(LinkKeyBytes{})),
       m_state(side == Side::Caller ? State::Begins : State::Waits) {
     ::crypto_box_keypair(m_key.data(), m_secret.data());
-}
-
-LinkCurve::~LinkCurve() {
-    for (LinkKeyBytes* secret : {&m_ownSecret, &m_secret, &m_shared}) {
-        ::sodium_memzero(secret->data(), secret->size());
-    }
 }
 
 std::string LinkCurve::Begin() {

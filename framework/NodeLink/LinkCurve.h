@@ -18,7 +18,6 @@ public:
 
     /// `peerKey`: whom a caller wants to reach.
     LinkCurve(Side side, const LinkKeyPair& own, const std::string& peerKey);
-    ~LinkCurve();
     LinkCurve(const LinkCurve&) = delete;
     LinkCurve& operator=(const LinkCurve&) = delete;
 
@@ -53,12 +52,12 @@ private:
 
     const Side m_side;
     LinkKeyBytes m_ownKey{};
-    LinkKeyBytes m_ownSecret{};
+    LinkSecretKey m_ownSecret;
     LinkKeyBytes m_peerKey{};
     LinkKeyBytes m_key{};  // of this connection
-    LinkKeyBytes m_secret{};
+    LinkSecretKey m_secret{};
     LinkKeyBytes m_peerConnectionKey{};
-    LinkKeyBytes m_shared{};
+    LinkSecretKey m_shared{};
     std::string m_cookie;
     std::uint64_t m_sent = 0;      // counters within nonces; each is used once
     std::uint64_t m_received = 0;  // the other side's last

@@ -10,6 +10,7 @@
 #include "ZMessages/ZFields.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZScopeEnd.h"
 #include "text/Hex.h"
 
 namespace fs = std::filesystem;
@@ -27,19 +28,32 @@ Z_IMPLEMENT(ZLinkKeysDocument)
 
 namespace {
 
+template <typename Bytes>
+void Wipe(Bytes& bytes) {
+    ::sodium_memzero(bytes.data(), bytes.size());
+}
+
 ZResult<LinkKeyPair> ReadKeys(const fs::path& file) {
+    constexpr fs::perms kOfOthers = fs::perms::group_all | fs::perms::others_all;
+    std::error_code code;
+    if ((fs::status(file, code).permissions() & kOfOthers) != fs::perms::none && !code) {
+        return ZError("others than its owner may use it; \"chmod 600\", and a new key if one of them may have read it")
+            .In(file.string());
+    }
     ZLinkKeysDocument document;
+    const ZScopeEnd wipe([&] { Wipe(document.m_SecretKey); });
     ZJSONCommStream stream;
     if (!ZMessage::LoadDocument(file, stream) || !document.Deserialize(stream)) {
         return ZError(stream.Error()).In(file.string());
     }
-    LinkKeyPair keys{ToStdString(document.m_PublicKey), ToStdString(document.m_SecretKey)};
-    const auto secretKey = LinkKeyFrom(keys.secretKey);
+    auto secretKey = LinkKeyFrom(document.m_SecretKey);
     LinkKeyBytes publicKey{};
     if (!secretKey || ::crypto_scalarmult_base(publicKey.data(), secretKey->data()) != 0 ||
-        LinkKeyText(publicKey) != keys.publicKey) {
+        LinkKeyText(publicKey) != ToStdString(document.m_PublicKey)) {
         return ZError("it holds no matching pair of keys").In(file.string());
     }
+    LinkKeyPair keys{ToStdString(document.m_PublicKey), {*secretKey}};
+    Wipe(*secretKey);
     return keys;
 }
 
@@ -57,10 +71,17 @@ int WriteSecret(const fs::path& file, const std::string& text) {
 
 ZResult<LinkKeyPair> MakeKeys(const fs::path& file) {
     LinkKeyBytes publicKey{};
-    LinkKeyBytes secretKey{};
-    ::crypto_box_keypair(publicKey.data(), secretKey.data());
-    LinkKeyPair keys{LinkKeyText(publicKey), LinkKeyText(secretKey)};
-    const std::string text = R"({"publicKey":")" + keys.publicKey + R"(","secretKey":")" + keys.secretKey + "\"}\n";
+    LinkKeyPair keys;
+    ::crypto_box_keypair(publicKey.data(), keys.secretKey.data());
+    keys.publicKey = LinkKeyText(publicKey);
+    std::string text;
+    const ZScopeEnd wipe([&] { Wipe(text); });
+    text.reserve(256);  // one that grows leaves a copy behind
+    text += R"({"publicKey":")" + keys.publicKey + R"(","secretKey":")";
+    for (const std::uint8_t byte : keys.secretKey) {
+        text::AppendHex(text, byte);
+    }
+    text += "\"}\n";
     std::error_code code;
     fs::create_directories(file.parent_path(), code);
     // Under a name of its own until it is whole: half a file would be taken for the keys at the next start.
@@ -83,19 +104,20 @@ ZResult<LinkKeyPair> MakeKeys(const fs::path& file) {
 
 }  // namespace
 
-std::optional<LinkKeyBytes> LinkKeyFrom(const std::string& text) {
+LinkSecretKey::~LinkSecretKey() {
+    Wipe(*this);
+}
+
+std::optional<LinkKeyBytes> LinkKeyFrom(std::string_view text) {
     LinkKeyBytes key{};
-    if (text.size() != 2 * key.size()) {
+    if (text.size() != 2 * key.size() || text.find_first_not_of("0123456789abcdef") != std::string_view::npos) {
         return std::nullopt;
     }
     for (std::size_t index = 0; index < key.size(); ++index) {
         const char* const digits = text.data() + 2 * index;
-        const auto [end, failure] = std::from_chars(digits, digits + 2, key[index], 16);
-        if (failure != std::errc() || end != digits + 2) {
-            return std::nullopt;
-        }
+        std::from_chars(digits, digits + 2, key[index], 16);
     }
-    return LinkKeyText(key) == text ? std::optional(key) : std::nullopt;
+    return key;
 }
 
 std::string LinkKeyText(const LinkKeyBytes& key) {

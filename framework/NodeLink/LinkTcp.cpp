@@ -16,8 +16,11 @@ constexpr std::string_view kScheme = "tcp://";
 constexpr std::size_t kLongestAddress = 255;
 constexpr int kWaitingCallers = 128;
 
-/// What the resolver says about an address; `error` when it says nothing.
-std::optional<TcpAddress> LookUp(const std::string& text, int flags, std::string& error) {
+/// What the resolver says about an address, or about why it says nothing.
+ZResult<TcpAddress> LookUp(const std::string& text, int flags) {
+    if (!IsTcpAddress(text)) {
+        return ZError("not an address");
+    }
     const std::size_t colon = text.rfind(':');
     std::string host = text.substr(kScheme.size(), colon - kScheme.size());
     if (host.starts_with('[') && host.ends_with(']')) {
@@ -31,8 +34,7 @@ std::optional<TcpAddress> LookUp(const std::string& text, int flags, std::string
     const int failure = ::getaddrinfo(host == "*" ? nullptr : host.c_str(), text.c_str() + colon + 1, &hints, &found);
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(found, ::freeaddrinfo);
     if (failure != 0) {
-        error = ::gai_strerror(failure);
-        return std::nullopt;
+        return ZError(::gai_strerror(failure));
     }
     TcpAddress address;
     address.size = found->ai_addrlen;
@@ -63,14 +65,13 @@ bool IsTcpAddress(const std::string& text) {
 }
 
 std::optional<TcpAddress> NumericTcpAddress(const std::string& text) {
-    std::string error;
-    return IsTcpAddress(text) ? LookUp(text, AI_NUMERICHOST, error) : std::nullopt;
+    const auto address = LookUp(text, AI_NUMERICHOST);
+    return address ? std::optional(*address) : std::nullopt;
 }
 
 ZResult<TcpAddress> ResolveTcpAddress(const std::string& text) {
-    std::string error = "not an address";
-    const auto address = IsTcpAddress(text) ? LookUp(text, 0, error) : std::nullopt;
-    return address ? ZResult<TcpAddress>(*address) : ZError(error).In(text);
+    auto address = LookUp(text, 0);
+    return address ? address : address.error().In(text);
 }
 
 ZResult<ZFileDescriptor> ListenTcp(const std::string& address) {

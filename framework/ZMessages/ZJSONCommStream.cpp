@@ -1,9 +1,9 @@
 #include "ZMessages/ZJSONCommStream.h"
 
 #include <boost/json.hpp>
-#include <optional>
 
 #include "ZMessages/ZMessage.h"
+#include "ZShared/ZError.h"
 
 namespace json = boost::json;
 
@@ -53,7 +53,7 @@ ZJSONCommStream::~ZJSONCommStream() = default;
 namespace {
 
 /// One document from the front of `text`, which is shortened by it.
-std::optional<json::value> TakeDocument(json::stream_parser& parser, std::string_view& text, std::string& error) {
+ZResult<json::value> TakeDocument(json::stream_parser& parser, std::string_view& text) {
     parser.reset();
     boost::system::error_code code;
     const std::size_t used = parser.write_some(text.data(), text.size(), code);
@@ -61,8 +61,7 @@ std::optional<json::value> TakeDocument(json::stream_parser& parser, std::string
         parser.finish(code);
     }
     if (code) {
-        error = "is not whole JSON: " + code.message();
-        return std::nullopt;
+        return ZError("The text is not whole JSON: " + code.message());
     }
     text.remove_prefix(used);
     return parser.release();
@@ -87,10 +86,9 @@ bool ZJSONCommStream::LoadText(std::string_view text) {
     }
     json::object merged;
     for (; !rest.empty(); rest = WithoutLeadingBlanks(rest)) {
-        std::string error;
-        auto value = TakeDocument(parser, rest, error);
+        auto value = TakeDocument(parser, rest);
         if (!value || !value->is_object()) {
-            SetError({}, value ? "The text is no JSON object" : "The text " + error);
+            SetError({}, value ? "The text is no JSON object" : value.error().text);
             return false;
         }
         if (merged.empty()) {

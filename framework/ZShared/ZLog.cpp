@@ -11,10 +11,10 @@
 #include <deque>
 #include <iterator>
 #include <map>
-#include <mutex>
 #include <shared_mutex>
 #include <string_view>
 
+#include "ZShared/ZGuarded.h"
 #include "ZShared/ZProcess.h"
 #include "text/Escape.h"
 
@@ -98,11 +98,13 @@ std::shared_ptr<spdlog::logger> MakeLogger(const ZLogSettings& settings) {
 }  // namespace
 
 struct ZLog::Impl {
-    mutable std::mutex mutex;  // guards what follows, up to the listeners' own
-    std::shared_ptr<spdlog::logger> logger = MakeLogger({});
-    std::uint64_t lastNumber = 0;
-    RecentLines recent{kRemembered};
-    RecentLines answers{kRememberedAnswers};
+    struct Outputs {
+        std::shared_ptr<spdlog::logger> logger = MakeLogger({});
+        std::uint64_t lastNumber = 0;
+        RecentLines recent{kRemembered};
+        RecentLines answers{kRememberedAnswers};
+    };
+    ZGuarded<Outputs> outputs;
 
     // Shared while listeners are called, so that removing one waits for its call to end.
     std::shared_mutex listenersMutex;
@@ -128,8 +130,7 @@ ZLog& ZLog::Instance() {
 ZResult<void> ZLog::Configure(const ZLogSettings& settings) {
     try {
         auto logger = MakeLogger(settings);
-        const std::lock_guard lock(m_impl->mutex);
-        m_impl->logger = std::move(logger);
+        m_impl->outputs.Lock()->logger = std::move(logger);
         return {};
     } catch (const std::exception& failure) {
         return ZError(failure.what());
@@ -163,11 +164,11 @@ void ZLog::Write(int level, const char* channel, const char* file, const char* f
         entry.line += Line(Format(format, arguments));
         std::shared_ptr<spdlog::logger> logger;
         {
-            const std::lock_guard lock(m_impl->mutex);
-            logger = m_impl->logger;
-            entry.number = ++m_impl->lastNumber;
+            const auto outputs = m_impl->outputs.Lock();
+            logger = outputs->logger;
+            entry.number = ++outputs->lastNumber;
             entry.time = MillisecondsNow();
-            (t_answerLines > 0 ? m_impl->answers : m_impl->recent).Add(entry);
+            (t_answerLines > 0 ? outputs->answers : outputs->recent).Add(entry);
         }
         logger->log(LibraryLevel(level), spdlog::string_view_t(entry.line));
         const std::shared_lock lock(m_impl->listenersMutex);
@@ -192,9 +193,9 @@ void ZLog::RemoveListener(int id) {
 std::vector<ZLogLine> ZLog::Recent(const ZLogChoice& choice) const {
     std::vector<ZLogLine> lines;
     {
-        const std::lock_guard lock(m_impl->mutex);
-        m_impl->recent.AppendWanted(choice, lines);
-        m_impl->answers.AppendWanted(choice, lines);
+        const auto outputs = m_impl->outputs.Lock();
+        outputs->recent.AppendWanted(choice, lines);
+        outputs->answers.AppendWanted(choice, lines);
     }
     std::ranges::sort(lines, {}, &ZLogLine::number);
     const std::size_t skip = lines.size() - std::min(choice.count, lines.size());
@@ -203,6 +204,5 @@ std::vector<ZLogLine> ZLog::Recent(const ZLogChoice& choice) const {
 }
 
 void ZLog::Flush() {
-    const std::lock_guard lock(m_impl->mutex);
-    m_impl->logger->flush();
+    m_impl->outputs.Lock()->logger->flush();
 }

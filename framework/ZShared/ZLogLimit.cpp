@@ -6,6 +6,7 @@
 
 namespace {
 constexpr auto kPause = std::chrono::minutes(1);
+constexpr auto kForgottenAfter = std::chrono::hours(1);  // even if some were left out
 constexpr std::size_t kLongestKind = 200;
 constexpr const char* kAllOthers = "";
 }  // namespace
@@ -16,7 +17,7 @@ std::optional<std::string> ZLogLimit::Admit(std::string kind, ZClock::time_point
     auto known = kinds->find(kind);
     if (known == kinds->end() && kinds->size() >= m_mostKinds) {
         std::erase_if(*kinds, [now](const auto& entry) {
-            return entry.second.leftOut == 0 && now - entry.second.since >= kPause;
+            return now - entry.second.since >= (entry.second.leftOut == 0 ? kPause : kForgottenAfter);
         });
     }
     if (known == kinds->end()) {

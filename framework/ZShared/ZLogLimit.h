@@ -11,7 +11,8 @@
 /// minute, and the first one after it tells how many were left out. Thread-safe.
 class ZLogLimit {
 public:
-    /// Beyond `mostKinds` at a time all others are one kind.
+    /// Beyond `mostKinds` at a time all others are one kind, until one was silent for long enough: for an hour, when
+    /// lines of it were left out.
     explicit ZLogLimit(std::size_t mostKinds = 64, unsigned aMinute = 1) : m_mostKinds(mostKinds), m_aMinute(aMinute) {}
 
     /// Whether a line may be written now: what to put at its end ("" or " (12 more like it)"), or nothing. `kind` says

@@ -2,6 +2,7 @@
 
 #include "NodeBase/ZNode.h"
 #include "OpenFiles.h"
+#include "ZShared/ZFolderGuard.h"
 
 class ZNodeFileIOCfg : public ZConfig {
     Z_MESSAGE(ZNodeFileIOCfg, ZConfig)
@@ -11,8 +12,10 @@ public:
     std::uint32_t m_IdleSeconds = 30;
     std::uint32_t m_MaxOpenFiles = 64;
 
-    Z_FIELDS(Z_FIELD(m_Roots).Path().Means("Files may be below these. Empty: below the updates folder.",
-                                           "[\"/var/lib/arbor/updates\"]"),
+    Z_FIELDS(Z_FIELD(m_Roots)
+                 .Path()
+                 .Checked(&IsFolderOfItsOwn, "a folder of its own: not / nor one of the system's")
+                 .Means("Files may be below these. Empty: below the updates folder.", "[\"/var/lib/arbor/updates\"]"),
              Z_FIELD(m_IdleSeconds).In(1, 3600).Means("A file that nobody used for so long is thrown away."),
              Z_FIELD(m_MaxOpenFiles).In(1, 256).Means("Files on their way at once."))
 };

@@ -12,10 +12,17 @@ constexpr const char* kSettings =
     "PRAGMA locking_mode=EXCLUSIVE;"
     "PRAGMA journal_mode=WAL;"
     "PRAGMA synchronous=FULL;"
-    "PRAGMA cache_size=-256;"
+    "PRAGMA cache_size=-128;"
     "PRAGMA mmap_size=0;"
     "PRAGMA wal_autocheckpoint=256;"
     "PRAGMA journal_size_limit=1048576;";
+
+/// Memory is taken as it is needed, not set aside. Once, before the library is used; where another part of the process
+/// uses it already, nothing changes.
+bool SaveMemory() {
+    return ::sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, 0) == SQLITE_OK &&
+           ::sqlite3_config(SQLITE_CONFIG_LOOKASIDE, 0, 0) == SQLITE_OK;
+}
 
 bool IsDamage(int code) {
     return (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
@@ -28,6 +35,7 @@ void Database::Close::operator()(sqlite3* handle) const {
 }
 
 ZResult<std::unique_ptr<Database>> Database::Open(const std::filesystem::path& file) {
+    [[maybe_unused]] static const bool saved = SaveMemory();
     std::unique_ptr<Database> database(new Database(file));
     sqlite3* handle = nullptr;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
@@ -36,8 +44,6 @@ ZResult<std::unique_ptr<Database>> Database::Open(const std::filesystem::path& f
     if (code != SQLITE_OK) {
         return database->ErrorOf(code);
     }
-    // Memory that is set aside for each connection; one that is idle for days has no use for it.
-    ::sqlite3_db_config(handle, SQLITE_DBCONFIG_LOOKASIDE, nullptr, 0, 0);
     if (auto set = database->Run(kSettings); !set) {
         if (!database->m_damaged) {
             return set.error();

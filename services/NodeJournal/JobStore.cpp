@@ -19,12 +19,10 @@ constexpr std::int64_t kMillisecondsOfDay = std::int64_t{24} * 60 * 60 * 1000;
 
 /// The states are numbers: the first two are open. The index over the open ones has a few entries only.
 constexpr const char* kTable =
-    "BEGIN;"
-    "CREATE TABLE IF NOT EXISTS operations(number INTEGER PRIMARY KEY, \"id\" TEXT NOT NULL UNIQUE,"
+    "CREATE TABLE operations(number INTEGER PRIMARY KEY, \"id\" TEXT NOT NULL UNIQUE,"
     " \"state\" INTEGER NOT NULL DEFAULT 0);"
-    "CREATE INDEX IF NOT EXISTS open ON operations(number) WHERE \"state\" < 2;"
-    "PRAGMA user_version=1;"
-    "COMMIT;";
+    "CREATE INDEX open ON operations(number) WHERE \"state\" < 2;"
+    "PRAGMA user_version=1;";
 
 constexpr const char* kLose =
     "UPDATE operations SET reason = CASE state WHEN 0 THEN 'the host ended before it began'"
@@ -119,29 +117,31 @@ ZResult<std::unique_ptr<JobStore>> JobStore::OpenOnce(const fs::path& file, cons
         return opened.error();
     }
     std::unique_ptr<Database> database = std::move(opened.value());
+    const Database& state = *database;  // whoever owns it
     const auto version = database->Number("PRAGMA user_version");
     if (version && *version > kSchema) {
         return ZError(file.string() + " was written by a newer version of this program",
                       ZFrameworkErrorCodes::ERRCODE_NOT_SUPPORTED);
     }
-    ZResult<void> made = version ? MakeTable(*database) : version.error();
+    ZResult<void> made = version ? MakeTable(*database, *version == 0) : version.error();
     std::unique_ptr<JobStore> store;
     if (made) {
         store.reset(new JobStore(std::move(database), bounds));
         made = store->Count();
     }
-    damaged = !made && (store ? store->IsDamaged() : database->IsDamaged());
+    damaged = !made && state.IsDamaged();
     if (!made) {
         return made.error();
     }
     return store;
 }
 
-ZResult<void> JobStore::MakeTable(Database& database) {
-    if (auto made = database.Run(kTable); !made) {
-        return made.error();
-    }
-    return AddColumns(database);
+ZResult<void> JobStore::MakeTable(Database& database, bool isNew) {
+    Transaction transaction(database);
+    ZResult<void> made = transaction.Begun();
+    made = made && isNew ? database.Run(kTable) : made;
+    made = made ? AddColumns(database) : made;
+    return made ? transaction.Commit() : made;
 }
 
 ZResult<void> JobStore::Count() {
@@ -153,7 +153,7 @@ ZResult<void> JobStore::Count() {
     m_rows = *rows;
     m_lastNumber = *last;
     m_overfull = m_rows > m_bounds.rows;
-    return {};
+    return m_database->Run("PRAGMA shrink_memory");  // counting has filled the cache
 }
 
 ZResult<void> JobStore::LoseOpenJobs() {

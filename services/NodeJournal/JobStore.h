@@ -55,7 +55,7 @@ private:
     JobStore(std::unique_ptr<Database> database, const Bounds& bounds);
     static ZResult<std::unique_ptr<JobStore>> OpenOnce(const std::filesystem::path& file, const Bounds& bounds,
                                                        bool& damaged);
-    static ZResult<void> MakeTable(Database& database);
+    static ZResult<void> MakeTable(Database& database, bool isNew);
     ZResult<void> Count();
     ZResult<void> TrimStep();
     ZResult<std::int64_t> RemoveOldest(std::int64_t most, std::int64_t endedBefore);

@@ -42,7 +42,7 @@ std::shared_ptr<ZOperationsMsg> Refusal(const std::string& text, ZFrameworkError
 // --- The disk ---
 
 ZResult<void> Journal::Begin() {
-    const auto opened = OpenStore();
+    auto opened = OpenStore();
     if (!opened && opened.error().code == ZFrameworkErrorCodes::ERRCODE_NOT_SUPPORTED) {
         return opened;
     }

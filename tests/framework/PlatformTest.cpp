@@ -134,6 +134,13 @@ TEST_F(Platform, KnowsWhereDevicesAreMounted) {
               "/media/stick");
 }
 
+TEST_F(Platform, KeepsFoldersOfTheSystemFromBeingEmptiedHoweverTheyAreSpelled) {
+    for (const char* folder : {"/home/alice", "/home/alice/", "/home//alice/.", "/var/lib/", "/usr/share/x/"}) {
+        EXPECT_THAT(ErrorOf(MayBeEmptied(folder, {})), HasSubstr("it belongs to the system")) << folder;
+    }
+    EXPECT_EQ(ErrorOf(MayBeEmptied("/home/alice/updates/", {})), "");
+}
+
 TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0) {
         GTEST_SKIP() << "this process may not mount anything";

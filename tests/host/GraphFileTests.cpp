@@ -97,7 +97,7 @@ TEST(GraphFile, ErrorsAreToldAllAtOnce) {
       "ArchiveDir": "../x",
       "ProgressPath": "/etc/passwd" } },
   { "name": "Files", "class": "ZNodeFileIO", "config": { "idleSeconds": 0,
-      "roots": [ "/srv/a", "b" ] } },
+      "roots": [ "/srv/a", "b", "/var/lib/dpkg" ] } },
   { "name": "Gateway", "class": "ZNodeGateway", "config": { "socketPath": "gateway.sock",
       "socketMode": "0999" } },
   { "name": "Link", "class": "ZNodePeer", "config": { "keyFile": "/k", "pinsFile": "/p",
@@ -114,6 +114,7 @@ TEST(GraphFile, ErrorsAreToldAllAtOnce) {
           ":14: nodes[0].config: \"ProgressPath\" is \"/etc/passwd\"; it must be a file's name",
           ":15: nodes[1].config: \"idleSeconds\" is 0; it must be a number from 1 to 3600",
           ":16: nodes[1].config: \"roots\" is \"b\"; it must be an absolute path",
+          ":16: nodes[1].config: \"roots\" is \"/var/lib/dpkg\"; it must be a folder of its own",
           ":17: nodes[2].config: \"socketPath\" is \"gateway.sock\"; it must be an absolute path",
           ":18: nodes[2].config: \"socketMode\" is \"0999\"; it must be a text of octal permission bits",
           ":20: nodes[3].config: \"listen\" is \"nonsense\"; it must be an address such as tcp://*:5700"}) {

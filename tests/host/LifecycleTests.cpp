@@ -187,3 +187,24 @@ TEST(Heartbeat, NamesTheNodeWhoseHandlerDoesNotReturn) {
     release.set_value();
     EXPECT_TRUE(WaitUntil([&] { return silent().empty(); })) << "it works again";
 }
+
+TEST(Arbord, EndsBeforeItTouchesAnArchiveThatAnotherOneWorksOn) {
+    const TemporaryFolder folder;
+    const auto leftover = folder / "data/Packages/leftover";
+    const auto graph = [&](const std::string& name, const std::string& core) {
+        return folder.Write(name, R"({ "platform": { "mounts": { "/dev/data": ")" + (folder / "data").string() +
+                                      R"(" } }, "libraries": [ "libNodeArborInstall.so" ], "core": {)" + core + R"(},
+        "nodes": [ { "name": "Update", "class": "ZNodeArborInstall",
+                     "config": { "ArchiveDevice": "/dev/data", "ArchiveDir": "Packages" } } ] })");
+    };
+    std::filesystem::create_directory(folder / "data");
+    ArbordProcess first({"--graph", graph("first.json", "").string()});
+    ASSERT_TRUE(first.WaitForOutput("Graph is running")) << first.Output();
+    std::filesystem::create_directories(leftover);
+    const std::string updates = R"( "updatesFolder": ")" + (folder / "updates").string() + '"';
+    ArbordProcess second({"--graph", graph("second.json", updates).string()});
+    EXPECT_EQ(second.WaitForExit(), 1) << second.Output();
+    EXPECT_THAT(second.Output(), HasSubstr("(process " + std::to_string(first.Id()) + ") runs a graph on " +
+                                           (folder / "data").string() + " already"));
+    EXPECT_TRUE(std::filesystem::exists(leftover));
+}

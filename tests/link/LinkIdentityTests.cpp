@@ -50,12 +50,26 @@ TEST(LinkKeys, OfADamagedFileAreRefusedWithItsName) {
     ASSERT_TRUE(LoadOrMakeLinkKeys(folder / "whole.json"));
     const std::string whole = ReadText(folder / "whole.json");
     for (const std::string& text : {std::string(), whole.substr(0, 100), std::string("{}"), std::string(64, '\0')}) {
-        const auto file = folder.Write("key.json", text);
+        const auto file = folder.Write("key.json", text, 0600);
         const auto keys = LoadOrMakeLinkKeys(file);
         ASSERT_FALSE(keys) << text;
         EXPECT_THAT(keys.error().text, testing::StartsWith(file.string() + ": "));
         EXPECT_EQ(text, ReadText(file)) << "it may yet be mended by hand";
     }
+}
+
+TEST(LinkKeys, ThatOthersThanTheirOwnerMayUseAreRefused) {
+    const TemporaryFolder folder;
+    const auto file = folder / "key.json";
+    ASSERT_TRUE(LoadOrMakeLinkKeys(file));
+    for (const auto open : {std::filesystem::perms::group_read, std::filesystem::perms::others_write}) {
+        std::filesystem::permissions(file, std::filesystem::perms::owner_read | open);
+        const auto keys = LoadOrMakeLinkKeys(file);
+        ASSERT_FALSE(keys);
+        EXPECT_THAT(keys.error().text, testing::StartsWith(file.string() + ": others than its owner may use it"));
+    }
+    std::filesystem::permissions(file, std::filesystem::perms::owner_read);
+    EXPECT_TRUE(LoadOrMakeLinkKeys(file));
 }
 
 class Identity : public testing::Test {

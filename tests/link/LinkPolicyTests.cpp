@@ -188,6 +188,11 @@ TEST(LogLimit, TellsTheFirstLineOfAKindThenOneAMinuteAndOfManyKindsTogether) {
     EXPECT_EQ(" (1 more like it)", limit.Admit("a", now));
     EXPECT_EQ(" (1 more like it)", limit.Admit("e", now));
     EXPECT_EQ(std::nullopt, limit.Admit("a", now));
+    EXPECT_EQ(std::nullopt, limit.Admit("f", now)) << "of all others";
+    now += std::chrono::hours(1);
+    EXPECT_EQ("", limit.Admit("f", now)) << "those that went silent make room, whatever of them was left out";
+    EXPECT_EQ(std::nullopt, limit.Admit("f", now));
+    EXPECT_EQ("", limit.Admit("a", now));
 
     ZLogLimit two(8, 2);
     for (const auto& told :

@@ -216,27 +216,23 @@ TEST_F(Link, ManyAtOnceAreAllAnswered) {
     EXPECT_EQ(100, answered) << m_log.All();
 }
 
-/// A device whose key is known and that speaks the protocol of the transport, but not this one.
-class Stranger {
+/// A device that was made of the protocol's own library.
+class ForeignDevice {
 public:
-    Stranger() { ::zmq_curve_keypair(m_public.data(), m_secret.data()); }
-    ~Stranger() {
+    explicit ForeignDevice(int kind) : m_socket(::zmq_socket(m_context, kind)) {
+        ::zmq_curve_keypair(m_public.data(), m_secret.data());
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SECRETKEY, m_secret.data(), 40);
+    }
+    ~ForeignDevice() {
         ::zmq_close(m_socket);
         ::zmq_ctx_term(m_context);
     }
+    ForeignDevice(const ForeignDevice&) = delete;
+    ForeignDevice& operator=(const ForeignDevice&) = delete;
     std::string Key() const {
         LinkKeyBytes key{};
         ::zmq_z85_decode(key.data(), m_public.data());
         return LinkKeyText(key);
-    }
-    void Connect(const std::string& serverKey, int port) {
-        const int linger = 0;
-        ::zmq_setsockopt(m_socket, ZMQ_LINGER, &linger, sizeof linger);
-        const LinkKeyBytes server = *LinkKeyFrom(serverKey);
-        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SERVERKEY, server.data(), server.size());
-        ::zmq_setsockopt(m_socket, ZMQ_CURVE_PUBLICKEY, m_public.data(), 40);
-        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SECRETKEY, m_secret.data(), 40);
-        ::zmq_connect(m_socket, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
     }
     void Say(const std::vector<std::string>& frames) {
         for (std::size_t index = 0; index < frames.size(); ++index) {
@@ -245,11 +241,25 @@ public:
         }
     }
 
-private:
+protected:
     std::array<char, 41> m_public{};
     std::array<char, 41> m_secret{};
-    void* m_context = ::zmq_ctx_new();
-    void* m_socket = ::zmq_socket(m_context, ZMQ_DEALER);
+    void* const m_context = ::zmq_ctx_new();
+    void* const m_socket;
+};
+
+/// One whose key is known and that speaks the protocol of the transport, but not this one.
+class Stranger : public ForeignDevice {
+public:
+    Stranger() : ForeignDevice(ZMQ_DEALER) {}
+    void Connect(const std::string& serverKey, int port) {
+        const int linger = 0;
+        ::zmq_setsockopt(m_socket, ZMQ_LINGER, &linger, sizeof linger);
+        const LinkKeyBytes server = *LinkKeyFrom(serverKey);
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SERVERKEY, server.data(), server.size());
+        ::zmq_setsockopt(m_socket, ZMQ_CURVE_PUBLICKEY, m_public.data(), 40);
+        ::zmq_connect(m_socket, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
+    }
 };
 
 TEST_F(Link, RubbishIsDroppedWithALineThatNamesItsSender) {
@@ -359,28 +369,17 @@ TEST(LinkLoop, StopsThoughItCanDoNothing) {
     loop.Stop();
 }
 
-/// A listening device that was made of the protocol's own library.
-class ForeignListener {
+/// One that listens.
+class ForeignListener : public ForeignDevice {
 public:
-    explicit ForeignListener(int port) {
-        ::zmq_curve_keypair(m_public.data(), m_secret.data());
+    explicit ForeignListener(int port) : ForeignDevice(ZMQ_ROUTER) {
         const int on = 1;
         const int patience = 30'000;
         ::zmq_setsockopt(m_socket, ZMQ_CURVE_SERVER, &on, sizeof on);
-        ::zmq_setsockopt(m_socket, ZMQ_CURVE_SECRETKEY, m_secret.data(), 40);
         ::zmq_setsockopt(m_socket, ZMQ_RCVTIMEO, &patience, sizeof patience);
         // It probes as well, so that answers to probes are proved.
         ::zmq_setsockopt(m_socket, ZMQ_HEARTBEAT_IVL, &m_heartbeat, sizeof m_heartbeat);
         ::zmq_bind(m_socket, ("tcp://127.0.0.1:" + std::to_string(port)).c_str());
-    }
-    ~ForeignListener() {
-        ::zmq_close(m_socket);
-        ::zmq_ctx_term(m_context);
-    }
-    std::string Key() const {
-        LinkKeyBytes key{};
-        ::zmq_z85_decode(key.data(), m_public.data());
-        return LinkKeyText(key);
     }
     /// A message's frames; the first is the sender's number.
     std::vector<std::string> Take() {
@@ -393,19 +392,9 @@ public:
         }
         return frames;
     }
-    void Say(const std::vector<std::string>& frames) {
-        for (std::size_t index = 0; index < frames.size(); ++index) {
-            ::zmq_send(m_socket, frames[index].data(), frames[index].size(),
-                       index + 1 < frames.size() ? ZMQ_SNDMORE : 0);
-        }
-    }
 
 private:
     const int m_heartbeat = 50;
-    std::array<char, 41> m_public{};
-    std::array<char, 41> m_secret{};
-    void* m_context = ::zmq_ctx_new();
-    void* m_socket = ::zmq_socket(m_context, ZMQ_ROUTER);
 };
 
 TEST_F(Link, ADeviceOfAnotherMakeIsTalkedToAsWell) {

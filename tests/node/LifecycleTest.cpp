@@ -84,10 +84,20 @@ TEST(MessageMap, EndsAtTheFirstSubscriptionThatFails) {
         EXPECT_EQ(node.InitMessageMap(), expected);
         return bus->keywords;
     };
-    const std::vector<std::string> all{
-        "1:updatesystem",        "2:remoteinstall", "3:checkCompatibility",      "1:compareversions", "3:newFile",
-        "3:storagedeviceupdate", "1:findupdates",   "1:getinstalledversioninfo", "2:upload",          "2:transfer",
-        "3:getUpdateInProgress"};
+    const std::vector<std::string> all{"1:updatesystem",
+                                       "2:remoteinstall",
+                                       "3:checkCompatibility",
+                                       "1:compareversions",
+                                       "3:newFile",
+                                       "3:storagedeviceupdate",
+                                       "1:findupdates",
+                                       "1:getinstalledversioninfo",
+                                       "2:upload",
+                                       "2:transfer",
+                                       "3:getUpdateInProgress",
+                                       "3:inventory",
+                                       "1:forget",
+                                       "3:cancel"};
     EXPECT_EQ(tryWith("", true), all);
     EXPECT_EQ(tryWith("compareversions", false), std::vector(all.begin(), all.begin() + 4));
 }

@@ -1,5 +1,11 @@
 #include "NodeFixture.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+
 #include "ZMessages/ZJSONCommStream.h"
 
 namespace fs = std::filesystem;
@@ -16,14 +22,19 @@ NodeFixture::NodeFixture() {
 void NodeFixture::Restart() {
     node.reset();
     probe.reset();
+    jobs.reset();
     graph = std::make_unique<ZGraph>(core);
     EXPECT_EQ(ErrorOf(graph->AddNode("ProbeNode", "Probe", nullptr)), "");
     probe = cast_shared<ProbeNode>(graph->Node("Probe"));
+    EXPECT_EQ(ErrorOf(graph->AddNode("ProbeNode", "Jobs", nullptr)), "");
+    jobs = cast_shared<ProbeNode>(graph->Node("Jobs"));
+    jobs->Listen(ZEndpointType::GraphService, "operation");
 }
 
 NodeFixture::~NodeFixture() {
     node.reset();
     probe.reset();
+    jobs.reset();
     graph.reset();
     ZPlatform::Configure({});
     if (HasFailure()) {
@@ -47,6 +58,7 @@ void NodeFixture::Start(const std::string& config) {
     ASSERT_EQ(stream.Error(), "");
     ASSERT_EQ(ErrorOf(graph->AddNode("ZNodeArborInstall", "ArborInstall", record)), "");
     node = std::static_pointer_cast<ZNodeArborInstall>(graph->Node("ArborInstall"));
+    NodeAccess(*node).Slots() = folder / "mount/Slots";
     ASSERT_EQ(ErrorOf(graph->Start()), "");
 }
 
@@ -81,6 +93,72 @@ std::shared_ptr<ZMessageArray> NodeFixture::AnnounceDrive() {
     probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0), devices);
     EXPECT_TRUE(probe->WaitForMessages(before + 1));
     return cast_shared<ZMessageArray>(probe->Received().back());
+}
+
+std::shared_ptr<ZVersionInfoMsg> NodeFixture::Install(const std::shared_ptr<ZSystemUpdateMsg>& request) {
+    auto results = Z_MAKE(ZMessageArray);
+    node->ScanDrive(Drive(), results);
+    return cast_shared<ZVersionInfoMsg>(AskClient("updatesystem", request));
+}
+
+std::vector<std::shared_ptr<ZOperationMsg>> NodeFixture::Jobs() const {
+    std::vector<std::shared_ptr<ZOperationMsg>> latest;
+    for (const auto& message : jobs->Received()) {
+        const auto job = cast_shared<ZOperationMsg>(message);
+        const auto known = std::ranges::find_if(latest, [&](const auto& other) { return other->m_Id == job->m_Id; });
+        if (known == latest.end()) {
+            latest.push_back(job);
+        } else {
+            *known = job;
+        }
+    }
+    return latest;
+}
+
+std::vector<std::string> NodeFixture::JobLines() const {
+    std::vector<std::string> lines;
+    for (const auto& job : Jobs()) {
+        const std::string file = fs::path(job->m_File).filename().string();
+        const std::string subject = job->m_Kind == ZOperationKind::Check ? file : ToStdString(job->m_Version);
+        lines.push_back(std::string(magic_enum::enum_name(job->m_Kind)) + " " + (subject.empty() ? file : subject) +
+                        " " + std::string(magic_enum::enum_name(job->m_State)) +
+                        (job->m_Reason.empty() ? "" : ": " + ToStdString(job->m_Reason)));
+    }
+    return lines;
+}
+
+bool NodeFixture::WaitForJob(const std::string& line) const {
+    const bool found = WaitUntil([&] {
+        const auto lines = JobLines();
+        return std::ranges::find(lines, line) != lines.end();
+    });
+    EXPECT_TRUE(found) << line << " is none of " << testing::PrintToString(JobLines());
+    return found;
+}
+
+Installer::Installer(const fs::path& socket) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    socket.string().copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_TRUE(WaitUntil([&] {
+        return ::connect(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    })) << socket;
+}
+
+void Installer::Say(const std::string& text) {
+    EXPECT_EQ(::send(m_socket.Get(), text.data(), text.size(), MSG_NOSIGNAL), std::ssize(text));
+}
+
+bool Installer::IsCutOff() {
+    pollfd entry{m_socket.Get(), POLLIN, 0};
+    char byte = 0;
+    return ::poll(&entry, 1, 30'000) > 0 && ::recv(m_socket.Get(), &byte, 1, 0) <= 0;
+}
+
+std::shared_ptr<ZSystemUpdateMsg> UpdateTo(const char* version) {
+    auto request = Z_MAKE(ZSystemUpdateMsg);
+    request->m_Version = version;
+    return request;
 }
 
 std::vector<std::string> Records(const std::shared_ptr<ZMessageArray>& array) {

@@ -6,6 +6,7 @@
 #include "NodeBase/ZGraph.h"
 #include "TestSupport.h"
 #include "ZNodeArborInstall.h"
+#include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZPlatform.h"
 
 /// The node's tables, for looking at.
@@ -18,12 +19,27 @@ public:
     auto& DeviceModel() { return m_node.m_deviceModel; }
     auto& DeviceProperties() { return m_node.m_pDeviceProperties; }
     bool BuildInProgress() { return m_node.m_bBuildInProgress; }
-    bool UpdateInProgress() { return m_node.m_bUpdateInProgress; }
+    bool UpdateInProgress() { return m_node.m_bUpdateInProgress || m_node.m_remoteInstalls; }
     bool Relaying() { return m_node.m_relay.IsBound(); }
+    std::filesystem::path& Slots() { return m_node.m_slots; }
 
 private:
     ZNodeArborInstall& m_node;
 };
+
+/// An installer's end of the progress socket.
+class Installer {
+public:
+    explicit Installer(const std::filesystem::path& socket);
+    void Say(const std::string& text);
+    /// Whether the other side has closed the connection, or does so within some time.
+    bool IsCutOff();
+
+private:
+    ZFileDescriptor m_socket;
+};
+
+std::shared_ptr<ZSystemUpdateMsg> UpdateTo(const char* version);
 
 /// A real node on a real bus beside a probe, with its archive, updates folder, drive and identity in a folder of its
 /// own. A test writes what the machine holds, then calls Start.
@@ -44,6 +60,17 @@ protected:
     /// Writes an executable package file that answers as told and notes the arguments of an install beside itself.
     std::filesystem::path Package(const std::string& name, const std::string& version, int verifyStatus = 0,
                                   const std::string& install = "") const;
+    /// What the installer of a package does to live as long as the test.
+    static constexpr const char* kLives = "while [ -e \"$0\" ]; do sleep 0.05; done";
+
+    /// Looks at the drive, then asks for the installation.
+    std::shared_ptr<ZVersionInfoMsg> Install(const std::shared_ptr<ZSystemUpdateMsg>& request);
+    /// Every job as it was told last, in the order in which they were begun.
+    std::vector<std::shared_ptr<ZOperationMsg>> Jobs() const;
+    /// Waits for a job that stands as in "Install 3.045 Failed: why"; of a file, by its name.
+    bool WaitForJob(const std::string& line) const;
+    /// How the jobs stand, as above.
+    std::vector<std::string> JobLines() const;
 
     std::shared_ptr<ZMessage> AskClient(const char* keyword, const std::shared_ptr<ZMessage>& request) {
         return probe->Ask(ZEndpointType::ClientRequest, keyword, request);
@@ -59,7 +86,9 @@ protected:
     std::shared_ptr<ZCoreConfigParams> core = ZMakeShared<ZCoreConfigParams>();
     std::unique_ptr<ZGraph> graph;
     std::shared_ptr<ProbeNode> probe;
+    std::shared_ptr<ProbeNode> jobs;  // hears of every job
     std::shared_ptr<ZNodeArborInstall> node;
+    const std::filesystem::path socket = folder / "mount/Archive/progress";
 };
 
 /// One record of a scan's result as a line: "3.045 System", or "3.1 /drive/a.pkg rejected 4".

@@ -1,12 +1,16 @@
-"""Runs a package with a fault in its worker: fault.py CALL:NUMBER:ACTION PACKAGE OPTIONS...
+"""Runs a package with a fault: fault.py [PROCESS.]CALL:WHEN:ACTION PACKAGE OPTIONS...
 
-The installer's own modules run as they are; before the NUMBERth call of os.CALL in the worker ("any": of any call
-that changes the storage) ACTION happens. With fewer calls it ends by saying that the fault was not reached.
+The installer's own modules run as they are, with the settings file that SETTINGS names. Before a call of os.CALL in
+PROCESS (worker or watcher; the worker when left out) ACTION happens. CALL "any" is any call that changes the storage;
+WHEN is a number (the how manyth call) or a part of the path that it is about. An installer that ends without
+the fault says that it was not reached. An empty fault is none.
 """
 
 import errno
+import functools
 import os
 import signal
+import stat
 import sys
 import time
 
@@ -15,19 +19,26 @@ sys.dont_write_bytecode = True
 from arborinstaller import main, settings, worker  # noqa: E402
 
 CHANGING = ("write", "fsync", "fdatasync", "unlink", "symlink", "replace", "fchmod", "mkdir")
-call, number, action = sys.argv[1].split(":")
-remaining = int(number)
+call, when, action = sys.argv[1].split(":") if sys.argv[1] else ("none", "none", "none")
+process, _, call = call.rpartition(".")
+WATCHER = os.getpid()
 install = worker.run
+count = 0
+reached = False
 
 
 def act() -> None:
-    if action == "power":  # the whole machine goes: nobody is left to tidy up
-        os.kill(os.getppid(), signal.SIGKILL)
-    if action in ("power", "kill"):
+    if action in ("power", "orphan") and os.getpid() != WATCHER:
+        os.kill(WATCHER, signal.SIGKILL)
+    if action == "orphan":  # only the watcher goes; whoever is left goes on with the step
+        while os.getppid() == WATCHER:
+            time.sleep(0.001)
+    elif action in ("power", "kill"):  # "power": the whole machine goes, and nobody is left to tidy up
         os.kill(os.getpid(), signal.SIGKILL)
     elif action == "truncate":
         os.truncate(sys.argv[2], 1 << 20)
     elif action == "hold":
+        open(os.environ["RELEASE"] + ".held", "wb").close()
         while not os.path.exists(os.environ["RELEASE"]):
             time.sleep(0.02)
     elif action == "crash":
@@ -36,25 +47,42 @@ def act() -> None:
         raise OSError(getattr(errno, action), os.strerror(getattr(errno, action)))
 
 
+def subject(name: str, arguments: tuple) -> str:
+    """The path that a call is about; empty for a pipe or a terminal."""
+    target = arguments[-1] if name in ("symlink", "replace") else arguments[0]
+    if isinstance(target, str):
+        return target
+    ordinary = stat.S_IFMT(os.fstat(target).st_mode) in (stat.S_IFREG, stat.S_IFDIR)
+    return os.readlink(f"/proc/self/fd/{target}") if ordinary else ""
+
+
 def armed(name: str):
     original = getattr(os, name)
 
     def replacement(*arguments, **named):
-        global remaining
-        remaining -= 1
-        if remaining == 0:
-            act()
+        global count, reached
+        mine = (os.getpid() == WATCHER) == (process == "watcher")
+        path = subject(name, arguments) if mine and not reached else ""
+        if path:
+            count += 1
+            if count == int(when) if when.isdecimal() else when in path:
+                reached = True
+                act()
         return original(*arguments, **named)
     return replacement
 
 
 def run(*arguments) -> str | None:
-    for name in CHANGING if call == "any" else (call,):
-        setattr(os, name, armed(name))
     outcome = install(*arguments)
-    return "the fault was not reached" if remaining > 0 else outcome
+    return outcome if process or reached or not sys.argv[1] else "the fault was not reached"
 
 
+for name in CHANGING if call == "any" else (call,):
+    if call != "none":
+        setattr(os, name, armed(name))
 worker.run = run
-settings.load = lambda: settings.Settings(stallSeconds=float(os.environ.get("STALL", "900")))
-sys.exit(main.main(sys.argv[2], sys.argv[3:]))
+settings.load = functools.partial(settings.load, os.environ["SETTINGS"])
+code = main.main(sys.argv[2], sys.argv[3:])
+if process and not reached:
+    print("the fault was not reached", file=sys.stderr)
+sys.exit(code)

@@ -3,11 +3,13 @@
 import hashlib
 import json
 import os
+import shutil
 import socket
 import subprocess
 import sys
 import tempfile
 import threading
+import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -16,11 +18,26 @@ ARBOR_PKG = os.path.join(ROOM, "arbor-pkg")
 sys.path.insert(0, os.path.join(ROOM, "installer"))  # for the tests of single modules
 BOARD = "verdin-imx8mm"
 LIMIT = 60  # seconds until a test is given up as hanging
+INSTALLED = "Installed, takes effect at the next restart"
+UNIX = ("--skip-verify", "--sock=1", "--addr=progress")
 
 
 def read(*path: str) -> bytes:
     with open(os.path.join(*path), "rb") as file:
         return file.read()
+
+
+def write(path: str, text: str) -> None:
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def wait_until(holds, what: str) -> None:
+    end = time.monotonic() + LIMIT
+    while not holds():
+        if time.monotonic() > end:
+            raise AssertionError(f"it did not come to this: {what}")
+        time.sleep(0.01)
 
 
 def run(*command: str, **options) -> subprocess.CompletedProcess:
@@ -40,8 +57,8 @@ class PackageTest(unittest.TestCase):
         cls.payload = cls.path("payload.img")
         with open(cls.payload, "wb") as file:
             file.write(os.urandom(7 << 19))
-        cls.package, cls.older = cls.path("arbor_qm.pkg"), cls.path("older.pkg")
-        for package, version in ((cls.package, "3.045"), (cls.older, "3.044")):
+        cls.package, cls.older, cls.newer = cls.path("arbor_qm.pkg"), cls.path("older.pkg"), cls.path("newer.pkg")
+        for package, version in ((cls.package, "3.045"), (cls.older, "3.044"), (cls.newer, "3.046")):
             done = run(ARBOR_PKG, "build", *cls.recipe(version), "--silent-seconds", "0.1", "-o", package)
             assert done.returncode == 0, done.stderr
 
@@ -59,17 +76,40 @@ class PackageTest(unittest.TestCase):
         self.addCleanup(instrument.stop)
         return instrument
 
+    def updated(self, *not_started: str) -> "Instrument":
+        """An instrument that runs 3.044 from slot A. The packages `not_started` were installed since its last start."""
+        instrument = self.instrument()
+        instrument.must_install(self.older)
+        instrument.restart()
+        for package in not_started:
+            instrument.must_install(package)
+        return instrument
+
 
 class Instrument:
     """An instrument's storage, and the ways to run an installer on it."""
 
     def __init__(self, root: str) -> None:
-        self.packages, self.slots, self.restarts, self.release = (
-            os.path.join(root, name) for name in ("Packages", "Slots", "restarts", "release"))
+        self.root = root
+        self.packages, self.slots, self.restarts, self.release, self.command_line, self.boot_file, self._settings = (
+            os.path.join(root, name) for name in ("Packages", "Slots", "restarts", "release", "cmdline", "boot", "settings"))
         self._running: list[subprocess.Popen] = []
-        os.mkdir(self.packages)
+        os.makedirs(self.packages, exist_ok=True)
         # Never the real command: a test must not restart the machine it runs on.
-        self.environment = {**os.environ, "ARBOR_REBOOT_COMMAND": f"touch {self.restarts}", "RELEASE": self.release}
+        self.environment = {**os.environ, "ARBOR_REBOOT_COMMAND": f"touch {self.restarts}", "RELEASE": self.release,
+                            "SETTINGS": self._settings}
+        self.set()
+
+    def set(self, **settings: object) -> None:
+        """Writes the settings of installs that `faulty` starts; only those look at files of this instrument."""
+        write(self.command_line, "quiet")
+        write(self._settings, json.dumps({"kernelCommandLine": self.command_line, "runningSlotFile": self.boot_file,
+                                          **settings}))
+
+    def copy(self, root: str) -> "Instrument":
+        """Another instrument, in the folder `root`, with the same storage."""
+        shutil.copytree(self.slots, os.path.join(root, "Slots"), symlinks=True)
+        return Instrument(root)
 
     def start(self, *command: str) -> subprocess.Popen:
         self._running.append(subprocess.Popen([*command, f"--dir={self.packages}"], env=self.environment, text=True,
@@ -89,6 +129,24 @@ class Instrument:
         errors = self.start(*command).communicate(timeout=LIMIT)[1]
         return self._running[-1].returncode, errors
 
+    def must_install(self, package: str) -> None:
+        code, errors = self.install(package, "--skip-verify", "--no-reboot")
+        assert code == 0, errors
+
+    def wait_until_held(self) -> None:
+        """Returns when the worker waits at a fault "hold"."""
+        wait_until(lambda: os.path.exists(self.release + ".held"), "the fault is reached")
+
+    def restart(self) -> None:
+        """What a restart changes where the boot does not tell its slot: the kernel's name for the boot."""
+        remembered = os.path.join(self.slots, "running")
+        write(remembered, json.dumps({**json.loads(read(remembered)), "bootId": "an earlier boot"}))
+
+    def record(self) -> dict:
+        """What became of the last install, as the installer has left it; empty when it left nothing."""
+        path = os.path.join(self.slots, "last.json")
+        return json.loads(read(path)) if os.path.exists(path) else {}
+
     def active(self) -> str | None:
         link = os.path.join(self.slots, "active")
         return os.readlink(link) if os.path.islink(link) else None
@@ -100,6 +158,11 @@ class Instrument:
         if read(folder, "digest").decode() != digest + "\n":
             raise AssertionError("the active slot does not hold what its digest says")
         return read(folder, "version").decode().strip()
+
+    def slot(self, name: str) -> dict[str, tuple[bytes, int]]:
+        """All that stands in a slot, with times, so that a file which was written anew is another one."""
+        folder = os.path.join(self.slots, name)
+        return {file: (read(folder, file), os.stat(os.path.join(folder, file)).st_mtime_ns) for file in os.listdir(folder)}
 
     def tree(self) -> dict[str, tuple[int, int]]:
         paths = [os.path.join(folder, name) for folder, folders, files in os.walk(os.path.dirname(self.packages))

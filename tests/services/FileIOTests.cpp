@@ -263,7 +263,10 @@ TEST_F(FileIO, HandsOverWhatIsForAnotherDevice) {
 
 TEST_F(FileIO, RefusesBadSettingsAndNamesTheKey) {
     const auto refuses = [&](const char* line) { return !Start() && log.Has(4, line); };
-    record->m_Roots = {"/tmp", "var/tmp"};
+    record->m_Roots = {"/srv/a", "/tmp"};
+    EXPECT_TRUE(refuses(R"("roots" is "/tmp"; it must be a folder of its own: not / nor one of the system's)"))
+        << log.All();
+    record->m_Roots = {"/srv/a", "var/tmp"};
     EXPECT_TRUE(refuses(R"("roots" is "var/tmp"; it must be an absolute path whose variables are set)")) << log.All();
     record->m_MaxOpenFiles = 257;
     EXPECT_TRUE(refuses(R"("maxOpenFiles" is 257; it must be a number from 1 to 256)")) << log.All();

@@ -109,6 +109,8 @@ def make_storage(work: Path, device: Device) -> None:
         payload.unlink()
     for version in (*reversed(device.archived), device.installed):
         _run(archive / version / "arbor_qm.pkg", "--skip-verify", f"--dir={archive}", "--no-reboot")
+    for name in ("last.json", "running"):  # of this machine; the device has not installed anything yet
+        (archive.parent / "Slots" / name).unlink()
 
 
 def _make_stick(work: Path) -> None:

@@ -6,7 +6,7 @@ import struct
 import zlib
 from pathlib import Path
 
-from . import paths, places, privileges
+from . import paths, places, privileges, slots
 from .identity import INSTRUMENT, Device
 
 # TlvInfo, the layout in which the boot loader keeps a board's identity.
@@ -31,7 +31,9 @@ def furnish(fixtures: Path, device: Device = INSTRUMENT, graph_document: dict | 
     write_json(paths.GRAPH, graph_document or graph(device))
     # Whoever starts the installer from another device starts it with an empty environment.
     write_json(paths.CONFIG / "installer.json",
-               {"rebootCommand": ["env", *privileges.kept(), str(paths.INSTRUMENT / "reboot")]})
+               {"rebootCommand": ["env", *privileges.kept(), str(paths.INSTRUMENT / "reboot")],
+                "runningSlotFile": str(paths.RUNNING_SLOT)})
+    slots.boot()
 
 
 def write_json(path: Path, document: dict) -> None:
@@ -63,8 +65,11 @@ def graph(device: Device) -> dict:
         "log": {"level": 2, "console": True, "journal": False, "file": str(paths.HOST_LOG), "fileSizeKiB": 1024,
                 "fileCount": 5},
         "platform": platform,
-        "libraries": ["libNodeArborInstall.so", "libNodeStorage.so", "libNodeDeviceProps.so", "libNodeGateway.so"],
+        "libraries": ["libNodeJournal.so", "libNodeArborInstall.so", "libNodeStorage.so", "libNodeDeviceProps.so",
+                      "libNodeGateway.so"],
         "nodes": [
+            {"name": "Journal", "class": "ZNodeJournal", "required": False,
+             "config": {"databaseFile": str(paths.STATE / "journal.sqlite")}},
             {"name": "ArborInstall", "class": "ZNodeArborInstall", "config": _installer_record()},
             {"name": "Storage", "class": "ZNodeStorage", "config": storage},
             {"name": "DeviceProps", "class": "ZNodeDeviceProps", "config": {"deviceType": device.role}},

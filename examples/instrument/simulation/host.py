@@ -9,7 +9,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from . import furnish, paths
+from . import furnish, paths, slots
 
 START_SECONDS = 60.0
 STOP_SECONDS = 60.0
@@ -64,7 +64,8 @@ def running_pid() -> int | None:
 def reboot() -> None:
     """What a real reboot does for the software: all stops, the active slot's system comes up, the host starts again."""
     stop()
-    version = (paths.SLOTS / "active" / "version").read_text(encoding="utf-8").strip()
+    slots.boot()
+    version = slots.versions()[slots.running()]
     manifest = json.loads(paths.MANIFEST.read_text(encoding="utf-8"))
     manifest["systemVersion"] = version
     for component in manifest["components"]:

@@ -14,6 +14,7 @@ LOGS = Path("/usr/share/Logs")
 CONFIG = Path("/etc/arbor")
 RUNTIME = Path("/run/arbor")
 STATE = Path("/var/lib/arbor")
+BOOT = Path("/run/arbor-boot")
 UPDATES = STATE / "updates"
 STICKS = Path("/media")
 
@@ -25,9 +26,10 @@ GATEWAY = RUNTIME / "gateway.sock"
 HOST_LOG = LOGS / "arbord.log"
 HOST_CONSOLE = LOGS / "arbord.console"
 HOST_PID = RUNTIME / "arbord.pid"
+RUNNING_SLOT = BOOT / "slot"  # written by each boot: the slot that it started from
 
 # Everything that one instrument has to itself while it runs.
-PLACES = (STORAGE, LOGS, CONFIG, RUNTIME, STATE)
+PLACES = (STORAGE, LOGS, CONFIG, RUNTIME, STATE, BOOT)
 STICK_NAMES = ("usb1", "usb2")
 
 INSTRUMENT = Path(__file__).resolve().parent.parent

@@ -1,4 +1,4 @@
-"""The two slots of a device's storage: what stands in each, and which one starts next."""
+"""The two slots of a device's storage: what stands in each, which one runs, and which one starts next."""
 
 import os
 from pathlib import Path
@@ -15,6 +15,16 @@ def versions(slots: Path = paths.SLOTS) -> dict[str, str]:
 def active(slots: Path = paths.SLOTS) -> str:
     """The name of the slot that starts next."""
     return os.readlink(slots / "active").rstrip("/").rpartition("/")[2]
+
+
+def running(file: Path = paths.RUNNING_SLOT) -> str:
+    """The name of the slot that the device runs from."""
+    return file.read_text(encoding="ascii").strip()
+
+
+def boot() -> None:
+    """What a boot does: it starts from the active slot, and tells which one that was."""
+    paths.RUNNING_SLOT.write_text(active() + "\n", encoding="ascii")
 
 
 def described(slots: Path = paths.SLOTS) -> str:

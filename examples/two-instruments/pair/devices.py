@@ -39,8 +39,9 @@ class Station:
         peer: dict = {"keyFile": str(LINK_KEY), "pinsFile": str(LINK_PINS), "exports": list(self.exports)}
         if self.listens:
             peer["listen"] = self.link_address
-        document["nodes"] += [{"name": "FileIO", "class": "ZNodeFileIO", "config": {}},
-                              {"name": "Peer", "class": "ZNodePeer", "config": peer}]
+        # Without them an instrument still takes updates from a stick.
+        document["nodes"] += [{"name": "FileIO", "class": "ZNodeFileIO", "required": False, "config": {}},
+                              {"name": "Peer", "class": "ZNodePeer", "required": False, "config": peer}]
         return document
 
 

@@ -6,7 +6,14 @@ class Failure(Exception):
 
 
 def describe(error: BaseException) -> str:
-    """One line about `error`: a Failure's own text, the system's reason and file for an OSError."""
+    """One line about `error`: a Failure's own text, the system's reason and file for an OSError.
+
+    It can be written as UTF-8, whatever names are in it.
+    """
+    return " ".join(_text(error).encode(errors="replace").decode().split())
+
+
+def _text(error: BaseException) -> str:
     if isinstance(error, Failure):
         return str(error)
     if isinstance(error, OSError) and error.strerror:

@@ -28,8 +28,8 @@ def main(path: str, arguments: list[str]) -> int:
 
 def _parser(name: str) -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(prog=name, allow_abbrev=False, description=(
-        "An update package. Run without --version or --verify it installs itself into the inactive slot beside "
-        "the packages directory and makes that slot the active one."))
+        "An update package. Run without --version or --verify it installs itself beside the packages directory, into the "
+        "slot that the system does not run from, and makes that slot the one that starts next."))
     parser.add_argument("--version", action="store_true", help="print the version that the package installs")
     parser.add_argument("--verify", nargs="?", const="", metavar="BOARD",
                         help="check signature and signer, and the board when one is given; 0: good, 1: not")

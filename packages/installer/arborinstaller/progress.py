@@ -3,7 +3,7 @@
 The receiver takes each read of up to 1024 bytes for a document (or several whole ones), so a document must
 never be torn by a read. Hence they are short, each goes out in one send, and the next one waits until the
 receiver has taken the last: a slow receiver gets fewer documents, always with the newest state. The final one
-is never left out.
+is never left out: a receiver that went away with it unread, and comes back in time, gets it again.
 """
 
 import fcntl
@@ -19,8 +19,7 @@ _MAX_DOCUMENT = 500  # bytes: two that arrive together still fit one read
 _INTERVAL = 0.1      # seconds between documents; over TCP nothing tells when the receiver has read
 _RETRY = 0.5         # seconds between attempts to reach the receiver
 _CONNECT_LIMIT = 2.0
-_FINAL_LIMIT = 10.0  # seconds for the final document to be taken by a receiver that has been reached
-_UNREACHED_LIMIT = 3.0  # the same, for one that has never answered
+_UNREACHED_LIMIT = 3.0  # seconds for the final document to reach a receiver that has never answered
 
 
 @dataclass(frozen=True)
@@ -112,24 +111,33 @@ class ProgressSink:
         """Whether a document waits to be sent."""
         return self._pending is not None
 
-    def finish(self, document: Document) -> None:
-        """Sends the final document, waits a bounded time until it is taken, and closes the connection."""
+    def finish(self, document: Document, limit: float) -> None:
+        """Sends the final document and closes the connection when it is taken, or after `limit` seconds.
+
+        Less patience is needed with a receiver that has never been reached.
+        """
+        end = time.monotonic() + (limit if self._reached else min(limit, _UNREACHED_LIMIT))
         self.offer(document)
-        limit = _FINAL_LIMIT if self._reached else _UNREACHED_LIMIT
-        self._wait(limit, lambda: not self.waiting())
+        while not self._taken(document) and time.monotonic() < end:
+            time.sleep(0.01)
+            self.pump()
         if self.waiting() and self._connection:
             self._send(document)  # the receiver has stopped reading: rather glued to another than lost
         if self.waiting():
             self._say(document)
-        elif self._connection:
-            self._wait(limit, lambda: self._unread() == 0)
         self._close()
 
-    def _wait(self, limit: float, over) -> None:
-        end = time.monotonic() + limit
-        while not over() and time.monotonic() < end:
-            time.sleep(0.01)
-            self.pump()
+    def _taken(self, document: Document) -> bool:
+        """Whether the receiver has read all; one that left something unread is given `document` once more."""
+        if self.waiting() or self._connection is None:
+            return not self.waiting()
+        if self._unread() > 0:
+            return False
+        if self._connection.getsockopt(socket.SOL_SOCKET, socket.SO_ERROR) == 0:
+            return True
+        self._close()
+        self._pending = document
+        return False
 
     def _connected(self) -> bool:
         now = time.monotonic()

@@ -2,7 +2,8 @@
 
 /etc/arbor/installer.json, every key optional:
 
-    {"trust": "/etc/arbor/trust", "rebootCommand": ["systemctl", "reboot"], "stallSeconds": 900}
+    {"trust": "/etc/arbor/trust", "rebootCommand": ["systemctl", "reboot"], "stallSeconds": 900,
+     "kernelCommandLine": "/proc/cmdline", "runningSlotFile": "/run/arbor-boot/slot"}
 
 Environment: ARBOR_TRUST and ARBOR_REBOOT_COMMAND (a command line, split like a shell splits words).
 """
@@ -20,11 +21,13 @@ SETTINGS_FILE = "/etc/arbor/installer.json"
 
 @dataclass(frozen=True)
 class Settings:
-    """Where trusted certificates lie, how the instrument restarts, and when a silent worker is given up."""
+    """Where trusted certificates lie, how the instrument restarts, when a silent worker is given up, who tells the slot."""
 
     trust: str = "/etc/arbor/trust"
     rebootCommand: tuple[str, ...] = ("systemctl", "reboot")
     stallSeconds: float = 900.0
+    kernelCommandLine: str = "/proc/cmdline"
+    runningSlotFile: str = "/run/arbor-boot/slot"
 
 
 def load(path: str = SETTINGS_FILE) -> Settings:
@@ -47,7 +50,8 @@ def _from_file(path: str) -> dict[str, Any]:
         raise Failure(f"{path}: not a JSON document ({error})") from None
     if not isinstance(found, dict):
         raise Failure(f"{path}: expected an object")
-    readers = {"trust": _text, "rebootCommand": _words, "stallSeconds": _seconds}
+    readers = {"trust": _text, "rebootCommand": _words, "stallSeconds": _seconds, "kernelCommandLine": _path,
+               "runningSlotFile": _path}
     for key in found.keys() - readers.keys():
         raise Failure(f"{path}: unknown key '{key}' (known: {', '.join(readers)})")
     return {key: readers[key](f"{path}: {key}", value) for key, value in found.items()}
@@ -56,6 +60,12 @@ def _from_file(path: str) -> dict[str, Any]:
 def _text(name: str, value: Any) -> str:
     if not isinstance(value, str) or not value:
         raise Failure(f"{name}: expected a text")
+    return value
+
+
+def _path(name: str, value: Any) -> str:
+    if not os.path.isabs(_text(name, value)) or "\0" in value:
+        raise Failure(f"{name}: expected an absolute path")
     return value
 
 

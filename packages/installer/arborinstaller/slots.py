@@ -2,11 +2,13 @@
 
     Slots/A/system.img, version, digest
     Slots/B/...
-    Slots/active -> A or B        what the instrument starts from
+    Slots/active -> A or B        what the instrument starts from next time
+    Slots/last.json               what became of the last install (record.py)
+    Slots/running                 the slot that the system runs from, where the boot does not tell (boot.py)
 
 A slot is complete when its version and digest stand beside the image; they are removed before the image is
-touched and written when it is known to be good. The active slot is never written to, so the instrument can
-start at any moment.
+touched and written when it is known to be good. The slot that `active` leads to is never written to, so the
+instrument can start at any moment.
 """
 
 import os
@@ -17,7 +19,7 @@ from arborinstaller.files import remove_if_there, replacing, sync_directory
 IMAGE = "system.img"
 VERSION = "version"
 DIGEST = "digest"
-_NAMES = ("A", "B")
+NAMES = ("A", "B")
 _NEW_LINK = ".active.new"
 
 
@@ -46,7 +48,7 @@ class Slots:
         return os.path.join(self.root, slot, IMAGE)
 
     def active(self) -> str | None:
-        """The slot the instrument starts from; None before the first install."""
+        """The slot the instrument starts from next; None before the first install."""
         link = os.path.join(self.root, "active")
         try:
             target = os.path.basename(os.readlink(link).rstrip("/"))
@@ -54,13 +56,17 @@ class Slots:
             return None
         except OSError as error:
             raise Failure(f"{link} is not a link to a slot: {error.strerror}") from None
-        if target not in _NAMES:
+        if target not in NAMES:
             raise Failure(f"{link} leads to '{target}', not to slot A or B")
         return target
 
-    def inactive(self) -> str:
-        """The slot to install into."""
-        return "B" if self.active() == "A" else "A"
+    def has(self, slot: str) -> bool:
+        """Whether there is a folder for `slot`."""
+        return os.path.isdir(os.path.join(self.root, slot))
+
+    def complete(self, slot: str) -> bool:
+        """Whether `slot` holds a version as a whole."""
+        return all(os.path.exists(os.path.join(self.root, slot, name)) for name in (IMAGE, DIGEST, VERSION))
 
     def check_space(self, slot: str, size: int) -> None:
         """Failure when an image of `size` bytes does not fit once the old image of `slot` is gone."""
@@ -72,7 +78,7 @@ class Slots:
             raise Failure(f"not enough space in {where}: the image takes {size} bytes, {free} are free")
 
     def prepare(self, slot: str) -> None:
-        """Empties the inactive `slot` for a new image."""
+        """Empties `slot` for a new image. The link must not lead there."""
         os.makedirs(os.path.join(self.root, slot), 0o755, exist_ok=True)
         sync_directory(self.root)
         self._empty(slot)
@@ -91,15 +97,10 @@ class Slots:
         os.replace(link, os.path.join(self.root, "active"))
         sync_directory(self.root)
 
-    def discard_incomplete(self) -> None:
-        """Frees what a failed install left in the inactive slot; a complete slot is kept as the way back."""
-        if not self.exist():
-            return
+    def discard_incomplete(self, slot: str) -> None:
+        """Frees what a failed install left in `slot`; a complete slot is kept as the way back."""
         remove_if_there(os.path.join(self.root, _NEW_LINK))
-        slot = self.inactive()
-        folder = os.path.join(self.root, slot)
-        complete = all(os.path.exists(os.path.join(folder, name)) for name in (DIGEST, VERSION))
-        if os.path.isdir(folder) and not complete:
+        if self.has(slot) and not self.complete(slot) and slot != self.active():
             self._empty(slot)
 
     def _empty(self, slot: str) -> None:

@@ -1,10 +1,12 @@
 """The small process that stands over an install and has the last word about it.
 
 The work is done by a child. Whatever becomes of it (it crashes, is killed, the disk fills up, the stick is
-pulled, it hangs), this process is there to say so: each install ends with exactly one done or error document.
+pulled, it hangs), this process is there to say so: each install ends with exactly one done or error document. Before
+that document goes out, the record beside the slots says the same (record.py).
 """
 
 import contextlib
+import ctypes
 import json
 import os
 import select
@@ -14,16 +16,20 @@ import time
 from dataclasses import dataclass
 from typing import Iterator
 
-from arborinstaller import settings, worker
+from arborinstaller import boot, settings, worker
 from arborinstaller.failure import describe
-from arborinstaller.files import directory_lock
+from arborinstaller.files import directory_lock, sync_directory
 from arborinstaller.layout import Package
 from arborinstaller.progress import Address, Document, ProgressSink, say
+from arborinstaller.record import CANCELLED, FAILED, SUCCEEDED, Outcome, Record, end_of
 from arborinstaller.slots import Slots
 
 _TICK = 0.05           # seconds between attempts to get rid of a waiting document
 _REAP_LIMIT = 5.0      # seconds for a killed worker to go; one stuck in the kernel is left behind
 _REBOOT_LIMIT = 60.0
+_LAST_WORD_LIMIT = 30.0  # seconds for a receiver that went away to come back for the final document
+_LAST_WORD_BEFORE_RESTART = 6.0  # the same, where the restart waits: 10 with an attempt to connect and to send at its end
+_PR_SET_PDEATHSIG = 1
 _CANCEL_SIGNALS = (signal.SIGTERM, signal.SIGINT)
 
 
@@ -49,18 +55,19 @@ def install(path: str, options: Options) -> int:
             conf = settings.load()
             with Package(path) as package:
                 header = f"Installing {package.header.version}"
-                outcome = _supervise(package, options, conf, sink, cancelled)
+                outcome = _install(package, options, conf, sink, cancelled)
         except Exception as error:  # the receiver waits for an end, whatever happened here
-            outcome = describe(error)
-        sink.finish(_last_word(header, outcome, options))
-    if outcome is not None:
+            outcome = Outcome(FAILED, describe(error))
+        restart = outcome.word == SUCCEEDED and options.reboot and not options.dry_run
+        sink.finish(_last_word(header, outcome, options), _LAST_WORD_BEFORE_RESTART if restart else _LAST_WORD_LIMIT)
+    if outcome.word != SUCCEEDED:
         return 1
-    return _reboot(conf.rebootCommand) if options.reboot and not options.dry_run else 0
+    return _reboot(conf.rebootCommand) if restart else 0
 
 
-def _last_word(header: str, outcome: str | None, options: Options) -> Document:
-    if outcome is not None:
-        return Document(header, f"Failed: {outcome}", error=True)
+def _last_word(header: str, outcome: Outcome, options: Options) -> Document:
+    if outcome.word != SUCCEEDED:
+        return Document(header, f"Failed: {outcome.reason}", error=True)
     if options.dry_run:
         message = "Dry run complete, nothing was changed"
     elif options.reboot:
@@ -70,26 +77,67 @@ def _last_word(header: str, outcome: str | None, options: Options) -> Document:
     return Document(header, message, percent=100, done=True)
 
 
-def _supervise(package: Package, options: Options, conf: settings.Settings, sink: ProgressSink,
-               cancelled: int) -> str | None:
-    """Runs a worker under the storage's lock; returns None or why it failed."""
+def _install(package: Package, options: Options, conf: settings.Settings, sink: ProgressSink,
+             cancelled: int) -> Outcome:
+    """Installs, or tries to, under the storage's lock; the record tells how that ended, unless it was a dry run."""
     slots = Slots(options.packages)
     if not options.dry_run:
         slots.create()
-    plan = worker.Plan(options.verify, options.trust or conf.trust, options.dry_run)
+    supervision = _Supervision(package, sink, conf.stallSeconds, cancelled)
     lock = directory_lock(slots.root, "another install is running") if slots.exist() else contextlib.nullcontext()
     with lock:
-        if not options.dry_run:
-            slots.discard_incomplete()
-        before = slots.active()
-        outcome = _Supervision(package, sink, conf.stallSeconds, cancelled).run(slots, plan)
-        if outcome is None or options.dry_run:
-            return outcome
-        if slots.active() != before:
-            say(f"the worker ended after the switch ({outcome}): the new version is in place")
-            return None
-        slots.discard_incomplete()
+        record = None if options.dry_run else Record.begin(package.header.version)
+        _keep(record, slots)
+        try:
+            choice = boot.choose(slots, conf)
+            plan = worker.Plan(options.verify, options.trust or conf.trust, choice, record)
+            outcome = _run(supervision, slots, plan)
+        except Exception as error:
+            outcome = Outcome(FAILED, describe(error))
+        if record and not supervision.stuck:
+            _keep(_written(record, slots).ended(outcome), slots)
         return outcome
+
+
+def _run(supervision: "_Supervision", slots: Slots, plan: worker.Plan) -> Outcome:
+    """Runs the worker, and sees to what it left behind."""
+    slot, record = plan.choice.slot, plan.record
+    if record is None:
+        return supervision.run(slots, plan)
+    slots.discard_incomplete(slot)
+    outcome = supervision.run(slots, plan)
+    if outcome.word == SUCCEEDED or supervision.stuck:
+        return outcome
+    with _saying("what the install left behind stays for the next one"):
+        if end_of(_written(record, slots), slots.active()) == SUCCEEDED:
+            say(f"the worker ended after the switch ({outcome.reason}): the new version is in place")
+            outcome = Outcome(SUCCEEDED)
+            sync_directory(slots.root)
+        else:
+            slots.discard_incomplete(slot)
+    return outcome
+
+
+def _keep(record: Record | None, slots: Slots) -> None:
+    """Saves the record; an install does not fail because that fails."""
+    if record:
+        with _saying("the record of this install is not up to date"):
+            record.save(slots.root)
+
+
+def _written(record: Record, slots: Slots) -> Record:
+    """The record as the worker of the same install has left it."""
+    found = Record.load(slots.root)
+    return found if found and record == found.writing_to("") else record
+
+
+@contextlib.contextmanager
+def _saying(consequence: str) -> Iterator[None]:
+    """What fails in the block is said; the work goes on."""
+    try:
+        yield
+    except Exception as error:
+        say(f"{describe(error)}: {consequence}")
 
 
 @contextlib.contextmanager
@@ -116,32 +164,32 @@ class _Supervision:
         self._sink = sink
         self._stall = stall
         self._cancelled = cancelled
-        self._outcome: str | None = "the worker said nothing"
-        self._finished = False
+        self._finished: Outcome | None = None  # the worker's own word
+        self.stuck = False  # the worker hangs in the kernel, killed: better leave the storage alone
         self._document = Document(f"Installing {package.header.version}", "Starting")
 
-    def run(self, slots: Slots, plan: worker.Plan) -> str | None:
-        """Starts the worker and relays its records until it ends; returns None or why it failed."""
+    def run(self, slots: Slots, plan: worker.Plan) -> Outcome:
+        """Starts the worker and relays its records until it ends; returns how it ended."""
         reader, writer = os.pipe()
+        watcher = os.getpid()
         pid = os.fork()
         if pid == 0:
             os.close(reader)
-            _work(self._package, slots, plan, writer)
+            _work(self._package, slots, plan, writer, watcher)
         os.close(writer)
-        verdict: str | None = "the watcher failed"
         try:
             with open(reader, "rb", buffering=0) as records:
                 verdict = self._relay(records.fileno())
-        finally:
-            if verdict is not None:
-                with contextlib.suppress(ProcessLookupError):
-                    os.kill(pid, signal.SIGKILL)
-            status = _reap(pid)
-        if self._finished:
-            return self._outcome
-        return verdict or f"the installer's worker {_ending(status)}"
+        except Exception as error:
+            verdict = Outcome(FAILED, describe(error))
+        if verdict is not None:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+        status = _reap(pid)
+        self.stuck = status is None and self._finished is None
+        return self._finished or verdict or Outcome(FAILED, f"the installer's worker {_ending(status)}")
 
-    def _relay(self, records: int) -> str | None:
+    def _relay(self, records: int) -> Outcome | None:
         """Passes records on until the worker closes its end; returns why it is to be killed, if it is."""
         self._sink.offer(self._document)
         buffer = b""
@@ -152,7 +200,7 @@ class _Supervision:
             ready, _, _ = select.select([records, self._cancelled], [], [], timeout)
             now = time.monotonic()
             if self._cancelled in ready:
-                return "it was cancelled"
+                return Outcome(CANCELLED, "it was cancelled")
             if records in ready:
                 data = os.read(records, 65536)
                 if not data:
@@ -166,22 +214,22 @@ class _Supervision:
                                           spinner=True))
                 shown = now
             if now - heard > self._stall:
-                return f"no progress for {self._stall:g} s"
+                return Outcome(FAILED, f"no progress for {self._stall:g} s")
             self._sink.pump()
 
     def _take(self, record: dict) -> None:
         if "outcome" in record:
-            self._finished = True
-            self._outcome = record["outcome"]
+            self._finished = Outcome(FAILED, record["outcome"]) if record["outcome"] else Outcome(SUCCEEDED)
         else:
             self._document = Document(self._document.header, record["message"], record["percent"])
             self._sink.offer(self._document)
 
 
-def _work(package: Package, slots: Slots, plan: worker.Plan, writer: int) -> None:
+def _work(package: Package, slots: Slots, plan: worker.Plan, writer: int, watcher: int) -> None:
     """The child's whole life. It ends at once when its watcher is gone: nobody could report the end."""
     code = 1
     try:
+        _end_with(watcher)
         os.setsid()
         signal.set_wakeup_fd(-1)
         for number in _CANCEL_SIGNALS:
@@ -196,6 +244,15 @@ def _work(package: Package, slots: Slots, plan: worker.Plan, writer: int) -> Non
         code = 0
     finally:
         os._exit(code)
+
+
+def _end_with(watcher: int) -> None:
+    """Has the kernel kill this process when its parent `watcher` ends, however that comes."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.prctl(_PR_SET_PDEATHSIG, ctypes.c_ulong(signal.SIGKILL), *[ctypes.c_ulong(0)] * 3) != 0:
+        raise OSError(ctypes.get_errno(), "the worker can't be tied to its watcher")
+    if os.getppid() != watcher:
+        os._exit(1)  # it was gone before the kernel knew
 
 
 def _reap(pid: int) -> int | None:

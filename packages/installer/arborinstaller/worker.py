@@ -6,9 +6,11 @@ import traceback
 from dataclasses import dataclass
 from typing import Callable, Iterable, Iterator
 
-from arborinstaller import trust
+from arborinstaller import boot, trust
+from arborinstaller.boot import Choice
 from arborinstaller.failure import Failure, describe
 from arborinstaller.layout import CHUNK, Package
+from arborinstaller.record import Record
 from arborinstaller.slots import Slots
 
 # Flushed piece by piece, so that the final sync is short and the percentage tells the truth.
@@ -24,11 +26,15 @@ Report = Callable[[str, int], None]
 
 @dataclass(frozen=True)
 class Plan:
-    """What the worker is to do: check first (with the certificates in `trust`), and only look or really write."""
+    """What the worker is to do: check first (with the certificates in `trust`), where to write, what record to keep.
+
+    Without a record it only looks, and writes nothing.
+    """
 
     verify: bool
     trust: str
-    dry_run: bool
+    choice: Choice
+    record: Record | None
 
 
 def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | None:
@@ -37,11 +43,12 @@ def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | Non
         if plan.verify:
             report("Checking the signature", 0)
             trust.verify(package, plan.trust, "")
-        slots.check_space(slots.inactive(), package.header.payload.size)
-        if plan.dry_run:
+        slots.check_space(plan.choice.slot, package.header.payload.size)
+        if plan.record is None:
             _rehearse(package, report)
         else:
-            _install(package, slots, report)
+            _prepare(slots, plan.choice, plan.record, report)
+            _install(package, slots, plan.choice.slot, report)
     except (Failure, OSError) as error:
         return describe(error)
     except Exception as error:  # whatever it is, the person at the instrument hears of it
@@ -59,11 +66,22 @@ def _rehearse(package: Package, report: Report) -> None:
     _compare(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
-def _install(package: Package, slots: Slots, report: Report) -> None:
-    slot = slots.inactive()
+def _prepare(slots: Slots, choice: Choice, record: Record, report: Report) -> None:
+    """Empties the slot. Whatever stops this, the instrument starts a whole version, and the record tells the truth."""
+    if slots.active() == choice.slot:  # an earlier install has not had its restart: first the way back to what runs
+        if not slots.complete(choice.running):
+            raise Failure(f"slot {choice.running}, which the system runs from, is not complete, and slot {choice.slot} "
+                          "starts next; restart the instrument first")
+        report(f"Switching back to slot {choice.running}", 0)
+        slots.activate(choice.running)
+    report(f"Preparing slot {choice.slot}", 0)
+    slots.prepare(choice.slot)
+    boot.remember(slots, choice)
+    record.writing_to(choice.slot).save(slots.root)
+
+
+def _install(package: Package, slots: Slots, slot: str, report: Report) -> None:
     expected = package.header.payload
-    report(f"Preparing slot {slot}", 0)
-    slots.prepare(slot)
     _write_image(package, slots.image(slot), report)
     _check_image(slots.image(slot), expected.size, expected.sha256, report)
     report(f"Completing slot {slot}", _CHECKED)
