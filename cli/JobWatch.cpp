@@ -1,7 +1,6 @@
 #include "JobWatch.h"
 
 #include <algorithm>
-#include <ranges>
 
 #include "Interrupt.h"
 #include "JsonFields.h"
@@ -150,8 +149,9 @@ JobWatch::End JobWatch::AskForIt() {
     if (byId) {
         return Take(*answer);
     }
-    for (const auto& document : fields::List(*answer, "operations") | std::views::reverse) {  // the oldest first
-        if (auto end = Take(document)) {
+    const auto& jobs = fields::List(*answer, "operations");
+    for (std::size_t at = jobs.size(); at > 0; --at) {  // the oldest first
+        if (auto end = Take(jobs[at - 1])) {
             return end;
         }
     }
