@@ -66,7 +66,7 @@ const Package& ThePackage() {
 /// Learns from the log how a transfer ended: its last step is told nowhere else.
 class EndWatch {
 public:
-    EndWatch() : m_listener(ZLog::Instance().AddListener([this](int, const std::string& line) { Read(line); })) {}
+    EndWatch() : m_listener(ZLog::Instance().AddListener([this](const ZLogLine& line) { Read(line.line); })) {}
     ~EndWatch() { ZLog::Instance().RemoveListener(m_listener); }
     EndWatch(const EndWatch&) = delete;
     EndWatch& operator=(const EndWatch&) = delete;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Result.h"
 #include "Session.h"
@@ -25,6 +26,19 @@ Result<ExitCode> CheckCompatibility(Session& session, const CompatibilityQuestio
 /// The keywords that the device takes, a line each.
 Result<ExitCode> ListKeywords(Session& session);
 Result<ExitCode> SendMessage(Session& session, const std::string& keyword, const std::string& body);
+
+// Jobs: what was done, and what is under way.
+struct HistoryOrder {
+    unsigned count = 30;
+    std::string kind;   ///< "remote-install"; empty: all
+    std::string state;  ///< "failed", or "open"; empty: all
+    std::string since;  ///< as SinceFrom takes it; empty: from the beginning
+};
+Result<ExitCode> ShowHistory(Session& session, const HistoryOrder& order);
+/// The job with the id, or with the only one that begins so.
+Result<ExitCode> ShowJob(Session& session, const std::string& id);
+/// Has the device end the job, and waits until it has ended.
+Result<ExitCode> CancelJob(Session& session, const std::string& id);
 
 // Work that the device does.
 /// Has the device check a package file that it can see, and waits for the outcome.
@@ -54,6 +68,9 @@ struct UploadOrder {
 /// Sends a file of this machine into the device's updates folder.
 Result<ExitCode> UploadFile(Session& session, const UploadOrder& order);
 
+/// Removes a file that was uploaded.
+Result<ExitCode> ForgetUpload(Session& session, const std::string& file);
+
 // The link to other devices.
 Result<ExitCode> ShowPeers(Session& session);
 /// The device's own key, those it lets in and those it turned away.
@@ -72,6 +89,14 @@ Result<ExitCode> MakeKeyFile(Session& session, const std::string& file);
 
 // Streams, until the user or the reader of the output ends them.
 Result<ExitCode> WatchEvents(Session& session);
-Result<ExitCode> ShowLog(Session& session, unsigned lines, bool follow);
+struct LogOrder {
+    unsigned lines = 200;
+    std::string level = "info";  ///< the lowest that is shown, one of LogLevels()
+    std::string since;           ///< as SinceFrom takes it; empty: all that the device remembers
+    bool follow = false;
+};
+/// The lowest first.
+std::vector<std::string> LogLevels();
+Result<ExitCode> ShowLog(Session& session, const LogOrder& order);
 
 }  // namespace arborctl

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Interrupt.h"
+#include "TextFormat.h"
 
 namespace arborctl {
 namespace {
@@ -104,16 +105,16 @@ Result<void> EventStream::WaitUntilOpen(milliseconds limit) {
             return InterruptedByUser();
         }
         if (Clock::now() > end) {
-            return NotReachable(m_socketPath, "no answer came in time");
+            return Unreachable("the device at " + Escaped(m_socketPath) + " did not answer in time");
         }
     }
     if (m_state == State::kOpen || !m_events.empty()) {
         return {};
     }
     if (m_end.status == 0) {
-        return NotReachable(m_socketPath, m_end.failure);
+        return Unreachable(m_end.failure);
     }
-    return ProblemOf(m_end);
+    return ProblemOf(m_end, PathFor(LogLines::kWithout));
 }
 
 std::optional<ServerEvent> EventStream::Next(milliseconds wait) {

@@ -1,6 +1,9 @@
 #include "GatewayClient.h"
 
+#include <algorithm>
 #include <future>
+#include <iterator>
+#include <string_view>
 
 #include "Interrupt.h"
 #include "JsonFields.h"
@@ -31,35 +34,62 @@ std::string ProblemText(const HttpReply& reply) {
     return text + ")";
 }
 
+/// Which library of a graph serves a path; those that are not named here belong to the update node.
+struct Server {
+    std::string_view path;
+    const char* what;
+};
+constexpr Server kServers[]{{"/v1/peers", "link node (NodePeer)"},
+                            {"/v1/pair", "link node (NodePeer)"},
+                            {"/v1/operations", "journal (NodeJournal)"},
+                            {"/v1/getdevices", "storage node (NodeStorage)"},
+                            {"/v1/deviceProps", "identity node (NodeDeviceProps)"}};
+
+/// The refusal in words that say what a person can do; the program itself goes by the status alone.
+std::string RefusalText(const HttpReply& reply, const std::string& path) {
+    if (reply.status == kNobodyAnswered) {
+        return ProblemText(reply) + ": the node that serves it is busy or hangs (arborctl log --level warning)";
+    }
+    if (reply.status != kNobodyServesIt || reply.body.find("No node of this graph") == std::string::npos) {
+        return ProblemText(reply);
+    }
+    const auto* const known =
+        std::ranges::find_if(kServers, [&](const Server& server) { return path.starts_with(server.path); });
+    const char* const node = known != std::end(kServers) ? known->what : "update node (NodeArborInstall)";
+    return std::string("this device has no ") + node + " in its graph (HTTP " + std::to_string(reply.status) + ")";
+}
+
 }  // namespace
 
-Failure ProblemOf(const HttpReply& reply) {
-    Failure failure = Refused(ProblemText(reply));
+Failure ProblemOf(const HttpReply& reply, const std::string& path) {
+    Failure failure = Refused(RefusalText(reply, path));
     failure.httpStatus = reply.status;
     return failure;
 }
 
-Failure NotReachable(const std::string& socketPath, const std::string& reason) {
-    return Unreachable("device not reachable at " + Escaped(socketPath) + ": " + reason);
-}
-
 GatewayClient::GatewayClient(const Settings& settings)
-    : m_socketPath(settings.socketPath), m_limit(settings.RequestLimit()), m_connection(m_socketPath, m_limit) {}
+    : m_limit(settings.RequestLimit()), m_connection(settings.socketPath, m_limit) {}
 
 Result<json::value> GatewayClient::Get(const std::string& path) {
-    return Perform([&] { return m_connection.Get(path); });
+    return Perform(path, m_limit, [&] { return m_connection.Get(path); });
 }
 
-Result<json::value> GatewayClient::Send(const std::string& keyword, const json::value& message) {
-    return Perform([&] { return m_connection.PostJson("/v1/" + keyword, json::serialize(message)); });
+Result<json::value> GatewayClient::Send(const std::string& keyword, const json::value& message,
+                                        std::optional<std::chrono::milliseconds> limit) {
+    const std::string path = "/v1/" + keyword;
+    return Perform(path, limit.value_or(m_limit),
+                   [&] { return m_connection.PostJson(path, json::serialize(message)); });
 }
 
-Result<json::value> GatewayClient::Perform(const std::function<HttpReply()>& request) {
+Result<json::value> GatewayClient::Perform(const std::string& path, std::chrono::milliseconds limit,
+                                           const std::function<HttpReply()>& request) {
     // The library's limit is one for each piece of the answer; this loop is what bounds the whole.
-    const auto end = std::chrono::steady_clock::now() + m_limit;
+    const auto end = std::chrono::steady_clock::now() + limit;
+    bool timedOut = false;
     auto pending = std::async(std::launch::async, request);
     while (pending.wait_for(kInterruptPoll) != std::future_status::ready) {
-        if (Interrupted() || std::chrono::steady_clock::now() > end) {
+        timedOut = timedOut || std::chrono::steady_clock::now() > end;
+        if (Interrupted() || timedOut) {
             m_connection.Stop();
         }
     }
@@ -68,13 +98,15 @@ Result<json::value> GatewayClient::Perform(const std::function<HttpReply()>& req
         return InterruptedByUser();
     }
     if (reply.status == 0) {
-        return NotReachable(m_socketPath, reply.failure);
+        Failure failure = Unreachable(reply.failure);
+        failure.timedOut = timedOut;
+        return failure;
     }
-    if (reply.status == kAccepted) {
+    if (reply.status != kOk && reply.status != kAccepted) {
+        return ProblemOf(reply, path);
+    }
+    if (reply.status == kAccepted && reply.body.empty()) {
         return json::value{};
-    }
-    if (reply.status != kOk) {
-        return ProblemOf(reply);
     }
     auto document = fields::Parse(reply.body);
     if (!document) {

@@ -30,11 +30,13 @@ private:
     }
 };
 
-/// The problem document of a refused request as one sentence: title, detail, status and the field to blame.
-Failure ProblemOf(const HttpReply& reply);
+// Statuses of an answer that mean the same for every request.
+inline constexpr int kNobodyServesIt = 503;  ///< or it has too much to do at present
+inline constexpr int kNobodyAnswered = 504;
 
-/// "device not reachable at PATH: reason".
-Failure NotReachable(const std::string& socketPath, const std::string& reason);
+/// The problem document of a refused request as one sentence: title, detail, status and the field to blame; and what
+/// to do about it, where the request's path says that.
+Failure ProblemOf(const HttpReply& reply, const std::string& path);
 
 /// Requests to one device. Every call ends within the request limit, and at once when the user interrupts. One thread.
 class GatewayClient {
@@ -44,13 +46,15 @@ public:
     /// A resource of the device ("/v1/status").
     Result<boost::json::value> Get(const std::string& path);
 
-    /// The answer to a message sent on a keyword; null for a notification that the device took.
-    Result<boost::json::value> Send(const std::string& keyword, const boost::json::value& message);
+    /// The answer to a message sent on a keyword; null for a notification that the device took without a word. `limit`
+    /// replaces the request limit.
+    Result<boost::json::value> Send(const std::string& keyword, const boost::json::value& message,
+                                    std::optional<std::chrono::milliseconds> limit = {});
 
 private:
-    Result<boost::json::value> Perform(const std::function<HttpReply()>& request);
+    Result<boost::json::value> Perform(const std::string& path, std::chrono::milliseconds limit,
+                                       const std::function<HttpReply()>& request);
 
-    std::string m_socketPath;
     std::chrono::milliseconds m_limit;
     HttpConnection m_connection;
 };

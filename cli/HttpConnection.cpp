@@ -2,47 +2,29 @@
 
 #include <httplib.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
-#include <cerrno>
-#include <cstring>
+#include "Reachability.h"
+#include "text/Escape.h"
 
 namespace arborctl {
 namespace {
 
 constexpr std::size_t kMaxRefusalBody = std::size_t{1} << 20U;
 
-/// The library says only that connecting failed; the system knows why.
-std::string WhyNotConnected(const std::string& socketPath) {
-    sockaddr_un address{};
-    if (socketPath.size() >= sizeof(address.sun_path)) {
-        return "the path is longer than " + std::to_string(sizeof(address.sun_path) - 1) + " bytes";
-    }
-    address.sun_family = AF_UNIX;
-    socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (probe < 0) {
-        return std::strerror(errno);
-    }
-    const int result = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-    const int reason = errno;
-    close(probe);
-    return result == 0 ? "the connection was refused" : std::strerror(reason);
-}
-
 std::string Describe(httplib::Error error, const std::string& socketPath) {
+    const std::string device = "device not reachable at " + text::Escaped(socketPath) + ": ";
     switch (error) {
         case httplib::Error::Connection:
         case httplib::Error::ConnectionTimeout:
             return WhyNotConnected(socketPath);
         case httplib::Error::Read:
-            return "the connection broke off or no answer came in time";
+            return device + "the connection broke off or no answer came in time";
         case httplib::Error::Write:
-            return "the connection broke off while the request was sent";
+            return device + "the connection broke off while the request was sent";
         case httplib::Error::Canceled:
-            return "the request was broken off";
+            return device + "the request was broken off";
         default:
-            return httplib::to_string(error);
+            return device + httplib::to_string(error);
     }
 }
 

@@ -8,7 +8,7 @@
 
 namespace arborctl {
 
-/// What came back from one request. Status 0: nothing did, and `failure` says why.
+/// What came back from one request. Status 0: nothing did, and `failure` says why, in a sentence for people.
 struct HttpReply {
     int status = 0;
     std::string contentType;

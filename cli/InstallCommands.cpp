@@ -1,6 +1,6 @@
 #include "Commands.h"
+#include "JobWatch.h"
 #include "JsonFields.h"
-#include "OperationWatch.h"
 #include "Peers.h"
 #include "TextFormat.h"
 
@@ -11,10 +11,8 @@ namespace {
 
 /// What to ask of the device, and how that is called in front of a person.
 struct Order {
-    Operation operation;
     std::string keyword;
     json::object message;
-    std::string version;
     std::string what;         ///< "Installing 3.046"
     std::string refusalHint;  ///< Why, when the device says no without a reason.
     bool wait;
@@ -26,10 +24,30 @@ const json::value& FirstMessage(const json::value& answer) {
     return list.empty() ? answer : list.front();
 }
 
+/// A version may be missing only because its file is still being checked.
+std::string ChecksUnderWay(Session& session) {
+    const auto open = session.gateway.Get("/v1/operations?kind=check&state=open");
+    const std::size_t count = open ? fields::List(*open, "operations").size() : 0;
+    return count == 0 ? "" : " (files are still being checked: arborctl status)";
+}
+
+Result<ExitCode> FollowToEnd(Session& session, JobWatch& watch, const std::string& id, const std::string& what) {
+    if (id.empty()) {
+        return NoJobTold(what);
+    }
+    const auto job = watch.Follow({id, {}, {}});
+    const Result<void> verdict = job ? VerdictOn(*job) : Result<void>(job.error());
+    if (!verdict) {
+        return Failure{verdict.error().code, what + ": " + verdict.error().text};
+    }
+    session.Print(json::object{{"outcome", "done"}, {"operationId", id}}, what + ": done\n");
+    return ExitCode::kDone;
+}
+
 Result<ExitCode> StartAndFollow(Session& session, const Order& order) {
-    std::unique_ptr<OperationWatch> watch;
+    std::unique_ptr<JobWatch> watch;
     if (order.wait) {
-        auto begun = OperationWatch::Begin(session, order.operation);
+        auto begun = JobWatch::Begin(session, JobWatch::Show::kProgress);
         if (!begun) {
             return begun.error();
         }
@@ -41,17 +59,14 @@ Result<ExitCode> StartAndFollow(Session& session, const Order& order) {
     }
     const json::value& verdict = FirstMessage(*answer);
     if (!fields::Flag(verdict, "bSuccess")) {
-        return session.Refuse(*answer, order.what + ": " + fields::Refusal(verdict, order.refusalHint));
+        return session.Refuse(
+            *answer, order.what + ": " + fields::Refusal(verdict, order.refusalHint + ChecksUnderWay(session)));
     }
-    session.Print(*answer, order.what + ": started" + (watch ? "" : " (arborctl watch shows its progress)") + "\n");
-    if (!watch) {
-        return ExitCode::kDone;
-    }
-    if (const auto followed = watch->Follow(order.version); !followed) {
-        return Failure{followed.error().code, order.what + ": " + followed.error().text};
-    }
-    session.Print(json::object{{"outcome", "done"}}, order.what + ": done\n");
-    return ExitCode::kDone;
+    const std::string id = fields::Text(*answer, "operationId");
+    const std::string hint =
+        watch || id.empty() ? "" : " (arborctl show " + Escaped(id.substr(0, 8)) + " tells how it goes)";
+    session.Print(*answer, order.what + ": started" + hint + "\n");
+    return watch ? FollowToEnd(session, *watch, id, order.what) : ExitCode::kDone;
 }
 
 /// The user's model, else the one that the device knows the accessory by, else none: the device's own default.
@@ -68,10 +83,9 @@ void SetModel(json::object& message, const std::string& model, const json::value
 Result<ExitCode> Install(Session& session, const InstallOrder& order) {
     return StartAndFollow(
         session,
-        {Operation::kInstall, "updatesystem",
+        {"updatesystem",
          json::object{{"version", order.version}, {"progressHost", order.progressHost}, {"reboot", order.reboot}},
-         order.version, "Installing " + Escaped(order.version), "the device has no package of this version",
-         order.wait});
+         "Installing " + Escaped(order.version), "the device has no package of this version", order.wait});
 }
 
 Result<ExitCode> Transfer(Session& session, const AccessoryOrder& order) {
@@ -85,8 +99,7 @@ Result<ExitCode> Transfer(Session& session, const AccessoryOrder& order) {
     }
     json::object message{{"version", order.version}, {"serialNumber", order.serialNumber}};
     SetModel(message, order.model, *accessory);
-    return StartAndFollow(session, {Operation::kTransfer, "transfer", std::move(message), order.version, what,
-                                    "the device could not start it", order.wait});
+    return StartAndFollow(session, {"transfer", std::move(message), what, "the device could not start it", order.wait});
 }
 
 Result<ExitCode> RemoteInstall(Session& session, const AccessoryOrder& order) {
@@ -100,8 +113,7 @@ Result<ExitCode> RemoteInstall(Session& session, const AccessoryOrder& order) {
     if (!order.version.empty()) {
         message["version"] = order.version;
     }
-    return StartAndFollow(session, {Operation::kRemoteInstall, "remoteinstall", std::move(message), order.version,
-                                    "Installing on " + Escaped(order.serialNumber),
+    return StartAndFollow(session, {"remoteinstall", std::move(message), "Installing on " + Escaped(order.serialNumber),
                                     "the accessory was not found or there is no package for it", order.wait});
 }
 

@@ -11,10 +11,11 @@ namespace arborctl::fields {
 namespace {
 
 /// Error codes that a service engineer meets, in words; others are shown by their name.
-constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kErrorWords{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 4> kErrorWords{{
     {"ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE", "the package file is not valid or could not be started"},
     {"ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED", "this version is not allowed here"},
     {"ERRCODE_NOT_FOUND", "not found"},
+    {"ERRCODE_BUSY", "it has another one to do; try again when that has ended (arborctl status)"},
 }};
 
 bool IsPlain(const json::value& value) {

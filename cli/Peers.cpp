@@ -8,9 +8,7 @@ namespace json = boost::json;
 namespace arborctl {
 namespace {
 
-// A device that knows nothing of links, and one whose graph has none.
 constexpr int kNoSuchKeyword = 404;
-constexpr int kNobodyServesIt = 503;
 
 }  // namespace
 
@@ -19,6 +17,7 @@ Result<json::value> FindPeer(Session& session, const std::string& serialNumber, 
     json::value found;
     if (!answer) {
         const int status = answer.error().httpStatus;
+        // A device that knows nothing of links, and one whose graph has none.
         return status == kNoSuchKeyword || status == kNobodyServesIt ? Result<json::value>(found) : answer.error();
     }
     for (const auto& peer : fields::List(*answer, "peers")) {

@@ -73,19 +73,10 @@ void ProgressDisplay::Show(const Progress& progress) {
         End();
     }
     m_last = progress;
+    ++m_frame;
     Draw(columns);
     if (progress.done || progress.error) {
         End();
-    }
-}
-
-void ProgressDisplay::Tick() {
-    if (!m_lineOpen || !m_last.spinner) {
-        return;
-    }
-    if (const std::size_t columns = m_columns(); columns != 0) {
-        ++m_frame;
-        Draw(columns);
     }
 }
 

@@ -23,8 +23,8 @@ struct Progress {
     bool operator==(const Progress&) const = default;
 };
 
-/// Shows progress: on a terminal as one line that is redrawn, with a bar or a moving spinner; elsewhere as lines, one
-/// for each new stage and each further tenth. One thread.
+/// Shows progress: on a terminal as one line that is redrawn, with a bar, or a spinner that each message moves;
+/// elsewhere as lines, one for each new stage and each further tenth. One thread.
 class ProgressDisplay {
 public:
     /// Asked for the terminal's width at each drawing; 0 means that the output is no terminal.
@@ -37,8 +37,6 @@ public:
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
     void Show(const Progress& progress);
-    /// Moves the spinner on, if one is shown; to be called several times a second.
-    void Tick();
     /// What follows is written below. Show() may be called again.
     void End();
 

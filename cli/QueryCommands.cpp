@@ -25,54 +25,6 @@ std::string YesNo(const json::value& value) {
     return value.get_bool() ? "yes" : "no";
 }
 
-/// A list of texts, or of objects that have one under `key`, in one line.
-std::string Joined(const json::value& list, std::string_view key = {}) {
-    if (!list.is_array()) {
-        return kUnknown;
-    }
-    std::string text;
-    for (const auto& element : list.get_array()) {
-        const auto item = element.is_string() ? std::string(element.get_string()) : fields::Text(element, key);
-        text += (text.empty() ? "" : ", ") + item;
-    }
-    return text.empty() ? "none" : text;
-}
-
-std::string ProgressText(const json::value& progress) {
-    if (!progress.is_object()) {
-        return "none";
-    }
-    const auto state = fields::Flag(progress, "error") ? " (failed)" : fields::Flag(progress, "done") ? " (done)" : "";
-    return fields::Text(progress, "header") + ": " + fields::Text(progress, "message") + ", " +
-           fields::Text(progress, "percent", "0") + " %" + state;
-}
-
-std::string StatusText(const json::value& status) {
-    const json::value& device = fields::Member(status, "device");
-    Table table;
-    table.AddRow({"Software", fields::Text(status, "version", kUnknown) + " (" + fields::Text(status, "hash") + ")"});
-    table.AddRow({"Device", fields::Text(device, "model", kUnknown)});
-    table.AddRow({"Serial number", fields::Text(device, "serialNumber", kUnknown)});
-    table.AddRow({"Board", fields::Text(device, "board", kUnknown)});
-    table.AddRow({"Installed version", fields::Text(status, "installedVersion", kUnknown)});
-    table.AddRow({"Available updates", Joined(fields::Member(status, "updates"), "version")});
-    table.AddRow({"Update in progress", YesNo(fields::Member(status, "updateInProgress"))});
-    table.AddRow({"Last progress", ProgressText(fields::Member(status, "progress"))});
-    table.AddRow({"Drives", Joined(fields::Member(status, "drives"))});
-    return table.Text();
-}
-
-std::string UpdatesText(const json::array& updates) {
-    if (updates.empty()) {
-        return "No updates available.\n";
-    }
-    Table table({"VERSION", "TYPE"});
-    for (const auto& update : updates) {
-        table.AddRow({fields::Text(update, "version", kUnknown), fields::Text(update, "versionType")});
-    }
-    return table.Text();
-}
-
 std::string CompatibilityText(const json::value& answer) {
     Table table;
     table.AddRow({"Compatible", YesNo(fields::Member(answer, "compatible"))});
@@ -112,24 +64,6 @@ bool IsKeyword(const std::string& text) {
 }
 
 }  // namespace
-
-Result<ExitCode> ShowStatus(Session& session) {
-    const auto status = session.gateway.Get("/v1/status");
-    if (!status) {
-        return status.error();
-    }
-    session.Print(*status, StatusText(*status));
-    return ExitCode::kDone;
-}
-
-Result<ExitCode> ShowUpdates(Session& session) {
-    const auto answer = session.gateway.Send("findupdates", json::object{});
-    if (!answer) {
-        return answer.error();
-    }
-    session.Print(*answer, UpdatesText(fields::List(*answer, "messages")));
-    return ExitCode::kDone;
-}
 
 Result<ExitCode> CompareVersions(Session& session, const std::string& first, const std::string& second) {
     const auto answer =

@@ -23,7 +23,8 @@ struct Failure {
 
     ExitCode code = ExitCode::kRefused;
     std::string text;
-    int httpStatus = 0;  ///< Of the device's answer; 0 when the failure is none.
+    int httpStatus = 0;     ///< Of the device's answer; 0 when the failure is none.
+    bool timedOut = false;  ///< The device was reached, and did not answer within the limit.
 };
 
 template <typename T>

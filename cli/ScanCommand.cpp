@@ -32,16 +32,24 @@ Result<ExitCode> ScanFile(Session& session, const std::string& file) {
         const std::string reason = error ? error.message() : "not a regular file";
         return UsageFailure(Escaped(file) + ": " + reason);
     }
-    const auto check = PackageCheck::Begin(session, path.string(), WhySkipped(path));
-    if (!check) {
-        return check.error();
+    if (const std::string reason = WhySkipped(path); !reason.empty()) {
+        return Refused(Escaped(file) + ": the device would pass over it: " + reason);
+    }
+    const auto watch = JobWatch::Begin(session, JobWatch::Show::kNothing);
+    if (!watch) {
+        return watch.error();
     }
     const auto sent = session.gateway.Send(
         "newFile", json::object{{"folder", path.parent_path().string()}, {"fileName", path.filename().string()}});
     if (!sent) {
         return sent.error();
     }
-    return (*check)->Finish();
+    const std::string id = fields::Text(*sent, "operationId");
+    if (id.empty()) {
+        return NoJobTold(Escaped(file));
+    }
+    const auto job = (*watch)->Follow({id, {}, {}});
+    return job ? TellCheck(session, path.string(), *job) : job.error();
 }
 
 }  // namespace arborctl

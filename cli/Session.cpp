@@ -36,9 +36,7 @@ int Session::Fail(const Failure& failure) {
 }
 
 bool Session::HasReader() const {
-    pollfd output{STDOUT_FILENO, 0, 0};
-    const bool closed = poll(&output, 1, 0) > 0 && (output.revents & (POLLERR | POLLNVAL)) != 0;
-    return out.good() && !closed;
+    return out.good() && OutputHasReader();
 }
 
 ExitCode Session::Refuse(const json::value& document, const std::string& text) {
@@ -52,6 +50,11 @@ ExitCode Session::Refuse(const json::value& document, const std::string& text) {
 
 int Session::Finish(const Result<ExitCode>& result) {
     return result ? static_cast<int>(*result) : Fail(result.error());
+}
+
+bool OutputHasReader() {
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return poll(&output, 1, 0) <= 0 || (output.revents & (POLLERR | POLLNVAL)) == 0;
 }
 
 std::size_t OutputColumns() {

@@ -44,6 +44,9 @@ struct Session {
     int Finish(const Result<ExitCode>& result);
 };
 
+/// False once the other end of the pipe that the standard output is has been closed.
+bool OutputHasReader();
+
 /// Columns of the terminal that the standard output is; 0 when it is none.
 std::size_t OutputColumns();
 

@@ -1,9 +1,10 @@
-#include <algorithm>
-#include <deque>
+#include <map>
+#include <utility>
 
 #include "Commands.h"
 #include "EventStream.h"
-#include "Interrupt.h"
+#include "FollowEvents.h"
+#include "Job.h"
 #include "JsonFields.h"
 #include "Peers.h"
 #include "ProgressDisplay.h"
@@ -13,30 +14,6 @@ namespace json = boost::json;
 
 namespace arborctl {
 namespace {
-
-using Lines = std::deque<std::string>;
-
-/// Hands every event to `take` until the user interrupts or nobody reads the output; survives a broken connection.
-template <typename Take>
-Result<ExitCode> FollowEvents(Session& session, std::unique_ptr<EventStream> stream, LogLines log, const Take& take) {
-    while (session.HasReader()) {
-        const auto event = stream->Next(kInterruptPoll);
-        if (Interrupted()) {
-            return InterruptedByUser();
-        }
-        if (event && !event->IsComment()) {
-            take(*event);
-        } else if (!event && stream->Broken()) {
-            session.Note("the connection broke off; connecting again");
-            auto again = EventStream::Reopen(session.settings, log);
-            if (!again) {
-                return again.error();
-            }
-            stream = std::move(*again);
-        }
-    }
-    return ExitCode::kDone;
-}
 
 std::string UpdatesText(const json::value& updates) {
     std::string text;
@@ -61,8 +38,32 @@ std::string DrivesText(const json::value& drives) {
     return text;
 }
 
+/// Knows the state that each open job was last told in: of what happens in between only the progress is shown.
+class JobStates {
+public:
+    bool IsNew(const Job& job) {
+        const auto found = m_states.find(job.id);
+        const bool known = found != m_states.end() && found->second == job.state;
+        if (job.HasEnded()) {
+            m_states.erase(job.id);
+        } else {
+            m_states[job.id] = job.state;
+        }
+        return !known;
+    }
+
+private:
+    std::map<std::string, std::string> m_states;
+};
+
+std::string JobText(const Job& job) {
+    const std::string why = job.Why();
+    return "job " + job.ShortId() + ": " + job.Title() + ": " + job.StateWord() + (why.empty() ? "" : ": " + why) +
+           (job.asker.empty() ? "" : ", asked by " + job.asker);
+}
+
 /// Shows one event; a kind that this program does not know is shown as it came.
-void ShowEvent(Session& session, ProgressDisplay& display, const ServerEvent& event) {
+void ShowEvent(Session& session, ProgressDisplay& display, JobStates& jobs, const ServerEvent& event) {
     const auto document = fields::Parse(event.data);
     if (session.settings.json) {
         session.PrintJson(json::object{
@@ -71,6 +72,13 @@ void ShowEvent(Session& session, ProgressDisplay& display, const ServerEvent& ev
     }
     if (document && event.name == "progress") {
         display.Show(Progress::From(*document));
+        return;
+    }
+    if (document && event.name == "operation") {
+        if (const Job job = Job::From(*document); jobs.IsNew(job)) {
+            display.End();
+            session.out << Escaped(JobText(job)) << std::endl;
+        }
         return;
     }
     display.End();
@@ -85,48 +93,6 @@ void ShowEvent(Session& session, ProgressDisplay& display, const ServerEvent& ev
     }
 }
 
-void ShowLine(Session& session, const std::string& line) {
-    session.Print(json::object{{"line", line}}, Escaped(line) + "\n");
-}
-
-std::string LineOf(const ServerEvent& event) {
-    const auto document = fields::Parse(event.data);
-    return document ? fields::Text(*document, "line") : event.data;
-}
-
-Result<Lines> NewestLines(Session& session, unsigned count) {
-    const auto answer = session.gateway.Get("/v1/log?lines=" + std::to_string(count));
-    if (!answer) {
-        return answer.error();
-    }
-    Lines lines;
-    for (const auto& line : fields::List(*answer, "lines")) {
-        lines.emplace_back(line.is_string() ? line.get_string() : "");
-    }
-    return lines;
-}
-
-/// The stream was opened before the newest lines were fetched, so that no line falls between; the lines that both
-/// bring are told apart here.
-class OverlapFilter {
-public:
-    explicit OverlapFilter(const Lines& shown) : m_shown(shown) {}
-
-    /// False for a line that has been shown already. Lines must come in the stream's order.
-    bool IsNew(const std::string& line) {
-        const auto found = std::find(m_shown.begin(), m_shown.end(), line);
-        if (found == m_shown.end()) {
-            m_shown.clear();
-            return true;
-        }
-        m_shown.erase(m_shown.begin(), std::next(found));
-        return false;
-    }
-
-private:
-    Lines m_shown;
-};
-
 }  // namespace
 
 Result<ExitCode> WatchEvents(Session& session) {
@@ -135,38 +101,9 @@ Result<ExitCode> WatchEvents(Session& session) {
         return stream.error();
     }
     ProgressDisplay display(session.out, OutputColumns);
+    JobStates jobs;
     return FollowEvents(session, std::move(*stream), LogLines::kWithout,
-                        [&](const ServerEvent& event) { ShowEvent(session, display, event); });
-}
-
-Result<ExitCode> ShowLog(Session& session, unsigned count, bool follow) {
-    std::unique_ptr<EventStream> stream;
-    if (follow) {
-        auto opened = EventStream::Open(session.settings, LogLines::kWith);
-        if (!opened) {
-            return opened.error();
-        }
-        stream = std::move(*opened);
-    }
-    const auto lines = NewestLines(session, count);
-    if (!lines) {
-        return lines.error();
-    }
-    for (const auto& line : *lines) {
-        ShowLine(session, line);
-    }
-    if (!follow) {
-        return ExitCode::kDone;
-    }
-    OverlapFilter overlap(*lines);
-    return FollowEvents(session, std::move(stream), LogLines::kWith, [&](const ServerEvent& event) {
-        if (event.name != "log") {
-            return;
-        }
-        if (const std::string line = LineOf(event); overlap.IsNew(line)) {
-            ShowLine(session, line);
-        }
-    });
+                        [&](const ServerEvent& event) { ShowEvent(session, display, jobs, event); });
 }
 
 }  // namespace arborctl

@@ -1,7 +1,10 @@
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <system_error>
 
 #include "Commands.h"
@@ -22,6 +25,7 @@ namespace {
 constexpr std::size_t kChunkBytes = 776700;
 /// The file's permissions at the device: a package has to be executable (octal 0755).
 constexpr int kFileMode = 493;
+constexpr std::chrono::milliseconds kOpeningTime{5000};
 
 /// One file on its way. The device opens it under a temporary name and gives it its own when it is closed; an upload
 /// that breaks off is therefore left open, and the device throws it away when nobody has used it for a while.
@@ -32,8 +36,7 @@ public:
 
     /// Everything but the closing.
     Result<void> Carry(std::istream& file) {
-        if (auto opened = Tell("open", {{"className", "ZFileOpenMsg"}, {"mode", kFileMode}, {"size", m_size}});
-            !opened) {
+        if (auto opened = Open(); !opened) {
             return opened;
         }
         std::string chunk;
@@ -59,9 +62,21 @@ public:
     Result<void> Close() { return Tell("close", {{"className", "ZFileCloseMsg"}}); }
 
 private:
-    Result<void> Tell(const std::string& step, json::object message) {
+    /// A device that takes files says so at once; one that does not lets the question wait in vain.
+    Result<void> Open() {
+        const auto limit = std::min(kOpeningTime, m_session.settings.RequestLimit());
+        auto opened = Tell("open", {{"className", "ZFileOpenMsg"}, {"mode", kFileMode}, {"size", m_size}}, limit);
+        if (!opened && opened.error().timedOut) {
+            return Unreachable(Escaped(m_name) + ": the device did not take the file in time: is there a file node " +
+                               "(NodeFileIO) in its graph, and is it idle (arborctl status)?");
+        }
+        return opened;
+    }
+
+    Result<void> Tell(const std::string& step, json::object message,
+                      std::optional<std::chrono::milliseconds> limit = {}) {
         message["filePath"] = m_name;
-        const auto answer = m_session.gateway.Send("upload", message);
+        const auto answer = m_session.gateway.Send("upload", message, limit);
         if (!answer) {
             return answer.error();
         }
@@ -102,9 +117,13 @@ std::string WhyUnchecked(const std::string& name) {
 /// Closes the file, has the device look at it and tells what the device makes of it.
 Result<ExitCode> CloseAndCheck(Session& session, Upload& upload, const std::string& name, const std::string& size) {
     // From before the device can begin: the whole carrying would only fill the stream with other news.
-    const auto check = PackageCheck::Begin(session, name);
-    if (!check) {
-        return check.error();
+    const auto watch = JobWatch::Begin(session, JobWatch::Show::kNothing);
+    if (!watch) {
+        return watch.error();
+    }
+    const auto wanted = NextCheckOf(session, **watch, name);
+    if (!wanted) {
+        return wanted.error();
     }
     if (const auto closed = upload.Close(); !closed) {
         return closed.error();
@@ -112,7 +131,8 @@ Result<ExitCode> CloseAndCheck(Session& session, Upload& upload, const std::stri
     if (!session.settings.json) {
         session.out << Escaped(name) << ": uploaded, " << size << "; the device checks it" << std::endl;
     }
-    return (*check)->Finish();
+    const auto job = (*watch)->Follow(*wanted);
+    return job ? TellCheck(session, wanted->file, *job) : job.error();
 }
 
 }  // namespace

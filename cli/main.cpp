@@ -3,21 +3,31 @@
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <string>
+#include <vector>
 
+#include "Arguments.h"
 #include "Commands.h"
 #include "Interrupt.h"
 #include "Result.h"
 #include "Session.h"
+#include "TextFormat.h"
 
 namespace {
 
 using arborctl::ExitCode;
 using arborctl::Result;
 using arborctl::Session;
+using arborctl::WrongId;
+using arborctl::WrongName;
+using arborctl::WrongSince;
+using arborctl::WrongVersion;
 
 constexpr const char* kExamples = R"(Examples:
-  arborctl status                              what the device is, runs and offers
+  arborctl status                              what the device runs, does and offers
+  arborctl updates                             what can be installed, and what was refused and why
+  arborctl history --since 2h                  what was done, by whom, and how it ended
   arborctl scan /media/usb1/arbor_qm.pkg       check this package file now
   arborctl install 3.046 --wait                install and show the progress to the end
   arborctl install 3.046 --no-reboot           start it, keep the device running afterwards
@@ -38,10 +48,10 @@ struct Choice {
 
     std::string first;
     std::string second;
-    unsigned lines = 200;
-    bool follow = false;
     bool list = false;
     bool noReboot = false;
+    arborctl::HistoryOrder history;
+    arborctl::LogOrder log;
     arborctl::InstallOrder install;
     arborctl::AccessoryOrder accessory;
     arborctl::CompatibilityQuestion question;
@@ -72,25 +82,27 @@ CLI::App* AddCommand(CLI::App& app, const std::string& name, const std::string& 
 }
 
 void AddQueries(CLI::App& app, Choice& choice) {
-    AddCommand(app, "status", "Show the device, its version, updates, progress and drives",
+    AddCommand(app, "status", "Show what the device runs, starts next, does, offers and refused",
                "  arborctl status\n  arborctl status --json")
         ->callback([&] { choice.run = arborctl::ShowStatus; });
-    AddCommand(app, "updates", "List the versions that can be installed, newest first", "  arborctl updates")
+    AddCommand(app, "updates", "List the versions that can be installed, and the files that were refused",
+               "  arborctl updates\n"
+               "  arborctl updates --json      exact sizes, and the whole paths")
         ->callback([&] { choice.run = arborctl::ShowUpdates; });
 
     auto* compare = AddCommand(app, "compare", "Let the device compare two versions",
                                "  arborctl compare 4.001 3.046      prints 4.001 >= 3.046\n"
                                "The device compares by its own rule: the first component decides.");
-    compare->add_option("A", choice.first, "A version")->required();
-    compare->add_option("B", choice.second, "Another one")->required();
+    compare->add_option("A", choice.first, "A version")->required()->check(WrongVersion);
+    compare->add_option("B", choice.second, "Another one")->required()->check(WrongVersion);
     compare->callback(
         [&] { choice.run = [&](Session& s) { return CompareVersions(s, choice.first, choice.second); }; });
 
     auto* check = AddCommand(app, "check", "Ask whether an accessory's version fits (exit status 1: it does not)",
                              "  arborctl check 3.044 --board verdin-imx8mm --model QMA");
-    check->add_option("VERSION", choice.question.version, "The accessory's version")->required();
-    check->add_option("--board", choice.question.board, "Its board")->required();
-    check->add_option("--model", choice.question.model, "Its model, for example QMA");
+    check->add_option("VERSION", choice.question.version, "The accessory's version")->required()->check(WrongVersion);
+    check->add_option("--board", choice.question.board, "Its board")->required()->check(WrongName);
+    check->add_option("--model", choice.question.model, "Its model, for example QMA")->check(WrongName);
     check->callback([&] { choice.run = [&](Session& s) { return CheckCompatibility(s, choice.question); }; });
 
     auto* send = AddCommand(app, "send", "Send a message and print the answer",
@@ -120,10 +132,13 @@ void AddWork(CLI::App& app, Choice& choice) {
     auto* install = AddCommand(app, "install", "Install a version",
                                "  arborctl install 3.046 --wait\n"
                                "  arborctl install 3.046 --no-reboot --wait --json");
-    install->add_option("VERSION", choice.install.version, "The version, as \"updates\" lists it")->required();
+    install->add_option("VERSION", choice.install.version, "The version, as \"updates\" lists it")
+        ->required()
+        ->check(WrongVersion);
     install->add_flag("--no-reboot", choice.noReboot, "Do not restart the device afterwards");
     install->add_flag("--wait", choice.install.wait, "Show the progress and return when it has ended");
-    install->add_option("--progress-host", choice.install.progressHost, "Device that the installer reports to");
+    install->add_option("--progress-host", choice.install.progressHost, "Device that the installer reports to")
+        ->check(WrongName);
     install->callback([&] {
         choice.install.reboot = !choice.noReboot;
         choice.run = [&](Session& s) { return Install(s, choice.install); };
@@ -142,22 +157,23 @@ void AddWork(CLI::App& app, Choice& choice) {
 void AddAccessoryOptions(CLI::App& command, Choice& choice) {
     command.add_option("--to", choice.accessory.serialNumber, "Serial number of the accessory")
         ->required()
-        ->check([](const std::string& text) { return text.empty() ? "it is empty" : ""; });
-    command.add_option("--model", choice.accessory.model, "Its model, for example QMA; else the device looks it up");
+        ->check(WrongName);
+    command.add_option("--model", choice.accessory.model, "Its model, for example QMA; else the device looks it up")
+        ->check(WrongName);
     command.add_flag("--wait", choice.accessory.wait, "Show the progress and return when it has ended");
 }
 
 void AddAccessoryWork(CLI::App& app, Choice& choice) {
     auto* transfer = AddCommand(app, "transfer", "Carry the package of a version over to an accessory",
                                 "  arborctl transfer 3.046 --to 4711 --wait");
-    transfer->add_option("VERSION", choice.accessory.version, "The version")->required();
+    transfer->add_option("VERSION", choice.accessory.version, "The version")->required()->check(WrongVersion);
     AddAccessoryOptions(*transfer, choice);
     transfer->callback([&] { choice.run = [&](Session& s) { return Transfer(s, choice.accessory); }; });
 
     auto* remote = AddCommand(app, "remote-install", "Install the device's own version on an accessory",
                               "  arborctl remote-install --to 4711 --wait");
     AddAccessoryOptions(*remote, choice);
-    remote->add_option("--version", choice.accessory.version, "The version, for the device's log");
+    remote->add_option("--version", choice.accessory.version, "The version, for the device's log")->check(WrongVersion);
     remote->callback([&] { choice.run = [&](Session& s) { return RemoteInstall(s, choice.accessory); }; });
 }
 
@@ -187,15 +203,81 @@ void AddLink(CLI::App& app, Choice& choice) {
     keygen->callback([&] { choice.run = [&](Session& s) { return MakeKeyFile(s, choice.first); }; });
 }
 
+void AddSince(CLI::App& command, std::string& since) {
+    command.add_option("--since", since, "Only from then on: 90s, 10m, 2h or 3d ago, or a date such as 2025-03-01")
+        ->check(WrongSince)
+        ->type_name("TIME");
+}
+
+void AddJobs(CLI::App& app, Choice& choice) {
+    auto* history = AddCommand(app, "history", "List what the device did and does, newest first",
+                               "  arborctl history\n"
+                               "  arborctl history --kind install --since 3d\n"
+                               "  arborctl history --state failed -n 100\n"
+                               "  arborctl history --state open        what is under way\n"
+                               "  arborctl history --json | jq '.operations[].reason'");
+    history->add_option("-n,--lines", choice.history.count, "How many")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    history->add_option("--kind", choice.history.kind, "Only jobs of this kind")
+        ->check(CLI::IsMember({"check", "scan", "install", "build", "transfer", "remote-install", "upload"}));
+    history->add_option("--state", choice.history.state, "Only jobs in this state; open: those that have not ended")
+        ->check(CLI::IsMember({"open", "queued", "running", "succeeded", "failed", "cancelled", "lost"}));
+    AddSince(*history, choice.history.since);
+    history->callback([&] { choice.run = [&](Session& s) { return ShowHistory(s, choice.history); }; });
+
+    auto* show = AddCommand(app, "show", "Tell everything about one job",
+                            "  arborctl show 1f3a9c02      an id, or its beginning, as \"history\" lists it");
+    show->add_option("ID", choice.first, "The job's id")->required()->check(WrongId);
+    show->callback([&] { choice.run = [&](Session& s) { return ShowJob(s, choice.first); }; });
+
+    auto* cancel = AddCommand(app, "cancel", "Have the device end a job, and wait until it has ended",
+                              "  arborctl cancel 1f3a9c02\n"
+                              "After an install that was cancelled the version before stays. Exit status 1: the job\n"
+                              "had ended already, or ended otherwise.");
+    cancel->add_option("ID", choice.first, "The job's id")->required()->check(WrongId);
+    cancel->callback([&] { choice.run = [&](Session& s) { return CancelJob(s, choice.first); }; });
+
+    auto* forget = AddCommand(app, "forget", "Remove a file that was uploaded",
+                              "  arborctl forget arbor_qm.pkg      its name, as \"updates\" lists it");
+    forget->add_option("FILE", choice.first, "The file's name at the device")->required();
+    forget->callback([&] { choice.run = [&](Session& s) { return ForgetUpload(s, choice.first); }; });
+}
+
 void AddStreams(CLI::App& app, Choice& choice) {
     AddCommand(app, "watch", "Show the device's events as they happen, until Ctrl-C",
                "  arborctl watch\n  arborctl watch --json")
         ->callback([&] { choice.run = arborctl::WatchEvents; });
 
-    auto* log = AddCommand(app, "log", "Show the device's newest log lines", "  arborctl log -n 50 --follow");
-    log->add_option("-n,--lines", choice.lines, "How many lines")->check(CLI::Range(1, 1000))->capture_default_str();
-    log->add_flag("-f,--follow", choice.follow, "Go on with new lines, until Ctrl-C");
-    log->callback([&] { choice.run = [&](Session& s) { return ShowLog(s, choice.lines, choice.follow); }; });
+    auto* log = AddCommand(app, "log", "Show the device's newest log lines",
+                           "  arborctl log -n 50 --follow\n"
+                           "  arborctl log --level warning --since 2h      only what went wrong lately\n"
+                           "  arborctl log --json | jq .text");
+    log->add_option("-n,--lines", choice.log.lines, "How many lines")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    log->add_option("--level", choice.log.level, "Only lines of this level and above")
+        ->check(CLI::IsMember(arborctl::LogLevels()))
+        ->capture_default_str();
+    AddSince(*log, choice.log.since);
+    log->add_flag("-f,--follow", choice.log.follow, "Go on with new lines, until Ctrl-C");
+    log->callback([&] { choice.run = [&](Session& s) { return ShowLog(s, choice.log); }; });
+}
+
+/// Several arguments were too many; a command that there is not, most likely.
+int RefuseExtras(const CLI::App& app, const CLI::ParseError& error) {
+    const auto extras = app.remaining();
+    if (!app.get_subcommands().empty() || extras.empty() || extras.front().starts_with('-')) {
+        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::kUsage);
+    }
+    std::vector<std::string> names;
+    for (const auto* command : app.get_subcommands(nullptr)) {
+        names.push_back(command->get_name());
+    }
+    const std::string nearest = arborctl::Nearest(extras.front(), names);
+    std::cerr << "arborctl: there is no command \"" << arborctl::Escaped(extras.front()) << "\""
+              << (nearest.empty() ? "; arborctl --help lists them" : "; did you mean \"" + nearest + "\"?") << "\n";
+    return static_cast<int>(ExitCode::kUsage);
 }
 
 int Run(int argc, char** argv) {
@@ -206,12 +288,15 @@ int Run(int argc, char** argv) {
     app.fallthrough();
     AddGlobalOptions(app, choice);
     AddQueries(app, choice);
+    AddJobs(app, choice);
     AddWork(app, choice);
     AddAccessoryWork(app, choice);
     AddLink(app, choice);
     AddStreams(app, choice);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::ExtrasError& error) {
+        return RefuseExtras(app, error);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::kUsage);
     }
@@ -227,12 +312,22 @@ int Run(int argc, char** argv) {
     return session.Finish(choice.run(session));
 }
 
+/// A result that could not be written, because the disk is full, is none. That nobody reads it any more is no fault.
+int WrittenOr(int status) {
+    std::cout.flush();
+    if (std::cout.good() || !arborctl::OutputHasReader()) {
+        return status;
+    }
+    std::cerr << "arborctl: the output could not be written; is the disk full?\n";
+    return status == 0 ? static_cast<int>(ExitCode::kUsage) : status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     arborctl::CatchInterrupts();
     try {
-        return Run(argc, argv);
+        return WrittenOr(Run(argc, argv));
     } catch (const std::exception& error) {
         std::cerr << "arborctl: " << error.what() << "\n";
         return static_cast<int>(ExitCode::kRefused);

@@ -9,18 +9,23 @@
 #include <cstdarg>
 #include <cstdio>
 #include <deque>
+#include <iterator>
 #include <map>
 #include <shared_mutex>
 #include <string_view>
 
 #include "ZShared/ZGuarded.h"
+#include "ZShared/ZProcess.h"
 #include "text/Escape.h"
 
 namespace {
 
 constexpr std::size_t kRemembered = 1000;
+constexpr std::size_t kRememberedAnswers = 100;
 // A text from outside may be megabytes long; a thousand such lines are kept in memory.
 constexpr std::size_t kLongestText = std::size_t{8} * 1024;
+
+thread_local int t_answerLines = 0;
 
 spdlog::level::level_enum LibraryLevel(int level) {
     constexpr spdlog::level::level_enum kLevels[] = {spdlog::level::trace, spdlog::level::debug, spdlog::level::info,
@@ -49,6 +54,28 @@ std::string Line(const std::string& text) {
            std::to_string(text.size() - kLongestText) + " bytes left out";
 }
 
+/// The newest lines of one kind.
+class RecentLines {
+public:
+    explicit RecentLines(std::size_t limit) : m_limit(limit) {}
+
+    void Add(const ZLogLine& line) {
+        m_lines.push_back(line);
+        if (m_lines.size() > m_limit) {
+            m_lines.pop_front();
+        }
+    }
+    void AppendWanted(const ZLogChoice& choice, std::vector<ZLogLine>& to) const {
+        std::ranges::copy_if(m_lines, std::back_inserter(to), [&](const ZLogLine& line) {
+            return line.level >= choice.level && line.time >= choice.since;
+        });
+    }
+
+private:
+    std::size_t m_limit;
+    std::deque<ZLogLine> m_lines;
+};
+
 std::shared_ptr<spdlog::logger> MakeLogger(const ZLogSettings& settings) {
     std::vector<spdlog::sink_ptr> sinks;
     if (settings.console) {
@@ -73,7 +100,9 @@ std::shared_ptr<spdlog::logger> MakeLogger(const ZLogSettings& settings) {
 struct ZLog::Impl {
     struct Outputs {
         std::shared_ptr<spdlog::logger> logger = MakeLogger({});
-        std::deque<std::string> recent;
+        std::uint64_t lastNumber = 0;
+        RecentLines recent{kRemembered};
+        RecentLines answers{kRememberedAnswers};
     };
     ZGuarded<Outputs> outputs;
 
@@ -82,6 +111,13 @@ struct ZLog::Impl {
     std::map<int, Listener> listeners;
     int nextListener = 1;
 };
+
+ZAnswerLines::ZAnswerLines() {
+    ++t_answerLines;
+}
+ZAnswerLines::~ZAnswerLines() {
+    --t_answerLines;
+}
 
 ZLog::ZLog() : m_impl(std::make_unique<Impl>()) {}
 ZLog::~ZLog() = default;
@@ -120,21 +156,24 @@ void ZLog::LogChecked(int level, const char* channel, const char* file, const ch
 void ZLog::Write(int level, const char* channel, const char* file, const char* function, int line, const char* format,
                  va_list arguments) {
     try {
-        std::string text = std::string(channel) + ' ' + file + ' ' + function + ':' + std::to_string(line) + ' ' +
-                           Line(Format(format, arguments));
+        ZLogLine entry;
+        entry.level = level;
+        entry.line = std::string(channel) + ' ' + file + ' ' + function + ':' + std::to_string(line) + ' ';
+        entry.channelEnd = std::string_view(channel).size();
+        entry.textBegin = entry.line.size();
+        entry.line += Line(Format(format, arguments));
         std::shared_ptr<spdlog::logger> logger;
         {
             const auto outputs = m_impl->outputs.Lock();
             logger = outputs->logger;
-            outputs->recent.push_back(text);
-            if (outputs->recent.size() > kRemembered) {
-                outputs->recent.pop_front();
-            }
+            entry.number = ++outputs->lastNumber;
+            entry.time = MillisecondsNow();
+            (t_answerLines > 0 ? outputs->answers : outputs->recent).Add(entry);
         }
-        logger->log(LibraryLevel(level), spdlog::string_view_t(text));
+        logger->log(LibraryLevel(level), spdlog::string_view_t(entry.line));
         const std::shared_lock lock(m_impl->listenersMutex);
         for (const auto& [id, listener] : m_impl->listeners) {
-            listener(level, text);
+            listener(entry);
         }
     } catch (...) {  // NOLINT(bugprone-empty-catch): a log that fails has nowhere to say so
     }
@@ -151,10 +190,17 @@ void ZLog::RemoveListener(int id) {
     m_impl->listeners.erase(id);
 }
 
-std::vector<std::string> ZLog::Recent(std::size_t count) const {
-    const auto outputs = m_impl->outputs.Lock();
-    const std::size_t skip = outputs->recent.size() - std::min(count, outputs->recent.size());
-    return {outputs->recent.begin() + static_cast<std::ptrdiff_t>(skip), outputs->recent.end()};
+std::vector<ZLogLine> ZLog::Recent(const ZLogChoice& choice) const {
+    std::vector<ZLogLine> lines;
+    {
+        const auto outputs = m_impl->outputs.Lock();
+        outputs->recent.AppendWanted(choice, lines);
+        outputs->answers.AppendWanted(choice, lines);
+    }
+    std::ranges::sort(lines, {}, &ZLogLine::number);
+    const std::size_t skip = lines.size() - std::min(choice.count, lines.size());
+    lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(skip));
+    return lines;
 }
 
 void ZLog::Flush() {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ZShared/ZError.h"
@@ -22,12 +23,42 @@ struct ZLogSettings {
     std::size_t fileCount = 5;       ///< rotated files kept beside the current one
 };
 
+/// A line as it was written, and what it consists of.
+struct ZLogLine {
+    std::uint64_t number = 0;  ///< counted from 1 since the process began
+    std::int64_t time = 0;     ///< milliseconds since 1970
+    int level = 0;
+    std::string line;            ///< "CHANNEL FILE FUNCTION:NUMBER TEXT"
+    std::size_t channelEnd = 0;  ///< where the channel ends in it
+    std::size_t textBegin = 0;   ///< where the text begins
+
+    std::string_view Channel() const { return std::string_view(line).substr(0, channelEnd); }
+    std::string_view Text() const { return std::string_view(line).substr(textBegin); }
+};
+
+/// While one of these lives, the lines of its thread count as the answer to somebody's question. The log remembers only
+/// few of them, so that a program which asks every second does not push out what happened.
+class ZAnswerLines {
+public:
+    ZAnswerLines();
+    ~ZAnswerLines();
+    ZAnswerLines(const ZAnswerLines&) = delete;
+    ZAnswerLines& operator=(const ZAnswerLines&) = delete;
+};
+
+/// Which of the remembered lines are wanted.
+struct ZLogChoice {
+    std::size_t count = 1000;  ///< at most so many, the newest
+    int level = 0;             ///< of this level and above
+    std::int64_t since = 0;    ///< written then or later, in milliseconds since 1970
+};
+
 /// The process's log. Thread-safe. Levels: 1 detail, 2 information, 3 warning, 4 error.
 /// Control characters and line breaks in a line, Unicode's too, are written as \n, \t or \xHH, so no text from outside
 /// can forge a second line; what is longer than 8 KiB is cut.
 class ZLog {
 public:
-    using Listener = std::function<void(int level, const std::string& line)>;
+    using Listener = std::function<void(const ZLogLine& line)>;
 
     static ZLog& Instance();
 
@@ -44,8 +75,9 @@ public:
     int AddListener(Listener listener);
     void RemoveListener(int id);
 
-    /// The newest lines, oldest first, at most `count`; the log remembers the last 1,000.
-    std::vector<std::string> Recent(std::size_t count) const;
+    /// The newest lines that are wanted, oldest first. The log remembers the last 1,000, and of answers to questions
+    /// the last 100.
+    std::vector<ZLogLine> Recent(const ZLogChoice& choice) const;
     /// Writes what the outputs still buffer.
     void Flush();
 

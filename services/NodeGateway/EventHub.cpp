@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/json.hpp>
 
+#include "LogReport.h"
 #include "ZShared/ZLog.h"
 
 namespace gateway {
@@ -69,8 +70,10 @@ void EventHub::Remove(const EventQueue* queue) {
 void EventHub::ListenToLog() {
     const std::lock_guard lock(m_logMutex);
     if (m_logListeners == 0) {
-        m_logListener = ZLog::Instance().AddListener([this](int, const std::string& line) {
-            Tell("log", boost::json::serialize(boost::json::object{{"line", line}}), Who::WantsLog);
+        m_logListener = ZLog::Instance().AddListener([this](const ZLogLine& line) {
+            boost::json::object entry = LogEntry(line);
+            entry["line"] = line.line;
+            Tell("log", boost::json::serialize(entry), Who::WantsLog);
         });
     }
     ++m_logListeners;

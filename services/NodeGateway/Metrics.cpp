@@ -69,9 +69,8 @@ constexpr std::size_t kMostOpenOperations = 10'000;
 }  // namespace
 
 Metrics::Metrics()
-    : m_logListener(ZLog::Instance().AddListener([this](int level, const std::string&) {
-          ++m_logLines[static_cast<std::size_t>(std::clamp(level, 0, 4))];
-      })) {}
+    : m_logListener(ZLog::Instance().AddListener(
+          [this](const ZLogLine& line) { ++m_logLines[static_cast<std::size_t>(std::clamp(line.level, 0, 4))]; })) {}
 
 Metrics::~Metrics() {
     ZLog::Instance().RemoveListener(m_logListener);

@@ -152,8 +152,10 @@ std::string EventsText() {
             repeated += (repeated.empty() ? "" : ", ") + std::string(kind.name);
         }
     }
-    return text + "and, with log=1, \"log\" ({\"line\": \"...\"}). The last of each of these come first: " + repeated +
-           ". A client that takes them too slowly is dropped.";
+    return text +
+           "and, with log=1, \"log\" ({\"line\": \"...\"} and the keys of an entry of /v1/log). The last of each of "
+           "these come first: " +
+           repeated + ". A client that takes them too slowly is dropped.";
 }
 
 json::array JobParameters() {
@@ -170,8 +172,18 @@ json::array JobParameters() {
 
 void AddReadings(json::object& paths) {
     const json::object text{{"type", "string"}};
-    const json::object lines{{"type", "object"},
-                             {"properties", {{"lines", {{"type", "array"}, {"items", {{"type", "string"}}}}}}}};
+    const json::object number{{"type", "integer"}};
+    const json::object entry{{"type", "object"},
+                             {"properties",
+                              {{"number", number},
+                               {"time", {{"type", "integer"}, {"description", "Milliseconds since 1970"}}},
+                               {"level", number},
+                               {"channel", text},
+                               {"text", text}}}};
+    const json::object lines{
+        {"type", "object"},
+        {"properties",
+         {{"lines", {{"type", "array"}, {"items", text}}}, {"entries", {{"type", "array"}, {"items", entry}}}}}};
     paths["/v1/events"] = Reading(
         "events", "What happens, as it happens", Answer(EventsText(), "text/event-stream", text),
         {QueryParameter("log", "1: log lines too", {{"type", "integer"}, {"minimum", 0}, {"maximum", 1}})}, {400, 503});
@@ -191,8 +203,12 @@ void AddReadings(json::object& paths) {
                 json::array{id}, {400, 404, 409, 504});
     paths["/v1/log"] =
         Reading("log", "The newest log lines, oldest first", Answer("The lines", "application/json", lines),
-                {QueryParameter("lines", "How many; at most 1000 are kept",
-                                {{"type", "integer"}, {"minimum", 0}, {"default", 200}})},
+                {QueryParameter("lines", "How many, at most 1000; of answers to questions 100 are kept",
+                                {{"type", "integer"}, {"minimum", 0}, {"default", 200}}),
+                 QueryParameter("level", "Only of this level and above: 1 detail, 2 information, 3 warning, 4 error",
+                                {{"type", "integer"}, {"minimum", 0}, {"maximum", 4}, {"default", 0}}),
+                 QueryParameter("since", "Only from then on, in milliseconds since 1970",
+                                {{"type", "integer"}, {"minimum", 0}, {"default", 0}})},
                 {400});
     paths["/v1/metrics"] =
         Reading("metrics", "Counters in Prometheus' text format", Answer("Samples", "text/plain", text));

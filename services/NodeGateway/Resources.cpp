@@ -4,10 +4,10 @@
 #include <boost/json.hpp>
 
 #include "EventStream.h"
+#include "LogReport.h"
 #include "OpenApi.h"
 #include "ZMessages/Messages.h"
 #include "ZMessages/ZJSONCommStream.h"
-#include "ZShared/ZLog.h"
 #include "http/Problem.h"
 #include "http/Target.h"
 
@@ -17,8 +17,6 @@ namespace {
 
 constexpr std::string_view kRoot = "/v1/";
 constexpr std::string_view kOneOperation = "/v1/operations/";
-constexpr std::size_t kUsualLogLines = 200;
-constexpr std::size_t kMostLogLines = 1000;
 constexpr auto kStatusPatience = std::chrono::seconds(5);
 constexpr auto kMetricsPatience = std::chrono::seconds(1);
 
@@ -117,15 +115,7 @@ HttpResponse Resources::Operation(const HttpRequest& request) {
 }
 
 HttpResponse Resources::Log(const HttpRequest& request) {
-    const auto count = NumberOf(request, "lines", kUsualLogLines);
-    if (!count) {
-        return Problem(400, "\"lines\" is a whole number", "lines");
-    }
-    boost::json::array lines;
-    for (const std::string& line : ZLog::Instance().Recent(std::min(*count, kMostLogLines))) {
-        lines.emplace_back(line);
-    }
-    return Json(boost::json::serialize(boost::json::object{{"lines", std::move(lines)}}));
+    return LogReport(request);
 }
 
 HttpResponse Resources::MetricsText(const HttpRequest&) {

@@ -2,11 +2,15 @@
 #include <openssl/evp.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <tuple>
+#include <utility>
 
 #include "Conversation.h"
 #include "NodeLink/LinkKeys.h"
@@ -36,9 +40,25 @@ struct AnswerCase {
 };
 
 constexpr const char* kStatus = R"({"version": "3.044", "hash": "58", "installedVersion": null, "device": {"model":
-    "Kite\u001b[2J"}, "updates": [{"version": "3.046"}, {"version": "3.045"}], "progress": null, "drives": null})";
-constexpr const char* kUpdates = R"({"messages": [{"version": "3.046", "versionType": "System"},
-    {"version": "3.045.1", "versionType": "System"}]})";
+    "Kite\u001b[2J"}, "updates": [{"version": "3.046", "relation": "newer", "source": "/media/usb1"}], "drives": null,
+    "operations": [{"id": "1f3a9c0200000000", "kind": "Install", "state": "Running", "version": "3.046", "header":
+    "Install", "message": "Write", "percent": 44, "asker": "user alice"}, {"id": "22", "kind": "Check", "state":
+    "Queued", "file": "/media/usb1/b.pkg"}], "runningSlot": "A", "nextSlot": "B", "nextVersion": "3.046",
+    "refused": [{"file": "/x.pkg", "reason": "too old"}], "archive": [], "updatesFree": 1610612736})";
+constexpr const char* kSettled = R"({"installedVersion": "3.046", "runningSlot": "B", "nextSlot": "B", "nextVersion":
+    "3.046", "operations": null, "updateInProgress": false, "updates": []})";
+constexpr const char* kInventory = R"({"packages": [{"version": "3.046", "relation": "newer", "size": 1572864,
+    "source": "upload", "file": "/up/a.pkg"}, {"version": "3.045.1", "file": "/media/usb1/b.pkg", "source":
+    "/media/usb1"}], "archive": [{"version": "3.044", "size": 5, "file": "/p/c.pkg", "source": "archive"}],
+    "refused": [{"file": "/media/usb1/\u001b.pkg", "version": "3.1", "reason": "it is older",
+    "errorCode": "ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"}]})";
+constexpr const char* kJob = R"({"id": "1f3a9c0200000000", "kind": "RemoteInstall", "state": "Failed", "version": "3.1",
+    "device": "4", "asker": "user alice", "node": "ArborInstall", "reason": "no power", "errorCode": "ERRCODE_NONE",
+    "createdAt": 86400000, "startedAt": 86400000, "endedAt": 86525000})";
+constexpr const char* kJobs = R"({"operations": [{"id": "1f3a9c0200000000", "kind": "RemoteInstall", "state": "Failed",
+    "version": "3.1", "device": "4", "reason": "no power", "startedAt": 1000, "endedAt": 1500},
+    {"id": "2b", "kind": "Check", "state": "Running", "file": "/a.pkg", "percent": 7, "asker": "drive /d"}]})";
+constexpr const char* kNobody = R"({"title": "Service Unavailable", "detail": "No node of this graph serves it"})";
 constexpr const char* kProblem = R"({"title": "Bad", "detail": "a\nb", "field": "x"})";
 constexpr const char* kNoAnswer = nullptr;
 constexpr const char* kAny = nullptr;
@@ -58,15 +78,33 @@ constexpr const char* kPeers = R"({"bSuccess": true, "publicKey": "ef", "peers":
 constexpr AnswerCase kAnswers[]{
     {"send --list", "openapi.json", kAny, 200, R"({"paths": {"/v1/status": {"get": {}}, "/v1/upload": {"post": {}},
         "/v1/peers": {"post": {}}}})", 0, "upload\npeers\n", ""},
-    {"status", "status", kAny, 200, kStatus, 0, "Available updates   3.046, 3.045\n", ""},
-    {"status", "status", kAny, 200, kStatus, 0, "Device              Kite\\x1b[2J\n", ""},
-    {"status", "status", kAny, 200, kStatus, 0, "Installed version   unknown\n", ""},
-    {"updates", "findupdates", "{}", 200, kUpdates, 0, "VERSION  TYPE\n3.046    System\n3.045.1  System\n", ""},
-    {"updates", "findupdates", "{}", 200, R"({"messages": []})", 0, "No updates available.\n", ""},
-    {"updates", "findupdates", "{}", 400, kProblem, 1, "", "Bad: a\\nb (HTTP 400, field \"x\")"},
-    {"updates", "findupdates", "{}", 504, "gone", 1, "", "HTTP 504"},
-    {"updates", "findupdates", "{}", 200, "<html>", 3, "", "not JSON"},
-    {"updates --timeout 3", "findupdates", kAny, 200, kNoAnswer, 3, "", "in time"},
+    {"status", "status", kAny, 200, kStatus, 0, "Device         Kite\\x1b[2J\n", ""},
+    {"status", "status", kAny, 200, kStatus, 0, "Runs           unknown (slot A)\nStarts next    3.046 (slot B)\n", ""},
+    {"status", "status", kAny, 200, kStatus, 0, "Under way      install 3.046: Install: Write, 44 %, asked by user alice (1f3a9c02)\n"
+        "               check /media/usb1/b.pkg: waits (22)\n", ""},
+    {"status", "status", kAny, 200, kStatus, 0, "Updates        3.046 (newer, /media/usb1)\nRefused        /x.pkg: too old\n"
+        "Archive        empty\nFree           1.5 GiB for uploads, unknown in the archive\n", ""},
+    {"status", "status", kAny, 200, kStatus, 0, "arbord         3.044 (58)\n", ""},
+    {"status", "status", kAny, 200, kSettled, 0, "Runs           3.046 (slot B)\nUnder way      no install\nUpdates        none\n", ""},
+    {"updates", "inventory", "{}", 200, kInventory, 0, "VERSION  RELATION  SIZE     SOURCE       FILE\n"
+        "3.046    newer     1.5 MiB  upload       a.pkg\n3.045.1  unknown   unknown  /media/usb1  b.pkg\n", ""},
+    {"updates", "inventory", "{}", 200, kInventory, 0, "Built for accessories:\n", ""},
+    {"updates", "inventory", "{}", 200, kInventory, 0, "Refused:\n  /media/usb1/\\x1b.pkg (3.1): it is older\n    bring a newer", ""},
+    {"updates", "inventory", "{}", 200, R"({"packages": []})", 0, "No updates available.\n", ""},
+    {"updates", "inventory", "{}", 400, kProblem, 1, "", "Bad: a\\nb (HTTP 400, field \"x\")"},
+    {"updates", "inventory", "{}", 503, kNobody, 1, "", "this device has no update node (NodeArborInstall) in its graph"},
+    {"updates", "inventory", "{}", 504, "gone", 1, "", "HTTP 504): the node that serves it is busy or hangs"},
+    {"updates", "inventory", "{}", 200, "<html>", 3, "", "not JSON"},
+    {"updates --timeout 3", "inventory", kAny, 200, kNoAnswer, 3, "", "in time"},
+    {"history", "operations", kAny, 200, kJobs, 0, "1f3a9c02  -     remote-install  3.1 on 4  the device  failed       0.5 s  no power\n"
+        "2b        -     check           /a.pkg    drive /d    running 7 %\n", ""},
+    {"history --kind remote-install --since 2h --state failed", "operations", kAny, 200, R"({"operations": []})", 0, "No jobs.\n", ""},
+    {"history", "operations", kAny, 503, kNobody, 1, "", "this device has no journal (NodeJournal) in its graph"},
+    {"show 1f3a", "operations/1f3a", kAny, 200, kJob, 0, "State       failed\nReason      no power\nVersion     3.1\nAccessory   4\nAsked by    user alice\n", ""},
+    {"show 1f3a", "operations/1f3a", kAny, 200, kJob, 0, "Took        2 min 5 s\nDone by     ArborInstall\n", ""},
+    {"show 1f3a", "operations/1f3a", kAny, 409, kProblem, 1, "", "HTTP 409"},
+    {"forget a.pkg", "forget", R"({"file": "a.pkg"})", 200, kYes, 0, "a.pkg: removed\n", ""},
+    {"forget a.pkg", "forget", kAny, 200, R"({"bSuccess": false, "text": "no such upload"})", 1, "", "a.pkg: not removed: no such upload"},
     {"compare 1 2", "compareversions", R"({"version1": "1", "version2": "2"})", 200, R"({"result": false})", 0, "1 < 2\n", ""},
     {"compare 2 1", "compareversions", R"({"version1": "2", "version2": "1"})", 200, R"({"result": true})", 0, "2 >= 1\n", ""},
     {"check 1 --board b --model QMB", "checkCompatibility", R"({"version": "1", "board": "b", "model": "QMB"})",
@@ -89,6 +127,7 @@ constexpr AnswerCase kAnswers[]{
     {"peers", "peers", "{}", 200, kPeers, 0, "away        host too old\nnew   -       -       -          -      -        never seen\n", ""},
     {"peers", "peers", "{}", 200, kPeers, 0, "\n\nTurned away because their key is not pinned:\n  " STRANGER "\n", ""},
     {"peers", "peers", "{}", 503, kProblem, 1, "", "HTTP 503"},
+    {"peers", "peers", "{}", 503, kNobody, 1, "", "this device has no link node (NodePeer) in its graph"},
     {"pair", "peers", "{}", 200, kPeers, 0, "key:\n  ef\n\nPinned:\n  " PALM_KEY "  palm\n", ""},
     {"pair", "peers", "{}", 200, kPeers, 0, "let it in:\n  arborctl pair " STRANGER " --name NAME\n", ""},
     {"pair", "peers", "{}", 200, R"({"publicKey": "ef"})", 0, "on the other device:\n  arborctl pair ef --name", ""},
@@ -97,7 +136,8 @@ constexpr AnswerCase kAnswers[]{
     {"pair " STRANGER " --remove", "pair", R"({"publicKey": ")" STRANGER R"(", "name": "", "address": "", "remove": true})",
      200, kPeers, 0, STRANGER ": no longer pinned\n", ""},
     {"pair " STRANGER " --remove", "pair", kAny, 200, R"({"bSuccess": false, "text": "not here"})", 1, "", "not removed: not here"},
-    {"log -n 2", "log", kAny, 200, R"({"lines": ["one", "two\u0007"]})", 0, "one\ntwo\\x07\n", ""},
+    {"log -n 2 --level error", "log", kAny, 200, R"({"entries": [{"time": 5, "level": 4, "channel": "N", "text": "two\u0007"},
+        {"level": 99}]})", 0, ".005 error   N: two\\x07\n", ""},
 };
 // clang-format on
 
@@ -131,7 +171,16 @@ TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {
     setenv("ARBORCTL_SOCKET", "/nowhere/env.sock", 1);
     const std::tuple<std::string, int, const char*> cases[]{
         {"", 2, "Examples:"},
-        {"instal 1", 2, "instal"},
+        {"instal 1", 2, "no command \"instal\"; did you mean \"install\"?"},
+        {"qwertz", 2, "--help lists them"},
+        {"install \"3.046'\"", 2, "VERSION: \"3.046'\" is not a version"},
+        {"compare 3.1 def", 2, "B: \"def\" is not"},
+        {"compare 3. 1", 2, "A: \"3.\""},
+        {"transfer 3.1 --to 'a b'", 2, "--to: \"a b\" is not a name"},
+        {"show xyz1", 2, "ID: \"xyz1\""},
+        {"history --since 2025-02-30", 2, "--since: \"2025-02-30\" is not a time"},
+        {"history --kind instal", 2, "--kind"},
+        {"log --level loud", 2, "--level"},
         {"install", 2, "VERSION"},
         {"log -n 0", 2, "0"},
         {"--timeout never status", 2, "never"},
@@ -147,9 +196,10 @@ TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {
         {"pair " PALM_KEY " --remove --name a", 2, "--name"},
         {"keygen /nowhere/keys", 2, "/nowhere/keys: No such file"},
         {"scan /nowhere/a.pkg", 2, "/nowhere/a.pkg: No such file"},
-        {"status", 3, "/nowhere/env.sock: No such file or directory"},
+        {"status", 3, "arbord does not run: systemctl status arbord (no socket at /nowhere/env.sock)"},
         {"watch --socket /" + std::string(200, 'x'), 3, "longer than 107"},
-        {"install 1 --wait --socket " + gateway.Folder() + "/in", 3, "Connection refused"},
+        {"install 1 --wait --socket " + gateway.Folder() + "/in", 3,
+         "arbord does not run: systemctl status arbord (nobody listens"},
     };
     for (const auto& [line, status, complaint] : cases) {
         Program program(gateway.Folder(), line);
@@ -157,6 +207,46 @@ TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {
         EXPECT_THAT(program.Errors(), HasSubstr(complaint));
     }
     unsetenv("ARBORCTL_SOCKET");
+}
+
+/// What a shell's command line prints, and the exit status of its last program.
+std::pair<std::string, int> Shell(const std::string& line) {
+    FILE* const output = popen(line.c_str(), "r");
+    std::string told(4000, '\0');
+    told.resize(fread(told.data(), 1, told.size(), output));
+    return {told, WEXITSTATUS(pclose(output))};
+}
+
+TEST(Commands, SayWhichGroupMayUseTheSocket) {
+    const ScriptedGateway gateway;
+    ASSERT_EQ(chmod(gateway.Folder().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(gateway.Socket().c_str(), 0), 0);
+    const char* const somebody = geteuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+    const auto [told, status] = Shell(somebody + std::string(ARBORCTL " status 2>&1 --socket ") + gateway.Socket());
+    EXPECT_EQ(status, 3);
+    EXPECT_THAT(told, HasSubstr("you are not in the group "));
+    EXPECT_THAT(told, HasSubstr("sudo usermod -aG "));
+}
+
+TEST(Commands, FailWhenTheirOutputCannotBeWrittenUnlessNobodyWantsIt) {
+    ScriptedGateway gateway;
+    gateway.Script("/v1/status", {200, kStatus});
+    for (const std::string& line : {std::string("--help"), "status --socket " + gateway.Socket()}) {
+        const auto [told, status] = Shell(ARBORCTL " " + line + " 2>&1 >/dev/full");
+        EXPECT_EQ(status, 2) << line;
+        EXPECT_THAT(told, HasSubstr("the output could not be written"));
+        EXPECT_EQ(Shell("(" ARBORCTL " " + line + " 2>&1; echo $? >" + gateway.Folder() + "/status) | true").second, 0);
+        EXPECT_EQ(ReadAll(gateway.Folder() + "/status"), "0\n") << line;
+    }
+}
+
+TEST(Upload, IsNotWaitedForWhereNobodyTakesFiles) {
+    ScriptedGateway gateway;
+    std::ofstream(gateway.Folder() + "/a.pkg") << "x";
+    gateway.Script("/v1/upload", {200, "", true});
+    const auto program = RunProgram(gateway, "upload a.pkg");
+    EXPECT_EQ(program->Status(), 3);
+    EXPECT_THAT(program->Errors(), HasSubstr("is there a file node (NodeFileIO) in its graph"));
 }
 
 /// The bytes of one write message.

@@ -46,7 +46,9 @@ ScriptedGateway::ScriptedGateway() : m_server(std::make_unique<Server>()) {
         response.set_chunked_content_provider(
             "text/event-stream", [this, events](std::size_t, httplib::DataSink& sink) {
                 sink.write(events.first.data(), events.first.size());
-                if (!WaitFor([&] { return events.keyword.empty() || !m_messages["/v1/" + events.keyword].empty(); })) {
+                if (!WaitFor([&] {
+                        return events.keyword.empty() || m_messages["/v1/" + events.keyword].size() >= events.count;
+                    })) {
                     return false;
                 }
                 sink.write(events.later.data(), events.later.size());

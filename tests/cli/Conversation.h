@@ -27,13 +27,14 @@ public:
         std::string body = "{}";
         bool silent = false;  ///< Never answers.
     };
-    /// What one connection to the events gets: `first` at once; `later` when a message has come on `keyword`; then the
+    /// What one connection to the events gets: `first` at once; `later` when so many messages have come on `keyword`; then the
     /// connection is cut, or held open until the client goes.
     struct Events {
         std::string first = {};
         std::string keyword = {};
         std::string later = {};
         bool cut = false;
+        std::size_t count = 1;
     };
 
     ScriptedGateway();

@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <tuple>
 
 #include "Conversation.h"
 
@@ -10,131 +11,154 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-std::string Step(int percent, const std::string& more = "") {
-    return Event("progress",
-                 R"({"header": "Install", "message": "Write", "percent": )" + std::to_string(percent) + more + "}");
-}
-const std::string kDone = Step(100, R"(, "done": true)");
-const std::string kError = Step(4, R"(, "message": "Slot B broke", "error": true, "done": true)");
-const std::string kOldDone = Step(99, R"(, "done": true)");
+#define OURS "aaaa0000aaaa0000"
+#define OTHER "bbbb0000bbbb0000"
 const std::string kLive = ": live\n\n";
 
-std::string LogLine(const std::string& line) {
-    return Event("log", R"({"line": ")" + line + R"("})");
+/// A job's document; `more` are members beside, each with a comma before.
+std::string JobDocument(const char* id, const char* kind, const char* state, const std::string& more = "") {
+    return std::string(R"({"id": ")") + id + R"(", "kind": ")" + kind + R"(", "state": ")" + state + '"' + more + "}";
+}
+std::string Told(const char* id, const char* kind, const char* state, const std::string& more = "") {
+    return Event("operation", JobDocument(id, kind, state, more));
+}
+std::string Step(const char* id, int percent, const char* state = "Running") {
+    return Told(id, "Install", state,
+                R"(, "header": "Install", "message": "Write", "percent": )" + std::to_string(percent));
+}
+std::string Because(const std::string& reason) {
+    return R"(, "reason": ")" + reason + '"';
+}
+std::string OfFile(const std::string& file, const std::string& more = "") {
+    return R"(, "file": ")" + file + '"' + more;
 }
 
 /// A device that is ready for everything that is tested here.
 struct Device : ScriptedGateway {
     Device() {
-        Script("/v1/updatesystem", {200, R"({"bSuccess": true})"});
-        Script("/v1/transfer", {200, R"({"bSuccess": true})"});
-        Script("/v1/remoteinstall", {200, R"({"messages": [{"bSuccess": true}]})"});
-        Script("/v1/findupdates", {200, R"({"messages": []})"});
-        Script("/v1/newFile", {202, ""});
+        Script("/v1/updatesystem", {200, R"({"bSuccess": true, "operationId": ")" OURS R"("})"});
+        Script("/v1/transfer", {200, R"({"bSuccess": true, "operationId": ")" OURS R"("})"});
+        Script("/v1/remoteinstall", {200, R"({"messages": [{"bSuccess": true}], "operationId": ")" OURS R"("})"});
+        Script("/v1/newFile", {202, R"({"operationId": ")" OURS R"("})"});
         Script("/v1/upload", {200, R"({"bSuccess": true})"});
-        Script("/v1/status", {200, R"({"progress": {"percent": 10}, "updateInProgress": true})"});
+        Script("/v1/inventory", {200, R"({"updatesFolder": "/up/"})"});
+        Script("/v1/operations", {200, R"({"operations": []})"});
+        Script("/v1/cancel", {202, ""});
     }
     [[nodiscard]] std::unique_ptr<Program> Start(const std::string& line) const {
         return std::make_unique<Program>(Folder(), "--socket " + Socket() + " " + line);
     }
 };
 
-TEST(Follow, AnInstallGoesOnFromTheLastProgressWhenTheConnectionBreaks) {
+TEST(Follow, AJobIsShownToItsOwnEndWhateverOthersTell) {
     Device device;
-    device.Play({kOldDone + kLive, "updatesystem", Step(10) + Step(40), true});
-    device.Play({kLive, "", "data: {\"ha", true});
-    device.Play({Step(40) + kLive, "", Step(70) + kDone});
+    device.Play({Step(OTHER, 99, "Succeeded") + kLive, "updatesystem",
+                 Step(OTHER, 50) + Step(OURS, 10) + Step(OTHER, 99, "Failed") + Event("progress", R"({"done": true})") +
+                     Step(OURS, 40) + Step(OTHER, 100, "Succeeded") + Step(OURS, 100, "Succeeded")});
     const auto program = device.Start("install 3.046 --wait");
     EXPECT_EQ(program->Status(), 0) << program->Errors();
     EXPECT_EQ(program->Output(),
               "Installing 3.046: started\n"
-              " 10 %  Install: Write\n 40 %  Install: Write\n 70 %  Install: Write\n100 %  Install: Write (done)\n"
+              " 10 %  Install: Write\n 40 %  Install: Write\n100 %  Install: Write (done)\n"
               "Installing 3.046: done\n");
 }
 
-TEST(Follow, AnEarlierInstallsEndIsNotTakenForThisOnes) {
-    Device device;
-    device.Play({kOldDone + kLive, "updatesystem", "", true});
-    device.Play({kOldDone + kLive, "", Step(10) + kError});
-    const auto program = device.Start("install 3.046 --wait --json");
-    EXPECT_EQ(program->Status(), 1);
-    EXPECT_THAT(program->Output(), Not(HasSubstr("99")));
-    EXPECT_THAT(program->Output(), HasSubstr(R"({"error":"Installing 3.046: Slot B broke","exitCode":1})"));
-}
-
-TEST(Follow, ADeviceThatRestartedIsAskedWhatItRuns) {
-    for (const auto& [version, status] : {std::pair{"3.044", 0}, std::pair{"3.046", 3}}) {
+TEST(Follow, TheEndOfAJobIsTheEndOfTheCommand) {
+    // clang-format off
+    const struct { const char* line; const char* keyword; const char* kind; const char* state; const char* reason; int status; const char* text; } cases[]{
+        {"install 3.1", "updatesystem", "Install", "Succeeded", "", 0, "Installing 3.1: done\n"},
+        {"install 3.1", "updatesystem", "Install", "Failed", "slot B broke", 1, "Installing 3.1: slot B broke"},
+        {"install 3.1", "updatesystem", "Install", "Cancelled", "cancelled by user bob", 1, "3.1: cancelled by user bob\n"},
+        {"install 3.1", "updatesystem", "Install", "Cancelled", "the stick went", 1, "3.1: cancelled: the stick went"},
+        {"install 3.1", "updatesystem", "Install", "Lost", "arbord was restarted", 3, "not known: arbord was restarted"},
+        {"transfer 3.1 --to 4", "transfer", "Transfer", "Succeeded", "", 0, "done\n"},
+        {"transfer 3.1 --to 4", "transfer", "Transfer", "Failed", "disk full", 1, "to 4: disk full"},
+        {"remote-install --to 4", "remoteinstall", "RemoteInstall", "Failed", "", 1, "on 4: it does not say why"},
+    };
+    // clang-format on
+    for (const auto& item : cases) {
         Device device;
-        device.Script("/v1/status", {200, R"({"progress": null, "installedVersion": "3.044"})"});
-        device.Play({kLive, "updatesystem", Step(90), true});
-        device.Play({kLive});
-        const auto program = device.Start(std::string("install --wait ") + version);
-        EXPECT_EQ(program->Status(), status) << program->Errors();
+        device.Play({kLive, item.keyword,
+                     Told(OTHER, item.kind, "Failed") + Told(OURS, item.kind, item.state, Because(item.reason))});
+        const auto program = device.Start(std::string(item.line) + " --wait");
+        EXPECT_EQ(program->Status(), item.status) << item.state;
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
     }
 }
 
-TEST(Follow, ADeviceThatGoesAwayOrFallsSilentIsGivenUp) {
+TEST(Follow, ProgramsGetTheOwnJobsDocumentsAndTheReason) {
+    Device device;
+    device.Play(
+        {kLive, "updatesystem", Step(OTHER, 5) + Step(OURS, 10) + Told(OURS, "Install", "Failed", Because("x"))});
+    const auto program = device.Start("install 3.046 --wait --json");
+    EXPECT_EQ(program->Status(), 1);
+    EXPECT_THAT(program->Output(), Not(HasSubstr(OTHER)));
+    EXPECT_THAT(program->Output(), HasSubstr(R"("percent":10)"));
+    EXPECT_THAT(program->Output(), HasSubstr(R"({"error":"Installing 3.046: x","exitCode":1})"));
+}
+
+TEST(Follow, AfterABreakTheDeviceIsAskedWhatBecameOfTheJob) {
+    const std::string running = JobDocument(OURS, "Install", "Running", R"(, "message": "Sync", "percent": 60)");
+    const std::string done = JobDocument(OURS, "Install", "Succeeded");
+    const std::string lost = JobDocument(OURS, "Install", "Lost", Because("arbord was restarted"));
+    const std::string unknown = R"({"title": "Not Found", "detail": "no such job"})";
+    const std::string noJournal = R"({"detail": "No node of this graph keeps the jobs"})";
+    // What the device answers, what it tells afterwards, and how the program ends.
+    // clang-format off
+    const std::tuple<int, std::string, std::string, int, const char*> cases[]{
+        {200, running, Step(OTHER, 9, "Failed") + Step(OURS, 70) + Step(OURS, 100, "Succeeded"), 0,
+         " 10 %  Install: Write\n 60 %  Sync\n 70 %  Install: Write\n100 %"},
+        {200, done, "", 0, "done\n"},
+        {200, lost, "", 3, "arbord was restarted"},
+        {404, unknown, "", 3, "no longer tells of it: Not Found: no such job"},
+        {503, noJournal, Step(OTHER, 100, "Succeeded"), 3, "this device has no journal (NodeJournal) in its graph"},
+    };
+    // clang-format on
+    for (const auto& [code, answer, later, status, text] : cases) {
+        Device device;
+        device.Script("/v1/operations/" OURS, {code, answer});
+        device.Play({kLive, "updatesystem", Step(OURS, 10) + "data: {\"ha", true});
+        device.Play({Step(OTHER, 99, "Succeeded") + kLive, "", later});
+        const auto program = device.Start("install 3.046 --wait --timeout 10");
+        EXPECT_EQ(program->Status(), status) << program->Errors();
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(text));
+    }
+}
+
+TEST(Follow, ADeviceThatGoesAwayFallsSilentOrNamesNoJobIsGivenUp) {
     for (const bool goesAway : {true, false}) {
         Device device;
-        device.Play({kLive, "updatesystem", Step(10)});
+        device.Play({kLive, "updatesystem", Step(OURS, 10)});
         const auto program = device.Start("install 3.046 --wait --timeout 10");
         ASSERT_TRUE(program->WaitForOutput("10 %"));
         if (goesAway) {
             device.GoDown();
         }
         EXPECT_EQ(program->Status(), 3);
-        EXPECT_THAT(program->Errors(), HasSubstr(goesAway ? "not reachable" : "nothing more"));
+        EXPECT_THAT(program->Errors(), HasSubstr(goesAway ? "how it ended is not known" : "nothing more"));
     }
+    Device device;
+    device.Script("/v1/updatesystem", {200, R"({"bSuccess": true})"});
+    device.Play({kLive, "updatesystem", Step(OTHER, 100, "Succeeded")});
+    EXPECT_EQ(device.Start("install 3.046 --wait")->Status(), 3);
 }
 
-TEST(Follow, AnOperationOnAnAccessoryEndsAsTheDevicesLogTells) {
-    const std::string closed = "12:00 I Install File Close /up/a.pkg Complete ";
-    const std::string earlier = LogLine("old") + kOldDone + kLive;
-    const std::string copyFailed = LogLine("4 Failed to copy update file from remote");
+TEST(Follow, AScanTellsTheOutcomeOfItsOwnCheck) {
     // clang-format off
-    const struct { const char* line; const char* keyword; std::string events; int status; const char* text; } cases[]{
-        {"transfer 3.1 --to 4", "transfer", copyFailed + Step(40) + LogLine(closed + "SUCCESS"), 0, "done"},
-        {"transfer 3.1 --to 4", "transfer", LogLine(closed + "FAILED"), 1, "Complete FAILED"},
-        {"transfer 3.1 --to 4", "transfer", LogLine("Error on File write: full") + LogLine(closed + "SUCCESS"), 1, "full"},
-        {"transfer 3.1 --to 4", "transfer", LogLine("Error on File write: full") + LogLine(closed + "FAILED"), 1, "full"},
-        {"transfer 3.1 --to 4", "transfer", LogLine("Unable to publish File Close!"), 1, "File Close!"},
-        {"transfer 3.1 --to 4", "transfer", LogLine("The transfer of /a ended after 1 of 2 bytes") + LogLine(closed + "SUCCESS"),
-         1, "ended after 1 of 2"},
-        {"transfer 3.1 --to 4", "transfer", kDone + LogLine("Error on File write: full") + LogLine(closed + "SUCCESS"), 1, "full"},
-        {"remote-install --to 4", "remoteinstall", LogLine(closed + "SUCCESS") + copyFailed, 1, "Failed to copy"},
-        {"remote-install --to 4", "remoteinstall", Step(7) + kDone, 0, "done"},
-    };
-    // clang-format on
-    for (const auto& item : cases) {
-        Device device;
-        device.Play({earlier, item.keyword, item.events});
-        const auto program = device.Start(std::string(item.line) + " --wait");
-        EXPECT_EQ(program->Status(), item.status) << program->Errors();
-        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
-    }
-}
-
-TEST(Follow, AScanReportsTheOutcomeForItsFile) {
-    const std::string rejection = R"(", "bSuccess": false, "ErrCode": "ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"},)";
-    const std::string offered = R"({"version": "3.046", "versionType": "System"})";
-    // clang-format off
-    const struct { const char* rejected; std::string offered; mode_t mode; int status; const char* text; } cases[]{
-        {"/other.pkg", offered, 0755, 0, "accepted, new: 3.046\n"},
-        {"", offered, 0755, 1, "rejected (version 3.1): this version is not allowed here"},
-        {"/other.pkg", offered, 0644, 1, "not executable"},
+    const struct { const char* state; std::string more; mode_t mode; int status; const char* text; } cases[]{
+        {"Succeeded", R"(, "version": "3.046")", 0755, 0, "a.pkg: accepted, version 3.046\n"},
+        {"Failed", R"(, "version": "3.1")" + Because("it is older"), 0755, 1, "rejected (version 3.1): it is older"},
+        {"Cancelled", Because("its drive was removed"), 0755, 1, "cancelled: its drive was removed"},
+        {"Succeeded", "", 0644, 1, "not executable"},
     };
     // clang-format on
     for (const auto& item : cases) {
         Device device;
         const std::string file = device.Folder() + "/a.pkg";
-        std::string records = R"({"messages": [{"version": "3.1", "versionType": ")";
-        records.append(*item.rejected != 0 ? item.rejected : file).append(rejection).append(item.offered).append("]}");
-        // Another file's announcement comes first; only the log tells that this one was accepted.
-        const std::string earlier = Event("updateavailable", R"({"messages": []})");
-        const std::string accepted = LogLine("x Package version <3.046 - " + file + "> greater than or equal to <3>");
-        device.Play({Event("updateavailable", "{}") + kLive, "newFile",
-                     (item.mode == 0755 ? earlier : "") + (item.status == 0 ? accepted : "") +
-                         Event("updateavailable", records)});
+        const char* const opposite = item.status == 0 ? "Failed" : "Succeeded";
+        device.Play({kLive, "newFile",
+                     Told(OTHER, "Check", opposite, OfFile(file)) + Told(OURS, "Check", "Running", OfFile(file)) +
+                         Told(OURS, "Check", item.state, OfFile(file, item.more))});
         std::ofstream(file) << "x";
         chmod(file.c_str(), item.mode);
         const auto program = device.Start("scan " + file);
@@ -143,34 +167,59 @@ TEST(Follow, AScanReportsTheOutcomeForItsFile) {
     }
 }
 
-TEST(Follow, AnUploadReportsTheOutcomeForItsFile) {
-    const auto announced = [](const std::string& rejected) {
-        return Event(
-            "updateavailable",
-            R"({"messages": [{"version": "3.046", "versionType": "System"}, {"version": "2", "versionType": ")" +
-                rejected + R"(", "bSuccess": false, "text": "too old"}]})");
+TEST(Follow, AnUploadTellsTheOutcomeOfTheCheckThatItBegan) {
+    const std::string refused = OfFile("/up/a.pkg", R"(, "version": "2")" + Because("too old"));
+    // A check of the file before, one that the journal knows, and one of the same name on a stick.
+    const std::string before = Told("0001", "Check", "Running", OfFile("/up/a.pkg"));
+    const std::string others = Told("0001", "Check", "Failed", refused) + Told("0002", "Check", "Failed", refused) +
+                               Told("0003", "Check", "Failed", OfFile("/usb/a.pkg")) +
+                               Told("0004", "Scan", "Failed", refused);
+    const std::string jobs = R"({"operations": [)" + JobDocument("0002", "Check", "Running") + "]}";
+    const auto accepted = OfFile("/up/a.pkg", R"(, "version": "3")");
+    const std::tuple<std::string, int, std::string, int, const char*> cases[]{
+        {others + Told(OURS, "Check", "Running", accepted) + Told(OURS, "Check", "Succeeded", accepted), 200, jobs, 0,
+         "/up/a.pkg: accepted, version 3\n"},
+        {others + Told(OURS, "Check", "Failed", refused), 200, jobs, 1, "/up/a.pkg: rejected (version 2): too old"},
+        {Told("0001", "Check", "Failed", refused) + Told(OURS, "Check", "Succeeded", accepted), 503, "{}", 0,
+         "accepted, version 3\n"},
     };
-    const std::string closing = LogLine("x Closing file /up/a.pkg");
-    const std::string accepted = LogLine("x Package version <3.046 - /up/a.pkg> greater than or equal to <3>");
+    for (const auto& [events, code, operations, status, text] : cases) {
+        Device device;
+        device.Script("/v1/operations", {code, operations});
+        device.Play({before + kLive, "upload", events, false, 3});  // open, write, close
+        std::ofstream(device.Folder() + "/a.pkg") << "x";
+        const auto program = device.Start("upload a.pkg");
+        EXPECT_EQ(program->Status(), status) << program->Errors();
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(text));
+        EXPECT_EQ(device.Messages("/v1/upload", 3).back().at("className"), "ZFileCloseMsg");
+    }
+}
+
+TEST(Follow, CancellingEndsWithTheJob) {
+    const std::string running = JobDocument(OURS, "Install", "Running", R"(, "version": "3.1")");
     const struct {
-        std::string events;
+        std::string now;
+        std::string later;
         int status;
         const char* text;
     } cases[]{
-        // A stick with a package of the same name is checked at the same time.
-        {closing + announced("/usb/a.pkg") + accepted + announced("/usb/a.pkg"), 0,
-         "/up/a.pkg: accepted, new: 3.046\n"},
-        {closing + announced("/usb/a.pkg") + announced("/up/a.pkg"), 1, "/up/a.pkg: rejected (version 2): too old"},
-        {announced("/up/b.pkg") + announced("/up/a.pkg"), 1, "a.pkg: rejected (version 2): too old"},
+        {running, Told(OURS, "Install", "Cancelled", Because("cancelled by user bob")), 0,
+         "install 3.1: cancelled by user bob\n"},
+        {running, Told(OURS, "Install", "Succeeded"), 1, "not cancelled, it had succeeded by then"},
+        {running, Told(OURS, "Install", "Failed", Because("no power")), 1, "not cancelled, it failed: no power"},
+        {running, Told(OURS, "Install", "Lost", Because("restart")), 3, "not known: restart"},
+        {JobDocument(OURS, "Install", "Failed", R"(, "version": "3.1")"), "", 1, "it has ended already: failed"},
     };
     for (const auto& item : cases) {
         Device device;
-        device.Play({Event("updateavailable", "{}") + kLive, "upload", item.events});
-        std::ofstream(device.Folder() + "/a.pkg") << "x";
-        const auto program = device.Start("upload a.pkg");
+        device.Script("/v1/operations/aaaa", {200, item.now});
+        device.Play({kLive, "cancel", Told(OTHER, "Install", "Cancelled") + item.later});
+        const auto program = device.Start("cancel aaaa");
         EXPECT_EQ(program->Status(), item.status) << program->Errors();
         EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
-        EXPECT_EQ(device.Messages("/v1/upload", 3).back().at("className"), "ZFileCloseMsg");
+        if (!item.later.empty()) {
+            EXPECT_EQ(device.Messages("/v1/cancel", 1).front().at("id"), OURS) << "the whole id";
+        }
     }
 }
 
@@ -180,33 +229,45 @@ TEST(Follow, WatchShowsEveryKindOfEventUntilItIsInterrupted) {
         {Event("storagedeviceupdate", R"({"addedDevices": ["/media/usb1"], "removedDevices": ["/media/u\u001b"]})") +
          Event("updateavailable", R"({"messages": [{"version": "3.1", "versionType": "System"}]})") +
          Event("peerupdate", R"({"name": "palm", "deviceModel": "QMD", "serialNumber": "4", "connected": true})") +
-         Step(3)});
+         Told(OURS, "Check", "Running", OfFile("/a")) + Told(OURS, "Check", "Running", OfFile("/a")) +
+         Told(OURS, "Check", "Failed", OfFile("/a", Because("bad"))) +
+         Event("progress", R"({"header": "Install", "message": "Write", "percent": 3})")});
     const auto program = device.Start("watch");
     EXPECT_TRUE(program->WaitForOutput("  3 %  Install: Write\n"));
     program->Interrupt();
     EXPECT_EQ(program->Status(), 130);
     EXPECT_THAT(program->Output(),
                 HasSubstr("drive attached: /media/usb1\ndrive removed: /media/u\\x1b\navailable: 3.1\n"
-                          "device palm (QMD-4): connected\n"));
+                          "device palm (QMD-4): connected\n"
+                          "job aaaa0000: check /a: running\njob aaaa0000: check /a: failed: bad\n"));
+}
+
+std::string LogEntry(int number, int level = 2) {
+    return R"({"number": )" + std::to_string(number) + R"(, "time": 86400000, "level": )" + std::to_string(level) +
+           R"(, "channel": "Node", "text": "line )" + std::to_string(number) + R"("})";
 }
 
 TEST(Follow, TheLogGoesOnWithoutLosingOrRepeatingALine) {
     Device device;
-    device.Script("/v1/log", {200, R"({"lines": ["a", "b", "c"]})"});
-    device.Play({LogLine("b") + LogLine("c"), "", LogLine("d") + Step(1) + LogLine("e")});
+    device.Script("/v1/log", {200, R"({"entries": [)" + LogEntry(1) + "," + LogEntry(3) + "]}"});
+    device.Play({Event("log", LogEntry(2)) + Event("log", LogEntry(3)), "",
+                 Event("log", LogEntry(4, 1)) + Event("log", LogEntry(6)) + Event("log", LogEntry(5, 4)), true});
+    device.Play({kLive, "", Event("log", LogEntry(1, 3)), false});  // it has started anew
     const auto program = device.Start("log --follow");
-    EXPECT_TRUE(program->WaitForOutput("e\n"));
+    EXPECT_TRUE(program->WaitForOutput("warning Node: line 1\n"));
     program->Interrupt();
     EXPECT_EQ(program->Status(), 130);
-    EXPECT_EQ(program->Output(), "a\nb\nc\nd\ne\n");
+    EXPECT_THAT(program->Output(),
+                testing::MatchesRegex("1970[^\n]*:00\\.000 info    Node: line 1\n[^\n]* line 3\n[^\n]* line 6\n"
+                                      "[^\n]*error   Node: line 5\n[^\n]*warning Node: line 1\n"));
     EXPECT_EQ(device.Messages("/v1/events", 1).front(), boost::json::value(true));
 }
 
 TEST(Follow, ARequestWithoutAnAnswerCanBeInterrupted) {
     Device device;
-    device.Script("/v1/findupdates", {200, "{}", true});
+    device.Script("/v1/inventory", {200, "{}", true});
     const auto program = device.Start("updates");
-    device.Messages("/v1/findupdates", 1);
+    device.Messages("/v1/inventory", 1);
     program->Interrupt();
     EXPECT_EQ(program->Status(), 130);
 }

@@ -20,7 +20,6 @@ std::string Shown(const std::vector<Progress>& course, std::size_t columns) {
     ProgressDisplay display(out, [columns] { return columns; });
     for (const auto& progress : course) {
         display.Show(progress);
-        display.Tick();
     }
     display.End();
     return out.str();
@@ -47,14 +46,14 @@ TEST(ProgressDisplay, RedrawsOneLineOnATerminalAndNeverFillsIt) {
     }
 }
 
-TEST(ProgressDisplay, MovesTheSpinnerAtEachTick) {
+TEST(ProgressDisplay, MovesTheSpinnerWithEachMessage) {
     std::ostringstream out;
     ProgressDisplay display(out, [] { return std::size_t{60}; });
     display.Show(Stage("Sync", 0, true));
     std::string last = out.str();
-    for (int tick = 0; tick < 50; ++tick) {
+    for (int message = 0; message < 50; ++message) {
         out.str("");
-        display.Tick();
+        display.Show(Stage("Sync", 0, true));
         EXPECT_NE(out.str(), last);
         EXPECT_THAT(out.str(), testing::HasSubstr("<=>"));
         last = out.str();

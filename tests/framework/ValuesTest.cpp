@@ -52,6 +52,14 @@ void Log(const std::string& text) {
     ZLog::Instance().Log(3, "channel", "File", "Function", 1, "%s", text.c_str());
 }
 
+std::vector<std::string> Texts(const ZLogChoice& choice) {
+    std::vector<std::string> texts;
+    for (const ZLogLine& line : ZLog::Instance().Recent(choice)) {
+        texts.emplace_back(line.Text());
+    }
+    return texts;
+}
+
 TEST(Log, LetsNoTextForgeASecondLineAndRemembersTheNewest) {
     const LogCapture log;
     Log("a\nb\tc\r\x1b[2J\x7f \xC3\xBC \xE2\x80\xAE\xFF");
@@ -60,8 +68,36 @@ TEST(Log, LetsNoTextForgeASecondLineAndRemembersTheNewest) {
     for (int line = 0; line < 1005; ++line) {
         Log(std::to_string(line));
     }
-    EXPECT_THAT(ZLog::Instance().Recent(2), ElementsAre(EndsWith(" 1003"), EndsWith(" 1004")));
-    EXPECT_THAT(ZLog::Instance().Recent(5000), SizeIs(1000));
+    EXPECT_THAT(Texts({.count = 2}), ElementsAre("1003", "1004"));
+    EXPECT_THAT(Texts({.count = 5000}), SizeIs(testing::AllOf(testing::Ge(1000U), testing::Le(1100U))));
+}
+
+TEST(Log, AnswersToQuestionsDoNotPushOutWhatHappened) {
+    Log("it happened");
+    const std::uint64_t first = ZLog::Instance().Recent({.count = 1}).back().number;
+    for (int question = 0; question < 2000; ++question) {
+        const ZAnswerLines answer;
+        Log("asked");
+    }
+    Log("it went on");
+    const auto lines = ZLog::Instance().Recent({.count = 1000});
+    const auto texts = Texts({});
+    EXPECT_EQ(std::ranges::count(texts, "asked"), 100);
+    EXPECT_THAT(texts, testing::Contains("it happened"));
+    EXPECT_EQ(texts.back(), "it went on");
+    EXPECT_EQ(lines.back().number, first + 2001) << "each line has a number of its own";
+    EXPECT_TRUE(std::ranges::is_sorted(lines, {}, &ZLogLine::number));
+}
+
+TEST(Log, GivesTheLinesOfALevelAndFromATimeOn) {
+    ZLog::Instance().Log(4, "A channel", "file", "Function", 1, "bad");
+    Log("odd");
+    const auto newest = ZLog::Instance().Recent({.count = 2});
+    EXPECT_EQ(newest.front().Channel(), "A channel");
+    EXPECT_EQ(newest.front().Text(), "bad");
+    EXPECT_EQ(newest.front().line, "A channel file Function:1 bad");
+    EXPECT_THAT(Texts({.count = 1, .level = 4}), ElementsAre("bad"));
+    EXPECT_THAT(Texts({.since = newest.back().time + 3'600'000}), SizeIs(0));
 }
 
 std::string Saved(const ZMessage& message) {

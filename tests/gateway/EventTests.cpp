@@ -48,8 +48,15 @@ TEST_F(Gateway, SendsLogLinesToThoseWhoAskForThem) {
     RawClient listener = Events("?log=1");
     ZLog::Instance().Log(2, "Test", "test", "Test", 1, "%s", "a \"quoted\" name, and one in Latin-1: M\xfcller");
     EXPECT_TRUE(listener.WaitFor("a \\\"quoted\\\" name, and one in Latin-1: M\\\\xfcller\"}\n\n"));
+    EXPECT_THAT(listener.Received(), testing::HasSubstr(R"("level":2,"channel":"Test","text":"a \"quoted)"));
     const Reply lines = Get("/v1/log?lines=1");
-    EXPECT_TRUE(lines.body.starts_with("{\"lines\":[\"") && lines.body.ends_with("ller\"]}")) << lines.body;
+    EXPECT_THAT(lines.body,
+                testing::MatchesRegex(R"(\{"lines":\["Test .*ller"\],"entries":\[\{"number":[0-9]+,"time":1[0-9]{12},)"
+                                      R"("level":2,"channel":"Test","text":"a .*ller"\}\]\})"));
+    ZLog::Instance().Log(4, "Test", "test", "Test", 1, "bad");
+    ZLog::Instance().Log(2, "Test", "test", "Test", 1, "odd");
+    EXPECT_THAT(Get("/v1/log?lines=1&level=4").body, testing::HasSubstr(R"("text":"bad")"));
+    EXPECT_EQ(Get("/v1/log?since=99999999999999").body, R"({"lines":[],"entries":[]})");
 }
 
 TEST_F(Gateway, DropsAListenerThatDoesNotRead) {

@@ -93,6 +93,8 @@ TEST_F(Gateway, RefusesBadRequestsWithAProblemThatNamesTheField) {
         {"POST", "/v1/storagedeviceupdate", R"({"devices":["a",1]})", 400, "devices"},
         {"GET", "/v1/log?lines=many", "", 400, "lines"},
         {"GET", "/v1/log?lines=-1", "", 400, "lines"},
+        {"GET", "/v1/log?level=5", "", 400, "level"},
+        {"GET", "/v1/log?since=yesterday", "", 400, "since"},
         {"GET", "/v1/events?log=yes", "", 400, "log"},
         {"POST", "/v1/UpdateSystem", "{}", 404, ""},
         {"POST", "/v1/", "{}", 404, ""},

@@ -35,9 +35,9 @@ std::filesystem::path TemporaryFolder::Write(const std::string& name, const std:
 }
 
 LogCapture::LogCapture()
-    : m_listener(ZLog::Instance().AddListener([this](int level, const std::string& text) {
+    : m_listener(ZLog::Instance().AddListener([this](const ZLogLine& line) {
           const std::lock_guard lock(m_mutex);
-          m_lines.push_back({level, text});
+          m_lines.push_back({line.level, line.line});
       })) {}
 
 LogCapture::~LogCapture() {
