@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "ZShared/ZDeadline.h"
+
 // Documents that come after the last one are of no account; so is all that comes after the end. What is not listed
 // changes nothing.
 const InstallLife::Row InstallLife::kTable[] = {
@@ -23,7 +25,18 @@ InstallLife::Effect InstallLife::Take(Event event) {
         return Effect::None;
     }
     state->stage = row->next;
+    if (row->next == Stage::Over) {
+        m_over.notify_all();
+    }
     return row->effect;
+}
+
+void InstallLife::AwaitEndOfFailed() {
+    constexpr auto kPatience = std::chrono::seconds(3);
+    if (m_operation->Get()->m_State != ZOperationState::Succeeded && !m_operation->IsOpen()) {
+        m_state.Lock().WaitUntil(m_over, ZClock::now() + kPatience,
+                                 [](const State& state) { return state.stage == Stage::Over; });
+    }
 }
 
 void InstallLife::OnStarted(const ZProcessId& process) {

@@ -15,6 +15,8 @@ public:
     ZOperation& Operation() const { return *m_operation; }
     /// Whether its process may live: no other install is started meanwhile.
     bool IsAlive() const { return m_state.Lock()->stage != Stage::Over; }
+    /// One that has told that it failed ends in a moment: waits for that, a few seconds at most.
+    void AwaitEndOfFailed();
 
     // What happens.
     void OnStarted(const ZProcessId& process);
@@ -55,4 +57,5 @@ private:
     const std::shared_ptr<ZOperation> m_operation;
     const std::filesystem::path m_slots;
     ZGuarded<State> m_state;
+    std::condition_variable m_over;
 };

@@ -71,8 +71,15 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
         answer.m_ErrorText = ToZString(reason);
         operation->Fail(answer.m_ErrorText, code);
     };
-    if (const auto running = m_install.Copy(); running && running->IsAlive()) {
-        refuse(ToStdString(running->Operation().Get()->m_Version) + " is being installed", Codes::ERRCODE_BUSY);
+    const auto running = m_install.Copy();
+    if (running) {
+        running->AwaitEndOfFailed();
+    }
+    if (running && running->IsAlive()) {
+        const bool isOpen = running->Operation().IsOpen();
+        refuse(ToStdString(running->Operation().Get()->m_Version) +
+                   (isOpen ? " is being installed" : " was installed just now: its installer has not ended yet"),
+               Codes::ERRCODE_BUSY);
         return;
     }
     m_UpdateVersion.Exchange(request.m_Version);

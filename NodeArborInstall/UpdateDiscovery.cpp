@@ -34,6 +34,7 @@ bool ZNodeArborInstall::OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& m
 }
 
 bool ZNodeArborInstall::OnFindUpdates(std::shared_ptr<ZMessage>& request) {
+    const ZAnswerLines answers;
     const auto answer = Z_MAKE(ZMessageArray);
     const auto packages = m_tables.Packages();
     for (const auto& [version, path] : packages) {

@@ -1,6 +1,7 @@
 #include "ZNodeArborInstall.h"
 
 bool ZNodeArborInstall::OnCompareVersions(std::shared_ptr<ZMessage>& request) {
+    const ZAnswerLines answers;
     const auto compare = ZCAST(ZCompareVersionsMsg, request);
     if (!compare) {
         Z_LOG(4, "Unexpected message type specified!");
@@ -17,6 +18,7 @@ bool ZNodeArborInstall::OnCompareVersions(std::shared_ptr<ZMessage>& request) {
 }
 
 bool ZNodeArborInstall::OnGetInstalledVersionInfo(const std::shared_ptr<ZMessage>& request) {
+    const ZAnswerLines answers;
     Z_LOG(2, "Entered OnGetInstalledVersionInfo()...");
     if (InShutdown() || m_bShutdownRequested) {
         return true;
@@ -33,6 +35,7 @@ bool ZNodeArborInstall::OnGetInstalledVersionInfo(const std::shared_ptr<ZMessage
 }
 
 bool ZNodeArborInstall::OnGetUpdateInProgress(std::shared_ptr<ZMessage>& request) {
+    const ZAnswerLines answers;
     const bool inProgress = m_bUpdateInProgress || m_remoteInstalls;
     const char* const text = inProgress ? "TRUE" : "FALSE";
     Z_LOG(2, "Received request to check if an update is in progress - Update In Progress = <%s>; Message = <%s>...",
