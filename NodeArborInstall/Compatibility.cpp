@@ -1,3 +1,5 @@
+#include <sys/stat.h>
+
 #include <magic_enum/magic_enum.hpp>
 
 #include "PackageFiles.h"
@@ -14,6 +16,15 @@ Z_IMPLEMENT(ZNodeArborInstall_BuildAction)
 namespace {
 
 constexpr const char* kOtherBoard = "apalis-imx8";
+
+/// What changes when a file is written anew; none when there is no such file.
+std::optional<std::pair<ino_t, std::int64_t>> StampOf(const fs::path& file) {
+    struct stat status {};
+    if (::stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return std::nullopt;
+    }
+    return std::pair{status.st_ino, status.st_ctim.tv_sec * 1'000'000'000 + status.st_ctim.tv_nsec};
+}
 
 std::string ModelName(ZDeviceModel model) {
     return std::string(magic_enum::enum_name(model));
@@ -120,14 +131,16 @@ ZResult<void> ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message
     Z_LOG(2, "Build command: %s", command);
     std::string output;
     const fs::path file = directory / package;
+    const auto before = StampOf(file);
     const bool ran = ZPlatform::ExecuteCommand(command, output);
-    const bool built = ran && fs::is_regular_file(file);
+    const auto after = StampOf(file);
+    const bool built = ran && after && after != before;  // one that lay there already may be another board's
     if (built) {
         m_tables.SetBuild(m_systemVersion, ToZString(board), file);
     }
     Z_LOG(2, "%s: %s", built ? "SUCCESS" : "FAILURE", output.c_str());
     if (ran && !built) {
-        return ZError("the installer's script ended well and left no " + file.string());
+        return ZError("the installer's script ended well and left no new " + file.string());
     }
     return built ? ZResult<void>() : ZError(output.empty() ? "the installer's script failed" : output);
 }

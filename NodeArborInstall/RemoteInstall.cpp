@@ -42,7 +42,12 @@ std::string OwnAddressTowards(const std::string& address) {
 
 bool ZNodeArborInstall::ListenToAccessory(const std::string& own, const std::string& accessory,
                                           const std::shared_ptr<ZOperation>& operation) {
-    const auto install = m_accessoryInstall.Lock();
+    constexpr auto kPatience = std::chrono::seconds(5);
+    auto install = m_accessoryInstall.Lock();
+    // One whose end is told already lets go in a moment.
+    install.WaitUntil(m_accessoryFree, ZClock::now() + kPatience, [](const AccessoryInstall& current) {
+        return !current.operation || current.operation->IsOpen();
+    });
     if (install->operation) {
         return false;
     }
@@ -52,6 +57,7 @@ bool ZNodeArborInstall::ListenToAccessory(const std::string& own, const std::str
 
 void ZNodeArborInstall::StopListeningToAccessory() {
     m_accessoryInstall.Exchange({});
+    m_accessoryFree.notify_all();
 }
 
 bool ZNodeArborInstall::OnRemoteInstall(std::shared_ptr<ZMessage>& msg) {

@@ -237,6 +237,7 @@ private:
         std::shared_ptr<ZOperation> operation;
     };
     ZGuarded<AccessoryInstall> m_accessoryInstall;  // whose progress is, or will be, relayed
+    std::condition_variable m_accessoryFree;
     std::filesystem::path m_slots;
     ZGuarded<std::multimap<const ZMessage*, std::shared_ptr<ZOperation>>> m_jobs;  // begun, not taken over yet
     struct Backlog {

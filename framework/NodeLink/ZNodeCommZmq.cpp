@@ -158,6 +158,7 @@ private:
             if (number != 0) {
                 request.message->SetResponseSource(std::make_shared<ZResponseSource>(m_comm.weak_from_this(), number));
             }
+            request.message->SetOrigin(std::make_shared<ZRequestOrigin>("device " + NameOf(key), ""));
             // Without waiting for room: this thread is everybody's.
             outcome = fits ? m_comm.m_local->Publish(endpoint, request.message, nullptr, {false, false, {}})
                            : ZPublishOutcome::QueueFull;
@@ -165,6 +166,12 @@ private:
         if (outcome != ZPublishOutcome::Delivered) {
             Refuse(key, request.header->m_Request, number, outcome, place);
         }
+    }
+
+    std::string NameOf(const std::string& key) const {
+        const auto state = m_comm.m_state.Lock();
+        const auto found = state->names.find(key);
+        return found == state->names.end() ? key.substr(0, 8) : found->second;
     }
 
     bool HasRoom(const std::string& key, const LinkMessage& message) {
@@ -257,6 +264,13 @@ ZResult<void> ZNodeCommZmq::Start(const ZLinkSettings& settings, std::shared_ptr
 }
 
 void ZNodeCommZmq::SetPins(std::vector<ZLinkPin> pins) {
+    {
+        const auto state = m_state.Lock();
+        state->names.clear();
+        for (const ZLinkPin& pin : pins) {
+            state->names[pin.publicKey] = pin.serialNumber.empty() ? pin.name : pin.serialNumber;
+        }
+    }
     if (m_loop) {
         m_loop->SetPins(std::move(pins));
     }

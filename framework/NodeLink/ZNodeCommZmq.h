@@ -60,6 +60,7 @@ private:
         std::map<std::uint64_t, Sent> sent;
         std::map<std::uint64_t, Received> received;
         std::uint64_t nextNumber = 1;
+        std::map<std::string, std::string> names;  // of the pinned devices, by key
     };
 
     bool IsConnected(const std::string& key) const;

@@ -24,6 +24,9 @@ public:
     /// Throws the files away that were not used since `limit`, and returns their paths.
     std::vector<std::string> DiscardUnusedSince(Clock::time_point limit);
 
+    /// Throws one file away; whether it was open.
+    bool Discard(const ZString& path) { return m_files.erase(path) > 0; }
+
     bool IsEmpty() const { return m_files.empty(); }
     const std::vector<std::filesystem::path>& Roots() const { return m_roots; }
 

@@ -101,7 +101,8 @@ void ZNodeFileIO::ReadIdentity() {
 
 bool ZNodeFileIO::InitMessageMap() {
     return Subscribe(GetEndpoint(ZEndpointType::DeviceRequest, "fileIO", 0),
-                     [this](const std::shared_ptr<ZMessage>& message) { return OnFileMessage(message); });
+                     [this](const std::shared_ptr<ZMessage>& message) { return OnFileMessage(message); }) &&
+           SubscribeCancel();
 }
 
 bool ZNodeFileIO::OnFileMessage(const std::shared_ptr<ZMessage>& message) {
@@ -111,6 +112,9 @@ bool ZNodeFileIO::OnFileMessage(const std::shared_ptr<ZMessage>& message) {
     FileError error;
     try {
         error = isOthers ? HandOver(message, *file) : Do(message, *answer);
+        if (file && !isOthers) {
+            TellJob(*message, *file, error);
+        }
     } catch (const std::exception& failure) {
         error.reason = failure.what();
     }
@@ -143,6 +147,67 @@ FileError ZNodeFileIO::Do(const std::shared_ptr<ZMessage>& message, ZGenericResp
     }
     return {ZFrameworkErrorCodes::ERRCODE_NOT_SUPPORTED,
             std::string("a ") + message->ClassName() + " is no file message"};
+}
+
+void ZNodeFileIO::TellJob(const ZMessage& message, const ZFileMsg& file, const FileError& error) {
+    const std::string path = ToStdString(file.m_FilePath);
+    const bool opens = message.IsKindOf(ZFileOpenMsg::m_cid);
+    if (opens && error.code == ZFrameworkErrorCodes::ERRCODE_BUSY && m_uploads.contains(path)) {
+        return;  // somebody else's upload of that file goes on
+    }
+    if (opens) {
+        Upload& upload = m_uploads[path];
+        upload = {BeginOperation({.kind = ZOperationKind::Upload, .file = file.m_FilePath}, &message),
+                  static_cast<const ZFileOpenMsg&>(file).m_Size, 0};
+        upload.operation->Start();
+    }
+    const auto found = m_uploads.find(path);
+    if (found == m_uploads.end()) {
+        return;
+    }
+    Upload& upload = found->second;
+    if (error) {
+        upload.operation->Fail(ToZString(error.reason), error.code);
+    } else if (message.IsKindOf(ZFileCloseMsg::m_cid)) {
+        upload.operation->Succeed();
+    } else if (message.IsKindOf(ZFileWriteMsg::m_cid)) {
+        upload.received += static_cast<std::int64_t>(static_cast<const ZFileWriteMsg&>(file).m_Data.size() / 4 * 3);
+        const std::int64_t percent =
+            upload.size > 0 ? std::min<std::int64_t>(upload.received * 100 / upload.size, 99) : 0;
+        upload.operation->Tell("Upload", ToZString(fs::path(path).filename().string()),
+                               static_cast<std::int32_t>(percent));
+    }
+    if (!upload.operation->IsOpen() && (opens || message.IsKindOf(ZFileCloseMsg::m_cid))) {
+        m_uploads.erase(found);
+    }
+}
+
+void ZNodeFileIO::EndJob(const std::string& path, const std::string& reason) {
+    const auto upload = m_uploads.extract(path);
+    if (!upload) {
+        return;
+    }
+    ZOperation& operation = *upload.mapped().operation;
+    if (const auto why = operation.CancelReason()) {
+        operation.Cancel(ToZString("cancelled " + *why));
+    } else {
+        operation.Fail(ToZString(reason));
+    }
+}
+
+void ZNodeFileIO::DiscardCancelled() {
+    std::vector<std::string> cancelled;
+    for (const auto& [path, upload] : m_uploads) {
+        if (upload.operation->CancelReason()) {
+            cancelled.push_back(path);
+        }
+    }
+    for (const std::string& path : cancelled) {
+        if (m_files->Discard(ToZString(path))) {
+            Z_LOG(2, "The upload of %s was cancelled", Shown(path));
+        }
+        EndJob(path, {});
+    }
 }
 
 FileError ZNodeFileIO::Read(const ZFileReadMsg& request, ZFileReadResponseMsg& answer) {
@@ -188,6 +253,7 @@ void ZNodeFileIO::WatchIdleFiles() {
     const auto timer = GetTimer(
         "idle files",
         [this](void*) {
+            DiscardCancelled();
             Discard(OpenFiles::Clock::now() - m_idle, "nobody used it for " + std::to_string(m_idle.count()) + " s");
             WatchIdleFiles();
         },
@@ -203,6 +269,7 @@ void ZNodeFileIO::WatchIdleFiles() {
 void ZNodeFileIO::Discard(OpenFiles::Clock::time_point limit, const std::string& reason) {
     for (const std::string& path : m_files->DiscardUnusedSince(limit)) {
         Z_LOG(3, "Unfinished file %s was thrown away: %s", Shown(path), reason);
+        EndJob(path, reason);
     }
 }
 

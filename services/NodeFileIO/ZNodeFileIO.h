@@ -44,6 +44,10 @@ private:
     FileError Read(const ZFileReadMsg& request, ZFileReadResponseMsg& answer);
     bool IsForThisDevice(const ZFileMsg& file) const;
     FileError HandOver(const std::shared_ptr<ZMessage>& message, ZFileMsg& file);
+    /// Tells the upload's job of what came of a message for it.
+    void TellJob(const ZMessage& message, const ZFileMsg& file, const FileError& error);
+    void EndJob(const std::string& path, const std::string& reason);
+    void DiscardCancelled();
     void WatchIdleFiles();
     void Discard(OpenFiles::Clock::time_point limit, const std::string& reason);
 
@@ -52,6 +56,12 @@ private:
     ZDeviceModel m_deviceModel{};
     ZString m_serialNumber;  // empty: unknown
     std::unique_ptr<OpenFiles> m_files;
-    std::vector<char> m_bytes;  // of one part that is read, kept so that its memory is used again
-    bool m_bWatching = false;   // the timer runs
+    struct Upload {
+        std::shared_ptr<ZOperation> operation;
+        std::int64_t size = -1;  // as announced; negative: it was not
+        std::int64_t received = 0;
+    };
+    std::map<std::string, Upload> m_uploads;  // by the path that their sender gave them
+    std::vector<char> m_bytes;                // of one part that is read, kept so that its memory is used again
+    bool m_bWatching = false;                 // the timer runs
 };

@@ -36,7 +36,8 @@ protected:
 TEST_F(Accessory, IsToldWhetherItFitsAndAPackageIsBuiltForIt) {
     InstallSystem("3.044");
     Archive("3.044");
-    folder.Write("mount/Archive/3.044/installer/installer.py", "#!/bin/sh\necho built for $3 as $5\n", 0755);
+    folder.Write("mount/Archive/3.044/installer/installer.py",
+                 "#!/bin/sh\ncd \"${0%/*}/..\"; echo for $3 > $5; echo built for $3 as $5\n", 0755);
     Start();
     Tables().Builds().clear();
     const auto older = Check("3.010", "");

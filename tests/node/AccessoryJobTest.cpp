@@ -1,0 +1,167 @@
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include "NodeFixture.h"
+
+// What is told about work on accessories is so, and no work stands in another's way.
+
+namespace fs = std::filesystem;
+using testing::Contains;
+using testing::HasSubstr;
+
+namespace {
+
+class AccessoryJobs : public NodeFixture {
+protected:
+    AccessoryJobs() { m_path = std::getenv("PATH") == nullptr ? "" : std::getenv("PATH"); }
+    ~AccessoryJobs() override { ::setenv("PATH", m_path.c_str(), 1); }
+
+    void Program(const std::string& name, const std::string& script) {
+        folder.Write("bin/" + name, "#!/bin/sh\n" + script + "\n", 0755);
+        ::setenv("PATH", ((folder / "bin").string() + ":/usr/sbin:/usr/bin:/sbin:/bin").c_str(), 1);
+    }
+    /// An accessory "P1" at 127.0.0.1 on which every command works; others are not found.
+    void StartWithAccessory(const std::string& config) {
+        InstallSystem("3.044");
+        Archive("3.044");
+        Program("avahi-resolve", "case $3 in KiteQM-P1.local) echo \"$3\t127.0.0.1\";; esac");
+        Program("hostname", "echo cart");
+        Program("ssh", ":");
+        Program("rsync", ":");
+        Start(R"("ProgressPort":)" + std::to_string(kPort) + (config.empty() ? "" : "," + config));
+    }
+    std::shared_ptr<ZVersionInfoMsg> InstallOn(const char* serialNumber) {
+        const auto request = Z_MAKE(ZSystemUpdateMsg);
+        request->m_Version = "3.044";
+        request->m_SerialNumber = serialNumber;
+        const auto answer =
+            cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
+        return answer ? cast_shared<ZVersionInfoMsg>(answer->m_Messages.front()) : nullptr;
+    }
+    /// Connects to the relay from that address of this machine.
+    static ZFileDescriptor Connect(const char* from) {
+        sockaddr_in own{};
+        own.sin_family = AF_INET;
+        ::inet_pton(AF_INET, from, &own.sin_addr);
+        sockaddr_in relay = own;
+        relay.sin_port = htons(kPort);
+        ::inet_pton(AF_INET, "127.0.0.1", &relay.sin_addr);
+        ZFileDescriptor connection;
+        EXPECT_TRUE(WaitUntil([&] {
+            connection.Reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            return ::bind(connection.Get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0 &&
+                   ::connect(connection.Get(), reinterpret_cast<const sockaddr*>(&relay), sizeof relay) == 0;
+        }));
+        return connection;
+    }
+    static void Say(const ZFileDescriptor& connection, const std::string& text) {
+        ::send(connection.Get(), text.data(), text.size(), MSG_NOSIGNAL);
+    }
+    bool WaitForPercent(std::int32_t percent) {
+        return WaitUntil(
+            [&] { return std::ranges::any_of(Jobs(), [&](const auto& job) { return job->m_Percent == percent; }); });
+    }
+    static constexpr std::uint16_t kPort = 5631;
+
+private:
+    std::string m_path;
+};
+
+TEST_F(AccessoryJobs, FailWhenTheAccessoryFallsSilentAndOthersGoOn) {
+    StartWithAccessory(R"("AccessoryPatienceSeconds":1)");
+    const char* const end =
+        "RemoteInstall 3.044 Failed: the installer on the accessory (127.0.0.1) does not report any more: whether it "
+        "goes on is not known";
+    ASSERT_TRUE(InstallOn("P1")->m_bSuccess);
+    EXPECT_TRUE(WaitForJob(end)) << "its installer never reported";
+    EXPECT_TRUE(WaitUntil([&] { return !Tables().UpdateInProgress(); }));
+    ASSERT_TRUE(InstallOn("P1")->m_bSuccess);
+    {
+        const auto installer = Connect("127.0.0.1");
+        Say(installer, R"({"percent":33,"message":"half"})");
+        ASSERT_TRUE(WaitForPercent(33));
+        // Meanwhile this device installs for itself, and its progress is seen.
+        Package("a.pkg", "3.045", 0, kLives);
+        ASSERT_TRUE(Install(UpdateTo("3.045"))->m_bSuccess);
+        Installer own(socket);
+        own.Say(R"({"percent":100,"done":true})");
+        EXPECT_TRUE(WaitForJob("Install 3.045 Succeeded"));
+        EXPECT_THAT(JobLines(), Contains("RemoteInstall 3.044 Running"));
+    }
+    EXPECT_TRUE(WaitUntil([&] {
+        const auto lines = JobLines();
+        return std::ranges::count(lines, end) == 2;
+    })) << "it went away";
+}
+
+TEST_F(AccessoryJobs, HaveAStateEachAndTakeDocumentsFromTheirAccessoryOnly) {
+    StartWithAccessory("");
+    ASSERT_TRUE(InstallOn("P1")->m_bSuccess);
+    const auto installer = Connect("127.0.0.1");
+    Say(installer, R"({"percent":20})");
+    ASSERT_TRUE(WaitForPercent(20));
+    EXPECT_FALSE(InstallOn("P2")->m_bSuccess);
+    EXPECT_TRUE(WaitForJob("RemoteInstall 3.044 Failed: the accessory was not found in the network"));
+    EXPECT_TRUE(Tables().UpdateInProgress()) << "the first goes on";
+    const auto second = InstallOn("P1");
+    EXPECT_EQ(second->m_ErrorCode, ZFrameworkErrorCodes::ERRCODE_BUSY);
+    EXPECT_TRUE(WaitForJob("RemoteInstall 3.044 Failed: another accessory is being installed"));
+    const auto stranger = Connect("127.0.0.7");
+    Say(stranger, R"({"percent":100,"done":true})");
+    EXPECT_TRUE(log.WaitFor(3, "Progress from 127.0.0.7 is refused: 127.0.0.1 is being installed"));
+    Say(installer, R"({"percent":60})");
+    ASSERT_TRUE(WaitForPercent(60)) << "nothing ended it";
+    Say(installer, R"({"percent":100,"done":true})");
+    EXPECT_TRUE(WaitForJob("RemoteInstall 3.044 Succeeded"));
+    EXPECT_TRUE(WaitUntil([&] { return !Tables().UpdateInProgress(); }));
+}
+
+TEST_F(AccessoryJobs, BuildForEachBoardAndSendNoneToAnother) {
+    InstallSystem("3.044");
+    Archive("3.044");
+    folder.Write("mount/Archive/3.044/installer/installer.py",
+                 "#!/bin/sh\ncd \"${0%/*}/..\"; [ $3 = lazy ] || echo for $3 > $5\n", 0755);
+    Start();
+    const auto check = [&](const char* board, ZDeviceModel model) {
+        const auto request = Z_MAKE(ZDeviceCompatibilityMsg);
+        request->m_Version = "3.010";
+        request->m_Board = board;
+        request->m_Model = model;
+        probe->Ask(ZEndpointType::GraphService, "checkCompatibility", request);
+        EXPECT_TRUE(WaitUntil([&] { return !Tables().BuildInProgress(); }));
+    };
+    const auto transfer = [&](ZDeviceModel model) {
+        const auto request = Z_MAKE(TransferMsg);
+        request->m_Version = "3.044";
+        request->m_DeviceModel = model;
+        return cast_shared<ZVersionInfoMsg>(probe->Ask(ZEndpointType::DeviceRequest, "transfer", request));
+    };
+    check("verdin-imx8mm", ZDeviceModel::QMA);
+    EXPECT_TRUE(log.Has(2, "Skipping build because we already have it")) << "the archive's is for that board";
+    check("apalis-imx8", ZDeviceModel::QMB);
+    EXPECT_TRUE(WaitForJob("Build 3.044 Succeeded"));
+    EXPECT_EQ(ReadText(folder / "mount/Archive/3.044/arbor_kite.pkg"), "for apalis-imx8\n");
+    // Its program ends well and leaves nothing new: what lies there is another board's.
+    check("lazy", ZDeviceModel::QMC);
+    EXPECT_THAT(JobLines(),
+                Contains(HasSubstr("Build 3.044 Failed: the installer's script ended well and left no new ")));
+    check("lazy", ZDeviceModel::QMC);
+    EXPECT_EQ(std::ranges::count_if(JobLines(), [](const auto& line) { return line.starts_with("Build"); }), 3)
+        << "and it is tried again";
+    const auto refused = transfer(ZDeviceModel::QMC);
+    ASSERT_TRUE(refused);
+    EXPECT_FALSE(refused->m_bSuccess);
+    EXPECT_THAT(JobLines(), Contains(HasSubstr("is for board apalis-imx8, the accessory has lazy")));
+    std::vector<std::string> sent;
+    probe->Listen(ZEndpointType::DeviceRequest, "fileIO", [&](const std::shared_ptr<ZMessage>& message) {
+        if (const auto open = cast_shared<ZFileOpenMsg>(message)) {
+            sent.push_back(fs::path(open->m_FilePath).filename().string());
+        }
+        return Z_MAKE(ZGenericResponseMsg);
+    });
+    EXPECT_TRUE(transfer(ZDeviceModel::QMA)->m_bSuccess);
+    EXPECT_TRUE(transfer(ZDeviceModel::QMB)->m_bSuccess);
+    EXPECT_THAT(sent, testing::ElementsAre("arbor_qm.pkg", "arbor_kite.pkg"));
+}
+
+}  // namespace
