@@ -253,7 +253,7 @@ bool ZNodeArborInstall_RemoteInstallAction::RunCommands(const Commands& commands
     Z_LOG(2, "Execute: %s", commands.led);
     if (!ZPlatform::ExecuteCommand(commands.led, output)) {
         Z_LOG(4, "Unable to set LED on remote machine - Result = <%s>!", output);
-        Fail("the accessory can't be reached by ssh: " + output);
+        Fail("the accessory can't be reached by ssh, or its LED can't be set: " + output);
         return false;
     }
     Z_LOG(2, "Execute: %s", commands.folder);

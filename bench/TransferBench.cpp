@@ -6,9 +6,9 @@
 #include "BareQueue.h"
 #include "Benches.h"
 #include "Nodes.h"
+#include "ZMessages/OperationMessages.h"
 #include "ZNodeFileIO.h"
 #include "ZShared/ZFileDescriptor.h"
-#include "ZShared/ZLog.h"
 
 namespace fs = std::filesystem;
 
@@ -63,36 +63,39 @@ const Package& ThePackage() {
     return package;
 }
 
-/// Learns from the log how a transfer ended: its last step is told nowhere else.
-class EndWatch {
+/// How transfers end, as their jobs tell it. Make it before the graph whose node listens: it has to outlive that.
+class TransferEnds {
 public:
-    EndWatch() : m_listener(ZLog::Instance().AddListener([this](const ZLogLine& line) { Read(line.line); })) {}
-    ~EndWatch() { ZLog::Instance().RemoveListener(m_listener); }
-    EndWatch(const EndWatch&) = delete;
-    EndWatch& operator=(const EndWatch&) = delete;
-
-    bool WaitForSuccess() { return m_ends.PopWithin(kPatience).value_or(false); }
-
-private:
-    void Read(const std::string& line) {
-        if (line.find("File Close") != std::string::npos) {
-            m_ends.Push(line.ends_with("Complete SUCCESS"));
+    void ListenOn(ZNode& node) {
+        const auto listen = [this](const std::shared_ptr<ZMessage>& message) { return Take(message); };
+        if (!node.Subscribe(node.GetEndpoint(ZEndpointType::GraphService, "operation", 0), listen)) {
+            throw std::runtime_error("nothing tells how transfers end");
         }
     }
 
-    BareQueue<bool> m_ends;
-    int m_listener;
+    bool WaitForSuccess() { return m_ends.PopWithin(kPatience) == ZOperationState::Succeeded; }
+
+private:
+    bool Take(const std::shared_ptr<ZMessage>& message) {
+        const auto job = cast_shared<ZOperationMsg>(message);
+        if (job && job->m_Kind == ZOperationKind::Transfer && !job->IsOpen()) {
+            m_ends.Push(job->m_State);
+        }
+        return true;
+    }
+
+    BareQueue<ZOperationState> m_ends;
 };
 
 /// Has the node send the package to this device itself. False when it refuses, or the file does not arrive whole.
-bool Transfer(ZNode& asking, EndWatch& watch) {
+bool Transfer(ZNode& asking, TransferEnds& ends) {
     const auto request = Z_MAKE(TransferMsg);
     request->m_Version = kVersion;
     request->m_SerialNumber = "SN42";
     std::shared_ptr<ZMessage> response;
     asking.Publish(asking.GetEndpoint(ZEndpointType::DeviceRequest, "transfer", 0), request, &response);
     const auto answer = cast_shared<ZGenericResponseMsg>(response);
-    return answer && answer->m_bSuccess && watch.WaitForSuccess();
+    return answer && answer->m_bSuccess && ends.WaitForSuccess();
 }
 
 void SetSecondsSince(benchmark::State& state, Clock::time_point start) {
@@ -101,16 +104,17 @@ void SetSecondsSince(benchmark::State& state, Clock::time_point start) {
 
 void TransferWithNodes(benchmark::State& state) {
     const InstallSettings& settings = ThePackage().settings;
+    TransferEnds ends;
     ZGraph graph(settings.core);
     AddNode(graph, ZNodeArborInstall::kClassName, "ArborInstall", settings.record);
     AddNode(graph, ZNodeFileIO::kClassName, "FileIO", ZMakeShared<ZNodeFileIOCfg>());
     const auto asking = AddNode(graph, ZNode::kClassName, "Asking");
+    ends.ListenOn(*asking);
     StartGraph(graph);
     const fs::path file = ThePackage().scratch / "updates/arbor_qm.pkg";
     for ([[maybe_unused]] auto _ : state) {
-        EndWatch watch;
         const auto start = Clock::now();
-        const bool arrived = Transfer(*asking, watch);
+        const bool arrived = Transfer(*asking, ends);
         SetSecondsSince(state, start);
         if (!arrived || fs::file_size(file) != kBytes) {
             state.SkipWithError("the package did not arrive");

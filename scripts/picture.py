@@ -1,17 +1,19 @@
 #!/usr/bin/env python3
 """Draws what the demo printed as a picture for the README: ./run demo --batch | scripts/picture.py > docs/demo.svg
 
-Log lines are cut down to their texts, and only those stay that tell the story; all else stands as it was printed.
+Of log lines and of tables only what tells the story stays, log lines as their texts; all else stands as it was printed.
 """
 
 import re
 import sys
 from html import escape
 
-COLUMNS, CHARACTER, LINE, MARGIN = 112, 7.8, 17, 16
+COLUMNS, CHARACTER, LINE, MARGIN = 116, 7.8, 17, 16
 LOG_LINE = re.compile(r"    \d{4}-\d\d-\d\d [\d:.]+ (?P<level>[DIWE]) \S+ \S+ \S+:\d+ (?P<text>.*)")
-STORY = re.compile(r"Found package file|Verification failed|less than or equal to <|Notify Software version|"
-                   r"Software update command \S+ |Install complete|Removing package")
+STORY = re.compile(r"Found package file|Install complete|Removing package")
+# Rows of tables, with the rows below that go on with them, and lists up to their blank line.
+LEFT_OUT = re.compile(r"(Serial number|Board|Archive|Free|Drives|arbord) {2}|Built for accessories:")
+GOES_ON = re.compile(r" {12}|VERSION .* FILE$|\d\S+ .* archive ")
 COLOURS = {"heading": "#8ab4f8", "command": "#ffffff", "log": "#9aa0a6", "error": "#f28b82", "good": "#81c995", "text": "#dadce0"}
 
 
@@ -19,8 +21,12 @@ def shortened(printed: list[str]) -> list[tuple[str, str]]:
     """The lines to show, each with its kind."""
     begin = next((number for number, line in enumerate(printed) if line.startswith("*")), 0)
     shown = []
+    left_out = False
     for line in printed[begin:]:
         logged = LOG_LINE.match(line)
+        left_out = bool(LEFT_OUT.match(line) or (left_out and GOES_ON.match(line)))
+        if left_out:
+            continue
         if logged:
             if STORY.search(logged["text"]):
                 shown.append(("error" if logged["level"] == "E" else "log", "    " + logged["text"]))

@@ -48,9 +48,9 @@ class Troubles(PairCase):
         self.assertIn("Unable to find the QM host name", CART.log[begin:])
         self.assertNotIn("Execute: ", CART.log[begin:])
         for trouble, told, logged in (
-                (led_broken, "Unable to set LED on remote machine - Result = <Error: Could not write", "Resolved host name"),
-                (folder_in_the_way, "Failed to copy update file from remote", "Make directory result FAILURE"),
-                (locked_out_after_the_copy, "Error executing remote install script", "Progress copy 100 %"),
+                (led_broken, "its LED can't be set: Error: Could not write", "Unable to set LED on remote machine"),
+                (folder_in_the_way, "the package could not be copied", "Make directory result FAILURE"),
+                (locked_out_after_the_copy, "the installer could not be started on the accessory", "Progress copy 100 %"),
                 (slots_in_use, "another install is running", "Install ERROR exit progress loop")):
             with self.subTest(trouble.__name__):
                 begin = len(CART.log)
@@ -65,7 +65,7 @@ class Troubles(PairCase):
             PALM.switch_link(False)
             done = ended(process)
             PALM.switch_link(True)
-        self.assert_ended(1, "Failed to copy update file from remote", done)
+        self.assert_ended(1, "the package could not be copied", done)
         # The copying program may keep what it had got, under the package's own name.
         self.assertFalse(CARRIED.exists() and CARRIED.read_bytes() == BUILT.read_bytes(), "a part was carried")
         until(lambda: CART.run("ssh", f"root@{PALM.station.address}", "true").returncode == 0, "the accessory is reached again")

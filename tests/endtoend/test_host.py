@@ -17,6 +17,7 @@ class Host(InstrumentCase):
         self.assertFalse(paths.GATEWAY.exists())
         unreachable = arborctl("status")
         self.assertEqual(3, unreachable.returncode, unreachable.stdout)
+        self.assertIn("arborctl: arbord does not run: ", unreachable.stdout)
         self.assertIn(str(paths.GATEWAY), unreachable.stdout)
 
     def test_bad_graph_files_are_refused_with_file_line_and_key(self) -> None:

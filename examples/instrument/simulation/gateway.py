@@ -41,6 +41,11 @@ def updates(at: Path = paths.GATEWAY) -> list[str]:
     return [message["version"] for message in post("findupdates", at=at)[1]["messages"]]
 
 
+def jobs(kind: str, at: Path = paths.GATEWAY) -> list[dict]:
+    """The device's jobs of a kind such as "install", the newest first."""
+    return get(f"operations?kind={kind}", at)["operations"]
+
+
 def _call(at: Path, method: str, resource: str, body: str | None = None) -> tuple[int, Any]:
     connection = _UnixConnection(at)
     try:
