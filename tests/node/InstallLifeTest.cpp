@@ -1,5 +1,6 @@
 #include <csignal>
 #include <fstream>
+#include <limits>
 
 #include "NodeFixture.h"
 #include "ZShared/ZProcess.h"
@@ -25,9 +26,13 @@ protected:
         }
         const auto answer = Install(UpdateTo(version));
         EXPECT_TRUE(answer && answer->m_bSuccess) << log.All();
-        return Latest().m_ProcessId;
+        // The job's changes come on another way than the answer.
+        const bool known = WaitUntil([&] { return Latest().m_Version == version && Latest().m_ProcessId > 0; });
+        EXPECT_TRUE(known);
+        return known ? Latest().m_ProcessId : std::numeric_limits<pid_t>::max();
     }
     ZOperationMsg& Latest() {
+        m_latest = std::make_shared<ZOperationMsg>();
         for (const auto& job : Jobs()) {
             if (job->m_Kind == ZOperationKind::Install) {
                 m_latest = job;
@@ -184,8 +189,8 @@ TEST_F(InstallLife, GoesOnAfterARestartOfTheHost) {
     node->ScanDrive(Drive(), results);
     EXPECT_EQ(Ask("3.045")->m_ErrorCode, ZFrameworkErrorCodes::ERRCODE_BUSY);
     restart();  // once more, and now its end is not this host's child's either
-    ::kill(process, SIGKILL);
     LeaveRecord(ToStdString(left->m_Id), "failed", "the disk is full");
+    ::kill(process, SIGKILL);
     EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the disk is full"));
     // What ended while the host was away: told by the record, or not known.
     restart();
