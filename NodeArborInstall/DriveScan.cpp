@@ -122,7 +122,14 @@ void ZNodeArborInstall::CheckDriveEntry(const fs::path& file, DriveChecks& check
                                     .file = ToZString(file.string()),
                                     .parent = checks.scan->Id(),
                                     .asker = "drive " + checks.drive};
-    checks.checks.push_back({QueueCheck(file, results, subject, nullptr), results});
+    {
+        // Either the drive's end reaches this check, or there is none.
+        const std::lock_guard lock(m_checksBegin);
+        if (checks.scan->CancelReason()) {
+            return;
+        }
+        checks.checks.push_back({QueueCheck(file, results, subject, nullptr), results});
+    }
     checks.Tell();
     checks.checks.back().done.wait_for(kPatience);
 }

@@ -50,6 +50,7 @@ bool ZNodeArborInstall::OnFindUpdates(std::shared_ptr<ZMessage>& request) {
 
 /// At once, whatever waits: what hangs on a drive ends when the drive has gone.
 void ZNodeArborInstall::EndChecksOf(const ZVector<ZString>& drives) {
+    const std::lock_guard lock(m_checksBegin);
     for (const auto& operation : Operations()) {
         const auto job = operation->Get();
         const bool isCheck = job->m_Kind == ZOperationKind::Check || job->m_Kind == ZOperationKind::Scan;

@@ -248,6 +248,7 @@ private:
     ZGuarded<std::deque<std::shared_ptr<ZPackageInfoMsg>>> m_refused;  // the newest first
     ZGuarded<std::map<ZDeviceModel, ZString>> m_accessoryBoards;       // as accessories told them
     std::atomic<std::uint64_t> m_checkOrder{0};
+    std::mutex m_checksBegin;  // held while a scan begins a check, and while the checks of a drive are ended
     // One for each remote install that waits for its action.
     ZGuarded<std::vector<std::shared_ptr<ZUseFlag::Hold>>> m_remoteInstallHolds;
     std::filesystem::path m_graphFile;  // never deleted

@@ -230,7 +230,7 @@ TEST_F(InstallLife, IsRefusedBeforeItsInstallerStartsWhenItsProgressCouldNotBeSe
         EXPECT_FALSE(answer->m_bSuccess);
         EXPECT_EQ(answer->m_ErrorCode, ZFrameworkErrorCodes::ERRCODE_INVALID_REQUEST);
         EXPECT_THAT(ToStdString(answer->m_ErrorText), HasSubstr(name + ": "));
-        EXPECT_THAT(JobLines(), Contains(HasSubstr("Install 3.045 Failed: its progress can't be shown: ")));
+        EXPECT_TRUE(WaitForJobLike("Install 3.045 Failed: its progress can't be shown: "));
         const auto elsewhere = UpdateTo("3.045");
         elsewhere->m_ProgressHost = "palm";
         EXPECT_TRUE(Install(elsewhere)->m_bSuccess) << "one that reports to another device needs no socket here";

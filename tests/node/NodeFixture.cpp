@@ -127,6 +127,15 @@ std::vector<std::string> NodeFixture::JobLines() const {
     return lines;
 }
 
+bool NodeFixture::WaitForJobLike(const std::string& part) const {
+    const bool found = WaitUntil([&] {
+        const auto lines = JobLines();
+        return std::ranges::any_of(lines, [&](const auto& line) { return line.find(part) != std::string::npos; });
+    });
+    EXPECT_TRUE(found) << part << " is in none of " << testing::PrintToString(JobLines());
+    return found;
+}
+
 bool NodeFixture::WaitForJob(const std::string& line) const {
     const bool found = WaitUntil([&] {
         const auto lines = JobLines();

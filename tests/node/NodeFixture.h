@@ -69,6 +69,8 @@ protected:
     std::vector<std::shared_ptr<ZOperationMsg>> Jobs() const;
     /// Waits for a job that stands as in "Install 3.045 Failed: why"; of a file, by its name.
     bool WaitForJob(const std::string& line) const;
+    /// As WaitForJob, for a part of the line.
+    bool WaitForJobLike(const std::string& part) const;
     /// How the jobs stand, as above.
     std::vector<std::string> JobLines() const;
 
