@@ -31,9 +31,9 @@ InstallLife::Effect InstallLife::Take(Event event) {
     return row->effect;
 }
 
-void InstallLife::AwaitEndOfFailed() {
+void InstallLife::AwaitEndOfTold() {
     constexpr auto kPatience = std::chrono::seconds(3);
-    if (m_operation->Get()->m_State != ZOperationState::Succeeded && !m_operation->IsOpen()) {
+    if (!m_operation->IsOpen()) {
         m_state.Lock().WaitUntil(m_over, ZClock::now() + kPatience,
                                  [](const State& state) { return state.stage == Stage::Over; });
     }

@@ -15,8 +15,8 @@ public:
     ZOperation& Operation() const { return *m_operation; }
     /// Whether its process may live: no other install is started meanwhile.
     bool IsAlive() const { return m_state.Lock()->stage != Stage::Over; }
-    /// One that has told that it failed ends in a moment: waits for that, a few seconds at most.
-    void AwaitEndOfFailed();
+    /// One that has told its end is gone in a moment: waits for that, a few seconds at most.
+    void AwaitEndOfTold();
 
     // What happens.
     void OnStarted(const ZProcessId& process);

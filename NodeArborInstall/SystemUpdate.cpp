@@ -73,7 +73,7 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     };
     const auto running = m_install.Copy();
     if (running) {
-        running->AwaitEndOfFailed();
+        running->AwaitEndOfTold();
     }
     if (running && running->IsAlive()) {
         const bool isOpen = running->Operation().IsOpen();
