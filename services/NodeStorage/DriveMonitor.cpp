@@ -33,7 +33,7 @@ DriveMonitor::PollEntries DriveMonitor::Entries() const {
 DriveChange DriveMonitor::Refresh(const PollEntries& polled) {
     const FolderWatch::News roots = m_rootWatch.Take();
     const FolderWatch::News drives = m_driveWatch.Take();
-    m_bDue = m_bDue || polled[0].revents != 0 || roots.changed || roots.lost || !roots.names.empty() ||
+    m_bDue = m_bDue || polled[0].revents != 0 || roots.changed || roots.lost || !roots.entries.empty() ||
              drives.changed || drives.lost;
     if (!m_bDue) {
         return {};

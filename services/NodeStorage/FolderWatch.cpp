@@ -114,7 +114,7 @@ void FolderWatch::TakeOne(int watch, std::uint32_t kind, const std::string& name
     for (const std::string& path : paths->second) {
         news.changed |= (kind & kEnded) != 0 || m_steps.contains(Joined(path, name));
         if (m_followed.contains(path) && (kind & m_kinds) != 0) {
-            news.names.push_back(name);
+            news.entries[name] |= kind & m_kinds;
         }
     }
 }

@@ -16,9 +16,10 @@ public:
     using Identities = std::map<std::string, int>;
 
     struct News {
-        std::vector<std::string> names;  ///< entries of followed folders that the wanted kinds of event were about
-        bool changed = false;            ///< a folder came, went or was replaced, or may have: Follow again
-        bool lost = false;               ///< the kernel dropped events: look for yourself
+        std::map<std::string, std::uint32_t>
+            entries;           ///< of followed folders: what happened to each, of what is wanted
+        bool changed = false;  ///< a folder came, went or was replaced, or may have: Follow again
+        bool lost = false;     ///< the kernel dropped events: look for yourself
     };
 
     enum class Way { Ignored, Watched };

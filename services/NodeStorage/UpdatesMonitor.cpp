@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/inotify.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -16,6 +15,9 @@ namespace {
 // The kernel tells that a file was closed a moment before its writer counts as gone.
 constexpr int kTries = 5;
 constexpr std::chrono::milliseconds kTryAgainAfter{10};
+
+constexpr std::uint32_t kComplete = IN_CLOSE_WRITE | IN_MOVED_TO;
+constexpr std::uint32_t kGone = IN_DELETE | IN_MOVED_FROM;
 
 constexpr ZLogger Log() {
     return ZLogger("ZNodeStorage");
@@ -40,7 +42,7 @@ bool IsBeingWritten(const std::filesystem::path& file) {
 }  // namespace
 
 UpdatesMonitor::UpdatesMonitor(const std::filesystem::path& folder)
-    : m_folder(folder), m_watch(IN_CLOSE_WRITE | IN_MOVED_TO, FolderWatch::Way::Watched) {
+    : m_folder(folder), m_watch(kComplete | kGone | IN_ATTRIB, FolderWatch::Way::Watched) {
     std::error_code code;
     std::filesystem::create_directories(m_folder, code);
     if (code) {
@@ -48,7 +50,7 @@ UpdatesMonitor::UpdatesMonitor(const std::filesystem::path& folder)
     }
 }
 
-std::vector<std::string> UpdatesMonitor::NewFiles() {
+std::vector<UpdatesMonitor::Change> UpdatesMonitor::Changes() {
     FolderWatch::News news = m_watch.Take();
     bool all = news.lost;
     if (news.lost) {
@@ -56,17 +58,24 @@ std::vector<std::string> UpdatesMonitor::NewFiles() {
     }
     if (m_first || news.changed || news.lost) {
         auto identity = m_watch.Follow({m_folder.string()});
-        all |= !identity.empty() && identity != m_identity;
+        all |= identity != m_identity;
         m_identity = std::move(identity);
         m_first = false;
     }
-    std::vector<std::string> files;
-    for (const std::string& name : all ? AllNames() : news.names) {
-        if (IsComplete(name) && std::ranges::find(files, name) == files.end()) {
-            files.push_back(name);
+    std::vector<Change> changes;
+    for (const auto& [name, kinds] : all ? AllEntries() : news.entries) {
+        if (IsComplete(name)) {
+            const bool mayBeRun = MayBeRun(name);
+            const auto [told, isNew] = m_told.try_emplace(name, mayBeRun);
+            if (isNew || (kinds & kComplete) != 0 || told->second != mayBeRun) {
+                changes.push_back({name, false});
+            }
+            told->second = mayBeRun;
+        } else if (std::error_code code; !std::filesystem::exists(m_folder / name, code) && m_told.erase(name) > 0) {
+            changes.push_back({name, true});
         }
     }
-    return files;
+    return changes;
 }
 
 bool UpdatesMonitor::IsComplete(const std::string& name) const {
@@ -76,12 +85,21 @@ bool UpdatesMonitor::IsComplete(const std::string& name) const {
            !IsBeingWritten(m_folder / name);
 }
 
-std::vector<std::string> UpdatesMonitor::AllNames() const {
-    std::vector<std::string> names;
+bool UpdatesMonitor::MayBeRun(const std::string& name) const {
+    using std::filesystem::perms;
+    std::error_code code;
+    const perms held = std::filesystem::status(m_folder / name, code).permissions();
+    return (held & (perms::owner_exec | perms::group_exec | perms::others_exec)) != perms::none;
+}
+
+std::map<std::string, std::uint32_t> UpdatesMonitor::AllEntries() const {
+    std::map<std::string, std::uint32_t> entries;
+    for (const auto& [name, mayBeRun] : m_told) {
+        entries[name] = kComplete | kGone;
+    }
     std::error_code code;
     for (std::filesystem::directory_iterator entry(m_folder, code), end; !code && entry != end; entry.increment(code)) {
-        names.push_back(entry->path().filename().string());
+        entries[entry->path().filename().string()] = kComplete | kGone;
     }
-    std::ranges::sort(names);
-    return names;
+    return entries;
 }

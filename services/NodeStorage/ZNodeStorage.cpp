@@ -112,8 +112,8 @@ void ZNodeStorage::Look(const DriveMonitor::PollEntries& polled) {
     if (!m_updates) {
         return;
     }
-    for (const std::string& name : m_updates->NewFiles()) {
-        TellFile(name);
+    for (const UpdatesMonitor::Change& file : m_updates->Changes()) {
+        TellFile(file);
     }
 }
 
@@ -131,10 +131,10 @@ void ZNodeStorage::TellDrives(const DriveChange& change) {
     Publish(GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0), message);
 }
 
-void ZNodeStorage::TellFile(const std::string& name) {
-    Z_LOG(2, "File %s is complete", (m_updatesFolder / name));
+void ZNodeStorage::TellFile(const UpdatesMonitor::Change& change) {
+    Z_LOG(2, "File %s %s", m_updatesFolder / change.name, change.removed ? "was removed" : "is complete");
     const auto message = ZMakeShared<FolderUpdateMsg>();
     message->m_Folder = ToZString(m_updatesFolder.string());
-    message->m_FileName = ToZString(name);
+    message->m_FileName = ToZString(change.name);
     Publish(GetEndpoint(ZEndpointType::GraphService, "newFile", 0), message);
 }

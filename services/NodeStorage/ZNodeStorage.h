@@ -26,7 +26,8 @@ public:
 };
 
 /// Tells the graph about storage: answers "getdevices" with the drives that are present, publishes
-/// "storagedeviceupdate" when they change and "newFile" when a file in the updates folder is complete.
+/// "storagedeviceupdate" when they change, and "newFile" when a file in the updates folder is complete, when it may be
+/// run from then on or no longer, and when it has gone.
 class ZNodeStorage : public ZNode {
     Z_CLASS(ZNodeStorage, ZNode)
 public:
@@ -46,7 +47,7 @@ private:
     void Watch();
     void Look(const DriveMonitor::PollEntries& polled);
     void TellDrives(const DriveChange& change);
-    void TellFile(const std::string& name);
+    void TellFile(const UpdatesMonitor::Change& change);
     void StopWatching();
     std::shared_ptr<StorageDevicesMsg> DevicesMessage() const;
 

@@ -207,6 +207,30 @@ TEST_F(Storage, TellsOfCompleteFilesInTheUpdatesFolder) {
         UnorderedElementsAre("file first.pkg", "file moved.pkg", "file slow.pkg", "file again.pkg", "file later.pkg"));
 }
 
+TEST_F(Storage, TellsOfFilesThatMayBeRunFromThenOnAndOfThoseThatGo) {
+    ASSERT_TRUE(Start(nullptr));
+    const fs::path updates = folder / "state/updates";
+    fs::rename(folder.Write("a.pkg", ""), updates / "a.pkg");
+    ASSERT_TRUE(WaitTold("file a.pkg"));
+    fs::permissions(updates / "a.pkg", fs::perms::owner_all);
+    ASSERT_TRUE(WaitTold("file a.pkg", 2)) << "it may be run";
+    fs::last_write_time(updates / "a.pkg", fs::file_time_type::clock::now());
+    fs::permissions(updates / "a.pkg", fs::perms::owner_read);
+    ASSERT_TRUE(WaitTold("file a.pkg", 3)) << "it may not";
+    fs::rename(updates / "a.pkg", updates / "b.pkg");
+    ASSERT_TRUE(WaitTold("file a.pkg", 4)) << "it has gone";
+    ASSERT_TRUE(WaitTold("file b.pkg"));
+    std::ofstream(updates / ".hidden") << "in progress";
+    fs::remove(updates / ".hidden");
+    fs::remove(updates / "b.pkg");
+    ASSERT_TRUE(WaitTold("file b.pkg", 2));
+    fs::rename(folder.Write("c.pkg", ""), updates / "c.pkg");
+    ASSERT_TRUE(WaitTold("file c.pkg"));
+    fs::remove_all(folder / "state");
+    ASSERT_TRUE(WaitTold("file c.pkg", 2));
+    EXPECT_EQ(Told().size(), 8U) << testing::PrintToString(Told());
+}
+
 TEST_F(Storage, RefusesARelativePathAndNamesTheKey) {
     auto record = ZMakeShared<ZNodeStorageCfg>("storage");
     record->m_ExcludedRoots.emplace_back("media/own");
