@@ -24,7 +24,7 @@ std::vector<ZMount> ReadMountTable() {
         const char* root = mnt_fs_get_root(entry);
         const char* target = mnt_fs_get_target(entry);
         mounts.push_back({source == nullptr ? "" : source, root == nullptr ? "" : root, target == nullptr ? "" : target,
-                          mnt_fs_get_devno(entry)});
+                          mnt_fs_get_devno(entry), mnt_fs_get_id(entry)});
     }
     return mounts;
 }

@@ -10,6 +10,7 @@ struct ZMount {
     std::string root;    ///< the part of the file system that is mounted: "/" for all of it
     std::string target;  ///< the mount point, with the kernel's escapes decoded
     dev_t device = 0;    ///< the number of the device; one of the kernel's own where there is no block device
+    int id = 0;          ///< the kernel's number of this mount; it may be another one's once it has ended
 };
 
 /// The mounts that this process sees, in the kernel's order. Throws std::runtime_error when the table can't be read.

@@ -46,8 +46,9 @@ DriveChange DriveMonitor::Refresh(const PollEntries& polled) {
 DriveChange DriveMonitor::Look() {
     // Watched before they are looked at: what comes in between is then told by the next poll.
     m_rootWatch.Follow(m_rules.roots);
-    const std::vector<std::string> present = FindDrives(m_rules, ReadMountTable());
-    const FolderWatch::Identities watched = m_driveWatch.Follow(present);
+    const std::vector<ZMount> mounts = ReadMountTable();
+    const std::vector<std::string> present = FindDrives(m_rules, mounts);
+    const FolderWatch::Identities watched = m_driveWatch.Follow(present, SameMounts(mounts));
 
     FolderWatch::Identities now;
     DriveChange change;
@@ -67,6 +68,24 @@ DriveChange DriveMonitor::Look() {
     }
     m_drives = std::move(now);
     return change;
+}
+
+/// The places whose mount has the number of the one before. A mount's number is given away when nothing uses it any
+/// more; its watch has ended then, but for a file system that is mounted elsewhere too and is the same still.
+std::set<std::string> DriveMonitor::SameMounts(const std::vector<ZMount>& mounts) {
+    std::map<std::string, int> now;
+    for (const ZMount& mount : mounts) {
+        now[mount.target] = mount.id;
+    }
+    std::set<std::string> same;
+    for (const auto& [target, id] : now) {
+        const auto before = m_mounts.find(target);
+        if (before != m_mounts.end() && before->second == id) {
+            same.insert(target);
+        }
+    }
+    m_mounts = std::move(now);
+    return same;
 }
 
 std::vector<std::string> DriveMonitor::Drives() const {

@@ -33,6 +33,7 @@ public:
 
 private:
     DriveChange Look();
+    std::set<std::string> SameMounts(const std::vector<ZMount>& mounts);
 
     const DriveRules m_rules;
     ZFileDescriptor m_mountTable;
@@ -41,5 +42,6 @@ private:
     // between two looks has another identity even when device, mount point and mount number are the same again.
     FolderWatch m_driveWatch;
     FolderWatch::Identities m_drives;
-    bool m_bDue = false;  // what polling told of was not looked at yet
+    std::map<std::string, int> m_mounts;  // the number of the newest mount at each place
+    bool m_bDue = false;                  // what polling told of was not looked at yet
 };

@@ -2,6 +2,7 @@
 
 #include <sys/inotify.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -33,7 +34,8 @@ FolderWatch::FolderWatch(std::uint32_t kinds, Way way)
     }
 }
 
-FolderWatch::Identities FolderWatch::Follow(const std::vector<std::string>& folders) {
+FolderWatch::Identities FolderWatch::Follow(const std::vector<std::string>& folders,
+                                            const std::set<std::string>& same) {
     m_followed = {folders.begin(), folders.end()};
     m_steps = m_followed;
     std::set<int> watches;
@@ -49,7 +51,8 @@ FolderWatch::Identities FolderWatch::Follow(const std::vector<std::string>& fold
     // After their ways, so that a folder that is made in between is noticed by one or the other.
     Identities identities;
     for (const std::string& folder : m_followed) {
-        if (const int watch = Watch(folder, m_kinds); watch >= 0) {
+        const int before = same.contains(folder) ? Watching(folder) : -1;
+        if (const int watch = before >= 0 ? before : Watch(folder, m_kinds); watch >= 0) {
             watches.insert(watch);
             identities[folder] = watch;
         }
@@ -71,6 +74,12 @@ int FolderWatch::Watch(const std::string& path, std::uint32_t kinds) {
         Z_LOG(3, "%s can't be watched: %s", path, std::strerror(failure));
     }
     return watch;
+}
+
+int FolderWatch::Watching(const std::string& path) const {
+    const auto found =
+        std::ranges::find_if(m_watched, [&](const auto& watched) { return watched.second.contains(path); });
+    return found == m_watched.end() ? -1 : found->first;
 }
 
 void FolderWatch::Forget(const std::set<int>& keep) {
@@ -102,7 +111,7 @@ FolderWatch::News FolderWatch::Take() {
     return news;
 }
 
-void FolderWatch::TakeOne(int watch, std::uint32_t kind, const std::string& name, News& news) const {
+void FolderWatch::TakeOne(int watch, std::uint32_t kind, const std::string& name, News& news) {
     if ((kind & IN_Q_OVERFLOW) != 0) {
         news.lost = true;
         return;
@@ -116,5 +125,8 @@ void FolderWatch::TakeOne(int watch, std::uint32_t kind, const std::string& name
         if (m_followed.contains(path) && (kind & m_kinds) != 0) {
             news.entries[name] |= kind & m_kinds;
         }
+    }
+    if ((kind & IN_IGNORED) != 0) {
+        m_watched.erase(paths);
     }
 }

@@ -32,16 +32,19 @@ public:
     int Descriptor() const noexcept { return m_inotify.Get(); }
 
     /// Follows these folders (absolute paths) in place of those before. Returns the ones that exist and could be
-    /// watched; one that could not is logged.
-    Identities Follow(const std::vector<std::string>& folders);
+    /// watched; one that could not is logged. Of those in `same` the caller knows that they are no other folders than
+    /// before: where their watch has not ended they are not looked up, which could wait for a drive that is silent.
+    Identities Follow(const std::vector<std::string>& folders, const std::set<std::string>& same = {});
 
     /// What has happened since the last call. Never waits.
     News Take();
 
 private:
     int Watch(const std::string& path, std::uint32_t kinds);
+    /// The watch on that path; negative when there is none any more.
+    int Watching(const std::string& path) const;
     void Forget(const std::set<int>& keep);
-    void TakeOne(int watch, std::uint32_t kind, const std::string& name, News& news) const;
+    void TakeOne(int watch, std::uint32_t kind, const std::string& name, News& news);
 
     const std::uint32_t m_kinds;
     const Way m_way;
