@@ -1,0 +1,230 @@
+"""Installs in every trouble: what is told of each is what became of it."""
+
+import hashlib
+import os
+import signal
+from pathlib import Path
+
+from installs import HALFWAY, MOMENTS, Install, ended, is_alive, job, jobs, percent_of, stand_still_at, stepped_package
+from simulation import gateway, host, paths, slots, sticks
+from support import (FIXTURES, PROGRESS, InstrumentCase, arborctl, both_slots, progress_client, script_package, wait_until)
+
+FIRST, SECOND = "3.046", "3.048"
+
+
+class OperationsCase(InstrumentCase):
+    """A stick with two versions is in."""
+
+    def setUp(self) -> None:
+        super().setUp()
+        self.addCleanup(stand_still_at, "")
+        sticks.attach([stepped_package(version, FIXTURES) for version in (FIRST, SECOND)])
+        wait_until(lambda: gateway.updates() == [SECOND, FIRST], "both versions are offered")
+
+    def kill_host(self) -> None:
+        self.process.kill()
+        self.process.wait()
+
+    def start_host(self) -> None:
+        self.process = host.start()
+        wait_until(lambda: gateway.updates() == [SECOND, FIRST], "the versions are offered again")
+
+    def restart_host(self) -> None:
+        host.stop()
+        self.assertEqual(0, self.process.wait(), host.said())
+        self.start_host()
+
+    def assert_goes_on(self, install: Install, percent: int) -> None:
+        """The host tells the install as running, as far as it is."""
+        wait_until(lambda: job(install.id)["percent"] >= percent, f"{percent} % are told")
+        self.assertEqual(("Running", install.watcher), (job(install.id)["state"], job(install.id)["processId"]))
+        self.assertTrue(gateway.get("status")["updateInProgress"])
+
+    def assert_succeeds(self, install: Install, version: str) -> None:
+        self.assertEqual(("Succeeded", ""), (ended(install.id)["state"], job(install.id)["reason"]))
+        self.assertEqual(("B", {"A": "3.044", "B": version}), both_slots())
+        wait_until(lambda: not is_alive(install.watcher), "the installer has ended")
+        wait_until(lambda: not PROGRESS.exists(), "the relay is free")
+        self.assertFalse(gateway.get("status")["updateInProgress"])
+
+    def assert_fails(self, install: Install, *reasons: str) -> None:
+        self.assertEqual("Failed", ended(install.id)["state"])
+        for reason in reasons:
+            self.assertIn(reason, job(install.id)["reason"])
+        self.assertEqual("A", both_slots()[0])
+        wait_until(lambda: not PROGRESS.exists(), "the relay is free")
+        self.assertFalse(gateway.get("status")["updateInProgress"])
+
+    def assert_next_install_works(self) -> None:
+        self.assert_succeeds(Install(SECOND), SECOND)
+
+    def assert_history(self, told: dict[str, str]) -> None:
+        """The journal holds each install once, as it ended, and nothing that is still open."""
+        self.restart_host()
+        installs = jobs("Install")
+        self.assertEqual(told, {install["id"]: install["state"] for install in installs})
+        self.assertEqual(len(told), len(installs))
+        self.assertEqual([], gateway.get("operations?state=Open")["operations"])
+
+
+class Restarts(OperationsCase):
+    def test_install_outlives_a_killed_host_at_ten_moments(self) -> None:
+        told = {}
+        for moment, later in zip(MOMENTS[1:11], MOMENTS[2:12]):
+            with self.subTest(moment):
+                install = Install(FIRST, until=moment)
+                self.kill_host()
+                self.start_host()
+                self.assert_goes_on(install, 0)
+                install.go_on(until=later)
+                self.assert_goes_on(install, percent_of(later))
+                install.go_on()
+                self.assert_succeeds(install, FIRST)
+                told[install.id] = "Succeeded"
+        self.assert_history(told)
+
+    def test_one_install_outlives_orderly_restarts_at_ten_moments(self) -> None:
+        install = Install(FIRST, until=MOMENTS[0])
+        for moment in MOMENTS[1:11]:
+            self.restart_host()
+            install.go_on(until=moment)
+            self.assert_goes_on(install, percent_of(moment))
+        install.go_on()
+        self.assert_succeeds(install, FIRST)
+        self.assert_history({install.id: "Succeeded"})
+
+    def test_end_that_came_while_the_host_was_away_is_told(self) -> None:
+        told = {}
+        for name, until, end, state, reason in (
+                ("ends well", HALFWAY, None, "Succeeded", ""),
+                ("fails", HALFWAY, self.kill_worker, "Failed", "SIGKILL"),
+                ("killed before the switch", "99 Switching to slot B", self.kill_watcher, "Failed", "was ended before it had finished"),
+                ("killed after the switch", "switched", self.kill_watcher, "Succeeded", "")):
+            with self.subTest(name):
+                install = Install(FIRST, until=until)
+                self.kill_host()
+                if end:
+                    end(install)
+                else:
+                    install.go_on()
+                wait_until(lambda gone=install.watcher: not is_alive(gone), "the installer has ended")
+                self.start_host()
+                self.assertEqual(state, ended(install.id)["state"])
+                self.assertIn(reason, job(install.id)["reason"])
+                self.assertEqual("B" if state == "Succeeded" else "A", slots.active())
+                self.assertFalse(gateway.get("status")["updateInProgress"])
+                told[install.id] = state
+        self.assert_history(told)
+
+    @staticmethod
+    def kill_worker(install: Install) -> None:
+        os.kill(install.worker, signal.SIGKILL)
+
+    @staticmethod
+    def kill_watcher(install: Install) -> None:
+        os.kill(install.watcher, signal.SIGKILL)
+
+
+class Together(OperationsCase):
+    def test_second_install_is_refused_and_the_first_is_not_touched(self) -> None:
+        install = Install(FIRST, until=HALFWAY)
+        for version in (SECOND, FIRST):
+            status, refusal = gateway.post("updatesystem", {"version": version, "reboot": False})
+            self.assertEqual((200, False, "ERRCODE_BUSY"), (status, refusal["bSuccess"], refusal["ErrCode"]))
+            self.assertIn(f"{FIRST} is being installed", refusal["text"])
+            self.assertEqual("Failed", job(refusal["operationId"])["state"])
+        refused = arborctl("install", SECOND, "--wait")
+        self.assertNotEqual(0, refused.returncode, refused.stdout)
+        self.assert_goes_on(install, percent_of(HALFWAY))
+        install.go_on(until="88 Checking the image")
+        self.assert_goes_on(install, 88)
+        install.go_on()
+        self.assert_succeeds(install, FIRST)
+        self.assert_next_install_works()
+
+    def test_installer_that_is_killed_has_failed_and_the_next_one_works(self) -> None:
+        for name, killed in (("watcher", ("watcher",)), ("worker", ("worker",)), ("both", ("worker", "watcher"))):
+            with self.subTest(name):
+                install = Install(FIRST, until=HALFWAY)
+                for process in killed:
+                    os.kill(getattr(install, process), signal.SIGKILL)
+                self.assert_fails(install, "SIGKILL")
+                self.assertFalse(is_alive(install.worker), "no worker goes on by itself")
+                self.assert_next_install_works()
+
+    def test_installs_without_restart_leave_the_running_slot_alone(self) -> None:
+        before = _contents(paths.SLOTS / "A")
+        for version in (FIRST, SECOND, FIRST):
+            self.assert_succeeds(Install(version), version)
+            self.assertEqual(before, _contents(paths.SLOTS / "A"))
+            status = gateway.get("status")
+            self.assertEqual(("3.044", "A", "B", version), tuple(status[key] for key in (
+                "installedVersion", "runningSlot", "nextSlot", "nextVersion")))
+            self.assertEqual([], status["operations"])
+
+    def test_documents_of_an_earlier_installer_end_no_later_install(self) -> None:
+        release = paths.RUNTIME / "release"
+        sticks.attach([script_package("waits.pkg", f"case $1 in\n--version) echo 9.1;;\n--verify) ;;\n"
+                                                   f"*) while [ ! -e {release} ]; do sleep 0.1; done;;\nesac\n")], "usb2")
+        wait_until(lambda: "9.1" in gateway.updates(), "9.1 is offered")
+        earlier = Install("9.1")
+        with progress_client() as client, gateway.Events() as events:
+            client.send(b'{"message":"half","percent":50}')
+            events.next("progress")
+            release.touch()
+            self.assertEqual("Succeeded", ended(earlier.id)["state"], "told by its exit, without a last document")
+            install = Install(FIRST, until=HALFWAY)
+            try:
+                client.send(b'{"message":"Installed","percent":100,"done":true}')
+            except OSError:
+                pass  # it was closed: just as good
+            install.go_on(until="88 Checking the image")
+            self.assert_goes_on(install, 88)
+            install.go_on()
+            self.assert_succeeds(install, FIRST)
+
+    def test_last_documents_of_other_makers_are_read_as_meant(self) -> None:
+        release = paths.RUNTIME / "release"
+        sticks.attach([script_package("waits.pkg", f"case $1 in\n--version) echo 9.1;;\n--verify) ;;\n"
+                                                   f"*) while [ ! -e {release} ]; do sleep 0.1; done; exit 1;;\nesac\n")], "usb2")
+        wait_until(lambda: "9.1" in gateway.updates(), "9.1 is offered")
+        for last, state in ((b'{"message":"a","done":1}', "Succeeded"), (b'{"message":"b","done":true}\0', "Succeeded"),
+                            (b'{"message":"c","error":1}\0\0', "Failed"), (b'{"done":true,"message":"' + b"x" * 2000, "Failed")):
+            with self.subTest(last[:30]):
+                release.unlink(missing_ok=True)
+                install = Install("9.1")
+                with progress_client() as client:
+                    client.send(last)
+                    if state == "Failed" and b"done" in last:  # too long a document is none: its process tells
+                        release.touch()
+                    self.assertEqual(state, ended(install.id)["state"])
+                release.touch()
+                wait_until(lambda gone=install.watcher: not is_alive(gone), "the installer has ended")
+                wait_until(lambda: not PROGRESS.exists(), "the relay is free")
+
+    def test_install_that_can_not_begin_says_why_and_leaves_nothing_in_the_way(self) -> None:
+        broken = paths.STICKS / "usb1" / f"arbor-{FIRST}.pkg"
+        whole = broken.read_bytes()
+        broken.write_text("#!/nonexistent/interpreter\n")
+        PROGRESS.unlink(missing_ok=True)
+        for name, prepare, tidy, reason in (("not to be run", lambda: None, lambda: broken.write_bytes(whole), "could not be started"),
+                                            ("no place for the relay", PROGRESS.mkdir, PROGRESS.rmdir, str(PROGRESS))):
+            with self.subTest(name):
+                prepare()
+                status, refusal = gateway.post("updatesystem", {"version": FIRST, "reboot": False})
+                self.assertEqual((200, False), (status, refusal["bSuccess"]))
+                told = ended(refusal["operationId"])
+                self.assertEqual("Failed", told["state"])
+                self.assertIn(reason, told["reason"])
+                self.assertEqual(0, told["processId"], "no installer was started")
+                tidy()
+                done = arborctl("install", SECOND, "--no-reboot", "--wait")
+                self.assertEqual(0, done.returncode, done.stdout)
+                self.assertIn("100 %", done.stdout)
+                self.assertFalse(gateway.get("status")["updateInProgress"])
+
+
+def _contents(folder: Path) -> dict[str, str]:
+    """Digest of every file below a folder."""
+    return {str(file.relative_to(folder)): hashlib.sha256(file.read_bytes()).hexdigest()
+            for file in sorted(folder.rglob("*")) if file.is_file()}
