@@ -48,9 +48,8 @@ def run(package, slots, plan, report):
 """
 
 
-def stepped_package(version: str, fixtures: Path, board: str = INSTRUMENT.board) -> Path:
-    """A signed package of the real installer whose worker stands still where STOPS says."""
-    folder = paths.STATE / "stepped"
+def stepped_package(version: str, fixtures: Path, board: str = INSTRUMENT.board, folder: Path = paths.STATE / "stepped") -> Path:
+    """A signed package of the real installer whose worker stands still where STOPS says; made in `folder`."""
     package = folder / f"arbor-{version}.pkg"
     tools = folder / "packages"
     if not tools.exists():
@@ -113,7 +112,7 @@ class Install:
         def stands() -> bool:
             children = _children(self.watcher)
             self.worker = children[0] if children else 0
-            return self.worker != 0 and _state(self.worker) == "T"
+            return self.worker != 0 and state_of(self.worker) == "T"
         wait_until(stands, f"the installer stands still at '{moment}'")
 
 
@@ -126,10 +125,11 @@ def stand_still_at(moment: str) -> None:
 
 
 def is_alive(pid: int) -> bool:
-    return _state(pid) not in ("", "Z", "X")
+    return state_of(pid) not in ("", "Z", "X")
 
 
-def _state(pid: int) -> str:
+def state_of(pid: int) -> str:
+    """The kernel's letter for what a process does; empty when there is none."""
     try:
         return Path(f"/proc/{pid}/stat").read_text(errors="replace").rpartition(")")[2].split()[0]
     except OSError:

@@ -10,7 +10,7 @@ import threading
 import unittest
 from pathlib import Path
 
-from installs import ended, job, jobs
+from installs import ended, job, jobs, state_of
 from simulation import furnish, gateway, host, paths, places, sticks
 from support import InstrumentCase, arborctl, both_slots, outcomes, script_package, stick_package, wait_until
 
@@ -31,12 +31,13 @@ class SilentDrive:
         self.target = paths.STICKS / "usb1"
         places.make_directory(self.target)
         # In the foreground: the process is the drive.
-        self._server = subprocess.Popen(["bindfs", "-f", "-o", "attr_timeout=0,entry_timeout=0", str(self.folder), str(self.target)])
+        self._server = subprocess.Popen(["bindfs", "-f", "-o", "attr_timeout=0,entry_timeout=0",
+                                         str(self.folder), str(self.target)])
         wait_until(lambda: sticks.is_attached("usb1"), "the drive is mounted")
 
     def falls_silent(self) -> None:
         os.kill(self._server.pid, signal.SIGSTOP)
-        wait_until(lambda: Path(f"/proc/{self._server.pid}/stat").read_text().rpartition(")")[2].split()[0] == "T", "it is silent")
+        wait_until(lambda: state_of(self._server.pid) == "T", "it is silent")
 
     def answers_again(self) -> None:
         os.kill(self._server.pid, signal.SIGCONT)
@@ -48,7 +49,8 @@ class SilentDrive:
             places.unmount(self.target)
 
 
-@unittest.skipIf(paths.plain_mode() or not shutil.which("bindfs") or not os.path.exists("/dev/fuse"), "no drives of processes here")
+@unittest.skipIf(paths.plain_mode() or not shutil.which("bindfs") or not os.path.exists("/dev/fuse"),
+                 "no process can serve a drive here")
 class Silent(InstrumentCase):
     def attach(self, *files: Path) -> SilentDrive:
         drive = SilentDrive(list(files))

@@ -98,7 +98,8 @@ class Restarts(OperationsCase):
         for name, until, end, state, reason in (
                 ("ends well", HALFWAY, None, "Succeeded", ""),
                 ("fails", HALFWAY, self.kill_worker, "Failed", "SIGKILL"),
-                ("killed before the switch", "99 Switching to slot B", self.kill_watcher, "Failed", "was ended before it had finished"),
+                ("killed before the switch", "99 Switching to slot B", self.kill_watcher, "Failed",
+                 "was ended before it had finished"),
                 ("killed after the switch", "switched", self.kill_watcher, "Succeeded", "")):
             with self.subTest(name):
                 install = Install(FIRST, until=until)
@@ -207,8 +208,9 @@ class Together(OperationsCase):
         whole = broken.read_bytes()
         broken.write_text("#!/nonexistent/interpreter\n")
         PROGRESS.unlink(missing_ok=True)
-        for name, prepare, tidy, reason in (("not to be run", lambda: None, lambda: broken.write_bytes(whole), "could not be started"),
-                                            ("no place for the relay", PROGRESS.mkdir, PROGRESS.rmdir, str(PROGRESS))):
+        for name, prepare, tidy, reason in (
+                ("not to be run", lambda: None, lambda: broken.write_bytes(whole), "could not be started"),
+                ("no place for the relay", PROGRESS.mkdir, PROGRESS.rmdir, str(PROGRESS))):
             with self.subTest(name):
                 prepare()
                 status, refusal = gateway.post("updatesystem", {"version": FIRST, "reboot": False})
