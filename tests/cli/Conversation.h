@@ -27,8 +27,8 @@ public:
         std::string body = "{}";
         bool silent = false;  ///< Never answers.
     };
-    /// What one connection to the events gets: `first` at once; `later` when so many messages have come on `keyword`; then the
-    /// connection is cut, or held open until the client goes.
+    /// What one connection to the events gets: `first` at once; `later` when so many messages have come on `keyword`;
+    /// then the connection is cut, or held open until the client goes.
     struct Events {
         std::string first = {};
         std::string keyword = {};
