@@ -153,7 +153,7 @@ std::string ZNodeArborInstall::BoardAsked(const ZDeviceCompatibilityMsg& message
 }
 
 std::string ZNodeArborInstall::BoardOf(const ZDeviceCompatibilityMsg& message) {
-    const std::string board = BoardAsked(message);
+    std::string board = BoardAsked(message);
     if (message.m_Board.empty()) {
         Z_LOG(2, "No board set in compatability request, set to %s", board);
     }
