@@ -1,9 +1,11 @@
 #include <poll.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <system_error>
 
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZChildReaper.h"
@@ -18,8 +20,17 @@ namespace {
 
 // An installer that was asked to end puts things in order first.
 constexpr auto kCancelPatience = std::chrono::seconds(20);
-// How often a process is looked for that no descriptor is to be had of.
+// How often is looked for what no descriptor is to be had of.
 constexpr auto kLookAgain = std::chrono::milliseconds(500);
+
+/// Readable once somebody cancels; negative when the system has none left: the watch must go on all the same.
+int CancelDescriptor(ZOperation& operation) {
+    try {
+        return operation.CancelEvent().Descriptor();
+    } catch (const std::system_error&) {
+        return -1;
+    }
+}
 
 }  // namespace
 
@@ -33,7 +44,7 @@ bool ZNodeArborInstall_InstallAction::Work() {
     const std::string program = "of the install of " + ToStdString(operation.Get()->m_Version);
     const ZFileDescriptor exit(::pidfd_open(process.id, 0));
     std::optional<ZClock::time_point> killAt;
-    while (!AwaitEnd(exit.Get(), process, operation, killAt.value_or(ZClock::now() + kLookAgain))) {
+    while (!AwaitEnd(exit.Get(), process, operation, killAt)) {
         if (Node().InShutdown()) {
             operation.LeaveOpen();  // the installer goes on, and the host's next life with it
             ZChildReaper::Instance().Watch(process.id, program);
@@ -57,12 +68,14 @@ bool ZNodeArborInstall_InstallAction::Work() {
 }
 
 bool ZNodeArborInstall_InstallAction::AwaitEnd(int exit, const ZProcessId& process, ZOperation& operation,
-                                               ZClock::time_point wakeUp) {
+                                               std::optional<ZClock::time_point> wakeUp) {
     // Once it was asked to end, its cancel event stays set: nothing to sleep on.
-    const bool asked = operation.CancelReason().has_value();
-    std::array<pollfd, 3> entries{{{exit, POLLIN, 0},
-                                   {ZStopEvent::OfThisThread()->Descriptor(), POLLIN, 0},
-                                   {asked ? -1 : operation.CancelEvent().Descriptor(), POLLIN, 0}}};
+    const int cancel = operation.CancelReason() ? -1 : CancelDescriptor(operation);
+    if (exit < 0 || (cancel < 0 && !wakeUp)) {
+        wakeUp = std::min(wakeUp.value_or(ZClock::time_point::max()), ZClock::now() + kLookAgain);
+    }
+    std::array<pollfd, 3> entries{
+        {{exit, POLLIN, 0}, {ZStopEvent::OfThisThread()->Descriptor(), POLLIN, 0}, {cancel, POLLIN, 0}}};
     ::poll(entries.data(), entries.size(), PollTimeout(wakeUp));
     return exit < 0 ? FindProcess(process.id) != process : entries[0].revents != 0;
 }
@@ -129,5 +142,8 @@ void ZNodeArborInstall::Adopt(const ZOperationMsg& left) {
     if (const auto relay = StartRelay(request); !relay) {
         Z_LOG(4, "Its progress can't be shown: %s", relay.error().text);
     }
-    RunAction("Install", nullptr);
+    if (!RunAction("Install", nullptr)) {
+        m_install.Exchange(nullptr);
+        operation->Lose("nothing can watch its installer");
+    }
 }

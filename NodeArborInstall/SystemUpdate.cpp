@@ -20,10 +20,6 @@ bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
     if (!request) {
         return true;
     }
-    if (ZResponseSource(*msg).IsAbandoned()) {
-        Z_LOG(3, "Installing %s is not begun: whoever asked for it has gone", request->m_Version);
-        return true;
-    }
     Z_LOG(2, "Find package for version <%s> <%s-%s>", request->m_Version, request->m_DeviceModel,
           request->m_SerialNumber);
     const auto answer = Z_MAKE(ZVersionInfoMsg);
@@ -33,7 +29,14 @@ bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
     const auto operation = BeginOperation({.kind = ZOperationKind::Install, .version = request->m_Version}, msg.get());
     try {
         fs::path package;
-        if (FindPackage(request->m_Version, package)) {
+        const bool found = FindPackage(request->m_Version, package);
+        // Asked last: finding it may have taken a while.
+        if (ZResponseSource(*msg).IsAbandoned()) {
+            Z_LOG(3, "Installing %s is not begun: whoever asked for it has gone", request->m_Version);
+            operation->Cancel("whoever asked for it has gone");
+            return true;
+        }
+        if (found) {
             StartInstaller(package, *request, *answer, operation);
         } else {
             LogMissingPackage(request->m_Version);
@@ -41,7 +44,8 @@ bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
             // Clients tell a missing package from a broken one by the absence of an error code.
             answer->m_ErrorCode = Codes::ERRCODE_NONE;
             operation->Fail(package.empty() ? "no package of this version is known"
-                                            : "the package " + ToZString(package.string()) + " is not there any more",
+                                            : "the package " + ToZString(package.string()) +
+                                                  " is gone, or its drive does not answer",
                             Codes::ERRCODE_NOT_FOUND);
         }
     } catch (const std::exception& error) {
