@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "NodeFixture.h"
 
@@ -28,7 +29,7 @@ protected:
         Program("hostname", "echo cart");
         Program("ssh", ":");
         Program("rsync", ":");
-        Start(R"("ProgressPort":)" + std::to_string(kPort) + (config.empty() ? "" : "," + config));
+        Start(R"("ProgressPort":)" + std::to_string(port) + (config.empty() ? "" : "," + config));
     }
     std::shared_ptr<ZVersionInfoMsg> InstallOn(const char* serialNumber) {
         const auto request = Z_MAKE(ZSystemUpdateMsg);
@@ -39,12 +40,12 @@ protected:
         return answer ? cast_shared<ZVersionInfoMsg>(answer->m_Messages.front()) : nullptr;
     }
     /// Connects to the relay from that address of this machine.
-    static ZFileDescriptor Connect(const char* from) {
+    ZFileDescriptor Connect(const char* from) const {
         sockaddr_in own{};
         own.sin_family = AF_INET;
         ::inet_pton(AF_INET, from, &own.sin_addr);
         sockaddr_in relay = own;
-        relay.sin_port = htons(kPort);
+        relay.sin_port = htons(port);
         ::inet_pton(AF_INET, "127.0.0.1", &relay.sin_addr);
         ZFileDescriptor connection;
         EXPECT_TRUE(WaitUntil([&] {
@@ -61,7 +62,8 @@ protected:
         return WaitUntil(
             [&] { return std::ranges::any_of(Jobs(), [&](const auto& job) { return job->m_Percent == percent; }); });
     }
-    static constexpr std::uint16_t kPort = 5631;
+    /// Of this process alone, and below those that the kernel hands out: tests run beside each other.
+    const std::uint16_t port = static_cast<std::uint16_t>(10'000 + ::getpid() % 20'000);
 
 private:
     std::string m_path;
