@@ -66,7 +66,9 @@ bool ZNodeArborInstall::OnCheckCompatibility(std::shared_ptr<ZMessage>& message)
 void ZNodeArborInstall::DecideBuild(const std::shared_ptr<ZMessage>& request) {
     const auto& compatibility = static_cast<const ZDeviceCompatibilityMsg&>(*request);
     const ZString board = ToZString(BoardAsked(compatibility));
-    (*m_accessoryBoards.Lock())[compatibility.m_Model] = board;
+    if (!board.empty()) {
+        (*m_accessoryBoards.Lock())[compatibility.m_Model] = board;
+    }
     if (m_bBuildInProgress) {
         Z_LOG(2, "Build already in progress");
         return;

@@ -9,6 +9,8 @@ namespace {
 
 // The checks of one drive come one after the other; one that takes longer goes on while the next begins.
 constexpr auto kPatience = std::chrono::seconds(2);
+// So many checks of one drive may be unfinished: others' need places in the queue, too.
+constexpr std::ptrdiff_t kMostUnfinished = 2;
 // Candidates on one drive: far more than anybody carries.
 constexpr std::size_t kMostCandidates = 1000;
 
@@ -25,11 +27,19 @@ struct ZNodeArborInstall::DriveChecks {
     std::vector<Check> checks;
     std::size_t tooMany = 0;
 
+    static bool IsDone(const Check& check) {
+        return check.done.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }
+    /// Waits for the last one a moment, and for earlier ones while too many are unfinished.
+    void Await() const {
+        checks.back().done.wait_for(kPatience);
+        while (std::ranges::count_if(checks, [](const Check& check) { return !IsDone(check); }) >= kMostUnfinished) {
+            std::ranges::find_if_not(checks, IsDone)->done.wait();
+        }
+    }
     void Tell() const {
         const auto count = [](std::size_t number) { return ToZString(std::to_string(number)); };
-        const auto ended = static_cast<std::size_t>(std::ranges::count_if(checks, [](const Check& check) {
-            return check.done.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-        }));
+        const auto ended = static_cast<std::size_t>(std::ranges::count_if(checks, IsDone));
         const std::size_t current = std::min(ended + 1, checks.size());
         scan->Tell("Looking at " + drive, "checking " + count(current) + " of " + count(checks.size()),
                    static_cast<std::int32_t>(ended * 100 / std::max<std::size_t>(checks.size(), 1)));
@@ -61,7 +71,10 @@ bool ZNodeArborInstall::ScanDriveFor(const fs::path& drive, std::shared_ptr<ZMes
     checks.drive = ToZString(drive.string());
     checks.scan = TakeJob(request, {.kind = ZOperationKind::Scan, .file = checks.drive});
     std::error_code error;
-    fs::directory_iterator entry(drive, error);
+    fs::directory_iterator entry;
+    if (!checks.scan->CancelReason()) {  // one that has left is not touched: that might block
+        entry = fs::directory_iterator(drive, error);
+    }
     while (!error && !checks.scan->CancelReason() && entry != fs::directory_iterator()) {
         CheckDriveEntry(entry->path(), checks);
         entry.increment(error);
@@ -86,7 +99,11 @@ bool ZNodeArborInstall::FinishScan(DriveChecks& checks, std::shared_ptr<ZMessage
     bool any = false;
     for (auto& check : checks.checks) {
         checks.Tell();
-        any = check.done.get() || any;
+        try {
+            any = check.done.get() || any;
+        } catch (const std::exception& failure) {
+            Z_LOG(4, "A check ended: %s", failure.what());  // its job has failed; the others count
+        }
         for (const auto& message : check.results->m_Messages) {
             results->Add(message);
         }
@@ -122,16 +139,13 @@ void ZNodeArborInstall::CheckDriveEntry(const fs::path& file, DriveChecks& check
                                     .file = ToZString(file.string()),
                                     .parent = checks.scan->Id(),
                                     .asker = "drive " + checks.drive};
-    {
-        // Either the drive's end reaches this check, or there is none.
-        const std::lock_guard lock(m_checksBegin);
-        if (checks.scan->CancelReason()) {
-            return;
-        }
-        checks.checks.push_back({QueueCheck(file, results, subject, nullptr), results});
+    auto check = QueueCheck(file, results, subject, nullptr);
+    if (const auto why = checks.scan->CancelReason()) {
+        check.operation->AskToCancel(*why);  // whoever ended the scan may not have seen this one
     }
+    checks.checks.push_back({std::move(check.done), results});
     checks.Tell();
-    checks.checks.back().done.wait_for(kPatience);
+    checks.Await();
 }
 
 bool ZNodeArborInstall::RemoveStorageDevices(const ZVector<ZString>& drives) {

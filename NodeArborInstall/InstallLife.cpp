@@ -14,6 +14,7 @@ const InstallLife::Row InstallLife::kTable[] = {
     {Stage::Working, Event::LastDocument, Stage::Told, Effect::SettleByDocument},
     {Stage::Working, Event::NotStarted, Stage::Over, Effect::Fail},
     {Stage::Working, Event::Ended, Stage::Over, Effect::SettleByEnd},
+    {Stage::Told, Event::NotStarted, Stage::Over, Effect::None},
     {Stage::Told, Event::Ended, Stage::Over, Effect::None},
 };
 

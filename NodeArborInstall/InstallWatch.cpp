@@ -23,6 +23,21 @@ constexpr auto kCancelPatience = std::chrono::seconds(20);
 // How often is looked for what no descriptor is to be had of.
 constexpr auto kLookAgain = std::chrono::milliseconds(500);
 
+/// Whether it is this process's child, and so its number its own until it is reaped.
+bool IsChild(const ZProcessId& process) {
+    siginfo_t info{};
+    return ::waitid(P_PID, static_cast<id_t>(process.id), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+/// Without a descriptor, which may be what is lacking.
+bool HasEnded(const ZProcessId& process) {
+    siginfo_t info{};
+    if (::waitid(P_PID, static_cast<id_t>(process.id), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
+        return info.si_pid == process.id;
+    }
+    return ::kill(process.id, 0) != 0 && errno == ESRCH;
+}
+
 /// Readable once somebody cancels; negative when the system has none left: the watch must go on all the same.
 int CancelDescriptor(ZOperation& operation) {
     try {
@@ -77,12 +92,12 @@ bool ZNodeArborInstall_InstallAction::AwaitEnd(int exit, const ZProcessId& proce
     std::array<pollfd, 3> entries{
         {{exit, POLLIN, 0}, {ZStopEvent::OfThisThread()->Descriptor(), POLLIN, 0}, {cancel, POLLIN, 0}}};
     ::poll(entries.data(), entries.size(), PollTimeout(wakeUp));
-    return exit < 0 ? FindProcess(process.id) != process : entries[0].revents != 0;
+    return exit < 0 ? HasEnded(process) : entries[0].revents != 0;
 }
 
 /// Its whole group: a package of somebody else's may be a script with children.
 void ZNodeArborInstall_InstallAction::EndProcess(const ZProcessId& process, int signal) {
-    if (FindProcess(process.id) == process) {
+    if (IsChild(process) || FindProcess(process.id) == process) {
         ::kill(-process.id, signal);
         ::kill(process.id, signal);
     }
@@ -113,6 +128,7 @@ void ZNodeArborInstall::AdoptInstalls() {
     const auto request = Z_MAKE(ZOperationsRequestMsg);
     request->m_Node = Name();
     request->m_State = "Open";
+    request->m_Kind = "Install";  // others have no process that could live on
     std::shared_ptr<ZMessage> answer;
     constexpr auto kPatience = std::chrono::seconds(3);
     PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "operations", 0), request, &answer,
@@ -129,8 +145,7 @@ void ZNodeArborInstall::Adopt(const ZOperationMsg& left) {
     const ZProcessId process{left.m_ProcessId, left.m_ProcessStart};
     const auto life = std::make_shared<InstallLife>(operation, m_slots);
     life->OnStarted(process);
-    const bool lives = left.m_BootId == ToZString(BootId()) && FindProcess(process.id) == process;
-    if (left.m_Kind != ZOperationKind::Install || !lives) {
+    if (left.m_BootId != ToZString(BootId()) || FindProcess(process.id) != process) {
         life->OnEnded(std::nullopt);
         return;
     }

@@ -88,10 +88,12 @@ bool ZNodeArborInstall::IsUpload(const fs::path& file) const {
     return !m_updatesPath.empty() && file.lexically_normal().parent_path() == (m_updatesPath / "").parent_path();
 }
 
-void ZNodeArborInstall::ForgetFile(const fs::path& file) {
-    if (m_tables.Forget(file)) {
+bool ZNodeArborInstall::ForgetFile(const fs::path& file) {
+    const bool known = m_tables.Forget(file);
+    if (known) {
         Z_LOG(2, "Removing package %s", file);
     }
+    return known;
 }
 
 void ZNodeArborInstall::RemoveRefusedUploads(const ZMessageArray& results) {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <iterator>
 
 #include "ZNodeArborInstall.h"
 
@@ -29,12 +30,16 @@ bool ZNodeArborInstall::StartJob(const char* action, const std::shared_ptr<ZMess
 }
 
 void ZNodeArborInstall::DropJobs(const ZMessage& message) {
-    const auto jobs = m_jobs.Lock();
-    const auto [first, end] = jobs->equal_range(&message);
-    for (auto job = first; job != end; ++job) {
-        job->second->Fail("it could not be started");
+    std::vector<std::shared_ptr<ZOperation>> dropped;
+    {
+        const auto jobs = m_jobs.Lock();
+        const auto [first, end] = jobs->equal_range(&message);
+        std::transform(first, end, std::back_inserter(dropped), [](const auto& entry) { return entry.second; });
+        jobs->erase(first, end);
     }
-    jobs->erase(first, end);
+    for (const auto& operation : dropped) {
+        operation->Fail("it could not be done");
+    }
 }
 
 std::shared_ptr<ZOperation> ZNodeArborInstall::TakeJob(const ZMessage* message, const ZOperationSubject& subject) {
@@ -43,8 +48,7 @@ std::shared_ptr<ZOperation> ZNodeArborInstall::TakeJob(const ZMessage* message, 
         const auto jobs = m_jobs.Lock();
         const auto [first, end] = jobs->equal_range(message);
         const auto found = std::find_if(first, end, [&](const auto& entry) {
-            const auto job = entry.second->Get();
-            return job->m_Kind == subject.kind && job->m_File == subject.file;
+            return entry.second->Kind() == subject.kind && entry.second->File() == subject.file;
         });
         if (found != end) {
             operation = found->second;
@@ -58,25 +62,31 @@ std::shared_ptr<ZOperation> ZNodeArborInstall::TakeJob(const ZMessage* message, 
     return operation;
 }
 
-void ZNodeArborInstall::RunBounded(const char* action, const std::shared_ptr<ZMessage>& message) {
+bool ZNodeArborInstall::RunBounded(const char* action, const std::shared_ptr<ZMessage>& message) {
+    enum class Turn { Now, Later, Never } turn = Turn::Now;
     {
         const auto backlogs = m_backlogs.Lock();
         Backlog& backlog = (*backlogs)[action];
-        if (backlog.running >= kActionsAtOnce) {
-            if (backlog.waiting.size() >= kMostWaiting) {
-                Z_LOG(4, "More than %d wait for a %s: one is left out", static_cast<int>(kMostWaiting), action);
-                DropJobs(*message);
-                return;
-            }
+        if (backlog.running < kActionsAtOnce) {
+            ++backlog.running;
+        } else if (backlog.waiting.size() < kMostWaiting) {
             backlog.waiting.push_back(message);
-            return;
+            turn = Turn::Later;
+        } else {
+            turn = Turn::Never;
         }
-        ++backlog.running;
     }
-    if (!RunAction(action, message)) {
+    if (turn == Turn::Later) {
+        return false;
+    }
+    if (turn == Turn::Never) {
+        Z_LOG(4, "More than %d wait for a %s: one is left out", static_cast<int>(kMostWaiting), action);
+        DropJobs(*message);
+    } else if (!RunAction(action, message)) {
         DropJobs(*message);
         --(*m_backlogs.Lock())[action].running;
     }
+    return turn == Turn::Now;
 }
 
 std::shared_ptr<ZMessage> ZNodeArborInstall::NextWaiting(const char* action) {

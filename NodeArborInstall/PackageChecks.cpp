@@ -16,11 +16,14 @@ constexpr std::size_t kShownOutput = 500;
 
 }  // namespace
 
-std::future<bool> ZNodeArborInstall::QueueCheck(const fs::path& file, const std::shared_ptr<ZMessageArray>& results,
-                                                const ZOperationSubject& subject, const ZMessage* request) {
+ZNodeArborInstall::QueuedCheck ZNodeArborInstall::QueueCheck(const fs::path& file,
+                                                             const std::shared_ptr<ZMessageArray>& results,
+                                                             const ZOperationSubject& subject,
+                                                             const ZMessage* request) {
+    EndChecksOfFile(file);
     const auto operation = BeginOperation(subject, request);
     const CheckOrder order{operation, ++m_checkOrder};
-    return m_checks.Add([this, file, results, order] {
+    auto done = m_checks.Add([this, file, results, order] {
         ZOperation& job = *order.operation;
         if (const auto why = job.CancelReason()) {
             job.Cancel(ToZString("cancelled " + *why));
@@ -31,11 +34,22 @@ std::future<bool> ZNodeArborInstall::QueueCheck(const fs::path& file, const std:
         auto found = results;
         return CheckPackage(file, found, order);
     });
+    return {operation, std::move(done)};
 }
 
 bool ZNodeArborInstall::CheckNow(const fs::path& file, std::shared_ptr<ZMessageArray>& results,
                                  const ZMessage* request) {
-    return QueueCheck(file, results, {.kind = ZOperationKind::Check, .file = ToZString(file.string())}, request).get();
+    const ZOperationSubject subject{.kind = ZOperationKind::Check, .file = ToZString(file.string())};
+    return QueueCheck(file, results, subject, request).done.get();
+}
+
+void ZNodeArborInstall::EndChecksOfFile(const fs::path& file) {
+    for (const auto& operation : Operations()) {
+        if (operation->Kind() == ZOperationKind::Check && fs::path(operation->File()) == file) {
+            operation->AskToCancel("because the file is checked again");
+        }
+    }
+    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return fs::path(entry->m_File) == file; });
 }
 
 bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
@@ -147,7 +161,6 @@ bool ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersi
     if (erased) {
         Z_LOG(2, "Erasing duplicate package file %s version %s", erased->second, erased->first.Get());
     }
-    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return fs::path(entry->m_File) == file; });
     return true;
 }
 

@@ -73,6 +73,12 @@ void ProgressRelay::Decide(Decision decision) {
     m_changed.notify_all();
 }
 
+void ProgressRelay::Abandon() {
+    if (*m_decision.Lock() == Decision::Pending) {
+        Decide(Decision::Failed);
+    }
+}
+
 bool ProgressRelay::WaitUntilListening() {
     auto decision = m_decision.Lock();
     decision.WaitUntil(m_changed, ZClock::now() + kRelayStartLimit,
@@ -199,8 +205,9 @@ bool ProgressRelay::Pass(int socket, ZCommStream& stream) {
         return true;
     }
     ready -= m_pollTable->entries[count].revents != 0 ? 1 : 0;  // set until the next Bind: no pass sleeps any more
-    // While anything comes, more may.
-    bool keepRunning = !ending || (ready > 0 && ++m_pollTable->lastPasses < kMostLastPasses);
+    // While anything comes, more may; but not for ever.
+    const bool isLast = ending && (ready == 0 || ++m_pollTable->lastPasses >= kMostLastPasses);
+    bool keepRunning = true;
     bool endPass = false;
     for (std::size_t index = 0; index < count && ready > 0 && !endPass; ++index) {
         const pollfd& entry = m_pollTable->entries[index];
@@ -213,7 +220,7 @@ bool ProgressRelay::Pass(int socket, ZCommStream& stream) {
             endPass = !ReadClient(entry.fd, stream, keepRunning);
         }
     }
-    return keepRunning;
+    return keepRunning && !isLast;
 }
 
 void ProgressRelay::HandleHangup(const pollfd& entry, bool isListener, bool& keepRunning) {

@@ -49,6 +49,8 @@ public:
 
     /// A relay is about to be started.
     void Announce();
+    /// The relay that was announced will not be bound.
+    void Abandon();
     /// Waits until the relay that was announced last listens (true) or never will, for a bounded time. What was in its
     /// way is told by Failure.
     bool WaitUntilListening();

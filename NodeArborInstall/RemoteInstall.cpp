@@ -291,6 +291,10 @@ void ZNodeArborInstall_RemoteInstallAction::RelayProgress(const std::string& add
     }
     RelayUntilDone(*descriptor, false, [&] { return m_operation->CancelReason() || IsSilent(relay); });
     // Settled by the last document, if one came.
+    if (const auto why = m_operation->CancelReason()) {
+        m_operation->Lose(ToZString("nobody watches it any more (cancelled " + *why +
+                                    "): whether the accessory's installer goes on is not known"));
+    }
     Fail("the installer on the accessory (" + address + ") does not report any more: whether it goes on is not known");
 }
 

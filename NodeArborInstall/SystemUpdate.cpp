@@ -8,6 +8,7 @@
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZChildReaper.h"
 #include "ZShared/ZPlatform.h"
+#include "ZShared/ZScopeEnd.h"
 
 namespace fs = std::filesystem;
 
@@ -50,6 +51,9 @@ bool ZNodeArborInstall::OnSystemUpdate(const std::shared_ptr<ZMessage>& msg) {
         }
     } catch (const std::exception& error) {
         Z_LOG(4, "Could not find package for software version %s", request->m_Version);
+        if (const auto life = m_install.Copy(); life && &life->Operation() == operation.get()) {
+            life->OnNotStarted(error.what(), Codes::ERRCODE_NONE);
+        }
         operation->Fail(error.what());
         return true;
     }
@@ -99,7 +103,9 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     // Logged run together, as tools that read these logs expect it.
     const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
     Z_LOG(2, "Software update command %s", command);
-    const auto started = RunInstaller(arguments, life);
+    // Making the relay ready may have taken longer than its asker waits.
+    const auto started = ZResponseSource(request).IsAbandoned() ? ZResult<void>(ZError("whoever asked for it has gone"))
+                                                                : RunInstaller(arguments, life);
     m_bUpdateInProgress = started.has_value();
     Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
     answer.m_bSuccess = started.has_value();
@@ -173,6 +179,7 @@ std::vector<std::string> ZNodeArborInstall::InstallerArguments(const fs::path& p
 }
 
 bool ZNodeArborInstall_ProgressAction::Work() {
+    const ZScopeEnd decide([this] { Node().Relay(true).Abandon(); });  // unless it was bound
     if (Node().UpdateVersion().empty()) {
         Z_LOG(4, "No version set for install");
         return false;

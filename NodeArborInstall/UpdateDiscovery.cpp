@@ -29,7 +29,9 @@ bool ZNodeArborInstall::OnStorageUpdateDevice(const std::shared_ptr<ZMessage>& m
     for (const ZString& drive : devices->m_AddedDevices) {
         BeginJob(message, {.kind = ZOperationKind::Scan, .file = drive});
     }
-    RunBounded("StorageDevicesUpdate", message);
+    if (!RunBounded("StorageDevicesUpdate", message)) {
+        RemoveStorageDevices(devices->m_RemovedDevices);  // what has gone is not offered until its turn comes
+    }
     return true;
 }
 
@@ -48,16 +50,17 @@ bool ZNodeArborInstall::OnFindUpdates(std::shared_ptr<ZMessage>& request) {
     return true;
 }
 
-/// At once, whatever waits: what hangs on a drive ends when the drive has gone.
+/// At once, whatever waits: what hangs on a drive ends when the drive has gone. Scans first: a check that one of them
+/// begins meanwhile is either seen here, or sees that its scan is to end.
 void ZNodeArborInstall::EndChecksOf(const ZVector<ZString>& drives) {
-    const std::lock_guard lock(m_checksBegin);
-    for (const auto& operation : Operations()) {
-        const auto job = operation->Get();
-        const bool isCheck = job->m_Kind == ZOperationKind::Check || job->m_Kind == ZOperationKind::Scan;
-        for (const ZString& drive : drives) {
-            const fs::path root = fs::path(drive).lexically_normal();
-            if (isCheck && !root.empty() && VersionTables::IsOnDrive(fs::path(job->m_File), root)) {
-                operation->AskToCancel("because its drive was removed");
+    for (const ZOperationKind kind : {ZOperationKind::Scan, ZOperationKind::Check}) {
+        for (const auto& operation : Operations()) {
+            for (const ZString& drive : drives) {
+                const fs::path root = fs::path(drive).lexically_normal();
+                if (operation->Kind() == kind && !root.empty() &&
+                    VersionTables::IsOnDrive(fs::path(operation->File()), root)) {
+                    operation->AskToCancel("because its drive was removed");
+                }
             }
         }
     }
@@ -75,8 +78,14 @@ bool ZNodeArborInstall_CheckFileAction::Work() {
 
 void ZNodeArborInstall_CheckFileAction::LookAt(const FolderUpdateMsg& update) {
     const fs::path file = fs::path(update.m_Folder) / fs::path(update.m_FileName);
-    Z_LOG(2, "Check File: %s", file);
     auto results = Z_MAKE(ZMessageArray);
+    if (update.m_bGone) {
+        if (Node().ForgetFile(file)) {
+            Node().CheckAvailableUpdates(results, true);
+        }
+        return;
+    }
+    Z_LOG(2, "Check File: %s", file);
     CheckFile(file, results);
     const auto told = ZCAST(ZMessageArray, ZNodeComm::CloneMessage(results));
     Node().CheckAvailableUpdates(results, true);
@@ -99,6 +108,7 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
         Node().CheckNow(file, results, m_pMessage.get());
         return;
     }
+    Node().ForgetFile(file);  // one that was offered may no longer be run
     // The two words are the wrong way round; tools that read these logs know them so.
     Z_LOG(2, "File %s %s", file.filename().c_str(), executable ? "Not Executable" : "is executable");
 }

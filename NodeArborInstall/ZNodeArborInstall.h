@@ -122,7 +122,10 @@ public:
     /// Checks a file as a job, in its turn, and adds what came of it to `results`.
     bool CheckNow(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results, const ZMessage* request);
     /// The file is no package any more, or was not accepted as one.
-    void ForgetFile(const std::filesystem::path& file);
+    /// Whether it was known.
+    bool ForgetFile(const std::filesystem::path& file);
+    /// The jobs of a message that were not taken over will not be.
+    void DropJobs(const ZMessage& message);
     /// Removes the uploads that were refused, once that was told.
     void RemoveRefusedUploads(const ZMessageArray& results);
 
@@ -148,11 +151,9 @@ private:
     // Jobs.
     /// Begins a job that the message's action will take over.
     void BeginJob(const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject);
-    /// They will not be taken over.
-    void DropJobs(const ZMessage& message);
     bool StartJob(const char* action, const std::shared_ptr<ZMessage>& message, const ZOperationSubject& subject);
-    /// Runs the action for the message at once, or, when as many run as may, after one of them.
-    void RunBounded(const char* action, const std::shared_ptr<ZMessage>& message);
+    /// Runs the action for the message at once, or, when as many run as may, after one of them. Whether it was at once.
+    bool RunBounded(const char* action, const std::shared_ptr<ZMessage>& message);
     /// Goes on with the installs that an earlier life of this host left running, and tells how others ended.
     void AdoptInstalls();
     void Adopt(const ZOperationMsg& left);
@@ -169,10 +170,16 @@ private:
     void CheckDriveEntry(const std::filesystem::path& file, DriveChecks& checks);
     bool FinishScan(DriveChecks& checks, std::shared_ptr<ZMessageArray>& results);
     void EndChecksOf(const ZVector<ZString>& drives);
+    /// What was found out about the file, or is being, is of an earlier one of that name.
+    void EndChecksOfFile(const std::filesystem::path& file);
     void KeepRefused(const ZString& version, const ZString& file, ZFrameworkErrorCodes::ZErrorCode code,
                      const ZString& reason);
-    std::future<bool> QueueCheck(const std::filesystem::path& file, const std::shared_ptr<ZMessageArray>& results,
-                                 const ZOperationSubject& subject, const ZMessage* request);
+    struct QueuedCheck {
+        std::shared_ptr<ZOperation> operation;
+        std::future<bool> done;
+    };
+    QueuedCheck QueueCheck(const std::filesystem::path& file, const std::shared_ptr<ZMessageArray>& results,
+                           const ZOperationSubject& subject, const ZMessage* request);
     bool CheckPackage(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results,
                       const CheckOrder& order);
     bool RunCheck(const std::string& command, std::string& output, ZClock::time_point deadline);
@@ -248,7 +255,6 @@ private:
     ZGuarded<std::deque<std::shared_ptr<ZPackageInfoMsg>>> m_refused;  // the newest first
     ZGuarded<std::map<ZDeviceModel, ZString>> m_accessoryBoards;       // as accessories told them
     std::atomic<std::uint64_t> m_checkOrder{0};
-    std::mutex m_checksBegin;  // held while a scan begins a check, and while the checks of a drive are ended
     // One for each remote install that waits for its action.
     ZGuarded<std::vector<std::shared_ptr<ZUseFlag::Hold>>> m_remoteInstallHolds;
     std::filesystem::path m_graphFile;  // never deleted

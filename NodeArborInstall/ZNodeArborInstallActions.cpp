@@ -25,6 +25,7 @@ void ZNodeArborInstallAction::WorkOff(const char* name, const std::function<void
         } catch (const std::exception& error) {
             Z_LOG(4, "%s ended: %s", ClassName(), error.what());
         }
+        Node().DropJobs(*m_pMessage);
     }
 }
 

@@ -8,6 +8,10 @@
 
 Z_IMPLEMENT(ZNode)
 
+namespace {
+constexpr const char* kHostStops = "because the host stops";
+}
+
 ZNode::ZNode(const ZString& name) : ZCommEnabledObject(name) {
     m_logName = kClassName;
 }
@@ -132,9 +136,14 @@ std::shared_ptr<ZOperation> ZNode::Keep(std::shared_ptr<ZOperationMsg> message) 
     auto operation = std::make_shared<ZOperation>(
         std::move(message), [this, endpoint = GetEndpoint(ZEndpointType::GraphService, "operation", 0)](
                                 const std::shared_ptr<ZOperationMsg>& change) { Publish(endpoint, change); });
-    const auto operations = m_operations.Lock();
-    std::erase_if(*operations, [](const auto& entry) { return entry.expired(); });
-    operations->push_back(operation);
+    {
+        const auto operations = m_operations.Lock();
+        std::erase_if(*operations, [](const auto& entry) { return entry.expired(); });
+        operations->push_back(operation);
+    }
+    if (m_bInShutdown) {  // BeginStop may have looked at the others already
+        operation->AskToCancel(kHostStops);
+    }
     return operation;
 }
 
@@ -222,7 +231,7 @@ bool ZNode::CallOnMessageThread(const std::function<void()>& work, ZMailbox::Clo
 void ZNode::BeginStop() {
     m_bInShutdown = true;
     for (const auto& operation : Operations()) {
-        operation->AskToCancel("because the host stops");
+        operation->AskToCancel(kHostStops);
     }
     m_actions.StopAll();
     const std::lock_guard lock(m_timersMutex);

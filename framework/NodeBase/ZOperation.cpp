@@ -4,7 +4,10 @@
 #include <random>
 
 ZOperation::ZOperation(std::shared_ptr<ZOperationMsg> first, Publish publish)
-    : m_id(first->m_Id), m_publish(std::move(publish)), m_message(State{std::move(first), false, {}, {}}) {
+    : m_begun(CopyOf(*first)),
+      m_publish(std::move(publish)),
+      m_open(first->IsOpen()),
+      m_message(State{std::move(first), false}) {
     Tell(*m_message.Lock());
 }
 
@@ -98,6 +101,7 @@ bool ZOperation::Settle(ZOperationState end, const ZString& reason, ZFrameworkEr
     message.m_Reason = reason;
     message.m_ErrorCode = code;
     message.m_EndedAt = MillisecondsNow();
+    m_open = false;
     if (end == ZOperationState::Succeeded) {
         message.m_Percent = 100;
     }
@@ -110,26 +114,26 @@ void ZOperation::LeaveOpen() {
 }
 
 void ZOperation::AskToCancel(const std::string& why) {
-    const auto state = m_message.Lock();
-    if (!state->cancelReason) {
-        state->cancelReason = why;
+    const auto wish = m_cancel.Lock();
+    if (!wish->reason) {
+        wish->reason = why;
     }
-    if (state->cancelEvent) {
-        state->cancelEvent->Set();
+    if (wish->event) {
+        wish->event->Set();
     }
 }
 
 std::optional<std::string> ZOperation::CancelReason() const {
-    return m_message.Lock()->cancelReason;
+    return m_cancel.Lock()->reason;
 }
 
 const ZStopEvent& ZOperation::CancelEvent() {
-    const auto state = m_message.Lock();
-    if (!state->cancelEvent) {
-        state->cancelEvent = std::make_unique<ZStopEvent>();
-        if (state->cancelReason) {
-            state->cancelEvent->Set();
+    const auto wish = m_cancel.Lock();
+    if (!wish->event) {
+        wish->event = std::make_unique<ZStopEvent>();
+        if (wish->reason) {
+            wish->event->Set();
         }
     }
-    return *state->cancelEvent;
+    return *wish->event;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -31,10 +32,15 @@ public:
     ZOperation(const ZOperation&) = delete;
     ZOperation& operator=(const ZOperation&) = delete;
 
-    const ZString& Id() const { return m_id; }
+    // What these tell never waits for a change that is being published.
+    const ZString& Id() const { return m_begun->m_Id; }
+    ZOperationKind Kind() const { return m_begun->m_Kind; }
+    /// The file that it was begun for.
+    const ZString& File() const { return m_begun->m_File; }
+    bool IsOpen() const { return m_open; }
+
     /// A copy of it as it stands.
     std::shared_ptr<ZOperationMsg> Get() const;
-    bool IsOpen() const { return m_message.Lock()->message->IsOpen(); }
 
     /// The job, which waited, has its turn.
     void Start();
@@ -76,14 +82,18 @@ private:
     struct State {
         std::shared_ptr<ZOperationMsg> message;
         bool left = false;
-        std::optional<std::string> cancelReason;
-        std::unique_ptr<ZStopEvent> cancelEvent;
+    };
+    struct Wish {
+        std::optional<std::string> reason;
+        std::unique_ptr<ZStopEvent> event;
     };
     bool Settle(ZOperationState state, const ZString& reason, ZFrameworkErrorCodes::ZErrorCode code);
     static std::shared_ptr<ZOperationMsg> CopyOf(const ZOperationMsg& message);
     void Tell(const State& state) const { m_publish(CopyOf(*state.message)); }
 
-    const ZString m_id;
+    const std::shared_ptr<const ZOperationMsg> m_begun;
     const Publish m_publish;
+    std::atomic<bool> m_open;
     ZGuarded<State> m_message;  // held while a change is published, so that changes arrive in order
+    ZGuarded<Wish> m_cancel;
 };

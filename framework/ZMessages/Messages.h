@@ -280,14 +280,15 @@ public:
 };
 Z_REGISTER(TransferMsg)
 
-/// Notification "newFile": a file in a watched folder is complete.
+/// Notification "newFile": a file in a watched folder is complete, or has gone.
 class FolderUpdateMsg : public ZMessage {
     Z_MESSAGE(FolderUpdateMsg, ZMessage)
 public:
     ZString m_Folder;
     ZString m_FileName;
+    bool m_bGone = false;  ///< it was removed, or moved away
 
-    Z_FIELDS(Z_FIELD(m_Folder), Z_FIELD(m_FileName))
+    Z_FIELDS(Z_FIELD(m_Folder), Z_FIELD(m_FileName), Z_FIELD(m_bGone))
 };
 Z_REGISTER(FolderUpdateMsg)
 

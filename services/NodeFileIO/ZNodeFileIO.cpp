@@ -151,34 +151,40 @@ FileError ZNodeFileIO::Do(const std::shared_ptr<ZMessage>& message, ZGenericResp
 
 void ZNodeFileIO::TellJob(const ZMessage& message, const ZFileMsg& file, const FileError& error) {
     const std::string path = ToStdString(file.m_FilePath);
-    const bool opens = message.IsKindOf(ZFileOpenMsg::m_cid);
-    if (opens && error.code == ZFrameworkErrorCodes::ERRCODE_BUSY && m_uploads.contains(path)) {
-        return;  // somebody else's upload of that file goes on
-    }
-    if (opens) {
-        Upload& upload = m_uploads[path];
-        upload = {BeginOperation({.kind = ZOperationKind::Upload, .file = file.m_FilePath}, &message),
-                  static_cast<const ZFileOpenMsg&>(file).m_Size, 0};
-        upload.operation->Start();
-    }
-    const auto found = m_uploads.find(path);
-    if (found == m_uploads.end()) {
+    const auto known = m_uploads.find(path);
+    if (message.IsKindOf(ZFileOpenMsg::m_cid)) {
+        if (known == m_uploads.end()) {  // else the one that is under way goes on
+            BeginJob(static_cast<const ZFileOpenMsg&>(file), error);
+        }
         return;
     }
-    Upload& upload = found->second;
+    if (known == m_uploads.end() || message.IsKindOf(ZFileReadMsg::m_cid) || !known->second.IsFor(file)) {
+        return;
+    }
+    Upload& upload = known->second;
     if (error) {
         upload.operation->Fail(ToZString(error.reason), error.code);
-    } else if (message.IsKindOf(ZFileCloseMsg::m_cid)) {
-        upload.operation->Succeed();
-    } else if (message.IsKindOf(ZFileWriteMsg::m_cid)) {
-        upload.received += static_cast<std::int64_t>(static_cast<const ZFileWriteMsg&>(file).m_Data.size() / 4 * 3);
+    }
+    if (message.IsKindOf(ZFileCloseMsg::m_cid)) {
+        upload.operation->Succeed();  // unless it has failed
+        m_uploads.erase(known);
+    } else if (const auto* const write = dynamic_cast<const ZFileWriteMsg*>(&file)) {
+        upload.received += static_cast<std::int64_t>(write->m_Data.size() / 4 * 3);
         const std::int64_t percent =
             upload.size > 0 ? std::min<std::int64_t>(upload.received * 100 / upload.size, 99) : 0;
         upload.operation->Tell("Upload", ToZString(fs::path(path).filename().string()),
                                static_cast<std::int32_t>(percent));
     }
-    if (!upload.operation->IsOpen() && (opens || message.IsKindOf(ZFileCloseMsg::m_cid))) {
-        m_uploads.erase(found);
+}
+
+void ZNodeFileIO::BeginJob(const ZFileOpenMsg& open, const FileError& error) {
+    Upload upload{BeginOperation({.kind = ZOperationKind::Upload, .file = open.m_FilePath}, &open), open.m_DeviceModel,
+                  open.m_SerialNumber, open.m_Size, 0};
+    upload.operation->Start();
+    if (error) {
+        upload.operation->Fail(ToZString(error.reason), error.code);
+    } else {
+        m_uploads.emplace(ToStdString(open.m_FilePath), std::move(upload));
     }
 }
 

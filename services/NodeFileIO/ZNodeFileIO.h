@@ -46,6 +46,7 @@ private:
     FileError HandOver(const std::shared_ptr<ZMessage>& message, ZFileMsg& file);
     /// Tells the upload's job of what came of a message for it.
     void TellJob(const ZMessage& message, const ZFileMsg& file, const FileError& error);
+    void BeginJob(const ZFileOpenMsg& open, const FileError& error);
     void EndJob(const std::string& path, const std::string& reason);
     void DiscardCancelled();
     void WatchIdleFiles();
@@ -58,8 +59,13 @@ private:
     std::unique_ptr<OpenFiles> m_files;
     struct Upload {
         std::shared_ptr<ZOperation> operation;
+        ZDeviceModel model;
+        ZString serialNumber;
         std::int64_t size = -1;  // as announced; negative: it was not
         std::int64_t received = 0;
+        bool IsFor(const ZFileMsg& file) const {
+            return file.m_DeviceModel == model && file.m_SerialNumber == serialNumber;
+        }
     };
     std::map<std::string, Upload> m_uploads;  // by the path that their sender gave them
     std::vector<char> m_bytes;                // of one part that is read, kept so that its memory is used again

@@ -136,5 +136,6 @@ void ZNodeStorage::TellFile(const UpdatesMonitor::Change& change) {
     const auto message = ZMakeShared<FolderUpdateMsg>();
     message->m_Folder = ToZString(m_updatesFolder.string());
     message->m_FileName = ToZString(change.name);
+    message->m_bGone = change.removed;
     Publish(GetEndpoint(ZEndpointType::GraphService, "newFile", 0), message);
 }

@@ -169,6 +169,20 @@ TEST_F(Checks, OfUploadsTakeAwayWhatWasRefusedOrRemoved) {
     fs::remove(good);
     TellFile(good);
     EXPECT_TRUE(WaitUntil([&] { return Offered().empty(); }));
+    // One that is replaced while it hangs in its check: what becomes of the old one does not touch the new one.
+    const fs::path replaced = Hanging("updates/replaced.pkg");
+    TellFile(replaced);
+    ASSERT_TRUE(WaitForJob("Check replaced.pkg Running"));
+    fs::remove(replaced);
+    folder.Write("updates/replaced.pkg", ReadText(Package("g.pkg", "3.048")), 0755);
+    TellFile(replaced);
+    EXPECT_TRUE(WaitForJob("Check replaced.pkg Cancelled: cancelled because the file is checked again"));
+    EXPECT_TRUE(WaitForJob("Check replaced.pkg Succeeded"));
+    EXPECT_THAT(Offered(), ElementsAre("3.048 System"));
+    EXPECT_TRUE(fs::exists(replaced));
+    fs::permissions(replaced, fs::perms::owner_read);
+    TellFile(replaced);
+    EXPECT_TRUE(WaitUntil([&] { return Offered().empty(); })) << "it may not be run any more";
     const fs::path onDrive = Package("refused.pkg", "3.047", 1);
     TellFile(onDrive);
     ASSERT_TRUE(WaitForJob("Check refused.pkg Failed: board:verdin-imx8mm"));

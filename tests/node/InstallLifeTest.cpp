@@ -1,9 +1,12 @@
+#include <sys/socket.h>
+
 #include <csignal>
 #include <fstream>
 #include <limits>
 
 #include "NodeFixture.h"
 #include "ZShared/ZProcess.h"
+#include "ZShared/ZUnixAddress.h"
 
 // What a person is told about an install is so, whatever becomes of it.
 
@@ -149,6 +152,26 @@ TEST_F(InstallLife, IsToldByTheRecordThatItsInstallerLeft) {
     LeaveRecord("another", "failed", "not this one's");
     Begin("3.049", "exit 0");
     EXPECT_TRUE(WaitForJob("Install 3.049 Succeeded")) << "of another install it tells nothing";
+}
+
+TEST_F(InstallLife, EndsThoughSomebodyWritesOnAfterIt) {
+    const pid_t process = Begin();
+    std::atomic<bool> stop{false};
+    ZFileDescriptor flood(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto address = ZUnixAddress::Of(socket.string());
+    ASSERT_EQ(::connect(flood.Get(), address->Get(), ZUnixAddress::Size()), 0);
+    std::thread writer([&] {
+        const std::string text = R"({"percent":1})";
+        while (!stop && ::send(flood.Get(), text.data(), text.size(), MSG_NOSIGNAL) > 0) {
+        }
+    });
+    EXPECT_TRUE(probe->WaitForMessages(1));
+    ::kill(process, SIGKILL);
+    EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the installer was ended by SIGKILL"));
+    EXPECT_TRUE(WaitUntil([&] { return !Tables().Relaying(); })) << "the next install would be refused";
+    stop = true;
+    ::shutdown(flood.Get(), SHUT_RDWR);  // wakes it
+    writer.join();
 }
 
 TEST_F(InstallLife, EndsWhatItsInstallerLeftBehindWhenThatWasKilled) {
