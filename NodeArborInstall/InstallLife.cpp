@@ -57,7 +57,7 @@ void InstallLife::OnDocument(const InstallProgressMsg& document) {
             m_operation->Tell(document.m_Header, document.m_Message, document.m_Percent);
             break;
         case Effect::SettleByDocument:
-            m_operation->Tell(document.m_Header, document.m_Message, document.m_Percent);
+            m_operation->SetStage(document.m_Header, document.m_Message, document.m_Percent);
             SettleByDocument(document);
             break;
         default:

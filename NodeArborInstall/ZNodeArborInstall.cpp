@@ -23,11 +23,13 @@ void ZNodeArborInstall::OnProgress(bool bUnix, const std::shared_ptr<InstallProg
         return;
     }
     if (const auto operation = m_accessoryInstall.Copy().operation) {
-        operation->Tell(progress->m_Header, progress->m_Message, progress->m_Percent);
+        operation->SetStage(progress->m_Header, progress->m_Message, progress->m_Percent);
         if (progress->m_bError) {
             operation->Fail(progress->m_Message.empty() ? "the installer reports an error" : progress->m_Message);
         } else if (progress->m_bDone) {
             operation->Succeed();
+        } else {
+            operation->Tell(progress->m_Header, progress->m_Message, progress->m_Percent);
         }
     }
 }

@@ -157,7 +157,7 @@ std::string UpdatesText(const json::value& inventory) {
     const auto& archive = fields::List(inventory, "archive");
     std::string text = packages.empty() ? "No updates available.\n" : PackagesText(packages);
     if (!archive.empty()) {
-        text += "\nBuilt for accessories:\n" + PackagesText(archive);
+        text += "\nIn the archive:\n" + PackagesText(archive);
     }
     const auto& refused = fields::List(inventory, "refused");
     text += refused.empty() ? "" : "\nRefused:\n";

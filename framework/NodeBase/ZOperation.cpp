@@ -62,15 +62,25 @@ void ZOperation::Start() {
     }
 }
 
-void ZOperation::Tell(const ZString& header, const ZString& message, std::int32_t percent) {
-    const auto state = m_message.Lock();
-    if (!state->message->IsOpen()) {
-        return;
+namespace {
+void Write(ZOperationMsg& job, const ZString& header, const ZString& message, std::int32_t percent) {
+    job.m_Header = header;
+    job.m_Message = message;
+    job.m_Percent = std::clamp(percent, 0, 100);
+}
+}  // namespace
+
+void ZOperation::SetStage(const ZString& header, const ZString& message, std::int32_t percent) {
+    if (const auto state = m_message.Lock(); state->message->IsOpen()) {
+        Write(*state->message, header, message, percent);
     }
-    state->message->m_Header = header;
-    state->message->m_Message = message;
-    state->message->m_Percent = std::clamp(percent, 0, 100);
-    Tell(*state);
+}
+
+void ZOperation::Tell(const ZString& header, const ZString& message, std::int32_t percent) {
+    if (const auto state = m_message.Lock(); state->message->IsOpen()) {
+        Write(*state->message, header, message, percent);
+        Tell(*state);
+    }
 }
 
 void ZOperation::SetVersion(const ZString& version) {

@@ -46,6 +46,8 @@ public:
     void Start();
     /// How far it is; `percent` from 0 to 100.
     void Tell(const ZString& header, const ZString& message, std::int32_t percent);
+    /// As above, told with the next change: the stage in which it ends.
+    void SetStage(const ZString& header, const ZString& message, std::int32_t percent);
     /// What became known of it; told with the next change, but for the process, which is told at once.
     void SetVersion(const ZString& version);
     void SetFile(const ZString& file);

@@ -88,7 +88,7 @@ constexpr AnswerCase kAnswers[]{
     {"status", "status", kAny, 200, kSettled, 0, "Runs           3.046 (slot B)\nUnder way      no install\nUpdates        none\n", ""},
     {"updates", "inventory", "{}", 200, kInventory, 0, "VERSION  RELATION  SIZE     SOURCE       FILE\n"
         "3.046    newer     1.5 MiB  upload       a.pkg\n3.045.1  unknown   unknown  /media/usb1  b.pkg\n", ""},
-    {"updates", "inventory", "{}", 200, kInventory, 0, "Built for accessories:\n", ""},
+    {"updates", "inventory", "{}", 200, kInventory, 0, "In the archive:\n", ""},
     {"updates", "inventory", "{}", 200, kInventory, 0, "Refused:\n  /media/usb1/\\x1b.pkg (3.1): it is older\n    bring a newer", ""},
     {"updates", "inventory", "{}", 200, R"({"packages": []})", 0, "No updates available.\n", ""},
     {"updates", "inventory", "{}", 400, kProblem, 1, "", "Bad: a\\nb (HTTP 400, field \"x\")"},
