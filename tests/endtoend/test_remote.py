@@ -21,16 +21,16 @@ FORGED = json.dumps({"message": "Installed", "percent": 100, "done": True})
 STRANGER = f"""
 import socket, sys
 try:
-    with socket.create_connection((sys.argv[1], {PORT}), 30, (sys.argv[2], 0)) as connection:
-        connection.sendall(sys.argv[3].encode())
-        connection.shutdown(socket.SHUT_WR)
-        while connection.recv(100):
-            pass
-    print("closed")
+    connection = socket.create_connection((sys.argv[1], {PORT}), 30, (sys.argv[2], 0))
 except ConnectionRefusedError:
-    print("refused")
-except ConnectionResetError:
-    print("closed")
+    sys.exit(print("refused"))
+try:
+    connection.sendall(sys.argv[3].encode())
+    while connection.recv(100):
+        pass
+except ConnectionError:
+    pass
+print("closed")
 """
 
 
