@@ -176,7 +176,7 @@ private:
 constexpr const char* kOwnerStops = "The command was ended because its owner stops";
 
 std::string Seconds(std::chrono::milliseconds time) {
-    return std::to_string(time.count() / 1000) + " s";
+    return std::to_string(std::chrono::ceil<std::chrono::seconds>(time).count()) + " s";
 }
 
 }  // namespace

@@ -172,7 +172,7 @@ TEST_F(Checks, OfUploadsTakeAwayWhatWasRefusedOrRemoved) {
     // One that is replaced while it hangs in its check: what becomes of the old one does not touch the new one.
     const fs::path replaced = Hanging("updates/replaced.pkg");
     TellFile(replaced);
-    ASSERT_TRUE(WaitForJob("Check replaced.pkg Running"));
+    ASSERT_TRUE(WaitUntil([&] { return !HangingProcesses().empty(); }));
     fs::remove(replaced);
     folder.Write("updates/replaced.pkg", ReadText(Package("g.pkg", "3.048")), 0755);
     TellFile(replaced);

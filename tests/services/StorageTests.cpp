@@ -210,6 +210,9 @@ TEST_F(Storage, TellsOfCompleteFilesInTheUpdatesFolder) {
 TEST_F(Storage, TellsOfFilesThatMayBeRunFromThenOnAndOfThoseThatGo) {
     ASSERT_TRUE(Start(nullptr));
     const fs::path updates = folder / "state/updates";
+    // One that comes while the folder is first looked at may be told of twice; those that follow are told of once.
+    fs::rename(folder.Write("first.pkg", ""), updates / "first.pkg");
+    ASSERT_TRUE(WaitTold("file first.pkg"));
     fs::rename(folder.Write("a.pkg", ""), updates / "a.pkg");
     ASSERT_TRUE(WaitTold("file a.pkg"));
     fs::permissions(updates / "a.pkg", fs::perms::owner_all);
@@ -228,7 +231,9 @@ TEST_F(Storage, TellsOfFilesThatMayBeRunFromThenOnAndOfThoseThatGo) {
     ASSERT_TRUE(WaitTold("file c.pkg"));
     fs::remove_all(folder / "state");
     ASSERT_TRUE(WaitTold("file c.pkg", 2));
-    EXPECT_EQ(Told().size(), 8U) << testing::PrintToString(Told());
+    auto told = Told();
+    std::erase(told, "file first.pkg");
+    EXPECT_EQ(told.size(), 8U) << testing::PrintToString(told);
 }
 
 TEST_F(Storage, RefusesARelativePathAndNamesTheKey) {
