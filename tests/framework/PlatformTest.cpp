@@ -66,7 +66,8 @@ TEST_F(Platform, EndsTheWholeGroupAtTheTimeLimitAndElseNoneOfIt) {
     for (auto limit = 500ms; output.starts_with("The") && limit < 1min; limit *= 8) {  // the shell may be slow to begin
         ZPlatform::Configure({{}, {}, {}, limit});
         EXPECT_FALSE(ZPlatform::ExecuteCommand("sleep 600 & echo $!; wait", output));
-        EXPECT_THAT(output, EndsWith("The command was ended after " + std::to_string(limit / 1s) + " s"));
+        EXPECT_THAT(output, EndsWith("The command was ended after " +
+                                     std::to_string(std::chrono::ceil<std::chrono::seconds>(limit).count()) + " s"));
     }
     EXPECT_TRUE(WaitUntil([&] { return HasEnded(output.substr(0, output.find('\n'))); })) << output;
 }
