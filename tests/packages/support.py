@@ -15,7 +15,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOM = os.path.join(os.path.dirname(os.path.dirname(HERE)), "packages")
 ARBOR_PKG = os.path.join(ROOM, "arbor-pkg")
-sys.path.insert(0, os.path.join(ROOM, "installer"))  # for the tests of single modules
+sys.path[:0] = [ROOM, os.path.join(ROOM, "installer")]  # for the tests of single modules
 BOARD = "verdin-imx8mm"
 LIMIT = 60  # seconds until a test is given up as hanging
 INSTALLED = "Installed, takes effect at the next restart"
@@ -67,9 +67,11 @@ class PackageTest(unittest.TestCase):
         return os.path.join(cls.folder, *names)
 
     @classmethod
-    def recipe(cls, version: str) -> list[str]:
+    def recipe(cls, version: str, *signers: tuple[str, str]) -> list[str]:
+        """Options for a package of `version`; each of `signers`, when they are not the usual one, is a key and a certificate."""
+        pairs = signers or ((cls.path("keys", "key.pem"), cls.path("keys", "cert.pem")),)
         return ["--version", version, "--board", BOARD, "--payload", cls.payload,
-                "--key", cls.path("keys", "key.pem"), "--cert", cls.path("keys", "cert.pem")]
+                *(word for key, certificate in pairs for word in ("--key", key, "--cert", certificate))]
 
     def instrument(self) -> "Instrument":
         instrument = Instrument(tempfile.mkdtemp(dir=self.folder))
