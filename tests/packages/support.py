@@ -40,8 +40,8 @@ def wait_until(holds, what: str) -> None:
         time.sleep(0.01)
 
 
-def run(*command: str, **options) -> subprocess.CompletedProcess:
-    return subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, check=False, **options)
+def run(*command: str, limit: float = LIMIT, **options) -> subprocess.CompletedProcess:
+    return subprocess.run(command, capture_output=True, text=True, timeout=limit, check=False, **options)
 
 
 class PackageTest(unittest.TestCase):
@@ -95,6 +95,7 @@ class Instrument:
         self.root = root
         self.packages, self.slots, self.restarts, self.release, self.command_line, self.boot_file, self._settings = (
             os.path.join(root, name) for name in ("Packages", "Slots", "restarts", "release", "cmdline", "boot", "settings"))
+        self.handed_over: tuple[int, ...] = ()  # descriptors that installs inherit
         self._running: list[subprocess.Popen] = []
         os.makedirs(self.packages, exist_ok=True)
         # Never the real command: a test must not restart the machine it runs on.
@@ -115,7 +116,7 @@ class Instrument:
 
     def start(self, *command: str) -> subprocess.Popen:
         self._running.append(subprocess.Popen([*command, f"--dir={self.packages}"], env=self.environment, text=True,
-                                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE))
+                                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, pass_fds=self.handed_over))
         return self._running[-1]
 
     def let_go(self) -> None:
