@@ -81,7 +81,6 @@ class DetachedSignature:
 
 def sign(path: str, version: str, board: str, security_number: int, signer: Signer) -> str:
     """Writes FILE.sig beside the file `path`; returns its path."""
-    os.close(open_regular(path))
     description = Description(check_version(version), check_board(board), measure(path),
                               check_security_number(security_number))
     line = description.encode()

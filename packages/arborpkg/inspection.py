@@ -7,7 +7,7 @@ from typing import Any, Iterator
 
 from arborinstaller import trust
 from arborinstaller.certificates import trusted_in
-from arborinstaller.failure import Damaged, NotPackage, describe
+from arborinstaller.failure import Damaged, NotPackage
 from arborinstaller.layout import Package
 from arborpkg.detached import SUFFIX, DetachedSignature
 
@@ -45,13 +45,13 @@ def inspect(path: str, directory: str, board: str) -> dict[str, Any]:
             facts |= _described(signed) | _signed(trust.decisive(findings))
             fits = any(finding.word != trust.BAD_SIGNATURE for finding in findings)
     except (NotPackage, Damaged) as failure:
-        return facts | _refusal(failure)
+        return facts | _told(trust.refusal(failure))
     facts["signature"] = "good" if fits else "bad"
     if directory:
         facts["trusted"] = verdict.word in (trust.GOOD, trust.WRONG_BOARD)
     elif fits:
         return facts | {"sentence": "the signature fits; whether its signer is trusted was not asked"}
-    return facts | {"verdict": verdict.word, "sentence": verdict.sentence}
+    return facts | _told(verdict)
 
 
 def is_sound(facts: dict[str, Any]) -> bool:
@@ -59,8 +59,8 @@ def is_sound(facts: dict[str, Any]) -> bool:
     return facts["verdict"] in (None, trust.GOOD) and facts["payload"] == "good"
 
 
-def _refusal(failure: NotPackage | Damaged) -> dict[str, str]:
-    return {"verdict": trust.DAMAGED if isinstance(failure, Damaged) else trust.NOT_PACKAGE, "sentence": describe(failure)}
+def _told(verdict: trust.Verdict) -> dict[str, str]:
+    return {"verdict": verdict.word, "sentence": verdict.sentence}
 
 
 def _described(signed: Package | DetachedSignature) -> dict[str, Any]:

@@ -37,10 +37,8 @@ def verdict_on(path: str, trusted: list[Certificate], board: str) -> tuple[str, 
             if isinstance(signed, Package) and signed.header.format == 2:
                 payload = "good" if signed.payload_digest() == signed.header.payload.sha256 else "bad"
             return trust.judge(signed, trusted, board).word, payload
-    except Damaged:
-        return trust.DAMAGED, None
-    except NotPackage:
-        return trust.NOT_PACKAGE, None
+    except (NotPackage, Damaged) as failure:
+        return trust.refusal(failure).word, None
 
 
 def mutated(good: bytes, seed: str) -> list[bytes]:

@@ -25,9 +25,9 @@ class Signer:
     """A private key in `folder` and its certificate, self-signed or issued by another."""
 
     def __init__(self, folder: str, name: str, extensions: tuple[str, ...] = SIGNS, issuer: "Signer | None" = None,
-                 key: "tuple[str, ...] | Signer" = (), subject: str = "") -> None:
+                 key: "tuple[str, ...] | Signer" = (), subject: str = "", options: tuple[str, ...] = ()) -> None:
         """`key` is what openssl genpkey needs for another kind than Ed25519, or whose key it is; Ed25519 keys are the
-        same each time."""
+        same each time. `options` go to openssl req."""
         self.key_file = os.path.join(folder, f"{name}.key")
         if isinstance(key, Signer):
             self.key_file = key.key_file
@@ -42,7 +42,7 @@ class Signer:
         by = ("-CA", issuer.certificate_file, "-CAkey", issuer.key_file) if issuer else ()
         _succeed("req", "-x509", "-new", "-config", conf, "-extensions", "own", "-key", self.key_file, "-days", "36500",
                  "-set_serial", str(1 + int(hashlib.sha256(name.encode()).hexdigest()[:8], 16)),
-                 "-subj", f"/CN={subject or name}", *by, "-out", self.certificate_file)
+                 "-subj", f"/CN={subject or name}", *by, *options, "-out", self.certificate_file)
         self.certificate = read(self.certificate_file).decode()
         self.key = Certificate.parse(self.certificate).key
 

@@ -121,9 +121,13 @@ class Building(PackageTest):
         write(script := self.path("script.pkg"), f"#!/bin/sh\ntouch {self.path('ran')}\n")
         os.chmod(script, 0o755)
         os.mkfifo(self.path("pipe.pkg"))
-        for file in (script, self.path("pipe.pkg"), self.folder):
+        write(self.path("pipe.pkg.sig"), '{"board":"b","file":{"sha256":"' + "0" * 64 + '","size":0},"format":2,'
+                                         '"securityNumber":0,"version":"1"}\n{"signatures":[{"key":"' + "0" * 64 +
+                                         '","signature":"AAAA"}]}\n')
+        for file in (script, self.folder):
             code, facts = self.inspect(file, "--trust", self.keys)
             self.assertEqual((1, "notPackage", None), (code, facts["verdict"], facts["version"]))
+        self.assertEqual(1, self.inspect(self.path("pipe.pkg"), "--trust", self.keys)[0])
         self.assertFalse(os.path.exists(self.path("ran")))
 
 

@@ -10,7 +10,7 @@ from arborinstaller.certificates import Certificate
 from arborinstaller.failure import Failure
 from arborinstaller.files import directory_lock, replacing
 from arborinstaller.layout import (CHUNK, MAX_CODE, MAX_SECURITY_NUMBER, MAX_SILENCE, STUB_SIZE, Header, Section,
-                                   Signature, check_board, check_version, encode_trailer, head_message)
+                                   Signature, check_board, check_version, encode_trailer, head_message, open_regular)
 
 _HERE = os.path.dirname(os.path.abspath(__file__))
 _ZEROS = bytes(CHUNK)
@@ -96,8 +96,8 @@ def signed(message: bytes, signer: Signer) -> list[Signature]:
 
 
 def measure(path: str) -> Section:
-    """Size and digest of the file `path`."""
-    with open(path, "rb") as file:
+    """Size and digest of the file `path`; NotPackage when it is something else than a file."""
+    with os.fdopen(open_regular(path), "rb") as file:
         return _copy(file, None)
 
 

@@ -44,6 +44,7 @@ class BuildPlan:
                 fields: dict[str, Any] = json.load(file)
             plan = BuildPlan(**fields)
             plan.signatures.keys()
+            plan.recipe("", "board")  # it looks at the values
         except (ValueError, TypeError, AttributeError) as error:
             raise Failure(f"{path} is damaged: {error}") from None
         return plan

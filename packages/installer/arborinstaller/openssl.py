@@ -67,15 +67,15 @@ def signature_fits(message: bytes, signature: bytes, public_key: str) -> bool:
 
 
 def is_issued_by(certificate: str, anchor: str) -> bool:
-    """Whether `certificate` was issued by the certificate `anchor` (PEM texts).
+    """Whether `certificate` was issued by the certificate `anchor` (PEM texts), with a strong key and digest.
 
     The validity period is left out: an instrument's clock may be unset when it is updated. A signer is
     withdrawn by taking its certificate out of the trusted directory.
     """
     with _memory_file(certificate.encode()) as signer, _memory_file(anchor.encode()) as issuer:
         try:
-            run(["verify", "-partial_chain", "-no_check_time", "-trusted", _path(issuer), _path(signer)],
-                (signer, issuer))
+            run(["verify", "-partial_chain", "-no_check_time", "-auth_level", "2", "-trusted", _path(issuer),
+                 _path(signer)], (signer, issuer))
         except Failure:
             return False
     return True

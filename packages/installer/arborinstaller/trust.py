@@ -18,7 +18,7 @@ from typing import Protocol
 
 from arborinstaller import openssl
 from arborinstaller.certificates import Certificate, trusted_in
-from arborinstaller.failure import Failure
+from arborinstaller.failure import Damaged, Failure, NotPackage, describe
 from arborinstaller.layout import Package, Section, Signature
 
 GOOD, NOT_PACKAGE, DAMAGED, BAD_SIGNATURE = "good", "notPackage", "damaged", "badSignature"
@@ -63,6 +63,11 @@ class Finding:
     def name(self) -> str:
         """Who signed, as the certificate says."""
         return self.signer.subject() if self.signer else f"with the key {self.signature.key[:16]}..."
+
+
+def refusal(failure: NotPackage | Damaged) -> Verdict:
+    """The verdict on a file that could not be opened as a package because of `failure`."""
+    return Verdict(DAMAGED if isinstance(failure, Damaged) else NOT_PACKAGE, describe(failure))
 
 
 def examine(signed: Signed, trusted: list[Certificate]) -> list[Finding]:
