@@ -12,8 +12,8 @@ from arborinstaller import jsontext
 from arborinstaller.assemble import Signer, check_security_number, measure, signed
 from arborinstaller.failure import Damaged, Failure, NotPackage
 from arborinstaller.files import directory_lock, replacing
-from arborinstaller.layout import (FORMAT, MAX_HEADER, MAX_SECURITY_NUMBER, Section, Signature, check_board,
-                                   check_version, decode_trailer, encode_trailer, open_regular)
+from arborinstaller.layout import (FORMAT, MAX_HEADER, MAX_SECURITY_NUMBER, Package, Section, Signature,
+                                   check_board, check_version, decode_trailer, encode_trailer, open_regular)
 
 SUFFIX = ".sig"
 _MAX_FILE = 128 * 1024
@@ -80,7 +80,12 @@ class DetachedSignature:
 
 
 def sign(path: str, version: str, board: str, security_number: int, signer: Signer) -> str:
-    """Writes FILE.sig beside the file `path`; returns its path."""
+    """Writes FILE.sig beside the file `path`; returns its path. Failure for a package: it has its signatures inside."""
+    try:
+        with Package(path):
+            raise Failure(f"{path} is a package: its signatures are inside it")
+    except NotPackage:
+        pass
     description = Description(check_version(version), check_board(board), measure(path),
                               check_security_number(security_number))
     line = description.encode()

@@ -46,12 +46,14 @@ def inspect(path: str, directory: str, board: str) -> dict[str, Any]:
             fits = any(finding.word != trust.BAD_SIGNATURE for finding in findings)
     except (NotPackage, Damaged) as failure:
         return facts | _told(trust.refusal(failure))
-    facts["signature"] = "good" if fits else "bad"
+    facts |= {"signature": "good" if fits else "bad", **_told(verdict)}
     if directory:
         facts["trusted"] = verdict.word in (trust.GOOD, trust.WRONG_BOARD)
     elif fits:
-        return facts | {"sentence": "the signature fits; whether its signer is trusted was not asked"}
-    return facts | _told(verdict)
+        facts |= {"verdict": None, "sentence": "the signature fits; whether its signer is trusted was not asked"}
+    if facts["payload"] == "bad":
+        facts["sentence"] += "; but its image is damaged"
+    return facts
 
 
 def is_sound(facts: dict[str, Any]) -> bool:

@@ -215,6 +215,7 @@ def trailer_cases(signers: Signers) -> Iterator[Case]:
             ("certificate-of-another", trailer(release.entry(message, certificate=stranger.certificate)), "good"),
             ("certificate-rubbish", trailer(release.entry(message, certificate="rubbish")), "good"),
             ("blanks", json.dumps({"signatures": [good]}).encode(), "good"),
+            ("unused-bits", trailer({**good, "signature": with_unused_bits(good["signature"])}), "good"),
             ("unknown-then-good", trailer(unknown, good), "good"), ("bad-then-good", trailer(bad, good), "good"),
             ("good-then-bad", trailer(good, bad), "good"), ("sixteen", trailer(*[unknown] * 15, good), "good"),
             ("unknown-then-weak", trailer(unknown, weak), "unknownSigner"),
@@ -240,10 +241,17 @@ def trailer_cases(signers: Signers) -> Iterator[Case]:
             *((f"{member}-{count}", trailer(release.entry(message, **{member: value})), "damaged")
               for member, values in {
                   "certificate": (None, 1), "extra": ("x",), "key": (MISSING, 1, "", release.key.upper(), release.key[1:]),
-                  "signature": (MISSING, None, "", "A", "AAA", "AAA=AAA=", "AA==AA", good["signature"] + "\n", "-" * 88,
+                  "signature": (MISSING, None, "", "A", "AAA", "AAA=AAA=", "AA==AA", "AAAA=", "AAAA==", good["signature"] + "\n", "-" * 88,
                                 base64.b64encode(bytes(2049)).decode())}.items()
               for count, value in enumerate(values))):
         yield Case(f"2-end-{name}", start + PAYLOAD + end, verdict)
+
+
+def with_unused_bits(base64_text: str) -> str:
+    """Another text that stands for the same bytes: 64 of them leave four bits over."""
+    assert base64_text.endswith("==")
+    letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"
+    return base64_text[:-3] + letters[letters.index(base64_text[-3]) + 1] + "=="
 
 
 def detached_cases(signers: Signers) -> Iterator[Case]:

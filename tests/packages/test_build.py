@@ -105,6 +105,7 @@ class Building(PackageTest):
                 found = "badPayload" if facts["payload"] == "bad" else facts["verdict"]
                 self.assertEqual((1, "badPayload" if "of the payload" in what else
                                   "damaged" if what in ("code", "longer") or "cut" in what else "badSignature"), (code, found))
+                self.assertIn("image is damaged" if found == "badPayload" else "", facts["sentence"])
 
     def test_one_known_signer_of_two_is_enough_and_the_first_is_named_when_there_is_none(self) -> None:
         stranger = Signer(self.folder, "first stranger")
@@ -159,6 +160,7 @@ class Signing(PackageTest):
         write(tool + ".sig", signatures[0].decode())
         write(tool, "#!/bin/sh\necho 9.999\n")
         self.assertEqual((1, "damaged"), (inspect()[0], inspect()[1]["verdict"]))
+        self.assertIn("is a package", run(ARBOR_PKG, *arguments[:-1], self.package).stderr)
 
 
 class Archiving(PackageTest):
