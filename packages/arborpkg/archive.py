@@ -1,13 +1,12 @@
 """Version directories as the instrument's archive holds them."""
 
-import base64
 import json
 import os
 import shutil
 from dataclasses import dataclass
 
 import arborinstaller
-from arborinstaller.assemble import Recipe, Signer, message_to_sign, write_package
+from arborinstaller.assemble import Recipe, Signer, measure, write_package
 from arborinstaller.buildplan import MANIFEST, BuildPlan
 from arborinstaller.failure import Failure
 from arborinstaller.files import replacing
@@ -62,10 +61,10 @@ def _fill(directory: str, recipe: Recipe, signer: Signer, boards: set[str], comp
     installer = os.path.join(directory, INSTALLER_FOLDER)
     _copy_installer(installer)
     shutil.copyfile(recipe.payload, os.path.join(directory, PAYLOAD))
-    plan = BuildPlan(recipe.version, PAYLOAD, recipe.certificate, recipe.installer_version, recipe.silent_seconds, {})
+    plan = BuildPlan(recipe.version, PAYLOAD, recipe.installer_version, recipe.silent_seconds, recipe.security_number, {})
+    payload = measure(os.path.join(directory, PAYLOAD))
     for board in sorted(boards):
-        message = message_to_sign(plan.recipe(directory, board))
-        plan.signatures[board] = base64.b64encode(signer(message)).decode()
+        plan.sign(board, payload, signer)
     plan.save(installer)
     write_package(plan.recipe(directory, recipe.board), os.path.join(directory, PACKAGE), signer)
     manifest = {

@@ -4,22 +4,23 @@ import argparse
 import json
 import sys
 
-from arborinstaller.assemble import Recipe, write_package
+from arborinstaller.assemble import Recipe, Signer, write_package
 from arborinstaller.failure import Failure, describe
-from arborpkg import archive, inspection, keys
+from arborpkg import archive, detached, inspection, keys
 
 _EXAMPLES = """examples:
   arbor-pkg keygen --out keys --name "Arbor release"
   arbor-pkg build --version 3.045 --board verdin-imx8mm --payload system.img \\
             --key keys/key.pem --cert keys/cert.pem -o arbor_qm.pkg
-  arbor-pkg inspect arbor_qm.pkg
+  arbor-pkg inspect arbor_qm.pkg --trust /etc/arbor/trust
+  arbor-pkg sign update.run --version 3.045 --board verdin-imx8mm --key keys/key.pem --cert keys/cert.pem
   arbor-pkg archive --version 3.045 --board verdin-imx8mm --payload system.img \\
             --key keys/key.pem --cert keys/cert.pem Packages/3.045
 """
 
 
 def main(arguments: list[str]) -> int:
-    """Runs arbor-pkg; returns the exit code: 0 done, 1 it failed or the package is not sound, 2 usage."""
+    """Runs arbor-pkg; returns the exit code: 0 done, 1 it failed or the file is not sound, 2 usage."""
     options = _parser().parse_args(arguments)
     try:
         return options.run(options)
@@ -29,7 +30,7 @@ def main(arguments: list[str]) -> int:
 
 
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="arbor-pkg", description="Builds, archives and inspects update packages.",
+    parser = argparse.ArgumentParser(prog="arbor-pkg", description="Builds, archives, signs and inspects update packages.",
                                      epilog=_EXAMPLES, formatter_class=argparse.RawDescriptionHelpFormatter)
     commands = parser.add_subparsers(required=True, metavar="COMMAND")
 
@@ -52,28 +53,48 @@ def _parser() -> argparse.ArgumentParser:
     store.add_argument("directory", metavar="DIR", help="the version directory, named like the version")
     store.set_defaults(run=_archive)
 
+    sign = commands.add_parser("sign", help="write a signature beside an executable of your own format")
+    _add_signing(sign)
+    sign.add_argument("file", metavar="FILE", help="its signature becomes FILE.sig")
+    sign.set_defaults(run=_sign)
+
     inspect = commands.add_parser("inspect", help="show what a package is, without running it")
     inspect.add_argument("--json", action="store_true", help="as a JSON document")
     inspect.add_argument("--trust", default="", metavar="DIR", help="also say whether certificates there vouch for it")
-    inspect.add_argument("file", metavar="FILE")
+    inspect.add_argument("--board", default="", metavar="B", help="also say whether it is for this board (with --trust)")
+    inspect.add_argument("file", metavar="FILE", help="a package, or a file with FILE.sig beside it")
     inspect.set_defaults(run=_inspect)
     return parser
 
 
-def _add_recipe(parser: argparse.ArgumentParser) -> None:
+def _add_signing(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--version", required=True, help="the system version, such as 3.045")
     parser.add_argument("--board", required=True, help="the board it is for, such as verdin-imx8mm")
+    parser.add_argument("--security-number", type=int, default=0, metavar="N",
+                        help="grows when older versions must not come back (default %(default)s)")
+    parser.add_argument("--key", required=True, action="append", metavar="FILE",
+                        help="private key (Ed25519 or RSA, PEM); may be given again for a further signature")
+    parser.add_argument("--cert", required=True, action="append", metavar="FILE",
+                        help="its certificate (PEM), one for each --key")
+
+
+def _add_recipe(parser: argparse.ArgumentParser) -> None:
+    _add_signing(parser)
     parser.add_argument("--payload", required=True, metavar="FILE", help="the system image")
-    parser.add_argument("--key", required=True, metavar="FILE", help="private key (Ed25519 or RSA, PEM)")
-    parser.add_argument("--cert", required=True, metavar="FILE", help="its certificate (PEM)")
     parser.add_argument("--installer-version", default="1.0", metavar="V", help="default %(default)s")
     parser.add_argument("--silent-seconds", type=float, default=2.0, metavar="S",
                         help="longest pause between progress documents, then a spinner shows (default %(default)s)")
 
 
 def _recipe(options: argparse.Namespace) -> Recipe:
-    return Recipe(options.version, options.board, options.payload, keys.read_certificate(options.cert),
-                  options.installer_version, options.silent_seconds)
+    return Recipe(options.version, options.board, options.payload, options.installer_version, options.silent_seconds,
+                  options.security_number)
+
+
+def _signer(options: argparse.Namespace) -> Signer:
+    if len(options.key) != len(options.cert):
+        raise Failure(f"{len(options.key)} keys and {len(options.cert)} certificates: give a --cert for each --key")
+    return keys.signer(list(zip(options.key, options.cert)))
 
 
 def _keygen(options: argparse.Namespace) -> int:
@@ -83,19 +104,26 @@ def _keygen(options: argparse.Namespace) -> int:
 
 
 def _build(options: argparse.Namespace) -> int:
-    write_package(_recipe(options), options.output, keys.signer(options.key))
+    write_package(_recipe(options), options.output, _signer(options))
     return 0
 
 
 def _archive(options: argparse.Namespace) -> int:
     texts = options.component or [f"system={options.version}"]
     components = [archive.Component.parse(text, options.board) for text in texts]
-    archive.create(options.directory, _recipe(options), keys.signer(options.key), options.build_board, components)
+    archive.create(options.directory, _recipe(options), _signer(options), options.build_board, components)
+    return 0
+
+
+def _sign(options: argparse.Namespace) -> int:
+    print(detached.sign(options.file, options.version, options.board, options.security_number, _signer(options)))
     return 0
 
 
 def _inspect(options: argparse.Namespace) -> int:
-    facts = inspection.inspect(options.file, options.trust)
+    if options.board and not options.trust:
+        raise Failure("--board needs --trust: what a file says of itself counts once its signer is trusted")
+    facts = inspection.inspect(options.file, options.trust, options.board)
     if options.json:
         print(json.dumps(facts, indent=2))
     else:

@@ -15,7 +15,7 @@ import unittest
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOM = os.path.join(os.path.dirname(os.path.dirname(HERE)), "packages")
 ARBOR_PKG = os.path.join(ROOM, "arbor-pkg")
-sys.path.insert(0, os.path.join(ROOM, "installer"))  # for the tests of single modules
+sys.path[:0] = [ROOM, os.path.join(ROOM, "installer")]  # for the tests of single modules
 BOARD = "verdin-imx8mm"
 LIMIT = 60  # seconds until a test is given up as hanging
 INSTALLED = "Installed, takes effect at the next restart"
@@ -40,8 +40,8 @@ def wait_until(holds, what: str) -> None:
         time.sleep(0.01)
 
 
-def run(*command: str, **options) -> subprocess.CompletedProcess:
-    return subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, check=False, **options)
+def run(*command: str, limit: float = LIMIT, **options) -> subprocess.CompletedProcess:
+    return subprocess.run(command, capture_output=True, text=True, timeout=limit, check=False, **options)
 
 
 class PackageTest(unittest.TestCase):
@@ -67,9 +67,11 @@ class PackageTest(unittest.TestCase):
         return os.path.join(cls.folder, *names)
 
     @classmethod
-    def recipe(cls, version: str) -> list[str]:
+    def recipe(cls, version: str, *signers: tuple[str, str]) -> list[str]:
+        """Options for a package of `version`; each of `signers`, when they are not the usual one, is a key and a certificate."""
+        pairs = signers or ((cls.path("keys", "key.pem"), cls.path("keys", "cert.pem")),)
         return ["--version", version, "--board", BOARD, "--payload", cls.payload,
-                "--key", cls.path("keys", "key.pem"), "--cert", cls.path("keys", "cert.pem")]
+                *(word for key, certificate in pairs for word in ("--key", key, "--cert", certificate))]
 
     def instrument(self) -> "Instrument":
         instrument = Instrument(tempfile.mkdtemp(dir=self.folder))
@@ -93,6 +95,7 @@ class Instrument:
         self.root = root
         self.packages, self.slots, self.restarts, self.release, self.command_line, self.boot_file, self._settings = (
             os.path.join(root, name) for name in ("Packages", "Slots", "restarts", "release", "cmdline", "boot", "settings"))
+        self.handed_over: tuple[int, ...] = ()  # descriptors that installs inherit
         self._running: list[subprocess.Popen] = []
         os.makedirs(self.packages, exist_ok=True)
         # Never the real command: a test must not restart the machine it runs on.
@@ -113,7 +116,7 @@ class Instrument:
 
     def start(self, *command: str) -> subprocess.Popen:
         self._running.append(subprocess.Popen([*command, f"--dir={self.packages}"], env=self.environment, text=True,
-                                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE))
+                                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, pass_fds=self.handed_over))
         return self._running[-1]
 
     def let_go(self) -> None:

@@ -1,51 +1,70 @@
-"""Building, inspecting and checking packages."""
+"""Building, signing, inspecting and checking packages."""
 
 import json
 import os
 import shutil
 
-from support import ARBOR_PKG, BOARD, PackageTest, read, run
+from forge import Signer, rewritten
+from support import ARBOR_PKG, BOARD, PackageTest, read, run, write
+
+from arborinstaller.layout import Package
 
 
 class Building(PackageTest):
-    def build(self, *changes: str) -> str:
-        return run(ARBOR_PKG, "build", *self.recipe("3.045"), "-o", self.path("x.pkg"), *changes).stderr
+    def build(self, *changes: str, signers: tuple[tuple[str, str], ...] = ()) -> str:
+        return run(ARBOR_PKG, "build", *self.recipe("3.045", *signers), "-o", self.path("x.pkg"), *changes).stderr
+
+    def inspect(self, file: str, *options: str) -> tuple[int, dict]:
+        done = run(ARBOR_PKG, "inspect", "--json", *options, file)
+        return done.returncode, json.loads(done.stdout)
 
     def verify(self, package: str, board: str = BOARD, trust: str = "") -> tuple[int, str]:
         done = run(package, "--verify", *([board] if board else []), "--trust", trust or self.keys, cwd="/")
         return done.returncode, done.stdout
 
     def test_a_package_says_what_went_into_it(self) -> None:
-        facts = json.loads(run(ARBOR_PKG, "inspect", "--json", "--trust", self.keys, self.package).stdout)
-        expected = {"version": "3.045", "board": BOARD, "installerVersion": "1.0", "payloadSize": 7 << 19,
-                    "signer": "CN = Test signer", "signature": "good", "trusted": True}
-        self.assertEqual(expected, {key: facts[key] for key in expected})
+        new = self.path("new.pkg")
+        self.assertEqual("", self.build("--security-number", "7", "-o", new))
+        for package, number, security in ((new, 2, 7), (rewritten(new, self.path("old.pkg"), self.keys), 1, 0)):
+            code, facts = self.inspect(package, "--trust", self.keys, "--board", BOARD)
+            expected = {"format": number, "version": "3.045", "board": BOARD, "installerVersion": "1.0",
+                        "payloadSize": 7 << 19, "securityNumber": security, "signer": "CN = Test signer",
+                        "signature": "good", "payload": "good", "trusted": True, "verdict": "good",
+                        "sentence": f"version 3.045 for board {BOARD}, signed by CN = Test signer"}
+            self.assertEqual((0, expected), (code, {key: facts[key] for key in expected}))
         for arguments in (["--version"], ["--dry-run", "--version"]):
             self.assertEqual("3.045\n", run(self.package, *arguments).stdout)
 
     def test_the_same_inputs_give_the_same_bytes_with_either_kind_of_key(self) -> None:
         run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=r", "-keyout",
             self.path("rsa.key"), "-out", self.path("rsa.crt"))
-        for keys in ((), ("--key", self.path("rsa.key"), "--cert", self.path("rsa.crt"))):
+        pair = self.path("rsa.key"), self.path("rsa.crt")
+        for signers in ((), (pair,)):
             copies = []
             for name in ("one.pkg", "two.pkg"):
-                self.assertEqual("", self.build("-o", self.path(name), *keys))
+                self.assertEqual("", self.build("-o", self.path(name), signers=signers))
                 copies.append(read(self.path(name)))
             self.assertEqual(copies[0], copies[1])
-            self.assertEqual(0, self.verify(self.path("two.pkg"), trust=self.folder if keys else "")[0])
+            self.assertEqual(0, self.verify(self.path("two.pkg"), trust=self.folder if signers else "")[0])
 
     def test_bad_inputs_are_refused_by_name(self) -> None:
         run("openssl", "ecparam", "-name", "prime256v1", "-genkey", "-out", self.path("ec.pem"))
         run(ARBOR_PKG, "keygen", "--out", self.path("other"))
-        for changes, complaint in ((["--version", "3.x'; id"], "no version"), (["--board", "a b"], "no board name"),
-                                   (["--payload", self.path("none")], "none: No such file"),
-                                   (["--key", self.path("ec.pem")], "use Ed25519 or RSA"),
-                                   (["--key", self.path("payload.img")], "payload.img: openssl"),
-                                   (["--cert", self.payload], "holds no certificate"),
-                                   (["--cert", self.path("other", "cert.pem")], "does not fit the certificate"),
-                                   (["--silent-seconds", "0"], "silent seconds")):
-            with self.subTest(changes=changes):
-                self.assertIn(complaint, self.build(*changes))
+        good = self.path("keys", "key.pem"), self.path("keys", "cert.pem")
+        weak = Signer(self.folder, "weak", key=("-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:1024"))
+        server = Signer(self.folder, "server", ("extendedKeyUsage=serverAuth",))
+        for changes, signer, complaint in (
+                (["--version", "3.x'; id"], good, "no version"), (["--board", "a b"], good, "no board name"),
+                (["--payload", self.path("none")], good, "none: No such file"),
+                ([], (self.path("ec.pem"), good[1]), "use Ed25519 or RSA"),
+                ([], (self.payload, good[1]), "payload.img: openssl"), ([], (good[0], self.payload), "holds no certificate"),
+                ([], (good[0], self.path("other", "cert.pem")), "does not fit the certificate"),
+                ([], (weak.key_file, weak.certificate_file), "key is too weak"),
+                ([], (server.key_file, server.certificate_file), "CN = server is not one for signing packages"),
+                (["--key", good[0]], good, "2 keys and 1 certificates"), (["--security-number", "-1"], good, "security number"),
+                (["--silent-seconds", "0"], good, "silent seconds")):
+            with self.subTest(complaint):
+                self.assertIn(complaint, self.build(*changes, signers=(signer,)))
                 self.assertFalse([name for name in os.listdir(self.folder) if "x.pkg" in name])
         self.assertIn("exists already", run(ARBOR_PKG, "keygen", "--out", self.keys).stderr)
 
@@ -67,17 +86,13 @@ class Building(PackageTest):
 
     def test_no_changed_byte_passes(self) -> None:
         good = read(self.package)
-        header_end = good.index(b"\n", 4096)
-        payload = good.index(read(self.payload)[:64])
-        flipped = {"comment of the stub": 30, "padding of the stub": 4000,
-                   "version in the header": good.index(b"3.045", 4096),
-                   "certificate": good.index(b"-----BEGIN", 4096) + 200, "code": header_end + 500,
-                   "first byte of the payload": payload, "last byte of the payload": len(good) - 65,
-                   "signature": len(good) - 64, "last byte": len(good) - 1}
+        with Package(self.package) as package:
+            offsets = package.payload_offset, package.payload_end
+        flipped = {"comment of the stub": 30, "version in the header": good.index(b"3.045", 4096), "code": offsets[0] - 500,
+                   "first byte of the payload": offsets[0], "last byte of the payload": offsets[1] - 1,
+                   "signature": good.index(b'"signature":"', offsets[1]) + 20}
         cases = {what: good[:at] + bytes([good[at] ^ 1]) + good[at + 1:] for what, at in flipped.items()}
-        cases |= {"cut in the signature": good[:-1], "cut in the payload": good[:payload + 5],
-                  "cut in the code": good[:header_end + 9], "cut in the header": good[:4200],
-                  "cut after the stub": good[:4096], "longer": good + b"\0"}
+        cases |= {"cut in the signature": good[:-1], "cut in the payload": good[:offsets[0] + 5], "longer": good + b"\0"}
         for what, content in cases.items():
             with self.subTest(what):
                 with open(self.path("bad.pkg"), "wb") as file:
@@ -86,7 +101,66 @@ class Building(PackageTest):
                 code, output = self.verify(self.path("bad.pkg"))
                 self.assertEqual(1, code, output)
                 self.assertIn("FAILED: ", output)
-                self.assertEqual(1, run(ARBOR_PKG, "inspect", self.path("bad.pkg")).returncode)
+                code, facts = self.inspect(self.path("bad.pkg"))
+                found = "badPayload" if facts["payload"] == "bad" else facts["verdict"]
+                self.assertEqual((1, "badPayload" if "of the payload" in what else
+                                  "damaged" if what in ("code", "longer") or "cut" in what else "badSignature"), (code, found))
+                self.assertIn("image is damaged" if found == "badPayload" else "", facts["sentence"])
+
+    def test_one_known_signer_of_two_is_enough_and_the_first_is_named_when_there_is_none(self) -> None:
+        stranger = Signer(self.folder, "first stranger")
+        pairs = ((stranger.key_file, stranger.certificate_file), (self.path("keys", "key.pem"), self.path("keys", "cert.pem")))
+        self.assertEqual("", self.build("-o", two := self.path("two.pkg"), signers=pairs))
+        self.assertIn("signed by CN = Test signer", self.verify(two)[1])
+        run(ARBOR_PKG, "keygen", "--out", self.path("nobody"))
+        self.assertIn("CN = first stranger is not trusted", self.verify(two, trust=self.path("nobody"))[1])
+        code, facts = self.inspect(two, "--trust", self.path("nobody"))
+        self.assertEqual((1, "good", False, "unknownSigner"),
+                         (code, facts["signature"], facts["trusted"], facts["verdict"]))
+
+    def test_an_inspected_file_is_not_run_and_what_is_no_package_is_told(self) -> None:
+        write(script := self.path("script.pkg"), f"#!/bin/sh\ntouch {self.path('ran')}\n")
+        os.chmod(script, 0o755)
+        os.mkfifo(self.path("pipe.pkg"))
+        write(self.path("pipe.pkg.sig"), '{"board":"b","file":{"sha256":"' + "0" * 64 + '","size":0},"format":2,'
+                                         '"securityNumber":0,"version":"1"}\n{"signatures":[{"key":"' + "0" * 64 +
+                                         '","signature":"AAAA"}]}\n')
+        for file in (script, self.folder):
+            code, facts = self.inspect(file, "--trust", self.keys)
+            self.assertEqual((1, "notPackage", None), (code, facts["verdict"], facts["version"]))
+        self.assertEqual(1, self.inspect(self.path("pipe.pkg"), "--trust", self.keys)[0])
+        self.assertFalse(os.path.exists(self.path("ran")))
+
+
+class Signing(PackageTest):
+    def test_a_signature_beside_a_file_says_whose_it_is_as_long_as_both_stay_as_they_are(self) -> None:
+        tool = self.path("tool.run")
+        arguments = ["sign", *self.recipe("3.045"), "--security-number", "3", tool]
+        at = arguments.index("--payload")
+        del arguments[at:at + 2]
+
+        def inspect(*options: str) -> tuple[int, dict]:
+            done = run(ARBOR_PKG, "inspect", "--json", "--trust", self.keys, *options, tool)
+            return done.returncode, json.loads(done.stdout)
+
+        write(tool, "#!/bin/sh\necho 3.045\n")
+        self.assertEqual("notPackage", inspect()[1]["verdict"])
+        signatures = []
+        for _ in range(2):
+            self.assertEqual(0, run(ARBOR_PKG, *arguments).returncode)
+            signatures.append(read(tool + ".sig"))
+        self.assertEqual(signatures[0], signatures[1])
+        code, facts = inspect("--board", BOARD)
+        expected = {"verdict": "good", "version": "3.045", "board": BOARD, "securityNumber": 3, "payload": "good",
+                    "payloadSize": 21, "installerVersion": None, "signer": "CN = Test signer"}
+        self.assertEqual((0, expected), (code, {key: facts[key] for key in expected}))
+        self.assertEqual((1, "wrongBoard"), (inspect("--board", "b2")[0], inspect("--board", "b2")[1]["verdict"]))
+        write(tool + ".sig", signatures[0].decode().replace("3.045", "3.046", 1))
+        self.assertEqual((1, "badSignature"), (inspect()[0], inspect()[1]["verdict"]))
+        write(tool + ".sig", signatures[0].decode())
+        write(tool, "#!/bin/sh\necho 9.999\n")
+        self.assertEqual((1, "damaged"), (inspect()[0], inspect()[1]["verdict"]))
+        self.assertIn("is a package", run(ARBOR_PKG, *arguments[:-1], self.package).stderr)
 
 
 class Archiving(PackageTest):

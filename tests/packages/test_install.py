@@ -8,6 +8,7 @@ from support import UNIX, PackageTest, Receiver, faulty
 
 from arborinstaller import settings
 from arborinstaller.failure import Failure
+from arborinstaller.layout import Package
 
 
 class Installing(PackageTest):
@@ -50,17 +51,21 @@ class Installing(PackageTest):
         for _ in range(2):
             instrument.must_install(self.package)
         before = {name: instrument.slot(name) for name in ("A", "B")}
-        damaged = shutil.copy(self.package, self.path("damaged.pkg"))
-        with open(damaged, "r+b") as file:
-            file.seek(-70, os.SEEK_END)
-            file.write(b"!")
-        for command, text in (([damaged, "--trust", self.keys], "signature does not fit"),
+        with Package(self.package) as package:
+            end = package.payload_end
+        damaged, forged = (shutil.copy(self.package, self.path(name)) for name in ("damaged.pkg", "forged.pkg"))
+        for path, at in ((damaged, end - 1), (forged, 30)):
+            with open(path, "r+b") as file:
+                file.seek(at)
+                file.write(b"!")
+        for command, text in (([forged, "--trust", self.keys], "signature does not fit"),
                               ([self.package, "--trust", instrument.packages], "no trusted certificate"),
                               ([damaged, "--skip-verify", "--dry-run"], "image in the package is damaged")):
             code, errors = instrument.install(*command)
             self.assertEqual((1, "B", before), (code, instrument.active(), {name: instrument.slot(name) for name in before}))
             self.assertIn(text, errors)
-        self.assertIn("image in the package is damaged", instrument.install(damaged, "--skip-verify")[1])
+        # With the payload it is found out while it is written, and the slot was given up by then.
+        self.assertIn("image in the package is damaged", instrument.install(damaged, "--trust", self.keys)[1])
         self.assertEqual(("B", "3.045", False), (instrument.active(), instrument.startable_version(),
                                                  os.path.exists(instrument.restarts)))
 

@@ -1,34 +1,35 @@
 """Puts a package file together. The same inputs give the same bytes, wherever and whenever it is done."""
 
-import contextlib
 import hashlib
-import json
 import os
 from dataclasses import dataclass
-from typing import Callable, Iterator
+from typing import BinaryIO, Callable
 
-from arborinstaller import openssl
+from arborinstaller import jsontext, openssl
+from arborinstaller.certificates import Certificate
 from arborinstaller.failure import Failure
 from arborinstaller.files import directory_lock, replacing
-from arborinstaller.layout import (CHUNK, MAX_SILENCE, STUB_SIZE, Header, Section, check_board, check_version,
-                                   signed_message)
+from arborinstaller.layout import (CHUNK, MAX_CODE, MAX_SECURITY_NUMBER, MAX_SILENCE, STUB_SIZE, Header, Section,
+                                   Signature, check_board, check_version, encode_trailer, head_message, open_regular)
 
 _HERE = os.path.dirname(os.path.abspath(__file__))
+_ZEROS = bytes(CHUNK)
+_UNKNOWN_DIGEST = "0" * 64
 
-Signer = Callable[[bytes], bytes]
-"""Gives the signature for the message that is to be signed."""
+Signer = Callable[[bytes], list[Signature]]
+"""Gives the signatures for the message that is to be signed."""
 
 
 @dataclass(frozen=True)
 class Recipe:
-    """Everything that goes into a package, save the signature. Checked when it is made."""
+    """Everything that goes into a package, save the signatures. Checked when it is made."""
 
     version: str
     board: str
     payload: str  # path of the system image
-    certificate: str  # PEM text
     installer_version: str
     silent_seconds: float
+    security_number: int
 
     def __post_init__(self) -> None:
         check_version(self.version)
@@ -36,61 +37,81 @@ class Recipe:
         check_version(self.installer_version)
         if not 0.1 <= self.silent_seconds <= MAX_SILENCE:
             raise Failure(f"{self.silent_seconds:g}: the silent seconds must lie between 0.1 and {MAX_SILENCE}")
+        check_security_number(self.security_number)
+
+    def head(self, payload: Section) -> bytes:
+        """Stub, header and code of the package whose payload is `payload`."""
+        code = _code()
+        header = Header(version=self.version, board=self.board, installerVersion=self.installer_version,
+                        silentSeconds=self.silent_seconds, code=Section.of(code), payload=payload,
+                        securityNumber=self.security_number)
+        return self._stub() + header.encode() + code
+
+    def _stub(self) -> bytes:
+        with open(os.path.join(_HERE, "stub.sh"), encoding="ascii") as file:
+            text = file.read()
+        for name, value in (("VERSION", self.version), ("BOARD", self.board), ("STUB_SIZE", str(STUB_SIZE))):
+            text = text.replace(f"@{name}@", value)
+        return text.encode().ljust(STUB_SIZE - 1, b"#") + b"\n"
+
+
+def check_security_number(number: int) -> int:
+    """`number` if a package may have it, else Failure."""
+    if not 0 <= number <= MAX_SECURITY_NUMBER:
+        raise Failure(f"{number}: the security number must lie between 0 and {MAX_SECURITY_NUMBER}")
+    return number
 
 
 def write_package(recipe: Recipe, output: str, signer: Signer) -> None:
     """Writes the executable package `output`; a file of that name is replaced once the new one is whole."""
     folder = os.path.dirname(os.path.abspath(output))
-    with directory_lock(folder, f"another package is being built in {folder}"), \
+    with open(recipe.payload, "rb") as image, \
+            directory_lock(folder, f"another package is being built in {folder}"), \
             replacing(os.path.abspath(output), 0o755) as file:
-        digest = hashlib.sha256()
-        for chunk in _unsigned(recipe):
-            digest.update(chunk)
-            file.write(chunk)
-        message = signed_message(digest.hexdigest())
-        signature = signer(message)
-        if not openssl.signature_fits(message, signature, recipe.certificate):
-            raise Failure("the signature does not fit the certificate")
-        file.write(signature)
-
-
-def message_to_sign(recipe: Recipe) -> bytes:
-    """What is to be signed for the package of `recipe`, without writing it."""
-    digest = hashlib.sha256()
-    for chunk in _unsigned(recipe):
-        digest.update(chunk)
-    return signed_message(digest.hexdigest())
-
-
-def _unsigned(recipe: Recipe) -> Iterator[bytes]:
-    """The package's bytes up to the signature."""
-    code = _code()
-    with contextlib.closing(open(recipe.payload, "rb")) as image:
-        digest, size = hashlib.sha256(), 0
-        for chunk in iter(lambda: image.read(CHUNK), b""):
-            digest.update(chunk)
-            size += len(chunk)
-        payload = Section(size, digest.hexdigest())
-        yield _stub(recipe)
-        yield Header(version=recipe.version, board=recipe.board, installerVersion=recipe.installer_version,
-                     silentSeconds=recipe.silent_seconds, code=Section(len(code), hashlib.sha256(code).hexdigest()),
-                     payload=payload, signer=recipe.certificate).encode()
-        yield code
-        image.seek(0)
-        written = hashlib.sha256()
-        for chunk in iter(lambda: image.read(CHUNK), b""):
-            written.update(chunk)
-            yield chunk
-        if written.hexdigest() != payload.sha256:
+        # The digest is known when the payload has gone by; the head's length is known before.
+        size = os.fstat(image.fileno()).st_size
+        file.seek(len(recipe.head(Section(size, _UNKNOWN_DIGEST))))
+        payload = _copy(image, file)
+        if payload.size != size:
             raise Failure(f"{recipe.payload} changed while it was read")
+        head = recipe.head(payload)
+        file.write(encode_trailer(signed(head_message(head), signer)))
+        file.seek(0)
+        file.write(head)
 
 
-def _stub(recipe: Recipe) -> bytes:
-    with open(os.path.join(_HERE, "stub.sh"), encoding="ascii") as file:
-        text = file.read()
-    for name, value in (("VERSION", recipe.version), ("BOARD", recipe.board), ("STUB_SIZE", str(STUB_SIZE))):
-        text = text.replace(f"@{name}@", value)
-    return text.encode().ljust(STUB_SIZE - 1, b"#") + b"\n"
+def signed(message: bytes, signer: Signer) -> list[Signature]:
+    """The signatures of `message`; Failure when one does not fit its certificate, or nobody would accept it."""
+    signatures = signer(message)
+    for signature in signatures:
+        certificate = Certificate.parse(signature.certificate)
+        if certificate.key != signature.key or \
+                not openssl.signature_fits(message, signature.value, certificate.public_key):
+            raise Failure("the signature does not fit the certificate")
+        if not certificate.is_strong:
+            raise Failure("the key is too weak: use Ed25519 or RSA of at least 2048 bits")
+        if not certificate.fits_purpose():
+            raise Failure(f"the certificate of {certificate.subject()} is not one for signing packages")
+    return signatures
+
+
+def measure(path: str) -> Section:
+    """Size and digest of the file `path`; NotPackage when it is something else than a file."""
+    with os.fdopen(open_regular(path), "rb") as file:
+        return _copy(file, None)
+
+
+def _copy(source: BinaryIO, target: BinaryIO | None) -> Section:
+    """Copies the rest of `source` to where `target` stands, if there is one. What is all zeros becomes a hole there."""
+    digest, size = hashlib.sha256(), 0
+    for chunk in iter(lambda: source.read(CHUNK), b""):
+        digest.update(chunk)
+        size += len(chunk)
+        if target and len(chunk) == CHUNK and chunk == _ZEROS:
+            target.seek(CHUNK, os.SEEK_CUR)
+        elif target:
+            target.write(chunk)
+    return Section(size, digest.hexdigest())
 
 
 def _code() -> bytes:
@@ -100,4 +121,7 @@ def _code() -> bytes:
         if name.endswith(".py"):
             with open(os.path.join(_HERE, name), encoding="utf-8") as file:
                 sources["arborinstaller" if name == "__init__.py" else f"arborinstaller.{name[:-3]}"] = file.read()
-    return json.dumps(sources, sort_keys=True, separators=(",", ":")).encode()
+    code = jsontext.encode(sources)
+    if len(code) > MAX_CODE:
+        raise Failure(f"the installer's modules take {len(code)} bytes, at most {MAX_CODE} are allowed")
+    return code

@@ -2,18 +2,18 @@
 
 The private key never leaves the release computer. Since a package's bytes follow from its inputs alone, the
 release computer signs the package of each board in advance; the instrument assembles the same bytes and adds
-the signature that was made for them.
+the signatures that were made for them.
 """
 
-import base64
 import json
 import os
 from dataclasses import asdict, dataclass
 from typing import Any
 
-from arborinstaller.assemble import Recipe, write_package
+from arborinstaller.assemble import Recipe, Signer, write_package
 from arborinstaller.failure import Failure
 from arborinstaller.files import replacing
+from arborinstaller.layout import Section, Signature, head_message
 
 PLAN_FILE = "build-plan.json"
 MANIFEST = "Manifest.json"
@@ -21,14 +21,14 @@ MANIFEST = "Manifest.json"
 
 @dataclass(frozen=True)
 class BuildPlan:
-    """The inputs that all boards share, and each board's signature in base64."""
+    """The inputs that all boards share, and each board's signatures as a package's trailer has them."""
 
     version: str
     payload: str  # file name in the version directory
-    certificate: str
     installerVersion: str
     silentSeconds: float
-    signatures: dict[str, str]
+    securityNumber: int
+    signatures: dict[str, list[dict[str, str]]]
 
     def save(self, directory: str) -> None:
         """Writes the plan into the installer folder `directory`."""
@@ -44,14 +44,20 @@ class BuildPlan:
                 fields: dict[str, Any] = json.load(file)
             plan = BuildPlan(**fields)
             plan.signatures.keys()
+            plan.recipe("", "board")  # it looks at the values
         except (ValueError, TypeError, AttributeError) as error:
             raise Failure(f"{path} is damaged: {error}") from None
         return plan
 
     def recipe(self, version_directory: str, board: str) -> Recipe:
         """How to make the package for `board` from the payload in `version_directory`."""
-        return Recipe(self.version, board, os.path.join(version_directory, self.payload), self.certificate,
-                      self.installerVersion, self.silentSeconds)
+        return Recipe(self.version, board, os.path.join(version_directory, self.payload), self.installerVersion,
+                      self.silentSeconds, self.securityNumber)
+
+    def sign(self, board: str, payload: Section, signer: Signer) -> None:
+        """Adds the signatures of the package for `board`, whose payload is `payload`."""
+        message = head_message(self.recipe("", board).head(payload))
+        self.signatures[board] = [signature.fields() for signature in signer(message)]
 
     def build(self, version_directory: str, board: str, name: str) -> str:
         """Writes the package for `board` as file `name` of the version directory and returns its path."""
@@ -61,12 +67,12 @@ class BuildPlan:
             raise Failure(f"version {self.version} is not signed for board '{board}' "
                           f"(signed for: {', '.join(sorted(self.signatures))})")
         try:
-            signature = base64.b64decode(self.signatures[board], validate=True)
+            signatures = [Signature.decode(fields) for fields in self.signatures[board]]
         except (ValueError, TypeError):
             raise Failure(f"the signature for board '{board}' is damaged") from None
         output = os.path.join(version_directory, name)
         try:
-            write_package(self.recipe(version_directory, board), output, lambda _: signature)
+            write_package(self.recipe(version_directory, board), output, lambda _: signatures)
         except Failure as failure:
             raise Failure(f"{output} was not built: {failure}; the payload or the installer folder "
                           "is not as it was released") from None

@@ -1,8 +1,16 @@
-"""The one exception that carries a text for the person in front of the instrument."""
+"""The exceptions that carry a text for the person in front of the instrument."""
 
 
 class Failure(Exception):
     """Something the user can understand and act on; its text names the thing that failed."""
+
+
+class NotPackage(Failure):
+    """The file is not a package of a format that is known here."""
+
+
+class Damaged(Failure):
+    """The file is a package, but not a whole one, or one whose description is wrong."""
 
 
 def describe(error: BaseException) -> str:

@@ -1,7 +1,9 @@
 """The command line of a package file."""
 
 import argparse
+import contextlib
 import os
+import stat
 from typing import Callable
 
 from arborinstaller import settings, trust, watcher
@@ -11,17 +13,26 @@ from arborinstaller.progress import Address
 
 _UNIX, _TCP = 1, 2
 _PACKAGES = "/media/mmcblk1p3/Packages"
+_WHOLE = "ARBOR_PACKAGE_FD"  # environment: the number of a descriptor of the whole package
 
 
 def main(path: str, arguments: list[str]) -> int:
-    """Runs the package file `path` with its command-line `arguments`; returns the exit code."""
+    """Runs the package file `path` with its command-line `arguments`; returns the exit code.
+
+    The file may be no more than the package's head, when the environment hands over a descriptor of the whole.
+    """
     options = _parser(os.path.basename(path)).parse_args(arguments)
+    whole = _handed_over()
+
+    def opened() -> Package:
+        return Package(path, whole)
+
     if options.version:
-        return _answer(path, lambda package: package.header.version)
+        return _answer(opened, lambda package: package.header.version)
     if options.verify is not None:
-        return _answer(path, lambda package: "OK: " + trust.verify(
+        return _answer(opened, lambda package: "OK: " + trust.verify_all(
             package, options.trust or settings.load().trust, options.verify))
-    return watcher.install(path, watcher.Options(
+    return watcher.install(opened, watcher.Options(
         packages=os.path.abspath(options.dir), address=_address(options), verify=not options.skip_verify,
         trust=options.trust, reboot=not options.no_reboot, dry_run=options.dry_run))
 
@@ -60,10 +71,22 @@ def _address(options: argparse.Namespace) -> Address | None:
     return None
 
 
-def _answer(path: str, question: Callable[[Package], str]) -> int:
+def _handed_over() -> int | None:
+    """The descriptor of the whole package; None when there is none. The programs that are started don't see it."""
+    text = os.environ.pop(_WHOLE, "")
+    if not (text.isascii() and text.isdecimal() and len(text) < 10):
+        return None
+    with contextlib.suppress(OSError):
+        if stat.S_ISREG(os.fstat(int(text)).st_mode):
+            os.set_inheritable(int(text), False)
+            return int(text)
+    return None
+
+
+def _answer(opened: Callable[[], Package], question: Callable[[Package], str]) -> int:
     """Prints what `question` says about the package, or why it can't be answered."""
     try:
-        with Package(path) as package:
+        with opened() as package:
             print(question(package))
     except (Failure, OSError) as error:
         print(f"FAILED: {describe(error)}")

@@ -54,12 +54,12 @@ def sign(message: bytes, key: str) -> bytes:
                    (text,))
 
 
-def signature_fits(message: bytes, signature: bytes, certificate: str) -> bool:
-    """Whether `signature` over `message` was made with the key of `certificate` (PEM text)."""
+def signature_fits(message: bytes, signature: bytes, public_key: str) -> bool:
+    """Whether `signature` over `message` was made with the private key of `public_key` (PEM text)."""
     with _memory_file(message) as text, _memory_file(signature) as mark, \
-            _memory_file(certificate.encode()) as signer:
+            _memory_file(public_key.encode()) as signer:
         try:
-            run(["pkeyutl", "-verify", "-rawin", "-certin", "-inkey", _path(signer), "-in", _path(text),
+            run(["pkeyutl", "-verify", "-rawin", "-pubin", "-inkey", _path(signer), "-in", _path(text),
                  "-sigfile", _path(mark)], (text, mark, signer))
         except Failure:
             return False
@@ -67,17 +67,25 @@ def signature_fits(message: bytes, signature: bytes, certificate: str) -> bool:
 
 
 def is_issued_by(certificate: str, anchor: str) -> bool:
-    """Whether `certificate` (PEM text) is, or was issued by, a certificate in the file `anchor`.
+    """Whether `certificate` was issued by the certificate `anchor` (PEM texts), with a strong key and digest.
 
     The validity period is left out: an instrument's clock may be unset when it is updated. A signer is
     withdrawn by taking its certificate out of the trusted directory.
     """
-    with _memory_file(certificate.encode()) as signer:
+    with _memory_file(certificate.encode()) as signer, _memory_file(anchor.encode()) as issuer:
         try:
-            run(["verify", "-partial_chain", "-no_check_time", "-trusted", anchor, _path(signer)], (signer,))
+            run(["verify", "-partial_chain", "-no_check_time", "-auth_level", "2", "-trusted", _path(issuer),
+                 _path(signer)], (signer, issuer))
         except Failure:
             return False
     return True
+
+
+def certificate_text(certificate: str) -> str:
+    """What openssl says of `certificate` (PEM text): its public key, an RSA key's modulus, and what it may be used for."""
+    with _memory_file(certificate.encode()) as signer:
+        return run(["x509", "-noout", "-pubkey", "-modulus", "-ext", "basicConstraints,keyUsage,extendedKeyUsage",
+                    "-in", _path(signer)], (signer,)).decode(errors="replace")
 
 
 def subject(certificate: str) -> str:

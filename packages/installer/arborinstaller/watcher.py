@@ -14,7 +14,7 @@ import signal
 import subprocess
 import time
 from dataclasses import dataclass
-from typing import Iterator
+from typing import Callable, Iterator
 
 from arborinstaller import boot, settings, worker
 from arborinstaller.failure import describe
@@ -45,15 +45,15 @@ class Options:
     dry_run: bool
 
 
-def install(path: str, options: Options) -> int:
-    """Installs the package file `path`; returns the exit code, 0 when the new version is in place."""
+def install(opened: Callable[[], Package], options: Options) -> int:
+    """Installs the package that `opened` gives; returns the exit code, 0 when the new version is in place."""
     signal.signal(signal.SIGHUP, signal.SIG_IGN)  # the terminal or remote shell that started it may go
     sink = ProgressSink(options.address)
     header = "Installing"
     with _cancellation() as cancelled:
         try:
             conf = settings.load()
-            with Package(path) as package:
+            with opened() as package:
                 header = f"Installing {package.header.version}"
                 outcome = _install(package, options, conf, sink, cancelled)
         except Exception as error:  # the receiver waits for an end, whatever happened here

@@ -63,7 +63,7 @@ def _rehearse(package: Package, report: Report) -> None:
     digest = hashlib.sha256()
     for chunk in _counted(package.payload(), expected.size, "Reading the image (dry run)", (0, _CHECKED), report):
         digest.update(chunk)
-    _compare(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
+    trust.compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
 def _prepare(slots: Slots, choice: Choice, record: Record, report: Report) -> None:
@@ -104,7 +104,7 @@ def _write_image(package: Package, path: str, report: Report) -> None:
                 unflushed = 0
         report("Flushing the image to the storage", _WRITTEN)
         os.fsync(image.fileno())
-    _compare(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
+    trust.compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
 def _write_all(descriptor: int, data: bytes) -> None:
@@ -121,12 +121,7 @@ def _check_image(path: str, size: int, sha256: str, report: Report) -> None:
         pieces = iter(lambda: image.read(CHUNK), b"")
         for chunk in _counted(pieces, size, "Checking the image", (_WRITTEN, _CHECKED), report):
             digest.update(chunk)
-    _compare(digest.hexdigest(), sha256, f"{path}: the storage does not hold what was written")
-
-
-def _compare(found: str, expected: str, complaint: str) -> None:
-    if found != expected:
-        raise Failure(f"{complaint} (digest {found[:16]}..., expected {expected[:16]}...)")
+    trust.compare_digests(digest.hexdigest(), sha256, f"{path}: the storage does not hold what was written")
 
 
 def _counted(chunks: Iterable[bytes], total: int, message: str, share: tuple[int, int],

@@ -1,0 +1,116 @@
+"""Certificates: whose they are, what they may be used for, and which ones an instrument trusts."""
+
+import base64
+import hashlib
+import os
+import re
+from dataclasses import dataclass
+
+from arborinstaller import openssl
+from arborinstaller.failure import Failure
+
+_SUFFIXES = (".pem", ".crt")
+_PEM = re.compile(r"-----BEGIN CERTIFICATE-----\s[A-Za-z0-9+/=\s]+-----END CERTIFICATE-----")
+_PUBLIC_KEY = re.compile(r"-----BEGIN PUBLIC KEY-----\n([A-Za-z0-9+/=\n]+)-----END PUBLIC KEY-----\n")
+_EXTENSION = re.compile(r"^X509v3 ([A-Za-z ]+): ?(?:critical)?\n +(.*)$", re.MULTILINE)
+_MODULUS = re.compile(r"^Modulus=([0-9A-F]+)$", re.MULTILINE)
+# How a SubjectPublicKeyInfo names its algorithm: object identifiers in DER.
+_ED25519 = bytes.fromhex("06032b6570")
+_RSA = bytes.fromhex("06092a864886f70d010101")
+_LEAST_RSA_BITS = 2048
+
+
+@dataclass(frozen=True)
+class Certificate:
+    """What counts of a certificate. Its dates don't: an instrument's clock may be unset."""
+
+    pem: str
+    public_key: str  # PEM
+    key: str  # SHA-256 of the public key's SubjectPublicKeyInfo in hexadecimal
+    is_strong: bool  # Ed25519, or RSA of at least 2,048 bits
+    extensions: dict[str, frozenset[str]]  # what openssl calls them and their values
+
+    @staticmethod
+    def parse(text: str) -> "Certificate":
+        """The first certificate in the PEM text; Failure when there is none that openssl can read."""
+        found = in_pem(text)
+        if not found:
+            raise Failure("there is no certificate in PEM form")
+        told = openssl.certificate_text(found[0])
+        public_key = _PUBLIC_KEY.search(told)
+        if not public_key:
+            raise Failure("the certificate has no public key that is known")
+        der = base64.b64decode(public_key.group(1))
+        return Certificate(found[0], public_key.group(), hashlib.sha256(der).hexdigest(), _is_strong(der, told),
+                           _extensions(told))
+
+    def fits_purpose(self) -> bool:
+        """Whether nothing in it forbids to sign packages with it."""
+        usage, extended = self.extensions.get("Key Usage"), self.extensions.get("Extended Key Usage")
+        return (usage is None or "Digital Signature" in usage) and (extended is None or "Code Signing" in extended)
+
+    def is_for_packages(self) -> bool:
+        """Whether it says by itself that code may be signed with it."""
+        return "Code Signing" in self.extensions.get("Extended Key Usage", ())
+
+    def has_issued(self, other: "Certificate") -> bool:
+        """Whether this is the certificate of a CA that issued `other`."""
+        return "CA:TRUE" in self.extensions.get("Basic Constraints", ()) and openssl.is_issued_by(other.pem, self.pem)
+
+    def subject(self) -> str:
+        """Whose it is, on one line, such as "CN = Arbor release"."""
+        return openssl.subject(self.pem)
+
+
+def in_pem(text: str) -> list[str]:
+    """The certificates in a PEM text, each without the text that may stand around it."""
+    return [found + "\n" for found in _PEM.findall(text)]
+
+
+def trusted_in(directory: str) -> list[Certificate]:
+    """The certificates in the directory's *.pem and *.crt files; Failure when there is none.
+
+    What can't be read among them does not stop the others from counting.
+    """
+    try:
+        names = sorted(os.listdir(directory))
+    except OSError as error:
+        raise Failure(f"the trusted certificates in {directory} cannot be read: {error.strerror}") from None
+    found: list[Certificate] = []
+    for name in names:
+        if name.endswith(_SUFFIXES):
+            found += _readable(os.path.join(directory, name))
+    if not found:
+        raise Failure(f"there is no trusted certificate in {directory}")
+    return found
+
+
+def _readable(path: str) -> list[Certificate]:
+    found = []
+    try:
+        with open(path, encoding="utf-8", errors="replace") as file:
+            texts = in_pem(file.read())
+    except OSError:
+        return []
+    for text in texts:
+        try:
+            found.append(Certificate.parse(text))
+        except Failure:
+            pass
+    return found
+
+
+def _is_strong(der: bytes, told: str) -> bool:
+    algorithm = der[:32]
+    if _ED25519 in algorithm:
+        return True
+    modulus = _MODULUS.search(told)
+    return _RSA in algorithm and modulus is not None and int(modulus.group(1), 16).bit_length() >= _LEAST_RSA_BITS
+
+
+def _extensions(told: str) -> dict[str, frozenset[str]]:
+    found: dict[str, frozenset[str]] = {}
+    for name, values in _EXTENSION.findall(told):
+        # One that is there twice allows nothing.
+        found[name] = frozenset() if name in found else frozenset(values.split(", "))
+    return found

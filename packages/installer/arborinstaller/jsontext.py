@@ -1,0 +1,61 @@
+"""JSON as packages carry it: what one reader takes for an object, every other one must take for the same object."""
+
+import json
+from typing import Any
+
+_MAX_DEPTH = 32  # objects and lists inside each other
+
+
+def encode(value: dict[str, Any]) -> bytes:
+    """The one text that `value` has: sorted keys, no blanks, ASCII."""
+    return json.dumps(value, sort_keys=True, separators=(",", ":")).encode()
+
+
+def decode(data: bytes) -> dict[str, Any]:
+    """The object that `data` holds from its first to its last byte; ValueError when it is none."""
+    if not (data.startswith(b"{") and data.endswith(b"}")):
+        raise ValueError("it is not a JSON object")
+    try:
+        value = json.loads(data.decode("ascii"), parse_constant=_refuse)
+    except RecursionError:
+        raise ValueError("it is nested too deeply") from None
+    _check_depth(value, _MAX_DEPTH)
+    json.dumps(value, ensure_ascii=False).encode()  # half a surrogate pair is no text
+    return value
+
+
+def members(value: Any, required: set[str], optional: frozenset[str] = frozenset()) -> dict[str, Any]:
+    """`value` if it is an object with all `required` members and no others but `optional` ones; else ValueError."""
+    if not isinstance(value, dict):
+        raise ValueError("an object was expected")
+    for name in sorted(required - value.keys()):
+        raise ValueError(f"'{name}' is missing")
+    for name in sorted(value.keys() - required - optional):
+        raise ValueError(f"'{name[:40]}' is unknown")
+    return value
+
+
+def whole(value: Any, largest: int) -> int:
+    """`value` if it is a whole number from 0 to `largest`, written as one; else ValueError."""
+    if type(value) is not int or not 0 <= value <= largest:  # True is an int to isinstance
+        raise ValueError(f"a whole number from 0 to {largest} was expected")
+    return value
+
+
+def text(value: Any) -> str:
+    """`value` if it is a text; else ValueError."""
+    if not isinstance(value, str):
+        raise ValueError("a text was expected")
+    return value
+
+
+def _refuse(name: str) -> None:
+    raise ValueError(f"{name} is not a number")
+
+
+def _check_depth(value: Any, room: int) -> None:
+    if isinstance(value, (dict, list)):
+        if room == 0:
+            raise ValueError("it is nested too deeply")
+        for inner in value.values() if isinstance(value, dict) else value:
+            _check_depth(inner, room - 1)
