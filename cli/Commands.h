@@ -41,8 +41,9 @@ Result<ExitCode> ShowJob(Session& session, const std::string& id);
 Result<ExitCode> CancelJob(Session& session, const std::string& id);
 
 // Work that the device does.
-/// Has the device check a package file that it can see, and waits for the outcome.
-Result<ExitCode> ScanFile(Session& session, const std::string& file);
+/// Has the device check a package file on a drive or in its updates folder, or a whole drive, and waits for the
+/// outcome.
+Result<ExitCode> Scan(Session& session, const std::string& path);
 
 struct InstallOrder {
     std::string version;

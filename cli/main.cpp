@@ -32,7 +32,7 @@ constexpr const char* kExamples = R"(Examples:
   arborctl install 3.046 --wait                install and show the progress to the end
   arborctl install 3.046 --no-reboot           start it, keep the device running afterwards
   arborctl watch --json | jq .event            events for a program
-  arborctl send getdevices                     any message of the device's interface
+  arborctl send inventory                      any message of the device's interface
   arborctl upload build/arbor_qm.pkg           bring a package from here and have it checked
   arborctl peers                               other devices, and who is connected
   arborctl transfer 3.046 --to 4711 --wait     carry a package over to an accessory
@@ -108,8 +108,9 @@ void AddQueries(CLI::App& app, Choice& choice) {
     auto* send = AddCommand(app, "send", "Send a message and print the answer",
                             "  arborctl send getinstalledversioninfo\n"
                             "  arborctl send compareversions '{\"version1\": \"3.1\", \"version2\": \"2.9\"}'\n"
-                            "  arborctl send newFile @message.json\n"
-                            "  echo '{}' | arborctl send getdevices -");
+                            "  arborctl send scan @message.json\n"
+                            "  echo '{}' | arborctl send deviceProps -\n"
+                            "Messages between nodes, such as newFile, are not for people.");
     auto* keyword = send->add_option("KEYWORD", choice.first, "The keyword it is sent on");
     send->add_option("JSON", choice.second, "The message; - for standard input, @FILE for a file; nothing for {}");
     send->add_flag("--list", choice.list, "Only print the keywords that the device takes")->excludes(keyword);
@@ -125,9 +126,11 @@ void AddQueries(CLI::App& app, Choice& choice) {
 
 void AddWork(CLI::App& app, Choice& choice) {
     auto* scan = AddCommand(app, "scan", "Have the device check a package file now and tell the outcome",
-                            "  arborctl scan /media/usb1/arbor_qm.pkg");
-    scan->add_option("FILE", choice.first, "A package file as the device sees it")->required();
-    scan->callback([&] { choice.run = [&](Session& s) { return ScanFile(s, choice.first); }; });
+                            "  arborctl scan /media/usb1/arbor_qm.pkg\n"
+                            "  arborctl scan /media/usb1      all that is on the drive\n"
+                            "Only files on drives and in the updates folder are checked; \"upload\" brings others.");
+    scan->add_option("FILE", choice.first, "A package file, or a drive, as the device sees it")->required();
+    scan->callback([&] { choice.run = [&](Session& s) { return Scan(s, choice.first); }; });
 
     auto* install = AddCommand(app, "install", "Install a version",
                                "  arborctl install 3.046 --wait\n"

@@ -56,10 +56,11 @@ json::object KeywordPath(const Keyword& keyword) {
     } else {
         responses["202"] = json::object{{"description", "Handed to all who listen"}};
     }
-    AddProblems(responses, {400, 413, 503, 504});
+    AddProblems(responses, {400, 403, 413, 503, 504});
     const bool required = keyword.RequestClasses().size() > 1;
     return {{"post", json::object{{"operationId", keyword.name},
                                   {"summary", keyword.summary},
+                                  {"x-role", RoleName(keyword.role)},
                                   {"requestBody",
                                    json::object{{"required", required},
                                                 {"content", Content("application/json", RequestSchema(keyword))}}},
@@ -74,7 +75,7 @@ json::object Reading(std::string_view id, std::string_view summary, json::object
                      std::initializer_list<int> problems = {}) {
     json::object responses{{"200", std::move(answer)}};
     AddProblems(responses, problems);
-    AddProblems(responses, {503});
+    AddProblems(responses, {403, 503});
     return {{"get", json::object{{"operationId", id},
                                  {"summary", summary},
                                  {"parameters", std::move(parameters)},
@@ -129,7 +130,8 @@ json::object StatusSchema() {
                                         {"archive", PackagesSchema(false)},
                                         {"refused", PackagesSchema(true)},
                                         {"updatesFree", Nullable("integer")},
-                                        {"archiveFree", Nullable("integer")}}}};
+                                        {"archiveFree", Nullable("integer")},
+                                        {"developerMode", {{"type", "boolean"}}}}}};
 }
 
 json::object ProblemSchema() {
@@ -216,10 +218,12 @@ void AddReadings(json::object& paths) {
         Reading("description", "This document", Answer("OpenAPI 3.1", "application/json", {{"type", "object"}}));
 }
 
-std::string MakeDocument() {
+std::string MakeDocument(bool withNodes) {
     json::object paths;
     for (const Keyword& keyword : Keywords()) {
-        paths["/v1/" + std::string(keyword.name)] = KeywordPath(keyword);
+        if (withNodes || keyword.role != Role::Nodes) {
+            paths["/v1/" + std::string(keyword.name)] = KeywordPath(keyword);
+        }
     }
     AddReadings(paths);
     json::object schemas = MessageSchemas();
@@ -241,9 +245,10 @@ std::string MakeDocument() {
 
 }  // namespace
 
-const std::string& OpenApiDocument() {
-    static const std::string document = MakeDocument();
-    return document;
+const std::string& OpenApiDocument(bool withNodes) {
+    static const std::string forPeople = MakeDocument(false);
+    static const std::string forAll = MakeDocument(true);
+    return withNodes ? forAll : forPeople;
 }
 
 }  // namespace gateway

@@ -1,14 +1,12 @@
 #include "Requests.h"
 
-#include <pwd.h>
-
-#include <vector>
-
 #include "DocumentCheck.h"
 #include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
 #include "NodeBase/ZOperation.h"
+#include "SystemNames.h"
 #include "ZMessages/ZJSONCommStream.h"
+#include "http/GatewayLog.h"
 #include "http/Problem.h"
 
 namespace gateway {
@@ -87,13 +85,8 @@ HttpResponse Failed(ZPublishOutcome outcome, const Keyword& keyword) {
     }
 }
 
-/// Who asks, for people: a name, or the number of a user whom the system does not know.
-std::string AskerOf(uid_t user) {
-    passwd entry{};
-    passwd* found = nullptr;
-    std::vector<char> buffer(16384);
-    const bool known = ::getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-    return "user " + (known ? std::string(entry.pw_name) : std::to_string(user));
+std::string AskerOf(const Peer& peer) {
+    return "user " + UserName(peer.user);
 }
 
 /// The JSON object with the job's id as one more key.
@@ -104,7 +97,16 @@ std::string WithOperation(std::string object, const std::string& id) {
 
 }  // namespace
 
-HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body, uid_t user) {
+HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body, const Peer& peer) {
+    const std::string asker = AskerOf(peer);
+    if (const std::string reason = WhyNotSend(keyword, asker, peer); !reason.empty()) {
+        return Forbid(keyword.name, asker, reason);
+    }
+    return Answer(keyword, body, asker, peer);
+}
+
+HttpResponse Requests::Answer(const Keyword& keyword, const std::string& body, const std::string& asker,
+                              const Peer& peer) {
     // Reading takes several times a document's memory.
     std::unique_lock oneAtATime(m_largeDocument, std::defer_lock);
     if (body.size() > kUsualBody) {
@@ -115,15 +117,22 @@ HttpResponse Requests::Handle(const Keyword& keyword, const std::string& body, u
     if (!message) {
         return Problem(400, message.error().detail, message.error().key);
     }
-    (*message)->SetOrigin(std::make_shared<ZRequestOrigin>(AskerOf(user), ToStdString(ZOperation::NewId())));
-    return Ask(keyword, *message);
+    (*message)->SetOrigin(std::make_shared<ZRequestOrigin>(asker, ToStdString(ZOperation::NewId())));
+    if (const auto cancel = cast_shared<ZCancelMsg>(*message)) {
+        if (const std::string reason = WhyNotCancel(ToStdString(cancel->m_Id), asker, peer); !reason.empty()) {
+            return Forbid(keyword.name, asker, reason);
+        }
+    }
+    const auto scan = cast_shared<ZScanMsg>(*message);
+    return scan ? Scan(keyword, *scan) : Ask(keyword, keyword.name, *message);
 }
 
-HttpResponse Requests::Ask(const Keyword& keyword, const std::shared_ptr<ZMessage>& message) {
+HttpResponse Requests::Ask(const Keyword& keyword, const char* name, const std::shared_ptr<ZMessage>& message) {
     std::shared_ptr<ZMessage> answer;
-    const auto endpoint = m_bus.GetEndpoint(keyword.type, keyword.name, 0);
-    const ZPublishOutcome outcome = m_bus.PublishWithOutcome(
-        endpoint, message, keyword.IsNotification() ? nullptr : &answer, {true, false, m_patience});
+    ZCommEnabledObject& bus = m_context.bus;
+    const ZPublishOutcome outcome =
+        bus.PublishWithOutcome(bus.GetEndpoint(keyword.type, name, 0), message,
+                               keyword.IsNotification() ? nullptr : &answer, {true, false, m_context.patience});
     if (outcome != ZPublishOutcome::Delivered) {
         return Failed(outcome, keyword);
     }
@@ -136,6 +145,58 @@ HttpResponse Requests::Ask(const Keyword& keyword, const std::shared_ptr<ZMessag
         response.body = WithOperation(std::move(response.body), origin.operationId);
     }
     return response;
+}
+
+HttpResponse Requests::Scan(const Keyword& keyword, const ZScanMsg& order) {
+    const auto told = m_scans.Translate(order);
+    if (!told) {
+        return Problem(403, told.error().text, "path");
+    }
+    told->message->SetOrigin(order.Origin());
+    return Ask(keyword, told->keyword, told->message);
+}
+
+// --- Who may ---
+
+std::string Requests::WhyNotSend(const Keyword& keyword, const std::string& asker, const Peer& peer) const {
+    const Roles& roles = m_context.roles;
+    if (roles.Has(peer, keyword.role)) {
+        return {};
+    }
+    if (keyword.role == Role::Nodes && !roles.AreNodesOpen()) {
+        return '"' + std::string(keyword.name) + "\" is a message between nodes, and people can't send it; " +
+               keyword.instead;
+    }
+    return roles.WhyNot(asker, keyword.role);
+}
+
+std::string Requests::WhyNotCancel(const std::string& job, const std::string& asker, const Peer& peer) const {
+    if (m_context.roles.Has(peer, Role::Administer)) {
+        return {};
+    }
+    const auto owner = m_context.jobs.AskerOf(job, m_context.patience);
+    if (owner == asker) {
+        return {};
+    }
+    const std::string whose = !owner           ? "nobody tells who asked for this job"
+                              : owner->empty() ? "the device itself began this job"
+                                               : *owner + " asked for this job";
+    return whose + ", and " + m_context.roles.WhyNot(asker, Role::Administer);
+}
+
+std::optional<HttpResponse> Requests::WhyNotRead(const std::string& resource, const Peer& peer) {
+    if (m_context.roles.Has(peer, Role::Look)) {
+        return std::nullopt;
+    }
+    const std::string asker = AskerOf(peer);
+    return Forbid(resource, asker, m_context.roles.WhyNot(asker, Role::Look));
+}
+
+HttpResponse Requests::Forbid(const std::string& what, const std::string& asker, const std::string& reason) {
+    if (const auto more = m_refusals.Admit(asker + ' ' + what)) {
+        Z_LOG(3, "%s was refused \"%s\": %s%s", asker, what, reason, *more);
+    }
+    return Problem(403, reason);
 }
 
 }  // namespace gateway

@@ -39,8 +39,13 @@ HttpResponse Json(std::string text) {
 
 }  // namespace
 
-Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events)
-    : m_events(events), m_requests(bus, patience), m_jobs(bus), m_status(bus, events, m_jobs) {}
+Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events,
+                     const RoleGroups& groups, const std::string& updatesFolder)
+    : m_events(events),
+      m_roles(groups),
+      m_jobs(bus),
+      m_requests({bus, m_roles, m_jobs, patience, updatesFolder}),
+      m_status(bus, events, m_jobs, m_roles.AreNodesOpen()) {}
 
 Resources::Handler Resources::Find(std::string_view path) {
     static constexpr std::pair<std::string_view, Handler> kHandlers[] = {
@@ -70,7 +75,11 @@ void Resources::OnRefused(std::string_view path, int status) {
 HttpResponse Resources::Handle(const HttpRequest& request) {
     const bool reads = request.method == "GET" || request.method == "HEAD";
     if (const Handler handler = Find(request.path)) {
-        return reads ? (this->*handler)(request) : WrongMethod("GET, HEAD");
+        if (!reads) {
+            return WrongMethod("GET, HEAD");
+        }
+        auto refused = m_requests.WhyNotRead(request.path, *request.peer);
+        return refused ? std::move(*refused) : (this->*handler)(request);
     }
     const Keyword* const keyword = KeywordOf(request.path);
     if (keyword == nullptr) {
@@ -81,7 +90,7 @@ HttpResponse Resources::Handle(const HttpRequest& request) {
 }
 
 HttpResponse Resources::Ask(const Keyword& keyword, const HttpRequest& request) {
-    HttpResponse response = m_requests.Handle(keyword, request.body, request.user);
+    HttpResponse response = m_requests.Handle(keyword, request.body, *request.peer);
     m_metrics.CountRequest(keyword.name, response.status);
     return response;
 }
@@ -91,7 +100,7 @@ HttpResponse Resources::Events(const HttpRequest& request) {
     if (!log || *log > 1) {
         return Problem(400, "\"log\" is 0 or 1", "log");
     }
-    auto queue = m_events.Join(request.user, *log == 1);
+    auto queue = m_events.Join(request.peer->user, *log == 1);
     if (!queue) {
         return Problem(503, "As many listeners as are allowed have joined");
     }
@@ -135,7 +144,7 @@ HttpResponse Resources::MetricsText(const HttpRequest&) {
 }
 
 HttpResponse Resources::Description(const HttpRequest&) {
-    return Json(OpenApiDocument());
+    return Json(OpenApiDocument(m_roles.AreNodesOpen()));
 }
 
 }  // namespace gateway
