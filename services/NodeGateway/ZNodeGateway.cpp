@@ -26,6 +26,9 @@ HttpServerSettings ServerSettings(const ZNodeGatewayCfg& config, const Roles& ro
 
 RoleGroups GroupsOf(const ZNodeGatewayCfg& config) {
     RoleGroups groups;
+    groups.look = ToStdString(config.m_LookGroup);
+    groups.operate = ToStdString(config.m_OperateGroup);
+    groups.administer = ToStdString(config.m_AdministerGroup);
     groups.nodesAreOpen = config.m_bDeveloperMode;
     return groups;
 }

@@ -22,6 +22,9 @@ public:
     std::uint32_t m_AnswerTimeoutSeconds = 30;
     std::uint32_t m_MaxEventClients = 64;
     std::uint32_t m_EventBacklog = 256;
+    ZString m_LookGroup;
+    ZString m_OperateGroup;
+    ZString m_AdministerGroup;
     bool m_bDeveloperMode = false;
 
     static constexpr const char* kGroup = "the name of a group of this system";
@@ -34,7 +37,7 @@ public:
         Z_FIELD(m_SocketMode)
             .Checked([](std::string_view text) { return ModeOf(text).has_value(); },
                      "a text of octal permission bits, as \"0660\"", "^[0-7]{1,4}$")
-            .Means("The socket's permission bits: who may connect may install."),
+            .Means("The socket's permission bits: who may connect may do all that no group below is named for."),
         Z_FIELD(m_SocketGroup)
             .Checked(&IsGroup, kGroup)
             .OrEmpty()
@@ -44,6 +47,19 @@ public:
             .In(1, 4096)
             .Means("Event streams at once. One user may have three quarters of them."),
         Z_FIELD(m_EventBacklog).In(1, 65'536).Means("Events that wait for one client."),
+        Z_FIELD(m_LookGroup)
+            .Checked(&IsGroup, kGroup)
+            .OrEmpty()
+            .Means("Who may see state, jobs, events and log, and ask. Empty: whoever can connect."),
+        Z_FIELD(m_OperateGroup)
+            .Checked(&IsGroup, kGroup)
+            .OrEmpty()
+            .Means("Who may install, transfer, upload, scan and check, and end jobs of their own; and look. Empty: "
+                   "whoever may look."),
+        Z_FIELD(m_AdministerGroup)
+            .Checked(&IsGroup, kGroup)
+            .OrEmpty()
+            .Means("Who may pair devices and end others' jobs; and operate. Empty: whoever may operate."),
         Z_FIELD(m_bDeveloperMode)
             .Means("For development only: people may send the messages that nodes tell each other, such as "
                    "\"newFile\", by which a device runs any file that is named. Told at every start."))

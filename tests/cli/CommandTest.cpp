@@ -58,6 +58,8 @@ constexpr const char* kJob = R"({"id": "1f3a9c0200000000", "kind": "RemoteInstal
 constexpr const char* kJobs = R"({"operations": [{"id": "1f3a9c0200000000", "kind": "RemoteInstall", "state": "Failed",
     "version": "3.1", "device": "4", "reason": "no power", "startedAt": 1000, "endedAt": 1500},
     {"id": "2b", "kind": "Check", "state": "Running", "file": "/a.pkg", "percent": 7, "asker": "drive /d"}]})";
+constexpr const char* kForbidden = R"({"title": "Forbidden", "status": 403, "detail":
+    "you (user bob) are not in the group arbor-service, which may install"})";
 constexpr const char* kNobody = R"({"title": "Service Unavailable", "detail": "No node of this graph serves it"})";
 constexpr const char* kProblem = R"({"title": "Bad", "detail": "a\nb", "field": "x"})";
 constexpr const char* kNoAnswer = nullptr;
@@ -100,6 +102,8 @@ constexpr AnswerCase kAnswers[]{
         "2b        -     check           /a.pkg    drive /d    running 7 %\n", ""},
     {"history --kind remote-install --since 2h --state failed", "operations", kAny, 200, R"({"operations": []})", 0, "No jobs.\n", ""},
     {"history", "operations", kAny, 503, kNobody, 1, "", "this device has no journal (NodeJournal) in its graph"},
+    {"install 9", "updatesystem", kAny, 403, kForbidden, 1, "",
+     "Forbidden: you (user bob) are not in the group arbor-service, which may install (HTTP 403)"},
     {"status", "status", kAny, 200, R"({"developerMode": true})", 0, "Warning        developerMode is on", ""},
     {"show 1f3a", "operations/1f3a", kAny, 200, kJob, 0, "State       failed\nReason      no power\nVersion     3.1\nAccessory   4\nAsked by    user alice\n", ""},
     {"show 1f3a", "operations/1f3a", kAny, 200, kJob, 0, "Took        2 min 5 s\nDone by     ArborInstall\n", ""},

@@ -51,6 +51,7 @@ TEST_F(Gateway, NamesTheSettingThatCanNotBeUsed) {
         {R"("socketMode":"10777")", "socketMode"},
         {R"("socketMode":"")", "socketMode"},
         {R"("socketGroup":"no such group")", "socketGroup"},
+        {R"("operateGroup":"no such group")", "operateGroup"},
         {R"("socketPath":"")", "socketPath"},
         {R"("socketPath":"relative")", "socketPath"},
         {R"("answerTimeoutSeconds":0)", "answerTimeoutSeconds"},
