@@ -35,6 +35,14 @@ struct HistoryOrder {
     std::string since;  ///< as SinceFrom takes it; empty: from the beginning
 };
 Result<ExitCode> ShowHistory(Session& session, const HistoryOrder& order);
+struct OrdersOrder {
+    unsigned count = 30;
+    std::string result;  ///< "accepted" or "refused"; empty: both
+    std::string user;    ///< empty: all
+    std::string since;   ///< as SinceFrom takes it; empty: from the beginning
+};
+/// What people ordered, or were refused.
+Result<ExitCode> ShowOrders(Session& session, const OrdersOrder& order);
 /// The job with the id, or with the only one that begins so.
 Result<ExitCode> ShowJob(Session& session, const std::string& id);
 /// Has the device end the job, and waits until it has ended.

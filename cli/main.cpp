@@ -28,6 +28,7 @@ constexpr const char* kExamples = R"(Examples:
   arborctl status                              what the device runs, does and offers
   arborctl updates                             what can be installed, and what was refused and why
   arborctl history --since 2h                  what was done, by whom, and how it ended
+  arborctl orders --result refused             who was refused what, and why
   arborctl scan /media/usb1/arbor_qm.pkg       check this package file now
   arborctl install 3.046 --wait                install and show the progress to the end
   arborctl install 3.046 --no-reboot           start it, keep the device running afterwards
@@ -51,6 +52,7 @@ struct Choice {
     bool list = false;
     bool noReboot = false;
     arborctl::HistoryOrder history;
+    arborctl::OrdersOrder orders;
     arborctl::LogOrder log;
     arborctl::InstallOrder install;
     arborctl::AccessoryOrder accessory;
@@ -247,6 +249,22 @@ void AddJobs(CLI::App& app, Choice& choice) {
     forget->callback([&] { choice.run = [&](Session& s) { return ForgetUpload(s, choice.first); }; });
 }
 
+void AddOrders(CLI::App& app, Choice& choice) {
+    auto* orders = AddCommand(app, "orders", "List what people ordered and what became of it, newest first",
+                              "  arborctl orders\n"
+                              "  arborctl orders --result refused --since 1d\n"
+                              "  arborctl orders --user alice -n 100\n"
+                              "  arborctl orders --json | jq '.orders[].reason'");
+    orders->add_option("-n,--lines", choice.orders.count, "How many")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    orders->add_option("--result", choice.orders.result, "Only those that were accepted, or refused")
+        ->check(CLI::IsMember({"accepted", "refused"}));
+    orders->add_option("--user", choice.orders.user, "Only those of this user: a name or a number");
+    AddSince(*orders, choice.orders.since);
+    orders->callback([&] { choice.run = [&](Session& s) { return ShowOrders(s, choice.orders); }; });
+}
+
 void AddStreams(CLI::App& app, Choice& choice) {
     AddCommand(app, "watch", "Show the device's events as they happen, until Ctrl-C",
                "  arborctl watch\n  arborctl watch --json")
@@ -292,6 +310,7 @@ int Run(int argc, char** argv) {
     AddGlobalOptions(app, choice);
     AddQueries(app, choice);
     AddJobs(app, choice);
+    AddOrders(app, choice);
     AddWork(app, choice);
     AddAccessoryWork(app, choice);
     AddLink(app, choice);

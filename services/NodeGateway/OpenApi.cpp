@@ -160,16 +160,29 @@ std::string EventsText() {
            repeated + ". A client that takes them too slowly is dropped.";
 }
 
+/// The parameters, and those by which pages are asked for.
+json::array WithPages(json::array parameters) {
+    parameters.push_back(QueryParameter("limit", "How many on a page",
+                                        {{"type", "integer"}, {"minimum", 0}, {"maximum", 1000}, {"default", 100}}));
+    parameters.push_back(QueryParameter("before", "\"next\" of the page before", {{"type", "string"}}));
+    return parameters;
+}
+
 json::array JobParameters() {
     const json::object text{{"type", "string"}};
-    return {QueryParameter("kind", "Only those, such as install; upper or lower case", text),
-            QueryParameter("state", "Only those, such as failed, or open: queued and running", text),
-            QueryParameter("node", "Only those that this node does", text),
-            QueryParameter("since", "Begun then or later, in milliseconds since 1970",
-                           {{"type", "integer"}, {"minimum", 0}, {"default", 0}}),
-            QueryParameter("limit", "How many on a page",
-                           {{"type", "integer"}, {"minimum", 0}, {"maximum", 1000}, {"default", 100}}),
-            QueryParameter("before", "\"next\" of the page before", text)};
+    return WithPages({QueryParameter("kind", "Only those, such as install; upper or lower case", text),
+                      QueryParameter("state", "Only those, such as failed, or open: queued and running", text),
+                      QueryParameter("node", "Only those that this node does", text),
+                      QueryParameter("since", "Begun then or later, in milliseconds since 1970",
+                                     {{"type", "integer"}, {"minimum", 0}, {"default", 0}})});
+}
+
+json::array OrderParameters() {
+    return WithPages({QueryParameter("user", "Only those of this user: a name or a number", {{"type", "string"}}),
+                      QueryParameter("result", "Only those that were accepted, or refused",
+                                     {{"type", "string"}, {"enum", json::array{"accepted", "refused"}}}),
+                      QueryParameter("since", "Given then or later, in milliseconds since 1970",
+                                     {{"type", "integer"}, {"minimum", 0}, {"default", 0}})});
 }
 
 void AddReadings(json::object& paths) {
@@ -195,6 +208,9 @@ void AddReadings(json::object& paths) {
         Reading("operations", "The jobs, newest first",
                 Answer("A page of them", "application/json", Reference("schemas", "ZOperationsMsg")), JobParameters(),
                 {400, 504});
+    const json::object orders = Answer("A page of them", "application/json", Reference("schemas", "ZOrdersMsg"));
+    paths["/v1/orders"] = Reading("orders", "What people ordered and what became of it, newest first", orders,
+                                  OrderParameters(), {400, 504});
     const json::object id{{"name", "id"},
                           {"in", "path"},
                           {"required", true},

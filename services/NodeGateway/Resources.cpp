@@ -6,6 +6,7 @@
 #include "EventStream.h"
 #include "LogReport.h"
 #include "OpenApi.h"
+#include "OrderHistory.h"
 #include "ZMessages/Messages.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "http/Problem.h"
@@ -18,6 +19,7 @@ namespace {
 constexpr std::string_view kRoot = "/v1/";
 constexpr std::string_view kOneOperation = "/v1/operations/";
 constexpr auto kStatusPatience = std::chrono::seconds(5);
+constexpr auto kCountsTold = std::chrono::seconds(1);  // at most so often, however often somebody looks
 constexpr auto kMetricsPatience = std::chrono::seconds(1);
 
 HttpResponse WrongMethod(const char* allowed) {
@@ -41,7 +43,8 @@ HttpResponse Json(std::string text) {
 
 Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events,
                      const RoleGroups& groups, const std::string& updatesFolder)
-    : m_events(events),
+    : m_bus(bus),
+      m_events(events),
       m_roles(groups),
       m_jobs(bus),
       m_requests({bus, m_roles, m_jobs, patience, updatesFolder}),
@@ -49,9 +52,13 @@ Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience
 
 Resources::Handler Resources::Find(std::string_view path) {
     static constexpr std::pair<std::string_view, Handler> kHandlers[] = {
-        {"/v1/events", &Resources::Events},         {"/v1/status", &Resources::Status},
-        {"/v1/operations", &Resources::Operations}, {"/v1/log", &Resources::Log},
-        {"/v1/metrics", &Resources::MetricsText},   {"/v1/openapi.json", &Resources::Description},
+        {"/v1/events", &Resources::Events},
+        {"/v1/status", &Resources::Status},
+        {"/v1/operations", &Resources::Operations},
+        {"/v1/orders", &Resources::Orders},
+        {"/v1/log", &Resources::Log},
+        {"/v1/metrics", &Resources::MetricsText},
+        {"/v1/openapi.json", &Resources::Description},
     };
     for (const auto& [known, handler] : kHandlers) {
         if (known == path) {
@@ -121,6 +128,11 @@ HttpResponse Resources::Operations(const HttpRequest& request) {
 
 HttpResponse Resources::Operation(const HttpRequest& request) {
     return m_jobs.One(request.path.substr(kOneOperation.size()), kStatusPatience);
+}
+
+HttpResponse Resources::Orders(const HttpRequest& request) {
+    m_requests.Orders().Tell(kCountsTold);
+    return OrderHistory(m_bus, request, kStatusPatience);
 }
 
 HttpResponse Resources::Log(const HttpRequest& request) {

@@ -20,6 +20,8 @@ public:
     HttpResponse Handle(const HttpRequest& request) override;
     void OnRefused(std::string_view path, int status) override;
     const Roles& Who() const { return m_roles; }
+    /// Has what was only counted of people's orders written down.
+    void TellOrders() { m_requests.Orders().Tell({}); }
     /// A job has changed.
     void OnOperation(const ZOperationMsg& job) { m_metrics.CountOperation(job); }
 
@@ -31,10 +33,12 @@ private:
     HttpResponse Status(const HttpRequest& request);
     HttpResponse Operations(const HttpRequest& request);
     HttpResponse Operation(const HttpRequest& request);
+    HttpResponse Orders(const HttpRequest& request);
     HttpResponse Log(const HttpRequest& request);
     HttpResponse MetricsText(const HttpRequest& request);
     HttpResponse Description(const HttpRequest& request);
 
+    ZCommEnabledObject& m_bus;
     EventHub& m_events;
     const Roles m_roles;
     const JobHistory m_jobs;

@@ -107,6 +107,11 @@ bool ZNodeGateway::OnGraphCreated() {
     return true;
 }
 
+bool ZNodeGateway::OnShutdownRequest(bool) {
+    m_parts->resources.TellOrders();
+    return true;
+}
+
 void ZNodeGateway::OnShutdown() {
     if (m_parts) {
         m_parts->server.Stop();

@@ -77,6 +77,7 @@ public:
     bool OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) override;
     bool InitMessageMap() override;
     bool OnGraphCreated() override;
+    bool OnShutdownRequest(bool forced) override;
     void OnShutdown() override;
 
 private:

@@ -90,6 +90,9 @@ class Journey(InstrumentCase):
             refused = arborctl("send", "scan", json.dumps({"path": str(path)}))
             self.assertEqual(1, refused.returncode, refused.stdout)
             self.assertIn("neither on a drive", refused.stdout)
+        orders = json.loads(arborctl("orders", "--result", "refused", "--json").stdout)["orders"]
+        self.assertEqual(["scan", "scan", *reversed(messages)], [order["keyword"] for order in orders])
+        self.assertEqual({"arborctl"}, {order["program"] for order in orders})
 
     def updates_of_a_stick_that_comes_now(self) -> list[str]:
         """Whatever was told to the update node before is checked by then."""
