@@ -38,7 +38,7 @@ std::string GraphText(const fs::path& folder, const fs::path& journal) {
            R"({"name":"Storage","class":"ZNodeStorage","config":{"removableRoots":[],"roots":[")" + root +
            R"(/drives"]}},{"name":"DeviceProps","class":"ZNodeDeviceProps","config":{"deviceType":"DEVICE_CART"}},)" +
            R"({"name":"Gateway","class":"ZNodeGateway","config":{"socketPath":")" + root +
-           "/gateway.sock\",\"maxEventClients\":2048}}]}\n";
+           "/gateway.sock\",\"maxEventClients\":2048,\"developerMode\":true}}]}\n";
 }
 
 /// This process's environment with the notification socket, and without a watchdog of its own.

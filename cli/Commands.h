@@ -35,14 +35,23 @@ struct HistoryOrder {
     std::string since;  ///< as SinceFrom takes it; empty: from the beginning
 };
 Result<ExitCode> ShowHistory(Session& session, const HistoryOrder& order);
+struct OrdersOrder {
+    unsigned count = 30;
+    std::string result;  ///< "accepted" or "refused"; empty: both
+    std::string user;    ///< empty: all
+    std::string since;   ///< as SinceFrom takes it; empty: from the beginning
+};
+/// What people ordered, or were refused.
+Result<ExitCode> ShowOrders(Session& session, const OrdersOrder& order);
 /// The job with the id, or with the only one that begins so.
 Result<ExitCode> ShowJob(Session& session, const std::string& id);
 /// Has the device end the job, and waits until it has ended.
 Result<ExitCode> CancelJob(Session& session, const std::string& id);
 
 // Work that the device does.
-/// Has the device check a package file that it can see, and waits for the outcome.
-Result<ExitCode> ScanFile(Session& session, const std::string& file);
+/// Has the device check a package file on a drive or in its updates folder, or a whole drive, and waits for the
+/// outcome.
+Result<ExitCode> Scan(Session& session, const std::string& path);
 
 struct InstallOrder {
     std::string version;

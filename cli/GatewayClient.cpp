@@ -42,7 +42,7 @@ struct Server {
 constexpr Server kServers[]{{"/v1/peers", "link node (NodePeer)"},
                             {"/v1/pair", "link node (NodePeer)"},
                             {"/v1/operations", "journal (NodeJournal)"},
-                            {"/v1/getdevices", "storage node (NodeStorage)"},
+                            {"/v1/orders", "journal (NodeJournal)"},
                             {"/v1/deviceProps", "identity node (NodeDeviceProps)"}};
 
 /// The refusal in words that say what a person can do; the program itself goes by the status alone.

@@ -23,33 +23,46 @@ std::string WhySkipped(const fs::path& file) {
                                                                                     : "";
 }
 
+/// Tells how the scan of a drive ended; what was found on it is what "updates" lists.
+Result<ExitCode> TellScan(Session& session, const std::string& drive, const Job& job) {
+    if (const auto verdict = VerdictOn(job); !verdict) {
+        return Failure{verdict.error().code, Escaped(drive) + ": " + verdict.error().text};
+    }
+    session.Print(json::object{{"drive", drive}, {"outcome", "done"}, {"operationId", job.id}},
+                  Escaped(drive) + ": scanned; arborctl updates lists what was found\n");
+    return ExitCode::kDone;
+}
+
 }  // namespace
 
-Result<ExitCode> ScanFile(Session& session, const std::string& file) {
+Result<ExitCode> Scan(Session& session, const std::string& given) {
     std::error_code error;
-    const fs::path path = fs::absolute(file, error).lexically_normal();
-    if (error || !fs::is_regular_file(path, error)) {
+    const fs::path path = fs::absolute(given, error).lexically_normal();
+    const bool isDrive = !error && fs::is_directory(path, error);
+    if (!isDrive && (error || !fs::is_regular_file(path, error))) {
         const std::string reason = error ? error.message() : "not a regular file";
-        return UsageFailure(Escaped(file) + ": " + reason);
+        return UsageFailure(Escaped(given) + ": " + reason);
     }
-    if (const std::string reason = WhySkipped(path); !reason.empty()) {
-        return Refused(Escaped(file) + ": the device would pass over it: " + reason);
+    if (const std::string reason = isDrive ? "" : WhySkipped(path); !reason.empty()) {
+        return Refused(Escaped(given) + ": the device would pass over it: " + reason);
     }
     const auto watch = JobWatch::Begin(session, JobWatch::Show::kNothing);
     if (!watch) {
         return watch.error();
     }
-    const auto sent = session.gateway.Send(
-        "newFile", json::object{{"folder", path.parent_path().string()}, {"fileName", path.filename().string()}});
+    const auto sent = session.gateway.Send("scan", json::object{{"path", path.string()}});
     if (!sent) {
         return sent.error();
     }
     const std::string id = fields::Text(*sent, "operationId");
     if (id.empty()) {
-        return NoJobTold(Escaped(file));
+        return NoJobTold(Escaped(given));
     }
     const auto job = (*watch)->Follow({id, {}, {}});
-    return job ? TellCheck(session, path.string(), *job) : job.error();
+    if (!job) {
+        return job.error();
+    }
+    return isDrive ? TellScan(session, path.string(), *job) : TellCheck(session, path.string(), *job);
 }
 
 }  // namespace arborctl

@@ -116,6 +116,10 @@ std::string StatusText(const json::value& status) {
     table.AddRow({"Free", SizeText(status, "updatesFree") + " for uploads, " + SizeText(status, "archiveFree") +
                               " in the archive"});
     AddRows(table, "Drives", Texts(status, "drives", DriveText), "none");
+    if (fields::Flag(status, "developerMode")) {
+        table.AddRow(
+            {"Warning", "developerMode is on: whoever may administer can have any file run (gateway's settings)"});
+    }
     table.AddRow({"arbord", fields::Text(status, "version", kUnknown) + InBrackets(fields::Text(status, "hash"))});
     return table.Text();
 }

@@ -28,11 +28,12 @@ constexpr const char* kExamples = R"(Examples:
   arborctl status                              what the device runs, does and offers
   arborctl updates                             what can be installed, and what was refused and why
   arborctl history --since 2h                  what was done, by whom, and how it ended
+  arborctl orders --result refused             who was refused what, and why
   arborctl scan /media/usb1/arbor_qm.pkg       check this package file now
   arborctl install 3.046 --wait                install and show the progress to the end
   arborctl install 3.046 --no-reboot           start it, keep the device running afterwards
   arborctl watch --json | jq .event            events for a program
-  arborctl send getdevices                     any message of the device's interface
+  arborctl send inventory                      any message of the device's interface
   arborctl upload build/arbor_qm.pkg           bring a package from here and have it checked
   arborctl peers                               other devices, and who is connected
   arborctl transfer 3.046 --to 4711 --wait     carry a package over to an accessory
@@ -51,6 +52,7 @@ struct Choice {
     bool list = false;
     bool noReboot = false;
     arborctl::HistoryOrder history;
+    arborctl::OrdersOrder orders;
     arborctl::LogOrder log;
     arborctl::InstallOrder install;
     arborctl::AccessoryOrder accessory;
@@ -108,8 +110,9 @@ void AddQueries(CLI::App& app, Choice& choice) {
     auto* send = AddCommand(app, "send", "Send a message and print the answer",
                             "  arborctl send getinstalledversioninfo\n"
                             "  arborctl send compareversions '{\"version1\": \"3.1\", \"version2\": \"2.9\"}'\n"
-                            "  arborctl send newFile @message.json\n"
-                            "  echo '{}' | arborctl send getdevices -");
+                            "  arborctl send scan @message.json\n"
+                            "  echo '{}' | arborctl send deviceProps -\n"
+                            "Messages between nodes, such as newFile, are not for people.");
     auto* keyword = send->add_option("KEYWORD", choice.first, "The keyword it is sent on");
     send->add_option("JSON", choice.second, "The message; - for standard input, @FILE for a file; nothing for {}");
     send->add_flag("--list", choice.list, "Only print the keywords that the device takes")->excludes(keyword);
@@ -125,9 +128,11 @@ void AddQueries(CLI::App& app, Choice& choice) {
 
 void AddWork(CLI::App& app, Choice& choice) {
     auto* scan = AddCommand(app, "scan", "Have the device check a package file now and tell the outcome",
-                            "  arborctl scan /media/usb1/arbor_qm.pkg");
-    scan->add_option("FILE", choice.first, "A package file as the device sees it")->required();
-    scan->callback([&] { choice.run = [&](Session& s) { return ScanFile(s, choice.first); }; });
+                            "  arborctl scan /media/usb1/arbor_qm.pkg\n"
+                            "  arborctl scan /media/usb1      all that is on the drive\n"
+                            "Only files on drives and in the updates folder are checked; \"upload\" brings others.");
+    scan->add_option("FILE", choice.first, "A package file, or a drive, as the device sees it")->required();
+    scan->callback([&] { choice.run = [&](Session& s) { return Scan(s, choice.first); }; });
 
     auto* install = AddCommand(app, "install", "Install a version",
                                "  arborctl install 3.046 --wait\n"
@@ -244,6 +249,22 @@ void AddJobs(CLI::App& app, Choice& choice) {
     forget->callback([&] { choice.run = [&](Session& s) { return ForgetUpload(s, choice.first); }; });
 }
 
+void AddOrders(CLI::App& app, Choice& choice) {
+    auto* orders = AddCommand(app, "orders", "List what people ordered and what became of it, newest first",
+                              "  arborctl orders\n"
+                              "  arborctl orders --result refused --since 1d\n"
+                              "  arborctl orders --user alice -n 100\n"
+                              "  arborctl orders --json | jq '.orders[].reason'");
+    orders->add_option("-n,--lines", choice.orders.count, "How many")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
+    orders->add_option("--result", choice.orders.result, "Only those that were accepted, or refused")
+        ->check(CLI::IsMember({"accepted", "refused"}));
+    orders->add_option("--user", choice.orders.user, "Only those of this user: a name or a number");
+    AddSince(*orders, choice.orders.since);
+    orders->callback([&] { choice.run = [&](Session& s) { return ShowOrders(s, choice.orders); }; });
+}
+
 void AddStreams(CLI::App& app, Choice& choice) {
     AddCommand(app, "watch", "Show the device's events as they happen, until Ctrl-C",
                "  arborctl watch\n  arborctl watch --json")
@@ -289,6 +310,7 @@ int Run(int argc, char** argv) {
     AddGlobalOptions(app, choice);
     AddQueries(app, choice);
     AddJobs(app, choice);
+    AddOrders(app, choice);
     AddWork(app, choice);
     AddAccessoryWork(app, choice);
     AddLink(app, choice);

@@ -3,4 +3,5 @@
 
 #include "ZMessages/Messages.h"
 #include "ZMessages/OperationMessages.h"
+#include "ZMessages/OrderMessages.h"
 #include "ZMessages/PeerMessages.h"

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -34,3 +35,6 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
 /// Whether there is a file; an error when that can't be learnt within `limit`. A drive that does not answer keeps only
 /// a child process waiting.
 ZResult<bool> ExistsWithin(const std::string& path, std::chrono::milliseconds limit);
+
+/// The path of what is there, with links resolved and made absolute, as the kernel tells it; likewise within `limit`.
+ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chrono::milliseconds limit);

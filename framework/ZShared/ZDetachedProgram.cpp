@@ -4,8 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <functional>
 
@@ -56,6 +58,14 @@ public:
         ::kill(m_id, SIGKILL);
         ZChildReaper::Instance().Watch(m_id, m_name);  // one that is stuck in the kernel ends when the kernel lets it
         return ZError(m_name + ": it does not answer");
+    }
+
+    /// What the child wrote behind its report, in the same write: more is not waited for, since another child that
+    /// was forked meanwhile may hold the pipe open.
+    std::string Rest() const {
+        std::array<char, PATH_MAX> bytes{};
+        const ssize_t count = ::read(m_report.Get(), bytes.data(), bytes.size());
+        return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
     }
 
     pid_t Id() const { return m_id; }
@@ -151,4 +161,36 @@ ZResult<bool> ExistsWithin(const std::string& path, std::chrono::milliseconds li
     }
     child.Reap();
     return *reported == 0;
+}
+
+ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chrono::milliseconds limit) {
+    struct Found {
+        int error = 0;
+        std::array<char, PATH_MAX> path{};
+    };
+    Child child;
+    const auto started = child.Start(path, [&](int report) {
+        Found found;
+        const int file = ::open(path.c_str(), O_PATH | O_CLOEXEC);
+        const ssize_t length = file >= 0 && ::dup2(file, STDIN_FILENO) == STDIN_FILENO
+                                   ? ::readlink("/proc/self/fd/0", found.path.data(), found.path.size())
+                                   : -1;
+        found.error = length >= 0 ? 0 : errno;
+        const std::size_t size = sizeof found.error + static_cast<std::size_t>(std::max<ssize_t>(length, 0));
+        static_cast<void>(::write(report, &found, size));
+        ::_exit(0);
+    });
+    if (!started) {
+        return started.error();
+    }
+    const auto reported = child.Report(limit);
+    if (!reported) {
+        return reported.error();
+    }
+    std::string found = *reported == 0 ? child.Rest() : std::string();
+    child.Reap();
+    if (found.empty()) {
+        return ZError::OfSystem(path, *reported);
+    }
+    return std::filesystem::path(found);
 }

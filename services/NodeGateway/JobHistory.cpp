@@ -102,6 +102,16 @@ HttpResponse JobHistory::One(const std::string& id, std::chrono::milliseconds pa
     return Told(*answer->m_Operations.front());
 }
 
+std::optional<std::string> JobHistory::AskerOf(const std::string& id, std::chrono::milliseconds patience) const {
+    const auto message = Z_MAKE(ZOperationsRequestMsg);
+    message->m_Id = ToZString(id);
+    std::shared_ptr<ZOperationsMsg> answer;
+    Ask(message, patience, answer);
+    const bool isThere =
+        !id.empty() && answer && !answer->m_Operations.empty() && answer->m_Operations.front()->m_Id == message->m_Id;
+    return isThere ? std::optional(ToStdString(answer->m_Operations.front()->m_Asker)) : std::nullopt;
+}
+
 std::shared_ptr<ZOperationsMsg> JobHistory::Open(const ZString& before, std::chrono::milliseconds patience) const {
     std::shared_ptr<ZOperationsMsg> answer;
     if (patience.count() > 0) {

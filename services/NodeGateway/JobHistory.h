@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+
 #include "NodeComm/ZNodeComm.h"
 #include "ZMessages/OperationMessages.h"
 #include "http/HttpMessage.h"
@@ -17,6 +19,8 @@ public:
     HttpResponse List(const HttpRequest& request, std::chrono::milliseconds patience) const;
     /// The job with that id, or with the one id that begins so, or a problem.
     HttpResponse One(const std::string& id, std::chrono::milliseconds patience) const;
+    /// Who asked for the job with exactly that id: empty for the device itself; none when nobody tells.
+    std::optional<std::string> AskerOf(const std::string& id, std::chrono::milliseconds patience) const;
     /// A page of the open ones, the newest first; null when nobody tells.
     std::shared_ptr<ZOperationsMsg> Open(const ZString& before, std::chrono::milliseconds patience) const;
 

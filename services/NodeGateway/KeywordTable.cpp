@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "ZMessages/OperationMessages.h"
+#include "ZMessages/OrderMessages.h"
 #include "ZMessages/PeerMessages.h"
 
 namespace gateway {
@@ -19,40 +20,48 @@ constexpr std::array<const char*, 3> kFileMessages{ZFileOpenMsg::kClassName, ZFi
                                                    ZFileCloseMsg::kClassName};
 constexpr const char* kNoAnswer = nullptr;
 constexpr bool kBeginsJob = true;
+constexpr const char* kScan = "the order \"scan\" has a file or a drive looked at (arborctl scan FILE)";
 constexpr std::size_t kFileBody = std::size_t{2} * 1024 * 1024;
 
 constexpr Keyword kKeywords[] = {
-    {"updatesystem", kClient, kTakes<ZSystemUpdateMsg>, ZVersionInfoMsg::kClassName, "Install a version", kUsualBody,
-     kBeginsJob},
-    {"compareversions", kClient, kTakes<ZCompareVersionsMsg>, ZCompareVersionsResultMsg::kClassName,
+    {"updatesystem", Role::Operate, kClient, kTakes<ZSystemUpdateMsg>, ZVersionInfoMsg::kClassName, "Install a version",
+     kUsualBody, kBeginsJob},
+    {"compareversions", Role::Look, kClient, kTakes<ZCompareVersionsMsg>, ZCompareVersionsResultMsg::kClassName,
      "Is the first version at least the second?"},
-    {"findupdates", kClient, kTakes<ZGenericRequestMsg>, ZMessageArray::kClassName,
+    {"findupdates", Role::Look, kClient, kTakes<ZGenericRequestMsg>, ZMessageArray::kClassName,
      "The versions that could be installed, newest first"},
-    {"getinstalledversioninfo", kClient, kTakes<ZGenericRequestMsg>, ZVersionInfoMsg::kClassName,
+    {"getinstalledversioninfo", Role::Look, kClient, kTakes<ZGenericRequestMsg>, ZVersionInfoMsg::kClassName,
      "The version that is installed"},
-    {"getUpdateInProgress", kService, kTakes<ZSystemUpdateInProgressRequestMsg>, ZSystemUpdateInProgressMsg::kClassName,
-     "Is an install under way?"},
-    {"newFile", kService, kTakes<FolderUpdateMsg>, kNoAnswer, "A file in a watched folder is complete: look at it",
-     kUsualBody, kBeginsJob},
-    {"storagedeviceupdate", kService, kTakes<StorageDevicesMsg>, kNoAnswer, "Drives came or went: look at them",
-     kUsualBody, kBeginsJob},
-    {"getdevices", kService, kTakes<ZGenericRequestMsg>, StorageDevicesMsg::kClassName, "The drives that are present"},
-    {"deviceProps", kService, kTakes<ZGenericRequestMsg>, ZDevicePropertiesMsg::kClassName, "The device's identity"},
-    {"checkCompatibility", kService, kTakes<ZDeviceCompatibilityMsg>, ZDeviceCompatibilityMsg::kClassName,
-     "Do the accessory's version and this device's work together?", kUsualBody, kBeginsJob},
-    {"upload", kDevice, kFileMessages, ZGenericResponseMsg::kClassName,
+    {"getUpdateInProgress", Role::Look, kService, kTakes<ZSystemUpdateInProgressRequestMsg>,
+     ZSystemUpdateInProgressMsg::kClassName, "Is an install under way?"},
+    {"newFile", Role::Nodes, kService, kTakes<FolderUpdateMsg>, kNoAnswer,
+     "A file in a watched folder is complete: look at it", kUsualBody, kBeginsJob, kScan},
+    {"storagedeviceupdate", Role::Nodes, kService, kTakes<StorageDevicesMsg>, kNoAnswer,
+     "Drives came or went: look at them", kUsualBody, kBeginsJob, kScan},
+    {"getdevices", Role::Nodes, kService, kTakes<ZGenericRequestMsg>, StorageDevicesMsg::kClassName,
+     "The drives that are present", kUsualBody, !kBeginsJob, "GET /v1/status tells them (arborctl status)"},
+    {"deviceProps", Role::Look, kService, kTakes<ZGenericRequestMsg>, ZDevicePropertiesMsg::kClassName,
+     "The device's identity"},
+    {"checkCompatibility", Role::Operate, kService, kTakes<ZDeviceCompatibilityMsg>,
+     ZDeviceCompatibilityMsg::kClassName, "Do the accessory's version and this device's work together?", kUsualBody,
+     kBeginsJob},
+    {"upload", Role::Operate, kDevice, kFileMessages, ZGenericResponseMsg::kClassName,
      "One step of bringing a package file: open, write a piece in base64, close", kFileBody, kBeginsJob},
-    {"transfer", kDevice, kTakes<TransferMsg>, ZVersionInfoMsg::kClassName,
+    {"transfer", Role::Operate, kDevice, kTakes<TransferMsg>, ZVersionInfoMsg::kClassName,
      "Carry a version's package to the accessory", kUsualBody, kBeginsJob},
-    {"remoteinstall", kDevice, kTakes<ZSystemUpdateMsg>, ZMessageArray::kClassName,
+    {"remoteinstall", Role::Operate, kDevice, kTakes<ZSystemUpdateMsg>, ZMessageArray::kClassName,
      "Install this device's own version on the accessory", kUsualBody, kBeginsJob},
-    {"peers", kService, kTakes<ZGenericRequestMsg>, ZPeersMsg::kClassName,
+    {"peers", Role::Look, kService, kTakes<ZGenericRequestMsg>, ZPeersMsg::kClassName,
      "The other devices that this one knows, and its own key"},
-    {"pair", kService, kTakes<ZPairMsg>, ZPeersMsg::kClassName,
+    {"pair", Role::Administer, kService, kTakes<ZPairMsg>, ZPeersMsg::kClassName,
      "Let the device with this key in, or no longer; answered as \"peers\" is"},
-    {"cancel", kService, kTakes<ZCancelMsg>, kNoAnswer, "End a job when that is possible; the job tells how it ends"},
-    {"forget", kClient, kTakes<ZForgetMsg>, ZGenericResponseMsg::kClassName, "Remove a file that was uploaded"},
-    {"inventory", kService, kTakes<ZGenericRequestMsg>, ZInventoryMsg::kClassName,
+    {"scan", Role::Operate, kService, kTakes<ZScanMsg>, kNoAnswer,
+     "Look at a package file on a drive or in the updates folder now, or at a whole drive", kUsualBody, kBeginsJob},
+    {"cancel", Role::Operate, kService, kTakes<ZCancelMsg>, kNoAnswer,
+     "End a job when that is possible; the job tells how it ends. Somebody else's takes the role \"administer\""},
+    {"forget", Role::Operate, kClient, kTakes<ZForgetMsg>, ZGenericResponseMsg::kClassName,
+     "Remove a file that was uploaded"},
+    {"inventory", Role::Look, kService, kTakes<ZGenericRequestMsg>, ZInventoryMsg::kClassName,
      "Which versions this device runs, starts next, and could install"},
 };
 

@@ -56,10 +56,11 @@ json::object KeywordPath(const Keyword& keyword) {
     } else {
         responses["202"] = json::object{{"description", "Handed to all who listen"}};
     }
-    AddProblems(responses, {400, 413, 503, 504});
+    AddProblems(responses, {400, 403, 413, 503, 504});
     const bool required = keyword.RequestClasses().size() > 1;
     return {{"post", json::object{{"operationId", keyword.name},
                                   {"summary", keyword.summary},
+                                  {"x-role", RoleName(keyword.role)},
                                   {"requestBody",
                                    json::object{{"required", required},
                                                 {"content", Content("application/json", RequestSchema(keyword))}}},
@@ -74,7 +75,7 @@ json::object Reading(std::string_view id, std::string_view summary, json::object
                      std::initializer_list<int> problems = {}) {
     json::object responses{{"200", std::move(answer)}};
     AddProblems(responses, problems);
-    AddProblems(responses, {503});
+    AddProblems(responses, {403, 503});
     return {{"get", json::object{{"operationId", id},
                                  {"summary", summary},
                                  {"parameters", std::move(parameters)},
@@ -129,7 +130,8 @@ json::object StatusSchema() {
                                         {"archive", PackagesSchema(false)},
                                         {"refused", PackagesSchema(true)},
                                         {"updatesFree", Nullable("integer")},
-                                        {"archiveFree", Nullable("integer")}}}};
+                                        {"archiveFree", Nullable("integer")},
+                                        {"developerMode", {{"type", "boolean"}}}}}};
 }
 
 json::object ProblemSchema() {
@@ -158,16 +160,29 @@ std::string EventsText() {
            repeated + ". A client that takes them too slowly is dropped.";
 }
 
+/// The parameters, and those by which pages are asked for.
+json::array WithPages(json::array parameters) {
+    parameters.push_back(QueryParameter("limit", "How many on a page",
+                                        {{"type", "integer"}, {"minimum", 0}, {"maximum", 1000}, {"default", 100}}));
+    parameters.push_back(QueryParameter("before", "\"next\" of the page before", {{"type", "string"}}));
+    return parameters;
+}
+
 json::array JobParameters() {
     const json::object text{{"type", "string"}};
-    return {QueryParameter("kind", "Only those, such as install; upper or lower case", text),
-            QueryParameter("state", "Only those, such as failed, or open: queued and running", text),
-            QueryParameter("node", "Only those that this node does", text),
-            QueryParameter("since", "Begun then or later, in milliseconds since 1970",
-                           {{"type", "integer"}, {"minimum", 0}, {"default", 0}}),
-            QueryParameter("limit", "How many on a page",
-                           {{"type", "integer"}, {"minimum", 0}, {"maximum", 1000}, {"default", 100}}),
-            QueryParameter("before", "\"next\" of the page before", text)};
+    return WithPages({QueryParameter("kind", "Only those, such as install; upper or lower case", text),
+                      QueryParameter("state", "Only those, such as failed, or open: queued and running", text),
+                      QueryParameter("node", "Only those that this node does", text),
+                      QueryParameter("since", "Begun then or later, in milliseconds since 1970",
+                                     {{"type", "integer"}, {"minimum", 0}, {"default", 0}})});
+}
+
+json::array OrderParameters() {
+    return WithPages({QueryParameter("user", "Only those of this user: a name or a number", {{"type", "string"}}),
+                      QueryParameter("result", "Only those that were accepted, or refused",
+                                     {{"type", "string"}, {"enum", json::array{"accepted", "refused"}}}),
+                      QueryParameter("since", "Given then or later, in milliseconds since 1970",
+                                     {{"type", "integer"}, {"minimum", 0}, {"default", 0}})});
 }
 
 void AddReadings(json::object& paths) {
@@ -193,6 +208,9 @@ void AddReadings(json::object& paths) {
         Reading("operations", "The jobs, newest first",
                 Answer("A page of them", "application/json", Reference("schemas", "ZOperationsMsg")), JobParameters(),
                 {400, 504});
+    const json::object orders = Answer("A page of them", "application/json", Reference("schemas", "ZOrdersMsg"));
+    paths["/v1/orders"] = Reading("orders", "What people ordered and what became of it, newest first", orders,
+                                  OrderParameters(), {400, 504});
     const json::object id{{"name", "id"},
                           {"in", "path"},
                           {"required", true},
@@ -216,10 +234,12 @@ void AddReadings(json::object& paths) {
         Reading("description", "This document", Answer("OpenAPI 3.1", "application/json", {{"type", "object"}}));
 }
 
-std::string MakeDocument() {
+std::string MakeDocument(bool withNodes) {
     json::object paths;
     for (const Keyword& keyword : Keywords()) {
-        paths["/v1/" + std::string(keyword.name)] = KeywordPath(keyword);
+        if (withNodes || keyword.role != Role::Nodes) {
+            paths["/v1/" + std::string(keyword.name)] = KeywordPath(keyword);
+        }
     }
     AddReadings(paths);
     json::object schemas = MessageSchemas();
@@ -241,9 +261,10 @@ std::string MakeDocument() {
 
 }  // namespace
 
-const std::string& OpenApiDocument() {
-    static const std::string document = MakeDocument();
-    return document;
+const std::string& OpenApiDocument(bool withNodes) {
+    static const std::string forPeople = MakeDocument(false);
+    static const std::string forAll = MakeDocument(true);
+    return withNodes ? forAll : forPeople;
 }
 
 }  // namespace gateway

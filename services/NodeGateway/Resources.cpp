@@ -6,6 +6,7 @@
 #include "EventStream.h"
 #include "LogReport.h"
 #include "OpenApi.h"
+#include "OrderHistory.h"
 #include "ZMessages/Messages.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "http/Problem.h"
@@ -18,6 +19,7 @@ namespace {
 constexpr std::string_view kRoot = "/v1/";
 constexpr std::string_view kOneOperation = "/v1/operations/";
 constexpr auto kStatusPatience = std::chrono::seconds(5);
+constexpr auto kCountsTold = std::chrono::seconds(1);  // at most so often, however often somebody looks
 constexpr auto kMetricsPatience = std::chrono::seconds(1);
 
 HttpResponse WrongMethod(const char* allowed) {
@@ -39,14 +41,24 @@ HttpResponse Json(std::string text) {
 
 }  // namespace
 
-Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events)
-    : m_events(events), m_requests(bus, patience), m_jobs(bus), m_status(bus, events, m_jobs) {}
+Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events,
+                     const RoleGroups& groups, const std::string& updatesFolder)
+    : m_bus(bus),
+      m_events(events),
+      m_roles(groups),
+      m_jobs(bus),
+      m_requests({bus, m_roles, m_jobs, patience, updatesFolder}),
+      m_status(bus, events, m_jobs, m_roles.AreNodesOpen()) {}
 
 Resources::Handler Resources::Find(std::string_view path) {
     static constexpr std::pair<std::string_view, Handler> kHandlers[] = {
-        {"/v1/events", &Resources::Events},         {"/v1/status", &Resources::Status},
-        {"/v1/operations", &Resources::Operations}, {"/v1/log", &Resources::Log},
-        {"/v1/metrics", &Resources::MetricsText},   {"/v1/openapi.json", &Resources::Description},
+        {"/v1/events", &Resources::Events},
+        {"/v1/status", &Resources::Status},
+        {"/v1/operations", &Resources::Operations},
+        {"/v1/orders", &Resources::Orders},
+        {"/v1/log", &Resources::Log},
+        {"/v1/metrics", &Resources::MetricsText},
+        {"/v1/openapi.json", &Resources::Description},
     };
     for (const auto& [known, handler] : kHandlers) {
         if (known == path) {
@@ -70,7 +82,11 @@ void Resources::OnRefused(std::string_view path, int status) {
 HttpResponse Resources::Handle(const HttpRequest& request) {
     const bool reads = request.method == "GET" || request.method == "HEAD";
     if (const Handler handler = Find(request.path)) {
-        return reads ? (this->*handler)(request) : WrongMethod("GET, HEAD");
+        if (!reads) {
+            return WrongMethod("GET, HEAD");
+        }
+        auto refused = m_requests.WhyNotRead(request.path, *request.peer);
+        return refused ? std::move(*refused) : (this->*handler)(request);
     }
     const Keyword* const keyword = KeywordOf(request.path);
     if (keyword == nullptr) {
@@ -81,7 +97,7 @@ HttpResponse Resources::Handle(const HttpRequest& request) {
 }
 
 HttpResponse Resources::Ask(const Keyword& keyword, const HttpRequest& request) {
-    HttpResponse response = m_requests.Handle(keyword, request.body, request.user);
+    HttpResponse response = m_requests.Handle(keyword, request.body, *request.peer);
     m_metrics.CountRequest(keyword.name, response.status);
     return response;
 }
@@ -91,7 +107,7 @@ HttpResponse Resources::Events(const HttpRequest& request) {
     if (!log || *log > 1) {
         return Problem(400, "\"log\" is 0 or 1", "log");
     }
-    auto queue = m_events.Join(request.user, *log == 1);
+    auto queue = m_events.Join(request.peer->user, *log == 1);
     if (!queue) {
         return Problem(503, "As many listeners as are allowed have joined");
     }
@@ -112,6 +128,11 @@ HttpResponse Resources::Operations(const HttpRequest& request) {
 
 HttpResponse Resources::Operation(const HttpRequest& request) {
     return m_jobs.One(request.path.substr(kOneOperation.size()), kStatusPatience);
+}
+
+HttpResponse Resources::Orders(const HttpRequest& request) {
+    m_requests.Orders().Tell(kCountsTold);
+    return OrderHistory(m_bus, request, kStatusPatience);
 }
 
 HttpResponse Resources::Log(const HttpRequest& request) {
@@ -135,7 +156,7 @@ HttpResponse Resources::MetricsText(const HttpRequest&) {
 }
 
 HttpResponse Resources::Description(const HttpRequest&) {
-    return Json(OpenApiDocument());
+    return Json(OpenApiDocument(m_roles.AreNodesOpen()));
 }
 
 }  // namespace gateway

@@ -12,11 +12,16 @@ namespace gateway {
 /// Everything that is offered under /v1: which method each path takes, and who answers. Thread-safe.
 class Resources final : public HttpHandler {
 public:
-    Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events);
+    /// `updatesFolder` may be empty: there is none.
+    Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events, const RoleGroups& groups,
+              const std::string& updatesFolder);
 
     std::size_t LargestBody(std::string_view path) const override;
     HttpResponse Handle(const HttpRequest& request) override;
     void OnRefused(std::string_view path, int status) override;
+    const Roles& Who() const { return m_roles; }
+    /// Has what was only counted of people's orders written down.
+    void TellOrders() { m_requests.Orders().Tell({}); }
     /// A job has changed.
     void OnOperation(const ZOperationMsg& job) { m_metrics.CountOperation(job); }
 
@@ -28,13 +33,16 @@ private:
     HttpResponse Status(const HttpRequest& request);
     HttpResponse Operations(const HttpRequest& request);
     HttpResponse Operation(const HttpRequest& request);
+    HttpResponse Orders(const HttpRequest& request);
     HttpResponse Log(const HttpRequest& request);
     HttpResponse MetricsText(const HttpRequest& request);
     HttpResponse Description(const HttpRequest& request);
 
+    ZCommEnabledObject& m_bus;
     EventHub& m_events;
+    const Roles m_roles;
+    const JobHistory m_jobs;
     Requests m_requests;
-    JobHistory m_jobs;
     StatusReport m_status;
     Metrics m_metrics;
 };

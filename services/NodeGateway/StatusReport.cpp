@@ -178,6 +178,7 @@ std::string StatusReport::Document(std::chrono::milliseconds patience) const {
         {"operations", Jobs(open)},
     };
     AddInventory(document, inventory);
+    document["developerMode"] = m_developerMode;
     return text::ValidUtf8(json::serialize(document));
 }
 

@@ -16,8 +16,8 @@ namespace gateway {
 /// The device's state in one document, asked for on the bus. A part that nobody tells is null. Thread-safe.
 class StatusReport {
 public:
-    StatusReport(ZCommEnabledObject& bus, const EventHub& events, const JobHistory& jobs)
-        : m_bus(bus), m_events(events), m_jobs(jobs) {}
+    StatusReport(ZCommEnabledObject& bus, const EventHub& events, const JobHistory& jobs, bool developerMode)
+        : m_bus(bus), m_events(events), m_jobs(jobs), m_developerMode(developerMode) {}
 
     /// JSON. Takes at most `patience`, however many parts stay unanswered.
     std::string Document(std::chrono::milliseconds patience) const;
@@ -35,6 +35,7 @@ private:
     ZCommEnabledObject& m_bus;
     const EventHub& m_events;
     const JobHistory& m_jobs;
+    const bool m_developerMode;
 };
 
 }  // namespace gateway

@@ -1,7 +1,5 @@
 #include "ZNodeGateway.h"
 
-#include <grp.h>
-
 #include <algorithm>
 #include <charconv>
 
@@ -17,12 +15,22 @@ using namespace gateway;
 
 namespace {
 
-HttpServerSettings ServerSettings(const ZNodeGatewayCfg& config) {
+HttpServerSettings ServerSettings(const ZNodeGatewayCfg& config, const Roles& roles) {
     HttpServerSettings settings;
     settings.path = ToStdString(config.m_SocketPath);
-    settings.access = {*ZNodeGatewayCfg::ModeOf(config.m_SocketMode), ZNodeGatewayCfg::GroupOf(config.m_SocketGroup)};
+    settings.access = {*ZNodeGatewayCfg::ModeOf(config.m_SocketMode), GroupIdOf(config.m_SocketGroup)};
     settings.streams = config.m_MaxEventClients;
+    settings.groups = roles.Groups();
     return settings;
+}
+
+RoleGroups GroupsOf(const ZNodeGatewayCfg& config) {
+    RoleGroups groups;
+    groups.look = ToStdString(config.m_LookGroup);
+    groups.operate = ToStdString(config.m_OperateGroup);
+    groups.administer = ToStdString(config.m_AdministerGroup);
+    groups.nodesAreOpen = config.m_bDeveloperMode;
+    return groups;
 }
 
 }  // namespace
@@ -34,21 +42,13 @@ std::optional<mode_t> ZNodeGatewayCfg::ModeOf(std::string_view text) {
     return good ? std::optional<mode_t>(mode) : std::nullopt;
 }
 
-std::optional<gid_t> ZNodeGatewayCfg::GroupOf(std::string_view name) {
-    group entry{};
-    group* found = nullptr;
-    std::vector<char> buffer(65536);
-    const bool known = ::getgrnam_r(std::string(name).c_str(), &entry, buffer.data(), buffer.size(), &found) == 0;
-    return known && found != nullptr ? std::optional(entry.gr_gid) : std::nullopt;
-}
-
 /// What the node is made of. The server is the first to go: its threads use the rest.
 struct ZNodeGateway::Parts {
-    Parts(ZNodeGateway& node, const ZNodeGatewayCfg& config)
+    Parts(ZNodeGateway& node, const ZNodeGatewayCfg& config, const std::string& updatesFolder)
         : path(config.m_SocketPath),
           events(config.m_MaxEventClients, config.m_EventBacklog),
-          resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events),
-          server(ServerSettings(config), resources, events.Ready()) {}
+          resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events, GroupsOf(config), updatesFolder),
+          server(ServerSettings(config, resources.Who()), resources, events.Ready()) {}
 
     const std::string path;
     EventHub events;
@@ -62,9 +62,11 @@ ZNodeGateway::ZNodeGateway(const ZString& name) : ZNode(name) {
 
 ZNodeGateway::~ZNodeGateway() = default;
 
-bool ZNodeGateway::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>& config) {
-    return ReadRecord<ZNodeGatewayCfg>(
-        config, [this](const ZNodeGatewayCfg& record) { m_parts = std::make_unique<Parts>(*this, record); });
+bool ZNodeGateway::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
+    const auto core = cast_shared<ZCoreConfigParams>(message);
+    return ReadRecord<ZNodeGatewayCfg>(config, [&](const ZNodeGatewayCfg& record) {
+        m_parts = std::make_unique<Parts>(*this, record, core ? core->UpdatesFolder().string() : std::string());
+    });
 }
 
 bool ZNodeGateway::InitMessageMap() {
@@ -97,6 +99,16 @@ bool ZNodeGateway::OnGraphCreated() {
         return false;
     }
     Z_LOG(2, "Serving on %s", m_parts->path);
+    if (m_parts->resources.Who().AreNodesOpen()) {
+        Z_LOG(3,
+              "\"developerMode\" is on: who may administer this device may also speak as one of its nodes, and so have "
+              "it run any file");
+    }
+    return true;
+}
+
+bool ZNodeGateway::OnShutdownRequest(bool) {
+    m_parts->resources.TellOrders();
     return true;
 }
 

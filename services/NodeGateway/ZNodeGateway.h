@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "NodeBase/ZNode.h"
+#include "SystemNames.h"
 
 namespace gateway {
 struct EventKind;
@@ -21,27 +22,47 @@ public:
     std::uint32_t m_AnswerTimeoutSeconds = 30;
     std::uint32_t m_MaxEventClients = 64;
     std::uint32_t m_EventBacklog = 256;
+    ZString m_LookGroup;
+    ZString m_OperateGroup;
+    ZString m_AdministerGroup;
+    bool m_bDeveloperMode = false;
 
+    static constexpr const char* kGroup = "the name of a group of this system";
+    static bool IsGroup(std::string_view name) { return gateway::GroupIdOf(name).has_value(); }
     /// The permission bits that a text in octal digits means; none for another text.
     static std::optional<mode_t> ModeOf(std::string_view text);
-    /// The number of the system's group of that name; none when there is no such group.
-    static std::optional<gid_t> GroupOf(std::string_view name);
 
-    Z_FIELDS(Z_FIELD(m_SocketPath).Path().Means("Where the gateway listens."),
-             Z_FIELD(m_SocketMode)
-                 .Checked([](std::string_view text) { return ModeOf(text).has_value(); },
-                          "a text of octal permission bits, as \"0660\"", "^[0-7]{1,4}$")
-                 .Means("The socket's permission bits: who may connect may install."),
-             Z_FIELD(m_SocketGroup)
-                 .Checked([](std::string_view name) { return GroupOf(name).has_value(); },
-                          "the name of a group of this system")
-                 .OrEmpty()
-                 .Means("Who beside the owner the bits are for. Empty: the host's group."),
-             Z_FIELD(m_AnswerTimeoutSeconds).In(1, 3600).Means("How long a request waits for the graph's answer."),
-             Z_FIELD(m_MaxEventClients)
-                 .In(1, 4096)
-                 .Means("Event streams at once. One user may have three quarters of them."),
-             Z_FIELD(m_EventBacklog).In(1, 65'536).Means("Events that wait for one client."))
+    Z_FIELDS(
+        Z_FIELD(m_SocketPath).Path().Means("Where the gateway listens."),
+        Z_FIELD(m_SocketMode)
+            .Checked([](std::string_view text) { return ModeOf(text).has_value(); },
+                     "a text of octal permission bits, as \"0660\"", "^[0-7]{1,4}$")
+            .Means("The socket's permission bits: who may connect may do all that no group below is named for."),
+        Z_FIELD(m_SocketGroup)
+            .Checked(&IsGroup, kGroup)
+            .OrEmpty()
+            .Means("Who beside the owner the bits are for. Empty: the host's group."),
+        Z_FIELD(m_AnswerTimeoutSeconds).In(1, 3600).Means("How long a request waits for the graph's answer."),
+        Z_FIELD(m_MaxEventClients)
+            .In(1, 4096)
+            .Means("Event streams at once. One user may have three quarters of them."),
+        Z_FIELD(m_EventBacklog).In(1, 65'536).Means("Events that wait for one client."),
+        Z_FIELD(m_LookGroup)
+            .Checked(&IsGroup, kGroup)
+            .OrEmpty()
+            .Means("Who may see state, jobs, events and log, and ask. Empty: whoever can connect."),
+        Z_FIELD(m_OperateGroup)
+            .Checked(&IsGroup, kGroup)
+            .OrEmpty()
+            .Means("Who may install, transfer, upload, scan and check, and end jobs of their own; and look. Empty: "
+                   "whoever may look."),
+        Z_FIELD(m_AdministerGroup)
+            .Checked(&IsGroup, kGroup)
+            .OrEmpty()
+            .Means("Who may pair devices and end others' jobs; and operate. Empty: whoever may operate."),
+        Z_FIELD(m_bDeveloperMode)
+            .Means("For development only: people may send the messages that nodes tell each other, such as "
+                   "\"newFile\", by which a device runs any file that is named. Told at every start."))
 };
 
 /// The graph's door for people and their tools: requests and notifications of the bus over HTTP on a UNIX socket, what
@@ -56,6 +77,7 @@ public:
     bool OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) override;
     bool InitMessageMap() override;
     bool OnGraphCreated() override;
+    bool OnShutdownRequest(bool forced) override;
     void OnShutdown() override;
 
 private:

@@ -1,5 +1,6 @@
 #include "JobStore.h"
 
+#include "MessageRows.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZProcess.h"
 
@@ -12,6 +13,8 @@ namespace {
 constexpr ZLogger Log() {
     return ZLogger("ZNodeJournal");
 }
+
+using Rows = MessageRows<ZOperationMsg>;
 
 constexpr std::int64_t kSchema = 1;
 constexpr std::int64_t kMostRemovedAtOnce = 256;
@@ -29,8 +32,8 @@ constexpr const char* kLose =
     " ELSE 'the host ended while it ran' END, endedAt = ?1, state = ?2 WHERE state < 2 AND processId = 0";
 
 std::string WriteText() {
-    return "INSERT INTO operations(number," + Columns() + ") VALUES(?," + Places() +
-           ") ON CONFLICT(id) DO UPDATE SET " + Changes() + " WHERE operations.state < 2";
+    return "INSERT INTO operations(number," + Rows::Columns() + ") VALUES(?," + Rows::Places() +
+           ") ON CONFLICT(id) DO UPDATE SET " + Rows::Changes() + " WHERE operations.state < 2";
 }
 
 constexpr const char* kRemove =
@@ -38,19 +41,19 @@ constexpr const char* kRemove =
     " WHERE state >= 2 ORDER BY number LIMIT ?1) WHERE endedAt < ?2)";
 
 std::string ListText() {
-    return "SELECT number," + Columns() +
+    return "SELECT number," + Rows::Columns() +
            " FROM operations WHERE number < ?1 AND (?2 < 0 OR kind = ?2) AND (?3 < 0 OR state = ?3)"
            " AND (?4 = '' OR node = ?4) AND createdAt >= ?5 ORDER BY number DESC";
 }
 
 std::string FindText() {
     // The last character that there is ends the range of texts that begin so.
-    return "SELECT number," + Columns() +
+    return "SELECT number," + Rows::Columns() +
            " FROM operations WHERE id >= ?1 AND id <= ?1 || char(1114111) ORDER BY id LIMIT 3";
 }
 
 std::string OpenText() {
-    return "SELECT number," + Columns() + " FROM operations WHERE state < 2 ORDER BY number";
+    return "SELECT number," + Rows::Columns() + " FROM operations WHERE state < 2 ORDER BY number";
 }
 
 /// Takes rows that begin with a number, until `limit` are there.
@@ -59,7 +62,7 @@ ZResult<std::vector<Job>> Read(
     const std::function<bool(const ZString&)>& skip = [](const ZString&) { return false; }) {
     std::vector<Job> jobs;
     while (jobs.size() < limit && statement.Next()) {
-        Job job{statement.Number(0), ReadRow(statement, 1)};
+        Job job{statement.Number(0), Rows::Read(statement, 1)};
         if (!skip(job.message->m_Id)) {
             jobs.push_back(std::move(job));
         }
@@ -83,7 +86,8 @@ JobStore::JobStore(std::unique_ptr<Database> database, const Bounds& bounds)
       m_write(*m_database, WriteText()),
       m_remove(*m_database, kRemove),
       m_list(*m_database, ListText()),
-      m_find(*m_database, FindText()) {}
+      m_find(*m_database, FindText()),
+      m_orders(*m_database, bounds.orders) {}
 
 ZResult<std::unique_ptr<JobStore>> JobStore::Open(const fs::path& file, const Bounds& bounds) {
     std::error_code code;
@@ -140,7 +144,8 @@ ZResult<void> JobStore::MakeTable(Database& database, bool isNew) {
     Transaction transaction(database);
     ZResult<void> made = transaction.Begun();
     made = made && isNew ? database.Run(kTable) : made;
-    made = made ? AddColumns(database) : made;
+    made = made ? Rows::AddColumns(database, "operations") : made;
+    made = made ? OrderStore::MakeTable(database) : made;
     return made ? transaction.Commit() : made;
 }
 
@@ -153,6 +158,9 @@ ZResult<void> JobStore::Count() {
     m_rows = *rows;
     m_lastNumber = *last;
     m_overfull = m_rows > m_bounds.rows;
+    if (auto counted = m_orders.Count(); !counted) {
+        return counted;
+    }
     return m_database->Run("PRAGMA shrink_memory");  // counting has filled the cache
 }
 
@@ -179,7 +187,7 @@ ZResult<std::vector<Job>> JobStore::Write(std::span<const Job> jobs) {
     ZResult<void> outcome;
     for (const Job& job : jobs) {
         m_write.Start(job.number);
-        BindRow(m_write, *job.message);
+        Rows::Bind(m_write, *job.message);
         outcome = m_write.Finish();
         if (!outcome) {
             break;

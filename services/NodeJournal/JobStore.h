@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "JobQuery.h"
-#include "JobRows.h"
+#include "OrderStore.h"
 
 namespace journal {
 
@@ -15,10 +15,11 @@ struct Job {
     std::shared_ptr<ZOperationMsg> message;
 };
 
-/// How much is kept of jobs that have ended.
+/// How much is kept of jobs that have ended, and of orders.
 struct Bounds {
     std::int64_t rows = 0;
     std::int64_t days = 0;  ///< 0: however old
+    std::int64_t orders = 10'000;
 };
 
 /// The jobs on the disk. Each function is a whole: done, or nothing of it, with the reason. Used from one thread.
@@ -50,6 +51,8 @@ public:
     /// The greatest number of a job; 0: there is none.
     std::int64_t LastNumber() const { return m_lastNumber; }
     bool IsDamaged() const { return m_database->IsDamaged(); }
+    /// What people ordered, in the same file.
+    OrderStore& Orders() { return m_orders; }
 
 private:
     JobStore(std::unique_ptr<Database> database, const Bounds& bounds);
@@ -69,6 +72,7 @@ private:
     Statement m_remove;
     Statement m_list;
     Statement m_find;
+    OrderStore m_orders;
 };
 
 }  // namespace journal

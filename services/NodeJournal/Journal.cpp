@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "MessageRows.h"
 #include "ZShared/ZLog.h"
 
 namespace journal {
@@ -12,8 +13,11 @@ constexpr ZLogger Log() {
     return ZLogger("ZNodeJournal");
 }
 
+using Rows = MessageRows<ZOperationMsg>;
+
 constexpr std::size_t kMostInMemory = 1000;  // that have ended and could not be written
 constexpr std::size_t kLongestId = 64;
+constexpr std::size_t kLongestText = 4096;  // of a job
 
 bool IsSound(const ZOperationMsg& message) {
     return !message.m_Id.empty() && message.m_Id.size() <= kLongestId && magic_enum::enum_contains(message.m_State);
@@ -29,8 +33,9 @@ bool IsLater(const Job& left, const Job& right) {
     return left.number > right.number;
 }
 
-std::shared_ptr<ZOperationsMsg> Refusal(const std::string& text, ZFrameworkErrorCodes::ZErrorCode code) {
-    auto answer = Z_MAKE(ZOperationsMsg);
+template <typename Answer = ZOperationsMsg>
+std::shared_ptr<Answer> Refusal(const std::string& text, ZFrameworkErrorCodes::ZErrorCode code) {
+    auto answer = ZMakeShared<Answer>();
     answer->m_bSuccess = false;
     answer->m_ErrorText = ToZString(text);
     answer->m_ErrorCode = code;
@@ -59,6 +64,7 @@ ZResult<void> Journal::OpenStore() {
         return store.error();
     }
     m_store = std::move(store.value());
+    m_orders.OnOpened(m_store->Orders());
     return m_tookOver ? ZResult<void>() : TakeOver();
 }
 
@@ -140,7 +146,8 @@ ZResult<void> Journal::TryToWrite() {
     for (const std::int64_t number : m_unwritten) {
         jobs.push_back({number, m_jobs.at(number)});
     }
-    const auto written = m_store->Write(jobs);
+    const auto written =
+        jobs.empty() && m_orders.HasUnwritten() ? ZResult<std::vector<Job>>(std::vector<Job>()) : m_store->Write(jobs);
     if (!written) {
         return written.error();
     }
@@ -154,7 +161,7 @@ ZResult<void> Journal::TryToWrite() {
         }
     }
     m_unwritten.clear();
-    return {};
+    return m_orders.HasUnwritten() ? m_orders.Write(m_store->Orders()) : ZResult<void>();
 }
 
 void Journal::Write() {
@@ -184,7 +191,7 @@ void Journal::Take(const std::shared_ptr<ZOperationMsg>& change) {
     const auto known = m_numbers.find(change->m_Id);
     if (known == m_numbers.end()) {
         const std::int64_t number = ++m_lastNumber;
-        m_jobs[number] = Bounded(change);
+        m_jobs[number] = Rows::Bounded(change, kLongestText);
         m_numbers[change->m_Id] = number;
         m_unwritten.insert(number);
         Write();
@@ -197,11 +204,16 @@ void Journal::Take(const std::shared_ptr<ZOperationMsg>& change) {
         return;
     }
     const bool changed = MustBeWritten(*job, *change);
-    job = Bounded(change);
+    job = Rows::Bounded(change, kLongestText);
     if (changed) {
         m_unwritten.insert(known->second);
         Write();
     }
+}
+
+void Journal::Take(const std::shared_ptr<ZOrderMsg>& order) {
+    m_orders.Take(order);
+    Write();
 }
 
 void Journal::Forget(std::int64_t number) {
@@ -297,6 +309,19 @@ std::shared_ptr<ZOperationsMsg> Journal::Answer(const ZOperationsRequestMsg& req
         answer->m_Operations.push_back(std::move(job.message));
     }
     return answer;
+}
+
+std::shared_ptr<ZOrdersMsg> Journal::Answer(const ZOrdersRequestMsg& request) {
+    const auto query = OrderQuery::Of(request);
+    if (!query) {
+        return Refusal<ZOrdersMsg>(query.error().text, query.error().code);
+    }
+    auto orders = m_orders.Choose(*query, m_store ? &m_store->Orders() : nullptr);
+    if (!orders) {
+        OnFailure(orders.error());
+        orders = m_orders.Choose(*query, nullptr);
+    }
+    return AnswerOf(std::move(orders.value()), query->limit);
 }
 
 }  // namespace journal

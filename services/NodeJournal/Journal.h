@@ -4,11 +4,12 @@
 #include <set>
 
 #include "JobStore.h"
+#include "OrderLog.h"
 
 namespace journal {
 
-/// Every job: those that have ended on the disk, the open ones in memory too, with how far they are. While the disk
-/// takes nothing, the newest stay in memory until it does. Used from one thread.
+/// Every job: those that have ended on the disk, the open ones in memory too, with how far they are; and every order
+/// that people gave. While the disk takes nothing, the newest stay in memory until it does. Used from one thread.
 class Journal {
 public:
     Journal(std::filesystem::path file, const Bounds& bounds) : m_file(std::move(file)), m_bounds(bounds) {}
@@ -18,8 +19,11 @@ public:
     ZResult<void> Begin();
     /// Keeps what a job has become. When it returns, a change of state is on the disk, if that takes anything.
     void Take(const std::shared_ptr<ZOperationMsg>& change);
+    /// Keeps an order; likewise on the disk when it returns.
+    void Take(const std::shared_ptr<ZOrderMsg>& order);
     /// The answer to a request; shares its messages with the journal.
     std::shared_ptr<ZOperationsMsg> Answer(const ZOperationsRequestMsg& request);
+    std::shared_ptr<ZOrdersMsg> Answer(const ZOrdersRequestMsg& request);
 
     /// Whether something is left to be done later: DoRest tries it.
     bool HasRest() const { return m_failing || (m_store && m_store->IsOverfull()); }
@@ -50,6 +54,7 @@ private:
     std::map<std::int64_t, std::shared_ptr<ZOperationMsg>> m_jobs;  // the open ones, and those not written yet
     std::map<ZString, std::int64_t> m_numbers;                      // of these, by id
     std::set<std::int64_t> m_unwritten;
+    OrderLog m_orders;
 };
 
 }  // namespace journal

@@ -22,8 +22,9 @@ ZNodeJournal::~ZNodeJournal() = default;
 
 bool ZNodeJournal::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>& config) {
     return ReadRecord<ZNodeJournalCfg>(config, [this](const ZNodeJournalCfg& record) {
-        m_journal = std::make_unique<journal::Journal>(std::filesystem::path(record.m_DatabaseFile),
-                                                       journal::Bounds{record.m_MostRows, record.m_MostDays});
+        m_journal = std::make_unique<journal::Journal>(
+            std::filesystem::path(record.m_DatabaseFile),
+            journal::Bounds{record.m_MostRows, record.m_MostDays, record.m_MostOrders});
         if (const auto begun = m_journal->Begin(); !begun) {
             throw std::runtime_error(begun.error().text);
         }
@@ -38,7 +39,8 @@ bool ZNodeJournal::InitMessageMap() {
             GetEndpoint(ZEndpointType::GraphService, keyword, 0),
             [this, handler](const std::shared_ptr<ZMessage>& message) { return (this->*handler)(message); });
     };
-    return subscribe("operation", &ZNodeJournal::OnOperation) && subscribe("operations", &ZNodeJournal::OnRequest);
+    return subscribe("operation", &ZNodeJournal::OnOperation) && subscribe("operations", &ZNodeJournal::OnRequest) &&
+           subscribe("order", &ZNodeJournal::OnOrder) && subscribe("orders", &ZNodeJournal::OnOrdersRequest);
 }
 
 bool ZNodeJournal::OnOperation(const std::shared_ptr<ZMessage>& message) {
@@ -53,6 +55,26 @@ bool ZNodeJournal::OnOperation(const std::shared_ptr<ZMessage>& message) {
 
 bool ZNodeJournal::OnRequest(const std::shared_ptr<ZMessage>& message) {
     const auto request = cast_shared<ZOperationsRequestMsg>(message);
+    if (!request) {
+        return false;
+    }
+    const bool answered = PublishResponse(message, m_journal->Answer(*request));
+    DoRestLater();
+    return answered;
+}
+
+bool ZNodeJournal::OnOrder(const std::shared_ptr<ZMessage>& message) {
+    const auto order = cast_shared<ZOrderMsg>(message);
+    if (!order) {
+        return false;
+    }
+    m_journal->Take(order);
+    DoRestLater();
+    return true;
+}
+
+bool ZNodeJournal::OnOrdersRequest(const std::shared_ptr<ZMessage>& message) {
+    const auto request = cast_shared<ZOrdersRequestMsg>(message);
     if (!request) {
         return false;
     }

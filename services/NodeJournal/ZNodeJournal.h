@@ -13,6 +13,7 @@ public:
     ZString m_DatabaseFile = "/var/lib/arbor/journal.sqlite";
     std::uint32_t m_MostRows = 20'000;
     std::uint32_t m_MostDays = 0;
+    std::uint32_t m_MostOrders = 10'000;
 
     Z_FIELDS(
         Z_FIELD(m_DatabaseFile)
@@ -22,11 +23,15 @@ public:
         Z_FIELD(m_MostRows).In(100, 1'000'000).Means("Jobs that are kept: the oldest that have ended go first."),
         Z_FIELD(m_MostDays)
             .In(0, 36'500)
-            .Means("How long an ended job is kept at most, by the device's clock. 0: as long as there is room."))
+            .Means("How long an ended job is kept at most, by the device's clock. 0: as long as there is room."),
+        Z_FIELD(m_MostOrders)
+            .In(100, 1'000'000)
+            .Means("Orders of people that are kept; a quarter of them may be refused ones."))
 };
 
 /// Keeps every job of the graph: hears of them on "operation", answers "operations", and settles at its start what an
-/// earlier life of the host left open. Stands before the nodes whose jobs it keeps.
+/// earlier life of the host left open. Keeps what people ordered, too: "order" and "orders". Stands before the nodes
+/// whose jobs it keeps.
 class ZNodeJournal : public ZNode {
     Z_CLASS(ZNodeJournal, ZNode)
 public:
@@ -42,6 +47,8 @@ public:
 private:
     bool OnOperation(const std::shared_ptr<ZMessage>& message);
     bool OnRequest(const std::shared_ptr<ZMessage>& message);
+    bool OnOrder(const std::shared_ptr<ZMessage>& message);
+    bool OnOrdersRequest(const std::shared_ptr<ZMessage>& message);
     void DoRestLater();
 
     std::unique_ptr<journal::Journal> m_journal;

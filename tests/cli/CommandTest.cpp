@@ -58,6 +58,13 @@ constexpr const char* kJob = R"({"id": "1f3a9c0200000000", "kind": "RemoteInstal
 constexpr const char* kJobs = R"({"operations": [{"id": "1f3a9c0200000000", "kind": "RemoteInstall", "state": "Failed",
     "version": "3.1", "device": "4", "reason": "no power", "startedAt": 1000, "endedAt": 1500},
     {"id": "2b", "kind": "Check", "state": "Running", "file": "/a.pkg", "percent": 7, "asker": "drive /d"}]})";
+constexpr const char* kOrders = R"({"orders": [
+    {"user": "mallory", "program": "curl\u001b", "processId": 77, "keyword": "newFile", "subject": "/tmp evil.pkg",
+     "accepted": false, "reason": "it is not for people", "count": 1},
+    {"user": "alice", "program": "arborctl", "keyword": "updatesystem", "subject": "3.046 reboot", "accepted": true,
+     "operationId": "1f3a9c0200000000"}, {"user": "mallory", "accepted": false, "reason": "more", "count": 40}]})";
+constexpr const char* kForbidden = R"({"title": "Forbidden", "status": 403, "detail":
+    "you (user bob) are not in the group arbor-service, which may install"})";
 constexpr const char* kNobody = R"({"title": "Service Unavailable", "detail": "No node of this graph serves it"})";
 constexpr const char* kProblem = R"({"title": "Bad", "detail": "a\nb", "field": "x"})";
 constexpr const char* kNoAnswer = nullptr;
@@ -100,6 +107,14 @@ constexpr AnswerCase kAnswers[]{
         "2b        -     check           /a.pkg    drive /d    running 7 %\n", ""},
     {"history --kind remote-install --since 2h --state failed", "operations", kAny, 200, R"({"operations": []})", 0, "No jobs.\n", ""},
     {"history", "operations", kAny, 503, kNobody, 1, "", "this device has no journal (NodeJournal) in its graph"},
+    {"orders", "orders", kAny, 200, kOrders, 0, "mallory  curl\\x1b (77)  newFile       /tmp evil.pkg  refused: it is not for people\n", ""},
+    {"orders", "orders", kAny, 200, kOrders, 0, "alice    arborctl       updatesystem  3.046 reboot   accepted, job 1f3a9c02\n", ""},
+    {"orders", "orders", kAny, 200, kOrders, 0, "several                      refused: more (40 times, the last at ", ""},
+    {"orders -n 2 --result refused --user 'a&b' --since 2h", "orders", kAny, 200, R"({"orders": []})", 0, "No orders.\n", ""},
+    {"orders", "orders", kAny, 503, kNobody, 1, "", "this device has no journal (NodeJournal) in its graph"},
+    {"install 9", "updatesystem", kAny, 403, kForbidden, 1, "",
+     "Forbidden: you (user bob) are not in the group arbor-service, which may install (HTTP 403)"},
+    {"status", "status", kAny, 200, R"({"developerMode": true})", 0, "Warning        developerMode is on", ""},
     {"show 1f3a", "operations/1f3a", kAny, 200, kJob, 0, "State       failed\nReason      no power\nVersion     3.1\nAccessory   4\nAsked by    user alice\n", ""},
     {"show 1f3a", "operations/1f3a", kAny, 200, kJob, 0, "Took        2 min 5 s\nDone by     ArborInstall\n", ""},
     {"show 1f3a", "operations/1f3a", kAny, 409, kProblem, 1, "", "HTTP 409"},
@@ -111,7 +126,7 @@ constexpr AnswerCase kAnswers[]{
      200, R"({"compatible": true})", 0, "Compatible       yes", ""},
     {"check 9 --board b", "checkCompatibility", R"({"version": "9", "board": "b"})",
      200, R"({"compatible": false})", 1, "Compatible       no", ""},
-    {"send newFile -", "newFile", R"({"from": "input"})", 202, "", 0, "accepted\n", ""},
+    {"send cancel -", "cancel", R"({"from": "input"})", 202, "", 0, "accepted\n", ""},
     {"send upload @in", "upload", R"({"from": "input"})", 200, R"({"bSuccess": false})", 1, "\"bSuccess\": false", ""},
     {"send nope", "other", kAny, 200, "{}", 1, "", "unknown (HTTP 404)"},
     {"install 9", "updatesystem", R"({"version": "9", "progressHost": "", "reboot": true})",

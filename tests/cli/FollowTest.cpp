@@ -39,7 +39,7 @@ struct Device : ScriptedGateway {
         Script("/v1/updatesystem", {200, R"({"bSuccess": true, "operationId": ")" OURS R"("})"});
         Script("/v1/transfer", {200, R"({"bSuccess": true, "operationId": ")" OURS R"("})"});
         Script("/v1/remoteinstall", {200, R"({"messages": [{"bSuccess": true}], "operationId": ")" OURS R"("})"});
-        Script("/v1/newFile", {202, R"({"operationId": ")" OURS R"("})"});
+        Script("/v1/scan", {202, R"({"operationId": ")" OURS R"("})"});
         Script("/v1/upload", {200, R"({"bSuccess": true})"});
         Script("/v1/inventory", {200, R"({"updatesFolder": "/up/"})"});
         Script("/v1/operations", {200, R"({"operations": []})"});
@@ -156,7 +156,7 @@ TEST(Follow, AScanTellsTheOutcomeOfItsOwnCheck) {
         Device device;
         const std::string file = device.Folder() + "/a.pkg";
         const char* const opposite = item.status == 0 ? "Failed" : "Succeeded";
-        device.Play({kLive, "newFile",
+        device.Play({kLive, "scan",
                      Told(OTHER, "Check", opposite, OfFile(file)) + Told(OURS, "Check", "Running", OfFile(file)) +
                          Told(OURS, "Check", item.state, OfFile(file, item.more))});
         std::ofstream(file) << "x";
@@ -165,6 +165,22 @@ TEST(Follow, AScanTellsTheOutcomeOfItsOwnCheck) {
         EXPECT_EQ(program->Status(), item.status) << program->Errors();
         EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
     }
+    Device device;
+    device.Play({kLive, "scan", Told(OURS, "Scan", "Succeeded", OfFile(device.Folder()))});
+    const auto program = device.Start("scan " + device.Folder() + "/.");
+    EXPECT_EQ(program->Status(), 0) << program->Errors();
+    EXPECT_THAT(program->Output(), HasSubstr(": scanned"));
+    EXPECT_EQ(device.Messages("/v1/scan", 1).front().at("path").as_string(), device.Folder() + "/");
+}
+
+TEST(Follow, AScanOutsideOfWhatIsWatchedIsRefusedWithTheReason) {
+    Device device;
+    device.Script("/v1/scan",
+                  {403, R"({"title": "Forbidden", "detail": "/x is neither on a drive", "field": "path"})"});
+    device.Play({kLive, "", "", false, 0});
+    const auto program = device.Start("scan " + device.Folder());
+    EXPECT_EQ(program->Status(), 1);
+    EXPECT_THAT(program->Errors(), HasSubstr("Forbidden: /x is neither on a drive"));
 }
 
 TEST(Follow, AnUploadTellsTheOutcomeOfTheCheckThatItBegan) {

@@ -70,7 +70,7 @@ class BadInput(InstrumentCase):
         wait_until(lambda: gateway.updates() == ["9.2" + forged("version")], "the odd version is announced")
         expected = {"file", "version", "complaint", "verify", "header", "message"}
         for keyword, fields in (("compareversions", "version1"), ("updatesystem", "version serialNumber"),
-                                ("newFile", "folder fileName"), ("checkCompatibility", "version")):
+                                ("checkCompatibility", "version")):
             gateway.post(keyword, {field: forged(keyword + field) for field in fields.split()})
             expected |= {keyword + field for field in fields.split()}
         if not paths.plain_mode():

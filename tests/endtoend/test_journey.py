@@ -1,10 +1,12 @@
 """The way of an update from the stick to the slot, as a user goes it."""
 
+import json
 import shutil
 
 from simulation import gateway, paths, sticks
 from simulation.identity import INSTRUMENT
-from support import REJECTED, TOO_OLD, InstrumentCase, arborctl, both_slots, installed, outcomes, stick_package, wait_until
+from support import (REJECTED, TOO_OLD, InstrumentCase, arborctl, both_slots, installed, outcomes, script_package,
+                     stick_package, wait_until)
 
 ALL = [stick_package(version) for version in ("3.001", "3.045", "3.046", "3.047")]
 
@@ -62,8 +64,39 @@ class Journey(InstrumentCase):
             shutil.copy(stick_package("3.045"), arriving)
             arriving.rename(paths.UPDATES / stick_package("3.045").name)
             events.next("updateavailable", lambda message: outcomes(message)[1] == ["3.045"])
+            stick = sticks.attach([stick_package("3.046"), stick_package("3.047")])
+            events.next("updateavailable", lambda message: "3.046" in outcomes(message)[1])
         for version, code in (("3.046", 0), ("3.047", 1)):
-            scanned = arborctl("scan", str(stick_package(version)))
+            scanned = arborctl("scan", str(stick / stick_package(version).name))
             self.assertEqual(code, scanned.returncode, scanned.stdout)
             self.assertIn(version, scanned.stdout)
         self.assertEqual(["3.046", "3.045"], gateway.updates())
+        self.assertEqual(0, arborctl("scan", str(stick)).returncode)
+
+    def test_nobody_has_a_file_of_his_own_run_by_naming_it(self) -> None:
+        ran = paths.STATE / "ran"
+        mine = script_package("mine.pkg", f"touch {ran}; echo 9.9")
+        link = paths.STATE / "link"
+        link.symlink_to(mine)
+        messages = {"newFile": {"folder": str(mine.parent), "fileName": mine.name},
+                    "storagedeviceupdate": {"addedDevices": [str(mine.parent)]}, "getdevices": {}}
+        told = {keyword: arborctl("send", keyword, json.dumps(message)) for keyword, message in messages.items()}
+        self.assertEqual(["3.045"], self.updates_of_a_stick_that_comes_now())
+        self.assertFalse(ran.exists(), "a file of the asker's own was run")
+        for refused in told.values():
+            self.assertEqual(1, refused.returncode, refused.stdout)
+            self.assertIn("between nodes", refused.stdout)
+        for path in (mine, link):
+            refused = arborctl("send", "scan", json.dumps({"path": str(path)}))
+            self.assertEqual(1, refused.returncode, refused.stdout)
+            self.assertIn("neither on a drive", refused.stdout)
+        orders = json.loads(arborctl("orders", "--result", "refused", "--json").stdout)["orders"]
+        self.assertEqual(["scan", "scan", *reversed(messages)], [order["keyword"] for order in orders])
+        self.assertEqual({"arborctl"}, {order["program"] for order in orders})
+
+    def updates_of_a_stick_that_comes_now(self) -> list[str]:
+        """Whatever was told to the update node before is checked by then."""
+        with gateway.Events() as events:
+            sticks.attach([stick_package("3.045")])
+            events.next("updateavailable", lambda message: "3.045" in outcomes(message)[1])
+        return gateway.updates()

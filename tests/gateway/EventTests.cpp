@@ -12,7 +12,8 @@ TEST_F(Gateway, SendsEveryEventToEveryListenerWithRisingIds) {
     PublishProgress(10);
     probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "updateavailable", 0),
                    Made("ZMessageArray", R"({"messages":[{"className":"ZVersionInfoMsg","version":"3.046"}]})"));
-    EXPECT_EQ(Post("/v1/storagedeviceupdate", R"({"addedDevices":["/media/a"]})").status, 202);
+    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0),
+                   Made("StorageDevicesMsg", R"({"addedDevices":["/media/a"]})"));
     probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "peerupdate", 0),
                    Made("ZPeerMsg", R"({"serialNumber":"4711","connected":true})"));
     for (RawClient* client : {&first, &second}) {

@@ -85,7 +85,9 @@ bool RawClient::IsOpen() const {
 bool Gateway::Start(const std::string& settings) {
     const auto config = Made("ZNodeGatewayCfg", "{\"socketPath\":\"" + socket.string() + "\"" +
                                                     (settings.empty() ? "" : ",") + settings + "}");
-    graph = std::make_unique<ZGraph>(ZMakeShared<ZCoreConfigParams>());
+    const auto core = ZMakeShared<ZCoreConfigParams>();
+    core->m_Files.m_UpdatesFolder = ToZString(updatesFolder.string());
+    graph = std::make_unique<ZGraph>(core);
     auto started = graph->AddNode("ProbeNode", "probe", nullptr);
     started = started ? graph->AddNode("ZNodeGateway", "gateway", cast_shared<ZNodeGatewayCfg>(config)) : started;
     started = started ? graph->Start() : started;

@@ -55,6 +55,7 @@ protected:
     TemporaryFolder folder;
     LogCapture log;
     std::filesystem::path socket;
+    std::filesystem::path updatesFolder;  ///< of the graph that is started
     std::string error;
     std::unique_ptr<ZGraph> graph;
     std::shared_ptr<ProbeNode> probe;

@@ -20,10 +20,10 @@ constexpr auto kService = ZEndpointType::GraphService;
 /// The gateway with a real journal beside it.
 class GatewayJobs : public Gateway {
 protected:
-    bool StartWithJournal() {
+    bool StartWithJournal(const std::string& settings = "") {
         const auto record = ZMakeShared<ZNodeJournalCfg>("Journal");
         record->m_DatabaseFile = ToZString((folder / "journal.sqlite").string());
-        return Start() && graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal");
+        return Start(settings) && graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal");
     }
     std::shared_ptr<ZOperation> Begin(ZOperationKind kind, const char* file = "") {
         return probe->BeginOperation({.kind = kind, .file = file});
@@ -37,17 +37,18 @@ std::string Asker() {
 }
 
 TEST_F(GatewayJobs, TellsWhichJobARequestHasBegunAndTheJobWhoAsked) {
-    ASSERT_TRUE(StartWithJournal()) << log.All();
-    std::vector<std::shared_ptr<ZOperation>> begun;
+    ASSERT_TRUE(StartWithJournal(R"("developerMode":true)")) << log.All();
+    ZGuarded<std::vector<std::shared_ptr<ZOperation>>> started;
     probe->Listen(kClient, "updatesystem", [&](const std::shared_ptr<ZMessage>& request) {
         const auto update = cast_shared<ZSystemUpdateMsg>(request);
         for (int jobs = update->m_bReboot ? 2 : 0; jobs > 0; --jobs) {
-            begun.push_back(probe->BeginOperation({.kind = ZOperationKind::Install}, request.get()));
+            started.Lock()->push_back(probe->BeginOperation({.kind = ZOperationKind::Install}, request.get()));
         }
         return Made("ZVersionInfoMsg");
     });
     const Reply reply = Post("/v1/updatesystem", "");
     EXPECT_EQ(reply.Text("className"), "ZVersionInfoMsg") << reply.body;
+    auto begun = started.Exchange({});
     ASSERT_EQ(begun.size(), 2U);
     EXPECT_EQ(reply.Text("operationId"), ToStdString(begun[0]->Id()));
     EXPECT_NE(begun[0]->Id(), begun[1]->Id());

@@ -16,6 +16,7 @@ struct KeywordCase {
     const char* answer;  // null: a notification
 };
 
+constexpr const char* kAsDeveloper = R"("developerMode":true)";
 constexpr auto kClient = ZEndpointType::ClientRequest;
 constexpr auto kDevice = ZEndpointType::DeviceRequest;
 constexpr auto kService = ZEndpointType::GraphService;
@@ -53,7 +54,7 @@ const KeywordCase kKeywords[] = {
 TEST_F(Gateway, CarriesEveryKeywordToItsEndpointAndTheAnswerBack) {
     for (const KeywordCase& row : kKeywords) {
         SCOPED_TRACE(std::string(row.keyword) + " with " + row.request);
-        ASSERT_TRUE(Start()) << error << log.All();
+        ASSERT_TRUE(Start(kAsDeveloper)) << error << log.All();
         probe->Listen(row.type, row.keyword, [&](const auto&) { return row.answer ? Made(row.answer) : nullptr; });
         const Reply reply = Post(std::string("/v1/") + row.keyword, row.body);
         ASSERT_TRUE(probe->WaitForMessages(1));
@@ -108,9 +109,10 @@ TEST_F(Gateway, RefusesBadRequestsWithAProblemThatNamesTheField) {
         {"POST", "/v1/upload", std::string(2 * 1024 * 1024 + 1, ' '), 413, ""},
         {"POST", "/v1/transfer", "{}", 503, ""},
         {"POST", "/v1/newFile", "{}", 503, ""},
+        {"POST", "/v1/scan", R"({"path":7})", 400, "path"},
         {"POST", "/v1/findupdates", "{}", 504, ""},
     };
-    ASSERT_TRUE(Start(R"("answerTimeoutSeconds":1)")) << error << log.All();
+    ASSERT_TRUE(Start(std::string(kAsDeveloper) + R"(,"answerTimeoutSeconds":1)")) << error << log.All();
     probe->Listen(kClient, "findupdates");
     probe->Listen(kClient, "updatesystem");
     for (const auto& row : rows) {

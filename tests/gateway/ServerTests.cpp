@@ -51,6 +51,7 @@ TEST_F(Gateway, NamesTheSettingThatCanNotBeUsed) {
         {R"("socketMode":"10777")", "socketMode"},
         {R"("socketMode":"")", "socketMode"},
         {R"("socketGroup":"no such group")", "socketGroup"},
+        {R"("operateGroup":"no such group")", "operateGroup"},
         {R"("socketPath":"")", "socketPath"},
         {R"("socketPath":"relative")", "socketPath"},
         {R"("answerTimeoutSeconds":0)", "answerTimeoutSeconds"},
@@ -72,7 +73,7 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     EXPECT_EQ(Get("/v1/status").body, R"({"version":null,"hash":null,"installedVersion":null,"updateInProgress":null,)"
                                       R"("device":null,"updates":null,"progress":null,"drives":null,"operations":null,)"
                                       R"("runningSlot":null,"nextSlot":null,"nextVersion":null,"archive":null,)"
-                                      R"("refused":null,"updatesFree":null,"archiveFree":null})");
+                                      R"("refused":null,"updatesFree":null,"archiveFree":null,"developerMode":false})");
     const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {
         probe->Listen(type, keyword, [=](const auto&) { return Made(className, json); });
     };
@@ -124,8 +125,8 @@ TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
     ZJSONCommStream stream;
     ASSERT_TRUE(stream.LoadText(text)) << stream.Error();
     std::istringstream paths(
-        "updatesystem compareversions findupdates getinstalledversioninfo getUpdateInProgress newFile "
-        "storagedeviceupdate getdevices deviceProps checkCompatibility upload "
+        "updatesystem compareversions findupdates getinstalledversioninfo getUpdateInProgress scan "
+        "deviceProps checkCompatibility upload "
         "transfer remoteinstall peers pair cancel forget inventory events status operations operations/{id} log "
         "metrics openapi.json");
     for (std::string path; paths >> path;) {

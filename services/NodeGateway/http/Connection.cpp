@@ -49,8 +49,8 @@ HttpResponse Guarded(HttpHandler& handler, const HttpRequest& request) {
 
 }  // namespace
 
-Connection::Connection(ServerState& server, Socket socket, uid_t user, UserShares& share)
-    : m_server(server), m_user(user), m_share(share), m_stream(std::move(socket)) {}
+Connection::Connection(ServerState& server, Socket socket, std::shared_ptr<const Peer> peer, UserShares& share)
+    : m_server(server), m_peer(std::move(peer)), m_share(share), m_stream(std::move(socket)) {}
 
 void Connection::TurnAway() {
     m_restUnread = true;
@@ -63,7 +63,7 @@ void Connection::Close() {
     }
     m_state = State::Closed;
     ReturnCharge();
-    m_share.Return(m_user);
+    m_share.Return(m_peer->user);
     m_keepAlive.reset();
     m_response.reset();
     Error ignored;
@@ -87,7 +87,7 @@ void Connection::Finish() {
 void Connection::ReadHead() {
     m_state = State::Reading;
     m_response.reset();
-    m_request.emplace().user = m_user;
+    m_request.emplace().peer = m_peer;
     m_buffer.shrink_to_fit();
     m_parser.emplace();
     m_parser->header_limit(static_cast<std::uint32_t>(limits::kHead));
@@ -224,13 +224,13 @@ void Connection::Refuse(int status, std::string_view reason) {
 }
 
 bool Connection::Charge(std::size_t bytes) {
-    const bool taken = m_server.bytes.Take(m_user, bytes);
+    const bool taken = m_server.bytes.Take(m_peer->user, bytes);
     m_charged += taken ? bytes : 0;
     return taken;
 }
 
 void Connection::ReturnCharge() {
-    m_server.bytes.Return(m_user, std::exchange(m_charged, 0));
+    m_server.bytes.Return(m_peer->user, std::exchange(m_charged, 0));
 }
 
 // --- Answering it ---
@@ -239,7 +239,7 @@ void Connection::Work() {
     m_state = State::Working;
     m_parser.reset();
     Turn turn;
-    turn.user = m_user;
+    turn.user = m_peer->user;
     turn.reads = m_request->method == "GET" || m_request->method == "HEAD";
     // Nobody else looks at the request and the answer meanwhile.
     turn.work = [self = shared_from_this()] { self->m_response = Guarded(self->m_server.handler, *self->m_request); };

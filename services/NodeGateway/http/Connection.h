@@ -42,7 +42,7 @@ public:
     using Socket = boost::asio::basic_stream_socket<Protocol, Executor>;
 
     /// `share` is where it was counted, and is given back at its end.
-    Connection(ServerState& server, Socket socket, uid_t user, UserShares& share);
+    Connection(ServerState& server, Socket socket, std::shared_ptr<const Peer> peer, UserShares& share);
 
     void Start() { ReadHead(); }
     /// In place of Start: its user has as many as allowed.
@@ -94,7 +94,7 @@ private:
     void Write(const Buffers& buffers, Next next);
 
     ServerState& m_server;
-    const uid_t m_user;
+    const std::shared_ptr<const Peer> m_peer;
     UserShares& m_share;
     boost::beast::basic_stream<Protocol, Executor> m_stream;
     State m_state = State::Reading;

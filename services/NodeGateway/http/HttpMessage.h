@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <map>
 #include <memory>
@@ -10,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "http/Peer.h"
+
 namespace gateway {
 
 struct HttpRequest {
@@ -17,7 +17,7 @@ struct HttpRequest {
     std::string path;    ///< decoded, without the query
     std::multimap<std::string, std::string> query;
     std::string body;
-    uid_t user = 0;  ///< who has connected, as the kernel tells it
+    std::shared_ptr<const Peer> peer;  ///< who has connected; never null
 };
 
 /// An answer that goes on, in pieces that come when they come. Used by the server's thread alone, which it must not

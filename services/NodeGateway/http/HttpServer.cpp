@@ -92,19 +92,18 @@ void HttpServer::Impl::RetryLater() {
 }
 
 void HttpServer::Impl::Serve(ZFileDescriptor socket) {
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    if (::getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+    const auto peer = PeerOf(socket.Get(), settings.groups);
+    if (!peer) {
         return;
     }
-    const bool welcome = state.connections.Take(peer.uid);
-    if (!welcome && !state.refused.Take(peer.uid)) {
+    const bool welcome = state.connections.Take(peer->user);
+    if (!welcome && !state.refused.Take(peer->user)) {
         return;
     }
     Connection::Socket stream(state.io.get_executor());
     stream.assign(Connection::Protocol(), socket.Release());
-    const auto connection =
-        std::make_shared<Connection>(state, std::move(stream), peer.uid, welcome ? state.connections : state.refused);
+    const auto connection = std::make_shared<Connection>(state, std::move(stream), std::make_shared<const Peer>(*peer),
+                                                         welcome ? state.connections : state.refused);
     state.open.insert(connection);
     welcome ? connection->Start() : connection->TurnAway();
 }

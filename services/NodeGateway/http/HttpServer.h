@@ -11,7 +11,8 @@ namespace gateway {
 struct HttpServerSettings {
     std::string path;  ///< of the UNIX socket
     SocketAccess access;
-    std::size_t streams = 0;  ///< that may be open at once, beside the connections for everything else
+    std::vector<gid_t> groups;  ///< whose members the handler tells apart
+    std::size_t streams = 0;    ///< that may be open at once, beside the connections for everything else
 };
 
 /// HTTP/1.1 on a UNIX socket, on one thread for all connections and a few for the handler's calls. What a client may
