@@ -77,6 +77,14 @@ struct UploadOrder {
 /// Sends a file of this machine into the device's updates folder.
 Result<ExitCode> UploadFile(Session& session, const UploadOrder& order);
 
+struct VerifyOrder {
+    std::string file;
+    std::string trust;  ///< Folder of trusted certificates; empty: only whether it is whole and signed.
+    std::string board;  ///< Empty: any.
+};
+/// Says whether a package file of this computer is whole, signed and trusted. Needs no device; nothing of it runs.
+Result<ExitCode> VerifyPackage(Session& session, const VerifyOrder& order);
+
 /// Removes a file that was uploaded.
 Result<ExitCode> ForgetUpload(Session& session, const std::string& file);
 

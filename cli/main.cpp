@@ -58,6 +58,7 @@ struct Choice {
     arborctl::AccessoryOrder accessory;
     arborctl::CompatibilityQuestion question;
     arborctl::UploadOrder upload;
+    arborctl::VerifyOrder verify;
     arborctl::PairOrder pair;
 };
 
@@ -206,6 +207,16 @@ void AddLink(CLI::App& app, Choice& choice) {
                               "  arborctl keygen keys/4711.json      the device's \"keyFile\"");
     keygen->add_option("FILE", choice.first, "The file to make; there must be none")->required();
     keygen->callback([&] { choice.run = [&](Session& s) { return MakeKeyFile(s, choice.first); }; });
+
+    auto* verify = AddCommand(app, "verify", "Say whether a package file is whole, signed and trusted; needs no device",
+                              "  arborctl verify arbor_qm.pkg\n"
+                              "  arborctl verify arbor_qm.pkg --trust /etc/arbor/trust --board verdin-imx8mm\n"
+                              "Nothing of the file runs. A signature may lie beside it, as arbor_qm.pkg.sig.");
+    verify->add_option("FILE", choice.verify.file, "The package file")->required();
+    auto* trust =
+        verify->add_option("--trust", choice.verify.trust, "Trusted certificates (*.pem, *.crt)")->type_name("DIR");
+    verify->add_option("--board", choice.verify.board, "The board that it has to be for")->needs(trust);
+    verify->callback([&] { choice.run = [&](Session& s) { return VerifyPackage(s, choice.verify); }; });
 }
 
 void AddSince(CLI::App& command, std::string& since) {

@@ -1,0 +1,195 @@
+#include "ZTrust/ZPackage.h"
+
+#include <sys/stat.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "ZTrust/PackageHeader.h"
+#include "ZTrust/Sha256.h"
+
+using ztrust::ReadEnd;
+
+namespace {
+
+constexpr std::size_t kLargestSignature = 2048;
+constexpr std::size_t kLargestDetached = std::size_t{128} * 1024;
+
+ZVerdict Damaged(const std::string& why) {
+    return {ZVerdictCode::Damaged, why};
+}
+
+/// What a read that was not complete means.
+ZVerdict Unread(ReadEnd end) {
+    switch (end) {
+        case ReadEnd::FileEnded:
+            return Damaged("it ended while it was read");
+        case ReadEnd::Stopped:
+            return {ZVerdictCode::Unreadable, "reading it was stopped"};
+        default:
+            return {ZVerdictCode::Unreadable, std::string("it can't be read: ") + std::strerror(errno)};
+    }
+}
+
+ZPackage::Result<std::uint64_t> SizeOf(int file) {
+    struct stat status {};
+    if (::fstat(file, &status) != 0) {
+        return Unread(ReadEnd::Failed);
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return ZVerdict{ZVerdictCode::NotPackage, "it is no regular file"};
+    }
+    return static_cast<std::uint64_t>(status.st_size);
+}
+
+/// Reads stub, header and code into the package's head.
+ZPackage::Result<ZPackage> ReadHead(int file, std::uint64_t size) {
+    std::string begin;
+    const std::uint64_t count = std::min<std::uint64_t>(size, ztrust::kStubSize + ztrust::kLargestHeader);
+    if (const ReadEnd end = ztrust::ReadAt(file, 0, static_cast<std::size_t>(count), begin); end != ReadEnd::Complete) {
+        return Unread(end);
+    }
+    const std::size_t lineEnd = begin.find('\n', ztrust::kStubSize);
+    if (begin.size() < ztrust::kStubSize || lineEnd == std::string::npos) {
+        return ZVerdict{ZVerdictCode::NotPackage, "it is no package: it has no header"};
+    }
+    const auto line = std::string_view(begin).substr(ztrust::kStubSize, lineEnd - ztrust::kStubSize);
+    auto header = ztrust::ReadHeader(line);
+    if (!header) {
+        return header.error();
+    }
+    ZPackage package = std::move(header->package);
+    std::string code;
+    const auto codeSize = static_cast<std::size_t>(header->code.size);
+    if (const ReadEnd end = ztrust::ReadAt(file, lineEnd + 1, codeSize, code); end != ReadEnd::Complete) {
+        return Unread(end);
+    }
+    if (ztrust::Sha256Hex(code) != header->code.sha256) {
+        return Damaged("the code in it is not the one that its header describes");
+    }
+    package.head = begin.substr(0, lineEnd + 1) + code;
+    return package;
+}
+
+/// What lies behind the payload; an error when the file's size does not fit.
+ZPackage::Result<std::string> ReadEndOf(const ZPackage& package, int file, std::uint64_t size, std::size_t most) {
+    const std::uint64_t offset = package.PayloadOffset();
+    const bool isThere = size > offset && package.payload.size < size - offset;
+    if (!isThere || size - offset - package.payload.size > most) {
+        return Damaged("it is not whole, or has a foreign end: its size is not what its header says");
+    }
+    const std::uint64_t begin = offset + package.payload.size;
+    std::string bytes;
+    if (const ReadEnd end = ztrust::ReadAt(file, begin, static_cast<std::size_t>(size - begin), bytes);
+        end != ReadEnd::Complete) {
+        return Unread(end);
+    }
+    return bytes;
+}
+
+/// Format 1 has one signature, over the digest of all that comes before it.
+ZPackage::Result<ZPackage> ReadFirstFormat(ZPackage package, int file, std::uint64_t size,
+                                           const ZPackage::StopQuestion& isStopped) {
+    auto signature = ReadEndOf(package, file, size, kLargestSignature);
+    if (!signature) {
+        return signature.error();
+    }
+    package.signatures.front().bytes = std::move(*signature);
+    ztrust::Sha256 digest;
+    digest.Add(package.head);
+    if (const ReadEnd end = ztrust::AddFile(digest, file, package.PayloadOffset(), package.payload.size, isStopped);
+        end != ReadEnd::Complete) {
+        return Unread(end);
+    }
+    package.signedText = "arbor update package 1\n" + digest.Hex() + "\n";
+    return package;
+}
+
+}  // namespace
+
+ZPackage::Result<ZPackage> ZPackage::Read(int file, const StopQuestion& isStopped) {
+    const auto size = SizeOf(file);
+    if (!size) {
+        return size.error();
+    }
+    auto package = ReadHead(file, *size);
+    if (!package) {
+        return package;
+    }
+    if (package->format == 1) {
+        return ReadFirstFormat(std::move(*package), file, *size, isStopped);
+    }
+    const auto trailer = ReadEndOf(*package, file, *size, ztrust::kLargestTrailer);
+    if (!trailer) {
+        return trailer.error();
+    }
+    auto signatures = ztrust::ReadSignatures(*trailer);
+    if (!signatures) {
+        return signatures.error();
+    }
+    package->signatures = std::move(*signatures);
+    package->signedText = "arbor update package 2\n" + ztrust::Sha256Hex(package->head) + "\n";
+    return package;
+}
+
+ZPackage::Result<ZPackage> ZPackage::ReadDetached(int file, int signature, const StopQuestion& isStopped) {
+    const auto length = SizeOf(signature);
+    if (!length) {
+        return length.error();
+    }
+    std::string text;
+    if (*length > kLargestDetached) {
+        return Damaged("the signature beside it is too large");
+    }
+    if (const ReadEnd end = ztrust::ReadAt(signature, 0, static_cast<std::size_t>(*length), text);
+        end != ReadEnd::Complete) {
+        return Unread(end);
+    }
+    const std::size_t first = text.find('\n');
+    const std::size_t second = first == std::string::npos ? first : text.find('\n', first + 1);
+    auto package = first < ztrust::kLargestHeader
+                       ? ztrust::ReadDescription(std::string_view(text).substr(0, first))
+                       : Result<ZPackage>(ZVerdict{ZVerdictCode::NotPackage, "what lies beside it is no signature"});
+    if (!package) {
+        return package;
+    }
+    if (second == std::string::npos || second + 1 != text.size() || second - first - 1 > ztrust::kLargestTrailer) {
+        return Damaged("the signature beside it is damaged: it is not two lines");
+    }
+    auto signatures = ztrust::ReadSignatures(std::string_view(text).substr(first + 1, second - first - 1));
+    if (!signatures) {
+        return signatures.error();
+    }
+    package->signatures = std::move(*signatures);
+    package->signedText = "arbor detached signature 2\n" + ztrust::Sha256Hex(text.substr(0, first)) + "\n";
+    const auto size = SizeOf(file);
+    if (!size) {
+        return size.error();
+    }
+    if (*size != package->payload.size) {
+        return Damaged("it is not the file that was signed: its size is another");
+    }
+    if (ZVerdict verdict = package->CheckPayload(file, isStopped); !verdict.IsGood()) {
+        return verdict;
+    }
+    return package;
+}
+
+ZVerdict ZPackage::CheckPayload(int file, const StopQuestion& isStopped) const {
+    ztrust::Sha256 digest;
+    if (const ReadEnd end = ztrust::AddFile(digest, file, PayloadOffset(), payload.size, isStopped);
+        end != ReadEnd::Complete) {
+        return Unread(end);
+    }
+    if (digest.Hex() != payload.sha256) {
+        return Damaged(isDetached ? "it is not the file that was signed" : "the image in it is damaged");
+    }
+    return {};
+}
+
+const char* ToText(ZVerdictCode code) {
+    static constexpr std::array kTexts{"good",    "unreadable",   "notPackage",    "damaged",   "badSignature",
+                                       "weakKey", "wrongPurpose", "unknownSigner", "wrongBoard"};
+    return kTexts.at(static_cast<std::size_t>(code));
+}
