@@ -111,15 +111,20 @@ bool ZNodeArborInstall::FinishScan(DriveChecks& checks, std::shared_ptr<ZMessage
     return any;
 }
 
+bool ZNodeArborInstall::MayBePackage(fs::perms permissions) const {
+    return m_trust.IsOn() || IsExecutable(permissions);
+}
+
 void ZNodeArborInstall::CheckDriveEntry(const fs::path& file, DriveChecks& checks) {
     Z_LOG(2, "Checking file %s", file);
     std::error_code error;
-    const fs::file_status status = fs::status(file, error);
+    // What is read, and runs from a copy, is the drive's own: a link may lead anywhere.
+    const fs::file_status status = m_trust.IsOn() ? fs::symlink_status(file, error) : fs::status(file, error);
     if (error) {
         Z_LOG(4, "Error getting file permissions %d", error.value());
     }
     const bool known = !error && status.permissions() != fs::perms::unknown;
-    const bool executable = known && IsExecutable(status.permissions());
+    const bool executable = known && MayBePackage(status.permissions());
     const bool regular = fs::is_regular_file(status);
     if (!executable || !regular) {
         Z_LOG(2, "File %s %s and %s", file.c_str(), executable ? "is executable" : "Not Executable",

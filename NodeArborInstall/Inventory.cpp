@@ -61,6 +61,8 @@ bool ZNodeArborInstall::OnInventory(const std::shared_ptr<ZMessage>& request) {
     }
     const auto refused = m_refused.Copy();
     answer->m_Refused.assign(refused.begin(), refused.end());
+    answer->m_TrustedSigners = Config().m_TrustedSigners;
+    answer->m_TrustProblem = m_trustProblem;
     answer->m_UpdatesFolder = ToZString(m_updatesPath.string());
     answer->m_UpdatesFree = FreeBytes(m_updatesPath);
     answer->m_ArchiveFree = FreeBytes(m_archivePath);

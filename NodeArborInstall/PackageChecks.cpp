@@ -59,20 +59,54 @@ bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<Z
     return CheckPackage(file, results, order);
 }
 
-bool ZNodeArborInstall::RunCheck(const std::string& command, std::string& output, ZClock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now());
-    return ZPlatform::ExecuteCommand(command, output, std::max(left, std::chrono::milliseconds(1)));
+/// One check under way.
+struct ZNodeArborInstall::PackageCheck {
+    const fs::path& file;
+    ZOperation& operation;
+    ZClock::time_point deadline;
+    std::optional<PackageTrust::Approved> approved;  // with a trust policy, once the file was read
+
+    std::chrono::milliseconds Left() const {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now());
+        return std::max(left, std::chrono::milliseconds(1));
+    }
+};
+
+bool ZNodeArborInstall::RunCheck(const PackageCheck& check, const std::string& command, std::string& output) {
+    if (!check.approved) {
+        return ZPlatform::ExecuteCommand(command, output, check.Left());
+    }
+    const auto limit = std::chrono::seconds(Config().m_CheckTimeoutSeconds);
+    return ZPlatform::ExecuteCommand(m_trust.Confined(command, check.file, *check.approved, limit), output,
+                                     check.Left());
+}
+
+ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file, std::chrono::milliseconds limit) {
+    if (!m_systemVersion.m_valid && !Config().m_bAllowDowngrades) {
+        return ZError("the installed version is not known, so any package may be an older one");
+    }
+    return m_trust.Examine(file, ToStdString(m_board), limit);
 }
 
 bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMessageArray>& results,
                                      const CheckOrder& order) {
     using Codes = ZFrameworkErrorCodes;
     ZOperation& operation = *order.operation;
-    const auto deadline = ZClock::now() + std::chrono::seconds(Config().m_CheckTimeoutSeconds);
+    PackageCheck check{file, operation, ZClock::now() + std::chrono::seconds(Config().m_CheckTimeoutSeconds), {}};
     const ZString path = ToZString(file.string());
+    if (m_trust.IsOn()) {
+        auto approved = Approve(file, check.Left());
+        if (!approved) {
+            Z_LOG(4, "Verification failed on %s: %s", path, approved.error().text);
+            Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, approved.error().text,
+                   operation);
+            return false;
+        }
+        check.approved = std::move(*approved);
+    }
     const std::string command = ShellEscape(file.string()) + " --version";
     std::string output;
-    if (!RunCheck(command, output, deadline)) {
+    if (!RunCheck(check, command, output)) {
         Z_LOG(4, "Execute command %s failed: %s", command, output);
         Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
                "it does not tell its version: " + output, operation);
@@ -80,30 +114,42 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
     }
     ZSoftwareVersion version;
     version.Set(ToZString(output));
-    if (!version.m_valid || output.size() > kLongestVersion) {
+    const bool isAnother = check.approved && output != check.approved->package.version;
+    if (!version.m_valid || output.size() > kLongestVersion || isAnother) {
         Z_LOG(4, "File <%s> Invalid package <%s>", path, output);
         Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
-               "what it tells is no version: " + output.substr(0, kShownOutput), operation);
+               (isAnother ? "it does not tell the version that was signed: " : "what it tells is no version: ") +
+                   output.substr(0, kShownOutput),
+               operation);
         return true;
     }
     operation.SetVersion(version.m_text);
-    if (!VerifyPackageFile(file, version, output, deadline)) {
+    return FinishCheck(check, version, results, order);
+}
+
+bool ZNodeArborInstall::FinishCheck(const PackageCheck& check, const ZSoftwareVersion& version,
+                                    std::shared_ptr<ZMessageArray>& results, const CheckOrder& order) {
+    using Codes = ZFrameworkErrorCodes;
+    const fs::path& file = check.file;
+    const ZString path = ToZString(file.string());
+    std::string output;
+    if (!VerifyPackageFile(check, version, output)) {
         Z_LOG(4, "Verification failed on %s: %s", path, output);
-        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, output, operation);
+        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, output, check.operation);
         return false;
     }
     if (!IsVersionAllowed(version, file)) {
         Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED,
-               "it is older than the installed version " + ToStdString(m_systemVersion.m_text), operation);
+               "it is older than the installed version " + ToStdString(m_systemVersion.m_text), check.operation);
         return true;
     }
     if (!RecordPackage(file, version, order)) {
         Z_LOG(4, "File <%s> went away while it was checked", path);
         Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
-               "it went away while it was checked", operation);
+               "it went away while it was checked", check.operation);
         return true;
     }
-    operation.Succeed();
+    check.operation.Succeed();
     return true;
 }
 
@@ -122,16 +168,16 @@ void ZNodeArborInstall::Refuse(std::shared_ptr<ZMessageArray>& results, const ZS
     KeepRefused(version, path, code, operation.Get()->m_Reason);
 }
 
-bool ZNodeArborInstall::VerifyPackageFile(const fs::path& file, const ZSoftwareVersion& version, std::string& output,
-                                          ZClock::time_point deadline) {
-    const std::string escaped = ShellEscape(file.string());
+bool ZNodeArborInstall::VerifyPackageFile(const PackageCheck& check, const ZSoftwareVersion& version,
+                                          std::string& output) {
+    const std::string escaped = ShellEscape(check.file.string());
     Z_LOG(2, "Verify File <%s> Version <%s> Board <%s>", escaped, version.Get(), m_board);
     // The board stands unquoted in the command line: one that a shell would read as more than a word is not passed on.
     if (!IsPlainShellWord(m_board, true)) {
         output = "the board's name can't stand in a command line";
         return false;
     }
-    return RunCheck(escaped + " --verify " + ToStdString(m_board), output, deadline);
+    return RunCheck(check, escaped + " --verify " + ToStdString(m_board), output);
 }
 
 bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const fs::path& file) {

@@ -4,6 +4,18 @@
 
 #include <algorithm>
 
+std::string ShellQuoted(std::string_view text) {
+    std::string quoted = "'";
+    for (const char letter : text) {
+        if (letter == '\'') {
+            quoted += "'\\''";
+        } else {
+            quoted += letter;
+        }
+    }
+    return quoted + "'";
+}
+
 bool IsPlainShellWord(std::string_view text, bool mayBeEmpty) {
     constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-./:+,=@%";
     return (mayBeEmpty || !text.empty()) && text.find_first_not_of(kPlain) == std::string_view::npos;

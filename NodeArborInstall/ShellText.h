@@ -3,6 +3,9 @@
 #include <string>
 #include <string_view>
 
+/// The text in single quotes for a POSIX shell.
+std::string ShellQuoted(std::string_view text);
+
 /// Whether a text can stand unquoted in a shell command line and be read as one word, unchanged: letters, digits and
 /// `_ - . / : + , = @ %` only. An empty text is not one word, but does no harm; `mayBeEmpty` decides.
 bool IsPlainShellWord(std::string_view text, bool mayBeEmpty = false);

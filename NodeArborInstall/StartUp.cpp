@@ -25,6 +25,7 @@ bool ZNodeArborInstall::OnConfig(const std::shared_ptr<ZMessage>& message, const
         return false;
     }
     m_archivePath = m_pConfig->m_archiveRoot;
+    ReadTrust();
     PrepareUpdatesFolder(ZCAST(ZCoreConfigParams, message));
     ReadInstalledSystem();
     ReadArchive();
@@ -41,6 +42,23 @@ void ZNodeArborInstall::ReadIdentity() {
     }
     if (ZPlatform::ReadBoard(m_board)) {
         Z_LOG(2, "Set Board from eeprom to <%s>", m_board);
+    }
+}
+
+void ZNodeArborInstall::ReadTrust() {
+    m_trust = PackageTrust(fs::path(m_pConfig->m_TrustedSigners));
+    if (!m_trust.IsOn()) {
+        Z_LOG(3, "No trusted signers are configured: every package that is brought runs, as root");
+        return;
+    }
+    m_trustProblem.clear();
+    if (const auto signers = ZTrustedSigners::Load(ToStdString(m_pConfig->m_TrustedSigners)); !signers) {
+        m_trustProblem = ToZString(signers.error().text);
+    } else if (const auto confined = PackageTrust::CanConfine(); !confined) {
+        m_trustProblem = ToZString(confined.error().text);
+    }
+    if (!m_trustProblem.empty()) {
+        Z_LOG(4, "No package will be accepted: %s", m_trustProblem);
     }
 }
 

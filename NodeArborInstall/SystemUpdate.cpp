@@ -12,6 +12,13 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// Whoever asks for an install waits for it, so a drive that is slower than this has no package.
+constexpr auto kReadPatience = std::chrono::seconds(5);
+
+}  // namespace
+
 Z_IMPLEMENT(ZNodeArborInstall_ProcessAction)
 Z_IMPLEMENT(ZNodeArborInstall_ProgressAction)
 
@@ -90,6 +97,11 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
                Codes::ERRCODE_BUSY);
         return;
     }
+    const auto sealed = PackageToInstall(package, request.m_Version);
+    if (!sealed) {
+        refuse(sealed.error().text, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+        return;
+    }
     m_UpdateVersion.Exchange(request.m_Version);
     if (const auto relay = StartRelay(request); !relay) {
         refuse("its progress can't be shown: " + relay.error().text, Codes::ERRCODE_INVALID_REQUEST);
@@ -105,7 +117,7 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     Z_LOG(2, "Software update command %s", command);
     // Making the relay ready may have taken longer than its asker waits.
     const auto started = ZResponseSource(request).IsAbandoned() ? ZResult<void>(ZError("whoever asked for it has gone"))
-                                                                : RunInstaller(arguments, life);
+                                                                : RunInstaller(arguments, life, sealed->head);
     m_bUpdateInProgress = started.has_value();
     Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
     answer.m_bSuccess = started.has_value();
@@ -117,6 +129,28 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
         answer.m_ErrorText = ToZString(started.error().text);
         life->OnNotStarted("the installer could not be started: " + answer.m_ErrorText, answer.m_ErrorCode);
     }
+}
+
+ZResult<ZPackage> ZNodeArborInstall::PackageToInstall(const fs::path& package, const ZString& version) {
+    if (!m_trust.IsOn()) {
+        return ZPackage();
+    }
+    auto approved = Approve(package, kReadPatience);
+    const ZSoftwareVersion found(approved ? ToZString(approved->package.version) : ZString());
+    if (approved && ToZString(approved->package.version) == version && IsVersionAllowed(found, package)) {
+        return std::move(approved->package);
+    }
+    const std::string reason = !approved                                         ? approved.error().text
+                               : ToZString(approved->package.version) != version ? "it is another version by now"
+                                                                                 : "it is older than what is installed";
+    const ZString path = ToZString(package.string());
+    Z_LOG(4, "Verification failed on %s: %s", path, reason);
+    ForgetFile(package);
+    KeepRefused(version, path, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, ToZString(reason));
+    auto results = Z_MAKE(ZMessageArray);
+    AddInvalidPackage(results, version, path, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+    CheckAvailableUpdates(results, true);
+    return ZError(reason);
 }
 
 /// The relay's socket has to listen before the installer connects, which it may do only once.
@@ -141,11 +175,12 @@ void ZNodeArborInstall::StopRelay() {
 }
 
 ZResult<void> ZNodeArborInstall::RunInstaller(const std::vector<std::string>& arguments,
-                                              const std::shared_ptr<InstallLife>& life) {
+                                              const std::shared_ptr<InstallLife>& life, std::string_view sealed) {
     if (InShutdown()) {  // a request that was still queued has no requester any more
         return ZError("the host stops");
     }
-    const auto process = ZPlatform::StartProgram(arguments, {"ARBOR_OPERATION=" + ToStdString(life->Operation().Id())});
+    const auto process =
+        ZPlatform::StartProgram(arguments, {"ARBOR_OPERATION=" + ToStdString(life->Operation().Id())}, sealed);
     if (!process) {
         return process.error();
     }

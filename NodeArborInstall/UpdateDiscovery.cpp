@@ -102,7 +102,7 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
         }
         return;
     }
-    const bool executable = IsExecutable(status.permissions());
+    const bool executable = Node().MayBePackage(status.permissions());
     if (executable && file.extension() == ".pkg") {
         Z_LOG(2, "Found package file %s", file);
         Node().CheckNow(file, results, m_pMessage.get());

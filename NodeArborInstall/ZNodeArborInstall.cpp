@@ -1,4 +1,5 @@
 #include "ZNodeArborInstall.h"
+#include "ShellText.h"
 
 #include "ZShared/ZPlatform.h"
 
@@ -86,15 +87,7 @@ bool ZNodeArborInstall::OnShutdownRequest(bool) {
 }
 
 std::string ZNodeArborInstall::ShellEscape(const std::string& text) {
-    std::string escaped = "'";
-    for (const char c : text) {
-        if (c == '\'') {
-            escaped += "'\\''";
-        } else {
-            escaped += c;
-        }
-    }
-    return escaped + "'";
+    return ShellQuoted(text);
 }
 
 bool ZNodeArborInstall::RunCommand(const std::string& commandLine) {

@@ -7,6 +7,7 @@
 #include "CheckQueue.h"
 #include "InstallLife.h"
 #include "NodeBase/ZNode.h"
+#include "PackageTrust.h"
 #include "ProgressRelay.h"
 #include "VersionTables.h"
 #include "ZNodeArborInstallCfg.h"
@@ -124,6 +125,9 @@ public:
     /// The file is no package any more, or was not accepted as one.
     /// Whether it was known.
     bool ForgetFile(const std::filesystem::path& file);
+    /// Whether a file with this status may be a package: without a trust policy it runs as it is, so it has to be
+    /// executable.
+    bool MayBePackage(std::filesystem::perms permissions) const;
     /// The jobs of a message that were not taken over will not be.
     void DropJobs(const ZMessage& message);
     /// Removes the uploads that were refused, once that was told.
@@ -137,6 +141,7 @@ private:
 
     // Start-up, in this order.
     void ReadIdentity();
+    void ReadTrust();
     void PrepareUpdatesFolder(const std::shared_ptr<ZCoreConfigParams>& core);
     void MakeEmptyFolder(const std::filesystem::path& folder);
     void ReadInstalledSystem();
@@ -182,11 +187,16 @@ private:
                            const ZOperationSubject& subject, const ZMessage* request);
     bool CheckPackage(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results,
                       const CheckOrder& order);
-    bool RunCheck(const std::string& command, std::string& output, ZClock::time_point deadline);
+    struct PackageCheck;
+    /// With a trust policy: reads the file and says whether it may run on this device.
+    ZResult<PackageTrust::Approved> Approve(const std::filesystem::path& file, std::chrono::milliseconds limit);
+    /// What comes once it has told its version.
+    bool FinishCheck(const PackageCheck& check, const ZSoftwareVersion& version,
+                     std::shared_ptr<ZMessageArray>& results, const CheckOrder& order);
+    bool RunCheck(const PackageCheck& check, const std::string& command, std::string& output);
     void Refuse(std::shared_ptr<ZMessageArray>& results, const ZString& version, const std::filesystem::path& file,
                 ZFrameworkErrorCodes::ZErrorCode code, const std::string& reason, ZOperation& operation);
-    bool VerifyPackageFile(const std::filesystem::path& file, const ZSoftwareVersion& version, std::string& output,
-                           ZClock::time_point deadline);
+    bool VerifyPackageFile(const PackageCheck& check, const ZSoftwareVersion& version, std::string& output);
     bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
     /// False when the file is no longer there.
@@ -202,7 +212,10 @@ private:
     /// Whether the installer can report its progress, or does so elsewhere.
     ZResult<void> StartRelay(const ZSystemUpdateMsg& request);
     void StopRelay();
-    ZResult<void> RunInstaller(const std::vector<std::string>& arguments, const std::shared_ptr<InstallLife>& life);
+    ZResult<void> RunInstaller(const std::vector<std::string>& arguments, const std::shared_ptr<InstallLife>& life,
+                               std::string_view sealed);
+    /// With a trust policy: the package checked again, whose head is to run in its place; else one without a head.
+    ZResult<ZPackage> PackageToInstall(const std::filesystem::path& package, const ZString& version);
 
     // Compatibility.
     void DecideBuild(const std::shared_ptr<ZMessage>& request);
@@ -229,8 +242,10 @@ private:
     std::optional<ZDeviceModel> m_deviceModel;
     ZString m_model;
     ZString m_board;
-    ZGuarded<ZString> m_UpdateVersion;             // of the install started last, here or on the accessory
-    ZGuarded<ZString> m_RemoteInstallSerial;       // of the accessory that was to be installed last
+    PackageTrust m_trust;
+    ZString m_trustProblem;                   // why no package can be accepted with this policy; empty: none is known
+    ZGuarded<ZString> m_UpdateVersion;        // of the install started last, here or on the accessory
+    ZGuarded<ZString> m_RemoteInstallSerial;  // of the accessory that was to be installed last
     std::atomic<bool> m_bUpdateInProgress{false};  // of this device; an install never clears it once it runs
     ZUseFlag m_remoteInstalls;                     // held by those under way on accessories
     std::atomic<bool> m_bBuildInProgress{false};

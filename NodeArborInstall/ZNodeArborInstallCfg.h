@@ -22,6 +22,7 @@ public:
     ZString m_RunRecoveryCmd;
     std::uint32_t m_CheckTimeoutSeconds = 60;
     std::uint32_t m_AccessoryPatienceSeconds = 60;
+    ZString m_TrustedSigners;
 
     /// Derived, when the record is read: the device's mount point and ArchiveDir, which is a further component whatever
     /// it begins with. ArchiveDir alone when the device is not mounted; empty without a device.
@@ -83,6 +84,12 @@ private:
                 .Means("How long the check of a package file may take."),
             Z_KEYED_FIELD("AccessoryPatienceSeconds", m_AccessoryPatienceSeconds)
                 .In(1, 3600)
-                .Means("How long an accessory's installer may be out of reach until its install counts as failed."));
+                .Means("How long an accessory's installer may be out of reach until its install counts as failed."),
+            Z_KEYED_FIELD("TrustedSigners", m_TrustedSigners)
+                .Path()
+                .OrEmpty()
+                .Means("Folder of the certificates whose packages may run: nothing of others runs. Empty: whatever is "
+                       "brought and may be executed runs, as root.",
+                       "\"/etc/arbor/trust\""));
     }
 };

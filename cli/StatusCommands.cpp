@@ -102,6 +102,19 @@ void AddJobs(Table& table, const json::value& status) {
     table.AddRow({"Under way", installing.is_bool() ? known : kUnknown});
 }
 
+/// Whose packages run.
+std::string TrustText(const json::value& status) {
+    const std::string signers = fields::Text(status, "trustedSigners");
+    const std::string problem = fields::Text(status, "trustProblem");
+    if (!fields::Member(status, "trustedSigners").is_string()) {
+        return kUnknown;
+    }
+    if (signers.empty()) {
+        return "off: everybody's packages run";
+    }
+    return "signers in " + signers + (problem.empty() ? "" : "; no package is accepted: " + problem);
+}
+
 std::string StatusText(const json::value& status) {
     const json::value& device = fields::Member(status, "device");
     Table table;
@@ -115,6 +128,7 @@ std::string StatusText(const json::value& status) {
     AddRows(table, "Archive", Texts(status, "archive", VersionText), "empty");
     table.AddRow({"Free", SizeText(status, "updatesFree") + " for uploads, " + SizeText(status, "archiveFree") +
                               " in the archive"});
+    table.AddRow({"Trust", TrustText(status)});
     AddRows(table, "Drives", Texts(status, "drives", DriveText), "none");
     if (fields::Flag(status, "developerMode")) {
         table.AddRow(

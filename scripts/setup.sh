@@ -9,7 +9,7 @@ packages=(
     libmount-dev libsystemd-dev libssl-dev libsodium-dev libzmq3-dev cppzmq-dev libsqlite3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl shellcheck curl util-linux mount procps ca-certificates git
-    avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs
+    avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
 )
 # The simulated devices start services of their own; the machine is not to run what the packages bring.
 declare -A units=([avahi-daemon]="avahi-daemon.service avahi-daemon.socket" [openssh-server]="ssh.service ssh.socket")

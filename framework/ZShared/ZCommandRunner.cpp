@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -14,8 +15,6 @@
 #include "ZShared/ZDeadline.h"
 #include "ZShared/ZPidFd.h"
 #include "ZShared/ZStopEvent.h"
-
-extern char** environ;
 
 namespace {
 
@@ -51,10 +50,14 @@ public:
             argv.push_back(const_cast<char*>(argument.c_str()));  // posix_spawn's old signature; it does not write
         }
         argv.push_back(nullptr);
+        std::vector<std::string> variables = ProgramEnvironment();
+        std::vector<char*> envp;
+        std::ranges::transform(variables, std::back_inserter(envp), [](std::string& text) { return text.data(); });
+        envp.push_back(nullptr);
         // Whatever a library left open without close-on-exec: a detached program would keep it for good.
         ::posix_spawn_file_actions_addclosefrom_np(&m_actions, STDERR_FILENO + 1);
         pid_t child = -1;
-        const int failure = ::posix_spawn(&child, argv[0], &m_actions, &m_attributes, argv.data(), environ);
+        const int failure = ::posix_spawn(&child, argv[0], &m_actions, &m_attributes, argv.data(), envp.data());
         if (failure != 0) {
             return ZError::OfSystem(arguments.front(), failure);
         }

@@ -17,6 +17,9 @@ struct ZCommandResult {
     std::string reason;  ///< why it did not run to its end by itself (not started, timed out, stopped); else empty
 };
 
+/// This process's environment without what is between it and the service manager: what programs that it starts get.
+std::vector<std::string> ProgramEnvironment();
+
 using ZOutputCallback = std::function<void(std::string_view)>;
 
 /// Runs `commandLine` with /bin/sh in a process group of its own and waits for its end; standard output goes to
@@ -29,8 +32,11 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
 /// Starts a program in a session of its own with standard input from /dev/null, and `further` variables ("NAME=value")
 /// beside this process's own. Returns its process id; the caller reaps it. A file that can't be read within `limit`,
 /// as on a drive that does not answer any more, is an error, and nothing runs.
+/// With `sealed`, those bytes run in place of the file's: for the program alone they stand at the file's path, on a
+/// mount that may be noexec, and nobody can change them. The file as it is then is open in the program, not followed
+/// where it is a link; ARBOR_PACKAGE_FD names the descriptor.
 ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const std::vector<std::string>& further = {},
-                             std::chrono::milliseconds limit = std::chrono::seconds(10));
+                             std::chrono::milliseconds limit = std::chrono::seconds(10), std::string_view sealed = {});
 
 /// Whether there is a file; an error when that can't be learnt within `limit`. A drive that does not answer keeps only
 /// a child process waiting.

@@ -1,7 +1,7 @@
 #include <fcntl.h>
-#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,77 +9,13 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <functional>
 
-#include "ZShared/ZChildReaper.h"
 #include "ZShared/ZCommandRunner.h"
-#include "ZShared/ZDeadline.h"
-#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZForkedChild.h"
 
 extern char** environ;
 
 namespace {
-
-/// Runs `body` in a child, which may block for good where the caller must not. The child reports an error number, or
-/// closes the pipe without one. Between fork and exec only what is safe there may be called.
-class Child {
-public:
-    ZResult<void> Start(const std::string& name, const std::function<void(int report)>& body) {
-        std::array<int, 2> ends{-1, -1};
-        if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-            return ZError::OfSystem("pipe", errno);
-        }
-        m_report.Reset(ends[0]);
-        const ZFileDescriptor writer(ends[1]);
-        m_name = name;
-        m_id = ::fork();
-        if (m_id < 0) {
-            return ZError::OfSystem(name, errno);
-        }
-        if (m_id == 0) {
-            body(writer.Get());
-            ::_exit(127);
-        }
-        return {};
-    }
-
-    /// What the child reported, 0 for nothing; an error when it takes too long, after which it is ended.
-    ZResult<int> Report(std::chrono::milliseconds limit) {
-        const auto deadline = ZClock::now() + limit;
-        pollfd entry{m_report.Get(), POLLIN, 0};
-        int ready = 0;
-        do {
-            ready = ::poll(&entry, 1, PollTimeout(deadline));
-        } while (ready < 0 && errno == EINTR);
-        int error = 0;
-        if (ready > 0 && ::read(m_report.Get(), &error, sizeof error) >= 0) {
-            return error;
-        }
-        ::kill(m_id, SIGKILL);
-        ZChildReaper::Instance().Watch(m_id, m_name);  // one that is stuck in the kernel ends when the kernel lets it
-        return ZError(m_name + ": it does not answer");
-    }
-
-    /// What the child wrote behind its report, in the same write: more is not waited for, since another child that
-    /// was forked meanwhile may hold the pipe open.
-    std::string Rest() const {
-        std::array<char, PATH_MAX> bytes{};
-        const ssize_t count = ::read(m_report.Get(), bytes.data(), bytes.size());
-        return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
-    }
-
-    pid_t Id() const { return m_id; }
-    /// For one that has reported, and so ends now.
-    void Reap() const {
-        while (::waitpid(m_id, nullptr, 0) < 0 && errno == EINTR) {
-        }
-    }
-
-private:
-    pid_t m_id = -1;
-    std::string m_name;
-    ZFileDescriptor m_report;
-};
 
 std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
@@ -89,6 +25,14 @@ std::vector<char*> Pointers(const std::vector<std::string>& texts) {
     }
     pointers.push_back(nullptr);
     return pointers;
+}
+
+/// What a program of its own must not inherit: the service manager's doors and orders are this process's.
+bool IsPrivate(std::string_view variable) {
+    static constexpr std::array kNames{
+        "NOTIFY_SOCKET=", "LISTEN_FDS=",    "LISTEN_PID=",     "LISTEN_FDNAMES=", "WATCHDOG_USEC=",
+        "WATCHDOG_PID=",  "INVOCATION_ID=", "JOURNAL_STREAM=", "FDSTORE="};
+    return std::ranges::any_of(kNames, [&](const char* name) { return variable.starts_with(name); });
 }
 
 /// Nothing of this process must reach the program: signals, descriptors, standard input.
@@ -109,24 +53,101 @@ void Detach(int report) {
     ::close_range(kReport + 1, ~0U, 0);
 }
 
+constexpr int kPackage = 9;  // where the program finds the file that it was started from
+constexpr const char* kPackageVariable = "ARBOR_PACKAGE_FD=9";
+constexpr const char* kStage =
+    "/tmp";  // any folder that is there: it is covered for a moment, in the child's view only
+
+/// This process's ids stand for themselves in a user namespace, for a host that is not root.
+struct UserMap {
+    std::string users = std::to_string(::getuid()) + " " + std::to_string(::getuid()) + " 1";
+    std::string groups = std::to_string(::getgid()) + " " + std::to_string(::getgid()) + " 1";
+};
+
+bool WriteText(const char* file, std::string_view text) {
+    const int descriptor = ::open(file, O_WRONLY | O_CLOEXEC);
+    const bool written =
+        descriptor >= 0 && ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(descriptor);
+    return written;
+}
+
+/// A view of the mounts of its own, in which changes of others are still seen.
+bool TakeOwnView(const UserMap& map) {
+    if (::unshare(CLONE_NEWNS) != 0) {
+        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !WriteText("/proc/self/setgroups", "deny") ||
+            !WriteText("/proc/self/uid_map", map.users) || !WriteText("/proc/self/gid_map", map.groups)) {
+            return false;
+        }
+    }
+    return ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0;
+}
+
+/// Makes a file with these bytes that can't be reached once the stage is gone.
+bool WriteStaged(const char* stage, std::string_view bytes) {
+    const int file = ::open(stage, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0555);
+    while (file >= 0 && !bytes.empty()) {
+        const ssize_t count = ::write(file, bytes.data(), bytes.size());
+        if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(count < 0 ? 0 : count));
+    }
+    return file >= 0 && ::fchmod(file, 0555) == 0 && ::close(file) == 0;
+}
+
+/// Lays a file with these bytes over `path`, which may itself lie where the stage is.
+bool Cover(const char* path, const char* stage, std::string_view bytes) {
+    constexpr int kTarget = kPackage + 1;
+    const int found = ::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (found < 0 || ::dup3(found, kTarget, O_CLOEXEC) != kTarget ||
+        ::mount("arbor", kStage, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700,size=16m") != 0 ||
+        !WriteStaged(stage, bytes) || ::mount(stage, "/proc/self/fd/10", nullptr, MS_BIND, nullptr) != 0 ||
+        ::umount2(kStage, MNT_DETACH) != 0) {
+        return false;
+    }
+    constexpr unsigned long kFlags = MS_REMOUNT | MS_BIND | MS_RDONLY | MS_NOSUID | MS_NODEV;
+    return ::mount(nullptr, path, nullptr, kFlags, nullptr) == 0;
+}
+
+/// Has `bytes` stand at the file's path, for this process and its children alone, and the file itself be open.
+bool Seal(const char* path, const char* stage, std::string_view bytes, const UserMap& map) {
+    const int file = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    return file >= 0 && ::dup2(file, kPackage) == kPackage && TakeOwnView(map) && Cover(path, stage, bytes);
+}
+
 }  // namespace
 
+std::vector<std::string> ProgramEnvironment() {
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        if (!IsPrivate(*variable)) {
+            variables.emplace_back(*variable);
+        }
+    }
+    return variables;
+}
+
 ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const std::vector<std::string>& further,
-                             std::chrono::milliseconds limit) {
+                             std::chrono::milliseconds limit, std::string_view sealed) {
     if (arguments.empty()) {
         return ZError("no program given");
     }
-    std::vector<std::string> variables;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        variables.emplace_back(*variable);
-    }
+    std::vector<std::string> variables = ProgramEnvironment();
     variables.insert(variables.end(), further.begin(), further.end());
+    if (!sealed.empty()) {
+        variables.emplace_back(kPackageVariable);
+    }
+    const UserMap map;
+    const std::string stage = std::string(kStage) + "/package";
     const auto argv = Pointers(arguments);
     const auto envp = Pointers(variables);
-    Child child;
+    ZForkedChild child;
     const auto started = child.Start(arguments.front(), [&](int report) {
         Detach(report);
-        ::execve(argv[0], argv.data(), envp.data());
+        if (sealed.empty() || Seal(argv[0], stage.c_str(), sealed, map)) {
+            ::execve(argv[0], argv.data(), envp.data());
+        }
         const int error = errno;
         static_cast<void>(::write(STDERR_FILENO + 1, &error, sizeof error));
     });
@@ -145,7 +166,7 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
 }
 
 ZResult<bool> ExistsWithin(const std::string& path, std::chrono::milliseconds limit) {
-    Child child;
+    ZForkedChild child;
     const auto started = child.Start(path, [&](int report) {
         struct stat status {};
         const int error = ::stat(path.c_str(), &status) == 0 ? 0 : errno;
@@ -168,7 +189,7 @@ ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chron
         int error = 0;
         std::array<char, PATH_MAX> path{};
     };
-    Child child;
+    ZForkedChild child;
     const auto started = child.Start(path, [&](int report) {
         Found found;
         const int file = ::open(path.c_str(), O_PATH | O_CLOEXEC);

@@ -173,9 +173,9 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallbac
 }
 
 ZResult<pid_t> ZPlatform::StartProgram(const std::vector<std::string>& arguments,
-                                       const std::vector<std::string>& further) {
+                                       const std::vector<std::string>& further, std::string_view sealed) {
     try {
-        auto child = StartDetached(arguments, further, kReadLimit);
+        auto child = StartDetached(arguments, further, kReadLimit, sealed);
         if (!child) {
             Z_LOG(4, "%s", child.error().text);
         }

@@ -131,6 +131,8 @@ json::object StatusSchema() {
                                         {"refused", PackagesSchema(true)},
                                         {"updatesFree", Nullable("integer")},
                                         {"archiveFree", Nullable("integer")},
+                                        {"trustedSigners", Nullable("string")},
+                                        {"trustProblem", Nullable("string")},
                                         {"developerMode", {{"type", "boolean"}}}}}};
 }
 

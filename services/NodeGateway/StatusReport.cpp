@@ -98,8 +98,8 @@ json::array List(const ZVector<std::shared_ptr<ZPackageInfoMsg>>& packages,
 /// What the inventory tells beside what is told without one too.
 void AddInventory(json::object& document, const std::shared_ptr<ZInventoryMsg>& inventory) {
     if (!inventory) {
-        for (const char* key :
-             {"runningSlot", "nextSlot", "nextVersion", "archive", "refused", "updatesFree", "archiveFree"}) {
+        for (const char* key : {"runningSlot", "nextSlot", "nextVersion", "archive", "refused", "updatesFree",
+                                "archiveFree", "trustedSigners", "trustProblem"}) {
             document[key] = nullptr;
         }
         return;
@@ -111,6 +111,8 @@ void AddInventory(json::object& document, const std::shared_ptr<ZInventoryMsg>& 
     document["refused"] = List(inventory->m_Refused, RefusedPackage);
     document["updatesFree"] = CountOrNull(inventory->m_UpdatesFree);
     document["archiveFree"] = CountOrNull(inventory->m_ArchiveFree);
+    document["trustedSigners"] = std::string_view(inventory->m_TrustedSigners);
+    document["trustProblem"] = TextOrNull(inventory->m_TrustProblem);
 }
 
 json::value Jobs(const std::shared_ptr<ZOperationsMsg>& open) {

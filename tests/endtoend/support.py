@@ -1,5 +1,6 @@
 """What the end-to-end tests share: a freshly furnished instrument with its graph host, and packages of many kinds."""
 
+import json
 import os
 import socket
 import subprocess
@@ -17,19 +18,36 @@ TOO_OLD = "ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"
 class InstrumentCase(LoggedCase):
     """Every test begins on an instrument as it left the factory, with arbord running, and ends with arbord ending well."""
 
+    TRUST = ""
+    """The folder of trusted signers; empty for tests whose packages are scripts that nobody signed."""
+
     def setUp(self) -> None:
         furnish.furnish(FIXTURES)
+        configure("ArborInstall", TrustedSigners=self.TRUST)
         self.process = host.start()
         self.addCleanup(self._end)
         # A stick that comes during the start-up scan would be announced twice.
         wait_until(lambda: "Scan drives Action complete" in (paths.LOGS / "arbord.log").read_text(errors="replace"),
                    "the start-up scan is over")
 
+    def restart(self) -> None:
+        """Ends arbord, and starts it again."""
+        host.stop()
+        self.assertEqual(0, self.process.wait())
+        self.process = host.start()
+
     def _end(self) -> None:
         for name in filter(sticks.is_attached, paths.STICK_NAMES):
             sticks.detach(name)
         host.stop()
         self.assertEqual(0, self.process.wait(), "arbord did not end well:\n" + host.said())
+
+
+def configure(node: str, **settings: object) -> None:
+    """Sets settings of a node in the graph file; what arbord reads at its next start."""
+    graph = json.loads(paths.GRAPH.read_text())
+    next(entry for entry in graph["nodes"] if entry["name"] == node)["config"].update(settings)
+    furnish.write_json(paths.GRAPH, graph)
 
 
 def arborctl(*arguments: str) -> subprocess.CompletedProcess:

@@ -97,12 +97,8 @@ class Silent(InstrumentCase):
     def test_request_whose_asker_has_gone_is_not_begun(self) -> None:
         drive = self.attach(stick_package("3.046"))
         wait_until(lambda: gateway.updates() == ["3.046"], "3.046 is offered")
-        host.stop()
-        self.assertEqual(0, self.process.wait())
-        graph = json.loads(paths.GRAPH.read_text())
-        next(node for node in graph["nodes"] if node["name"] == "Gateway")["config"]["answerTimeoutSeconds"] = 1
-        furnish.write_json(paths.GRAPH, graph)
-        self.process = host.start()
+        configure("Gateway", answerTimeoutSeconds=1)
+        self.restart()
         wait_until(lambda: gateway.updates() == ["3.046"], "3.046 is offered again")
         drive.falls_silent()
         statuses: list[int] = []

@@ -73,7 +73,8 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     EXPECT_EQ(Get("/v1/status").body, R"({"version":null,"hash":null,"installedVersion":null,"updateInProgress":null,)"
                                       R"("device":null,"updates":null,"progress":null,"drives":null,"operations":null,)"
                                       R"("runningSlot":null,"nextSlot":null,"nextVersion":null,"archive":null,)"
-                                      R"("refused":null,"updatesFree":null,"archiveFree":null,"developerMode":false})");
+                                      R"("refused":null,"updatesFree":null,"archiveFree":null,"trustedSigners":null,)"
+                                      R"("trustProblem":null,"developerMode":false})");
     const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {
         probe->Listen(type, keyword, [=](const auto&) { return Made(className, json); });
     };

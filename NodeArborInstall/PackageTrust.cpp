@@ -1,0 +1,161 @@
+#include "PackageTrust.h"
+
+#include <unistd.h>
+
+#include <atomic>
+
+#include "ShellText.h"
+#include "ZShared/ZFileSnapshot.h"
+#include "ZShared/ZPlatform.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// What of a package is read before it runs: what the format allows for its head and its trailer.
+constexpr ZSnapshotSize kRead{.begin = std::size_t{4'300'000}, .end = std::size_t{64} * 1024};
+
+// Users that own nothing on the system. Checks at the same time have different ones: the limit on processes is a
+// user's.
+constexpr unsigned kFirstNobody = 65'000;
+constexpr unsigned kNobodies = 16;
+
+// Far more than any package needs to answer.
+constexpr const char* kMostMemory = "536870912";  // bytes, of each process
+constexpr const char* kMostProcesses = "32";
+constexpr const char* kMostFiles = "64";
+constexpr const char* kScratch = "16777216";  // bytes
+
+using Texts = std::vector<std::string>;
+
+void Append(Texts& texts, std::initializer_list<const char*> further) {
+    texts.insert(texts.end(), further.begin(), further.end());
+}
+
+/// Folders that anybody may look into, down to where `file` will be.
+void AppendFolders(Texts& texts, const fs::path& file) {
+    fs::path folder;
+    for (const fs::path& part : file.parent_path()) {
+        folder /= part;
+        if (folder != folder.root_path()) {
+            Append(texts, {"--perms", "0755", "--dir", folder.c_str()});
+        }
+    }
+}
+
+/// An empty system with the programs and libraries of this one.
+Texts EmptySystem() {
+    Texts words{"bwrap",
+                "--unshare-ipc",
+                "--unshare-net",
+                "--unshare-pid",
+                "--unshare-uts",
+                "--unshare-cgroup-try",
+                "--die-with-parent",
+                "--new-session",
+                "--clearenv",
+                "--cap-drop",
+                "ALL"};
+    if (::geteuid() == 0) {  // to become nobody, and no longer
+        Append(words, {"--cap-add", "CAP_SETUID", "--cap-add", "CAP_SETGID", "--cap-add", "CAP_SETPCAP"});
+    } else {
+        Append(words, {"--unshare-user"});
+    }
+    AppendFolders(words, "/etc/any");
+    for (const char* const folder : {"/usr", "/bin", "/sbin", "/lib", "/lib32", "/lib64", "/etc/alternatives",
+                                     "/etc/ld.so.cache", "/etc/ld.so.conf", "/etc/ld.so.conf.d", "/etc/localtime"}) {
+        Append(words, {"--ro-bind-try", folder, folder});
+    }
+    Append(words,
+           {"--proc", "/proc", "--dev", "/dev", "--size", kScratch, "--perms", "1777", "--tmpfs", "/tmp", "--chdir",
+            "/tmp", "--setenv", "PATH", "/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "--setenv", "LANG", "C.UTF-8"});
+    return words;
+}
+
+/// What goes before the command, in the empty system.
+Texts Limits(std::chrono::seconds limit) {
+    const std::string time = "--cpu=" + std::to_string(limit.count() + 1);
+    Texts words{"--", "choom", "-n", "1000", "--", "prlimit", "--core=0", time};
+    for (const auto& [option, value] : {std::pair{"--as=", kMostMemory},
+                                        {"--nproc=", kMostProcesses},
+                                        {"--nofile=", kMostFiles},
+                                        {"--fsize=", kScratch}}) {
+        words.push_back(std::string(option) + value);
+    }
+    words.emplace_back("--");
+    if (::geteuid() == 0) {
+        static std::atomic<unsigned> next{0};
+        const std::string nobody = std::to_string(kFirstNobody + next++ % kNobodies);
+        Append(words, {"setpriv", "--reuid", nobody.c_str(), "--regid", nobody.c_str(), "--clear-groups",
+                       "--inh-caps=-all", "--bounding-set=-all", "--no-new-privs", "--"});
+    }
+    return words;
+}
+
+std::string CommandLine(const Texts& words) {
+    std::string line;
+    for (const std::string& word : words) {
+        line += ShellQuoted(word) + " ";
+    }
+    return line;
+}
+
+}  // namespace
+
+ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& file, const std::string& board,
+                                                      std::chrono::milliseconds limit) const {
+    const auto signers = ZTrustedSigners::Load(m_signers.string());
+    if (!signers) {
+        return signers.error();
+    }
+    if (board.empty()) {
+        return ZError("this device's board is not known, so no package can be for it");
+    }
+    const auto copy = SnapshotFile(file.string(), kRead, limit);
+    if (!copy) {
+        return copy.error();
+    }
+    auto package = ZPackage::Read(copy->Get());
+    if (!package) {
+        return ZError(package.error().sentence);
+    }
+    if (package->format == 1) {
+        return ZError("it is a package of format 1, whose signature can't be checked before it runs");
+    }
+    if (const ZVerdict verdict = signers->Judge(*package, board); !verdict.IsGood()) {
+        return ZError(verdict.sentence);
+    }
+    auto head = SealedFile(package->head);
+    if (!head) {
+        return head.error();
+    }
+    return Approved{std::move(*package), std::move(*head)};
+}
+
+std::string PackageTrust::Confined(const std::string& command, const fs::path& file, const Approved& package,
+                                   std::chrono::seconds limit) const {
+    // The shell opens both before anything is confined: the file, which holds the payload, and the copy of its head.
+    const std::string head = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(package.head.Get());
+    Texts words = EmptySystem();
+    AppendFolders(words, m_signers / "any");
+    AppendFolders(words, file);
+    Append(words, {"--ro-bind", m_signers.c_str(), m_signers.c_str(), "--setenv", "ARBOR_TRUST", m_signers.c_str(),
+                   "--setenv", "ARBOR_PACKAGE_FD", "9", "--perms", "0555", "--ro-bind-data", "8", file.c_str()});
+    const Texts limits = Limits(limit);
+    words.insert(words.end(), limits.begin(), limits.end());
+    Append(words, {"/bin/sh", "-c"});
+    words.push_back(command);
+    return "exec " + CommandLine(words) + "8<" + ShellQuoted(head) + " 9<" + ShellQuoted(file.string());
+}
+
+ZResult<void> PackageTrust::CanConfine() {
+    Texts words = EmptySystem();
+    const Texts limits = Limits(std::chrono::seconds(10));
+    words.insert(words.end(), limits.begin(), limits.end());
+    words.emplace_back("true");
+    std::string output;
+    if (ZPlatform::ExecuteCommand(CommandLine(words) + "2>&1", output, std::chrono::seconds(10))) {
+        return {};
+    }
+    return ZError("checks can't be confined: " + output);
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+
+#include "ZShared/ZError.h"
+#include "ZShared/ZFileDescriptor.h"
+#include "ZTrust/ZTrust.h"
+
+/// Which packages may run, and how: with a folder of trusted signers a package is read before anything of it runs, and
+/// what runs is the copy that was read. Without one every file that may be executed is believed. Thread-safe.
+class PackageTrust {
+public:
+    PackageTrust() = default;
+    explicit PackageTrust(std::filesystem::path signers) : m_signers(std::move(signers)) {}
+
+    bool IsOn() const { return !m_signers.empty(); }
+
+    /// A package that may run.
+    struct Approved {
+        ZPackage package;
+        ZFileDescriptor head;  ///< what runs, sealed
+    };
+    /// Reads the file, which may be exchanged at any moment, within `limit`, and judges what was read. The error says
+    /// why it may not run on `board`, which has to be known.
+    ZResult<Approved> Examine(const std::filesystem::path& file, const std::string& board,
+                              std::chrono::milliseconds limit) const;
+
+    /// The shell command line that runs `command`, which names the package's file, with the approved bytes at that
+    /// path, apart from the system: no network, no other processes, nothing of the files but programs and libraries,
+    /// nowhere to write but a small folder, no privileges; memory, processes and processor time are bounded, and all of
+    /// it ends with the command.
+    std::string Confined(const std::string& command, const std::filesystem::path& file, const Approved& package,
+                         std::chrono::seconds limit) const;
+
+    /// Whether this system can run commands so; the reason when it can't.
+    static ZResult<void> CanConfine();
+
+private:
+    std::filesystem::path m_signers;
+};

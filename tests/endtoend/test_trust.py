@@ -1,0 +1,213 @@
+"""Packages of strangers, and packages that are exchanged: nothing of them runs. What is signed runs apart from the system."""
+
+import os
+import shutil
+import subprocess
+import sys
+import threading
+import unittest
+from pathlib import Path
+
+from installs import ended, jobs
+from simulation import gateway, paths, places, sticks
+from support import FIXTURES, InstrumentCase, arborctl, both_slots, configure, script_package, stick_package, wait_until
+
+RAN = paths.RUNTIME / "ran"
+STRANGER = f"touch {RAN}; case $1 in --version) echo 9.999;; esac"
+EXCHANGES = 20
+# What a package tries while it is verified, and tells as the reason why it should not be installed.
+TRIES = f"""
+case $1 in --version) echo @VERSION@; exit 0;; esac
+said=""
+tried() {{ said="$said $1"; }}
+touch {RAN} 2>/dev/null && tried wrote-runtime
+touch {paths.STORAGE}/x 2>/dev/null && tried wrote-storage
+touch /usr/x 2>/dev/null && tried wrote-system
+cat {paths.CONFIG}/installer.json >/dev/null 2>&1 && tried read-settings
+cat /etc/shadow >/dev/null 2>&1 && tried read-secrets
+[ -e {paths.GATEWAY} ] && tried saw-gateway
+[ -e /run/systemd ] && tried saw-service-manager
+[ "$(ls /proc | grep -c '^[0-9]')" -gt 12 ] && tried saw-processes
+[ "$(id -u)" = 0 ] && tried is-root
+grep -q 'CapEff:.*[1-9a-f]' /proc/self/status && tried has-capabilities
+[ "$(grep -c : /proc/net/dev)" -gt 1 ] && tried saw-network
+[ -n "$NOTIFY_SOCKET$ARBOR_SECRET" ] && tried saw-environment
+kill -9 -1 2>/dev/null
+(setsid sleep 1000 &) >/dev/null 2>&1 </dev/null
+echo "tried:$said"
+exit 1
+"""
+
+
+def signed_script(version: str, text: str) -> Path:
+    """A package with the release's signature whose beginning is a script of the test's own."""
+    folder = paths.STATE / "signed-scripts" / version
+    tools = folder / "packages"
+    shutil.copytree(paths.PROJECT / "packages", tools)
+    (tools / "installer/arborinstaller/stub.sh").write_text("#!/bin/sh\n" + text)
+    (folder / "system.img").write_bytes(b"image")
+    return build(folder / f"arbor-{version}.pkg", version, tools=tools, image=folder / "system.img")
+
+
+def build(package: Path, version: str, board: str = "verdin-imx8mm", keys: Path = FIXTURES / "keys",
+          tools: Path = paths.PROJECT / "packages", image: Path | None = None) -> Path:
+    package.parent.mkdir(parents=True, exist_ok=True)
+    subprocess.run([sys.executable, "-B", tools / "arbor-pkg", "build", "--version", version, "--board", board,
+                    "--payload", image or paths.GRAPH, "--key", keys / "key.pem", "--cert", keys / "cert.pem",
+                    "-o", package], check=True, stdout=subprocess.DEVNULL)
+    return package
+
+
+def refusal(name: str) -> str:
+    """Why the file of that name was refused; empty when it was not."""
+    refused = gateway.post("inventory")[1]["refused"]
+    return next((entry["reason"] for entry in refused if Path(entry["file"]).name == name), "")
+
+
+@unittest.skipIf(paths.plain_mode(), "nothing can be mounted here")
+class Trust(InstrumentCase):
+    TRUST = str(paths.TRUST)
+
+    def insert(self, *files: Path) -> Path:
+        RAN.unlink(missing_ok=True)
+        checked = len(jobs("Scan"))
+        drive = sticks.attach(list(files))
+        wait_until(lambda: [scan["state"] for scan in jobs("Scan")][:1] == ["Succeeded"] and len(jobs("Scan")) > checked,
+                   "the stick was looked at")
+        return drive
+
+    def test_nothing_of_a_stranger_runs(self) -> None:
+        stranger = paths.STATE / "stranger"
+        subprocess.run([sys.executable, "-B", paths.PROJECT / "packages" / "arbor-pkg", "keygen", "--out", stranger,
+                        "--name", "Stranger"], check=True, stdout=subprocess.DEVNULL)
+        files = [script_package("unsigned.pkg", STRANGER), script_package("._arbor.pkg", STRANGER),
+                 build(paths.STATE / "foreign.pkg", "9.1", keys=stranger),
+                 build(paths.STATE / "board.pkg", "9.2", board="apalis-imx8")]
+        drive = self.insert(*files, stick_package("3.046"))
+        os.symlink(files[0], drive / "link.pkg")
+        self.assertEqual(0, arborctl("scan", str(drive)).returncode)
+        for name, reason in (("unsigned.pkg", "no package"), ("._arbor.pkg", "no package"),
+                             ("foreign.pkg", "CN = Stranger is not trusted"), ("board.pkg", "is for board apalis-imx8")):
+            wait_until(lambda: reason in refusal(name), f"{name} is refused because {reason}")
+        self.assertEqual(["3.046"], gateway.updates())
+        self.assertFalse(RAN.exists())
+        self.assertIn("not trusted", arborctl("updates").stdout)
+
+    def test_signed_package_needs_no_execute_bit_and_no_mount_that_allows_it(self) -> None:
+        package = paths.STATE / "plain.pkg"
+        shutil.copyfile(stick_package("3.046"), package)
+        package.chmod(0o644)
+        drive = self.insert(package)
+        subprocess.run(["mount", "-o", "remount,bind,noexec,nosuid,nodev,ro", drive], check=True)
+        gateway.post("scan", {"path": str(drive / "plain.pkg")})
+        wait_until(lambda: gateway.updates() == ["3.046"], "it is offered")
+        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), both_slots())
+
+    def test_package_that_was_exchanged_after_its_check_is_not_installed(self) -> None:
+        wrong_board = build(paths.STATE / "other-board.pkg", "3.046", board="apalis-imx8")
+        older = paths.STATE / "older.pkg"
+        shutil.copy(stick_package("3.001"), older)
+        for other, reason in ((script_package("x.pkg", STRANGER), "no package"), (wrong_board, "is for board"),
+                              (older, "another version")):
+            for exchange in (shutil.copyfile, lambda new, old: os.rename(shutil.copy(new, old.with_suffix(".new")), old)):
+                with self.subTest(reason=reason, exchange=exchange):
+                    drive = self.insert(stick_package("3.046"))
+                    wait_until(lambda: gateway.updates() == ["3.046"], "it is offered")
+                    exchange(other, drive / "arbor-3.046.pkg")
+                    answer = gateway.post("updatesystem", {"version": "3.046", "reboot": False})[1]
+                    self.assertFalse(answer["bSuccess"])
+                    self.assertIn(reason, ended(answer["operationId"])["reason"])
+                    self.assertEqual([], gateway.updates())
+                    self.assertIn(reason, refusal("arbor-3.046.pkg"))
+                    sticks.detach()
+                    wait_until(lambda: not refusal("arbor-3.046.pkg"), "it has gone")
+        self.assertEqual(("A", {"A": "3.044", "B": "3.043"}), both_slots())
+        self.assertFalse(RAN.exists())
+
+    def test_payload_that_is_exchanged_is_not_installed(self) -> None:
+        drive = self.insert(stick_package("3.046"))
+        wait_until(lambda: gateway.updates() == ["3.046"], "it is offered")
+        with open(drive / "arbor-3.046.pkg", "r+b") as package:
+            package.seek(-(1 << 20), os.SEEK_END)
+            package.write(b"exchanged")
+        done = arborctl("install", "3.046", "--no-reboot", "--wait")
+        self.assertEqual(1, done.returncode, done.stdout)
+        self.assertIn("the image in the package is damaged", done.stdout)
+        self.assertEqual("A", both_slots()[0])
+
+    def test_package_that_is_exchanged_all_the_time_never_runs_unread(self) -> None:
+        drive = self.insert(stick_package("3.045"))
+        good, bad = stick_package("3.046"), script_package("bad.pkg", STRANGER)
+        goes_on = threading.Event()
+
+        def exchange() -> None:
+            while not goes_on.is_set():
+                for source in (good, bad):
+                    os.rename(shutil.copy(source, drive / "next"), drive / "x.pkg")
+
+        exchanger = threading.Thread(target=exchange)
+        exchanger.start()
+        try:
+            for _ in range(EXCHANGES):
+                gateway.post("scan", {"path": str(drive / "x.pkg")})
+                gateway.post("updatesystem", {"version": "3.046", "reboot": False})
+        finally:
+            goes_on.set()
+            exchanger.join()
+        wait_until(lambda: not gateway.get("operations?state=Open")["operations"], "all checks and installs have ended")
+        self.assertFalse(RAN.exists())
+        self.assertIn(both_slots()[1]["B"], ("3.043", "3.046"))
+
+    def test_check_of_a_signed_package_is_confined(self) -> None:
+        os.environ["ARBOR_SECRET"] = os.environ["NOTIFY_SOCKET"] = "/run/none"
+        self.addCleanup(os.environ.pop, "ARBOR_SECRET")
+        self.addCleanup(os.environ.pop, "NOTIFY_SOCKET")
+        self.restart()
+        forks = signed_script("9.4", "case $1 in --version) echo @VERSION@;; *) f() { f | f & }; f; sleep 1000;; esac")
+        self.insert(signed_script("9.3", TRIES))
+        wait_until(lambda: refusal("arbor-9.3.pkg"), "it is refused")
+        self.assertEqual("tried:", refusal("arbor-9.3.pkg").strip())
+        sticks.detach()
+        configure("ArborInstall", CheckTimeoutSeconds=3)
+        self.restart()
+        sticks.attach([forks, stick_package("3.046")])
+        wait_until(lambda: gateway.updates() == ["3.046"], "the other one is offered")
+        wait_until(lambda: refusal("arbor-9.4.pkg"), "the one that forks is refused")
+        self.assertFalse(RAN.exists())
+
+        def left() -> str:
+            return subprocess.run(["pgrep", "-x", "sleep"], capture_output=True, text=True, check=False).stdout
+        wait_until(lambda: not left(), "nothing of them is left")
+
+    def test_device_that_does_not_know_itself_accepts_nothing(self) -> None:
+        board = paths.EEPROM.read_bytes()
+        manifest = paths.MANIFEST.read_text()
+        for spoil, mend, reason in (
+                (lambda: paths.EEPROM.write_bytes(b"\xff" * 2048), lambda: paths.EEPROM.write_bytes(board), "board is not known"),
+                (lambda: paths.MANIFEST.write_text("{"), lambda: paths.MANIFEST.write_text(manifest), "installed version")):
+            with self.subTest(reason=reason):
+                spoil()
+                self.restart()
+                self.insert(stick_package("3.046"))
+                wait_until(lambda: reason in refusal("arbor-3.046.pkg"), "it is refused")
+                self.assertEqual([], gateway.updates())
+                sticks.detach()
+                mend()
+        shutil.rmtree(paths.TRUST)
+        self.restart()
+        self.insert(stick_package("3.046"))
+        wait_until(lambda: "can't be read" in refusal("arbor-3.046.pkg"), "it is refused")
+        self.assertIn("can't be read", arborctl("status").stdout)
+
+
+class Open(InstrumentCase):
+    def test_without_a_policy_it_is_told_that_everything_runs(self) -> None:
+        self.assertIn("every package that is brought runs", paths.HOST_LOG.read_text())
+        self.assertIn("everybody's packages run", arborctl("status").stdout)
+        sticks.attach([script_package("unsigned.pkg", STRANGER)])
+        wait_until(lambda: gateway.updates() == ["9.999"], "it is offered")
+
+
+if __name__ == "__main__":
+    unittest.main()
