@@ -55,8 +55,6 @@ void Detach(int report) {
 
 constexpr int kPackage = 9;  // where the program finds the file that it was started from
 constexpr const char* kPackageVariable = "ARBOR_PACKAGE_FD=9";
-constexpr const char* kStage =
-    "/tmp";  // any folder that is there: it is covered for a moment, in the child's view only
 
 /// This process's ids stand for themselves in a user namespace, for a host that is not root.
 struct UserMap {
@@ -83,9 +81,8 @@ bool TakeOwnView(const UserMap& map) {
     return ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0;
 }
 
-/// Makes a file with these bytes that can't be reached once the stage is gone.
-bool WriteStaged(const char* stage, std::string_view bytes) {
-    const int file = ::open(stage, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0555);
+bool WriteProgram(const char* path, std::string_view bytes) {
+    const int file = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0555);
     while (file >= 0 && !bytes.empty()) {
         const ssize_t count = ::write(file, bytes.data(), bytes.size());
         if (count < 0 && errno != EINTR) {
@@ -96,24 +93,18 @@ bool WriteStaged(const char* stage, std::string_view bytes) {
     return file >= 0 && ::fchmod(file, 0555) == 0 && ::close(file) == 0;
 }
 
-/// Lays a file with these bytes over `path`, which may itself lie where the stage is.
-bool Cover(const char* path, const char* stage, std::string_view bytes) {
-    constexpr int kTarget = kPackage + 1;
-    const int found = ::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
-    if (found < 0 || ::dup3(found, kTarget, O_CLOEXEC) != kTarget ||
-        ::mount("arbor", kStage, "tmpfs", MS_NOSUID | MS_NODEV, "mode=0700,size=16m") != 0 ||
-        !WriteStaged(stage, bytes) || ::mount(stage, "/proc/self/fd/10", nullptr, MS_BIND, nullptr) != 0 ||
-        ::umount2(kStage, MNT_DETACH) != 0) {
-        return false;
-    }
-    constexpr unsigned long kFlags = MS_REMOUNT | MS_BIND | MS_RDONLY | MS_NOSUID | MS_NODEV;
-    return ::mount(nullptr, path, nullptr, kFlags, nullptr) == 0;
+/// Has a program with these bytes stand at the path, for this process and its children alone. It covers the folder, not
+/// the file: whoever can rename the file could rid it of what covers it.
+bool Cover(const char* path, const char* folder, std::string_view bytes) {
+    constexpr unsigned long kFlags = MS_NOSUID | MS_NODEV;
+    return ::mount("arbor", folder, "tmpfs", kFlags, "mode=0755,size=16m") == 0 && WriteProgram(path, bytes) &&
+           ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_RDONLY | kFlags, nullptr) == 0;
 }
 
-/// Has `bytes` stand at the file's path, for this process and its children alone, and the file itself be open.
-bool Seal(const char* path, const char* stage, std::string_view bytes, const UserMap& map) {
+/// Has `bytes` stand at the file's path, and the file itself be open.
+bool Seal(const char* path, const char* folder, std::string_view bytes, const UserMap& map) {
     const int file = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    return file >= 0 && ::dup2(file, kPackage) == kPackage && TakeOwnView(map) && Cover(path, stage, bytes);
+    return file >= 0 && ::dup2(file, kPackage) == kPackage && TakeOwnView(map) && Cover(path, folder, bytes);
 }
 
 }  // namespace
@@ -139,13 +130,13 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
         variables.emplace_back(kPackageVariable);
     }
     const UserMap map;
-    const std::string stage = std::string(kStage) + "/package";
+    const std::string folder = std::filesystem::path(arguments.front()).parent_path().string();
     const auto argv = Pointers(arguments);
     const auto envp = Pointers(variables);
     ZForkedChild child;
     const auto started = child.Start(arguments.front(), [&](int report) {
         Detach(report);
-        if (sealed.empty() || Seal(argv[0], stage.c_str(), sealed, map)) {
+        if (sealed.empty() || Seal(argv[0], folder.c_str(), sealed, map)) {
             ::execve(argv[0], argv.data(), envp.data());
         }
         const int error = errno;
