@@ -102,7 +102,7 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
                    operation);
             return false;
         }
-        check.approved = std::move(*approved);
+        check.approved.emplace(std::move(*approved));
     }
     const std::string command = ShellEscape(file.string()) + " --version";
     std::string output;

@@ -17,14 +17,20 @@ constexpr ZSnapshotSize kRead{.begin = std::size_t{4'300'000}, .end = std::size_
 
 // Users that own nothing on the system. Checks at the same time have different ones: the limit on processes is a
 // user's.
-constexpr unsigned kFirstNobody = 65'000;
-constexpr unsigned kNobodies = 16;
+constexpr unsigned kFirstNobody = 65'520;  // behind those that service managers give away
+constexpr unsigned kNobodies = 14;
 
 // Far more than any package needs to answer.
 constexpr const char* kMostMemory = "536870912";  // bytes, of each process
 constexpr const char* kMostProcesses = "32";
 constexpr const char* kMostFiles = "64";
 constexpr const char* kScratch = "16777216";  // bytes
+
+constexpr auto kInvalid = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
+
+// Whether all certificates in the folder can be read.
+constexpr const char* kCanRead =
+    R"(ls "$0" > /dev/null && for file in "$0"/*.pem "$0"/*.crt; do [ ! -e "$file" ] || cat "$file" > /dev/null || exit 1; done)";
 
 using Texts = std::vector<std::string>;
 
@@ -59,23 +65,29 @@ Texts EmptySystem() {
     if (::geteuid() == 0) {  // to become nobody, and no longer
         Append(words, {"--cap-add", "CAP_SETUID", "--cap-add", "CAP_SETGID", "--cap-add", "CAP_SETPCAP"});
     } else {
-        Append(words, {"--unshare-user"});
+        Append(words, {"--unshare-user", "--disable-userns"});
     }
     AppendFolders(words, "/etc/any");
     for (const char* const folder : {"/usr", "/bin", "/sbin", "/lib", "/lib32", "/lib64", "/etc/alternatives",
                                      "/etc/ld.so.cache", "/etc/ld.so.conf", "/etc/ld.so.conf.d", "/etc/localtime"}) {
         Append(words, {"--ro-bind-try", folder, folder});
     }
-    Append(words,
-           {"--proc", "/proc", "--dev", "/dev", "--size", kScratch, "--perms", "1777", "--tmpfs", "/tmp", "--chdir",
-            "/tmp", "--setenv", "PATH", "/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "--setenv", "LANG", "C.UTF-8"});
+    Append(words, {"--proc",   "/proc",   "--dev",
+                   "/dev",     "--size",  kScratch,
+                   "--perms",  "1777",    "--tmpfs",
+                   "/dev/shm", "--size",  kScratch,
+                   "--perms",  "1777",    "--tmpfs",
+                   "/tmp",     "--chdir", "/tmp",
+                   "--setenv", "PATH",    "/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                   "--setenv", "LANG",    "C.UTF-8"});
     return words;
 }
 
 /// What goes before the command, in the empty system.
 Texts Limits(std::chrono::seconds limit) {
+    Texts words{"--remount-ro", "/dev", "--remount-ro", "/", "--"};
     const std::string time = "--cpu=" + std::to_string(limit.count() + 1);
-    Texts words{"--", "choom", "-n", "1000", "--", "prlimit", "--core=0", time};
+    Append(words, {"choom", "-n", "1000", "--", "prlimit", "--core=0", time.c_str()});
     for (const auto& [option, value] : {std::pair{"--as=", kMostMemory},
                                         {"--nproc=", kMostProcesses},
                                         {"--nofile=", kMostFiles},
@@ -102,7 +114,7 @@ std::string CommandLine(const Texts& words) {
 
 }  // namespace
 
-ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& file, const std::string& board,
+ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& path, const std::string& board,
                                                       std::chrono::milliseconds limit) const {
     const auto signers = ZTrustedSigners::Load(m_signers.string());
     if (!signers) {
@@ -111,30 +123,27 @@ ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& file, cons
     if (board.empty()) {
         return ZError("this device's board is not known, so no package can be for it");
     }
-    const auto copy = SnapshotFile(file.string(), kRead, limit);
-    if (!copy) {
-        return copy.error();
+    auto file = SnapshotFile(path.string(), kRead, limit);
+    if (!file) {
+        return file.error();
     }
-    auto package = ZPackage::Read(copy->Get());
+    auto package = ZPackage::ReadSecondFormat(file->copy.Get());
     if (!package) {
-        return ZError(package.error().sentence);
-    }
-    if (package->format == 1) {
-        return ZError("it is a package of format 1, whose signature can't be checked before it runs");
+        return ZError(package.error().sentence, kInvalid);
     }
     if (const ZVerdict verdict = signers->Judge(*package, board); !verdict.IsGood()) {
-        return ZError(verdict.sentence);
+        return ZError(verdict.sentence, kInvalid);
     }
     auto head = SealedFile(package->head);
     if (!head) {
         return head.error();
     }
-    return Approved{std::move(*package), std::move(*head)};
+    return Approved{std::move(*package), std::move(*head), std::move(*file)};
 }
 
 std::string PackageTrust::Confined(const std::string& command, const fs::path& file, const Approved& package,
                                    std::chrono::seconds limit) const {
-    // The shell opens both before anything is confined: the file, which holds the payload, and the copy of its head.
+    // The shell opens both before anything is confined: the file that was read, and the copy of its head.
     const std::string head = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(package.head.Get());
     Texts words = EmptySystem();
     AppendFolders(words, m_signers / "any");
@@ -145,14 +154,21 @@ std::string PackageTrust::Confined(const std::string& command, const fs::path& f
     words.insert(words.end(), limits.begin(), limits.end());
     Append(words, {"/bin/sh", "-c"});
     words.push_back(command);
-    return "exec " + CommandLine(words) + "8<" + ShellQuoted(head) + " 9<" + ShellQuoted(file.string());
+    return "exec " + CommandLine(words) + "8<" + ShellQuoted(head) + " 9<" + ShellQuoted(package.file.Path());
 }
 
-ZResult<void> PackageTrust::CanConfine() {
+ZResult<void> PackageTrust::CanCheck() const {
+    const auto signers = ZTrustedSigners::Load(m_signers.string());
+    if (!signers) {
+        return signers.error();
+    }
     Texts words = EmptySystem();
+    AppendFolders(words, m_signers / "any");
+    Append(words, {"--ro-bind", m_signers.c_str(), m_signers.c_str()});
     const Texts limits = Limits(std::chrono::seconds(10));
     words.insert(words.end(), limits.begin(), limits.end());
-    words.emplace_back("true");
+    // A package looks at the signers as well, as nobody.
+    Append(words, {"/bin/sh", "-c", kCanRead, m_signers.c_str()});
     std::string output;
     if (ZPlatform::ExecuteCommand(CommandLine(words) + "2>&1", output, std::chrono::seconds(10))) {
         return {};

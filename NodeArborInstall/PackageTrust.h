@@ -6,6 +6,7 @@
 
 #include "ZShared/ZError.h"
 #include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZFileSnapshot.h"
 #include "ZTrust/ZTrust.h"
 
 /// Which packages may run, and how: with a folder of trusted signers a package is read before anything of it runs, and
@@ -21,9 +22,11 @@ public:
     struct Approved {
         ZPackage package;
         ZFileDescriptor head;  ///< what runs, sealed
+        ZFileSnapshot file;    ///< what was read, which holds the payload
     };
     /// Reads the file, which may be exchanged at any moment, within `limit`, and judges what was read. The error says
-    /// why it may not run on `board`, which has to be known.
+    /// why it may not run on `board`, which has to be known; it has the code of an invalid package when that was found
+    /// out, and none when the file could not be read.
     ZResult<Approved> Examine(const std::filesystem::path& file, const std::string& board,
                               std::chrono::milliseconds limit) const;
 
@@ -34,8 +37,8 @@ public:
     std::string Confined(const std::string& command, const std::filesystem::path& file, const Approved& package,
                          std::chrono::seconds limit) const;
 
-    /// Whether this system can run commands so; the reason when it can't.
-    static ZResult<void> CanConfine();
+    /// What is in the way of every check: this system can't run commands so, or the signers can't be read.
+    ZResult<void> CanCheck() const;
 
 private:
     std::filesystem::path m_signers;

@@ -47,17 +47,11 @@ void ZNodeArborInstall::ReadIdentity() {
 
 void ZNodeArborInstall::ReadTrust() {
     m_trust = PackageTrust(fs::path(m_pConfig->m_TrustedSigners));
+    m_trustProblem.clear();
     if (!m_trust.IsOn()) {
         Z_LOG(3, "No trusted signers are configured: every package that is brought runs, as root");
-        return;
-    }
-    m_trustProblem.clear();
-    if (const auto signers = ZTrustedSigners::Load(ToStdString(m_pConfig->m_TrustedSigners)); !signers) {
-        m_trustProblem = ToZString(signers.error().text);
-    } else if (const auto confined = PackageTrust::CanConfine(); !confined) {
-        m_trustProblem = ToZString(confined.error().text);
-    }
-    if (!m_trustProblem.empty()) {
+    } else if (const auto can = m_trust.CanCheck(); !can) {
+        m_trustProblem = ToZString(can.error().text);
         Z_LOG(4, "No package will be accepted: %s", m_trustProblem);
     }
 }

@@ -7,6 +7,7 @@
 #include "PackageFiles.h"
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZChildReaper.h"
+#include "ZShared/ZCommandRunner.h"
 #include "ZShared/ZPlatform.h"
 #include "ZShared/ZScopeEnd.h"
 
@@ -97,9 +98,9 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
                Codes::ERRCODE_BUSY);
         return;
     }
-    const auto sealed = PackageToInstall(package, request.m_Version);
-    if (!sealed) {
-        refuse(sealed.error().text, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+    const auto approved = PackageToInstall(package, request.m_Version);
+    if (!approved) {
+        refuse(approved.error().text, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
         return;
     }
     m_UpdateVersion.Exchange(request.m_Version);
@@ -115,9 +116,11 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     // Logged run together, as tools that read these logs expect it.
     const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
     Z_LOG(2, "Software update command %s", command);
+    const ZSealedProgram sealed{approved->head.Get(), approved->file.Path()};
     // Making the relay ready may have taken longer than its asker waits.
-    const auto started = ZResponseSource(request).IsAbandoned() ? ZResult<void>(ZError("whoever asked for it has gone"))
-                                                                : RunInstaller(arguments, life, sealed->head);
+    const auto started = ZResponseSource(request).IsAbandoned()
+                             ? ZResult<void>(ZError("whoever asked for it has gone"))
+                             : RunInstaller(arguments, life, approved->head ? &sealed : nullptr);
     m_bUpdateInProgress = started.has_value();
     Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
     answer.m_bSuccess = started.has_value();
@@ -131,20 +134,23 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     }
 }
 
-ZResult<ZPackage> ZNodeArborInstall::PackageToInstall(const fs::path& package, const ZString& version) {
+ZResult<PackageTrust::Approved> ZNodeArborInstall::PackageToInstall(const fs::path& package, const ZString& version) {
     if (!m_trust.IsOn()) {
-        return ZPackage();
+        return PackageTrust::Approved();
     }
     auto approved = Approve(package, kReadPatience);
     const ZSoftwareVersion found(approved ? ToZString(approved->package.version) : ZString());
     if (approved && ToZString(approved->package.version) == version && IsVersionAllowed(found, package)) {
-        return std::move(approved->package);
+        return approved;
     }
     const std::string reason = !approved                                         ? approved.error().text
                                : ToZString(approved->package.version) != version ? "it is another version by now"
                                                                                  : "it is older than what is installed";
     const ZString path = ToZString(package.string());
     Z_LOG(4, "Verification failed on %s: %s", path, reason);
+    if (!approved && approved.error().code == ZFrameworkErrorCodes::ERRCODE_NONE) {
+        return approved;  // nothing was found out about it: its drive may be slow
+    }
     ForgetFile(package);
     KeepRefused(version, path, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, ToZString(reason));
     auto results = Z_MAKE(ZMessageArray);
@@ -175,7 +181,7 @@ void ZNodeArborInstall::StopRelay() {
 }
 
 ZResult<void> ZNodeArborInstall::RunInstaller(const std::vector<std::string>& arguments,
-                                              const std::shared_ptr<InstallLife>& life, std::string_view sealed) {
+                                              const std::shared_ptr<InstallLife>& life, const ZSealedProgram* sealed) {
     if (InShutdown()) {  // a request that was still queued has no requester any more
         return ZError("the host stops");
     }

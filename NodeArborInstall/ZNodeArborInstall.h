@@ -13,6 +13,8 @@
 #include "ZNodeArborInstallCfg.h"
 #include "ZUseFlag.h"
 
+struct ZSealedProgram;
+
 /// The instrument's software-update manager. Handlers (On...) run on the node's message thread and return true when the
 /// message was handled; long work runs in the worker actions of ZNodeArborInstallActions.h, which call back into the
 /// operations below. What both sides touch guards itself: the tables, the relay, atomics.
@@ -213,9 +215,9 @@ private:
     ZResult<void> StartRelay(const ZSystemUpdateMsg& request);
     void StopRelay();
     ZResult<void> RunInstaller(const std::vector<std::string>& arguments, const std::shared_ptr<InstallLife>& life,
-                               std::string_view sealed);
+                               const ZSealedProgram* sealed);
     /// With a trust policy: the package checked again, whose head is to run in its place; else one without a head.
-    ZResult<ZPackage> PackageToInstall(const std::filesystem::path& package, const ZString& version);
+    ZResult<PackageTrust::Approved> PackageToInstall(const std::filesystem::path& package, const ZString& version);
 
     // Compatibility.
     void DecideBuild(const std::shared_ptr<ZMessage>& request);

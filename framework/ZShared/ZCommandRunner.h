@@ -32,11 +32,14 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
 /// Starts a program in a session of its own with standard input from /dev/null, and `further` variables ("NAME=value")
 /// beside this process's own. Returns its process id; the caller reaps it. A file that can't be read within `limit`,
 /// as on a drive that does not answer any more, is an error, and nothing runs.
-/// With `sealed`, those bytes run in place of the file's: for the program alone, its folder holds nothing but them, at
-/// the file's path, and nobody can change them; the folder may be on a mount that is noexec. The file as it is then is
-/// open in the program, not followed where it is a link; ARBOR_PACKAGE_FD names the descriptor.
+/// With `sealed`, that program runs in the file's place, whatever becomes of the file.
+struct ZSealedProgram {
+    int program = -1;  ///< a descriptor of the bytes that run, which nobody can change
+    std::string file;  ///< what the program finds open, as the descriptor that ARBOR_PACKAGE_FD names
+};
 ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const std::vector<std::string>& further = {},
-                             std::chrono::milliseconds limit = std::chrono::seconds(10), std::string_view sealed = {});
+                             std::chrono::milliseconds limit = std::chrono::seconds(10),
+                             const ZSealedProgram* sealed = nullptr);
 
 /// Whether there is a file; an error when that can't be learnt within `limit`. A drive that does not answer keeps only
 /// a child process waiting.

@@ -1,6 +1,4 @@
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,8 +33,8 @@ bool IsPrivate(std::string_view variable) {
     return std::ranges::any_of(kNames, [&](const char* name) { return variable.starts_with(name); });
 }
 
-/// Nothing of this process must reach the program: signals, descriptors, standard input.
-void Detach(int report) {
+/// Nothing of this process must reach the program: signals, standard input.
+void Detach() {
     ::setsid();
     for (int signal = 1; signal < NSIG; ++signal) {
         ::signal(signal, SIG_DFL);
@@ -46,66 +44,16 @@ void Detach(int report) {
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     const int null = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ::dup2(null, STDIN_FILENO);
-    constexpr int kReport = STDERR_FILENO + 1;
-    if (report != kReport) {
-        ::dup3(report, kReport, O_CLOEXEC);
-    }
-    ::close_range(kReport + 1, ~0U, 0);
+    ::close(null);
 }
 
-constexpr int kPackage = 9;  // where the program finds the file that it was started from
-constexpr const char* kPackageVariable = "ARBOR_PACKAGE_FD=9";
-
-/// This process's ids stand for themselves in a user namespace, for a host that is not root.
-struct UserMap {
-    std::string users = std::to_string(::getuid()) + " " + std::to_string(::getuid()) + " 1";
-    std::string groups = std::to_string(::getgid()) + " " + std::to_string(::getgid()) + " 1";
-};
-
-bool WriteText(const char* file, std::string_view text) {
-    const int descriptor = ::open(file, O_WRONLY | O_CLOEXEC);
-    const bool written =
-        descriptor >= 0 && ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    ::close(descriptor);
-    return written;
+void Report(int error) {
+    static_cast<void>(::write(ZForkedChild::kReport, &error, sizeof error));
 }
 
-/// A view of the mounts of its own, in which changes of others are still seen.
-bool TakeOwnView(const UserMap& map) {
-    if (::unshare(CLONE_NEWNS) != 0) {
-        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 || !WriteText("/proc/self/setgroups", "deny") ||
-            !WriteText("/proc/self/uid_map", map.users) || !WriteText("/proc/self/gid_map", map.groups)) {
-            return false;
-        }
-    }
-    return ::mount(nullptr, "/", nullptr, MS_REC | MS_SLAVE, nullptr) == 0;
-}
-
-bool WriteProgram(const char* path, std::string_view bytes) {
-    const int file = ::open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0555);
-    while (file >= 0 && !bytes.empty()) {
-        const ssize_t count = ::write(file, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR) {
-            return false;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(count < 0 ? 0 : count));
-    }
-    return file >= 0 && ::fchmod(file, 0555) == 0 && ::close(file) == 0;
-}
-
-/// Has a program with these bytes stand at the path, for this process and its children alone. It covers the folder, not
-/// the file: whoever can rename the file could rid it of what covers it.
-bool Cover(const char* path, const char* folder, std::string_view bytes) {
-    constexpr unsigned long kFlags = MS_NOSUID | MS_NODEV;
-    return ::mount("arbor", folder, "tmpfs", kFlags, "mode=0755,size=16m") == 0 && WriteProgram(path, bytes) &&
-           ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_RDONLY | kFlags, nullptr) == 0;
-}
-
-/// Has `bytes` stand at the file's path, and the file itself be open.
-bool Seal(const char* path, const char* folder, std::string_view bytes, const UserMap& map) {
-    const int file = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    return file >= 0 && ::dup2(file, kPackage) == kPackage && TakeOwnView(map) && Cover(path, folder, bytes);
-}
+// Where a sealed program finds itself, and the file that it was started from.
+constexpr const char* kProgram = "/proc/self/fd/4";
+constexpr int kPackage = ZForkedChild::kKept + 1;
 
 }  // namespace
 
@@ -120,29 +68,27 @@ std::vector<std::string> ProgramEnvironment() {
 }
 
 ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const std::vector<std::string>& further,
-                             std::chrono::milliseconds limit, std::string_view sealed) {
+                             std::chrono::milliseconds limit, const ZSealedProgram* sealed) {
     if (arguments.empty()) {
         return ZError("no program given");
     }
     std::vector<std::string> variables = ProgramEnvironment();
     variables.insert(variables.end(), further.begin(), further.end());
-    if (!sealed.empty()) {
-        variables.emplace_back(kPackageVariable);
+    if (sealed != nullptr) {
+        variables.push_back("ARBOR_PACKAGE_FD=" + std::to_string(kPackage));
     }
-    const UserMap map;
-    const std::string folder = std::filesystem::path(arguments.front()).parent_path().string();
     const auto argv = Pointers(arguments);
     const auto envp = Pointers(variables);
-    ZForkedChild child;
-    const auto started = child.Start(arguments.front(), [&](int report) {
-        Detach(report);
-        if (sealed.empty() || Seal(argv[0], folder.c_str(), sealed, map)) {
-            ::execve(argv[0], argv.data(), envp.data());
+    const auto run = [&] {
+        Detach();
+        const int file = sealed != nullptr ? ::open(sealed->file.c_str(), O_RDONLY) : -1;
+        if (sealed == nullptr || file == kPackage) {
+            ::execve(sealed != nullptr ? kProgram : argv[0], argv.data(), envp.data());
         }
-        const int error = errno;
-        static_cast<void>(::write(STDERR_FILENO + 1, &error, sizeof error));
-    });
-    if (!started) {
+        Report(errno);
+    };
+    ZForkedChild child;
+    if (const auto started = child.Start(arguments.front(), run, sealed != nullptr ? sealed->program : -1); !started) {
         return started.error();
     }
     const auto reported = child.Report(limit);
@@ -153,15 +99,14 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
         child.Reap();
         return ZError::OfSystem(arguments.front(), *reported);
     }
-    return child.Id();
+    return child.Release();
 }
 
 ZResult<bool> ExistsWithin(const std::string& path, std::chrono::milliseconds limit) {
     ZForkedChild child;
-    const auto started = child.Start(path, [&](int report) {
+    const auto started = child.Start(path, [&] {
         struct stat status {};
-        const int error = ::stat(path.c_str(), &status) == 0 ? 0 : errno;
-        static_cast<void>(::write(report, &error, sizeof error));
+        Report(::stat(path.c_str(), &status) == 0 ? 0 : errno);
         ::_exit(0);
     });
     if (!started) {
@@ -181,7 +126,7 @@ ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chron
         std::array<char, PATH_MAX> path{};
     };
     ZForkedChild child;
-    const auto started = child.Start(path, [&](int report) {
+    const auto started = child.Start(path, [&] {
         Found found;
         const int file = ::open(path.c_str(), O_PATH | O_CLOEXEC);
         const ssize_t length = file >= 0 && ::dup2(file, STDIN_FILENO) == STDIN_FILENO
@@ -189,7 +134,7 @@ ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chron
                                    : -1;
         found.error = length >= 0 ? 0 : errno;
         const std::size_t size = sizeof found.error + static_cast<std::size_t>(std::max<ssize_t>(length, 0));
-        static_cast<void>(::write(report, &found, size));
+        static_cast<void>(::write(ZForkedChild::kReport, &found, size));
         ::_exit(0);
     });
     if (!started) {

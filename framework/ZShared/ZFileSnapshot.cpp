@@ -2,14 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-
-#include "ZShared/ZForkedChild.h"
+#include <csignal>
 
 namespace {
 
@@ -33,15 +33,31 @@ int CopyBytes(int from, int to, off_t begin, off_t end) {
     return 0;
 }
 
-int CopyEnds(const char* path, int to, ZSnapshotSize wanted) {
-    // Not to wait for the writer of a FIFO.
-    const int from = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+constexpr int kFile = ZForkedChild::kKept + 1;  // the next that is free in the child
+
+/// Opens the file as kFile, once it is known that opening it does nothing.
+int OpenRegular(const char* path) {
+    constexpr const char* kLookedAt = "/proc/self/fd/5";
+    const int found = ::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC);
     struct stat status {};
-    if (from < 0 || ::fstat(from, &status) != 0) {
+    if (found < 0 || ::fstat(found, &status) != 0) {
         return errno;
     }
     if (!S_ISREG(status.st_mode)) {
-        return EINVAL;
+        return S_ISLNK(status.st_mode) ? ELOOP : EINVAL;
+    }
+    const int file = found == kFile ? ::open(kLookedAt, O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    return file >= 0 && ::dup3(file, kFile, O_CLOEXEC) == kFile ? 0 : errno;
+}
+
+int CopyEnds(const char* path, int to, ZSnapshotSize wanted) {
+    if (const int error = OpenRegular(path); error != 0) {
+        return error;
+    }
+    const int from = kFile;
+    struct stat status {};
+    if (::fstat(from, &status) != 0) {
+        return errno;
     }
     if (::ftruncate(to, status.st_size) != 0) {
         return errno;
@@ -73,30 +89,42 @@ ZError Refused(const std::string& path, int error) {
 
 }  // namespace
 
-ZResult<ZFileDescriptor> SnapshotFile(const std::string& path, ZSnapshotSize size, std::chrono::milliseconds limit) {
+std::string ZFileSnapshot::Path() const {
+    return "/proc/" + std::to_string(keeper.Id()) + "/fd/" + std::to_string(kFile);
+}
+
+ZResult<ZFileSnapshot> SnapshotFile(const std::string& path, ZSnapshotSize size, std::chrono::milliseconds limit) {
+    constexpr int kDone = -1;  // nothing reported means that the child has died
     auto copy = MemoryFile();
     if (!copy) {
-        return copy;
+        return copy.error();
     }
     ZForkedChild child;
-    const auto started = child.Start(path, [&](int report) {
-        const int error = CopyEnds(path.c_str(), copy->Get(), size);
-        static_cast<void>(::write(report, &error, sizeof error));
+    const auto keep = [&] {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // the file is not kept open for nobody
+        const int error = CopyEnds(path.c_str(), ZForkedChild::kKept, size);
+        const int report = error == 0 ? kDone : error;
+        ::close(ZForkedChild::kKept);
+        static_cast<void>(::write(ZForkedChild::kReport, &report, sizeof report));
+        while (error == 0) {
+            ::pause();
+        }
         ::_exit(0);
-    });
-    if (!started) {
+    };
+    if (const auto started = child.Start(path, keep, copy->Get()); !started) {
         return started.error();
     }
     const auto reported = child.Report(limit);
     if (!reported) {
         return reported.error();
     }
-    child.Reap();
-    if (*reported != 0) {
-        return Refused(path, *reported);
+    if (*reported != kDone) {
+        return Refused(path, *reported == 0 ? EIO : *reported);
     }
-    ::fcntl(copy->Get(), F_ADD_SEALS, kAllSeals);
-    return copy;
+    if (::fcntl(copy->Get(), F_ADD_SEALS, kAllSeals) != 0) {
+        return ZError::OfSystem(path, errno);
+    }
+    return ZFileSnapshot{std::move(*copy), std::move(child)};
 }
 
 ZResult<ZFileDescriptor> SealedFile(std::string_view bytes) {

@@ -13,9 +13,38 @@
 
 #include "ZShared/ZChildReaper.h"
 #include "ZShared/ZDeadline.h"
+#include "ZShared/ZPidFd.h"
 #include "ZShared/ZStopEvent.h"
 
-ZResult<void> ZForkedChild::Start(const std::string& name, const std::function<void(int report)>& body) {
+namespace {
+
+constexpr int kEndPatience = 200;  // milliseconds
+
+/// The child's own copy of this process's descriptors must not hold anything of it open.
+void KeepDescriptors(int report, int keep) {
+    constexpr int kAside = 100;
+    const int kept = keep >= 0 ? ::fcntl(keep, F_DUPFD_CLOEXEC, kAside) : -1;
+    if (report != ZForkedChild::kReport) {
+        ::dup3(report, ZForkedChild::kReport, O_CLOEXEC);
+    }
+    if (kept >= 0) {
+        ::dup2(kept, ZForkedChild::kKept);
+    }
+    ::close_range(kept >= 0 ? ZForkedChild::kKept + 1 : ZForkedChild::kReport + 1, ~0U, 0);
+}
+
+}  // namespace
+
+ZForkedChild::ZForkedChild(ZForkedChild&& other) noexcept
+    : m_id(other.Release()), m_name(std::move(other.m_name)), m_report(std::move(other.m_report)) {}
+
+ZForkedChild::~ZForkedChild() {
+    if (m_id > 0) {
+        End();
+    }
+}
+
+ZResult<void> ZForkedChild::Start(const std::string& name, const std::function<void()>& body, int keep) {
     std::array<int, 2> ends{-1, -1};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         return ZError::OfSystem("pipe", errno);
@@ -28,7 +57,8 @@ ZResult<void> ZForkedChild::Start(const std::string& name, const std::function<v
         return ZError::OfSystem(name, errno);
     }
     if (m_id == 0) {
-        body(writer.Get());
+        KeepDescriptors(writer.Get(), keep);
+        body();
         ::_exit(127);
     }
     return {};
@@ -47,8 +77,7 @@ ZResult<int> ZForkedChild::Report(std::chrono::milliseconds limit) {
     if (ready > 0 && entries[0].revents != 0 && ::read(m_report.Get(), &error, sizeof error) >= 0) {
         return error;
     }
-    ::kill(m_id, SIGKILL);
-    ZChildReaper::Instance().Watch(m_id, m_name);  // one that is stuck in the kernel ends when the kernel lets it
+    End();
     return ZError(m_name + (ready > 0 ? ": its owner stops" : ": it does not answer"));
 }
 
@@ -58,7 +87,19 @@ std::string ZForkedChild::Rest() const {
     return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
 }
 
-void ZForkedChild::Reap() const {
+void ZForkedChild::Reap() {
     while (::waitpid(m_id, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    m_id = -1;
+}
+
+void ZForkedChild::End() {
+    ::kill(m_id, SIGKILL);
+    const ZFileDescriptor exit(::pidfd_open(m_id, 0));
+    pollfd entry{exit.Get(), POLLIN, 0};
+    if (exit && ::poll(&entry, 1, kEndPatience) > 0) {
+        Reap();
+    } else {
+        ZChildReaper::Instance().Watch(Release(), m_name);  // stuck in the kernel; it ends when the kernel lets it
     }
 }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "ZShared/ZError.h"
 #include "ZShared/ZFileDescriptor.h"
@@ -13,10 +14,20 @@
 /// thread.
 class ZForkedChild {
 public:
-    /// Runs `body` in the child. It reports an error number by writing an int to its descriptor, and may close it
-    /// without one. As after any fork of a process with threads, it may call only what is safe in a signal handler.
-    /// `name` is what errors name.
-    ZResult<void> Start(const std::string& name, const std::function<void(int report)>& body);
+    /// What the child has of this process's descriptors, beside the standard ones.
+    static constexpr int kReport = 3;
+    static constexpr int kKept = 4;
+
+    ZForkedChild() = default;
+    ZForkedChild(ZForkedChild&& other) noexcept;
+    ZForkedChild& operator=(ZForkedChild&&) = delete;
+    /// Ends one that was left to live.
+    ~ZForkedChild();
+
+    /// Runs `body` in the child. It reports an error number by writing an int to kReport, and may close it without one;
+    /// `keep`, when there is one, is its kKept. As after any fork of a process with threads, it may call only what is
+    /// safe in a signal handler. `name` is what errors name.
+    ZResult<void> Start(const std::string& name, const std::function<void()>& body, int keep = -1);
 
     /// What the child reported, 0 for nothing; an error when that takes longer than `limit`, or when the calling thread
     /// is to stop, after which the child is ended.
@@ -28,9 +39,13 @@ public:
 
     pid_t Id() const { return m_id; }
     /// For one that has reported, and so ends now.
-    void Reap() const;
+    void Reap();
+    /// It lives on without its owner, who reaps it.
+    pid_t Release() { return std::exchange(m_id, -1); }
 
 private:
+    void End();
+
     pid_t m_id = -1;
     std::string m_name;
     ZFileDescriptor m_report;

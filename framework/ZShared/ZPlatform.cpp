@@ -173,7 +173,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallbac
 }
 
 ZResult<pid_t> ZPlatform::StartProgram(const std::vector<std::string>& arguments,
-                                       const std::vector<std::string>& further, std::string_view sealed) {
+                                       const std::vector<std::string>& further, const ZSealedProgram* sealed) {
     try {
         auto child = StartDetached(arguments, further, kReadLimit, sealed);
         if (!child) {

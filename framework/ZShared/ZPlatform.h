@@ -7,11 +7,12 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "ZShared/ZAllocator.h"
 #include "ZShared/ZError.h"
+
+struct ZSealedProgram;
 
 /// The instrument's identity, as the EEPROM or the graph file tells it.
 struct ZIdentity {
@@ -56,10 +57,10 @@ public:
     /// process; its exit is logged later.
     static bool ExecuteCommand(const std::vector<std::string>& arguments);
     /// As above, with `further` variables ("NAME=value"), for a caller that watches the process and reaps it. A file
-    /// that can't be read within some seconds is not run. With `sealed`, those bytes run in place of the file's, as
-    /// StartDetached does it.
+    /// that can't be read within some seconds is not run. With `sealed`, that program runs in the file's
+    /// place, as StartDetached does it.
     static ZResult<pid_t> StartProgram(const std::vector<std::string>& arguments,
-                                       const std::vector<std::string>& further, std::string_view sealed = {});
+                                       const std::vector<std::string>& further, const ZSealedProgram* sealed = nullptr);
 
     /// The identity's fields. False, and `text` untouched, when there is no identity or it lacks the field.
     static bool ReadModel(ZString& text);

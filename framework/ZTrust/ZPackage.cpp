@@ -106,6 +106,21 @@ ZPackage::Result<ZPackage> ReadFirstFormat(ZPackage package, int file, std::uint
     return package;
 }
 
+/// Format 2 has its signatures behind the payload; they cover the head alone.
+ZPackage::Result<ZPackage> ReadTrailer(ZPackage package, int file, std::uint64_t size) {
+    const auto trailer = ReadEndOf(package, file, size, ztrust::kLargestTrailer);
+    if (!trailer) {
+        return trailer.error();
+    }
+    auto signatures = ztrust::ReadSignatures(*trailer);
+    if (!signatures) {
+        return signatures.error();
+    }
+    package.signatures = std::move(*signatures);
+    package.signedText = "arbor update package 2\n" + ztrust::Sha256Hex(package.head) + "\n";
+    return package;
+}
+
 }  // namespace
 
 ZPackage::Result<ZPackage> ZPackage::Read(int file, const StopQuestion& isStopped) {
@@ -117,20 +132,21 @@ ZPackage::Result<ZPackage> ZPackage::Read(int file, const StopQuestion& isStoppe
     if (!package) {
         return package;
     }
-    if (package->format == 1) {
-        return ReadFirstFormat(std::move(*package), file, *size, isStopped);
+    return package->format == 1 ? ReadFirstFormat(std::move(*package), file, *size, isStopped)
+                                : ReadTrailer(std::move(*package), file, *size);
+}
+
+ZPackage::Result<ZPackage> ZPackage::ReadSecondFormat(int file) {
+    const auto size = SizeOf(file);
+    if (!size) {
+        return size.error();
     }
-    const auto trailer = ReadEndOf(*package, file, *size, ztrust::kLargestTrailer);
-    if (!trailer) {
-        return trailer.error();
+    auto package = ReadHead(file, *size);
+    if (package && package->format == 1) {
+        return ZVerdict{ZVerdictCode::NotPackage,
+                        "it is a package of format 1, whose signature can't be checked before it runs"};
     }
-    auto signatures = ztrust::ReadSignatures(*trailer);
-    if (!signatures) {
-        return signatures.error();
-    }
-    package->signatures = std::move(*signatures);
-    package->signedText = "arbor update package 2\n" + ztrust::Sha256Hex(package->head) + "\n";
-    return package;
+    return package ? ReadTrailer(std::move(*package), file, *size) : package;
 }
 
 ZPackage::Result<ZPackage> ZPackage::ReadDetached(int file, int signature, const StopQuestion& isStopped) {

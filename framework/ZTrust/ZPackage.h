@@ -45,7 +45,9 @@ struct ZPackage {
     /// format 1 is read as a whole, since its signature covers all of it; `isStopped` may end that. An error has one of
     /// the codes Unreadable, NotPackage and Damaged.
     static Result<ZPackage> Read(int file, const StopQuestion& isStopped = {});
-    /// As above for a file beside which there is a detached signature, open as `signature`. Reads all of the file.
+    /// As Read, for format 2 alone: quick, and sure to be, since nothing that the package says makes it read more.
+    static Result<ZPackage> ReadSecondFormat(int file);
+    /// As Read, for a file beside which there is a detached signature, open as `signature`. Reads all of the file.
     static Result<ZPackage> ReadDetached(int file, int signature, const StopQuestion& isStopped = {});
 
     /// Reads the payload and compares its digest: for format 2, where the signature covers the digest only.

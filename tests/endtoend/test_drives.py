@@ -1,7 +1,6 @@
 """Drives and uploads that misbehave: the device goes on, tells what it does, and holds on to nothing."""
 
 import contextlib
-import json
 import os
 import shutil
 import signal
@@ -11,8 +10,8 @@ import unittest
 from pathlib import Path
 
 from installs import ended, job, jobs, state_of
-from simulation import furnish, gateway, host, paths, places, sticks
-from support import InstrumentCase, arborctl, both_slots, outcomes, script_package, stick_package, wait_until
+from simulation import gateway, paths, places, sticks
+from support import InstrumentCase, arborctl, both_slots, configure, outcomes, script_package, stick_package, wait_until
 
 MOST_THREADS = 40
 PLUGS = 100

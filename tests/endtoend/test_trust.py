@@ -32,18 +32,43 @@ cat /etc/shadow >/dev/null 2>&1 && tried read-secrets
 grep -q 'CapEff:.*[1-9a-f]' /proc/self/status && tried has-capabilities
 [ "$(grep -c : /proc/net/dev)" -gt 1 ] && tried saw-network
 [ -n "$NOTIFY_SOCKET$ARBOR_SECRET" ] && tried saw-environment
-kill -9 -1 2>/dev/null
-(setsid sleep 1000 &) >/dev/null 2>&1 </dev/null
 echo "tried:$said"
+(setsid sleep 1000 &) >/dev/null 2>&1 </dev/null
+kill -9 -1
 exit 1
 """
+
+
+def strangers_keys() -> Path:
+    """The keys of somebody whom nobody trusts."""
+    keys = paths.STATE / "stranger"
+    subprocess.run([sys.executable, "-B", paths.PROJECT / "packages" / "arbor-pkg", "keygen", "--out", keys,
+                    "--name", "Stranger"], check=True, stdout=subprocess.DEVNULL)
+    return keys
+
+
+def package_tools(folder: Path) -> Path:
+    """A copy of the package tools, to be changed."""
+    shutil.copytree(paths.PROJECT / "packages", folder / "packages")
+    return folder / "packages"
+
+
+def strangers_package(version: str) -> Path:
+    """A package that only lacks a signature that is trusted, and whose every part would tell that it has run."""
+    folder = paths.STATE / "strangers"
+    tools = package_tools(folder)
+    stub = tools / "installer/arborinstaller/stub.sh"
+    stub.write_text(stub.read_text().replace("#!/bin/sh\n", f"#!/bin/sh\ntouch {RAN}\n", 1))
+    (tools / "installer/arborinstaller/__init__.py").write_text(f"open({str(RAN)!r}, 'w').close()\n")
+    package = build(folder / f"arbor-{version}.pkg", version, keys=strangers_keys(), tools=tools)
+    RAN.unlink()  # the tools have run it
+    return package
 
 
 def signed_script(version: str, text: str) -> Path:
     """A package with the release's signature whose beginning is a script of the test's own."""
     folder = paths.STATE / "signed-scripts" / version
-    tools = folder / "packages"
-    shutil.copytree(paths.PROJECT / "packages", tools)
+    tools = package_tools(folder)
     (tools / "installer/arborinstaller/stub.sh").write_text("#!/bin/sh\n" + text)
     (folder / "system.img").write_bytes(b"image")
     return build(folder / f"arbor-{version}.pkg", version, tools=tools, image=folder / "system.img")
@@ -77,9 +102,7 @@ class Trust(InstrumentCase):
         return drive
 
     def test_nothing_of_a_stranger_runs(self) -> None:
-        stranger = paths.STATE / "stranger"
-        subprocess.run([sys.executable, "-B", paths.PROJECT / "packages" / "arbor-pkg", "keygen", "--out", stranger,
-                        "--name", "Stranger"], check=True, stdout=subprocess.DEVNULL)
+        stranger = strangers_keys()
         files = [script_package("unsigned.pkg", STRANGER), script_package("._arbor.pkg", STRANGER),
                  build(paths.STATE / "foreign.pkg", "9.1", keys=stranger),
                  build(paths.STATE / "board.pkg", "9.2", board="apalis-imx8")]
@@ -138,7 +161,7 @@ class Trust(InstrumentCase):
 
     def test_package_that_is_exchanged_all_the_time_never_runs_unread(self) -> None:
         drive = self.insert(stick_package("3.045"))
-        good, bad = stick_package("3.046"), script_package("bad.pkg", STRANGER)
+        good, bad = stick_package("3.046"), strangers_package("3.046")
         goes_on = threading.Event()
 
         def exchange() -> None:
