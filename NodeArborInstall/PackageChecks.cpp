@@ -72,13 +72,11 @@ struct ZNodeArborInstall::PackageCheck {
     }
 };
 
-bool ZNodeArborInstall::RunCheck(const PackageCheck& check, const std::string& command, std::string& output) {
-    if (!check.approved) {
-        return ZPlatform::ExecuteCommand(command, output, check.Left());
-    }
+bool ZNodeArborInstall::RunCheck(const PackageCheck& check, const std::string& arguments, std::string& output) {
     const auto limit = std::chrono::seconds(Config().m_CheckTimeoutSeconds);
-    return ZPlatform::ExecuteCommand(m_trust.Confined(command, check.file, *check.approved, limit), output,
-                                     check.Left());
+    return ZPlatform::ExecuteCommand(check.approved ? m_trust.Command(check.file, arguments, *check.approved, limit)
+                                                    : ShellEscape(check.file.string()) + arguments,
+                                     output, check.Left());
 }
 
 ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file, std::chrono::milliseconds limit) {
@@ -104,10 +102,9 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
         }
         check.approved.emplace(std::move(*approved));
     }
-    const std::string command = ShellEscape(file.string()) + " --version";
     std::string output;
-    if (!RunCheck(check, command, output)) {
-        Z_LOG(4, "Execute command %s failed: %s", command, output);
+    if (!RunCheck(check, " --version", output)) {
+        Z_LOG(4, "Execute command %s failed: %s", ShellEscape(file.string()) + " --version", output);
         Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
                "it does not tell its version: " + output, operation);
         return false;
@@ -177,7 +174,7 @@ bool ZNodeArborInstall::VerifyPackageFile(const PackageCheck& check, const ZSoft
         output = "the board's name can't stand in a command line";
         return false;
     }
-    return RunCheck(check, escaped + " --verify " + ToStdString(m_board), output);
+    return RunCheck(check, " --verify " + ToStdString(m_board), output);
 }
 
 bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const fs::path& file) {

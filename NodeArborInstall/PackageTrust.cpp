@@ -141,10 +141,15 @@ ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& path, cons
     return Approved{std::move(*package), std::move(*head), std::move(*file)};
 }
 
-std::string PackageTrust::Confined(const std::string& command, const fs::path& file, const Approved& package,
-                                   std::chrono::seconds limit) const {
+std::string PackageTrust::Command(const fs::path& file, const std::string& arguments, const Approved& package,
+                                  std::chrono::seconds limit) const {
     // The shell opens both before anything is confined: the file that was read, and the copy of its head.
     const std::string head = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(package.head.Get());
+    const std::string opened = " 8<" + ShellQuoted(head) + " 9<" + ShellQuoted(package.file.Path());
+    if (!m_isConfined) {
+        return "ARBOR_PACKAGE_FD=9 ARBOR_TRUST=" + ShellQuoted(m_signers.string()) + " exec /proc/self/fd/8" +
+               arguments + opened;
+    }
     Texts words = EmptySystem();
     AppendFolders(words, m_signers / "any");
     AppendFolders(words, file);
@@ -153,15 +158,16 @@ std::string PackageTrust::Confined(const std::string& command, const fs::path& f
     const Texts limits = Limits(limit);
     words.insert(words.end(), limits.begin(), limits.end());
     Append(words, {"/bin/sh", "-c"});
-    words.push_back(command);
-    return "exec " + CommandLine(words) + "8<" + ShellQuoted(head) + " 9<" + ShellQuoted(package.file.Path());
+    words.push_back(ShellQuoted(file.string()) + arguments);
+    return "exec " + CommandLine(words) + opened;
 }
 
-ZResult<void> PackageTrust::CanCheck() const {
+ZResult<void> PackageTrust::HasSigners() const {
     const auto signers = ZTrustedSigners::Load(m_signers.string());
-    if (!signers) {
-        return signers.error();
-    }
+    return signers ? ZResult<void>() : signers.error();
+}
+
+ZResult<void> PackageTrust::CanConfine() const {
     Texts words = EmptySystem();
     AppendFolders(words, m_signers / "any");
     Append(words, {"--ro-bind", m_signers.c_str(), m_signers.c_str()});

@@ -30,16 +30,20 @@ public:
     ZResult<Approved> Examine(const std::filesystem::path& file, const std::string& board,
                               std::chrono::milliseconds limit) const;
 
-    /// The shell command line that runs `command`, which names the package's file, with the approved bytes at that
-    /// path, apart from the system: no network, no other processes, nothing of the files but programs and libraries,
-    /// nowhere to write but a small folder, no privileges; memory, processes and processor time are bounded, and all of
-    /// it ends with the command.
-    std::string Confined(const std::string& command, const std::filesystem::path& file, const Approved& package,
-                         std::chrono::seconds limit) const;
+    /// The shell command line that runs the package with `arguments`, apart from the system: no network, no other
+    /// processes, nothing of the files but programs and libraries, nowhere to write but a small folder, no privileges;
+    /// memory, processes and processor time are bounded, and all of it ends with the command. What runs are the
+    /// approved bytes, at the path of `file`.
+    std::string Command(const std::filesystem::path& file, const std::string& arguments, const Approved& package,
+                        std::chrono::seconds limit) const;
+    /// From now on commands run as this process does, with the approved bytes all the same.
+    void LeaveUnconfined() { m_isConfined = false; }
 
-    /// What is in the way of every check: this system can't run commands so, or the signers can't be read.
-    ZResult<void> CanCheck() const;
+    /// Whether the signers can be read; whether this system can confine commands.
+    ZResult<void> HasSigners() const;
+    ZResult<void> CanConfine() const;
 
 private:
     std::filesystem::path m_signers;
+    bool m_isConfined = true;
 };

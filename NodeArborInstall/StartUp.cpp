@@ -50,9 +50,19 @@ void ZNodeArborInstall::ReadTrust() {
     m_trustProblem.clear();
     if (!m_trust.IsOn()) {
         Z_LOG(3, "No trusted signers are configured: every package that is brought runs, as root");
-    } else if (const auto can = m_trust.CanCheck(); !can) {
-        m_trustProblem = ToZString(can.error().text);
-        Z_LOG(4, "No package will be accepted: %s", m_trustProblem);
+        return;
+    }
+    const auto signers = m_trust.HasSigners();
+    const auto confined = m_trust.CanConfine();
+    if (signers && confined) {
+        return;
+    }
+    const bool goesOn = signers && m_pConfig->m_bUnconfinedChecks;
+    m_trustProblem = (goesOn ? "packages are checked without being confined: " : "no package is accepted: ") +
+                     ToZString(signers ? confined.error().text : signers.error().text);
+    Z_LOG(goesOn ? 3 : 4, "With trusted signers, %s", m_trustProblem);
+    if (goesOn) {
+        m_trust.LeaveUnconfined();
     }
 }
 

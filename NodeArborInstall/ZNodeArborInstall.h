@@ -195,7 +195,7 @@ private:
     /// What comes once it has told its version.
     bool FinishCheck(const PackageCheck& check, const ZSoftwareVersion& version,
                      std::shared_ptr<ZMessageArray>& results, const CheckOrder& order);
-    bool RunCheck(const PackageCheck& check, const std::string& command, std::string& output);
+    bool RunCheck(const PackageCheck& check, const std::string& arguments, std::string& output);
     void Refuse(std::shared_ptr<ZMessageArray>& results, const ZString& version, const std::filesystem::path& file,
                 ZFrameworkErrorCodes::ZErrorCode code, const std::string& reason, ZOperation& operation);
     bool VerifyPackageFile(const PackageCheck& check, const ZSoftwareVersion& version, std::string& output);

@@ -23,6 +23,7 @@ public:
     std::uint32_t m_CheckTimeoutSeconds = 60;
     std::uint32_t m_AccessoryPatienceSeconds = 60;
     ZString m_TrustedSigners;
+    bool m_bUnconfinedChecks = false;
 
     /// Derived, when the record is read: the device's mount point and ArchiveDir, which is a further component whatever
     /// it begins with. ArchiveDir alone when the device is not mounted; empty without a device.
@@ -90,6 +91,10 @@ private:
                 .OrEmpty()
                 .Means("Folder of the certificates whose packages may run: nothing of others runs. Empty: whatever is "
                        "brought and may be executed runs, as root.",
-                       "\"/etc/arbor/trust\""));
+                       "\"/etc/arbor/trust\""),
+            Z_KEYED_FIELD("UnconfinedChecks", m_bUnconfinedChecks)
+                .Means(
+                    "Whether packages of trusted signers are checked where this system can't confine the check; else "
+                    "they are refused there."));
     }
 };

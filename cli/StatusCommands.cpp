@@ -112,7 +112,7 @@ std::string TrustText(const json::value& status) {
     if (signers.empty()) {
         return "off: everybody's packages run";
     }
-    return "signers in " + signers + (problem.empty() ? "" : "; no package is accepted: " + problem);
+    return "signers in " + signers + (problem.empty() ? "" : "; " + problem);
 }
 
 std::string StatusText(const json::value& status) {

@@ -121,7 +121,7 @@ public:
     ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Refused;   ///< of files that were refused, the newest 64
     ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Archive;
     ZString m_TrustedSigners;  ///< folder of those whose packages may run; empty: everybody's run
-    ZString m_TrustProblem;    ///< why no package is accepted; empty: nothing is known that would be in the way
+    ZString m_TrustProblem;    ///< what is in the way of that, as a sentence; empty: nothing is known to be
     ZString m_UpdatesFolder;
     std::int64_t m_UpdatesFree = -1;  ///< bytes for uploads; negative: not known
     std::int64_t m_ArchiveFree = -1;  ///< bytes where the archive lies

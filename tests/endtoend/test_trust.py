@@ -182,6 +182,8 @@ class Trust(InstrumentCase):
         self.assertFalse(RAN.exists())
         self.assertIn(both_slots()[1]["B"], ("3.043", "3.046"))
 
+    @unittest.skipIf(subprocess.run(["bwrap", "--ro-bind", "/", "/", "--proc", "/proc", "true"], check=False).returncode,
+                     "nothing can be confined here")
     def test_check_of_a_signed_package_is_confined(self) -> None:
         os.environ["ARBOR_SECRET"] = os.environ["NOTIFY_SOCKET"] = "/run/none"
         self.addCleanup(os.environ.pop, "ARBOR_SECRET")
@@ -202,6 +204,27 @@ class Trust(InstrumentCase):
         def left() -> str:
             return subprocess.run(["pgrep", "-x", "sleep"], capture_output=True, text=True, check=False).stdout
         wait_until(lambda: not left(), "nothing of them is left")
+
+    def test_where_nothing_can_be_confined_the_settings_say_what_becomes_of_checks(self) -> None:
+        folder = paths.STATE / "without-bwrap"
+        folder.mkdir()
+        (folder / "bwrap").write_text("#!/bin/sh\necho nothing can be confined here\nexit 1\n")
+        (folder / "bwrap").chmod(0o755)
+        search = os.environ["PATH"]
+        os.environ["PATH"] = f"{folder}:{search}"
+        self.addCleanup(os.environ.update, {"PATH": search})
+        self.restart()
+        self.assertIn("without being confined: checks can't be confined: nothing", arborctl("status").stdout)
+        self.insert(stick_package("3.046"), script_package("unsigned.pkg", STRANGER))
+        self.assertEqual(["3.046"], gateway.updates())
+        self.assertFalse(RAN.exists())
+        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        sticks.detach()
+        configure("ArborInstall", UnconfinedChecks=False)
+        self.restart()
+        self.assertIn("no package is accepted: checks can't be confined: nothing", arborctl("status").stdout)
+        self.insert(stick_package("3.046"))
+        self.assertEqual([], gateway.updates())
 
     def test_device_that_does_not_know_itself_accepts_nothing(self) -> None:
         board = paths.EEPROM.read_bytes()
