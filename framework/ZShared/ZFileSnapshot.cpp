@@ -106,10 +106,12 @@ ZResult<ZFileSnapshot> SnapshotFile(const std::string& path, ZSnapshotSize size,
         const int report = error == 0 ? kDone : error;
         ::close(ZForkedChild::kKept);
         static_cast<void>(::write(ZForkedChild::kReport, &report, sizeof report));
-        while (error == 0) {
+        if (error != 0) {
+            ::_exit(0);
+        }
+        for (;;) {
             ::pause();
         }
-        ::_exit(0);
     };
     if (const auto started = child.Start(path, keep, copy->Get()); !started) {
         return started.error();
