@@ -13,7 +13,8 @@ namespace gateway {
 
 namespace {
 
-constexpr int kWaitingConnections = 128;  // that the kernel keeps until they are accepted
+// That the kernel keeps until they are accepted. Many a client does not wait for a place among them, but gives up.
+constexpr int kWaitingConnections = 1024;
 
 ZFileDescriptor NewSocket() {
     return ZFileDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
