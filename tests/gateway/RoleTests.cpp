@@ -186,6 +186,7 @@ TEST_F(GatewayRoles, LetAnOperatorEndJobsOfHisOwnOnly) {
     EXPECT_EQ(cancel(operating, ToStdString(own->Id()).substr(0, 8)).status, 403) << "a beginning names nobody's job";
     EXPECT_EQ(cancel(operating, "").status, 403);
     EXPECT_EQ(cancel({kNobody, {Id(kAdminister)}}, ToStdString(others->Id())).status, 202);
+    EXPECT_TRUE(probe->WaitForMessages(3));
     EXPECT_EQ(probe->Received().size(), 3U);
     for (const auto& job : {own, others, devices}) {
         job->Succeed();
