@@ -1,7 +1,7 @@
 #include "NodeBase/ZOperation.h"
 
 #include <algorithm>
-#include <random>
+#include <cstdlib>
 
 ZOperation::ZOperation(std::shared_ptr<ZOperationMsg> first, Publish publish)
     : m_begun(CopyOf(*first)),
@@ -32,10 +32,9 @@ bool ZOperation::MayFollow(ZOperationState from, ZOperationState to) {
 
 ZString ZOperation::NewId() {
     // From the system's own source: ids of different boots and hosts must differ, too.
-    std::random_device source;
     std::string id;
     for (int word = 0; word < 2; ++word) {
-        const std::uint32_t bits = source();
+        const std::uint32_t bits = ::arc4random();
         for (int nibble = 0; nibble < 8; ++nibble) {
             id += "0123456789abcdef"[(bits >> (nibble * 4)) & 0xF];
         }

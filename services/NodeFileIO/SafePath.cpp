@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <optional>
-#include <random>
 
 namespace fs = std::filesystem;
 
@@ -134,8 +134,7 @@ FileError FindPlace(const std::vector<fs::path>& roots, std::string_view path, M
 }
 
 std::string NewTemporaryName() {
-    std::random_device random;
-    return '.' + std::to_string(random()) + '-' + std::to_string(random()) + std::string(kTemporaryEnd);
+    return '.' + std::to_string(::arc4random()) + '-' + std::to_string(::arc4random()) + std::string(kTemporaryEnd);
 }
 
 bool IsTemporaryName(std::string_view name) {
