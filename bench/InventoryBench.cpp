@@ -28,6 +28,7 @@ const Archive& ArchiveOf(std::size_t versions) {
 
 void ReadWithNode(benchmark::State& state, std::size_t versions) {
     const Archive& archive = ArchiveOf(versions);
+    archive.settings.UseMachine();
     for ([[maybe_unused]] auto _ : state) {
         auto node = MakeInstallNode(archive.settings);
         state.PauseTiming();

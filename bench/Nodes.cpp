@@ -2,13 +2,10 @@
 
 #include <stdexcept>
 
-#include "ZShared/ZPlatform.h"
-
 InstallSettings::InstallSettings(const Scratch& scratch) {
-    ZPlatformSettings platform;
     platform.identity = ZIdentity{"KiteQM", "SN42", "verdin-imx8mm"};
     platform.mounts = {{"/dev/archive", (scratch / "archive").parent_path().string()}};
-    ZPlatform::Configure(platform);
+    UseMachine();
     core->m_Files.m_UpdatesFolder = ToZString((scratch / "updates").string());
     record->SetEnvironment(std::make_shared<ZEnvironment>());
     record->m_SystemInfoFilePath = ToZString(scratch.Write("Manifest.json", ManifestText("1.0")).string());

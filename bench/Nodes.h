@@ -3,11 +3,16 @@
 #include "NodeBase/ZGraph.h"
 #include "Scratch.h"
 #include "ZNodeArborInstall.h"
+#include "ZShared/ZPlatform.h"
 
 /// What a node needs of its machine: identity, archive ("archive"), updates folder ("updates") and an installed system
 /// in `scratch`.
 struct InstallSettings {
     explicit InstallSettings(const Scratch& scratch);
+    /// Makes this the machine; the newest settings' is it at first.
+    void UseMachine() const { ZPlatform::Configure(platform); }
+
+    ZPlatformSettings platform;
 
     std::shared_ptr<ZCoreConfigParams> core = ZMakeShared<ZCoreConfigParams>();
     std::shared_ptr<ZNodeArborInstallCfg> record = ZMakeShared<ZNodeArborInstallCfg>("ArborInstall");

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
+#include <utility>
 
 #include "ZShared/ZMountTable.h"
 
@@ -45,12 +47,10 @@ fs::path Real(const fs::path& path) {
     return code ? fs::path() : WithoutEndingSlash(real);
 }
 
-/// Whether both are one and the same thing, under whatever names.
-bool AreSame(const fs::path& one, const fs::path& other) {
-    struct stat first {};
-    struct stat second {};
-    return ::stat(one.c_str(), &first) == 0 && ::stat(other.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
+/// What a thing is, whatever it is called; none for what is not there.
+std::optional<std::pair<dev_t, ino_t>> IdentityOf(const fs::path& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? std::optional(std::pair(status.st_dev, status.st_ino)) : std::nullopt;
 }
 
 }  // namespace
@@ -68,8 +68,9 @@ bool IsFolderOfItsOwn(std::string_view text) {
 
 bool LiesIn(const fs::path& path, const fs::path& folder) {
     const fs::path real = Real(path);
-    for (fs::path above = real; !above.empty(); above = above.parent_path()) {
-        if (AreSame(above, folder)) {
+    const auto identity = IdentityOf(folder);
+    for (fs::path above = real; identity && !above.empty(); above = above.parent_path()) {
+        if (IdentityOf(above) == identity) {
             return true;
         }
         if (above == above.root_path()) {
