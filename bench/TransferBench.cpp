@@ -104,6 +104,7 @@ void SetSecondsSince(benchmark::State& state, Clock::time_point start) {
 
 void TransferWithNodes(benchmark::State& state) {
     const InstallSettings& settings = ThePackage().settings;
+    settings.UseMachine();
     TransferEnds ends;
     ZGraph graph(settings.core);
     AddNode(graph, ZNodeArborInstall::kClassName, "ArborInstall", settings.record);

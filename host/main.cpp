@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
@@ -58,6 +61,18 @@ std::set<std::filesystem::path> ArchivesOf(const std::vector<std::shared_ptr<ZCo
     return archives;
 }
 
+/// Standard descriptors that whoever started this left closed: the next files opened would take their places, and
+/// what is written to standard error end up in one of them.
+void OpenStandardDescriptors() {
+    int last = -1;
+    do {
+        last = ::open("/dev/null", O_RDWR);
+    } while (last >= 0 && last <= STDERR_FILENO);
+    if (last >= 0) {
+        ::close(last);
+    }
+}
+
 HostExit PrintSchema() {
     LibrarySet libraries;
     if (const auto loaded = libraries.LoadAll(); !loaded) {
@@ -109,6 +124,7 @@ HostExit RunGraph(const Arguments& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    OpenStandardDescriptors();
     // A client that goes away is an error of that write, not the end of the process.
     std::signal(SIGPIPE, SIG_IGN);
     try {

@@ -1,15 +1,13 @@
 #include "NodeLink/LinkKeys.h"
 
-#include <fcntl.h>
 #include <sodium.h>
 
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
 
 #include "ZMessages/ZFields.h"
 #include "ZMessages/ZJSONCommStream.h"
-#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZReplaceFile.h"
 #include "ZShared/ZScopeEnd.h"
 #include "text/Hex.h"
 
@@ -57,18 +55,6 @@ ZResult<LinkKeyPair> ReadKeys(const fs::path& file) {
     return keys;
 }
 
-/// Writes a file that only its owner may read and that is safe on the disk afterwards; 0, or the errno of what failed.
-int WriteSecret(const fs::path& file, const std::string& text) {
-    const ZFileDescriptor output(::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (!output) {
-        return errno;
-    }
-    errno = ENOSPC;  // a write that falls short sets none
-    const bool written = ::write(output.Get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-                         ::fsync(output.Get()) == 0;
-    return written ? 0 : errno;
-}
-
 ZResult<LinkKeyPair> MakeKeys(const fs::path& file) {
     LinkKeyBytes publicKey{};
     LinkKeyPair keys;
@@ -84,20 +70,8 @@ ZResult<LinkKeyPair> MakeKeys(const fs::path& file) {
     text += "\"}\n";
     std::error_code code;
     fs::create_directories(file.parent_path(), code);
-    // Under a name of its own until it is whole: half a file would be taken for the keys at the next start.
-    const fs::path temporary = file.string() + ".new";
-    fs::remove(temporary, code);
-    int failure = WriteSecret(temporary, text);
-    if (failure == 0 && ::rename(temporary.c_str(), file.c_str()) != 0) {
-        failure = errno;
-    }
-    if (failure != 0) {
-        fs::remove(temporary, code);
-        return ZError::OfSystem(file.string() + " could not be written", failure);
-    }
-    const ZFileDescriptor folder(::open(file.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder) {
-        static_cast<void>(::fsync(folder.Get()));  // without it the name may be lost with the power; the file is whole
+    if (const auto written = ReplaceFile(file, text, 0600); !written) {
+        return written.error();
     }
     return keys;
 }

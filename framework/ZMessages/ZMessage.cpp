@@ -1,7 +1,5 @@
 #include "ZMessages/ZMessage.h"
 
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -10,7 +8,7 @@
 
 #include "ZMessages/ZFields.h"
 #include "ZShared/ZError.h"
-#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZReplaceFile.h"
 
 Z_IMPLEMENT(ZMessage)
 
@@ -84,34 +82,17 @@ bool ZMessage::Save(std::string& text, ZCommStream& stream) const {
     return written;
 }
 
-namespace {
-
-/// Whether a file's content, or a folder's, is safe on the disk now.
-bool IsSynced(const std::filesystem::path& path) {
-    const ZFileDescriptor opened(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    // Some file systems keep their folders safe by themselves and know no such call.
-    return opened && (::fsync(opened.Get()) == 0 || errno == EINVAL);
-}
-
-}  // namespace
-
 bool ZMessage::Save(const std::filesystem::path& file, ZCommStream& stream) const {
     std::string text;
-    const bool written = Save(text, stream);
-    const std::filesystem::path temporary = file.string() + ".new";
-    std::ofstream output(temporary, std::ios::binary | std::ios::trunc);
-    output << text << '\n';
-    output.close();
-    std::error_code code;
-    if (written && output && IsSynced(temporary)) {
-        std::filesystem::rename(temporary, file, code);
-        if (!code && IsSynced(file.has_parent_path() ? file.parent_path() : ".")) {
-            return true;
-        }
+    if (!Save(text, stream)) {
+        stream.SetError({}, file.string() + " could not be written");
+        return false;
     }
-    stream.SetError({}, file.string() + " could not be written");
-    std::filesystem::remove(temporary, code);
-    return false;
+    const auto replaced = ReplaceFile(file, text + '\n');
+    if (!replaced) {
+        stream.SetError({}, replaced.error().text);
+    }
+    return replaced.has_value();
 }
 
 bool ZMessage::Load(std::string_view text, ZCommStream& stream) {

@@ -55,6 +55,31 @@ void Report(int error) {
 constexpr const char* kProgram = "/proc/self/fd/4";
 constexpr int kPackage = ZForkedChild::kKept + 1;
 
+struct Answer {
+    int error = 0;
+    std::string text;
+};
+
+/// What `question`, which reports, finds out in a child about the path.
+ZResult<Answer> AskChild(const std::string& path, std::chrono::milliseconds limit,
+                         const std::function<void()>& question) {
+    ZForkedChild child;
+    const auto started = child.Start(path, [&] {
+        question();
+        ::_exit(0);
+    });
+    if (!started) {
+        return started.error();
+    }
+    const auto error = child.Report(limit);
+    if (!error) {
+        return error.error();
+    }
+    Answer answer{*error, *error == 0 ? child.Rest() : std::string()};
+    child.Reap();
+    return answer;
+}
+
 }  // namespace
 
 std::vector<std::string> ProgramEnvironment() {
@@ -85,7 +110,7 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
         if (sealed == nullptr || file == kPackage) {
             ::execve(sealed != nullptr ? kProgram : argv[0], argv.data(), envp.data());
         }
-        Report(errno);
+        Report(file >= 0 ? EBADF : errno);
     };
     ZForkedChild child;
     if (const auto started = child.Start(arguments.front(), run, sealed != nullptr ? sealed->program : -1); !started) {
@@ -103,21 +128,11 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
 }
 
 ZResult<bool> ExistsWithin(const std::string& path, std::chrono::milliseconds limit) {
-    ZForkedChild child;
-    const auto started = child.Start(path, [&] {
+    const auto answer = AskChild(path, limit, [&] {
         struct stat status {};
         Report(::stat(path.c_str(), &status) == 0 ? 0 : errno);
-        ::_exit(0);
     });
-    if (!started) {
-        return started.error();
-    }
-    const auto reported = child.Report(limit);
-    if (!reported) {
-        return reported.error();
-    }
-    child.Reap();
-    return *reported == 0;
+    return answer ? ZResult<bool>(answer->error == 0) : answer.error();
 }
 
 ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chrono::milliseconds limit) {
@@ -125,8 +140,7 @@ ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chron
         int error = 0;
         std::array<char, PATH_MAX> path{};
     };
-    ZForkedChild child;
-    const auto started = child.Start(path, [&] {
+    const auto answer = AskChild(path, limit, [&] {
         Found found;
         const int file = ::open(path.c_str(), O_PATH | O_CLOEXEC);
         const ssize_t length = file >= 0 && ::dup2(file, STDIN_FILENO) == STDIN_FILENO
@@ -135,19 +149,10 @@ ZResult<std::filesystem::path> ResolveWithin(const std::string& path, std::chron
         found.error = length >= 0 ? 0 : errno;
         const std::size_t size = sizeof found.error + static_cast<std::size_t>(std::max<ssize_t>(length, 0));
         static_cast<void>(::write(ZForkedChild::kReport, &found, size));
-        ::_exit(0);
     });
-    if (!started) {
-        return started.error();
+    if (!answer) {
+        return answer.error();
     }
-    const auto reported = child.Report(limit);
-    if (!reported) {
-        return reported.error();
-    }
-    std::string found = *reported == 0 ? child.Rest() : std::string();
-    child.Reap();
-    if (found.empty()) {
-        return ZError::OfSystem(path, *reported);
-    }
-    return std::filesystem::path(found);
+    return answer->text.empty() ? ZResult<std::filesystem::path>(ZError::OfSystem(path, answer->error))
+                                : std::filesystem::path(answer->text);
 }

@@ -50,6 +50,7 @@ ZResult<void> ZForkedChild::Start(const std::string& name, const std::function<v
         return ZError::OfSystem("pipe", errno);
     }
     m_report.Reset(ends[0]);
+    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
     const ZFileDescriptor writer(ends[1]);
     m_name = name;
     m_id = ::fork();

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string_view>
+
+#include "ZShared/ZError.h"
+
+/// Puts a file with these bytes in the place of what is there. After a power cut there is the old file or the new one,
+/// never a part of it; on success the new one is safe on the disk. `mode` is that of open(2). One thread per file.
+ZResult<void> ReplaceFile(const std::filesystem::path& file, std::string_view bytes, mode_t mode = 0666);
