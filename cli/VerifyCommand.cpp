@@ -65,7 +65,7 @@ Result<Finding> Examine(const VerifyOrder& order) {
     Finding finding{{}, std::move(**package), {}};
     finding.signer = ZTrustedSigners::SignerName(finding.package);
     finding.verdict = order.trust.empty() ? ZTrustedSigners::CheckSignatures(finding.package)
-                                          : trusted.Judge(finding.package, order.board);
+                                          : trusted.Judge(finding.package, {.board = order.board});
     if (finding.verdict.IsGood() && finding.package.format == 2 && !finding.package.isDetached) {
         if (ZVerdict image = finding.package.CheckPayload(file->Get(), &Interrupted); !image.IsGood()) {
             finding.verdict = image;
