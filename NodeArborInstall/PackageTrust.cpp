@@ -131,7 +131,7 @@ ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& path, cons
     if (!package) {
         return ZError(package.error().sentence, kInvalid);
     }
-    if (const ZVerdict verdict = signers->Judge(*package, board); !verdict.IsGood()) {
+    if (const ZVerdict verdict = signers->Judge(*package, {.board = board}); !verdict.IsGood()) {
         return ZError(verdict.sentence, kInvalid);
     }
     auto head = SealedFile(package->head);

@@ -79,8 +79,10 @@ Result<ExitCode> UploadFile(Session& session, const UploadOrder& order);
 
 struct VerifyOrder {
     std::string file;
-    std::string trust;  ///< Folder of trusted certificates; empty: only whether it is whole and signed.
-    std::string board;  ///< Empty: any.
+    std::string trust;         ///< Folder of those who are trusted; empty: only whether it is whole and signed.
+    std::string state;         ///< Folder with a newer trust document; may be empty.
+    std::string board;         ///< Empty: any.
+    bool development = false;  ///< Development packages are good too.
 };
 /// Says whether a package file of this computer is whole, signed and trusted. Needs no device; nothing of it runs.
 Result<ExitCode> VerifyPackage(Session& session, const VerifyOrder& order);

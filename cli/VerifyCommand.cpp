@@ -49,7 +49,7 @@ Result<Finding> Examine(const VerifyOrder& order) {
     }
     ZTrustedSigners trusted;
     if (!order.trust.empty()) {
-        auto loaded = ZTrustedSigners::Load(order.trust);
+        auto loaded = ZTrustedSigners::Load(order.trust, order.state);
         if (!loaded) {
             return UsageFailure(Escaped(loaded.error().text));
         }
@@ -64,8 +64,9 @@ Result<Finding> Examine(const VerifyOrder& order) {
     }
     Finding finding{{}, std::move(**package), {}};
     finding.signer = ZTrustedSigners::SignerName(finding.package);
+    const ZTrustQuestion question{.board = order.board, .acceptsDevelopment = order.development};
     finding.verdict = order.trust.empty() ? ZTrustedSigners::CheckSignatures(finding.package)
-                                          : trusted.Judge(finding.package, order.board);
+                                          : trusted.Judge(finding.package, question);
     if (finding.verdict.IsGood() && finding.package.format == 2 && !finding.package.isDetached) {
         if (ZVerdict image = finding.package.CheckPayload(file->Get(), &Interrupted); !image.IsGood()) {
             finding.verdict = image;

@@ -213,8 +213,14 @@ void AddLink(CLI::App& app, Choice& choice) {
                               "  arborctl verify arbor_qm.pkg --trust /etc/arbor/trust --board verdin-imx8mm\n"
                               "Nothing of the file runs. A signature may lie beside it, as arbor_qm.pkg.sig.");
     verify->add_option("FILE", choice.verify.file, "The package file")->required();
-    auto* trust =
-        verify->add_option("--trust", choice.verify.trust, "Trusted certificates (*.pem, *.crt)")->type_name("DIR");
+    auto* trust = verify
+                      ->add_option("--trust", choice.verify.trust,
+                                   "Who is trusted: arbor-trust.json, or certificates (*.pem, *.crt)")
+                      ->type_name("DIR");
+    verify->add_option("--state", choice.verify.state, "Where an arbor-trust.json may lie that is newer")
+        ->needs(trust)
+        ->type_name("DIR");
+    verify->add_flag("--development", choice.verify.development, "Accept development packages")->needs(trust);
     verify->add_option("--board", choice.verify.board, "The board that it has to be for")->needs(trust);
     verify->callback([&] { choice.run = [&](Session& s) { return VerifyPackage(s, choice.verify); }; });
 }

@@ -2,19 +2,18 @@
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
 
+#include "PublicKey.h"
 #include "ZTrust/Sha256.h"
 
 namespace ztrust {
 
 namespace {
 
-constexpr int kLeastRsaBits = 2048;
 constexpr int kSecurityLevel = 2;  // OpenSSL's: keys and digests of 112 bits of security
 constexpr std::string_view kBegin = "-----BEGIN CERTIFICATE-----";
 constexpr std::string_view kEnd = "-----END CERTIFICATE-----";
@@ -105,25 +104,11 @@ std::string NameOf(const X509& certificate) {
 }
 
 bool IsStrong(const X509& certificate) {
-    const EVP_PKEY* const key = X509_get0_pubkey(&certificate);
-    if (key == nullptr) {
-        return false;
-    }
-    const int kind = EVP_PKEY_get_base_id(key);
-    return kind == EVP_PKEY_ED25519 || (kind == EVP_PKEY_RSA && EVP_PKEY_get_bits(key) >= kLeastRsaBits);
+    return IsStrong(X509_get0_pubkey(&certificate));
 }
 
-bool SignatureFits(const X509& certificate, const std::string& text, const std::string& signature) {
-    EVP_PKEY* const key = X509_get0_pubkey(&certificate);
-    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    if (key == nullptr || !context) {
-        return false;
-    }
-    const int kind = EVP_PKEY_get_base_id(key);
-    const EVP_MD* const digest = kind == EVP_PKEY_ED25519 || kind == EVP_PKEY_ED448 ? nullptr : EVP_sha256();
-    return EVP_DigestVerifyInit(context.get(), nullptr, digest, nullptr, key) == 1 &&
-           EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(signature.data()), signature.size(),
-                            reinterpret_cast<const unsigned char*>(text.data()), text.size()) == 1;
+bool SignatureFits(const X509& certificate, std::string_view text, std::string_view signature) {
+    return SignatureFits(X509_get0_pubkey(&certificate), text, signature);
 }
 
 void Certificates::Add(std::vector<Certificate> certificates) {

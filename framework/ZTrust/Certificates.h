@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ZTrust/ZPackage.h"
@@ -21,7 +22,7 @@ std::string NameOf(const X509& certificate);
 /// Ed25519, or RSA of at least 2,048 bits.
 bool IsStrong(const X509& certificate);
 /// Whether `signature` over `text` was made with the certificate's key.
-bool SignatureFits(const X509& certificate, const std::string& text, const std::string& signature);
+bool SignatureFits(const X509& certificate, std::string_view text, std::string_view signature);
 
 /// Those that are trusted.
 class Certificates {

@@ -11,6 +11,7 @@ constexpr std::size_t kStubSize = 4096;
 constexpr std::size_t kLargestHeader = std::size_t{64} * 1024;  // with its line feed
 constexpr std::size_t kLargestCode = std::size_t{4} * 1024 * 1024;
 constexpr std::size_t kLargestTrailer = std::size_t{64} * 1024;
+constexpr std::size_t kLargestSignature = 2048;  // RSA of 16,384 bits, the largest key that OpenSSL takes
 
 struct Header {
     ZPackage package;

@@ -13,7 +13,6 @@ using ztrust::ReadEnd;
 
 namespace {
 
-constexpr std::size_t kLargestSignature = 2048;
 constexpr std::size_t kLargestDetached = std::size_t{128} * 1024;
 
 ZVerdict Damaged(const std::string& why) {
@@ -91,7 +90,7 @@ ZPackage::Result<std::string> ReadEndOf(const ZPackage& package, int file, std::
 /// Format 1 has one signature, over the digest of all that comes before it.
 ZPackage::Result<ZPackage> ReadFirstFormat(ZPackage package, int file, std::uint64_t size,
                                            const ZPackage::StopQuestion& isStopped) {
-    auto signature = ReadEndOf(package, file, size, kLargestSignature);
+    auto signature = ReadEndOf(package, file, size, ztrust::kLargestSignature);
     if (!signature) {
         return signature.error();
     }
@@ -102,7 +101,8 @@ ZPackage::Result<ZPackage> ReadFirstFormat(ZPackage package, int file, std::uint
         end != ReadEnd::Complete) {
         return Unread(end);
     }
-    package.signedText = "arbor update package 1\n" + digest.Hex() + "\n";
+    package.digest = digest.Hex();
+    package.signedText = "arbor update package 1\n" + package.digest + "\n";
     return package;
 }
 
@@ -117,7 +117,8 @@ ZPackage::Result<ZPackage> ReadTrailer(ZPackage package, int file, std::uint64_t
         return signatures.error();
     }
     package.signatures = std::move(*signatures);
-    package.signedText = "arbor update package 2\n" + ztrust::Sha256Hex(package.head) + "\n";
+    package.digest = ztrust::Sha256Hex(package.head);
+    package.signedText = "arbor update package 2\n" + package.digest + "\n";
     return package;
 }
 
@@ -178,7 +179,8 @@ ZPackage::Result<ZPackage> ZPackage::ReadDetached(int file, int signature, const
         return signatures.error();
     }
     package->signatures = std::move(*signatures);
-    package->signedText = "arbor detached signature 2\n" + ztrust::Sha256Hex(text.substr(0, first)) + "\n";
+    package->digest = ztrust::Sha256Hex(std::string_view(text).substr(0, first));
+    package->signedText = "arbor detached signature 2\n" + package->digest + "\n";
     const auto size = SizeOf(file);
     if (!size) {
         return size.error();
@@ -193,19 +195,20 @@ ZPackage::Result<ZPackage> ZPackage::ReadDetached(int file, int signature, const
 }
 
 ZVerdict ZPackage::CheckPayload(int file, const StopQuestion& isStopped) const {
-    ztrust::Sha256 digest;
-    if (const ReadEnd end = ztrust::AddFile(digest, file, PayloadOffset(), payload.size, isStopped);
+    ztrust::Sha256 found;
+    if (const ReadEnd end = ztrust::AddFile(found, file, PayloadOffset(), payload.size, isStopped);
         end != ReadEnd::Complete) {
         return Unread(end);
     }
-    if (digest.Hex() != payload.sha256) {
+    if (found.Hex() != payload.sha256) {
         return Damaged(isDetached ? "it is not the file that was signed" : "the image in it is damaged");
     }
     return {};
 }
 
 const char* ToText(ZVerdictCode code) {
-    static constexpr std::array kTexts{"good",    "unreadable",   "notPackage",    "damaged",   "badSignature",
-                                       "weakKey", "wrongPurpose", "unknownSigner", "wrongBoard"};
+    static constexpr std::array kTexts{"good",    "unreadable",   "notPackage",    "damaged",    "badSignature",
+                                       "weakKey", "wrongPurpose", "unknownSigner", "notAllowed", "tooFewSigners",
+                                       "revoked", "belowFloor",   "wrongBoard"};
     return kTexts.at(static_cast<std::size_t>(code));
 }

@@ -32,7 +32,9 @@ struct ZPackage {
     std::string head;
     ZPackageSection payload;  ///< for a detached signature: the whole file
     std::vector<ZPackageSignature> signatures;
-    std::string signedText;  ///< what the signatures are over
+    std::string digest;      ///< the SHA-256 that is signed, in lower-case hexadecimal digits: of the head in format 2
+    std::string signedText;  ///< what the signatures are over: it holds the digest
+    std::string trust;       ///< the chain of trust documents in the header, JSON; empty when there is none
 
     /// Where the payload begins.
     std::uint64_t PayloadOffset() const { return head.size(); }

@@ -14,6 +14,10 @@ enum class ZVerdictCode : std::uint8_t {
     WeakKey,        ///< RSA below 2,048 bits, or neither RSA nor Ed25519
     WrongPurpose,   ///< a certificate that is for something else than signing packages
     UnknownSigner,  ///< nobody who is trusted
+    NotAllowed,     ///< a key of the trust document, but for something else or for other boards
+    TooFewSigners,  ///< fewer keys than the trust document asks for
+    Revoked,        ///< the trust document names this package as one to refuse
+    BelowFloor,     ///< its security number is below the trust document's floor
     WrongBoard,
 };
 

@@ -6,6 +6,7 @@ import sys
 
 from arborinstaller.assemble import Recipe, Signer, write_package
 from arborinstaller.failure import Failure, describe
+from arborinstaller.trust import Trusted
 from arborpkg import archive, detached, inspection, keys
 
 _EXAMPLES = """examples:
@@ -60,7 +61,11 @@ def _parser() -> argparse.ArgumentParser:
 
     inspect = commands.add_parser("inspect", help="show what a package is, without running it")
     inspect.add_argument("--json", action="store_true", help="as a JSON document")
-    inspect.add_argument("--trust", default="", metavar="DIR", help="also say whether certificates there vouch for it")
+    inspect.add_argument("--trust", default="", metavar="DIR",
+                         help="also say whether the trust document there, or the certificates, vouch for it")
+    inspect.add_argument("--state", default="", metavar="DIR",
+                         help="where the trust document lies that the instrument got since (with --trust)")
+    inspect.add_argument("--development", action="store_true", help="as where packages by development keys are accepted")
     inspect.add_argument("--board", default="", metavar="B", help="also say whether it is for this board (with --trust)")
     inspect.add_argument("file", metavar="FILE", help="a package, or a file with FILE.sig beside it")
     inspect.set_defaults(run=_inspect)
@@ -121,9 +126,11 @@ def _sign(options: argparse.Namespace) -> int:
 
 
 def _inspect(options: argparse.Namespace) -> int:
-    if options.board and not options.trust:
-        raise Failure("--board needs --trust: what a file says of itself counts once its signer is trusted")
-    facts = inspection.inspect(options.file, options.trust, options.board)
+    if (options.board or options.state or options.development) and not options.trust:
+        raise Failure("--board, --state and --development need --trust: what a file says of itself counts once its signer "
+                      "is trusted")
+    trusted = Trusted.load(options.trust, options.state, options.development) if options.trust else None
+    facts = inspection.inspect(options.file, trusted, options.board)
     if options.json:
         print(json.dumps(facts, indent=2))
     else:

@@ -34,6 +34,10 @@ class Description:
         """The file itself: there is nothing else."""
         return self.file
 
+    @property
+    def trust(self) -> None:
+        """It carries no trust documents."""
+
     def encode(self) -> bytes:
         """The description's line, without its line feed."""
         return jsontext.encode(asdict(self))

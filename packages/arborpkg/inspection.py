@@ -5,14 +5,14 @@ import hashlib
 import os
 from typing import Any, Iterator
 
-from arborinstaller import trust
-from arborinstaller.certificates import trusted_in
+from arborinstaller import documents, trust
 from arborinstaller.failure import Damaged, NotPackage
 from arborinstaller.layout import Package
 from arborpkg.detached import SUFFIX, DetachedSignature
 
 _MEMBERS = ("file", "format", "version", "board", "securityNumber", "installerVersion", "silentSeconds", "payloadSize",
-            "payloadDigest", "signer", "signerDigest", "signature", "payload", "trusted", "verdict", "sentence")
+            "payloadDigest", "signedDigest", "carriedTrust", "signer", "signerDigest", "signature", "payload", "trustDocument",
+            "trusted", "verdict", "sentence")
 
 
 @contextlib.contextmanager
@@ -28,27 +28,27 @@ def opened(path: str) -> Iterator[Package | DetachedSignature]:
         yield signed
 
 
-def inspect(path: str, directory: str, board: str) -> dict[str, Any]:
+def inspect(path: str, trusted: trust.Trusted | None, board: str) -> dict[str, Any]:
     """The facts about the file `path`; what is not known is None.
 
-    "signature" is "good" when one of the signatures fits, else "bad"; "payload" says the same of the payload's digest.
-    With the certificates in `directory` (empty: nobody is asked) "trusted" says whether one of them vouches for a
-    signer, and "verdict" and "sentence" are those of arborinstaller.trust. Without, the verdict only tells what is wrong
-    whoever is trusted: notPackage, damaged, badSignature.
+    "signedDigest" is what a trust document names to revoke it; "carriedTrust" the number of the newest trust document that
+    it carries, or 0 for a damaged one. "signature" is "good" when one of the signatures fits, else "bad"; "payload" says
+    the same of the payload's digest. When somebody is `trusted`, "trusted" says whether they vouch for it, "trustDocument"
+    under which document, and "verdict" and "sentence" are those of arborinstaller.trust. Without, the verdict only tells
+    what is wrong whoever is trusted: notPackage, damaged, badSignature.
     """
     facts: dict[str, Any] = {**dict.fromkeys(_MEMBERS), "file": path}
-    trusted = trusted_in(directory) if directory else []
     try:
         with opened(path) as signed:
-            findings = trust.examine(signed, trusted)
-            verdict = trust.conclude(signed, findings, len(trusted), board)
-            facts |= _described(signed) | _signed(trust.decisive(findings))
-            fits = any(finding.word != trust.BAD_SIGNATURE for finding in findings)
+            found = trust.assess(signed, trusted or trust.Trusted([]), board)
+            facts |= _described(signed) | _signed(trust.decisive(found.findings)) | {"signedDigest": found.digest}
+            fits = any(finding.word != trust.BAD_SIGNATURE for finding in found.findings)
     except (NotPackage, Damaged) as failure:
         return facts | _told(trust.refusal(failure))
-    facts |= {"signature": "good" if fits else "bad", **_told(verdict)}
-    if directory:
-        facts["trusted"] = verdict.word in (trust.GOOD, trust.WRONG_BOARD)
+    facts |= {"signature": "good" if fits else "bad", **_told(found.verdict)}
+    if trusted:
+        facts |= {"trusted": found.verdict.word in (trust.GOOD, trust.WRONG_BOARD),
+                  "trustDocument": found.entry.number if found.entry else None}
     elif fits:
         facts |= {"verdict": None, "sentence": "the signature fits; whether its signer is trusted was not asked"}
     if facts["payload"] == "bad":
@@ -73,10 +73,21 @@ def _described(signed: Package | DetachedSignature) -> dict[str, Any]:
     if isinstance(signed, Package):
         facts |= {"installerVersion": header.installerVersion, "silentSeconds": header.silentSeconds,
                   "payload": "good" if signed.payload_digest() == header.payload.sha256 else "bad"}
+    if header.trust is not None:
+        facts["carriedTrust"] = _carried(header.trust)
     return facts
 
 
+def _carried(value: dict[str, Any]) -> int:
+    try:
+        return documents.carried(value)[-1].number
+    except documents.DamagedChain:
+        return 0
+
+
 def _signed(finding: trust.Finding) -> dict[str, Any]:
+    if finding.key:
+        return {"signer": finding.key.name}
     if finding.signer is None:
         return {}
     return {"signer": finding.signer.subject(), "signerDigest": hashlib.sha256(finding.signer.pem.encode()).hexdigest()}

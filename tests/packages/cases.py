@@ -18,13 +18,16 @@ P_256 = ("-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256")
 
 @dataclass(frozen=True)
 class Case:
-    """A file, the signature beside it if it has one, and the verdict for a board."""
+    """A file, the signature beside it if it has one, and the verdict for a board, with these folders' trust."""
 
     name: str
     content: bytes
     verdict: str
     board: str = ""
     beside: bytes | None = None
+    trust: str = "trust"
+    state: str = ""
+    development: bool = False
 
 
 class Signers:

@@ -27,15 +27,18 @@ class Installing(PackageTest):
         for content, problem in (('{"rebootCommand": []}', "rebootCommand: expected a command"), ("[1]", "an object"),
                                  ('{"stallSeconds": "x"}', "stallSeconds"), ('{"reboot": 1}', "unknown key 'reboot'"),
                                  ("{", "not a JSON"), ('{"runningSlotFile": "slot"}', "runningSlotFile: expected an absolute path"),
-                                 ('{"trust": "/t", "rebootCommand": ["a b"]}', "")):
+                                 ('{"acceptDevelopment": 1}', "acceptDevelopment: expected true or false"),
+                                 ('{"trust": "/t", "rebootCommand": ["a b"], "trustState": "/s", "acceptDevelopment": true}', "")):
             with self.subTest(content), open(self.path("settings.json"), "w+", encoding="utf-8") as file:
                 print(content, file=file, flush=True)
                 if problem:
                     self.assertRaisesRegex(Failure, f"settings.json.*{problem}", settings.load, file.name)
                 else:
-                    self.assertEqual(settings.Settings("/t", ("a b",)), settings.load(file.name))
-                    with mock.patch.dict(os.environ, {"ARBOR_REBOOT_COMMAND": "x 'y z'", "ARBOR_TRUST": "/u"}):
-                        self.assertEqual(settings.Settings("/u", ("x", "y z")), settings.load(file.name))
+                    expected = settings.Settings("/t", ("a b",), trustState="/s", acceptDevelopment=True)
+                    self.assertEqual(expected, settings.load(file.name))
+                    with mock.patch.dict(os.environ, {"ARBOR_REBOOT_COMMAND": "x 'y z'", "ARBOR_TRUST": "/u",
+                                                      "ARBOR_TRUST_STATE": "", "ARBOR_ACCEPT_DEVELOPMENT": "0"}):
+                        self.assertEqual(settings.Settings("/u", ("x", "y z"), trustState=""), settings.load(file.name))
 
     def test_a_dry_run_changes_nothing(self) -> None:
         instrument = self.instrument()

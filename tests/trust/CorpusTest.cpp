@@ -47,7 +47,7 @@ protected:
         if (!package) {
             return {ToText(package.error().code), "", package.error().sentence};
         }
-        const ZVerdict verdict = trusted.Judge(*package, board);
+        const ZVerdict verdict = trusted.Judge(*package, {.board = board});
         const bool hasOwnPayload = package->format == 2 && !package->isDetached;
         const std::string payload = !hasOwnPayload ? "" : package->CheckPayload(file.Get()).IsGood() ? "good" : "bad";
         return {ToText(verdict.code), payload, verdict.sentence};
@@ -77,7 +77,7 @@ TEST_F(Corpus, NobodyIsTrustedWithoutCertificates) {
     const ZFileDescriptor file = Open(s_folder / "files" / "2-trusted");
     const auto package = ZPackage::Read(file.Get());
     ASSERT_TRUE(package);
-    EXPECT_EQ(ZVerdictCode::UnknownSigner, ZTrustedSigners().Judge(*package, "").code);
+    EXPECT_EQ(ZVerdictCode::UnknownSigner, ZTrustedSigners().Judge(*package, {}).code);
     EXPECT_TRUE(ZTrustedSigners::CheckSignatures(*package).IsGood());
     fs::create_directory(s_folder / "empty");
     for (const char* const folder : {"empty", "missing", "expected.json"}) {

@@ -1,6 +1,7 @@
 """Certificates: whose they are, what they may be used for, and which ones an instrument trusts."""
 
 import base64
+import functools
 import hashlib
 import os
 import re
@@ -18,6 +19,7 @@ _MODULUS = re.compile(r"^Modulus=([0-9A-F]+)$", re.MULTILINE)
 _ED25519 = bytes.fromhex("06032b6570")
 _RSA = bytes.fromhex("06092a864886f70d010101")
 _LEAST_RSA_BITS = 2048
+_ED25519_KEY = bytes.fromhex("302a300506032b6570032100")  # its SubjectPublicKeyInfo, up to the 32 bytes of the key
 
 
 @dataclass(frozen=True)
@@ -106,6 +108,19 @@ def _is_strong(der: bytes, told: str) -> bool:
         return True
     modulus = _MODULUS.search(told)
     return _RSA in algorithm and modulus is not None and int(modulus.group(1), 16).bit_length() >= _LEAST_RSA_BITS
+
+
+@functools.lru_cache(512)
+def is_strong_public_key(der: bytes) -> bool:
+    """Whether `der` is the SubjectPublicKeyInfo of a strong key, in the one form that DER has for it."""
+    if der.startswith(_ED25519_KEY):
+        return len(der) == len(_ED25519_KEY) + 32
+    try:
+        told = openssl.rsa_text(der)
+    except Failure:
+        return False
+    again = _PUBLIC_KEY.search(told)
+    return again is not None and base64.b64decode(again.group(1)) == der and _is_strong(der, told)
 
 
 def _extensions(told: str) -> dict[str, frozenset[str]]:

@@ -1,5 +1,6 @@
 """JSON as packages carry it: what one reader takes for an object, every other one must take for the same object."""
 
+import base64
 import json
 from typing import Any
 
@@ -35,10 +36,10 @@ def members(value: Any, required: set[str], optional: frozenset[str] = frozenset
     return value
 
 
-def whole(value: Any, largest: int) -> int:
-    """`value` if it is a whole number from 0 to `largest`, written as one; else ValueError."""
-    if type(value) is not int or not 0 <= value <= largest:  # True is an int to isinstance
-        raise ValueError(f"a whole number from 0 to {largest} was expected")
+def whole(value: Any, largest: int, least: int = 0) -> int:
+    """`value` if it is a whole number from `least` to `largest`, written as one; else ValueError."""
+    if type(value) is not int or not least <= value <= largest:  # True is an int to isinstance
+        raise ValueError(f"a whole number from {least} to {largest} was expected")
     return value
 
 
@@ -47,6 +48,20 @@ def text(value: Any) -> str:
     if not isinstance(value, str):
         raise ValueError("a text was expected")
     return value
+
+
+def entries(value: Any, largest: int, least: int = 0) -> list[Any]:
+    """`value` if it is a list of `least` to `largest` values; else ValueError."""
+    if not isinstance(value, list) or not least <= len(value) <= largest:
+        raise ValueError(f"a list of {least} to {largest} was expected")
+    return value
+
+
+def binary(value: Any) -> bytes:
+    """The bytes that the text `value` stands for in Base64; ValueError when it is none."""
+    if len(text(value)) % 4:
+        raise ValueError("it is not Base64: its length is wrong")
+    return base64.b64decode(value, validate=True)
 
 
 def _refuse(name: str) -> None:

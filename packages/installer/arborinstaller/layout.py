@@ -71,7 +71,7 @@ class Section:
     def decode(value: Any, largest: int = MAX_SIZE) -> "Section":
         """The section in a JSON value; ValueError when it is none, or larger than `largest` bytes."""
         fields = jsontext.members(value, {"size", "sha256"})
-        return Section(jsontext.whole(fields["size"], largest), _digest(fields["sha256"]))
+        return Section(jsontext.whole(fields["size"], largest), check_digest(fields["sha256"]))
 
 
 @dataclass(frozen=True)
@@ -91,11 +91,10 @@ class Signature:
     def decode(value: Any) -> "Signature":
         """The signature in a JSON value; ValueError when it is none."""
         fields = jsontext.members(value, {"key", "signature"}, frozenset({"certificate"}))
-        encoded = jsontext.text(fields["signature"])
-        data = base64.b64decode(encoded, validate=True)
-        if len(encoded) % 4 or not 0 < len(data) <= MAX_SIGNATURE:
+        data = jsontext.binary(fields["signature"])
+        if not 0 < len(data) <= MAX_SIGNATURE:
             raise ValueError("the signature's length is wrong")
-        return Signature(jsontext.text(fields.get("certificate", "")), _digest(fields["key"]), data)
+        return Signature(jsontext.text(fields.get("certificate", "")), check_digest(fields["key"]), data)
 
 
 @dataclass(frozen=True)
@@ -110,7 +109,7 @@ class Header:
     payload: Section
     securityNumber: int = 0
     signer: str = ""  # certificate, PEM; in format 1 only
-    trust: dict[str, Any] | None = None  # a trust document, as it came
+    trust: dict[str, Any] | None = None  # a chain of trust documents, as it came: see documents.py
     format: int = FORMAT
 
     def encode(self) -> bytes:
@@ -156,7 +155,8 @@ def _member(name: str, value: Any) -> Any:
     return value
 
 
-def _digest(value: Any) -> str:
+def check_digest(value: Any) -> str:
+    """`value` if it is a SHA-256 in hexadecimal; else ValueError."""
     if not _DIGEST.fullmatch(jsontext.text(value)):
         raise ValueError("64 lower-case hexadecimal digits were expected")
     return value
@@ -175,9 +175,9 @@ def decode_trailer(data: bytes) -> tuple[Signature, ...]:
     """The signatures in a trailer; Damaged when it is not one."""
     try:
         values = jsontext.members(jsontext.decode(data), {"signatures"})["signatures"]
-        if not isinstance(values, list) or not 0 < len(values) <= MAX_SIGNATURES or len(data) > MAX_TRAILER:
-            raise ValueError(f"1 to {MAX_SIGNATURES} signatures were expected")
-        return tuple(Signature.decode(value) for value in values)
+        if len(data) > MAX_TRAILER:
+            raise ValueError(f"at most {MAX_TRAILER} bytes were expected")
+        return tuple(Signature.decode(value) for value in jsontext.entries(values, MAX_SIGNATURES, 1))
     except ValueError as error:
         raise Damaged(f"the signatures at the end are damaged ({error})") from None
 

@@ -31,7 +31,7 @@ def main(path: str, arguments: list[str]) -> int:
         return _answer(opened, lambda package: package.header.version)
     if options.verify is not None:
         return _answer(opened, lambda package: "OK: " + trust.verify_all(
-            package, options.trust or settings.load().trust, options.verify))
+            package, settings.load().with_trust(options.trust), options.verify))
     return watcher.install(opened, watcher.Options(
         packages=os.path.abspath(options.dir), address=_address(options), verify=not options.skip_verify,
         trust=options.trust, reboot=not options.no_reboot, dry_run=options.dry_run))
@@ -44,7 +44,7 @@ def _parser(name: str) -> argparse.ArgumentParser:
     parser.add_argument("--version", action="store_true", help="print the version that the package installs")
     parser.add_argument("--verify", nargs="?", const="", metavar="BOARD",
                         help="check signature and signer, and the board when one is given; 0: good, 1: not")
-    parser.add_argument("--trust", default="", metavar="DIR", help="trusted certificates (default /etc/arbor/trust)")
+    parser.add_argument("--trust", default="", metavar="DIR", help="whom to trust: a trust document or certificates (default /etc/arbor/trust)")
     parser.add_argument("--dir", default=_PACKAGES, help="the packages directory (default %(default)s)")
     parser.add_argument("--sock", "--socket", type=int, choices=(_UNIX, _TCP),
                         help="report progress: 1 over the UNIX socket --addr in --dir, 2 over TCP --addr:--port")

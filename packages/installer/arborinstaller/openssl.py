@@ -66,6 +66,12 @@ def signature_fits(message: bytes, signature: bytes, public_key: str) -> bool:
     return True
 
 
+def rsa_text(key: bytes) -> str:
+    """What openssl says of the RSA public `key` (DER): its modulus, and the key as PEM. Failure when it is none."""
+    with _memory_file(key) as public:
+        return run(["rsa", "-pubin", "-inform", "DER", "-in", _path(public), "-modulus"], (public,)).decode(errors="replace")
+
+
 def is_issued_by(certificate: str, anchor: str) -> bool:
     """Whether `certificate` was issued by the certificate `anchor` (PEM texts), with a strong key and digest.
 

@@ -2,16 +2,18 @@
 
 /etc/arbor/installer.json, every key optional:
 
-    {"trust": "/etc/arbor/trust", "rebootCommand": ["systemctl", "reboot"], "stallSeconds": 900,
-     "kernelCommandLine": "/proc/cmdline", "runningSlotFile": "/run/arbor-boot/slot"}
+    {"trust": "/etc/arbor/trust", "trustState": "/var/lib/arbor/trust", "acceptDevelopment": false,
+     "rebootCommand": ["systemctl", "reboot"], "stallSeconds": 900, "kernelCommandLine": "/proc/cmdline",
+     "runningSlotFile": "/run/arbor-boot/slot"}
 
-Environment: ARBOR_TRUST and ARBOR_REBOOT_COMMAND (a command line, split like a shell splits words).
+Environment: ARBOR_TRUST, ARBOR_TRUST_STATE (empty: none), ARBOR_ACCEPT_DEVELOPMENT (1: true) and ARBOR_REBOOT_COMMAND (a
+command line, split like a shell splits words).
 """
 
 import json
 import os
 import shlex
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from typing import Any
 
 from arborinstaller.failure import Failure
@@ -21,13 +23,19 @@ SETTINGS_FILE = "/etc/arbor/installer.json"
 
 @dataclass(frozen=True)
 class Settings:
-    """Where trusted certificates lie, how the instrument restarts, when a silent worker is given up, who tells the slot."""
+    """Whom to trust, how the instrument restarts, when a silent worker is given up, who tells the slot."""
 
-    trust: str = "/etc/arbor/trust"
+    trust: str = "/etc/arbor/trust"  # folder with the system's trust document, or with certificates
     rebootCommand: tuple[str, ...] = ("systemctl", "reboot")
     stallSeconds: float = 900.0
     kernelCommandLine: str = "/proc/cmdline"
     runningSlotFile: str = "/run/arbor-boot/slot"
+    trustState: str = "/var/lib/arbor/trust"  # folder with the trust document that the instrument got since
+    acceptDevelopment: bool = False  # whether packages by development keys count
+
+    def with_trust(self, folder: str) -> "Settings":
+        """The same with another folder `trust`, unless it is empty."""
+        return replace(self, trust=folder or self.trust)
 
 
 def load(path: str = SETTINGS_FILE) -> Settings:
@@ -35,6 +43,10 @@ def load(path: str = SETTINGS_FILE) -> Settings:
     values = _from_file(path)
     if "ARBOR_TRUST" in os.environ:
         values["trust"] = os.environ["ARBOR_TRUST"]
+    if "ARBOR_TRUST_STATE" in os.environ:
+        values["trustState"] = os.environ["ARBOR_TRUST_STATE"]
+    if "ARBOR_ACCEPT_DEVELOPMENT" in os.environ:
+        values["acceptDevelopment"] = os.environ["ARBOR_ACCEPT_DEVELOPMENT"] == "1"
     if "ARBOR_REBOOT_COMMAND" in os.environ:
         values["rebootCommand"] = _words("ARBOR_REBOOT_COMMAND", os.environ["ARBOR_REBOOT_COMMAND"])
     return Settings(**values)
@@ -51,7 +63,7 @@ def _from_file(path: str) -> dict[str, Any]:
     if not isinstance(found, dict):
         raise Failure(f"{path}: expected an object")
     readers = {"trust": _text, "rebootCommand": _words, "stallSeconds": _seconds, "kernelCommandLine": _path,
-               "runningSlotFile": _path}
+               "runningSlotFile": _path, "trustState": _text, "acceptDevelopment": _truth}
     for key in found.keys() - readers.keys():
         raise Failure(f"{path}: unknown key '{key}' (known: {', '.join(readers)})")
     return {key: readers[key](f"{path}: {key}", value) for key, value in found.items()}
@@ -60,6 +72,12 @@ def _from_file(path: str) -> dict[str, Any]:
 def _text(name: str, value: Any) -> str:
     if not isinstance(value, str) or not value:
         raise Failure(f"{name}: expected a text")
+    return value
+
+
+def _truth(name: str, value: Any) -> bool:
+    if not isinstance(value, bool):
+        raise Failure(f"{name}: expected true or false")
     return value
 
 

@@ -90,7 +90,7 @@ def _install(package: Package, options: Options, conf: settings.Settings, sink: 
         _keep(record, slots)
         try:
             choice = boot.choose(slots, conf)
-            plan = worker.Plan(options.verify, options.trust or conf.trust, choice, record)
+            plan = worker.Plan(options.verify, conf.with_trust(options.trust), choice, record)
             outcome = _run(supervision, slots, plan)
         except Exception as error:
             outcome = Outcome(FAILED, describe(error))

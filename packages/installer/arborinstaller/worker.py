@@ -11,6 +11,7 @@ from arborinstaller.boot import Choice
 from arborinstaller.failure import Failure, describe
 from arborinstaller.layout import CHUNK, Package
 from arborinstaller.record import Record
+from arborinstaller.settings import Settings
 from arborinstaller.slots import Slots
 
 # Flushed piece by piece, so that the final sync is short and the percentage tells the truth.
@@ -26,13 +27,13 @@ Report = Callable[[str, int], None]
 
 @dataclass(frozen=True)
 class Plan:
-    """What the worker is to do: check first (with the certificates in `trust`), where to write, what record to keep.
+    """What the worker is to do: check first (whom to trust is in the settings), where to write, what record to keep.
 
     Without a record it only looks, and writes nothing.
     """
 
     verify: bool
-    trust: str
+    conf: Settings
     choice: Choice
     record: Record | None
 
@@ -42,7 +43,7 @@ def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | Non
     try:
         if plan.verify:
             report("Checking the signature", 0)
-            trust.verify(package, plan.trust, "")
+            trust.verify(package, plan.conf, "")
         slots.check_space(plan.choice.slot, package.header.payload.size)
         if plan.record is None:
             _rehearse(package, report)

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "ZTrust/ZTrustDocument.h"
+
+/// The last trust document of `folder`/arbor-trust.json (the system's) or of `state`/arbor-trust.json (empty: none),
+/// the one with the greater number, of equal ones the system's; nothing when there is neither file. A file that is
+/// there and can't be read, is damaged, or whose last document lacks signatures of its own, is an error.
+ZResult<std::optional<ZTrustDocument>> ReadTrustInForce(const std::string& folder, const std::string& state);
