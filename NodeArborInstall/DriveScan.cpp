@@ -73,6 +73,12 @@ bool ZNodeArborInstall::ScanDriveFor(const fs::path& drive, std::shared_ptr<ZMes
     std::error_code error;
     fs::directory_iterator entry;
     if (!checks.scan->CancelReason()) {  // one that has left is not touched: that might block
+        FollowFile(drive / kTrustFileName,
+                   {.kind = ZOperationKind::Trust,
+                    .file = ToZString((drive / kTrustFileName).string()),
+                    .parent = checks.scan->Id(),
+                    .asker = "drive " + checks.drive},
+                   nullptr);
         entry = fs::directory_iterator(drive, error);
     }
     while (!error && !checks.scan->CancelReason() && entry != fs::directory_iterator()) {

@@ -62,7 +62,11 @@ bool ZNodeArborInstall::OnInventory(const std::shared_ptr<ZMessage>& request) {
     const auto refused = m_refused.Copy();
     answer->m_Refused.assign(refused.begin(), refused.end());
     answer->m_TrustedSigners = Config().m_TrustedSigners;
-    answer->m_TrustProblem = m_trustProblem;
+    if (m_trust.IsOn()) {
+        const auto signers = m_trust.Signers();
+        answer->m_TrustProblem = TrustProblem(signers);
+        answer->m_TrustDocument = signers && signers->Document() != nullptr ? signers->Document()->number : 0;
+    }
     answer->m_UpdatesFolder = ToZString(m_updatesPath.string());
     answer->m_UpdatesFree = FreeBytes(m_updatesPath);
     answer->m_ArchiveFree = FreeBytes(m_archivePath);

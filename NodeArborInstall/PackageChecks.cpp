@@ -83,7 +83,14 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file,
     if (!m_systemVersion.m_valid && !Config().m_bAllowDowngrades) {
         return ZError("the installed version is not known, so any package may be an older one");
     }
-    return m_trust.Examine(file, ToStdString(m_board), limit);
+    auto opened = PackageTrust::Open(file, limit);
+    if (!opened) {
+        return opened.error();
+    }
+    if (const auto chain = ZTrustChain::Parse(opened->package.trust); chain && m_trust.IsNewer(*chain)) {
+        FollowChain(chain, file.string());
+    }
+    return m_trust.Approve(std::move(*opened), ToStdString(m_board));
 }
 
 bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMessageArray>& results,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 
 /// The package in a version's directory of the archive.
@@ -8,6 +9,9 @@ inline constexpr const char* kPackageName = "arbor_qm.pkg";
 inline constexpr const char* kPackageBoard = "verdin-imx8mm";
 /// Where installers find the archive: a fixed path of every instrument, on its accessory too.
 inline constexpr const char* kInstallersArchive = "/media/mmcblk1p3/Packages";
+
+/// How long a drive may take to give what is read of a file at once.
+inline constexpr auto kReadPatience = std::chrono::seconds(5);
 
 /// Whether somebody may run a file with these permissions.
 inline bool IsExecutable(std::filesystem::perms permissions) {

@@ -7,6 +7,7 @@
 #include "ShellText.h"
 #include "ZShared/ZFileSnapshot.h"
 #include "ZShared/ZPlatform.h"
+#include "ZShared/ZReplaceFile.h"
 
 namespace fs = std::filesystem;
 
@@ -83,6 +84,16 @@ Texts EmptySystem() {
     return words;
 }
 
+/// What says who is trusted: a package looks at it, too.
+void AppendPolicy(Texts& words, const PackageTrust::Policy& policy) {
+    AppendFolders(words, policy.signers / "any");
+    Append(words, {"--ro-bind", policy.signers.c_str(), policy.signers.c_str()});
+    if (!policy.state.empty()) {
+        AppendFolders(words, policy.state / "any");
+        Append(words, {"--ro-bind-try", policy.state.c_str(), policy.state.c_str()});
+    }
+}
+
 /// What goes before the command, in the empty system.
 Texts Limits(std::chrono::seconds limit) {
     Texts words{"--remount-ro", "/dev", "--remount-ro", "/", "--"};
@@ -112,17 +123,55 @@ std::string CommandLine(const Texts& words) {
     return line;
 }
 
+/// For everybody to read: a package looks at it as nobody.
+ZResult<void> Keep(const std::string& chain, const fs::path& folder) {
+    if (folder.empty()) {
+        return ZError("there is no place to keep trust documents: TrustState is not set");
+    }
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (auto replaced = ReplaceFile(folder / kTrustFileName, chain, 0644); !replaced) {
+        return replaced;
+    }
+    fs::permissions(folder,
+                    fs::perms::group_read | fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec,
+                    fs::perm_options::add, error);
+    fs::permissions(folder / kTrustFileName, fs::perms::group_read | fs::perms::others_read, fs::perm_options::add,
+                    error);
+    return {};
+}
+
 }  // namespace
 
-ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& path, const std::string& board,
-                                                      std::chrono::milliseconds limit) const {
-    const auto signers = ZTrustedSigners::Load(m_signers.string());
+ZResult<ZTrustedSigners> PackageTrust::Signers() const {
+    return ZTrustedSigners::Load(m_policy.signers.string(), m_policy.state.string());
+}
+
+ZResult<std::optional<std::uint32_t>> PackageTrust::Follow(const ZTrustChain& chain) {
+    const std::lock_guard lock(*m_following);
+    const auto signers = Signers();
     if (!signers) {
         return signers.error();
     }
-    if (board.empty()) {
-        return ZError("this device's board is not known, so no package can be for it");
+    const auto followed = signers->Follow(chain);
+    if (!followed) {
+        return followed.error();
     }
+    if (!*followed) {
+        return std::optional<std::uint32_t>();
+    }
+    if (const auto kept = Keep((*followed)->text, m_policy.state); !kept) {
+        return kept.error();
+    }
+    return std::optional((*followed)->signers.Document()->number);
+}
+
+bool PackageTrust::IsNewer(const ZTrustChain& chain) const {
+    const auto signers = Signers();
+    return signers && signers->Document() != nullptr && chain.Last().number > signers->Document()->number;
+}
+
+ZResult<PackageTrust::Opened> PackageTrust::Open(const fs::path& path, std::chrono::milliseconds limit) {
     auto file = SnapshotFile(path.string(), kRead, limit);
     if (!file) {
         return file.error();
@@ -131,14 +180,26 @@ ZResult<PackageTrust::Approved> PackageTrust::Examine(const fs::path& path, cons
     if (!package) {
         return ZError(package.error().sentence, kInvalid);
     }
-    if (const ZVerdict verdict = signers->Judge(*package, {.board = board}); !verdict.IsGood()) {
+    return Opened{std::move(*package), std::move(*file)};
+}
+
+ZResult<PackageTrust::Approved> PackageTrust::Approve(Opened opened, const std::string& board) const {
+    const auto signers = Signers();
+    if (!signers) {
+        return signers.error();
+    }
+    if (board.empty()) {
+        return ZError("this device's board is not known, so no package can be for it");
+    }
+    const ZTrustQuestion question{.board = board, .acceptsDevelopment = m_policy.acceptsDevelopment};
+    if (const ZVerdict verdict = signers->Judge(opened.package, question); !verdict.IsGood()) {
         return ZError(verdict.sentence, kInvalid);
     }
-    auto head = SealedFile(package->head);
+    auto head = SealedFile(opened.package.head);
     if (!head) {
         return head.error();
     }
-    return Approved{std::move(*package), std::move(*head), std::move(*file)};
+    return Approved{std::move(opened), std::move(*head)};
 }
 
 std::string PackageTrust::Command(const fs::path& file, const std::string& arguments, const Approved& package,
@@ -146,15 +207,25 @@ std::string PackageTrust::Command(const fs::path& file, const std::string& argum
     // The shell opens both before anything is confined: the file that was read, and the copy of its head.
     const std::string head = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(package.head.Get());
     const std::string opened = " 8<" + ShellQuoted(head) + " 9<" + ShellQuoted(package.file.Path());
+    Texts variables{"ARBOR_PACKAGE_FD=9", "ARBOR_TRUST=" + m_policy.signers.string(),
+                    "ARBOR_TRUST_STATE=" + m_policy.state.string()};
+    if (m_policy.acceptsDevelopment) {
+        variables.emplace_back("ARBOR_ACCEPT_DEVELOPMENT=1");
+    }
     if (!m_isConfined) {
-        return "ARBOR_PACKAGE_FD=9 ARBOR_TRUST=" + ShellQuoted(m_signers.string()) + " exec /proc/self/fd/8" +
-               arguments + opened;
+        Texts words{"exec", "env"};
+        words.insert(words.end(), variables.begin(), variables.end());
+        words.emplace_back("/proc/self/fd/8");
+        return CommandLine(words) + arguments + opened;
     }
     Texts words = EmptySystem();
-    AppendFolders(words, m_signers / "any");
     AppendFolders(words, file);
-    Append(words, {"--ro-bind", m_signers.c_str(), m_signers.c_str(), "--setenv", "ARBOR_TRUST", m_signers.c_str(),
-                   "--setenv", "ARBOR_PACKAGE_FD", "9", "--perms", "0555", "--ro-bind-data", "8", file.c_str()});
+    AppendPolicy(words, m_policy);
+    for (const std::string& variable : variables) {
+        const std::size_t equals = variable.find('=');
+        Append(words, {"--setenv", variable.substr(0, equals).c_str(), variable.c_str() + equals + 1});
+    }
+    Append(words, {"--perms", "0555", "--ro-bind-data", "8", file.c_str()});
     const Texts limits = Limits(limit);
     words.insert(words.end(), limits.begin(), limits.end());
     Append(words, {"/bin/sh", "-c"});
@@ -162,19 +233,13 @@ std::string PackageTrust::Command(const fs::path& file, const std::string& argum
     return "exec " + CommandLine(words) + opened;
 }
 
-ZResult<void> PackageTrust::HasSigners() const {
-    const auto signers = ZTrustedSigners::Load(m_signers.string());
-    return signers ? ZResult<void>() : signers.error();
-}
-
 ZResult<void> PackageTrust::CanConfine() const {
     Texts words = EmptySystem();
-    AppendFolders(words, m_signers / "any");
-    Append(words, {"--ro-bind", m_signers.c_str(), m_signers.c_str()});
+    AppendPolicy(words, m_policy);
     const Texts limits = Limits(std::chrono::seconds(10));
     words.insert(words.end(), limits.begin(), limits.end());
     // A package looks at the signers as well, as nobody.
-    Append(words, {"/bin/sh", "-c", kCanRead, m_signers.c_str()});
+    Append(words, {"/bin/sh", "-c", kCanRead, m_policy.signers.c_str()});
     std::string output;
     if (ZPlatform::ExecuteCommand(CommandLine(words) + "2>&1", output, std::chrono::seconds(10))) {
         return {};

@@ -2,33 +2,54 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include "ZShared/ZError.h"
 #include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZFileSnapshot.h"
 #include "ZTrust/ZTrust.h"
+#include "ZTrust/ZTrustInForce.h"
 
 /// Which packages may run, and how: with a folder of trusted signers a package is read before anything of it runs, and
 /// what runs is the copy that was read. Without one every file that may be executed is believed. Thread-safe.
 class PackageTrust {
 public:
-    PackageTrust() = default;
-    explicit PackageTrust(std::filesystem::path signers) : m_signers(std::move(signers)) {}
-
-    bool IsOn() const { return !m_signers.empty(); }
-
-    /// A package that may run.
-    struct Approved {
-        ZPackage package;
-        ZFileDescriptor head;  ///< what runs, sealed
-        ZFileSnapshot file;    ///< what was read, which holds the payload
+    struct Policy {
+        std::filesystem::path signers;  ///< the folder that says whose packages may run; empty: everybody's
+        std::filesystem::path state;    ///< where trust documents are kept; empty: none can be
+        bool acceptsDevelopment = false;
     };
-    /// Reads the file, which may be exchanged at any moment, within `limit`, and judges what was read. The error says
-    /// why it may not run on `board`, which has to be known; it has the code of an invalid package when that was found
-    /// out, and none when the file could not be read.
-    ZResult<Approved> Examine(const std::filesystem::path& file, const std::string& board,
-                              std::chrono::milliseconds limit) const;
+    PackageTrust() = default;
+    explicit PackageTrust(Policy policy) : m_policy(std::move(policy)) {}
+
+    bool IsOn() const { return !m_policy.signers.empty(); }
+    /// Who is trusted now.
+    ZResult<ZTrustedSigners> Signers() const;
+
+    /// Puts the last of a chain of trust documents into force, safe on the disk. Gives its number, or nothing when it
+    /// is nothing new. An error says why not; all stays as it was then.
+    ZResult<std::optional<std::uint32_t>> Follow(const ZTrustChain& chain);
+    /// Whether the chain's last document comes after the one in force. Where none is in force, there is no such chain.
+    bool IsNewer(const ZTrustChain& chain) const;
+
+    /// A package as it was read.
+    struct Opened {
+        ZPackage package;
+        ZFileSnapshot file;
+    };
+    /// One that may run.
+    struct Approved : Opened {
+        ZFileDescriptor head;  ///< what runs, sealed
+    };
+    /// Reads the file, which may be exchanged at any moment, within `limit`. An error has the code of an invalid
+    /// package when what was read is none, and no code when it could not be read.
+    static ZResult<Opened> Open(const std::filesystem::path& file, std::chrono::milliseconds limit);
+    /// Judges what was read. The error says why it may not run on `board`, which has to be known; its code is as
+    /// Open's.
+    ZResult<Approved> Approve(Opened opened, const std::string& board) const;
 
     /// The shell command line that runs the package with `arguments`, apart from the system: no network, no other
     /// processes, nothing of the files but programs and libraries, nowhere to write but a small folder, no privileges;
@@ -39,11 +60,11 @@ public:
     /// From now on commands run as this process does, with the approved bytes all the same.
     void LeaveUnconfined() { m_isConfined = false; }
 
-    /// Whether the signers can be read; whether this system can confine commands.
-    ZResult<void> HasSigners() const;
+    /// Whether this system can confine commands.
     ZResult<void> CanConfine() const;
 
 private:
-    std::filesystem::path m_signers;
+    Policy m_policy;
+    std::unique_ptr<std::mutex> m_following = std::make_unique<std::mutex>();
     bool m_isConfined = true;
 };

@@ -46,23 +46,30 @@ void ZNodeArborInstall::ReadIdentity() {
 }
 
 void ZNodeArborInstall::ReadTrust() {
-    m_trust = PackageTrust(fs::path(m_pConfig->m_TrustedSigners));
+    m_trust = PackageTrust({.signers = fs::path(m_pConfig->m_TrustedSigners),
+                            .state = fs::path(m_pConfig->m_TrustState),
+                            .acceptsDevelopment = m_pConfig->m_bAcceptDevelopment});
     m_trustProblem.clear();
     if (!m_trust.IsOn()) {
         Z_LOG(3, "No trusted signers are configured: every package that is brought runs, as root");
         return;
     }
-    const auto signers = m_trust.HasSigners();
-    const auto confined = m_trust.CanConfine();
-    if (signers && confined) {
-        return;
+    if (m_pConfig->m_bAcceptDevelopment) {
+        Z_LOG(3, "Packages of development keys run here");
     }
-    const bool goesOn = signers && m_pConfig->m_bUnconfinedChecks;
-    m_trustProblem = (goesOn ? "packages are checked without being confined: " : "no package is accepted: ") +
-                     ToZString(signers ? confined.error().text : signers.error().text);
-    Z_LOG(goesOn ? 3 : 4, "With trusted signers, %s", m_trustProblem);
-    if (goesOn) {
-        m_trust.LeaveUnconfined();
+    if (const auto confined = m_trust.CanConfine(); !confined) {
+        const bool goesOn = m_pConfig->m_bUnconfinedChecks;
+        m_trustProblem = (goesOn ? "packages are checked without being confined: " : "no package is accepted: ") +
+                         ToZString(confined.error().text);
+        if (goesOn) {
+            m_trust.LeaveUnconfined();
+        }
+    }
+    const auto signers = m_trust.Signers();
+    if (const ZString problem = TrustProblem(signers); !problem.empty()) {
+        Z_LOG(signers && m_pConfig->m_bUnconfinedChecks ? 3 : 4, "With trusted signers, %s", problem);
+    } else if (signers->Document() != nullptr) {
+        Z_LOG(2, "Trust document %u is in force", signers->Document()->number);
     }
 }
 

@@ -16,7 +16,6 @@ namespace fs = std::filesystem;
 namespace {
 
 // Whoever asks for an install waits for it, so a drive that is slower than this has no package.
-constexpr auto kReadPatience = std::chrono::seconds(5);
 
 }  // namespace
 

@@ -86,6 +86,11 @@ void ZNodeArborInstall_CheckFileAction::LookAt(const FolderUpdateMsg& update) {
         return;
     }
     Z_LOG(2, "Check File: %s", file);
+    const ZOperationSubject trust{.kind = ZOperationKind::Trust, .file = ToZString(file.string())};
+    if (file.filename() == kTrustFileName && Node().FollowFile(file, trust, m_pMessage.get())) {
+        fs::remove(file);
+        return;
+    }
     CheckFile(file, results);
     const auto told = ZCAST(ZMessageArray, ZNodeComm::CloneMessage(results));
     Node().CheckAvailableUpdates(results, true);

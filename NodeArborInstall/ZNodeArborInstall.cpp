@@ -65,7 +65,8 @@ bool ZNodeArborInstall::InitMessageMap() {
            SubscribeKeyword(kGraph, "getUpdateInProgress", &Self::OnGetUpdateInProgress) &&
            // Beside the eleven that every client of this node knows:
            SubscribeKeyword(kGraph, "inventory", &Self::OnInventory) &&
-           SubscribeKeyword(kClient, "forget", &Self::OnForget) && SubscribeCancel();
+           SubscribeKeyword(kClient, "forget", &Self::OnForget) && SubscribeKeyword(kGraph, "trust", &Self::OnTrust) &&
+           SubscribeKeyword(kClient, "applytrust", &Self::OnApplyTrust) && SubscribeCancel();
 }
 
 bool ZNodeArborInstall::OnGraphCreated() {

@@ -46,6 +46,10 @@ public:
     bool OnInventory(const std::shared_ptr<ZMessage>& request);
     /// Removes an uploaded file, unless it is being installed.
     bool OnForget(const std::shared_ptr<ZMessage>& request);
+    /// Whose packages may run. Leaves no log line.
+    bool OnTrust(const std::shared_ptr<ZMessage>& request);
+    /// Follows trust documents that a person brings.
+    bool OnApplyTrust(const std::shared_ptr<ZMessage>& request);
     // For a caller that wires them itself; no keyword leads here, and the message is not read.
     bool OnSwitchPartition(std::shared_ptr<ZMessage>& message);
     bool OnSwitchDevice(std::shared_ptr<ZMessage>& message);
@@ -127,6 +131,10 @@ public:
     /// The file is no package any more, or was not accepted as one.
     /// Whether it was known.
     bool ForgetFile(const std::filesystem::path& file);
+    /// With a trust policy: follows the trust documents in the file, where there is one, as a job. Whether there is.
+    bool FollowFile(const std::filesystem::path& file, const ZOperationSubject& subject, const ZMessage* request);
+    /// Checks what is known, or was refused, under other trust documents than before.
+    void JudgeAgain(std::shared_ptr<ZMessageArray>& results);
     /// Whether a file with this status may be a package: without a trust policy it runs as it is, so it has to be
     /// executable.
     bool MayBePackage(std::filesystem::perms permissions) const;
@@ -190,7 +198,12 @@ private:
     bool CheckPackage(const std::filesystem::path& file, std::shared_ptr<ZMessageArray>& results,
                       const CheckOrder& order);
     struct PackageCheck;
-    /// With a trust policy: reads the file and says whether it may run on this device.
+    /// Puts the chain of trust documents into force; all packages are judged again then. Gives the number that is in
+    /// force by it, or nothing when nothing is new.
+    ZResult<std::optional<std::uint32_t>> FollowChain(const ZResult<ZTrustChain>& chain, const std::string& source);
+    /// What is in the way of accepting packages; empty: nothing.
+    ZString TrustProblem(const ZResult<ZTrustedSigners>& signers) const;
+    /// With a trust policy: reads the file, follows its trust documents, and says whether it may run on this device.
     ZResult<PackageTrust::Approved> Approve(const std::filesystem::path& file, std::chrono::milliseconds limit);
     /// What comes once it has told its version.
     bool FinishCheck(const PackageCheck& check, const ZSoftwareVersion& version,
@@ -245,9 +258,9 @@ private:
     ZString m_model;
     ZString m_board;
     PackageTrust m_trust;
-    ZString m_trustProblem;                   // why no package can be accepted with this policy; empty: none is known
-    ZGuarded<ZString> m_UpdateVersion;        // of the install started last, here or on the accessory
-    ZGuarded<ZString> m_RemoteInstallSerial;  // of the accessory that was to be installed last
+    ZString m_trustProblem;                        // why checks can't be confined, and what follows; empty: they can
+    ZGuarded<ZString> m_UpdateVersion;             // of the install started last, here or on the accessory
+    ZGuarded<ZString> m_RemoteInstallSerial;       // of the accessory that was to be installed last
     std::atomic<bool> m_bUpdateInProgress{false};  // of this device; an install never clears it once it runs
     ZUseFlag m_remoteInstalls;                     // held by those under way on accessories
     std::atomic<bool> m_bBuildInProgress{false};

@@ -56,6 +56,13 @@ private:
     bool Work() override;
 };
 
+/// Checks all known packages again, once another trust document is in force, and announces what there is.
+class ZNodeArborInstall_JudgeAgainAction : public ZNodeArborInstallAction {
+    Z_CLASS(ZNodeArborInstall_JudgeAgainAction, ZNodeAction)
+private:
+    bool Work() override;
+};
+
 /// Builds a package for the accessory's board; its message is a ZDeviceCompatibilityMsg.
 class ZNodeArborInstall_BuildAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_BuildAction, ZNodeAction)

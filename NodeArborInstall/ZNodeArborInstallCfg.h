@@ -24,6 +24,8 @@ public:
     std::uint32_t m_AccessoryPatienceSeconds = 60;
     ZString m_TrustedSigners;
     bool m_bUnconfinedChecks = false;
+    ZString m_TrustState;
+    bool m_bAcceptDevelopment = false;
 
     /// Derived, when the record is read: the device's mount point and ArchiveDir, which is a further component whatever
     /// it begins with. ArchiveDir alone when the device is not mounted; empty without a device.
@@ -89,12 +91,21 @@ private:
             Z_KEYED_FIELD("TrustedSigners", m_TrustedSigners)
                 .Path()
                 .OrEmpty()
-                .Means("Folder of the certificates whose packages may run: nothing of others runs. Empty: whatever is "
-                       "brought and may be executed runs, as root.",
+                .Means("Folder that says whose packages may run, by a trust document (arbor-trust.json) or by "
+                       "certificates: nothing of others runs. Empty: whatever is brought and may be executed runs, as "
+                       "root.",
                        "\"/etc/arbor/trust\""),
             Z_KEYED_FIELD("UnconfinedChecks", m_bUnconfinedChecks)
                 .Means(
                     "Whether packages of trusted signers are checked where this system can't confine the check; else "
-                    "they are refused there."));
+                    "they are refused there."),
+            Z_KEYED_FIELD("TrustState", m_TrustState)
+                .Path()
+                .OrEmpty()
+                .Means("Folder on the data partition where newer trust documents are kept. Empty: the one of the "
+                       "system stays in force.",
+                       "\"/var/lib/arbor/trust\""),
+            Z_KEYED_FIELD("AcceptDevelopment", m_bAcceptDevelopment)
+                .Means("Whether packages run that a trust document's development keys signed."));
     }
 };

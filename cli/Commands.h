@@ -87,6 +87,14 @@ struct VerifyOrder {
 /// Says whether a package file of this computer is whole, signed and trusted. Needs no device; nothing of it runs.
 Result<ExitCode> VerifyPackage(Session& session, const VerifyOrder& order);
 
+// Who is trusted.
+/// What the device goes by.
+Result<ExitCode> ShowTrust(Session& session);
+/// What the last trust document in a file of this computer says. Needs no device.
+Result<ExitCode> ShowTrustFile(Session& session, const std::string& file);
+/// Has the device follow the trust documents in a file of this computer.
+Result<ExitCode> ApplyTrust(Session& session, const std::string& file);
+
 /// Removes a file that was uploaded.
 Result<ExitCode> ForgetUpload(Session& session, const std::string& file);
 

@@ -112,7 +112,9 @@ std::string TrustText(const json::value& status) {
     if (signers.empty()) {
         return "off: everybody's packages run";
     }
-    return "signers in " + signers + (problem.empty() ? "" : "; " + problem);
+    const std::int64_t number = fields::Number(status, "trustDocument");
+    const std::string who = number > 0 ? "trust document " + std::to_string(number) : "signers in " + signers;
+    return who + (problem.empty() ? "" : "; " + problem);
 }
 
 std::string StatusText(const json::value& status) {

@@ -36,6 +36,7 @@ constexpr const char* kExamples = R"(Examples:
   arborctl send inventory                      any message of the device's interface
   arborctl upload build/arbor_qm.pkg           bring a package from here and have it checked
   arborctl peers                               other devices, and who is connected
+  arborctl trust show                          whose packages the device takes
   arborctl transfer 3.046 --to 4711 --wait     carry a package over to an accessory
 
 Exit status: 0 done, 1 the device said no, 2 usage, 3 not reachable (or broke off, or too late), 130 Ctrl-C.
@@ -225,6 +226,24 @@ void AddLink(CLI::App& app, Choice& choice) {
     verify->callback([&] { choice.run = [&](Session& s) { return VerifyPackage(s, choice.verify); }; });
 }
 
+void AddTrust(CLI::App& app, Choice& choice) {
+    auto* trust = AddCommand(app, "trust", "Show whose packages the device takes, or bring it newer trust documents",
+                             "  arborctl trust show                      what the device goes by\n"
+                             "  arborctl trust show arbor-trust.json     what a file says; needs no device\n"
+                             "  arborctl trust apply arbor-trust.json    have the device follow it");
+    trust->require_subcommand(1);
+    auto* show = trust->add_subcommand("show", "What the device goes by, or what a file says");
+    auto* shown = show->add_option("FILE", choice.first, "A file of this computer");
+    show->callback([&, shown] {
+        choice.run = [&, isFile = shown->count() > 0](Session& s) {
+            return isFile ? ShowTrustFile(s, choice.first) : arborctl::ShowTrust(s);
+        };
+    });
+    auto* apply = trust->add_subcommand("apply", "Have the device follow the trust documents in a file");
+    apply->add_option("FILE", choice.first, "A file of this computer")->required();
+    apply->callback([&] { choice.run = [&](Session& s) { return ApplyTrust(s, choice.first); }; });
+}
+
 void AddSince(CLI::App& command, std::string& since) {
     command.add_option("--since", since, "Only from then on: 90s, 10m, 2h or 3d ago, or a date such as 2025-03-01")
         ->check(WrongSince)
@@ -242,7 +261,7 @@ void AddJobs(CLI::App& app, Choice& choice) {
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
     history->add_option("--kind", choice.history.kind, "Only jobs of this kind")
-        ->check(CLI::IsMember({"check", "scan", "install", "build", "transfer", "remote-install", "upload"}));
+        ->check(CLI::IsMember({"check", "scan", "install", "build", "transfer", "remote-install", "upload", "trust"}));
     history->add_option("--state", choice.history.state, "Only jobs in this state; open: those that have not ended")
         ->check(CLI::IsMember({"open", "queued", "running", "succeeded", "failed", "cancelled", "lost"}));
     AddSince(*history, choice.history.since);
@@ -331,6 +350,7 @@ int Run(int argc, char** argv) {
     AddWork(app, choice);
     AddAccessoryWork(app, choice);
     AddLink(app, choice);
+    AddTrust(app, choice);
     AddStreams(app, choice);
     try {
         app.parse(argc, argv);

@@ -5,3 +5,4 @@
 #include "ZMessages/OperationMessages.h"
 #include "ZMessages/OrderMessages.h"
 #include "ZMessages/PeerMessages.h"
+#include "ZMessages/TrustMessages.h"

@@ -120,15 +120,17 @@ public:
                                                            ///< installed first
     ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Refused;   ///< of files that were refused, the newest 64
     ZVector<std::shared_ptr<ZPackageInfoMsg>> m_Archive;
-    ZString m_TrustedSigners;  ///< folder of those whose packages may run; empty: everybody's run
-    ZString m_TrustProblem;    ///< what is in the way of that, as a sentence; empty: nothing is known to be
+    ZString m_TrustedSigners;           ///< folder of those whose packages may run; empty: everybody's run
+    std::uint32_t m_TrustDocument = 0;  ///< number of the one in force; 0: none
+    ZString m_TrustProblem;             ///< what is in the way of that, as a sentence; empty: nothing is known to be
     ZString m_UpdatesFolder;
     std::int64_t m_UpdatesFree = -1;  ///< bytes for uploads; negative: not known
     std::int64_t m_ArchiveFree = -1;  ///< bytes where the archive lies
 
     Z_FIELDS(Z_FIELD(m_InstalledVersion), Z_FIELD(m_RunningSlot), Z_FIELD(m_NextSlot), Z_FIELD(m_NextVersion),
              Z_FIELD(m_Packages), Z_FIELD(m_Refused), Z_FIELD(m_Archive), Z_FIELD(m_TrustedSigners),
-             Z_FIELD(m_TrustProblem), Z_FIELD(m_UpdatesFolder), Z_FIELD(m_UpdatesFree), Z_FIELD(m_ArchiveFree))
+             Z_FIELD(m_TrustDocument), Z_FIELD(m_TrustProblem), Z_FIELD(m_UpdatesFolder), Z_FIELD(m_UpdatesFree),
+             Z_FIELD(m_ArchiveFree))
 };
 Z_REGISTER(ZInventoryMsg)
 

@@ -52,6 +52,7 @@ enum class ZOperationKind : std::int32_t {
     Transfer = 4,  ///< of a package to an accessory
     RemoteInstall = 5,
     Upload = 6,
+    Trust = 7,  ///< another trust document comes into force
 };
 
 /// Where a job stands. The last four are ends: nothing follows them.

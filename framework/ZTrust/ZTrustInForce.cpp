@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr const char* kName = "/arbor-trust.json";
-
 ZError OfSystem() {
     return ZError(std::strerror(errno));
 }
@@ -50,7 +48,7 @@ ZResult<std::optional<ZTrustDocument>> ReadLast(const std::string& folder) {
     if (folder.empty()) {
         return std::nullopt;
     }
-    const std::string path = folder + kName;
+    const std::string path = folder + '/' + kTrustFileName;
     const auto text = ReadText(path);
     if (!text) {
         return text.error().In(path);

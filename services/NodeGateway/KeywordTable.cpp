@@ -5,6 +5,7 @@
 #include "ZMessages/OperationMessages.h"
 #include "ZMessages/OrderMessages.h"
 #include "ZMessages/PeerMessages.h"
+#include "ZMessages/TrustMessages.h"
 
 namespace gateway {
 
@@ -21,6 +22,7 @@ constexpr std::array<const char*, 3> kFileMessages{ZFileOpenMsg::kClassName, ZFi
 constexpr const char* kNoAnswer = nullptr;
 constexpr bool kBeginsJob = true;
 constexpr const char* kScan = "the order \"scan\" has a file or a drive looked at (arborctl scan FILE)";
+constexpr std::size_t kChainBody = std::size_t{256} * 1024;  // a chain of 48 KiB as a JSON text
 constexpr std::size_t kFileBody = std::size_t{2} * 1024 * 1024;
 
 constexpr Keyword kKeywords[] = {
@@ -63,6 +65,10 @@ constexpr Keyword kKeywords[] = {
      "Remove a file that was uploaded"},
     {"inventory", Role::Look, kService, kTakes<ZGenericRequestMsg>, ZInventoryMsg::kClassName,
      "Which versions this device runs, starts next, and could install"},
+    {"trust", Role::Look, kService, kTakes<ZGenericRequestMsg>, ZTrustMsg::kClassName,
+     "Whose packages may run on this device"},
+    {"applytrust", Role::Administer, kClient, kTakes<ZTrustChainMsg>, ZGenericResponseMsg::kClassName,
+     "Put newer trust documents into force: the text of a file arbor-trust.json", kChainBody, kBeginsJob},
 };
 
 }  // namespace

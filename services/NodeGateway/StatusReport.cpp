@@ -99,7 +99,7 @@ json::array List(const ZVector<std::shared_ptr<ZPackageInfoMsg>>& packages,
 void AddInventory(json::object& document, const std::shared_ptr<ZInventoryMsg>& inventory) {
     if (!inventory) {
         for (const char* key : {"runningSlot", "nextSlot", "nextVersion", "archive", "refused", "updatesFree",
-                                "archiveFree", "trustedSigners", "trustProblem"}) {
+                                "archiveFree", "trustedSigners", "trustDocument", "trustProblem"}) {
             document[key] = nullptr;
         }
         return;
@@ -112,6 +112,7 @@ void AddInventory(json::object& document, const std::shared_ptr<ZInventoryMsg>& 
     document["updatesFree"] = CountOrNull(inventory->m_UpdatesFree);
     document["archiveFree"] = CountOrNull(inventory->m_ArchiveFree);
     document["trustedSigners"] = std::string_view(inventory->m_TrustedSigners);
+    document["trustDocument"] = inventory->m_TrustDocument;
     document["trustProblem"] = TextOrNull(inventory->m_TrustProblem);
 }
 

@@ -49,6 +49,8 @@ const KeywordCase kKeywords[] = {
     {"cancel", kService, R"({"id":"0123456789abcdef"})", "ZCancelMsg", "id", "0123456789abcdef", nullptr},
     {"forget", kClient, R"({"file":"a.pkg"})", "ZForgetMsg", "file", "a.pkg", "ZGenericResponseMsg"},
     {"inventory", kService, "", "ZGenericRequestMsg", "", "", "ZInventoryMsg"},
+    {"trust", kService, "", "ZGenericRequestMsg", "", "", "ZTrustMsg"},
+    {"applytrust", kClient, R"({"chain":"{}"})", "ZTrustChainMsg", "chain", "{}", "ZGenericResponseMsg"},
 };
 
 TEST_F(Gateway, CarriesEveryKeywordToItsEndpointAndTheAnswerBack) {
