@@ -107,8 +107,8 @@ class TrustFile:
             if len(self.entries) <= 2:
                 raise Failure(f"{self.path} would have more than {documents.MAX_CHAIN} bytes: remove keys, or digests of "
                               "packages that the security floor keeps out anyway")
-            dropped.append(f"number {self.entries.pop(0).number} fell off: instruments that have it, or an older one, "
-                           "can't follow this file any more")
+            dropped.append(f"number {self.entries.pop(0).number} fell off: instruments that have an older one can't follow "
+                           "this file any more")
         with replacing(os.path.abspath(self.path), 0o644) as file:
             file.write(self._content())
         return dropped
