@@ -61,7 +61,8 @@ def _fill(directory: str, recipe: Recipe, signer: Signer, boards: set[str], comp
     installer = os.path.join(directory, INSTALLER_FOLDER)
     _copy_installer(installer)
     shutil.copyfile(recipe.payload, os.path.join(directory, PAYLOAD))
-    plan = BuildPlan(recipe.version, PAYLOAD, recipe.installer_version, recipe.silent_seconds, recipe.security_number, {})
+    plan = BuildPlan(recipe.version, PAYLOAD, recipe.installer_version, recipe.silent_seconds, recipe.security_number, {},
+                     recipe.trust)
     payload = measure(os.path.join(directory, PAYLOAD))
     for board in sorted(boards):
         plan.sign(board, payload, signer)

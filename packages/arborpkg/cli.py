@@ -4,10 +4,11 @@ import argparse
 import json
 import sys
 
+from arborinstaller import openssl
 from arborinstaller.assemble import Recipe, Signer, write_package
 from arborinstaller.failure import Failure, describe
 from arborinstaller.trust import Trusted
-from arborpkg import archive, detached, inspection, keys
+from arborpkg import archive, detached, inspection, keys, trustcli, trustfile
 
 _EXAMPLES = """examples:
   arbor-pkg keygen --out keys --name "Arbor release"
@@ -15,6 +16,7 @@ _EXAMPLES = """examples:
             --key keys/key.pem --cert keys/cert.pem -o arbor_qm.pkg
   arbor-pkg inspect arbor_qm.pkg --trust /etc/arbor/trust
   arbor-pkg sign update.run --version 3.045 --board verdin-imx8mm --key keys/key.pem --cert keys/cert.pem
+  arbor-pkg trust init arbor-trust.json
   arbor-pkg archive --version 3.045 --board verdin-imx8mm --payload system.img \\
             --key keys/key.pem --cert keys/cert.pem Packages/3.045
 """
@@ -37,6 +39,8 @@ def _parser() -> argparse.ArgumentParser:
 
     keygen = commands.add_parser("keygen", help="make a key and its certificate")
     keygen.add_argument("--out", required=True, metavar="DIR", help="where key.pem and cert.pem go")
+    keygen.add_argument("--key", default="", metavar="URI",
+                        help="make the certificate of this key in a token (pkcs11:...) instead")
     keygen.add_argument("--name", default="Arbor packages", metavar="CN", help="the signer's name")
     keygen.set_defaults(run=_keygen)
 
@@ -69,6 +73,9 @@ def _parser() -> argparse.ArgumentParser:
     inspect.add_argument("--board", default="", metavar="B", help="also say whether it is for this board (with --trust)")
     inspect.add_argument("file", metavar="FILE", help="a package, or a file with FILE.sig beside it")
     inspect.set_defaults(run=_inspect)
+
+    trustcli.add_commands(commands.add_parser(
+        "trust", help="make, change and sign trust documents: who may sign packages, and which don't count any more"))
     return parser
 
 
@@ -78,7 +85,8 @@ def _add_signing(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--security-number", type=int, default=0, metavar="N",
                         help="grows when older versions must not come back (default %(default)s)")
     parser.add_argument("--key", required=True, action="append", metavar="FILE",
-                        help="private key (Ed25519 or RSA, PEM); may be given again for a further signature")
+                        help="private key (Ed25519 or RSA, PEM), or pkcs11:... for one in a token; may be given again for a "
+                             "further signature")
     parser.add_argument("--cert", required=True, action="append", metavar="FILE",
                         help="its certificate (PEM), one for each --key")
 
@@ -89,11 +97,13 @@ def _add_recipe(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--installer-version", default="1.0", metavar="V", help="default %(default)s")
     parser.add_argument("--silent-seconds", type=float, default=2.0, metavar="S",
                         help="longest pause between progress documents, then a spinner shows (default %(default)s)")
+    parser.add_argument("--trust-document", default="", metavar="FILE",
+                        help="carry these trust documents, for instruments that have an older one")
 
 
 def _recipe(options: argparse.Namespace) -> Recipe:
     return Recipe(options.version, options.board, options.payload, options.installer_version, options.silent_seconds,
-                  options.security_number)
+                  options.security_number, trustfile.to_carry(options.trust_document) if options.trust_document else None)
 
 
 def _signer(options: argparse.Namespace) -> Signer:
@@ -103,8 +113,12 @@ def _signer(options: argparse.Namespace) -> Signer:
 
 
 def _keygen(options: argparse.Namespace) -> int:
-    key, certificate = keys.generate(options.out, options.name)
-    print(f"private key: {key} (keep it secret)\ncertificate: {certificate} (goes into /etc/arbor/trust)")
+    if options.key and not openssl.is_in_token(options.key):
+        raise Failure(f"--key {options.key}: expected a key in a token (pkcs11:...)")
+    key, certificate = keys.generate(options.out, options.name, options.key)
+    if not options.key:
+        print(f"private key: {key} (keep it secret)")
+    print(f"certificate: {certificate} (goes into /etc/arbor/trust or a trust document)")
     return 0
 
 

@@ -56,6 +56,12 @@ def inspect(path: str, trusted: trust.Trusted | None, board: str) -> dict[str, A
     return facts
 
 
+def signed_digest(path: str) -> str:
+    """The digest that was signed for the file `path`; NotPackage or Damaged when there is none."""
+    with opened(path) as signed:
+        return trust.digest_of(signed)
+
+
 def is_sound(facts: dict[str, Any]) -> bool:
     """Whether nothing speaks against the inspected file."""
     return facts["verdict"] in (None, trust.GOOD) and facts["payload"] == "good"

@@ -8,8 +8,8 @@ from dataclasses import dataclass
 from typing import Iterator
 
 from cases import P_256, RSA_1024, RSA_2048, Case, Signers
-from forge import (MISSING, PAYLOAD, Signer, changed, detached, head, line, members_of, message_1, message_2, package_1, package_2,
-                   signed_2, trailer)
+from forge import (MISSING, PAYLOAD, Signer, changed, detached, head, line, members_of, message_1, message_2, package_1,
+                   package_2, signed_2, trailer)
 from support import run
 
 RSA_PSS = ("-algorithm", "RSA-PSS", "-pkeyopt", "rsa_keygen_bits:2048")
@@ -98,7 +98,8 @@ def followed_cases(keys: Keys) -> Iterator[ChainCase]:
             ("bad-then-good-of-one-key", chain(
                 {**four, "signatures": [signature(first, "another"), *four["signatures"]]}), "followed", 4),
             ("32-signatures", chain({**four, "signatures": [bad] * 30 + four["signatures"]}), "followed", 4),
-            ("none-of-these-keys-any-more", chain(entry(keys.document(4, keys=rotated), first, second, third, fourth)), "followed", 4),
+            ("none-of-these-keys-any-more", chain(entry(
+                keys.document(4, keys=rotated), first, second, third, fourth)), "followed", 4),
             ("same", chain(three), "nothingNew", 3), ("same-behind-older", chain(two, three), "nothingNew", 3),
             ("same-unsigned", chain({**three, "signatures": []}), "nothingNew", 3),
             ("older", chain(two), "refused", 3), ("skips", chain(five), "refused", 3),
@@ -109,7 +110,8 @@ def followed_cases(keys: Keys) -> Iterator[ChainCase]:
             ("one-key-twice", chain(entry(text, first, first)), "refused", 3),
             ("by-release-key", chain(entry(text, first, keys.signers.release)), "refused", 3),
             ("by-unknown-key", chain(entry(text, first, fourth)), "refused", 3),
-            ("signature-of-another-text", chain({**four, "signatures": [four["signatures"][0], signature(second, "x")]}), "refused", 3),
+            ("signature-of-another-text", chain({**four, "signatures": [
+                four["signatures"][0], signature(second, "x")]}), "refused", 3),
             ("signature-as-of-package", chain({**four, "signatures": [four["signatures"][0], second.entry(
                 message_2(text.encode()), certificate=MISSING)]}), "refused", 3),
             ("signature-under-another-key", chain({**four, "signatures": [
@@ -157,17 +159,17 @@ def member_cases(keys: Keys, work: str) -> Iterator[ChainCase]:
             good[12:], made("weak", RSA_1024), made("elliptic", P_256), made("448", ("-algorithm", "ed448")),
             made("x25519", ("-algorithm", "x25519")), made("pss", RSA_PSS))), base64.b64encode(good).decode() + "\n",
             base64.b64encode(good).decode()[:-1]),
-        "roles": (MISSING, [], "release", ["root"], ["release", "release"], ["release", 1], [["release"]], [None], {"release": 1},
-                  ["release", "trust", "development", "trust"]),
+        "roles": (MISSING, [], "release", ["root"], ["release", "release"], ["release", 1], [["release"]], [None],
+                  {"release": 1}, ["release", "trust", "development", "trust"]),
         "boards": (MISSING, None, "b1", {}, ["a b"], [""], [1], ["b1"] * 17), "extra": (1,)}
     limits = {"expires": ("2030-12-31", "0000-99-99"), "securityFloor": ((1 << 31) - 1,), "revoked": ([digest] * 128,),
-              "thresholds": ({"trust": 2, "release": 16, "development": 16}, {**thresholds, "trust": 1}, {**thresholds, "trust": 3}),
+              "thresholds": ({"trust": 2, "release": 16, "development": 16}, *({**thresholds, "trust": value} for value in (1, 3))),
               "keys": ([*many[:29], *keys.trust], [*keys.trust, key(keys.other, name=" ~" * 32, boards=["b"] * 16)],
                        [*keys.trust, key(rsa, "trust", "release", "development")])}
     for member, values in limits.items():
         for count, value in enumerate(values):
-            signers = (keys.first, keys.second, keys.third)
-            yield ChainCase(f"{member}-limit-{count}", chain(entry(keys.document(4, **{member: value}), *signers)), "followed", 4)
+            signed = entry(keys.document(4, **{member: value}), keys.first, keys.second, keys.third)
+            yield ChainCase(f"{member}-limit-{count}", chain(signed), "followed", 4)
     for member, values in wrong.items():
         for count, value in enumerate(values):
             yield ChainCase(f"{member}-wrong-{count}", chain(keys.signed(4, **{member: value})), "damaged")
@@ -192,7 +194,8 @@ def shape_cases(keys: Keys) -> Iterator[ChainCase]:
             ("blank-before", b" " + whole, "damaged"), ("zero-behind", whole + b"\0", "damaged"), ("list", b"[]", "damaged"),
             ("not-ascii", whole.replace(b"a key", "\u00e4".encode(), 1), "damaged"), ("no-entries", chain(), "damaged"),
             ("no-list", line({"documents": four}), "damaged"), ("more-members", line({"documents": [four], "x": 1}), "damaged"),
-            ("17-entries", chain(three, four, *map(keys.signed, range(5, 20))), "damaged"), ("twice", chain(four, four), "damaged"),
+            ("17-entries", chain(three, four, *map(keys.signed, range(5, 20))), "damaged"),
+            ("twice", chain(four, four), "damaged"),
             ("backwards", chain(four, three), "damaged"), ("gap", chain(keys.signed(2), four), "damaged"),
             ("older-one-damaged", chain(entry(keys.document(3, x=1)), four), "damaged"),
             ("document-as-object", chain({**four, "document": keys.document(4)}), "damaged"),
@@ -210,7 +213,8 @@ def shape_cases(keys: Keys) -> Iterator[ChainCase]:
             *((f"signature-{member}-{count}", chain({**four, "signatures": [*signatures, changed(
                 signatures[0], {member: value})]}), "damaged")
               for member, values in {"key": (MISSING, 1, "", signatures[0]["key"].upper()), "certificate": ("",),
-                                     "signature": (MISSING, None, "", "AAA", "AAAA\n", base64.b64encode(bytes(2049)).decode())}.items()
+                                     "signature": (
+                  MISSING, None, "", "AAA", "AAAA\n", base64.b64encode(bytes(2049)).decode())}.items()
               for count, value in enumerate(values))):
         yield ChainCase(f"shape-{name}", content, result, 4 if result == "followed" else 3)
 
@@ -231,8 +235,8 @@ def folders(keys: Keys) -> dict[str, dict]:
     revoked = [hashlib.sha256(head(members_of(2, **WITHDRAWN))).hexdigest(),
                message_1(package_1(release, version="6.66")[:-64]).split()[-1].decode(),
                hashlib.sha256(detached(release, b"", version="6.66").splitlines()[0]).hexdigest()]
-    everybody = [*keys.trust, key(release, name="Release"), key(keys.other, name="Other"), key(rsa), key(keys.developer, "development"),
-                 key(keys.both, "release", "development"), key(keys.only_b2, boards=["b2", "b3"])]
+    everybody = [*keys.trust, key(release, name="Release"), key(keys.other, name="Other"), key(rsa),
+                 key(keys.developer, "development"), key(keys.both, "release", "development"), key(keys.only_b2, boards=["b2", "b3"])]
     two = {"trust": 2, "release": 2, "development": 2}
     return {"trust-5": keys.signed(5, keys=everybody, revoked=revoked),
             "trust-6": keys.signed(6, keys=everybody, thresholds=two, securityFloor=4, revoked=revoked),
@@ -268,20 +272,24 @@ def package_cases(keys: Keys, entries: dict[str, dict]) -> Iterator[Case]:
             ("elliptic", by(signers.elliptic), "unknownSigner"), ("weak", by(signers.rsa_1024), "unknownSigner"),
             ("server", by(signers.server), "unknownSigner"),
             ("unknown-without-certificate", by(signers.stranger.entry(said, certificate=MISSING)), "badSignature"),
-            ("unknown-with-certificate-of-another", by(signers.stranger.entry(said, certificate=release.certificate)), "badSignature"),
+            ("unknown-with-certificate-of-another", by(
+                signers.stranger.entry(said, certificate=release.certificate)), "badSignature"),
             ("unknown-that-does-not-fit", by(signers.stranger.entry(b"another")), "badSignature"),
             ("bad", by(bad), "badSignature"), ("bad-then-good", by(bad, other), "good"),
             ("1-certificate-rubbish", package_1(release, signer="rubbish"), "badSignature"),
             ("by-trust-key", by(keys.first), "notAllowed"), ("trust-key-then-good", by(keys.first, release), "good"),
             ("unknown-then-not-allowed", by(signers.stranger, keys.first), "unknownSigner"),
             ("bad-by-trust-key", by(keys.first.entry(b"another")), "badSignature"),
-            ("by-developer", by(developer), "notAllowed"), ("by-developer-accepted", by(developer), "good", {"development": True}),
+            ("by-developer", by(developer), "notAllowed"),
+            ("by-developer-accepted", by(developer), "good", {"development": True}),
             ("1-by-developer", package_1(developer), "notAllowed"),
-            ("for-another-board", by(keys.only_b2), "notAllowed"), ("for-another-board-asked", by(keys.only_b2), "notAllowed", {"board": "b2"}),
+            ("for-another-board", by(keys.only_b2), "notAllowed"),
+            ("for-another-board-asked", by(keys.only_b2), "notAllowed", {"board": "b2"}),
             ("for-its-board", package_2(keys.only_b2, board="b3"), "good", {"board": "b3"}),
             ("for-its-board-not-asked", package_2(keys.only_b2, board="b3"), "good"),
             ("wrong-board", by(release), "wrongBoard", {"board": "b2"}), ("right-board", by(release), "good", {"board": "b1"}),
-            ("revoked", package_2(release, **WITHDRAWN), "revoked"), ("1-revoked", package_1(release, version="6.66"), "revoked"),
+            ("revoked", package_2(release, **WITHDRAWN), "revoked"),
+            ("1-revoked", package_1(release, version="6.66"), "revoked"),
             ("revoked-before-board", package_2(release, **WITHDRAWN), "revoked", {"board": "b2"}),
             ("revoked-by-unknown", package_2(signers.stranger, **WITHDRAWN), "unknownSigner"),
             *((f"two-{name}", package, verdict, {"trust": "trust-6", **place}) for name, package, verdict, *rest in (
@@ -294,16 +302,19 @@ def package_cases(keys: Keys, entries: dict[str, dict]) -> Iterator[Case]:
                 ("developer-and-both", by(developer, both), "good", {"development": True}),
                 ("developer-and-both-not-accepted", by(developer, both), "tooFewSigners"),
                 ("developer-alone", by(developer), "tooFewSigners", {"development": True}),
-                *((f"below-floor-{len(place)}", by(release, other, start=low), "belowFloor", place) for place in ({}, {"board": "b2"})),
+                *((f"below-floor-{len(place)}", by(release, other, start=low), "belowFloor", place)
+                  for place in ({}, {"board": "b2"})),
                 ("too-few-before-revoked", package_2(release, **WITHDRAWN), "tooFewSigners"),
                 ("revoked-before-floor", by(release, other, start=head(members_of(2, **WITHDRAWN))), "revoked"),
-                ("1-one", package_1(release), "tooFewSigners"), ("two-other-state", by(release), "tooFewSigners", {"state": "state-5"}))
+                ("1-one", package_1(release), "tooFewSigners"),
+                ("two-other-state", by(release), "tooFewSigners", {"state": "state-5"}))
               for place in (rest[0] if rest else {},)),
             ("1-below-floor", package_1(later), "belowFloor", {"state": "state-7"}),
             ("state-newer", by(later), "good", {"state": "state-7"}),
             ("state-newer-withdrew", by(release), "unknownSigner", {"state": "state-7"}),
             ("state-same-number", by(later), "unknownSigner", {"state": "state-5"}),
-            ("state-older", by(other), "good", {"state": "state-4"}), ("state-none", by(release), "good", {"state": "state-none"}),
+            ("state-older", by(other), "good", {"state": "state-4"}),
+            ("state-none", by(release), "good", {"state": "state-none"}),
             ("state-missing", by(release), "good", {"state": "there-is-none"}),
             ("state-alone", by(later), "good", {"trust": "trust-stranger", "state": "state-7"}),
             ("state-alone-no-certificates", by(later), "good", {"trust": "state-none", "state": "state-7"}),
@@ -317,7 +328,8 @@ def package_cases(keys: Keys, entries: dict[str, dict]) -> Iterator[Case]:
             ("carries-skipping", carrying(later, {"documents": [last]}), "unknownSigner"),
             ("carries-unsigned", carrying(later, {"documents": [{**next_one, "signatures": []}]}), "unknownSigner"),
             ("carries-unsigned-by-known", carrying(release, {"documents": [{**next_one, "signatures": []}]}), "good"),
-            ("carries-rubbish", carrying(release, {"x": 1}), "good"), ("carries-nothing", carrying(release, {"documents": []}), "good"),
+            ("carries-rubbish", carrying(release, {"x": 1}), "good"),
+            ("carries-nothing", carrying(release, {"documents": []}), "good"),
             ("carries-next-without-document-in-force", carrying(later, {"documents": [next_one]}), "unknownSigner",
              {"trust": "trust-stranger"}),
             ("carries-next-to-state", carrying(later, {"documents": [last]}), "good", {"trust": "trust-6"})):

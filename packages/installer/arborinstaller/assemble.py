@@ -3,14 +3,14 @@
 import hashlib
 import os
 from dataclasses import dataclass
-from typing import BinaryIO, Callable
+from typing import Any, BinaryIO, Callable
 
 from arborinstaller import jsontext, openssl
 from arborinstaller.certificates import Certificate
 from arborinstaller.failure import Failure
 from arborinstaller.files import directory_lock, replacing
-from arborinstaller.layout import (CHUNK, MAX_CODE, MAX_SECURITY_NUMBER, MAX_SILENCE, STUB_SIZE, Header, Section,
-                                   Signature, check_board, check_version, encode_trailer, head_message, open_regular)
+from arborinstaller.layout import (CHUNK, MAX_CODE, MAX_HEADER, MAX_SECURITY_NUMBER, MAX_SILENCE, STUB_SIZE, Header,
+                                   Section, Signature, check_board, check_version, encode_trailer, head_message, open_regular)
 
 _HERE = os.path.dirname(os.path.abspath(__file__))
 _ZEROS = bytes(CHUNK)
@@ -30,6 +30,7 @@ class Recipe:
     installer_version: str
     silent_seconds: float
     security_number: int
+    trust: dict[str, Any] | None = None  # the chain of trust documents that it carries
 
     def __post_init__(self) -> None:
         check_version(self.version)
@@ -44,8 +45,11 @@ class Recipe:
         code = _code()
         header = Header(version=self.version, board=self.board, installerVersion=self.installer_version,
                         silentSeconds=self.silent_seconds, code=Section.of(code), payload=payload,
-                        securityNumber=self.security_number)
-        return self._stub() + header.encode() + code
+                        securityNumber=self.security_number, trust=self.trust).encode()
+        if len(header) > MAX_HEADER:
+            raise Failure(f"the package's header would have {len(header)} bytes, at most {MAX_HEADER} are allowed: "
+                          "carry fewer trust documents")
+        return self._stub() + header + code
 
     def _stub(self) -> bytes:
         with open(os.path.join(_HERE, "stub.sh"), encoding="ascii") as file:

@@ -29,6 +29,7 @@ class BuildPlan:
     silentSeconds: float
     securityNumber: int
     signatures: dict[str, list[dict[str, str]]]
+    trust: dict[str, Any] | None = None
 
     def save(self, directory: str) -> None:
         """Writes the plan into the installer folder `directory`."""
@@ -52,7 +53,7 @@ class BuildPlan:
     def recipe(self, version_directory: str, board: str) -> Recipe:
         """How to make the package for `board` from the payload in `version_directory`."""
         return Recipe(self.version, board, os.path.join(version_directory, self.payload), self.installerVersion,
-                      self.silentSeconds, self.securityNumber)
+                      self.silentSeconds, self.securityNumber, self.trust)
 
     def sign(self, board: str, payload: Section, signer: Signer) -> None:
         """Adds the signatures of the package for `board`, whose payload is `payload`."""

@@ -44,7 +44,8 @@ def _parser(name: str) -> argparse.ArgumentParser:
     parser.add_argument("--version", action="store_true", help="print the version that the package installs")
     parser.add_argument("--verify", nargs="?", const="", metavar="BOARD",
                         help="check signature and signer, and the board when one is given; 0: good, 1: not")
-    parser.add_argument("--trust", default="", metavar="DIR", help="whom to trust: a trust document or certificates (default /etc/arbor/trust)")
+    parser.add_argument("--trust", default="", metavar="DIR",
+                        help="whom to trust: a trust document or certificates (default /etc/arbor/trust)")
     parser.add_argument("--dir", default=_PACKAGES, help="the packages directory (default %(default)s)")
     parser.add_argument("--sock", "--socket", type=int, choices=(_UNIX, _TCP),
                         help="report progress: 1 over the UNIX socket --addr in --dir, 2 over TCP --addr:--port")

@@ -43,15 +43,26 @@ def run(arguments: list[str], descriptors: tuple[int, ...] = ()) -> bytes:
     return result.stdout
 
 
-def sign(message: bytes, key: str) -> bytes:
-    """The signature of `message` (which must not be empty) by the private key file `key`.
+def private_key(key: str, option: str, form: str) -> list[str]:
+    """Names a private key to openssl with its `option` for the key and for the key's `form`.
 
-    A key that is protected by a passphrase takes it from the environment variable ARBOR_KEY_PASSPHRASE.
+    The key is a PEM file, or a PKCS#11 URI for one that stays in its token. Passphrase or PIN are taken from the
+    environment variable ARBOR_KEY_PASSPHRASE.
     """
     passphrase = "env:ARBOR_KEY_PASSPHRASE" if "ARBOR_KEY_PASSPHRASE" in os.environ else "pass:"
+    token = [form, "engine", "-engine", "pkcs11"] if is_in_token(key) else []
+    return [option, key, "-passin", passphrase, *token]
+
+
+def is_in_token(key: str) -> bool:
+    """Whether a private key is named by a PKCS#11 URI."""
+    return key.startswith("pkcs11:")
+
+
+def sign(message: bytes, key: str) -> bytes:
+    """The signature of `message` (which must not be empty) by the private `key` (see private_key)."""
     with _memory_file(message) as text:
-        return run(["pkeyutl", "-sign", "-rawin", "-inkey", key, "-passin", passphrase, "-in", _path(text)],
-                   (text,))
+        return run(["pkeyutl", "-sign", "-rawin", *private_key(key, "-inkey", "-keyform"), "-in", _path(text)], (text,))
 
 
 def signature_fits(message: bytes, signature: bytes, public_key: str) -> bool:

@@ -126,7 +126,7 @@ def assess(signed: Signed, trusted: Trusted, board: str) -> Assessment:
     """Judges it for the `board` (empty: any)."""
     trusted = trusted.for_package(signed)
     message = signed.signed_message()
-    digest = message.split()[-1].decode()
+    digest = _digest_in(message)
     if trusted.entry:
         document = trusted.entry.document
         roles = (RELEASE, DEVELOPMENT) if trusted.development else (RELEASE,)
@@ -143,9 +143,19 @@ def assess(signed: Signed, trusted: Trusted, board: str) -> Assessment:
     return Assessment(verdict, findings, digest, trusted.entry)
 
 
+def digest_of(signed: Signed) -> str:
+    """The digest that was signed, which names the package when it is to be revoked."""
+    return _digest_in(signed.signed_message())
+
+
 def decisive(findings: list[Finding]) -> Finding:
     """The finding that counts: the first good one, else the first."""
     return next((finding for finding in findings if finding.word == GOOD), findings[0])
+
+
+def _digest_in(message: bytes) -> str:
+    """Every signed text ends with it."""
+    return message.split()[-1].decode()
 
 
 def _praise(header: Description, names: str) -> Verdict:
