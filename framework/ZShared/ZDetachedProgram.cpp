@@ -10,6 +10,7 @@
 
 #include "ZShared/ZCommandRunner.h"
 #include "ZShared/ZForkedChild.h"
+#include "ZShared/ZProgramOutput.h"
 
 extern char** environ;
 
@@ -54,6 +55,8 @@ void Report(int error) {
 // Where a sealed program finds itself, and the file that it was started from.
 constexpr const char* kProgram = "/proc/self/fd/4";
 constexpr int kPackage = ZForkedChild::kKept + 1;
+// Until then the place of the door.
+constexpr int kDoor = kPackage;
 
 struct Answer {
     int error = 0;
@@ -104,8 +107,10 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
     }
     const auto argv = Pointers(arguments);
     const auto envp = Pointers(variables);
+    const int door = ZProgramOutput::Instance().Door();
     const auto run = [&] {
         Detach();
+        ZProgramOutput::HandOver(door >= 0 ? kDoor : -1, argv[0]);
         const int file = sealed != nullptr ? ::open(sealed->file.c_str(), O_RDONLY) : -1;
         if (sealed == nullptr || file == kPackage) {
             ::execve(sealed != nullptr ? kProgram : argv[0], argv.data(), envp.data());
@@ -113,7 +118,8 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
         Report(file >= 0 ? EBADF : errno);
     };
     ZForkedChild child;
-    if (const auto started = child.Start(arguments.front(), run, sealed != nullptr ? sealed->program : -1); !started) {
+    if (const auto started = child.Start(arguments.front(), run, {sealed != nullptr ? sealed->program : -1, door});
+        !started) {
         return started.error();
     }
     const auto reported = child.Report(limit);

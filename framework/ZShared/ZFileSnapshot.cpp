@@ -113,7 +113,7 @@ ZResult<ZFileSnapshot> SnapshotFile(const std::string& path, ZSnapshotSize size,
             ::pause();
         }
     };
-    if (const auto started = child.Start(path, keep, copy->Get()); !started) {
+    if (const auto started = child.Start(path, keep, {copy->Get(), -1}); !started) {
         return started.error();
     }
     const auto reported = child.Report(limit);

@@ -21,16 +21,24 @@ namespace {
 constexpr int kEndPatience = 200;  // milliseconds
 
 /// The child's own copy of this process's descriptors must not hold anything of it open.
-void KeepDescriptors(int report, int keep) {
+void KeepDescriptors(int report, ZForkedChild::Kept keep) {
     constexpr int kAside = 100;
-    const int kept = keep >= 0 ? ::fcntl(keep, F_DUPFD_CLOEXEC, kAside) : -1;
+    for (int& kept : keep) {
+        kept = kept >= 0 ? ::fcntl(kept, F_DUPFD_CLOEXEC, kAside) : -1;
+    }
     if (report != ZForkedChild::kReport) {
         ::dup3(report, ZForkedChild::kReport, O_CLOEXEC);
     }
-    if (kept >= 0) {
-        ::dup2(kept, ZForkedChild::kKept);
+    int place = ZForkedChild::kKept;
+    for (const int kept : keep) {
+        if (kept >= 0) {
+            ::dup2(kept, place);
+        } else {
+            ::close(place);
+        }
+        ++place;
     }
-    ::close_range(kept >= 0 ? ZForkedChild::kKept + 1 : ZForkedChild::kReport + 1, ~0U, 0);
+    ::close_range(static_cast<unsigned>(place), ~0U, 0);
 }
 
 }  // namespace
@@ -44,7 +52,7 @@ ZForkedChild::~ZForkedChild() {
     }
 }
 
-ZResult<void> ZForkedChild::Start(const std::string& name, const std::function<void()>& body, int keep) {
+ZResult<void> ZForkedChild::Start(const std::string& name, const std::function<void()>& body, Kept keep) {
     std::array<int, 2> ends{-1, -1};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
         return ZError::OfSystem("pipe", errno);

@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -17,6 +18,8 @@ public:
     /// What the child has of this process's descriptors, beside the standard ones.
     static constexpr int kReport = 3;
     static constexpr int kKept = 4;
+    /// Descriptors that the child keeps, as kKept and the one after it; negative: none.
+    using Kept = std::array<int, 2>;
 
     ZForkedChild() = default;
     ZForkedChild(ZForkedChild&& other) noexcept;
@@ -25,9 +28,9 @@ public:
     ~ZForkedChild();
 
     /// Runs `body` in the child. It reports an error number by writing an int to kReport, and may close it without one;
-    /// `keep`, when there is one, is its kKept. As after any fork of a process with threads, it may call only what is
+    /// it has those of `keep`. As after any fork of a process with threads, it may call only what is
     /// safe in a signal handler. `name` is what errors name.
-    ZResult<void> Start(const std::string& name, const std::function<void()>& body, int keep = -1);
+    ZResult<void> Start(const std::string& name, const std::function<void()>& body, Kept keep = {-1, -1});
 
     /// What the child reported, 0 for nothing; an error when that takes longer than `limit`, or when the calling thread
     /// is to stop, after which the child is ended.

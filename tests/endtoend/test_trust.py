@@ -9,7 +9,8 @@ import unittest
 from pathlib import Path
 
 from installs import ended, jobs
-from simulation import gateway, paths, places, sticks
+from signing import build, new_keys, refusal
+from simulation import gateway, host, paths, places, sticks
 from support import FIXTURES, InstrumentCase, arborctl, both_slots, configure, script_package, stick_package, wait_until
 
 RAN = paths.RUNTIME / "ran"
@@ -39,14 +40,6 @@ exit 1
 """
 
 
-def strangers_keys() -> Path:
-    """The keys of somebody whom nobody trusts."""
-    keys = paths.STATE / "stranger"
-    subprocess.run([sys.executable, "-B", paths.PROJECT / "packages" / "arbor-pkg", "keygen", "--out", keys,
-                    "--name", "Stranger"], check=True, stdout=subprocess.DEVNULL)
-    return keys
-
-
 def package_tools(folder: Path) -> Path:
     """A copy of the package tools, to be changed."""
     shutil.copytree(paths.PROJECT / "packages", folder / "packages")
@@ -60,7 +53,7 @@ def strangers_package(version: str) -> Path:
     stub = tools / "installer/arborinstaller/stub.sh"
     stub.write_text(stub.read_text().replace("#!/bin/sh\n", f"#!/bin/sh\ntouch {RAN}\n", 1))
     (tools / "installer/arborinstaller/__init__.py").write_text(f"open({str(RAN)!r}, 'w').close()\n")
-    package = build(folder / f"arbor-{version}.pkg", version, keys=strangers_keys(), tools=tools)
+    package = build(folder / f"arbor-{version}.pkg", version, keys=new_keys("Stranger"), tools=tools)
     RAN.unlink()  # the tools have run it
     return package
 
@@ -72,21 +65,6 @@ def signed_script(version: str, text: str) -> Path:
     (tools / "installer/arborinstaller/stub.sh").write_text("#!/bin/sh\n" + text)
     (folder / "system.img").write_bytes(b"image")
     return build(folder / f"arbor-{version}.pkg", version, tools=tools, image=folder / "system.img")
-
-
-def build(package: Path, version: str, board: str = "verdin-imx8mm", keys: Path = FIXTURES / "keys",
-          tools: Path = paths.PROJECT / "packages", image: Path | None = None) -> Path:
-    package.parent.mkdir(parents=True, exist_ok=True)
-    subprocess.run([sys.executable, "-B", tools / "arbor-pkg", "build", "--version", version, "--board", board,
-                    "--payload", image or paths.GRAPH, "--key", keys / "key.pem", "--cert", keys / "cert.pem",
-                    "-o", package], check=True, stdout=subprocess.DEVNULL)
-    return package
-
-
-def refusal(name: str) -> str:
-    """Why the file of that name was refused; empty when it was not."""
-    refused = gateway.post("inventory")[1]["refused"]
-    return next((entry["reason"] for entry in refused if Path(entry["file"]).name == name), "")
 
 
 @unittest.skipIf(paths.plain_mode(), "nothing can be mounted here")
@@ -102,7 +80,7 @@ class Trust(InstrumentCase):
         return drive
 
     def test_nothing_of_a_stranger_runs(self) -> None:
-        stranger = strangers_keys()
+        stranger = new_keys("Stranger")
         files = [script_package("unsigned.pkg", STRANGER), script_package("._arbor.pkg", STRANGER),
                  build(paths.STATE / "foreign.pkg", "9.1", keys=stranger),
                  build(paths.STATE / "board.pkg", "9.2", board="apalis-imx8")]
@@ -253,6 +231,28 @@ class Open(InstrumentCase):
         self.assertIn("everybody's packages run", arborctl("status").stdout)
         sticks.attach([script_package("unsigned.pkg", STRANGER)])
         wait_until(lambda: gateway.updates() == ["9.999"], "it is offered")
+
+    def test_what_an_installer_says_is_told_as_its_own_and_never_ends_it(self) -> None:
+        forged = "2026-01-01 00:00:00.000 [2] ZNodeArborInstall forged"
+        said = paths.STATE / "said"
+        sticks.attach([script_package("says.pkg", f"""case $1 in --version) echo 9.1; exit;; --verify) exit;; esac
+            printf '\\033[2J%s\\n' '{forged}'
+            echo 'and complains' >&2
+            while [ ! -e {said}.go ]; do sleep 0.1; done
+            for line in $(seq 300); do echo "line $line" || exit 1; done
+            touch {said}""")])
+        wait_until(lambda: gateway.updates() == ["9.1"], "it is offered")
+        self.assertTrue(gateway.post("updatesystem", {"version": "9.1", "reboot": False})[1]["bSuccess"])
+        wait_until(lambda: "says: and complains" in arborctl("log", "-n", "1000").stdout, "it is told")
+        console = host.said(10000)
+        self.assertIn(f"says: \\x1b[2J{forged}", console)
+        self.assertNotIn(f"\n{forged}", console)
+        self.assertNotIn("\033", console)
+        self.process.kill()
+        self.process.wait()
+        self.process = host.start()
+        Path(f"{said}.go").touch()
+        wait_until(said.exists, "it goes on though nobody takes what it says")
 
 
 if __name__ == "__main__":

@@ -1,0 +1,37 @@
+"""Packages with signatures of the tests' own, and what became of them."""
+
+import subprocess
+import sys
+from pathlib import Path
+
+from simulation import gateway, paths
+from support import FIXTURES
+
+ARBOR_PKG = paths.PROJECT / "packages" / "arbor-pkg"
+
+
+def arbor_pkg(*arguments: object) -> str:
+    """Runs the package tool; what it says."""
+    return subprocess.run([sys.executable, "-B", ARBOR_PKG, *arguments], check=True, capture_output=True, text=True).stdout
+
+
+def new_keys(name: str) -> Path:
+    """The folder of a key and its certificate, which nobody knows yet."""
+    keys = paths.STATE / "keys" / name
+    arbor_pkg("keygen", "--out", keys, "--name", name)
+    return keys
+
+
+def build(package: Path, version: str, board: str = "verdin-imx8mm", keys: Path = FIXTURES / "keys",
+          tools: Path = paths.PROJECT / "packages", image: Path | None = None, options: tuple = ()) -> Path:
+    package.parent.mkdir(parents=True, exist_ok=True)
+    subprocess.run([sys.executable, "-B", tools / "arbor-pkg", "build", "--version", version, "--board", board,
+                    "--payload", image or paths.GRAPH, "--key", keys / "key.pem", "--cert", keys / "cert.pem",
+                    "-o", package, *options], check=True, stdout=subprocess.DEVNULL)
+    return package
+
+
+def refusal(name: str) -> str:
+    """Why the file of that name was refused; empty when it was not."""
+    refused = gateway.post("inventory")[1]["refused"]
+    return next((entry["reason"] for entry in refused if Path(entry["file"]).name == name), "")
