@@ -83,7 +83,7 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file,
     if (!m_systemVersion.m_valid && !Config().m_bAllowDowngrades) {
         return ZError("the installed version is not known, so any package may be an older one");
     }
-    auto opened = PackageTrust::Open(file, limit);
+    auto opened = m_trust.Open(file, limit);
     if (!opened) {
         return opened.error();
     }

@@ -1,13 +1,17 @@
 #include "PackageTrust.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 
 #include "ShellText.h"
+#include "ZShared/ZDeadline.h"
 #include "ZShared/ZFileSnapshot.h"
 #include "ZShared/ZPlatform.h"
 #include "ZShared/ZReplaceFile.h"
+#include "ZShared/ZStopEvent.h"
 
 namespace fs = std::filesystem;
 
@@ -26,6 +30,11 @@ constexpr const char* kMostMemory = "536870912";  // bytes, of each process
 constexpr const char* kMostProcesses = "32";
 constexpr const char* kMostFiles = "64";
 constexpr const char* kScratch = "16777216";  // bytes
+
+// What of a signature beside it; larger ones are none.
+constexpr ZSnapshotSize kSignature{.begin = std::size_t{129} * 1024, .end = 0};
+
+constexpr const char* kOpened = "/proc/self/fd/8";  // by the shell, for what runs
 
 constexpr auto kInvalid = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
 
@@ -141,6 +150,14 @@ ZResult<void> Keep(const std::string& chain, const fs::path& folder) {
     return {};
 }
 
+ZResult<ZFileDescriptor> Duplicate(const ZFileDescriptor& file) {
+    ZFileDescriptor copy(::fcntl(file.Get(), F_DUPFD_CLOEXEC, 0));
+    if (!copy) {
+        return ZError::OfSystem("a descriptor", errno);
+    }
+    return copy;
+}
+
 }  // namespace
 
 ZResult<ZTrustedSigners> PackageTrust::Signers() const {
@@ -171,16 +188,50 @@ bool PackageTrust::IsNewer(const ZTrustChain& chain) const {
     return signers && signers->Document() != nullptr && chain.Last().number > signers->Document()->number;
 }
 
-ZResult<PackageTrust::Opened> PackageTrust::Open(const fs::path& path, std::chrono::milliseconds limit) {
+ZResult<PackageTrust::Opened> PackageTrust::Open(const fs::path& path, std::chrono::milliseconds limit) const {
+    const auto deadline = ZClock::now() + limit;
     auto file = SnapshotFile(path.string(), kRead, limit);
     if (!file) {
         return file.error();
     }
     auto package = ZPackage::ReadSecondFormat(file->copy.Get());
-    if (!package) {
+    if (package) {
+        return Opened{std::move(*package), std::move(*file), {}};
+    }
+    if (package.error().code != ZVerdictCode::NotPackage) {
         return ZError(package.error().sentence, kInvalid);
     }
-    return Opened{std::move(*package), std::move(*file)};
+    return OpenWhole(path, std::move(*file), std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now()));
+}
+
+ZResult<PackageTrust::Opened> PackageTrust::OpenWhole(const fs::path& path, ZFileSnapshot file,
+                                                      std::chrono::milliseconds limit) const {
+    const auto deadline = ZClock::now() + limit;
+    const bool isFirstFormat = ZPackage::FormatOf(file.copy.Get()) == 1;
+    const auto signature = SnapshotFile(path.string() + ".sig", kSignature, limit);
+    if (!isFirstFormat && !signature) {
+        return ZError(ZPackage::ReadSecondFormat(file.copy.Get()).error().sentence, kInvalid);
+    }
+    if (m_policy.state.empty()) {
+        return ZError(
+            "all of it would have to be copied before it runs, and there is no place for that: TrustState is "
+            "not set");
+    }
+    std::error_code error;
+    fs::create_directories(m_policy.state, error);
+    auto whole = CopyWhole(file, m_policy.state.string(), limit);
+    if (!whole) {
+        return whole.error();
+    }
+    const ZStopEvent* const stop = ZStopEvent::OfThisThread();
+    const auto isStopped = [&] { return ZClock::now() >= deadline || (stop != nullptr && stop->IsSet()); };
+    auto package = isFirstFormat ? ZPackage::Read(whole->Get(), isStopped)
+                                 : ZPackage::ReadDetached(whole->Get(), signature->copy.Get(), isStopped);
+    if (!package) {
+        const bool isKnown = package.error().code != ZVerdictCode::Unreadable;
+        return isKnown ? ZError(package.error().sentence, kInvalid) : ZError(package.error().sentence);
+    }
+    return Opened{std::move(*package), std::move(file), std::move(*whole)};
 }
 
 ZResult<PackageTrust::Approved> PackageTrust::Approve(Opened opened, const std::string& board) const {
@@ -195,27 +246,31 @@ ZResult<PackageTrust::Approved> PackageTrust::Approve(Opened opened, const std::
     if (const ZVerdict verdict = signers->Judge(opened.package, question); !verdict.IsGood()) {
         return ZError(verdict.sentence, kInvalid);
     }
-    auto head = SealedFile(opened.package.head);
-    if (!head) {
-        return head.error();
+    // The copy is open twice then: it says of the approved one that all of it is there.
+    auto program = opened.whole ? Duplicate(opened.whole) : SealedFile(opened.package.head);
+    if (!program) {
+        return program.error();
     }
-    return Approved{std::move(opened), std::move(*head)};
+    return Approved{std::move(opened), std::move(*program)};
 }
 
 std::string PackageTrust::Command(const fs::path& file, const std::string& arguments, const Approved& package,
                                   std::chrono::seconds limit) const {
-    // The shell opens both before anything is confined: the file that was read, and the copy of its head.
-    const std::string head = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(package.head.Get());
-    const std::string opened = " 8<" + ShellQuoted(head) + " 9<" + ShellQuoted(package.file.Path());
-    Texts variables{"ARBOR_PACKAGE_FD=9", "ARBOR_TRUST=" + m_policy.signers.string(),
-                    "ARBOR_TRUST_STATE=" + m_policy.state.string()};
+    // The shell opens both before anything is confined: what runs, and what it reads.
+    const std::string program = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(package.program.Get());
+    std::string opened = " 8<" + ShellQuoted(program);
+    Texts variables{"ARBOR_TRUST=" + m_policy.signers.string(), "ARBOR_TRUST_STATE=" + m_policy.state.string()};
     if (m_policy.acceptsDevelopment) {
         variables.emplace_back("ARBOR_ACCEPT_DEVELOPMENT=1");
+    }
+    if (const std::string source = package.Source(); !source.empty()) {
+        variables.emplace_back("ARBOR_PACKAGE_FD=9");
+        opened += " 9<" + ShellQuoted(source);
     }
     if (!m_isConfined) {
         Texts words{"exec", "env"};
         words.insert(words.end(), variables.begin(), variables.end());
-        words.emplace_back("/proc/self/fd/8");
+        words.emplace_back(kOpened);
         return CommandLine(words) + arguments + opened;
     }
     Texts words = EmptySystem();
@@ -225,11 +280,14 @@ std::string PackageTrust::Command(const fs::path& file, const std::string& argum
         const std::size_t equals = variable.find('=');
         Append(words, {"--setenv", variable.substr(0, equals).c_str(), variable.c_str() + equals + 1});
     }
-    Append(words, {"--perms", "0555", "--ro-bind-data", "8", file.c_str()});
+    // A head is put in the package's place. All of a package may be too large for that: it runs from where it is.
+    if (!package.whole) {
+        Append(words, {"--perms", "0555", "--ro-bind-data", "8", file.c_str()});
+    }
     const Texts limits = Limits(limit);
     words.insert(words.end(), limits.begin(), limits.end());
     Append(words, {"/bin/sh", "-c"});
-    words.push_back(ShellQuoted(file.string()) + arguments);
+    words.push_back((package.whole ? kOpened : ShellQuoted(file.string())) + arguments);
     return "exec " + CommandLine(words) + opened;
 }
 

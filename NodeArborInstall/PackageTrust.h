@@ -39,14 +39,19 @@ public:
     struct Opened {
         ZPackage package;
         ZFileSnapshot file;
+        /// A copy of all of it, of a package whose signature covers all: one of format 1, or one with its signature in
+        /// a file beside it.
+        ZFileDescriptor whole;
     };
     /// One that may run.
     struct Approved : Opened {
-        ZFileDescriptor head;  ///< what runs, sealed
+        ZFileDescriptor program;  ///< what runs, and nobody else can change: the package's head, or all of it
+        /// What the program reads the package from; empty when it has all of it.
+        std::string Source() const { return whole ? std::string() : file.Path(); }
     };
     /// Reads the file, which may be exchanged at any moment, within `limit`. An error has the code of an invalid
     /// package when what was read is none, and no code when it could not be read.
-    static ZResult<Opened> Open(const std::filesystem::path& file, std::chrono::milliseconds limit);
+    ZResult<Opened> Open(const std::filesystem::path& file, std::chrono::milliseconds limit) const;
     /// Judges what was read. The error says why it may not run on `board`, which has to be known; its code is as
     /// Open's.
     ZResult<Approved> Approve(Opened opened, const std::string& board) const;
@@ -64,6 +69,9 @@ public:
     ZResult<void> CanConfine() const;
 
 private:
+    ZResult<Opened> OpenWhole(const std::filesystem::path& file, ZFileSnapshot snapshot,
+                              std::chrono::milliseconds limit) const;
+
     Policy m_policy;
     std::unique_ptr<std::mutex> m_following = std::make_unique<std::mutex>();
     bool m_isConfined = true;

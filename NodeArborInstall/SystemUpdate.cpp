@@ -115,11 +115,11 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     // Logged run together, as tools that read these logs expect it.
     const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
     Z_LOG(2, "Software update command %s", command);
-    const ZSealedProgram sealed{approved->head.Get(), approved->file.Path()};
+    const ZSealedProgram sealed{approved->program.Get(), approved->Source()};
     // Making the relay ready may have taken longer than its asker waits.
     const auto started = ZResponseSource(request).IsAbandoned()
                              ? ZResult<void>(ZError("whoever asked for it has gone"))
-                             : RunInstaller(arguments, life, approved->head ? &sealed : nullptr);
+                             : RunInstaller(arguments, life, approved->program ? &sealed : nullptr);
     m_bUpdateInProgress = started.has_value();
     Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
     answer.m_bSuccess = started.has_value();
@@ -137,7 +137,7 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::PackageToInstall(const fs::pa
     if (!m_trust.IsOn()) {
         return PackageTrust::Approved();
     }
-    auto approved = Approve(package, kReadPatience);
+    auto approved = Approve(package, kCopyPatience);
     const ZSoftwareVersion found(approved ? ToZString(approved->package.version) : ZString());
     if (approved && ToZString(approved->package.version) == version && IsVersionAllowed(found, package)) {
         return approved;

@@ -35,7 +35,7 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
 /// With `sealed`, that program runs in the file's place, whatever becomes of the file.
 struct ZSealedProgram {
     int program = -1;  ///< a descriptor of the bytes that run, which nobody can change
-    std::string file;  ///< what the program finds open, as the descriptor that ARBOR_PACKAGE_FD names
+    std::string file;  ///< what the program finds open, as the descriptor that ARBOR_PACKAGE_FD names; empty: nothing
 };
 ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const std::vector<std::string>& further = {},
                              std::chrono::milliseconds limit = std::chrono::seconds(10),

@@ -102,7 +102,8 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
     }
     std::vector<std::string> variables = ProgramEnvironment();
     variables.insert(variables.end(), further.begin(), further.end());
-    if (sealed != nullptr) {
+    const bool hasFile = sealed != nullptr && !sealed->file.empty();
+    if (hasFile) {
         variables.push_back("ARBOR_PACKAGE_FD=" + std::to_string(kPackage));
     }
     const auto argv = Pointers(arguments);
@@ -111,8 +112,8 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
     const auto run = [&] {
         Detach();
         ZProgramOutput::HandOver(door >= 0 ? kDoor : -1, argv[0]);
-        const int file = sealed != nullptr ? ::open(sealed->file.c_str(), O_RDONLY) : -1;
-        if (sealed == nullptr || file == kPackage) {
+        const int file = hasFile ? ::open(sealed->file.c_str(), O_RDONLY) : -1;
+        if (!hasFile || file == kPackage) {
             ::execve(sealed != nullptr ? kProgram : argv[0], argv.data(), envp.data());
         }
         Report(file >= 0 ? EBADF : errno);

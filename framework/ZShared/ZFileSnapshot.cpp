@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,8 @@
 
 namespace {
 
+// Whoever else writes there must not be kept from it by a copy.
+constexpr std::uint64_t kLeftFree = std::uint64_t{64} << 20U;
 constexpr int kAllSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
 
 /// Copies the bytes from `begin` to `end`; 0 or an errno. Safe after fork, as what calls it.
@@ -32,6 +35,8 @@ int CopyBytes(int from, int to, off_t begin, off_t end) {
     }
     return 0;
 }
+
+constexpr int kDone = -1;  // reported; nothing reported means that the child has died
 
 constexpr int kFile = ZForkedChild::kKept + 1;  // the next that is free in the child
 
@@ -76,6 +81,26 @@ ZResult<ZFileDescriptor> MemoryFile() {
     return file;
 }
 
+/// Room for `size` bytes, without a name.
+ZResult<ZFileDescriptor> FileWithoutName(const std::string& folder, off_t size) {
+    struct statvfs space {};
+    if (::statvfs(folder.c_str(), &space) != 0) {
+        return ZError::OfSystem(folder, errno);
+    }
+    if (space.f_bavail * space.f_frsize < static_cast<std::uint64_t>(size) + kLeftFree) {
+        return ZError::OfSystem(folder, ENOSPC);
+    }
+    ZFileDescriptor file(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0700));
+    if (!file || ::fchmod(file.Get(), 0555) != 0) {
+        return ZError::OfSystem(folder, errno);
+    }
+    // So that several at once don't take the same room; where that is not known it shows when they write.
+    if (::fallocate(file.Get(), 0, 0, size) != 0 && errno != EOPNOTSUPP) {
+        return ZError::OfSystem(folder, errno);
+    }
+    return file;
+}
+
 ZError Refused(const std::string& path, int error) {
     switch (error) {
         case ELOOP:
@@ -94,7 +119,6 @@ std::string ZFileSnapshot::Path() const {
 }
 
 ZResult<ZFileSnapshot> SnapshotFile(const std::string& path, ZSnapshotSize size, std::chrono::milliseconds limit) {
-    constexpr int kDone = -1;  // nothing reported means that the child has died
     auto copy = MemoryFile();
     if (!copy) {
         return copy.error();
@@ -127,6 +151,44 @@ ZResult<ZFileSnapshot> SnapshotFile(const std::string& path, ZSnapshotSize size,
         return ZError::OfSystem(path, errno);
     }
     return ZFileSnapshot{std::move(*copy), std::move(child)};
+}
+
+ZResult<ZFileDescriptor> CopyWhole(const ZFileSnapshot& file, const std::string& folder,
+                                   std::chrono::milliseconds limit) {
+    struct stat status {};
+    if (::fstat(file.copy.Get(), &status) != 0) {
+        return ZError::OfSystem(folder, errno);
+    }
+    const auto copy = FileWithoutName(folder, status.st_size);
+    if (!copy) {
+        return copy.error();
+    }
+    const std::string path = file.Path();
+    const auto body = [&] {
+        const int from = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        const int error = from < 0 ? errno : CopyBytes(from, ZForkedChild::kKept, 0, status.st_size);
+        const int report = error == 0 ? kDone : error;
+        static_cast<void>(::write(ZForkedChild::kReport, &report, sizeof report));
+        ::_exit(0);
+    };
+    ZForkedChild child;
+    if (const auto started = child.Start("the copy in " + folder, body, {copy->Get(), -1}); !started) {
+        return started.error();
+    }
+    const auto reported = child.Report(limit);
+    if (!reported) {
+        return reported.error();
+    }
+    child.Reap();
+    if (*reported != kDone) {
+        return ZError::OfSystem("the copy in " + folder, *reported == 0 ? EIO : *reported);
+    }
+    // What is open for writing can't be executed.
+    ZFileDescriptor reader(::open(("/proc/self/fd/" + std::to_string(copy->Get())).c_str(), O_RDONLY | O_CLOEXEC));
+    if (!reader) {
+        return ZError::OfSystem("the copy in " + folder, errno);
+    }
+    return reader;
 }
 
 ZResult<ZFileDescriptor> SealedFile(std::string_view bytes) {

@@ -28,5 +28,10 @@ struct ZFileSnapshot {
 /// of `path` is not followed where it is a link. An error when the file is none that holds bytes.
 ZResult<ZFileSnapshot> SnapshotFile(const std::string& path, ZSnapshotSize size, std::chrono::milliseconds limit);
 
+/// Copies the whole file to a file in `folder` that has no name, and so is nobody else's and gone with the descriptor,
+/// within `limit`. The copy may be read and executed. An error also when that would leave `folder` short of room.
+ZResult<ZFileDescriptor> CopyWhole(const ZFileSnapshot& file, const std::string& folder,
+                                   std::chrono::milliseconds limit);
+
 /// A file in memory that holds `bytes` and that nobody can change any more.
 ZResult<ZFileDescriptor> SealedFile(std::string_view bytes);

@@ -137,6 +137,12 @@ ZPackage::Result<ZPackage> ZPackage::Read(int file, const StopQuestion& isStoppe
                                 : ReadTrailer(std::move(*package), file, *size);
 }
 
+int ZPackage::FormatOf(int file) {
+    const auto size = SizeOf(file);
+    const auto package = size ? ReadHead(file, *size) : size.error();
+    return package ? package->format : 0;
+}
+
 ZPackage::Result<ZPackage> ZPackage::ReadSecondFormat(int file) {
     const auto size = SizeOf(file);
     if (!size) {

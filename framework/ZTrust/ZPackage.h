@@ -47,6 +47,8 @@ struct ZPackage {
     /// format 1 is read as a whole, since its signature covers all of it; `isStopped` may end that. An error has one of
     /// the codes Unreadable, NotPackage and Damaged.
     static Result<ZPackage> Read(int file, const StopQuestion& isStopped = {});
+    /// The format of the package in the open file; 0 when that is none. Reads its head at most.
+    static int FormatOf(int file);
     /// As Read, for format 2 alone: quick, and sure to be, since nothing that the package says makes it read more.
     static Result<ZPackage> ReadSecondFormat(int file);
     /// As Read, for a file beside which there is a detached signature, open as `signature`. Reads all of the file.

@@ -1,5 +1,6 @@
 """Packages with signatures of the tests' own, and what became of them."""
 
+import os
 import subprocess
 import sys
 from pathlib import Path
@@ -35,3 +36,11 @@ def refusal(name: str) -> str:
     """Why the file of that name was refused; empty when it was not."""
     refused = gateway.post("inventory")[1]["refused"]
     return next((entry["reason"] for entry in refused if Path(entry["file"]).name == name), "")
+
+
+def in_first_format(package: Path, target: Path) -> Path:
+    """The package as it was built before format 2."""
+    tests = paths.PROJECT / "tests" / "packages"
+    subprocess.run([sys.executable, "-B", "-c", "import sys, support, forge; forge.rewritten(*sys.argv[1:])", package, target,
+                    FIXTURES / "keys"], check=True, cwd=tests, env={**os.environ, "PYTHONPATH": str(tests)})
+    return target

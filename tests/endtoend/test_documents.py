@@ -8,10 +8,10 @@ from pathlib import Path
 from installs import jobs
 from signing import arbor_pkg, build, new_keys, refusal
 from simulation import gateway, host, paths, sticks
-from support import FIXTURES, InstrumentCase, arborctl, configure, installed, stick_package, wait_until
+from support import FIXTURES, InstrumentCase, arborctl, installed, stick_package, wait_until
 
 NAME = "arbor-trust.json"
-KEPT = paths.STATE / "trust"
+KEPT = paths.TRUST_STATE
 
 
 class Documents(InstrumentCase):
@@ -33,7 +33,6 @@ class Documents(InstrumentCase):
         self.trust("threshold", "trust=2")
         self.sign("alice", "bob")
         shutil.copy(self.file, paths.TRUST / NAME)
-        configure("ArborInstall", TrustState=str(KEPT))
         self.restart()
         self.assertEqual(1, self.in_force())
 

@@ -9,7 +9,7 @@ import unittest
 from pathlib import Path
 
 from installs import ended, jobs
-from signing import build, new_keys, refusal
+from signing import arbor_pkg, build, in_first_format, new_keys, refusal
 from simulation import gateway, host, paths, places, sticks
 from support import FIXTURES, InstrumentCase, arborctl, both_slots, configure, script_package, stick_package, wait_until
 
@@ -104,6 +104,28 @@ class Trust(InstrumentCase):
         wait_until(lambda: gateway.updates() == ["3.046"], "it is offered")
         self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
         self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), both_slots())
+
+    def test_packages_whose_signature_covers_all_run_from_a_copy(self) -> None:
+        own = script_package("own.pkg", f"""case $1 in --version) echo 3.047;; --verify) grep -q mine "$0";;
+            *) grep -q mine "$0" && touch {RAN};; esac; exit $?\n# mine""", 0o644)
+        sign = ("--board", "verdin-imx8mm", "--key", FIXTURES / "keys/key.pem", "--cert", FIXTURES / "keys/cert.pem")
+        arbor_pkg("sign", own, "--version", "3.047", *sign)
+        changed = Path(shutil.copy(own, paths.STATE / "changed.pkg"))
+        changed.write_text(changed.read_text().replace("3.047", "3.048"))
+        shutil.copy(f"{own}.sig", f"{changed}.sig")
+        first = in_first_format(stick_package("3.046"), paths.STATE / "first.pkg")
+        drive = self.insert(own, Path(f"{own}.sig"), changed, Path(f"{changed}.sig"), first)
+        self.assertEqual(["3.047", "3.046"], gateway.updates())
+        self.assertIn("not the file that was signed", refusal("changed.pkg"))
+        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), both_slots())
+        done = arborctl("install", "3.047", "--no-reboot", "--wait")
+        self.assertTrue(RAN.exists(), done.stdout)
+        RAN.unlink()
+        shutil.copy(script_package("x.pkg", STRANGER), drive / "own.pkg")
+        self.assertNotEqual(0, arborctl("install", "3.047", "--no-reboot", "--wait").returncode)
+        self.assertFalse(RAN.exists())
+        self.assertEqual([], os.listdir(paths.TRUST_STATE))
 
     def test_package_that_was_exchanged_after_its_check_is_not_installed(self) -> None:
         wrong_board = build(paths.STATE / "other-board.pkg", "3.046", board="apalis-imx8")

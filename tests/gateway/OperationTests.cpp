@@ -182,7 +182,7 @@ TEST_F(GatewayJobs, TellsTheStateWithoutQuestionsThatLeaveLogLines) {
           R"("updates":[{"version":"3.046","source":"/media/usb1","size":7,"relation":"newer","board":"b",)"
           R"("file":"/media/usb1/a.pkg"},{"version":"3.043","source":null,"size":null,"relation":"older",)",
           R"("reason":"it is damaged","errorCode":"ERRCODE_NONE","checkedAt":5)", R"("archive":[{"version":"3.044",)",
-          R"("updatesFree":1000,"archiveFree":null,"trustedSigners":"","trustProblem":null)",
+          R"("updatesFree":1000,"archiveFree":null,"trustedSigners":"","trustDocument":0,"trustProblem":null)",
           R"("operations":[{"className":"ZOperationMsg",)"}) {
         EXPECT_THAT(status, HasSubstr(part));
     }

@@ -74,7 +74,7 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
                                       R"("device":null,"updates":null,"progress":null,"drives":null,"operations":null,)"
                                       R"("runningSlot":null,"nextSlot":null,"nextVersion":null,"archive":null,)"
                                       R"("refused":null,"updatesFree":null,"archiveFree":null,"trustedSigners":null,)"
-                                      R"("trustProblem":null,"developerMode":false})");
+                                      R"("trustDocument":null,"trustProblem":null,"developerMode":false})");
     const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {
         probe->Listen(type, keyword, [=](const auto&) { return Made(className, json); });
     };

@@ -97,6 +97,8 @@ TEST(MessageMap, EndsAtTheFirstSubscriptionThatFails) {
                                        "3:getUpdateInProgress",
                                        "3:inventory",
                                        "1:forget",
+                                       "3:trust",
+                                       "1:applytrust",
                                        "3:cancel"};
     EXPECT_EQ(tryWith("", true), all);
     EXPECT_EQ(tryWith("compareversions", false), std::vector(all.begin(), all.begin() + 4));

@@ -80,4 +80,5 @@ def graph(device: Device) -> dict:
 
 def _installer_record() -> dict:
     return {"ArchiveDevice": paths.ARCHIVE_DEVICE, "ArchiveDir": "Packages", "SystemInfoFilePath": str(paths.MANIFEST),
-            "TrustedSigners": str(paths.TRUST), "UnconfinedChecks": True, "AllowDowngrades": False, "ProgressPort": 5600, "ProgressPath": "progress", "DryRun": False}
+            "TrustedSigners": str(paths.TRUST), "TrustState": str(paths.TRUST_STATE), "UnconfinedChecks": True,
+            "AllowDowngrades": False, "ProgressPort": 5600, "ProgressPath": "progress", "DryRun": False}
