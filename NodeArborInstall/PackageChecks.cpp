@@ -74,9 +74,10 @@ struct ZNodeArborInstall::PackageCheck {
 
 bool ZNodeArborInstall::RunCheck(const PackageCheck& check, const std::string& arguments, std::string& output) {
     const auto limit = std::chrono::seconds(Config().m_CheckTimeoutSeconds);
-    return ZPlatform::ExecuteCommand(check.approved ? m_trust.Command(check.file, arguments, *check.approved, limit)
-                                                    : ShellEscape(check.file.string()) + arguments,
-                                     output, check.Left());
+    const std::string plain = ShellEscape(check.file.string()) + arguments;
+    return ZPlatform::ExecuteCommand(
+        check.approved ? m_trust.Command(check.file, arguments, *check.approved, limit) : plain, output, check.Left(),
+        plain);
 }
 
 ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file, std::chrono::milliseconds limit) {

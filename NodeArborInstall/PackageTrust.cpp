@@ -17,8 +17,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What of a package is read before it runs: what the format allows for its head and its trailer.
+// What of a package is read before it runs: what the format allows for its head and its trailer. Nearly all are content
+// with less.
 constexpr ZSnapshotSize kRead{.begin = std::size_t{4'300'000}, .end = std::size_t{64} * 1024};
+constexpr ZSnapshotSize kUsuallyRead{.begin = std::size_t{192} * 1024, .end = std::size_t{64} * 1024};
 
 // Users that own nothing on the system. Checks at the same time have different ones: the limit on processes is a
 // user's.
@@ -190,18 +192,26 @@ bool PackageTrust::IsNewer(const ZTrustChain& chain) const {
 
 ZResult<PackageTrust::Opened> PackageTrust::Open(const fs::path& path, std::chrono::milliseconds limit) const {
     const auto deadline = ZClock::now() + limit;
-    auto file = SnapshotFile(path.string(), kRead, limit);
+    const auto left = [&] { return std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now()); };
+    auto file = SnapshotFile(path.string(), kUsuallyRead, limit);
     if (!file) {
         return file.error();
     }
     auto package = ZPackage::ReadSecondFormat(file->copy.Get());
+    if (!package) {  // perhaps for want of what was not read
+        file = SnapshotFile(path.string(), kRead, left());
+        if (!file) {
+            return file.error();
+        }
+        package = ZPackage::ReadSecondFormat(file->copy.Get());
+    }
     if (package) {
         return Opened{std::move(*package), std::move(*file), {}};
     }
     if (package.error().code != ZVerdictCode::NotPackage) {
         return ZError(package.error().sentence, kInvalid);
     }
-    return OpenWhole(path, std::move(*file), std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now()));
+    return OpenWhole(path, std::move(*file), left());
 }
 
 ZResult<PackageTrust::Opened> PackageTrust::OpenWhole(const fs::path& path, ZFileSnapshot file,

@@ -146,10 +146,10 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::PackageToInstall(const fs::pa
                                : ToZString(approved->package.version) != version ? "it is another version by now"
                                                                                  : "it is older than what is installed";
     const ZString path = ToZString(package.string());
-    Z_LOG(4, "Verification failed on %s: %s", path, reason);
     if (!approved && approved.error().code == ZFrameworkErrorCodes::ERRCODE_NONE) {
         return approved;  // nothing was found out about it: its drive may be slow
     }
+    Z_LOG(4, "Verification failed on %s: %s", path, reason);
     ForgetFile(package);
     KeepRefused(version, path, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, ToZString(reason));
     auto results = Z_MAKE(ZMessageArray);

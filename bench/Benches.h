@@ -15,6 +15,7 @@ void AddTransfer(Report& report);
 void AddHost(Report& report);
 void AddEvents(Report& report);
 void AddJournal(Report& report);
+void AddTrust(Report& report);
 
 /// Work counts as linear when an item's time grows with their number at most this much more than its limit's does:
 /// caches and the tables' depth make large sets a little dearer.

@@ -36,8 +36,8 @@ int Run(int argc, char** argv) {
         return 2;
     }
     Report report;
-    for (const auto add :
-         {AddScan, AddInventory, AddRelay, AddBus, AddJson, AddLink, AddTransfer, AddHost, AddEvents, AddJournal}) {
+    for (const auto add : {AddScan, AddInventory, AddRelay, AddBus, AddJson, AddLink, AddTransfer, AddHost, AddEvents,
+                           AddJournal, AddTrust}) {
         add(report);
     }
     benchmark::RunSpecifiedBenchmarks(&report);

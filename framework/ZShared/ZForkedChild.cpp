@@ -46,6 +46,14 @@ void KeepDescriptors(int report, ZForkedChild::Kept keep) {
 ZForkedChild::ZForkedChild(ZForkedChild&& other) noexcept
     : m_id(other.Release()), m_name(std::move(other.m_name)), m_report(std::move(other.m_report)) {}
 
+ZForkedChild& ZForkedChild::operator=(ZForkedChild&& other) noexcept {
+    ZForkedChild taken(std::move(other));
+    std::swap(m_id, taken.m_id);
+    std::swap(m_name, taken.m_name);
+    std::swap(m_report, taken.m_report);
+    return *this;
+}
+
 ZForkedChild::~ZForkedChild() {
     if (m_id > 0) {
         End();

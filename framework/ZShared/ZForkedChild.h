@@ -23,7 +23,8 @@ public:
 
     ZForkedChild() = default;
     ZForkedChild(ZForkedChild&& other) noexcept;
-    ZForkedChild& operator=(ZForkedChild&&) = delete;
+    /// Ends the one that this was.
+    ZForkedChild& operator=(ZForkedChild&& other) noexcept;
     /// Ends one that was left to live.
     ~ZForkedChild();
 

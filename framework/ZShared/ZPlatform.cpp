@@ -90,19 +90,19 @@ private:
     std::string m_line;
 };
 
-void LogComplaint(const std::string& commandLine, const std::string& complaint) {
-    Z_LOG(3, "A command complains: %s: %s", commandLine, complaint);
+void LogComplaint(const std::string& command, const std::string& complaint) {
+    Z_LOG(3, "A command complains: %s: %s", command, complaint);
 }
 
-/// Runs the command with its complaints in the log: there a text from outside is seen for what it is, and a flood of it
-/// is bounded.
-ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& onOutput,
+/// Runs the command with its complaints in the log, as those of `name`: there a text from outside is seen for what it
+/// is, and a flood of it is bounded.
+ZCommandResult RunLogged(const std::string& commandLine, const std::string& name, const ZOutputCallback& onOutput,
                          std::chrono::milliseconds limit) {
     constexpr std::size_t kMostComplaints = 20;
     std::size_t count = 0;
     const ZPlatform::LineCallback log = [&](const std::string& line) {
         if (++count <= kMostComplaints) {
-            LogComplaint(commandLine, line);
+            LogComplaint(name, line);
         }
     };
     LineSplitter complaints(log);
@@ -111,7 +111,7 @@ ZCommandResult RunLogged(const std::string& commandLine, const ZOutputCallback& 
     complaints.Finish();
     if (count > kMostComplaints) {
         Z_LOG(3, "Complaints beyond 20 were dropped: %s",
-              std::to_string(count - kMostComplaints) + " lines of " + commandLine);
+              std::to_string(count - kMostComplaints) + " lines of " + name);
     }
     return result;
 }
@@ -126,7 +126,9 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
     return ExecuteCommand(commandLine, output, Settings()->commandTimeout);
 }
 
-bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& output, std::chrono::milliseconds limit) {
+bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& output, std::chrono::milliseconds limit,
+                               const std::string& called) {
+    const std::string& name = called.empty() ? commandLine : called;
     constexpr std::size_t kMostOutput = std::size_t{1024} * 1024;
     try {
         output.clear();
@@ -136,9 +138,9 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
             output.append(data.substr(0, kept));
             dropped += data.size() - kept;
         };
-        const ZCommandResult result = RunLogged(commandLine, keep, std::min(limit, Settings()->commandTimeout));
+        const ZCommandResult result = RunLogged(commandLine, name, keep, std::min(limit, Settings()->commandTimeout));
         if (dropped > 0) {
-            Z_LOG(3, "Output beyond 1 MiB was dropped: %s", std::to_string(dropped) + " bytes of " + commandLine);
+            Z_LOG(3, "Output beyond 1 MiB was dropped: %s", std::to_string(dropped) + " bytes of " + name);
         }
         while (!output.empty() && output.back() == '\n') {
             output.pop_back();
@@ -157,7 +159,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallbac
     try {
         LineSplitter lines(onLine);
         const ZCommandResult result = RunLogged(
-            commandLine, [&lines](std::string_view data) { lines.Add(data); }, Settings()->commandTimeout);
+            commandLine, commandLine, [&lines](std::string_view data) { lines.Add(data); }, Settings()->commandTimeout);
         lines.Finish();
         if (!Succeeded(result)) {
             Z_LOG(3, "The command failed: %s", EndOfCommand(result));

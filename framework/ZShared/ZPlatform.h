@@ -51,8 +51,10 @@ public:
     /// a line too, and stays in it; empty lines are left out. `onDone` receives the outcome as text. Either may be
     /// empty.
     static bool ExecuteCommand(const std::string& commandLine, const LineCallback& onLine, const DoneCallback& onDone);
-    /// As the first, with a limit of its own, when that is below the platform's.
-    static bool ExecuteCommand(const std::string& commandLine, std::string& output, std::chrono::milliseconds limit);
+    /// As the first, with a limit of its own, when that is below the platform's. `name` is what its complaints are
+    /// logged of; empty: the command line.
+    static bool ExecuteCommand(const std::string& commandLine, std::string& output, std::chrono::milliseconds limit,
+                               const std::string& name = {});
     /// Starts a program, without a shell, in a session of its own, and returns whether it started. It outlives this
     /// process; its exit is logged later.
     static bool ExecuteCommand(const std::vector<std::string>& arguments);
