@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "ShellText.h"
@@ -22,17 +21,6 @@ namespace {
 constexpr ZSnapshotSize kRead{.begin = std::size_t{4'300'000}, .end = std::size_t{64} * 1024};
 constexpr ZSnapshotSize kUsuallyRead{.begin = std::size_t{192} * 1024, .end = std::size_t{64} * 1024};
 
-// Users that own nothing on the system. Checks at the same time have different ones: the limit on processes is a
-// user's.
-constexpr unsigned kFirstNobody = 65'520;  // behind those that service managers give away
-constexpr unsigned kNobodies = 14;
-
-// Far more than any package needs to answer.
-constexpr const char* kMostMemory = "536870912";  // bytes, of each process
-constexpr const char* kMostProcesses = "32";
-constexpr const char* kMostFiles = "64";
-constexpr const char* kScratch = "16777216";  // bytes
-
 // What of a signature beside it; larger ones are none.
 constexpr ZSnapshotSize kSignature{.begin = std::size_t{129} * 1024, .end = 0};
 
@@ -40,99 +28,10 @@ constexpr const char* kOpened = "/proc/self/fd/8";  // by the shell, for what ru
 
 constexpr auto kInvalid = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
 
+constexpr auto kTryLimit = std::chrono::seconds(10);
 // Whether all certificates in the folder can be read.
 constexpr const char* kCanRead =
     R"(ls "$0" > /dev/null && for file in "$0"/*.pem "$0"/*.crt; do [ ! -e "$file" ] || cat "$file" > /dev/null || exit 1; done)";
-
-using Texts = std::vector<std::string>;
-
-void Append(Texts& texts, std::initializer_list<const char*> further) {
-    texts.insert(texts.end(), further.begin(), further.end());
-}
-
-/// Folders that anybody may look into, down to where `file` will be.
-void AppendFolders(Texts& texts, const fs::path& file) {
-    fs::path folder;
-    for (const fs::path& part : file.parent_path()) {
-        folder /= part;
-        if (folder != folder.root_path()) {
-            Append(texts, {"--perms", "0755", "--dir", folder.c_str()});
-        }
-    }
-}
-
-/// An empty system with the programs and libraries of this one.
-Texts EmptySystem() {
-    Texts words{"bwrap",
-                "--unshare-ipc",
-                "--unshare-net",
-                "--unshare-pid",
-                "--unshare-uts",
-                "--unshare-cgroup-try",
-                "--die-with-parent",
-                "--new-session",
-                "--clearenv",
-                "--cap-drop",
-                "ALL"};
-    if (::geteuid() == 0) {  // to become nobody, and no longer
-        Append(words, {"--cap-add", "CAP_SETUID", "--cap-add", "CAP_SETGID", "--cap-add", "CAP_SETPCAP"});
-    } else {
-        Append(words, {"--unshare-user", "--disable-userns"});
-    }
-    AppendFolders(words, "/etc/any");
-    for (const char* const folder : {"/usr", "/bin", "/sbin", "/lib", "/lib32", "/lib64", "/etc/alternatives",
-                                     "/etc/ld.so.cache", "/etc/ld.so.conf", "/etc/ld.so.conf.d", "/etc/localtime"}) {
-        Append(words, {"--ro-bind-try", folder, folder});
-    }
-    Append(words, {"--proc",   "/proc",   "--dev",
-                   "/dev",     "--size",  kScratch,
-                   "--perms",  "1777",    "--tmpfs",
-                   "/dev/shm", "--size",  kScratch,
-                   "--perms",  "1777",    "--tmpfs",
-                   "/tmp",     "--chdir", "/tmp",
-                   "--setenv", "PATH",    "/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
-                   "--setenv", "LANG",    "C.UTF-8"});
-    return words;
-}
-
-/// What says who is trusted: a package looks at it, too.
-void AppendPolicy(Texts& words, const PackageTrust::Policy& policy) {
-    AppendFolders(words, policy.signers / "any");
-    Append(words, {"--ro-bind", policy.signers.c_str(), policy.signers.c_str()});
-    if (!policy.state.empty()) {
-        AppendFolders(words, policy.state / "any");
-        Append(words, {"--ro-bind-try", policy.state.c_str(), policy.state.c_str()});
-    }
-}
-
-/// What goes before the command, in the empty system.
-Texts Limits(std::chrono::seconds limit) {
-    Texts words{"--remount-ro", "/dev", "--remount-ro", "/", "--"};
-    const std::string time = "--cpu=" + std::to_string(limit.count() + 1);
-    Append(words, {"choom", "-n", "1000", "--", "prlimit", "--core=0", time.c_str()});
-    for (const auto& [option, value] : {std::pair{"--as=", kMostMemory},
-                                        {"--nproc=", kMostProcesses},
-                                        {"--nofile=", kMostFiles},
-                                        {"--fsize=", kScratch}}) {
-        words.push_back(std::string(option) + value);
-    }
-    words.emplace_back("--");
-    if (::geteuid() == 0) {
-        static std::atomic<unsigned> next{0};
-        const std::string nobody = std::to_string(kFirstNobody + next++ % kNobodies);
-        Append(words, {"setpriv", "--reuid", nobody.c_str(), "--regid", nobody.c_str(), "--clear-groups",
-                       "--inh-caps=-all", "--bounding-set=-all", "--no-new-privs", "--"});
-    }
-    return words;
-}
-
-std::string CommandLine(const Texts& words) {
-    std::string line;
-    for (const std::string& word : words) {
-        line += ShellQuoted(word) + " ";
-    }
-    return line;
-}
 
 /// For everybody to read: a package looks at it as nobody.
 ZResult<void> Keep(const std::string& chain, const fs::path& folder) {
@@ -269,47 +168,49 @@ std::string PackageTrust::Command(const fs::path& file, const std::string& argum
     // The shell opens both before anything is confined: what runs, and what it reads.
     const std::string program = "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(package.program.Get());
     std::string opened = " 8<" + ShellQuoted(program);
-    Texts variables{"ARBOR_TRUST=" + m_policy.signers.string(), "ARBOR_TRUST_STATE=" + m_policy.state.string()};
+    std::vector<std::pair<std::string, std::string>> variables{{"ARBOR_TRUST", m_policy.signers.string()},
+                                                               {"ARBOR_TRUST_STATE", m_policy.state.string()}};
     if (m_policy.acceptsDevelopment) {
-        variables.emplace_back("ARBOR_ACCEPT_DEVELOPMENT=1");
+        variables.emplace_back("ARBOR_ACCEPT_DEVELOPMENT", "1");
     }
     if (const std::string source = package.Source(); !source.empty()) {
-        variables.emplace_back("ARBOR_PACKAGE_FD=9");
+        variables.emplace_back("ARBOR_PACKAGE_FD", "9");
         opened += " 9<" + ShellQuoted(source);
     }
     if (!m_isConfined) {
-        Texts words{"exec", "env"};
-        words.insert(words.end(), variables.begin(), variables.end());
-        words.emplace_back(kOpened);
-        return CommandLine(words) + arguments + opened;
+        std::string line = "exec env ";
+        for (const auto& [name, value] : variables) {
+            line += ShellQuoted(name + "=" + value) + " ";
+        }
+        return line + kOpened + arguments + opened;
     }
-    Texts words = EmptySystem();
-    AppendFolders(words, file);
-    AppendPolicy(words, m_policy);
-    for (const std::string& variable : variables) {
-        const std::size_t equals = variable.find('=');
-        Append(words, {"--setenv", variable.substr(0, equals).c_str(), variable.c_str() + equals + 1});
+    Confinement confined = Confined();
+    for (const auto& [name, value] : variables) {
+        confined.Set(name, value);
     }
     // A head is put in the package's place. All of a package may be too large for that: it runs from where it is.
     if (!package.whole) {
-        Append(words, {"--perms", "0555", "--ro-bind-data", "8", file.c_str()});
+        confined.Put(file, 8);
     }
-    const Texts limits = Limits(limit);
-    words.insert(words.end(), limits.begin(), limits.end());
-    Append(words, {"/bin/sh", "-c"});
-    words.push_back((package.whole ? kOpened : ShellQuoted(file.string())) + arguments);
-    return "exec " + CommandLine(words) + opened;
+    const std::string run = (package.whole ? kOpened : ShellQuoted(file.string())) + arguments;
+    return confined.CommandLine({"/bin/sh", "-c", run}, limit) + opened;
+}
+
+/// What says who is trusted: a package looks at it, too.
+Confinement PackageTrust::Confined() const {
+    Confinement confined;
+    confined.Show(m_policy.signers);
+    if (std::error_code error; fs::is_directory(m_policy.state, error)) {
+        confined.Show(m_policy.state);
+    }
+    return confined;
 }
 
 ZResult<void> PackageTrust::CanConfine() const {
-    Texts words = EmptySystem();
-    AppendPolicy(words, m_policy);
-    const Texts limits = Limits(std::chrono::seconds(10));
-    words.insert(words.end(), limits.begin(), limits.end());
     // A package looks at the signers as well, as nobody.
-    Append(words, {"/bin/sh", "-c", kCanRead, m_policy.signers.c_str()});
+    const std::string line = Confined().CommandLine({"/bin/sh", "-c", kCanRead, m_policy.signers.string()}, kTryLimit);
     std::string output;
-    if (ZPlatform::ExecuteCommand(CommandLine(words) + "2>&1", output, std::chrono::seconds(10))) {
+    if (ZPlatform::ExecuteCommand(line + " 2>&1", output, kTryLimit)) {
         return {};
     }
     return ZError("checks can't be confined: " + output);

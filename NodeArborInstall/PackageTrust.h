@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "Confinement.h"
 #include "ZShared/ZError.h"
 #include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZFileSnapshot.h"
@@ -69,6 +70,7 @@ public:
     ZResult<void> CanConfine() const;
 
 private:
+    Confinement Confined() const;
     ZResult<Opened> OpenWhole(const std::filesystem::path& file, ZFileSnapshot snapshot,
                               std::chrono::milliseconds limit) const;
 

@@ -32,6 +32,8 @@ cat /etc/shadow >/dev/null 2>&1 && tried read-secrets
 [ "$(id -u)" = 0 ] && tried is-root
 grep -q 'CapEff:.*[1-9a-f]' /proc/self/status && tried has-capabilities
 [ "$(grep -c : /proc/net/dev)" -gt 1 ] && tried saw-network
+unshare --user true && tried made-a-user-namespace
+unshare --user --map-root-user --mount true && tried mounted
 [ -n "$NOTIFY_SOCKET$ARBOR_SECRET" ] && tried saw-environment
 echo "tried:$said"
 (setsid sleep 1000 &) >/dev/null 2>&1 </dev/null
