@@ -15,7 +15,6 @@ from support import FIXTURES, InstrumentCase, arborctl, both_slots, configure, s
 
 RAN = paths.RUNTIME / "ran"
 STRANGER = f"touch {RAN}; case $1 in --version) echo 9.999;; esac"
-EXCHANGES = 20
 # What a package tries while it is verified, and tells as the reason why it should not be installed.
 TRIES = f"""
 case $1 in --version) echo @VERSION@; exit 0;; esac
@@ -40,6 +39,17 @@ echo "tried:$said"
 kill -9 -1
 exit 1
 """
+
+
+def search_first(case: unittest.TestCase, program: str, script: str) -> None:
+    """In the place of the program, for a host that starts from now on."""
+    folder = paths.STATE / "first"
+    folder.mkdir()
+    (folder / program).write_text(f"#!/bin/sh\n{script}\n")
+    (folder / program).chmod(0o755)
+    search = os.environ["PATH"]
+    os.environ["PATH"] = f"{folder}:{search}"
+    case.addCleanup(os.environ.update, {"PATH": search})
 
 
 def package_tools(folder: Path) -> Path:
@@ -161,28 +171,30 @@ class Trust(InstrumentCase):
         self.assertIn("the image in the package is damaged", done.stdout)
         self.assertEqual("A", both_slots()[0])
 
-    def test_package_that_is_exchanged_all_the_time_never_runs_unread(self) -> None:
-        drive = self.insert(stick_package("3.045"))
-        good, bad = stick_package("3.046"), strangers_package("3.046")
-        goes_on = threading.Event()
-
-        def exchange() -> None:
-            while not goes_on.is_set():
-                for source in (good, bad):
-                    os.rename(shutil.copy(source, drive / "next"), drive / "x.pkg")
-
-        exchanger = threading.Thread(target=exchange)
-        exchanger.start()
-        try:
-            for _ in range(EXCHANGES):
-                gateway.post("scan", {"path": str(drive / "x.pkg")})
-                gateway.post("updatesystem", {"version": "3.046", "reboot": False})
-        finally:
-            goes_on.set()
-            exchanger.join()
-        wait_until(lambda: not gateway.get("operations?state=Open")["operations"], "all checks and installs have ended")
-        self.assertFalse(RAN.exists())
-        self.assertIn(both_slots()[1]["B"], ("3.043", "3.046"))
+    def test_package_that_is_exchanged_once_its_installer_has_begun_is_the_one_that_was_read(self) -> None:
+        begun, go = paths.STATE / "begun", paths.STATE / "go"
+        search_first(self, "python3", f"""case $0:$ARBOR_OPERATION in *:?*) touch {begun}
+            while [ ! -e {go} ]; do sleep 0.05; done;; esac; exec {sys.executable} "$@" """)
+        self.restart()
+        bad = strangers_package("3.046")
+        by_name = (lambda file: os.rename(shutil.copy(bad, file.with_suffix(".new")), file), 0, "3.046")
+        in_place = (lambda file: shutil.copyfile(bad, file), 1, "3.043")
+        for exchange, code, found in (in_place, by_name):
+            with self.subTest(code=code):
+                file = self.insert(stick_package("3.046")) / "arbor-3.046.pkg"
+                install = threading.Thread(target=lambda: done.append(arborctl("install", "3.046", "--no-reboot", "--wait")))
+                done: list[subprocess.CompletedProcess] = []
+                install.start()
+                wait_until(begun.exists, "the installer has begun")
+                exchange(file)
+                go.touch()
+                install.join()
+                self.assertEqual(code, done[0].returncode, done[0].stdout)
+                self.assertEqual(found, both_slots()[1]["B"])
+                self.assertFalse(RAN.exists())
+                for path in (begun, go):
+                    path.unlink()
+                sticks.detach()
 
     @unittest.skipIf(subprocess.run(["bwrap", "--ro-bind", "/", "/", "--proc", "/proc", "true"], check=False).returncode,
                      "nothing can be confined here")
@@ -208,13 +220,7 @@ class Trust(InstrumentCase):
         wait_until(lambda: not left(), "nothing of them is left")
 
     def test_where_nothing_can_be_confined_the_settings_say_what_becomes_of_checks(self) -> None:
-        folder = paths.STATE / "without-bwrap"
-        folder.mkdir()
-        (folder / "bwrap").write_text("#!/bin/sh\necho nothing can be confined here\nexit 1\n")
-        (folder / "bwrap").chmod(0o755)
-        search = os.environ["PATH"]
-        os.environ["PATH"] = f"{folder}:{search}"
-        self.addCleanup(os.environ.update, {"PATH": search})
+        search_first(self, "bwrap", "echo nothing can be confined here; exit 1")
         self.restart()
         self.assertIn("without being confined: checks can't be confined: nothing", arborctl("status").stdout)
         self.insert(stick_package("3.046"), script_package("unsigned.pkg", STRANGER))
