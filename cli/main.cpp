@@ -244,7 +244,10 @@ void AddTrust(CLI::App& app, Choice& choice) {
     apply->callback([&] { choice.run = [&](Session& s) { return ApplyTrust(s, choice.first); }; });
 }
 
-void AddSince(CLI::App& command, std::string& since) {
+/// What narrows a list, whatever it is of.
+template <typename Count>
+void AddChoice(CLI::App& command, Count& lines, std::string& since) {
+    command.add_option("-n,--lines", lines, "How many lines")->check(CLI::Range(1, 1000))->capture_default_str();
     command.add_option("--since", since, "Only from then on: 90s, 10m, 2h or 3d ago, or a date such as 2025-03-01")
         ->check(WrongSince)
         ->type_name("TIME");
@@ -257,14 +260,11 @@ void AddJobs(CLI::App& app, Choice& choice) {
                                "  arborctl history --state failed -n 100\n"
                                "  arborctl history --state open        what is under way\n"
                                "  arborctl history --json | jq '.operations[].reason'");
-    history->add_option("-n,--lines", choice.history.count, "How many")
-        ->check(CLI::Range(1, 1000))
-        ->capture_default_str();
     history->add_option("--kind", choice.history.kind, "Only jobs of this kind")
         ->check(CLI::IsMember({"check", "scan", "install", "build", "transfer", "remote-install", "upload", "trust"}));
     history->add_option("--state", choice.history.state, "Only jobs in this state; open: those that have not ended")
         ->check(CLI::IsMember({"open", "queued", "running", "succeeded", "failed", "cancelled", "lost"}));
-    AddSince(*history, choice.history.since);
+    AddChoice(*history, choice.history.count, choice.history.since);
     history->callback([&] { choice.run = [&](Session& s) { return ShowHistory(s, choice.history); }; });
 
     auto* show = AddCommand(app, "show", "Tell everything about one job",
@@ -291,13 +291,10 @@ void AddOrders(CLI::App& app, Choice& choice) {
                               "  arborctl orders --result refused --since 1d\n"
                               "  arborctl orders --user alice -n 100\n"
                               "  arborctl orders --json | jq '.orders[].reason'");
-    orders->add_option("-n,--lines", choice.orders.count, "How many")
-        ->check(CLI::Range(1, 1000))
-        ->capture_default_str();
     orders->add_option("--result", choice.orders.result, "Only those that were accepted, or refused")
         ->check(CLI::IsMember({"accepted", "refused"}));
     orders->add_option("--user", choice.orders.user, "Only those of this user: a name or a number");
-    AddSince(*orders, choice.orders.since);
+    AddChoice(*orders, choice.orders.count, choice.orders.since);
     orders->callback([&] { choice.run = [&](Session& s) { return ShowOrders(s, choice.orders); }; });
 }
 
@@ -310,13 +307,10 @@ void AddStreams(CLI::App& app, Choice& choice) {
                            "  arborctl log -n 50 --follow\n"
                            "  arborctl log --level warning --since 2h      only what went wrong lately\n"
                            "  arborctl log --json | jq .text");
-    log->add_option("-n,--lines", choice.log.lines, "How many lines")
-        ->check(CLI::Range(1, 1000))
-        ->capture_default_str();
     log->add_option("--level", choice.log.level, "Only lines of this level and above")
         ->check(CLI::IsMember(arborctl::LogLevels()))
         ->capture_default_str();
-    AddSince(*log, choice.log.since);
+    AddChoice(*log, choice.log.lines, choice.log.since);
     log->add_flag("-f,--follow", choice.log.follow, "Go on with new lines, until Ctrl-C");
     log->callback([&] { choice.run = [&](Session& s) { return ShowLog(s, choice.log); }; });
 }

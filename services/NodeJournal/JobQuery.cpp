@@ -1,18 +1,10 @@
 #include "JobQuery.h"
 
-#include <charconv>
-
 namespace journal {
 
 namespace {
 
-constexpr std::size_t kUsualLimit = 100;
-constexpr std::size_t kMostJobs = 1000;
 constexpr std::size_t kShortestBeginning = 4;
-
-ZError Bad(std::string text) {
-    return ZError(std::move(text), ZFrameworkErrorCodes::ERRCODE_INVALID_REQUEST);
-}
 
 template <typename Enum>
 std::string Names() {
@@ -41,16 +33,8 @@ ZResult<JobQuery> JobQuery::Of(const ZOperationsRequestMsg& request) {
         return Bad("\"state\" is Open, or one of " + Names<ZOperationState>());
     }
     query.node = ToStdString(request.m_Node);
-    query.since = request.m_Since;
-    query.limit = request.m_Limit == 0 ? kUsualLimit : std::min<std::size_t>(request.m_Limit, kMostJobs);
-    const ZString& before = request.m_Before;
-    if (!before.empty()) {
-        const auto [end, failure] = std::from_chars(before.data(), before.data() + before.size(), query.before);
-        if (failure != std::errc() || end != before.data() + before.size() || query.before < 0) {
-            return Bad("\"before\" is the \"next\" of the page before");
-        }
-    }
-    return query;
+    const auto page = query.Take(request);
+    return page ? ZResult<JobQuery>(std::move(query)) : page.error();
 }
 
 bool JobQuery::Fits(const ZOperationMsg& message) const {

@@ -1,8 +1,5 @@
 #include "OrderStore.h"
 
-#include <charconv>
-#include <limits>
-
 #include "MessageRows.h"
 
 namespace journal {
@@ -10,9 +7,6 @@ namespace journal {
 namespace {
 
 using Rows = MessageRows<ZOrderMsg>;
-
-constexpr std::size_t kUsualLimit = 100;
-constexpr std::size_t kMostOrders = 1000;
 
 constexpr const char* kTable =
     "CREATE TABLE IF NOT EXISTS orders(number INTEGER PRIMARY KEY, \"id\" TEXT NOT NULL UNIQUE)";
@@ -31,10 +25,6 @@ std::string ListText() {
            " AND (?3 < 0 OR accepted = ?3) AND \"time\" >= ?4 ORDER BY number DESC";
 }
 
-ZError Bad(const char* text) {
-    return ZError(text, ZFrameworkErrorCodes::ERRCODE_INVALID_REQUEST);
-}
-
 }  // namespace
 
 ZResult<OrderQuery> OrderQuery::Of(const ZOrdersRequestMsg& request) {
@@ -46,17 +36,8 @@ ZResult<OrderQuery> OrderQuery::Of(const ZOrdersRequestMsg& request) {
             return Bad("\"result\" is accepted or refused");
         }
     }
-    query.since = request.m_Since;
-    query.limit = request.m_Limit == 0 ? kUsualLimit : std::min<std::size_t>(request.m_Limit, kMostOrders);
-    query.before = std::numeric_limits<std::int64_t>::max();
-    const ZString& before = request.m_Before;
-    if (!before.empty()) {
-        const auto [end, failure] = std::from_chars(before.data(), before.data() + before.size(), query.before);
-        if (failure != std::errc() || end != before.data() + before.size() || query.before < 0) {
-            return Bad("\"before\" is the \"next\" of the page before");
-        }
-    }
-    return query;
+    const auto page = query.Take(request);
+    return page ? ZResult<OrderQuery>(std::move(query)) : page.error();
 }
 
 bool OrderQuery::Fits(const Order& order) const {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Database.h"
+#include "Page.h"
 #include "ZMessages/OrderMessages.h"
 
 namespace journal {
@@ -18,12 +19,9 @@ struct Order {
 };
 
 /// A request "orders", read and found good.
-struct OrderQuery {
+struct OrderQuery : Page {
     std::string user;  ///< a name or a number; empty: all
     std::optional<bool> accepted;
-    std::int64_t since = 0;
-    std::size_t limit = 0;
-    std::int64_t before = 0;  ///< an order's number
 
     static ZResult<OrderQuery> Of(const ZOrdersRequestMsg& request);
     /// All but `limit`.

@@ -39,46 +39,26 @@ bool ZNodeJournal::InitMessageMap() {
             GetEndpoint(ZEndpointType::GraphService, keyword, 0),
             [this, handler](const std::shared_ptr<ZMessage>& message) { return (this->*handler)(message); });
     };
-    return subscribe("operation", &ZNodeJournal::OnOperation) && subscribe("operations", &ZNodeJournal::OnRequest) &&
-           subscribe("order", &ZNodeJournal::OnOrder) && subscribe("orders", &ZNodeJournal::OnOrdersRequest);
+    return subscribe("operation", &ZNodeJournal::OnNews<ZOperationMsg>) &&
+           subscribe("operations", &ZNodeJournal::OnRequest<ZOperationsRequestMsg>) &&
+           subscribe("order", &ZNodeJournal::OnNews<ZOrderMsg>) &&
+           subscribe("orders", &ZNodeJournal::OnRequest<ZOrdersRequestMsg>);
 }
 
-bool ZNodeJournal::OnOperation(const std::shared_ptr<ZMessage>& message) {
-    const auto change = cast_shared<ZOperationMsg>(message);
-    if (!change) {
-        return false;
+template <typename Message>
+bool ZNodeJournal::OnNews(const std::shared_ptr<ZMessage>& message) {
+    const auto news = cast_shared<Message>(message);
+    if (news) {
+        m_journal->Take(news);
+        DoRestLater();
     }
-    m_journal->Take(change);
-    DoRestLater();
-    return true;
+    return news != nullptr;
 }
 
+template <typename Request>
 bool ZNodeJournal::OnRequest(const std::shared_ptr<ZMessage>& message) {
-    const auto request = cast_shared<ZOperationsRequestMsg>(message);
-    if (!request) {
-        return false;
-    }
-    const bool answered = PublishResponse(message, m_journal->Answer(*request));
-    DoRestLater();
-    return answered;
-}
-
-bool ZNodeJournal::OnOrder(const std::shared_ptr<ZMessage>& message) {
-    const auto order = cast_shared<ZOrderMsg>(message);
-    if (!order) {
-        return false;
-    }
-    m_journal->Take(order);
-    DoRestLater();
-    return true;
-}
-
-bool ZNodeJournal::OnOrdersRequest(const std::shared_ptr<ZMessage>& message) {
-    const auto request = cast_shared<ZOrdersRequestMsg>(message);
-    if (!request) {
-        return false;
-    }
-    const bool answered = PublishResponse(message, m_journal->Answer(*request));
+    const auto request = cast_shared<Request>(message);
+    const bool answered = request && PublishResponse(message, m_journal->Answer(*request));
     DoRestLater();
     return answered;
 }

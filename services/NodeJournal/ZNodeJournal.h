@@ -45,10 +45,10 @@ public:
     void OnShutdown() override;
 
 private:
-    bool OnOperation(const std::shared_ptr<ZMessage>& message);
+    template <typename Message>
+    bool OnNews(const std::shared_ptr<ZMessage>& message);
+    template <typename Request>
     bool OnRequest(const std::shared_ptr<ZMessage>& message);
-    bool OnOrder(const std::shared_ptr<ZMessage>& message);
-    bool OnOrdersRequest(const std::shared_ptr<ZMessage>& message);
     void DoRestLater();
 
     std::unique_ptr<journal::Journal> m_journal;
