@@ -5,6 +5,7 @@
 #include "PackageFiles.h"
 #include "ZMessages/TrustMessages.h"
 #include "ZNodeArborInstallActions.h"
+#include "ZShared/ZCommandRunner.h"
 
 // Who is trusted: trust documents that packages, drives, uploads and people bring, and what is told of the one in
 // force.
@@ -143,6 +144,9 @@ void ZNodeArborInstall::JudgeAgain(std::shared_ptr<ZMessageArray>& results) {
     }
     std::vector<std::pair<std::future<bool>, std::shared_ptr<ZMessageArray>>> checks;
     for (const fs::path& file : files) {
+        if (const auto exists = ExistsWithin(file.string(), kReadPatience); !exists || !*exists) {
+            continue;  // its drive has gone, and what is known of it is forgotten with that
+        }
         const auto found = Z_MAKE(ZMessageArray);
         const ZOperationSubject subject{.kind = ZOperationKind::Check, .file = ToZString(file.string())};
         checks.emplace_back(QueueCheck(file, found, subject, nullptr).done, found);
@@ -159,6 +163,8 @@ bool ZNodeArborInstall_JudgeAgainAction::Work() {
     const ZUseFlag::Hold busy(Node().BusyFlag());
     auto results = Z_MAKE(ZMessageArray);
     Node().JudgeAgain(results);
+    const auto told = ZCAST(ZMessageArray, ZNodeComm::CloneMessage(results));
     Node().CheckAvailableUpdates(results, true);
+    Node().RemoveRefusedUploads(*told);
     return true;
 }

@@ -125,6 +125,15 @@ class Documents(InstrumentCase):
         wait_until(lambda: [entry["keyword"] for entry in gateway.get("orders")["orders"]].count("applytrust") == 5,
                    "each order is kept")
 
+    def test_document_that_is_brought_to_the_updates_folder_is_followed_and_not_left_there(self) -> None:
+        self.trust("floor", "3")
+        self.sign("alice", "bob")
+        shutil.copy(self.file, paths.UPDATES)
+        wait_until(lambda: self.in_force() == 2, "it is followed")
+        wait_until(lambda: not (paths.UPDATES / NAME).exists(), "it is removed")
+        sticks.attach([stick_package("3.046")])
+        wait_until(lambda: "security number" in refusal("arbor-3.046.pkg"), "what is below the floor is refused")
+
     @unittest.skipIf(paths.plain_mode(), "nothing can be mounted here")
     def test_document_that_can_not_be_kept_is_not_in_force(self) -> None:
         KEPT.mkdir(exist_ok=True)
