@@ -91,6 +91,7 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file,
     if (const auto chain = ZTrustChain::Parse(opened->package.trust); chain && m_trust.IsNewer(*chain)) {
         FollowChain(chain, file.string());
     }
+    opened->package.trust.clear();  // what could not be put into force does not count for this package either
     return m_trust.Approve(std::move(*opened), ToStdString(m_board));
 }
 

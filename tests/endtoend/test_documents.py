@@ -51,7 +51,6 @@ class Documents(InstrumentCase):
         return Path(shutil.copy(self.file, self.office / folder))
 
     def in_force(self) -> int:
-        self.assertEqual(gateway.get("status")["trustDocument"], gateway.post("trust")[1]["number"])
         return gateway.post("trust")[1]["number"]
 
     def plug(self, *files: Path) -> dict:
@@ -141,8 +140,11 @@ class Documents(InstrumentCase):
         self.addCleanup(subprocess.run, ["umount", "-l", KEPT], check=True)
         (KEPT / "full").write_bytes(bytes(4096))
         self.trust("remove-key", FIXTURES / "keys/cert.pem")
+        self.add("carol", "release")
         self.sign("alice", "bob")
-        self.assertIn("No space left", self.plug(self.file)["reason"])
+        carries = build(paths.STATE / "carries.pkg", "3.048", keys=self.keys["carol"], options=("--trust-document", self.file))
+        self.assertIn("No space left", self.plug(self.file, carries)["reason"])
+        wait_until(lambda: refusal("carries.pkg"), "nor does what a package brings count for it")
         self.assertEqual(1, self.in_force())
         (KEPT / "full").unlink()
         done = arborctl("trust", "apply", str(self.file))
