@@ -127,7 +127,7 @@ class Documents(InstrumentCase):
     def test_document_that_is_brought_to_the_updates_folder_is_followed_and_not_left_there(self) -> None:
         self.trust("floor", "3")
         self.sign("alice", "bob")
-        shutil.copy(self.file, paths.UPDATES)
+        shutil.copyfile(self.file, paths.UPDATES / NAME)
         wait_until(lambda: self.in_force() == 2, "it is followed")
         wait_until(lambda: not (paths.UPDATES / NAME).exists(), "it is removed")
         sticks.attach([stick_package("3.046")])
