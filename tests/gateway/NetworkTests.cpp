@@ -358,6 +358,16 @@ TEST_F(GatewayNetwork, StreamsEventsAndKnowsWhenAListenerHasGone) {
     EXPECT_TRUE(encrypted->WaitFor("\"percent\":99"));
     encrypted.reset();
     EXPECT_TRUE(WaitUntil([&] { return HasListeners(0); }));
+    TlsClient stalled(port);
+    stalled.Send(request);
+    EXPECT_TRUE(stalled.WaitFor(": live"));
+    EXPECT_TRUE(WaitUntil([&] {
+        for (int count = 0; count < 20; ++count) {
+            PublishProgress(count, large + large + large + large);
+        }
+        return HasListeners(0);
+    })) << "a listener that takes nothing";
+    EXPECT_FALSE(TlsClient(port).failure);
 }
 
 TEST_F(GatewayNetwork, SlowsDownWhoeverGuessesAndServesOthersMeanwhile) {

@@ -87,7 +87,7 @@ void Connection::Close() {
     m_response.reset();
     Error ignored;
     // Reaches the other side even when a child process holds a copy of the descriptor.
-    m_stream.socket().shutdown(ByteStream::Socket::shutdown_both, ignored);
+    m_stream.Transport().shutdown(ByteStream::Socket::shutdown_both, ignored);
     m_stream.OnTheWay().close();
     m_server.open.erase(shared_from_this());
 }
@@ -403,7 +403,7 @@ void Connection::Leave() {
 
 void Connection::EndSending() {
     Error ignored;
-    m_stream.socket().shutdown(ByteStream::Socket::shutdown_send, ignored);
+    m_stream.Transport().shutdown(ByteStream::Socket::shutdown_send, ignored);
     SwallowRest();
 }
 

@@ -26,13 +26,13 @@ void Connection::StartStream() {
     m_request.reset();
     m_head = {};
     m_buffer = {};
-    m_stream.socket().non_blocking(true);
+    m_stream.Transport().non_blocking(true);
     m_lastSent = Clock::now();
     ScheduleKeepAlive(m_lastSent);
     if (m_door == nullptr) {
         // Waits for nothing but the end: that the other side has gone is always reported.
-        m_stream.socket().async_wait(ByteStream::Socket::wait_error,
-                                     [self = shared_from_this()](Error) { self->Close(); });
+        m_stream.Transport().async_wait(ByteStream::Socket::wait_error,
+                                        [self = shared_from_this()](Error) { self->Close(); });
     } else {
         WatchForEnd();
     }
@@ -45,10 +45,12 @@ void Connection::WatchForEnd() {
     m_buffer.clear();
     m_stream.async_read_some(m_buffer.prepare(limits::kBuffer), [self = shared_from_this()](Error error, std::size_t) {
         // A piece that is not taken in time ends the reading, too; its own callback comes next.
-        const bool isTooSlow = error == asio::error::operation_aborted && self->m_sending;
-        if ((error && !isTooSlow) || --self->m_requestsLeft <= 0) {
+        if (error == asio::error::operation_aborted && self->m_sending) {
+            return;
+        }
+        if (error || --self->m_requestsLeft <= 0) {
             self->Close();
-        } else if (!error && self->m_state == State::Streaming) {
+        } else if (self->m_state == State::Streaming) {
             self->WatchForEnd();
         }
     });
@@ -108,7 +110,7 @@ void Connection::SendPieces() {
 void Connection::SendBuffers() {
     // Most often the system takes all at once: what waiting costs is for when it does not.
     Error error = asio::error::would_block;
-    std::size_t sent = m_stream.Encrypted() == nullptr ? m_stream.socket().write_some(m_buffers, error) : 0;
+    std::size_t sent = m_stream.Encrypted() == nullptr ? m_stream.Transport().write_some(m_buffers, error) : 0;
     if (error && error != asio::error::would_block) {
         Close();
         return;
