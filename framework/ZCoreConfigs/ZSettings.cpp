@@ -73,6 +73,9 @@ std::vector<ZSettingError> CheckSettings(ZConfig& record) {
     SettingsCheck check(record.Environment().get());
     record.VisitFields([&check](const ZFieldInfo& field, const ZFieldValue& value) { check.Visit(field, value); });
     auto errors = check.Take();
+    if (errors.empty()) {
+        errors = record.Conflicts();
+    }
     record.m_bChecked = errors.empty();
     return errors;
 }

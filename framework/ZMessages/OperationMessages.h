@@ -15,7 +15,7 @@ public:
     ZString m_Version;  ///< empty: none, or not known yet
     ZString m_File;     ///< the package file, the drive of a scan, the name of an upload
     ZString m_Device;   ///< the accessory's serial number; empty: this device
-    ZString m_Asker;    ///< "user alice", "device PM-B", "drive /media/usb1"; empty: the device itself
+    ZString m_Asker;    ///< "user alice", "token ci", "device PM-B", "drive /media/usb1"; empty: the device itself
     ZString m_Node;     ///< the node that does it
     ZString m_Header;
     ZString m_Message;

@@ -24,10 +24,10 @@ public:
     std::int64_t m_Time = 0;
     std::int64_t m_LastTime = 0;   ///< of the last one that was counted
     std::int64_t m_Count = 1;      ///< how often the same was ordered
-    ZString m_User;                ///< a name; of a user whom the system does not know, the number
-    std::int64_t m_UserId = -1;    ///< as the kernel told it when the process connected
-    std::int32_t m_ProcessId = 0;  ///< likewise
-    ZString m_Program;             ///< what that process called itself; "unknown" when it has gone
+    ZString m_User;                ///< a name; of a user whom the system does not know, the number; "token NAME"
+    std::int64_t m_UserId = -1;    ///< as the kernel told it when the process connected; -1: of a token
+    std::int32_t m_ProcessId = 0;  ///< likewise; 0: of a token
+    ZString m_Program;             ///< what that process called itself; "unknown" when it has gone; a token's address
     ZString m_Keyword;             ///< empty: several ones, which are only counted
     ZString m_Subject;             ///< version, file, device, job
     bool m_bAccepted = false;

@@ -13,7 +13,7 @@ class ZResponseSource;
 
 /// Who asks for what a request starts, as the door knows it that the request came through. No part of its text.
 struct ZRequestOrigin {
-    std::string asker;               ///< "user alice", "device PM-B"
+    std::string asker;               ///< "user alice", "token ci", "device PM-B"
     std::string operationId;         ///< for the first job that is begun for the request; empty: it gets one of its own
     std::atomic<bool> begun{false};  ///< that job was begun
 

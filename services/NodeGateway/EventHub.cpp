@@ -27,7 +27,7 @@ EventHub::EventHub(std::size_t maxListeners, std::size_t backlog) : m_backlog(ba
 
 EventHub::~EventHub() = default;
 
-std::shared_ptr<EventQueue> EventHub::Join(uid_t user, bool withLog) {
+std::shared_ptr<EventQueue> EventHub::Join(const std::string& user, bool withLog) {
     auto queue = std::make_unique<EventQueue>(m_backlog, user, withLog);
     {
         const std::lock_guard lock(m_mutex);

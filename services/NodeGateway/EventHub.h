@@ -19,9 +19,10 @@ namespace gateway {
 /// The events that wait for one listener. Thread-safe.
 class EventQueue {
 public:
-    EventQueue(std::size_t limit, uid_t user, bool withLog) : m_limit(limit), m_user(user), m_withLog(withLog) {}
+    EventQueue(std::size_t limit, std::string user, bool withLog)
+        : m_limit(limit), m_user(std::move(user)), m_withLog(withLog) {}
 
-    uid_t User() const { return m_user; }
+    const std::string& User() const { return m_user; }
     bool WantsLog() const { return m_withLog; }
     /// An event that finds the queue full makes the listener one that is dropped: it would miss something.
     void Put(const std::shared_ptr<const std::string>& event);
@@ -35,7 +36,7 @@ private:
         bool overrun = false;
     };
     const std::size_t m_limit;
-    const uid_t m_user;
+    const std::string m_user;  // Peer::account
     const bool m_withLog;
     ZGuarded<State> m_state;
 };
@@ -54,7 +55,7 @@ public:
     /// comes in the middle of an install knows where it stands, and then the comment ": live". The listener has left
     /// once the queue is released, which must be before the hub ends. Null when there are as many as allowed, in all or
     /// of this user.
-    std::shared_ptr<EventQueue> Join(uid_t user, bool withLog);
+    std::shared_ptr<EventQueue> Join(const std::string& user, bool withLog);
     /// Set whenever something was put into a queue.
     ZWakeUp& Ready() { return m_ready; }
 

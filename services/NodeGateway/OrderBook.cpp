@@ -20,7 +20,7 @@ constexpr const char* kMore = "further orders of this user that were refused";
 
 std::string KeyOf(const ZOrderMsg& order) {
     std::string key = std::to_string(order.m_UserId);
-    for (const ZString* part : {&order.m_Keyword, &order.m_Subject, &order.m_Reason}) {
+    for (const ZString* part : {&order.m_User, &order.m_Keyword, &order.m_Subject, &order.m_Reason}) {
         key.append("\n").append(*part);
     }
     return key + (order.m_bAccepted ? "\n+" : "\n-");
@@ -73,7 +73,7 @@ void OrderBook::Note(const std::shared_ptr<ZOrderMsg>& order, ZClock::time_point
         Counted* counted = Find(*book, *order);
         const auto isRefusedOne = [&](const auto& entry) {
             const ZOrderMsg& other = *entry.second.order;
-            return other.m_UserId == order->m_UserId && !other.m_bAccepted;
+            return other.m_UserId == order->m_UserId && other.m_User == order->m_User && !other.m_bAccepted;
         };
         auto written = CopyOf(*order);
         if (counted == nullptr && !order->m_bAccepted && std::ranges::count_if(*book, isRefusedOne) >= kMostRefused) {
@@ -119,7 +119,7 @@ void OrderBook::Publish(const Orders& orders) {
         if (outcome == ZPublishOutcome::QueueFull) {
             if (const auto more = m_lost.Admit("full")) {
                 Z_LOG(4,
-                      "An order of user %s (\"%s\") is not written down: the journal has more to do than its queue "
+                      "An order of %s (\"%s\") is not written down: the journal has more to do than its queue "
                       "holds%s",
                       order->m_User, order->m_Keyword, *more);
             }

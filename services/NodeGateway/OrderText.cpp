@@ -24,10 +24,15 @@ std::shared_ptr<ZOrderMsg> OrderOf(std::string_view keyword, const Peer& peer) {
     order->m_Id = ZOperation::NewId();
     order->m_Time = MillisecondsNow();
     order->m_LastTime = order->m_Time;
-    order->m_User = ToZString(UserName(peer.user));
-    order->m_UserId = peer.user;
-    order->m_ProcessId = peer.process;
-    order->m_Program = ToZString(ProgramOf(peer.process));
+    if (peer.token) {
+        order->m_User = ToZString("token " + peer.token->name);
+        order->m_Program = ToZString(peer.address);
+    } else {
+        order->m_User = ToZString(UserName(peer.user));
+        order->m_UserId = peer.user;
+        order->m_ProcessId = peer.process;
+        order->m_Program = ToZString(ProgramOf(peer.process));
+    }
     order->m_Keyword = ToZString(keyword);
     return order;
 }

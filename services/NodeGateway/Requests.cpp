@@ -87,7 +87,7 @@ std::pair<int, std::string> WhyFailed(ZPublishOutcome outcome, const std::string
 }
 
 std::string AskerOf(const Peer& peer) {
-    return "user " + UserName(peer.user);
+    return peer.token ? "token " + peer.token->name : "user " + UserName(peer.user);
 }
 
 /// The JSON object with the job's id as one more key.
@@ -203,11 +203,11 @@ std::string Requests::WhyNotSend(const Asking& asking) const {
     if (roles.Has(asking.peer, keyword.role)) {
         return {};
     }
-    if (keyword.role == Role::Nodes && !roles.AreNodesOpen()) {
+    if (keyword.role == Role::Nodes && (!roles.AreNodesOpen() || asking.peer.token)) {
         return '"' + std::string(keyword.name) + "\" is a message between nodes, and people can't send it; " +
                keyword.instead;
     }
-    return roles.WhyNot(asking.asker, keyword.role);
+    return roles.WhyNot(asking.peer, asking.asker, keyword.role);
 }
 
 std::string Requests::WhyNotCancel(const Asking& asking, const std::string& job) const {
@@ -221,7 +221,7 @@ std::string Requests::WhyNotCancel(const Asking& asking, const std::string& job)
     const std::string whose = !owner           ? "nobody tells who asked for this job"
                               : owner->empty() ? "the device itself began this job"
                                                : *owner + " asked for this job";
-    return whose + ", and " + m_context.roles.WhyNot(asking.asker, Role::Administer);
+    return whose + ", and " + m_context.roles.WhyNot(asking.peer, asking.asker, Role::Administer);
 }
 
 std::optional<HttpResponse> Requests::WhyNotRead(const std::string& resource, const Peer& peer) {
@@ -229,7 +229,7 @@ std::optional<HttpResponse> Requests::WhyNotRead(const std::string& resource, co
         return std::nullopt;
     }
     const std::string asker = AskerOf(peer);
-    const std::string reason = m_context.roles.WhyNot(asker, Role::Look);
+    const std::string reason = m_context.roles.WhyNot(peer, asker, Role::Look);
     LogRefusal(resource, asker, reason);
     return Problem(403, reason);
 }

@@ -107,7 +107,7 @@ HttpResponse Resources::Events(const HttpRequest& request) {
     if (!log || *log > 1) {
         return Problem(400, "\"log\" is 0 or 1", "log");
     }
-    auto queue = m_events.Join(request.peer->user, *log == 1);
+    auto queue = m_events.Join(request.peer->account, *log == 1);
     if (!queue) {
         return Problem(503, "As many listeners as are allowed have joined");
     }

@@ -10,13 +10,8 @@ namespace {
 
 constexpr std::array<const char*, 3> kMay{"look at what this device does", "install, transfer, upload, scan and check",
                                           "pair devices and end jobs that others have asked for"};
-constexpr std::array<const char*, 4> kNames{"look", "operate", "administer", "nodes"};
 
 }  // namespace
-
-const char* RoleName(Role role) {
-    return kNames.at(static_cast<std::size_t>(role));
-}
 
 Roles::Roles(const RoleGroups& names) : m_nodesAreOpen(names.nodesAreOpen) {
     std::optional<Group> group;
@@ -41,6 +36,9 @@ std::vector<gid_t> Roles::Groups() const {
 }
 
 bool Roles::Has(const Peer& peer, Role role) const {
+    if (peer.token) {
+        return role <= peer.token->role;
+    }
     if (role == Role::Nodes) {
         return m_nodesAreOpen && Has(peer, Role::Administer);
     }
@@ -55,11 +53,14 @@ bool Roles::Has(const Peer& peer, Role role) const {
     return false;
 }
 
-std::string Roles::WhyNot(std::string_view name, Role role) const {
+std::string Roles::WhyNot(const Peer& peer, std::string_view name, Role role) const {
     const auto index = static_cast<std::size_t>(role == Role::Nodes ? Role::Administer : role);
     const auto& group = m_groups.at(index);
-    return "you (" + std::string(name) + ") are not in the group " + (group ? group->name : "") + ", which may " +
-           kMay.at(index) + " (the role \"" + kNames.at(index) + "\")";
+    const std::string why =
+        peer.token ? std::string("have only the role \"") + RoleName(peer.token->role) + "\", and not the one that may "
+                   : "are not in the group " + (group ? group->name : "") + ", which may ";
+    return "you (" + std::string(name) + ") " + why + kMay.at(index) + " (the role \"" +
+           RoleName(static_cast<Role>(index)) + "\")";
 }
 
 }  // namespace gateway

@@ -10,12 +10,6 @@
 
 namespace gateway {
 
-/// What somebody may do here. Each includes those before it, but for Nodes: those are messages between nodes.
-enum class Role { Look, Operate, Administer, Nodes };
-
-/// "look", "operate", "administer", "nodes".
-const char* RoleName(Role role);
-
 /// The names of the groups that have the roles, as the node's record has them.
 struct RoleGroups {
     std::string look;
@@ -24,8 +18,9 @@ struct RoleGroups {
     bool nodesAreOpen = false;  ///< on a development machine: who may administer may speak as a node, too
 };
 
-/// Who may do what. A role without a group of its own belongs to whoever has the one before it; everybody who can
-/// connect may look, unless a group is named. Root and the host's own user may do all. Thread-safe.
+/// Who may do what. A token has the role that stands beside it, and never that of a node. Of users, a role without a
+/// group of its own belongs to whoever has the one before it; everybody who can connect may look, unless a group is
+/// named. Root and the host's own user may do all. Thread-safe.
 class Roles {
 public:
     explicit Roles(const RoleGroups& names);
@@ -36,7 +31,7 @@ public:
     bool AreNodesOpen() const { return m_nodesAreOpen; }
 
     /// Why the peer, whom people call `name`, does not have the role, and who has.
-    std::string WhyNot(std::string_view name, Role role) const;
+    std::string WhyNot(const Peer& peer, std::string_view name, Role role) const;
 
 private:
     struct Group {

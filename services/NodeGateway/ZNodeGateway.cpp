@@ -21,6 +21,13 @@ HttpServerSettings ServerSettings(const ZNodeGatewayCfg& config, const Roles& ro
     settings.access = {*ZNodeGatewayCfg::ModeOf(config.m_SocketMode), GroupIdOf(config.m_SocketGroup)};
     settings.streams = config.m_MaxEventClients;
     settings.groups = roles.Groups();
+    if (!config.m_Listen.empty()) {
+        settings.network = NetworkSettings{ToStdString(config.m_Listen),
+                                           ToStdString(config.m_TokenFile),
+                                           ToStdString(config.m_CertificateFile),
+                                           ToStdString(config.m_PrivateKeyFile),
+                                           {config.m_HostNames.begin(), config.m_HostNames.end()}};
+    }
     return settings;
 }
 
@@ -42,15 +49,32 @@ std::optional<mode_t> ZNodeGatewayCfg::ModeOf(std::string_view text) {
     return good ? std::optional<mode_t>(mode) : std::nullopt;
 }
 
+std::vector<ZSettingError> ZNodeGatewayCfg::Conflicts() const {
+    std::vector<ZSettingError> errors;
+    const auto unless = [&](bool good, const char* key, const char* why) {
+        if (!good) {
+            errors.push_back({key, '"' + std::string(key) + "\" " + why});
+        }
+    };
+    const bool encrypts = !m_CertificateFile.empty();
+    unless(m_Listen.empty() || encrypts || IsLoopback(m_Listen), "listen",
+           "is an address that other machines reach; that takes a \"certificateFile\"");
+    unless(m_Listen.empty() || !m_TokenFile.empty(), "listen", "takes a \"tokenFile\" that says who may ask");
+    unless(!encrypts || !m_PrivateKeyFile.empty(), "certificateFile", "takes its \"privateKeyFile\"");
+    unless(encrypts || m_PrivateKeyFile.empty(), "privateKeyFile", "takes its \"certificateFile\"");
+    return errors;
+}
+
 /// What the node is made of. The server is the first to go: its threads use the rest.
 struct ZNodeGateway::Parts {
     Parts(ZNodeGateway& node, const ZNodeGatewayCfg& config, const std::string& updatesFolder)
-        : path(config.m_SocketPath),
+        : where(config.m_SocketPath + (config.m_Listen.empty() ? "" : " and " + config.m_Listen) +
+                (config.m_CertificateFile.empty() ? "" : " (TLS)")),
           events(config.m_MaxEventClients, config.m_EventBacklog),
           resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events, GroupsOf(config), updatesFolder),
           server(ServerSettings(config, resources.Who()), resources, events.Ready()) {}
 
-    const std::string path;
+    const std::string where;
     EventHub events;
     Resources resources;
     HttpServer server;
@@ -95,10 +119,10 @@ bool ZNodeGateway::Show(const EventKind& kind) {
 
 bool ZNodeGateway::OnGraphCreated() {
     if (const auto started = m_parts->server.Start(); !started) {
-        Z_LOG(4, "Can't serve on %s (\"socketPath\"): %s", m_parts->path, started.error().text);
+        Z_LOG(4, "Can't serve on %s", started.error().text);
         return false;
     }
-    Z_LOG(2, "Serving on %s", m_parts->path);
+    Z_LOG(2, "Serving on %s", m_parts->where);
     if (m_parts->resources.Who().AreNodesOpen()) {
         Z_LOG(3,
               "\"developerMode\" is on: who may administer this device may also speak as one of its nodes, and so have "

@@ -6,6 +6,8 @@
 
 #include "NodeBase/ZNode.h"
 #include "SystemNames.h"
+#include "http/HostNames.h"
+#include "http/NetworkSettings.h"
 
 namespace gateway {
 struct EventKind;
@@ -26,11 +28,18 @@ public:
     ZString m_OperateGroup;
     ZString m_AdministerGroup;
     bool m_bDeveloperMode = false;
+    ZString m_Listen;
+    ZString m_TokenFile;
+    ZString m_CertificateFile;
+    ZString m_PrivateKeyFile;
+    ZVector<ZString> m_HostNames;
 
     static constexpr const char* kGroup = "the name of a group of this system";
     static bool IsGroup(std::string_view name) { return gateway::GroupIdOf(name).has_value(); }
     /// The permission bits that a text in octal digits means; none for another text.
     static std::optional<mode_t> ModeOf(std::string_view text);
+    /// Of those about the network.
+    std::vector<ZSettingError> Conflicts() const override;
 
     Z_FIELDS(
         Z_FIELD(m_SocketPath).Path().Means("Where the gateway listens."),
@@ -62,7 +71,32 @@ public:
             .Means("Who may pair devices and end others' jobs; and operate. Empty: whoever may operate."),
         Z_FIELD(m_bDeveloperMode)
             .Means("For development only: people may send the messages that nodes tell each other, such as "
-                   "\"newFile\", by which a device runs any file that is named. Told at every start."))
+                   "\"newFile\", by which a device runs any file that is named. Told at every start."),
+        Z_FIELD(m_Listen)
+            .Checked(&gateway::CanListenAt, "an address with its port, as \"127.0.0.1:8080\" or \"[::1]:8080\"",
+                     "^([0-9.]+|\\[[0-9A-Fa-f:.]+\\]):[1-9][0-9]{0,4}$")
+            .OrEmpty()
+            .Means("Where the gateway listens on the network, beside its socket. Empty: nowhere. Without "
+                   "\"certificateFile\" only this machine's own addresses (127.0.0.1, ::1).",
+                   "\"127.0.0.1:8080\""),
+        Z_FIELD(m_TokenFile)
+            .Path()
+            .OrEmpty()
+            .Means("Who may ask there: lines \"NAME ROLE TOKEN\" (docs/operations.md, \"Over the network\"), in a file "
+                   "that only its owner may use.",
+                   "\"/etc/arbor/tokens\""),
+        Z_FIELD(m_CertificateFile)
+            .Path()
+            .OrEmpty()
+            .Means("TLS: the certificate, with those that lead to its root (PEM). Empty: without TLS."),
+        Z_FIELD(m_PrivateKeyFile)
+            .Path()
+            .OrEmpty()
+            .Means("TLS: the certificate's key, without a password, in a file that only its owner may use (PEM)."),
+        Z_FIELD(m_HostNames)
+            .Checked(&gateway::HostNames::IsName, "a host's name, without a port")
+            .Means("The names by which this device is asked there, beside the address itself and \"localhost\".",
+                   "[\"device.example\"]"))
 };
 
 /// The graph's door for people and their tools: requests and notifications of the bus over HTTP on a UNIX socket, what

@@ -1,6 +1,7 @@
 #include "GatewayFixture.h"
 
 #include <httplib.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -31,6 +32,16 @@ RawClient::RawClient(const std::filesystem::path& socket, const std::string& fir
     Send(firstBytes);
 }
 
+RawClient::RawClient(std::uint16_t port, const std::string& firstBytes)
+    : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), m_isByNetwork(true) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::connect(m_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << port;
+    Send(firstBytes);
+}
+
 void RawClient::Send(const std::string& bytes) const {
     for (std::size_t sent = 0; sent < bytes.size();) {
         const ssize_t count = ::send(m_socket.Get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -44,8 +55,10 @@ void RawClient::Send(const std::string& bytes) const {
 bool RawClient::Receive() {
     pollfd entry{m_socket.Get(), POLLIN, 0};
     char bytes[16 * 1024];
+    errno = 0;
     const ssize_t count = ::poll(&entry, 1, 30'000) > 0 ? ::recv(m_socket.Get(), bytes, sizeof bytes, 0) : -1;
     m_received.append(bytes, count > 0 ? static_cast<std::size_t>(count) : 0);
+    m_hasEnded = count == 0 || (count < 0 && errno == ECONNRESET);
     return count > 0;
 }
 
@@ -72,6 +85,9 @@ void RawClient::ReadAll() {
 
 bool RawClient::WaitForEnd() {
     ReadAll();
+    if (m_isByNetwork) {
+        return m_hasEnded;
+    }
     // The server ends its sending side before it closes: the hang-up may come a little later than the last byte.
     pollfd entry{m_socket.Get(), 0, 0};
     return ::poll(&entry, 1, 30'000) > 0;

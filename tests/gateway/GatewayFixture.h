@@ -21,6 +21,8 @@ struct Reply {
 class RawClient {
 public:
     RawClient(const std::filesystem::path& socket, const std::string& firstBytes);
+    /// To that port of this machine.
+    RawClient(std::uint16_t port, const std::string& firstBytes);
     void Send(const std::string& bytes) const;
     /// Reads until `count` occurrences of `text` have come. False at the stream's end or when none comes for long.
     bool WaitFor(const std::string& text, std::size_t count = 1);
@@ -36,6 +38,8 @@ public:
 private:
     bool Receive();
     ZFileDescriptor m_socket;
+    bool m_isByNetwork = false;
+    bool m_hasEnded = false;
     std::string m_received;
 };
 

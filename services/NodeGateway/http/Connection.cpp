@@ -1,11 +1,9 @@
 #include "http/Connection.h"
 
-#include <boost/asio/write.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/status.hpp>
-#include <charconv>
 
 #include "http/GatewayLog.h"
 #include "http/Problem.h"
@@ -20,8 +18,9 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
+constexpr std::string_view kTooManyConnections = "As many connections as are allowed are open";
+constexpr std::string_view kTooMuchHeld = "As much as may be held at once is being sent; try again";
 constexpr std::string_view kLineEnd = "\r\n";
-constexpr std::string_view kLastChunk = "0\r\n\r\n";
 
 asio::const_buffer Bytes(std::string_view text) {
     return {text.data(), text.size()};
@@ -49,12 +48,32 @@ HttpResponse Guarded(HttpHandler& handler, const HttpRequest& request) {
 
 }  // namespace
 
-Connection::Connection(ServerState& server, Socket socket, std::shared_ptr<const Peer> peer, UserShares& share)
-    : m_server(server), m_peer(std::move(peer)), m_share(share), m_stream(std::move(socket)) {}
+Connection::Connection(ServerState& server, ByteStream stream, std::shared_ptr<const Peer> peer, UserShares& share,
+                       NetworkDoor* door)
+    : m_server(server), m_door(door), m_peer(std::move(peer)), m_share(&share), m_stream(std::move(stream)) {}
+
+void Connection::Start() {
+    if (m_stream.Encrypted() == nullptr) {
+        ReadHead();
+        return;
+    }
+    LimitTime(limits::kStrangerTime);
+    m_stream.Encrypted()->async_handshake(asio::ssl::stream_base::server, [self = shared_from_this()](Error error) {
+        if (self->m_state == State::Closed) {
+            return;
+        }
+        if (error) {
+            self->m_door->OnHandshakeFailed(*self->m_peer, error);
+            self->Close();
+            return;
+        }
+        self->ReadHead();
+    });
+}
 
 void Connection::TurnAway() {
     m_restUnread = true;
-    Answer(Problem(503, "As many connections as are allowed are open"));
+    Answer(Problem(503, kTooManyConnections));
 }
 
 void Connection::Close() {
@@ -63,13 +82,13 @@ void Connection::Close() {
     }
     m_state = State::Closed;
     ReturnCharge();
-    m_share.Return(m_peer->user);
-    m_keepAlive.reset();
+    m_share->Return(m_peer->account);
+    m_timer.reset();
     m_response.reset();
     Error ignored;
     // Reaches the other side even when a child process holds a copy of the descriptor.
-    m_stream.socket().shutdown(Socket::shutdown_both, ignored);
-    m_stream.close();
+    m_stream.Transport().shutdown(ByteStream::Socket::shutdown_both, ignored);
+    m_stream.OnTheWay().close();
     m_server.open.erase(shared_from_this());
 }
 
@@ -93,7 +112,7 @@ void Connection::ReadHead() {
     m_parser->header_limit(static_cast<std::uint32_t>(limits::kHead));
     m_parser->body_limit(boost::none);  // is known once the path is
     m_buffer.max_size(limits::kBuffer);
-    m_stream.expires_after(limits::kHeadTime);
+    LimitTime(IsStranger() ? limits::kStrangerTime : limits::kHeadTime);
     ContinueHead();
 }
 
@@ -108,7 +127,7 @@ void Connection::OnHead(Error error) {
     }
     if (error == http::error::buffer_overflow && m_buffer.max_size() < limits::kHead) {
         if (!Charge(limits::kHead)) {
-            Refuse(503, "As much as may be held at once is being sent; try again");
+            Refuse(503, kTooMuchHeld);
             return;
         }
         m_buffer.max_size(limits::kHead);
@@ -122,6 +141,9 @@ void Connection::OnHead(Error error) {
     const auto& head = m_parser->get();
     m_request->method = head.method_string();
     m_last = --m_requestsLeft <= 0 || !head.keep_alive();
+    if (m_door != nullptr && !PassesDoor()) {
+        return;
+    }
     if (head.target().size() > limits::kTarget) {
         Refuse(414, "The address is longer than " + std::to_string(limits::kTarget) + " bytes");
         return;
@@ -138,6 +160,52 @@ void Connection::OnHead(Error error) {
     // Everything else is answered without looking at its body.
     m_restUnread = HasBody();
     Work();
+}
+
+/// Each request anew: what passes a connection on may do so for several.
+bool Connection::PassesDoor() {
+    auto verdict = m_door->Judge(m_parser->get(), *m_peer);
+    if (verdict.token != nullptr) {
+        return TakeSeat(*verdict.token);
+    }
+    m_restUnread = true;
+    m_response = std::move(verdict.refusal);
+    if (verdict.delay.count() == 0) {
+        Answer(std::move(*m_response));
+        return false;
+    }
+    m_state = State::Working;
+    WakeAt(Clock::now() + verdict.delay, [](Connection& self) {
+        if (self.m_state == State::Working) {
+            self.Answer(std::move(*self.m_response));
+        }
+    });
+    return false;
+}
+
+/// From now on it is the token's connection.
+bool Connection::TakeSeat(const Token& token) {
+    auto peer = std::make_shared<Peer>(*m_peer);
+    peer->account = "token " + token.name;
+    peer->token = token;
+    if (peer->account == m_peer->account) {
+        return true;
+    }
+    if (!m_server.connections.Take(peer->account)) {
+        Refuse(503, kTooManyConnections);
+        return false;
+    }
+    const std::size_t charged = m_charged;
+    ReturnCharge();
+    m_share->Return(m_peer->account);
+    m_share = &m_server.connections;
+    m_peer = std::move(peer);
+    m_request->peer = m_peer;
+    if (!Charge(charged)) {
+        Refuse(503, kTooMuchHeld);
+        return false;
+    }
+    return true;
 }
 
 bool Connection::IsWellFramed() const {
@@ -160,14 +228,14 @@ void Connection::PrepareBody() {
     }
     // Before anything of it is read: a body in chunks may become as large as it likes.
     if (!Charge(size)) {
-        Refuse(503, "As much as may be held at once is being sent; try again");
+        Refuse(503, kTooMuchHeld);
         return;
     }
     m_parser->body_limit(limit);
     m_buffer.reserve(std::min<std::size_t>(size, m_buffer.max_size()));
     m_parser->eager(true);
     m_bodyDeadline = Clock::now() + limits::kBodyTime;
-    m_stream.expires_after(limits::kSilence);
+    LimitTime(limits::kSilence);
     if (HasBody() && beast::iequals(m_parser->get()[http::field::expect], "100-continue")) {
         asio::async_write(m_stream, Bytes(kContinue), [self = shared_from_this()](Error error, std::size_t) {
             error ? self->Close() : self->ReadBody();
@@ -186,7 +254,7 @@ void Connection::ReadBody() {
         Work();
         return;
     }
-    m_stream.expires_at(std::min(m_bodyDeadline, Clock::now() + limits::kSilence));
+    m_stream.OnTheWay().expires_at(std::min(m_bodyDeadline, Clock::now() + limits::kSilence));
     http::async_read_some(m_stream, m_buffer, *m_parser,
                           [self = shared_from_this()](Error error, std::size_t) { self->OnBody(error); });
 }
@@ -224,13 +292,13 @@ void Connection::Refuse(int status, std::string_view reason) {
 }
 
 bool Connection::Charge(std::size_t bytes) {
-    const bool taken = m_server.bytes.Take(m_peer->user, bytes);
+    const bool taken = m_server.bytes.Take(m_peer->account, bytes);
     m_charged += taken ? bytes : 0;
     return taken;
 }
 
 void Connection::ReturnCharge() {
-    m_server.bytes.Return(m_peer->user, std::exchange(m_charged, 0));
+    m_server.bytes.Return(m_peer->account, std::exchange(m_charged, 0));
 }
 
 // --- Answering it ---
@@ -239,7 +307,7 @@ void Connection::Work() {
     m_state = State::Working;
     m_parser.reset();
     Turn turn;
-    turn.user = m_peer->user;
+    turn.user = m_peer->account;
     turn.reads = m_request->method == "GET" || m_request->method == "HEAD";
     // Nobody else looks at the request and the answer meanwhile.
     turn.work = [self = shared_from_this()] { self->m_response = Guarded(self->m_server.handler, *self->m_request); };
@@ -270,16 +338,6 @@ void Connection::Answer(HttpResponse response) {
         m_response->stream.reset();
     }
     Write(parts, [](Connection& self, Error error) { self.OnAnswered(error); });
-}
-
-template <typename Buffers, typename Next>
-void Connection::Write(const Buffers& buffers, Next next) {
-    m_stream.expires_after(limits::kAnswerTime);
-    asio::async_write(m_stream, buffers, [self = shared_from_this(), next](Error error, std::size_t) {
-        if (self->m_state != State::Closed) {
-            next(*self, error);
-        }
-    });
 }
 
 std::string Connection::Head() const {
@@ -315,7 +373,7 @@ void Connection::OnAnswered(Error error) {
         StartStream();
     } else if (m_response->stream) {
         EndStream();
-    } else if (m_restUnread) {
+    } else if (m_restUnread || (m_last && m_stream.Encrypted() != nullptr)) {
         Leave();
     } else if (m_last) {
         Close();
@@ -330,131 +388,35 @@ void Connection::Leave() {
     m_state = State::Reading;
     ReturnCharge();
     m_response.reset();
+    LimitTime(limits::kRestTime);
+    if (m_stream.Encrypted() == nullptr) {
+        EndSending();
+        return;
+    }
+    // Says that this is the end, which nobody could say in its place.
+    m_stream.Encrypted()->async_shutdown([self = shared_from_this()](Error) {
+        if (self->m_state != State::Closed) {
+            self->EndSending();
+        }
+    });
+}
+
+void Connection::EndSending() {
     Error ignored;
-    m_stream.socket().shutdown(Socket::shutdown_send, ignored);
-    m_stream.expires_after(limits::kRestTime);
+    m_stream.Transport().shutdown(ByteStream::Socket::shutdown_send, ignored);
     SwallowRest();
 }
 
 void Connection::SwallowRest() {
     m_buffer.clear();
-    m_stream.async_read_some(m_buffer.prepare(limits::kBuffer), [self = shared_from_this()](Error error, std::size_t) {
-        if (error) {
-            self->Close();
-        } else if (self->m_state != State::Closed) {
-            self->SwallowRest();
-        }
-    });
-}
-
-// --- An answer that goes on ---
-
-void Connection::StartStream() {
-    m_state = State::Streaming;
-    m_request.reset();
-    m_head = {};
-    m_buffer = {};
-    m_stream.socket().non_blocking(true);
-    m_lastSent = Clock::now();
-    m_keepAlive.emplace(m_server.io.get_executor());
-    ScheduleKeepAlive(m_lastSent);
-    // Waits for nothing but the end: that the other side has gone is always reported.
-    m_stream.socket().async_wait(Socket::wait_error, [self = shared_from_this()](Error) { self->Close(); });
-    Continue();
-}
-
-void Connection::ScheduleKeepAlive(Clock::time_point silentSince) {
-    m_keepAlive->expires_at(silentSince + limits::kKeepAliveAfter);
-    m_keepAlive->async_wait([self = shared_from_this()](Error error) {
-        if (!error && self->m_state == State::Streaming) {
-            self->KeepAlive();
-        }
-    });
-}
-
-void Connection::KeepAlive() {
-    const auto now = Clock::now();
-    if (!m_sending && m_lastSent + limits::kKeepAliveAfter <= now) {
-        m_pieces.push_back(std::make_shared<const std::string>(m_response->stream->KeepAlive()));
-        SendPieces();
-    }
-    if (m_state == State::Streaming) {
-        ScheduleKeepAlive(m_sending ? now : m_lastSent);
-    }
-}
-
-void Connection::Continue() {
-    while (m_state == State::Streaming && !m_sending) {
-        if (!m_response->stream->Take(m_pieces)) {
-            EndStream();
-        } else if (m_pieces.empty()) {
-            return;
-        } else {
-            SendPieces();
-        }
-    }
-    if (m_state == State::Streaming && !m_response->stream->GoesOn()) {
-        Close();
-    }
-}
-
-/// One chunk of the answer, without a copy of what all streams send alike.
-void Connection::SendPieces() {
-    std::size_t size = 0;
-    m_buffers.assign(1, {});
-    for (const auto& piece : m_pieces) {
-        m_buffers.push_back(Bytes(*piece));
-        size += piece->size();
-    }
-    m_buffers.push_back(Bytes(kLineEnd));
-    std::array<char, 2 * sizeof size> digits{};
-    const char* const end = std::to_chars(digits.data(), digits.data() + digits.size(), size, 16).ptr;
-    m_head.assign(std::string_view(digits.data(), end)).append(kLineEnd);
-    m_buffers.front() = Bytes(m_head);
-    m_lastSent = Clock::now();
-    SendBuffers();
-}
-
-void Connection::SendBuffers() {
-    // Most often the system takes all at once: what waiting costs is for when it does not.
-    Error error;
-    std::size_t sent = m_stream.socket().write_some(m_buffers, error);
-    if (error && error != asio::error::would_block) {
-        Close();
-        return;
-    }
-    while (!m_buffers.empty() && sent >= m_buffers.front().size()) {
-        sent -= m_buffers.front().size();
-        m_buffers.erase(m_buffers.begin());
-    }
-    if (m_buffers.empty()) {
-        m_pieces.clear();
-        return;
-    }
-    m_buffers.front() += sent;
-    m_sending = true;
-    Write(m_buffers, [](Connection& self, Error failure) { self.OnSent(failure); });
-}
-
-void Connection::OnSent(Error error) {
-    m_sending = false;
-    m_pieces.clear();
-    if (error == beast::error::timeout) {
-        m_response->stream->OnTooSlow();
-    }
-    if (error) {
-        Close();
-    } else if (m_server.stopping) {
-        EndStream();
-    } else {
-        Continue();
-    }
-}
-
-void Connection::EndStream() {
-    m_state = State::Answering;
-    m_response->stream.reset();
-    Write(Bytes(kLastChunk), [](Connection& self, Error) { self.Close(); });
+    m_stream.OnTheWay().async_read_some(m_buffer.prepare(limits::kBuffer),
+                                        [self = shared_from_this()](Error error, std::size_t) {
+                                            if (error) {
+                                                self->Close();
+                                            } else if (self->m_state != State::Closed) {
+                                                self->SwallowRest();
+                                            }
+                                        });
 }
 
 }  // namespace gateway

@@ -1,16 +1,17 @@
 #pragma once
 
 #include <boost/asio/basic_waitable_timer.hpp>
-#include <boost/asio/local/stream_protocol.hpp>
-#include <boost/beast/core/basic_stream.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <optional>
 #include <set>
 
+#include "http/ByteStream.h"
 #include "http/HttpMessage.h"
 #include "http/Limits.h"
+#include "http/NetworkDoor.h"
 #include "http/Turns.h"
 #include "http/UserShares.h"
 
@@ -26,7 +27,8 @@ struct ServerState {
     HttpHandler& handler;
     boost::asio::io_context io{1};
     UserShares connections;
-    UserShares refused{limits::kRefused};  // connections that are only told so
+    UserShares refused{limits::kRefused};      // connections that are only told so
+    UserShares strangers{limits::kStrangers};  // likewise over the network, before their first token
     UserShares bytes{limits::kBytes};
     Turns turns{io};
     std::set<std::shared_ptr<Connection>> open;  // whoever is in it lives
@@ -37,14 +39,12 @@ struct ServerState {
 /// a limit is over, or the server stops. Belongs to the server's thread; only the handler's call runs on another one.
 class Connection : public std::enable_shared_from_this<Connection> {
 public:
-    using Protocol = boost::asio::local::stream_protocol;
-    using Executor = boost::asio::io_context::executor_type;
-    using Socket = boost::asio::basic_stream_socket<Protocol, Executor>;
+    /// `share` is where it was counted, and is given back at its end. `door` is the one by which it came; null: that of
+    /// this system's users.
+    Connection(ServerState& server, ByteStream stream, std::shared_ptr<const Peer> peer, UserShares& share,
+               NetworkDoor* door);
 
-    /// `share` is where it was counted, and is given back at its end.
-    Connection(ServerState& server, Socket socket, std::shared_ptr<const Peer> peer, UserShares& share);
-
-    void Start() { ReadHead(); }
+    void Start();
     /// In place of Start: its user has as many as allowed.
     void TurnAway();
     /// A stream may have something to send.
@@ -63,10 +63,12 @@ private:
     void ReadHead();
     void ContinueHead();
     void OnHead(Error error);
+    bool IsStranger() const { return m_door != nullptr && !m_peer->token; }
+    bool PassesDoor();
+    bool TakeSeat(const Token& token);
     bool IsWellFramed() const;
     bool HasBody() const;
     void PrepareBody();
-    void InviteBody();
     void ReadBody();
     void OnBody(Error error);
     void OnUnreadable(Error error);
@@ -79,9 +81,11 @@ private:
     std::string Head() const;
     void OnAnswered(Error error);
     void Leave();
+    void EndSending();
     void SwallowRest();
 
     void StartStream();
+    void WatchForEnd();
     void ScheduleKeepAlive(Clock::time_point silentSince);
     void KeepAlive();
     void SendPieces();
@@ -89,20 +93,28 @@ private:
     void OnSent(Error error);
     void EndStream();
 
+    /// For what is read or written next.
+    void LimitTime(std::chrono::seconds time) { m_stream.OnTheWay().expires_after(time); }
+    /// Does something then, unless the connection ends before, or wants something else.
+    template <typename Then>
+    void WakeAt(Clock::time_point time, Then then);
     /// Sends the buffers, within the time for an answer, and goes on with `next(error)`.
     template <typename Buffers, typename Next>
     void Write(const Buffers& buffers, Next next);
 
     ServerState& m_server;
-    const std::shared_ptr<const Peer> m_peer;
-    UserShares& m_share;
-    boost::beast::basic_stream<Protocol, Executor> m_stream;
+    NetworkDoor* const m_door;
+    std::shared_ptr<const Peer> m_peer;
+    UserShares* m_share;
+    ByteStream m_stream;
     State m_state = State::Reading;
     std::size_t m_charged = 0;
 
     boost::beast::flat_buffer m_buffer;
     std::optional<Parser> m_parser;
     Clock::time_point m_bodyDeadline;
+    std::optional<boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>, ByteStream::Executor>>
+        m_timer;
     std::optional<HttpRequest> m_request;
     int m_requestsLeft = limits::kRequestsOfOneConnection;
     bool m_last = false;        // no further request is read after this one's answer
@@ -113,8 +125,27 @@ private:
     HttpStream::Pieces m_pieces;  // under way
     std::vector<boost::asio::const_buffer> m_buffers;
     Clock::time_point m_lastSent;
-    std::optional<boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>, Executor>> m_keepAlive;
     bool m_sending = false;
 };
+
+template <typename Then>
+void Connection::WakeAt(Clock::time_point time, Then then) {
+    m_timer.emplace(m_server.io.get_executor(), time);
+    m_timer->async_wait([self = shared_from_this(), then](Error error) {
+        if (!error && self->m_state != State::Closed) {
+            then(*self);
+        }
+    });
+}
+
+template <typename Buffers, typename Next>
+void Connection::Write(const Buffers& buffers, Next next) {
+    LimitTime(limits::kAnswerTime);
+    boost::asio::async_write(m_stream, buffers, [self = shared_from_this(), next](Error error, std::size_t) {
+        if (self->m_state != State::Closed) {
+            next(*self, error);
+        }
+    });
+}
 
 }  // namespace gateway

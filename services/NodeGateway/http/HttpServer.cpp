@@ -6,14 +6,14 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
-#include <cerrno>
 #include <future>
 #include <thread>
 
 #include "ZShared/ZScopeEnd.h"
 #include "http/Connection.h"
 #include "http/GatewayLog.h"
+#include "http/Listener.h"
+#include "http/NetworkDoor.h"
 
 namespace gateway {
 
@@ -27,22 +27,24 @@ struct HttpServer::Impl {
           streamsReady(ready) {}
 
     void Run();
-    void AwaitConnections();
-    void Accept();
-    void RetryLater();
-    void Serve(ZFileDescriptor socket);
+    ZResult<void> Listen();
+    void ServeUser(ZFileDescriptor socket);
+    void ServeStranger(ZFileDescriptor socket);
+    std::shared_ptr<Connection> Made(ZFileDescriptor socket, const Peer& peer, UserShares& share, NetworkDoor* entered);
     void AwaitStreams();
     void StopListening();
     void CloseAll();
 
     const HttpServerSettings settings;
     SocketFile file;
+    std::unique_ptr<NetworkDoor> door;  // null: only users of this system are served
     ServerState state;
     ZWakeUp& streamsReady;
     asio::executor_work_guard<asio::io_context::executor_type> guard{state.io.get_executor()};
-    asio::posix::stream_descriptor listener{state.io};
+    Listener users{state.io, settings.path, [this](ZFileDescriptor socket) { ServeUser(std::move(socket)); }};
+    Listener network{state.io, settings.network.value_or(NetworkSettings()).listen,
+                     [this](ZFileDescriptor socket) { ServeStranger(std::move(socket)); }};
     asio::posix::stream_descriptor wake{state.io};  // a second descriptor of streamsReady's
-    asio::steady_timer retry{state.io};
     std::thread thread;
 };
 
@@ -57,55 +59,35 @@ void HttpServer::Impl::Run() {
     }
 }
 
-void HttpServer::Impl::AwaitConnections() {
-    listener.async_wait(asio::posix::stream_descriptor::wait_read, [this](const boost::system::error_code& failure) {
-        if (!failure && !state.stopping) {
-            Accept();
-        }
-    });
-}
-
-// By hand: no child that is started meanwhile may get a copy of the descriptor.
-void HttpServer::Impl::Accept() {
-    while (true) {
-        ZFileDescriptor socket(::accept4(listener.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (socket) {
-            Serve(std::move(socket));
-        } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            RetryLater();
-            return;
-        } else if (errno != ECONNABORTED && errno != EINTR) {
-            AwaitConnections();
-            return;
-        }
-    }
-}
-
-void HttpServer::Impl::RetryLater() {
-    Z_LOG(4, "No connections are accepted on %s; trying again", settings.path);
-    retry.expires_after(limits::kRetryAfter);
-    retry.async_wait([this](const boost::system::error_code& failure) {
-        if (!failure && !state.stopping) {
-            Accept();
-        }
-    });
-}
-
-void HttpServer::Impl::Serve(ZFileDescriptor socket) {
+void HttpServer::Impl::ServeUser(ZFileDescriptor socket) {
     const auto peer = PeerOf(socket.Get(), settings.groups);
     if (!peer) {
         return;
     }
-    const bool welcome = state.connections.Take(peer->user);
-    if (!welcome && !state.refused.Take(peer->user)) {
+    const bool welcome = state.connections.Take(peer->account);
+    if (!welcome && !state.refused.Take(peer->account)) {
         return;
     }
-    Connection::Socket stream(state.io.get_executor());
-    stream.assign(Connection::Protocol(), socket.Release());
-    const auto connection = std::make_shared<Connection>(state, std::move(stream), std::make_shared<const Peer>(*peer),
-                                                         welcome ? state.connections : state.refused);
-    state.open.insert(connection);
+    const auto connection = Made(std::move(socket), *peer, welcome ? state.connections : state.refused, nullptr);
     welcome ? connection->Start() : connection->TurnAway();
+}
+
+void HttpServer::Impl::ServeStranger(ZFileDescriptor socket) {
+    const auto peer = NetworkDoor::StrangerOf(socket.Get());
+    if (peer && state.strangers.Take(peer->account)) {
+        Made(std::move(socket), *peer, state.strangers, door.get())->Start();
+    }
+}
+
+std::shared_ptr<Connection> HttpServer::Impl::Made(ZFileDescriptor socket, const Peer& peer, UserShares& share,
+                                                   NetworkDoor* entered) {
+    ByteStream::Socket stream(state.io.get_executor());
+    stream.assign(ByteStream::Protocol(entered == nullptr ? AF_UNIX : AF_INET, 0), socket.Release());
+    auto connection = std::make_shared<Connection>(
+        state, ByteStream(std::move(stream), entered == nullptr ? nullptr : entered->Tls()),
+        std::make_shared<const Peer>(peer), share, entered);
+    state.open.insert(connection);
+    return connection;
 }
 
 void HttpServer::Impl::AwaitStreams() {
@@ -124,9 +106,9 @@ void HttpServer::Impl::AwaitStreams() {
 
 void HttpServer::Impl::StopListening() {
     state.stopping = true;
-    listener.close();
+    users.Close();
+    network.Close();
     wake.close();
-    retry.cancel();
     for (const auto& connection : std::vector(state.open.begin(), state.open.end())) {
         connection->Finish();
     }
@@ -147,15 +129,34 @@ HttpServer::~HttpServer() {
     Stop();
 }
 
-ZResult<void> HttpServer::Start() {
-    auto listener = m_impl->file.Listen(m_impl->settings.access);
-    if (!listener) {
-        return listener.error();
+ZResult<void> HttpServer::Impl::Listen() {
+    if (settings.network) {
+        const std::string where = settings.network->listen + " (\"listen\")";
+        auto opened = NetworkDoor::Open(*settings.network);
+        if (!opened) {
+            return opened.error().In(where);
+        }
+        door = std::move(*opened);
+        auto socket = door->Listen();
+        if (!socket) {
+            return socket.error().In(where);
+        }
+        network.Start(std::move(*socket));
     }
+    auto socket = file.Listen(settings.access);
+    if (!socket) {
+        return socket.error().In(settings.path + " (\"socketPath\")");
+    }
+    users.Start(std::move(*socket));
+    return {};
+}
+
+ZResult<void> HttpServer::Start() {
     try {
-        m_impl->listener.assign(listener->Release());
+        if (auto listens = m_impl->Listen(); !listens) {
+            return listens;
+        }
         m_impl->wake.assign(::fcntl(m_impl->streamsReady.Descriptor(), F_DUPFD_CLOEXEC, 0));
-        m_impl->AwaitConnections();
         m_impl->AwaitStreams();
         m_impl->thread = std::thread([impl = m_impl.get()] { impl->Run(); });
     } catch (const std::exception& failure) {

@@ -13,14 +13,19 @@ constexpr std::size_t kTarget = 8192;                   // of a request's addres
 constexpr std::size_t kPath = 256;                      // a longer one names nothing: its body is not read
 constexpr std::size_t kBuffer = std::size_t{8} * 1024;  // what a connection may keep without asking
 
-constexpr std::size_t kConnections = 256;  // beside those of streams
-constexpr std::size_t kRefused = 64;       // connections beyond these that are told so; more are closed at once
+constexpr std::size_t kConnections = 256;     // beside those of streams
+constexpr std::size_t kRefused = 64;          // connections beyond these that are told so; more are closed at once
+constexpr std::size_t kStrangers = 64;        // connections over the network that have shown no token yet
+constexpr unsigned kWrongTokens = 5;          // that one address may show in a second before it has to wait
+constexpr std::size_t kAddressesKept = 1024;  // of those who showed a wrong token
 constexpr std::size_t kBytes = std::size_t{8} * 1024 * 1024;  // heads, bodies and answers that are held at once
 constexpr std::size_t kReaders = 8;                           // requests that are served at once: GET and HEAD
 constexpr std::size_t kAskers = 8;                            // likewise: all others
 constexpr int kRequestsOfOneConnection = 100;
 
 constexpr auto kHeadTime = seconds(10);        // from an answer, or the connection's begin, until a whole head is there
+constexpr auto kStrangerTime = seconds(5);     // likewise, and for the handshake, of one that has shown no token yet
+constexpr auto kWrongTokenDelay = seconds(1);  // until the answer to one too many
 constexpr auto kBodyTime = seconds(30);        // from the head until the whole body is there
 constexpr auto kSilence = seconds(10);         // within a body
 constexpr auto kTurnTime = seconds(5);         // that a request waits to be served

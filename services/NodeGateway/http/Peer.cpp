@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 
 namespace gateway {
@@ -28,6 +29,11 @@ std::optional<std::vector<gid_t>> GroupsOf(int socket) {
 
 }  // namespace
 
+const char* RoleName(Role role) {
+    constexpr std::array<const char*, 4> kNames{"look", "operate", "administer", "nodes"};
+    return kNames.at(static_cast<std::size_t>(role));
+}
+
 bool Peer::IsIn(gid_t group) const {
     return std::ranges::find(groups, group) != groups.end();
 }
@@ -38,7 +44,10 @@ std::optional<Peer> PeerOf(int socket, std::span<const gid_t> groups) {
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
         return std::nullopt;
     }
-    Peer peer{credentials.uid, credentials.pid, {}};
+    Peer peer;
+    peer.account = std::to_string(credentials.uid);
+    peer.user = credentials.uid;
+    peer.process = credentials.pid;
     if (groups.empty()) {
         return peer;
     }

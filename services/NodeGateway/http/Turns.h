@@ -13,7 +13,7 @@ namespace gateway {
 
 /// Work that waits for a thread of the pool.
 struct Turn {
-    uid_t user = 0;
+    std::string user;                  // Peer::account
     bool reads = false;                // of those turns that are kept for reading
     std::function<void()> work;        // on a thread of the pool; must not throw
     std::function<void(bool)> onDone;  // on the server's thread; false: it was not worked on

@@ -2,7 +2,7 @@
 
 namespace gateway {
 
-bool UserShares::Take(uid_t user, std::size_t count) {
+bool UserShares::Take(const std::string& user, std::size_t count) {
     if (count == 0) {
         return true;
     }
@@ -17,7 +17,7 @@ bool UserShares::Take(uid_t user, std::size_t count) {
     return true;
 }
 
-void UserShares::Return(uid_t user, std::size_t count) {
+void UserShares::Return(const std::string& user, std::size_t count) {
     if (count == 0) {
         return;
     }
