@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <mutex>
 
 #include "ShellText.h"
 #include "ZShared/ZFileDescriptor.h"
@@ -28,8 +29,8 @@ constexpr const char* kMostFiles = "64";
 constexpr const char* kScratch = "16777216";  // bytes
 
 /// Which calls are refused: those that make namespaces, in which somebody without privileges has all of them over parts
-/// of the kernel that only the privileged usually reach, and those that look into other processes. In the form that the
-/// kernel takes; none where the library can't make it.
+/// of the kernel that only the privileged usually reach, and some of those that look into other processes. In the form
+/// that the kernel takes; none where the library can't make it.
 ZFileDescriptor MakeFilter() {
     const std::unique_ptr<void, decltype(&::seccomp_release)> filter(::seccomp_init(SCMP_ACT_ALLOW),
                                                                      &::seccomp_release);
@@ -50,9 +51,14 @@ ZFileDescriptor MakeFilter() {
     return made ? std::move(file) : ZFileDescriptor();
 }
 
-/// Where the shell finds the filter; empty when there is none, which bubblewrap then complains of.
+/// Where the shell finds the filter; empty when there is none, and then the command is not run.
 std::string FilterPath() {
-    static const ZFileDescriptor filter = MakeFilter();
+    static std::mutex mutex;
+    static ZFileDescriptor filter;
+    const std::lock_guard lock(mutex);
+    if (!filter) {
+        filter = MakeFilter();
+    }
     return filter ? "/proc/" + std::to_string(::getpid()) + "/fd/" + std::to_string(filter.Get()) : "";
 }
 

@@ -104,7 +104,9 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
     if (m_trust.IsOn()) {
         auto approved = Approve(file, check.Left());
         if (!approved) {
-            Z_LOG(4, "Verification failed on %s: %s", path, approved.error().text);
+            if (!operation.CancelReason()) {
+                Z_LOG(4, "Verification failed on %s: %s", path, approved.error().text);
+            }
             Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, approved.error().text,
                    operation);
             return false;
@@ -155,6 +157,15 @@ bool ZNodeArborInstall::FinishCheck(const PackageCheck& check, const ZSoftwareVe
                "it went away while it was checked", check.operation);
         return true;
     }
+    // Another trust document may have come into force meanwhile, when this one was not known yet.
+    if (const auto good =
+            check.approved ? m_trust.Judge(check.approved->package, ToStdString(m_board)) : ZResult<void>();
+        !good) {
+        Z_LOG(4, "Verification failed on %s: %s", path, good.error().text);
+        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, good.error().text,
+               check.operation);
+        return false;
+    }
     check.operation.Succeed();
     return true;
 }
@@ -163,8 +174,12 @@ void ZNodeArborInstall::Refuse(std::shared_ptr<ZMessageArray>& results, const ZS
                                ZFrameworkErrorCodes::ZErrorCode code, const std::string& reason,
                                ZOperation& operation) {
     const ZString path = ToZString(file.string());
-    AddInvalidPackage(results, version, path, code);
-    if (const auto why = operation.CancelReason()) {
+    const auto why = operation.CancelReason();
+    // Under a policy nothing is told of a file about which nothing was found out.
+    if (!why || !m_trust.IsOn()) {
+        AddInvalidPackage(results, version, path, code);
+    }
+    if (why) {
         operation.Cancel(ToZString("cancelled " + *why));
         return;  // nothing was found out about the file
     }

@@ -13,7 +13,7 @@ inline constexpr const char* kInstallersArchive = "/media/mmcblk1p3/Packages";
 /// How long a drive may take to give what is read of a file at once.
 inline constexpr auto kReadPatience = std::chrono::seconds(5);
 
-/// How long for all of a package, where that is needed while somebody waits for the install to begin.
+/// How long at least for all of a package, where that is needed.
 inline constexpr auto kCopyPatience = std::chrono::seconds(20);
 
 /// Whether somebody may run a file with these permissions.

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "PackageFiles.h"
 #include "ShellText.h"
 #include "ZShared/ZDeadline.h"
 #include "ZShared/ZFileSnapshot.h"
@@ -29,9 +31,13 @@ constexpr const char* kOpened = "/proc/self/fd/8";  // by the shell, for what ru
 constexpr auto kInvalid = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
 
 constexpr auto kTryLimit = std::chrono::seconds(10);
-// Whether all certificates in the folder can be read.
+// Whether what says who is trusted can be read: the trust documents, or the certificates where there are none.
 constexpr const char* kCanRead =
-    R"(ls "$0" > /dev/null && for file in "$0"/*.pem "$0"/*.crt; do [ ! -e "$file" ] || cat "$file" > /dev/null || exit 1; done)";
+    R"(ls "$0" > /dev/null || exit 1
+       for file in "$0"/arbor-trust.json "$1"/arbor-trust.json; do
+           [ ! -e "$file" ] || { cat "$file" > /dev/null && there=1; } || exit 1
+       done
+       for file in "$0"/*.pem "$0"/*.crt; do [ -n "$there" ] || [ ! -e "$file" ] || cat "$file" > /dev/null || exit 1; done)";
 
 /// For everybody to read: a package looks at it as nobody.
 ZResult<void> Keep(const std::string& chain, const fs::path& folder) {
@@ -110,7 +116,7 @@ ZResult<PackageTrust::Opened> PackageTrust::Open(const fs::path& path, std::chro
     if (package.error().code != ZVerdictCode::NotPackage) {
         return ZError(package.error().sentence, kInvalid);
     }
-    return OpenWhole(path, std::move(*file), left());
+    return OpenWhole(path, std::move(*file), std::max<std::chrono::milliseconds>(left(), kCopyPatience));
 }
 
 ZResult<PackageTrust::Opened> PackageTrust::OpenWhole(const fs::path& path, ZFileSnapshot file,
@@ -121,6 +127,10 @@ ZResult<PackageTrust::Opened> PackageTrust::OpenWhole(const fs::path& path, ZFil
     if (!isFirstFormat && !signature) {
         return ZError(ZPackage::ReadSecondFormat(file.copy.Get()).error().sentence, kInvalid);
     }
+    // Strangers' files are not copied, as far as that can be told without all of them.
+    if (const auto may = isFirstFormat ? ZResult<void>() : MayBeCopied(signature->copy.Get()); !may) {
+        return may.error();
+    }
     if (m_policy.state.empty()) {
         return ZError(
             "all of it would have to be copied before it runs, and there is no place for that: TrustState is "
@@ -128,7 +138,12 @@ ZResult<PackageTrust::Opened> PackageTrust::OpenWhole(const fs::path& path, ZFil
     }
     std::error_code error;
     fs::create_directories(m_policy.state, error);
-    auto whole = CopyWhole(file, m_policy.state.string(), limit);
+    const std::lock_guard oneAtATime(*m_copying);
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now());
+    if (left <= left.zero()) {
+        return ZError("other packages were being copied, and there was no time left for this one");
+    }
+    auto whole = CopyWhole(file, m_policy.state.string(), left);
     if (!whole) {
         return whole.error();
     }
@@ -143,17 +158,27 @@ ZResult<PackageTrust::Opened> PackageTrust::OpenWhole(const fs::path& path, ZFil
     return Opened{std::move(*package), std::move(file), std::move(*whole)};
 }
 
-ZResult<PackageTrust::Approved> PackageTrust::Approve(Opened opened, const std::string& board) const {
+ZResult<void> PackageTrust::MayBeCopied(int signature) const {
+    const auto described = ZPackage::ReadSignature(signature);
+    return described ? Judge(*described, {}) : ZError(described.error().sentence, kInvalid);
+}
+
+ZResult<void> PackageTrust::Judge(const ZPackage& package, const std::string& board) const {
     const auto signers = Signers();
     if (!signers) {
         return signers.error();
     }
+    const ZTrustQuestion question{.board = board, .acceptsDevelopment = m_policy.acceptsDevelopment};
+    const ZVerdict verdict = signers->Judge(package, question);
+    return verdict.IsGood() ? ZResult<void>() : ZError(verdict.sentence, kInvalid);
+}
+
+ZResult<PackageTrust::Approved> PackageTrust::Approve(Opened opened, const std::string& board) const {
     if (board.empty()) {
         return ZError("this device's board is not known, so no package can be for it");
     }
-    const ZTrustQuestion question{.board = board, .acceptsDevelopment = m_policy.acceptsDevelopment};
-    if (const ZVerdict verdict = signers->Judge(opened.package, question); !verdict.IsGood()) {
-        return ZError(verdict.sentence, kInvalid);
+    if (const auto good = Judge(opened.package, board); !good) {
+        return good.error();
     }
     // The copy is open twice then: it says of the approved one that all of it is there.
     auto program = opened.whole ? Duplicate(opened.whole) : SealedFile(opened.package.head);
@@ -208,7 +233,8 @@ Confinement PackageTrust::Confined() const {
 
 ZResult<void> PackageTrust::CanConfine() const {
     // A package looks at the signers as well, as nobody.
-    const std::string line = Confined().CommandLine({"/bin/sh", "-c", kCanRead, m_policy.signers.string()}, kTryLimit);
+    const std::string line = Confined().CommandLine(
+        {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kTryLimit);
     std::string output;
     if (ZPlatform::ExecuteCommand(line + " 2>&1", output, kTryLimit)) {
         return {};

@@ -57,10 +57,13 @@ public:
     /// Open's.
     ZResult<Approved> Approve(Opened opened, const std::string& board) const;
 
+    /// Whether the package may run on `board` (empty: any), by who is trusted now. Its payload is not looked at.
+    ZResult<void> Judge(const ZPackage& package, const std::string& board) const;
+
     /// The shell command line that runs the package with `arguments`, apart from the system: no network, no other
     /// processes, nothing of the files but programs and libraries, nowhere to write but a small folder, no privileges;
     /// memory, processes and processor time are bounded, and all of it ends with the command. What runs are the
-    /// approved bytes, at the path of `file`.
+    /// approved bytes; those of a head at the path of `file`.
     std::string Command(const std::filesystem::path& file, const std::string& arguments, const Approved& package,
                         std::chrono::seconds limit) const;
     /// From now on commands run as this process does, with the approved bytes all the same.
@@ -71,10 +74,12 @@ public:
 
 private:
     Confinement Confined() const;
+    ZResult<void> MayBeCopied(int signature) const;
     ZResult<Opened> OpenWhole(const std::filesystem::path& file, ZFileSnapshot snapshot,
                               std::chrono::milliseconds limit) const;
 
     Policy m_policy;
     std::unique_ptr<std::mutex> m_following = std::make_unique<std::mutex>();
+    std::unique_ptr<std::mutex> m_copying = std::make_unique<std::mutex>();
     bool m_isConfined = true;
 };

@@ -13,12 +13,6 @@
 
 namespace fs = std::filesystem;
 
-namespace {
-
-// Whoever asks for an install waits for it, so a drive that is slower than this has no package.
-
-}  // namespace
-
 Z_IMPLEMENT(ZNodeArborInstall_ProcessAction)
 Z_IMPLEMENT(ZNodeArborInstall_ProgressAction)
 
@@ -137,7 +131,7 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::PackageToInstall(const fs::pa
     if (!m_trust.IsOn()) {
         return PackageTrust::Approved();
     }
-    auto approved = Approve(package, kCopyPatience);
+    auto approved = Approve(package, kReadPatience);
     const ZSoftwareVersion found(approved ? ToZString(approved->package.version) : ZString());
     if (approved && ToZString(approved->package.version) == version && IsVersionAllowed(found, package)) {
         return approved;

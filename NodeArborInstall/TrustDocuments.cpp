@@ -1,5 +1,8 @@
 #include <unistd.h>
 
+#include <algorithm>
+#include <deque>
+#include <iterator>
 #include <set>
 
 #include "PackageFiles.h"
@@ -142,21 +145,46 @@ void ZNodeArborInstall::JudgeAgain(std::shared_ptr<ZMessageArray>& results) {
     for (const auto& refused : m_refused.Copy()) {
         files.emplace(refused->m_File);
     }
-    std::vector<std::pair<std::future<bool>, std::shared_ptr<ZMessageArray>>> checks;
+    std::deque<std::pair<std::future<bool>, std::shared_ptr<ZMessageArray>>> checks;
+    const auto await = [&](std::size_t left) {
+        for (; checks.size() > left; checks.pop_front()) {
+            checks.front().first.wait();
+            for (const auto& message : checks.front().second->m_Messages) {
+                results->Add(message);
+            }
+        }
+    };
     for (const fs::path& file : files) {
-        if (const auto exists = ExistsWithin(file.string(), kReadPatience); !exists || !*exists) {
-            continue;  // its drive has gone, and what is known of it is forgotten with that
+        if (InShutdown()) {
+            break;
+        }
+        if (IsBeingChecked(file)) {
+            continue;  // its check sees the new document
         }
         const auto found = Z_MAKE(ZMessageArray);
         const ZOperationSubject subject{.kind = ZOperationKind::Check, .file = ToZString(file.string())};
         checks.emplace_back(QueueCheck(file, found, subject, nullptr).done, found);
+        await(1);  // others' need places in the queue, too
     }
-    for (auto& [done, found] : checks) {
-        done.wait();
-        for (const auto& message : found->m_Messages) {
-            results->Add(message);
-        }
-    }
+    await(0);
+    ForgetGone(files);
+}
+
+bool ZNodeArborInstall::IsBeingChecked(const fs::path& file) const {
+    const auto operations = Operations();
+    return std::ranges::any_of(operations, [&](const auto& operation) {
+        return operation->Kind() == ZOperationKind::Check && fs::path(operation->File()) == file;
+    });
+}
+
+/// What was refused because its drive went while it was checked again.
+void ZNodeArborInstall::ForgetGone(const std::set<fs::path>& files) {
+    std::set<fs::path> gone;
+    std::ranges::copy_if(files, std::inserter(gone, gone.end()), [](const fs::path& file) {
+        const auto exists = ExistsWithin(file.string(), kReadPatience);
+        return exists && !*exists;
+    });
+    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return gone.contains(fs::path(entry->m_File)); });
 }
 
 bool ZNodeArborInstall_JudgeAgainAction::Work() {

@@ -88,7 +88,8 @@ void ZNodeArborInstall_CheckFileAction::LookAt(const FolderUpdateMsg& update) {
     Z_LOG(2, "Check File: %s", file);
     const ZOperationSubject trust{.kind = ZOperationKind::Trust, .file = ToZString(file.string())};
     if (file.filename() == kTrustFileName && Node().FollowFile(file, trust, m_pMessage.get())) {
-        fs::remove(file);
+        std::error_code ignored;
+        fs::remove(file, ignored);
         return;
     }
     CheckFile(file, results);

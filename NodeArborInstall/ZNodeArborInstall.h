@@ -3,6 +3,7 @@
 #include <deque>
 #include <future>
 #include <map>
+#include <set>
 
 #include "CheckQueue.h"
 #include "InstallLife.h"
@@ -201,6 +202,8 @@ private:
     /// Puts the chain of trust documents into force; all packages are judged again then. Gives the number that is in
     /// force by it, or nothing when nothing is new.
     ZResult<std::optional<std::uint32_t>> FollowChain(const ZResult<ZTrustChain>& chain, const std::string& source);
+    bool IsBeingChecked(const std::filesystem::path& file) const;
+    void ForgetGone(const std::set<std::filesystem::path>& files);
     /// What is in the way of accepting packages; empty: nothing.
     ZString TrustProblem(const ZResult<ZTrustedSigners>& signers) const;
     /// With a trust policy: reads the file, follows its trust documents, and says whether it may run on this device.

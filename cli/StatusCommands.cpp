@@ -113,6 +113,9 @@ std::string TrustText(const json::value& status) {
         return "off: everybody's packages run";
     }
     const std::int64_t number = fields::Number(status, "trustDocument");
+    if (number == 0 && !problem.empty()) {
+        return "by " + signers + "; " + problem;
+    }
     const std::string who = number > 0 ? "trust document " + std::to_string(number) : "signers in " + signers;
     return who + (problem.empty() ? "" : "; " + problem);
 }

@@ -101,7 +101,7 @@ Result<ExitCode> ShowTrust(Session& session) {
         AddDocument(table, *answer);
         table.AddRow({"Development", fields::Flag(*answer, "development") ? "such packages are accepted"
                                                                           : "such packages are refused"});
-    } else if (!signers.empty()) {
+    } else if (!signers.empty() && fields::Text(*answer, "problem").empty()) {
         table.AddRow({"Trust document", "none: the certificates there decide"});
     }
     session.Print(*answer, table.Text());

@@ -1,6 +1,5 @@
 #include "ZMessages/ZMessage.h"
 
-
 #include <cerrno>
 #include <cstring>
 #include <fstream>

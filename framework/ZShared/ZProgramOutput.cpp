@@ -14,6 +14,7 @@
 #include <cstring>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -39,6 +40,14 @@ struct Line {
 
     static constexpr std::size_t kWithoutText = sizeof(pid_t) + 64;
 };
+
+/// Where that is allowed: a lack of memory is to end others first, or the program would be ended by its next line.
+void Outlast() {
+    constexpr std::string_view kNever = "-1000";
+    const int file = ::open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC);
+    static_cast<void>(::write(file, kNever.data(), kNever.size()));
+    ::close(file);
+}
 
 /// Reads what the program says until nobody can say anything any more.
 void Relay(int input, int door, Line line) {
@@ -153,9 +162,11 @@ void ZProgramOutput::HandOver(int door, const char* program) {
     std::array<int, 2> ends{-1, -1};
     const pid_t between = door >= 0 && ::pipe2(ends.data(), O_CLOEXEC) == 0 ? ::_Fork() : -1;
     if (between == 0) {
-        if (::_Fork() != 0) {
-            ::_exit(0);  // the one beside is nobody's child: whoever the program waits for, it is not that
+        // The one beside is nobody's child: whoever the program waits for, it is not that.
+        if (const pid_t beside = ::_Fork(); beside != 0) {
+            ::_exit(beside < 0 ? 1 : 0);
         }
+        Outlast();
         ::setsid();  // what ends the program's group leaves it to say its last words
         ::prctl(PR_SET_NAME, "program-output");
         const int input = ::dup2(ends[0], STDIN_FILENO);
@@ -164,13 +175,16 @@ void ZProgramOutput::HandOver(int door, const char* program) {
         Relay(input, output, line);
         ::_exit(0);
     }
-    const int output = between > 0 ? ends[1] : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (between > 0) {
-        while (::waitpid(between, nullptr, 0) < 0 && errno == EINTR) {
+    int status = -1;
+    while (between > 0 && ::waitpid(between, &status, 0) < 0 && errno == EINTR) {
+    }
+    // Nobody who would take it: it must not be written to the console, nor to a pipe that nobody reads.
+    const int output = between > 0 && status == 0 ? ends[1] : ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    for (const int own : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (::dup2(output, own) < 0) {
+            ::close(own);
         }
     }
-    ::dup2(output, STDOUT_FILENO);
-    ::dup2(output, STDERR_FILENO);
     for (const int unused : {ends[0], ends[1], output, door}) {
         if (unused > STDERR_FILENO) {
             ::close(unused);

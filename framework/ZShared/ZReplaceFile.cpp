@@ -25,10 +25,11 @@ bool Sync(int file) {
     return ::fsync(file) == 0 || errno == EINVAL;
 }
 
-bool SyncFolderOf(const std::filesystem::path& file) {
+/// Without it the new name may be lost with the power; the old file is whole then.
+void SyncFolderOf(const std::filesystem::path& file) {
     const auto path = file.has_parent_path() ? file.parent_path() : std::filesystem::path(".");
     const ZFileDescriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder && Sync(folder.Get());
+    static_cast<void>(::fsync(folder.Get()));
 }
 
 }  // namespace
@@ -39,7 +40,8 @@ ZResult<void> ReplaceFile(const std::filesystem::path& file, std::string_view by
     ::unlink(temporary.c_str());
     const ZFileDescriptor output(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
     if (output && WriteAll(output.Get(), bytes) && Sync(output.Get()) &&
-        ::rename(temporary.c_str(), file.c_str()) == 0 && SyncFolderOf(file)) {
+        ::rename(temporary.c_str(), file.c_str()) == 0) {
+        SyncFolderOf(file);
         return {};
     }
     const auto error = ZError::OfSystem(file.string() + " could not be written", errno);

@@ -8,5 +8,5 @@
 #include "ZShared/ZError.h"
 
 /// Puts a file with these bytes in the place of what is there. After a power cut there is the old file or the new one,
-/// never a part of it; on success the new one is safe on the disk. `mode` is that of open(2). One thread per file.
+/// never a part of it. On success the new one is in its place. `mode` is that of open(2). One thread per file.
 ZResult<void> ReplaceFile(const std::filesystem::path& file, std::string_view bytes, mode_t mode = 0666);

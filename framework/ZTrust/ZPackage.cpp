@@ -156,7 +156,7 @@ ZPackage::Result<ZPackage> ZPackage::ReadSecondFormat(int file) {
     return package ? ReadTrailer(std::move(*package), file, *size) : package;
 }
 
-ZPackage::Result<ZPackage> ZPackage::ReadDetached(int file, int signature, const StopQuestion& isStopped) {
+ZPackage::Result<ZPackage> ZPackage::ReadSignature(int signature) {
     const auto length = SizeOf(signature);
     if (!length) {
         return length.error();
@@ -187,6 +187,14 @@ ZPackage::Result<ZPackage> ZPackage::ReadDetached(int file, int signature, const
     package->signatures = std::move(*signatures);
     package->digest = ztrust::Sha256Hex(std::string_view(text).substr(0, first));
     package->signedText = "arbor detached signature 2\n" + package->digest + "\n";
+    return package;
+}
+
+ZPackage::Result<ZPackage> ZPackage::ReadDetached(int file, int signature, const StopQuestion& isStopped) {
+    auto package = ReadSignature(signature);
+    if (!package) {
+        return package;
+    }
     const auto size = SizeOf(file);
     if (!size) {
         return size.error();

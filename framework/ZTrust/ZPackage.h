@@ -51,6 +51,8 @@ struct ZPackage {
     static int FormatOf(int file);
     /// As Read, for format 2 alone: quick, and sure to be, since nothing that the package says makes it read more.
     static Result<ZPackage> ReadSecondFormat(int file);
+    /// What a signature that lies beside a file says of that file. Nothing is known of the file then.
+    static Result<ZPackage> ReadSignature(int signature);
     /// As Read, for a file beside which there is a detached signature, open as `signature`. Reads all of the file.
     static Result<ZPackage> ReadDetached(int file, int signature, const StopQuestion& isStopped = {});
 

@@ -8,7 +8,7 @@ from pathlib import Path
 from installs import jobs
 from signing import arbor_pkg, build, new_keys, refusal
 from simulation import gateway, host, paths, sticks
-from support import FIXTURES, InstrumentCase, arborctl, installed, stick_package, wait_until
+from support import FIXTURES, InstrumentCase, arborctl, installed, script_package, stick_package, wait_until
 
 NAME = "arbor-trust.json"
 KEPT = paths.TRUST_STATE
@@ -123,6 +123,19 @@ class Documents(InstrumentCase):
         self.assertIn("goes back", self.plug(older)["reason"])
         wait_until(lambda: [entry["keyword"] for entry in gateway.get("orders")["orders"]].count("applytrust") == 5,
                    "each order is kept")
+
+    def test_package_whose_key_is_withdrawn_while_it_is_checked_is_not_offered(self) -> None:
+        slow = script_package("slow.pkg", "case $1 in --version) echo 3.047;; --verify) sleep 2;; esac", 0o644)
+        key = self.keys["second"]
+        arbor_pkg("sign", slow, "--version", "3.047", "--board", "verdin-imx8mm", "--key", key / "key.pem", "--cert", key / "cert.pem")
+        self.trust("remove-key", key / "cert.pem")
+        self.sign("alice", "bob")
+        sticks.attach([slow, Path(f"{slow}.sig")])
+        wait_until(lambda: [check["version"] for check in jobs("Check")] == ["3.047"], "it is being verified")
+        self.assertEqual(0, arborctl("trust", "apply", str(self.file)).returncode)
+        wait_until(lambda: not gateway.get("operations?state=Open")["operations"], "all has ended")
+        self.assertEqual([], gateway.updates())
+        self.assertIn("not trusted", refusal("slow.pkg"))
 
     def test_document_that_is_brought_to_the_updates_folder_is_followed_and_not_left_there(self) -> None:
         self.trust("floor", "3")
