@@ -37,7 +37,7 @@ ZFileDescriptor MakeFilter() {
     ZFileDescriptor file(::memfd_create("arbor-filter", MFD_CLOEXEC));
     const auto refuse = [&](int call) { return ::seccomp_rule_add(filter.get(), SCMP_ACT_ERRNO(EPERM), call, 0) == 0; };
     const auto refuseNamespaces = [&](int call) {
-        const scmp_arg_cmp isNew = SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER);
+        const scmp_arg_cmp isNew{0, SCMP_CMP_MASKED_EQ, CLONE_NEWUSER, CLONE_NEWUSER};  // of the first argument
         return ::seccomp_rule_add(filter.get(), SCMP_ACT_ERRNO(EPERM), call, 1, isNew) == 0;
     };
     // Its flags lie in memory, where a filter can't look: the C library goes on with clone.

@@ -34,7 +34,7 @@ ZResult<ZTrustChain> ReadChain(const fs::path& file) {
 }
 
 std::shared_ptr<ZTrustKeyMsg> KeyMessage(const ZTrustKey& key) {
-    const auto message = Z_MAKE(ZTrustKeyMsg);
+    auto message = Z_MAKE(ZTrustKeyMsg);
     message->m_Id = ToZString(key.id);
     message->m_Name = ToZString(key.name);
     for (const ZTrustRole role : key.roles) {

@@ -34,8 +34,7 @@ TEST(LinkKeys, AreMadeOnceThereIsRoomForThem) {
         const NoRoomForFiles full;
         const auto failed = LoadOrMakeLinkKeys(folder / "key.json");
         ASSERT_FALSE(failed);
-        EXPECT_EQ(failed.error().text,
-                  (folder / "key.json").string() + " could not be written: File too large");
+        EXPECT_EQ(failed.error().text, (folder / "key.json").string() + " could not be written: File too large");
     }
     EXPECT_TRUE(std::filesystem::is_empty(folder.Path())) << "half a file is left";
     folder.Write("key.json.new", "what a loss of power left");
