@@ -205,7 +205,7 @@ std::string PackageTrust::Command(const fs::path& file, const std::string& argum
     if (!m_isConfined) {
         std::string line = "exec env ";
         for (const auto& [name, value] : variables) {
-            line.append(ShellQuoted(name + "=" + value)).append(" ");
+            line.append(ShellQuoted(std::string(name).append("=").append(value))).append(" ");
         }
         return line + kOpened + arguments + opened;
     }
