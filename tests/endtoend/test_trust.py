@@ -182,6 +182,7 @@ class Trust(InstrumentCase):
         for exchange, code, found in (in_place, by_name):
             with self.subTest(code=code):
                 file = self.insert(stick_package("3.046")) / "arbor-3.046.pkg"
+                wait_until(lambda: gateway.updates() == ["3.046"], "it is offered")
                 install = threading.Thread(target=lambda: done.append(arborctl("install", "3.046", "--no-reboot", "--wait")))
                 done: list[subprocess.CompletedProcess] = []
                 install.start()
@@ -195,6 +196,7 @@ class Trust(InstrumentCase):
                 for path in (begun, go):
                     path.unlink()
                 sticks.detach()
+                wait_until(lambda: not gateway.updates(), "it has gone")
 
     @unittest.skipIf(subprocess.run(["bwrap", "--ro-bind", "/", "/", "--proc", "/proc", "true"], check=False).returncode,
                      "nothing can be confined here")
