@@ -24,17 +24,23 @@ class InstrumentCase(LoggedCase):
     def setUp(self) -> None:
         furnish.furnish(FIXTURES)
         configure("ArborInstall", TrustedSigners=self.TRUST)
-        self.process = host.start()
         self.addCleanup(self._end)
-        # A stick that comes during the start-up scan would be announced twice.
-        wait_until(lambda: "Scan drives Action complete" in (paths.LOGS / "arbord.log").read_text(errors="replace"),
-                   "the start-up scan is over")
+        self._start()
 
     def restart(self) -> None:
         """Ends arbord, and starts it again."""
         host.stop()
         self.assertEqual(0, self.process.wait())
+        self._start()
+
+    def _start(self) -> None:
+        """A stick that comes during the start-up scan would be looked at twice: waits until that is over."""
+        def scans() -> int:
+            log = paths.LOGS / "arbord.log"
+            return log.read_text(errors="replace").count("Scan drives Action complete") if log.exists() else 0
+        before = scans()
         self.process = host.start()
+        wait_until(lambda: scans() > before, "the start-up scan is over")
 
     def _end(self) -> None:
         for name in filter(sticks.is_attached, paths.STICK_NAMES):

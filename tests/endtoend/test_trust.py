@@ -85,10 +85,10 @@ class Trust(InstrumentCase):
 
     def insert(self, *files: Path) -> Path:
         RAN.unlink(missing_ok=True)
-        checked = len(jobs("Scan"))
+        before = {scan["id"] for scan in jobs("Scan")}
         drive = sticks.attach(list(files))
-        wait_until(lambda: [scan["state"] for scan in jobs("Scan")][:1] == ["Succeeded"] and len(jobs("Scan")) > checked,
-                   "the stick was looked at")
+        wait_until(lambda: any(scan["id"] not in before and scan["state"] == "Succeeded" and Path(scan["file"]) == drive
+                               for scan in jobs("Scan")), "the stick was looked at")
         return drive
 
     def test_nothing_of_a_stranger_runs(self) -> None:
