@@ -113,10 +113,12 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
         Detach();
         ZProgramOutput::HandOver(door >= 0 ? kDoor : -1, argv[0]);
         const int file = hasFile ? ::open(sealed->file.c_str(), O_RDONLY) : -1;
-        if (!hasFile || file == kPackage) {
-            ::execve(sealed != nullptr ? kProgram : argv[0], argv.data(), envp.data());
+        if (hasFile && file != kPackage) {
+            Report(file >= 0 ? EBADF : errno);
+            return;
         }
-        Report(file >= 0 ? EBADF : errno);
+        ::execve(sealed != nullptr ? kProgram : argv[0], argv.data(), envp.data());
+        Report(errno);
     };
     ZForkedChild child;
     if (const auto started = child.Start(arguments.front(), run, {sealed != nullptr ? sealed->program : -1, door});
