@@ -5,8 +5,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-from simulation import gateway, paths
-from support import FIXTURES
+from simulation import fixtures, gateway, paths
 
 ARBOR_PKG = paths.PROJECT / "packages" / "arbor-pkg"
 
@@ -16,15 +15,17 @@ def arbor_pkg(*arguments: object) -> str:
     return subprocess.run([sys.executable, "-B", ARBOR_PKG, *arguments], check=True, capture_output=True, text=True).stdout
 
 
-def new_keys(name: str) -> Path:
+def new_keys(name: str, office: Path = paths.STATE / "keys") -> Path:
     """The folder of a key and its certificate, which nobody knows yet."""
-    keys = paths.STATE / "keys" / name
+    keys = office / name
     arbor_pkg("keygen", "--out", keys, "--name", name)
     return keys
 
 
-def build(package: Path, version: str, board: str = "verdin-imx8mm", keys: Path = FIXTURES / "keys",
+def build(package: Path, version: str, board: str = "verdin-imx8mm", keys: Path | None = None,
           tools: Path = paths.PROJECT / "packages", image: Path | None = None, options: tuple = ()) -> Path:
+    """Builds a package; without `keys` the instrument's own signs it."""
+    keys = keys or fixtures.ensure() / "keys"
     package.parent.mkdir(parents=True, exist_ok=True)
     subprocess.run([sys.executable, "-B", tools / "arbor-pkg", "build", "--version", version, "--board", board,
                     "--payload", image or paths.GRAPH, "--key", keys / "key.pem", "--cert", keys / "cert.pem",
@@ -42,5 +43,5 @@ def in_first_format(package: Path, target: Path) -> Path:
     """The package as it was built before format 2."""
     tests = paths.PROJECT / "tests" / "packages"
     subprocess.run([sys.executable, "-B", "-c", "import sys, support, forge; forge.rewritten(*sys.argv[1:])", package, target,
-                    FIXTURES / "keys"], check=True, cwd=tests, env={**os.environ, "PYTHONPATH": str(tests)})
+                    fixtures.ensure() / "keys"], check=True, cwd=tests, env={**os.environ, "PYTHONPATH": str(tests)})
     return target

@@ -1,11 +1,16 @@
 """A host brings its accessory to its own version: the whole way once, and every step of it failing."""
 
 import os
+import shutil
+import tempfile
+from pathlib import Path
 
+from pair import stock
 from pair.devices import LED
 from pair_support import (BUILT, CARRIED, CART, PALM, REMOTE_INSTALL, SERIAL, TRANSFER, VERSION, PairCase, arborctl,
-                          build_package, ended, folder_in_the_way, led_broken, let_in, locked_out_after_the_copy,
+                          build_package, ended, folder_in_the_way, installed, led_broken, let_in, locked_out_after_the_copy,
                           other, running, slots_in_use, stuck_copy, until, until_connected)
+from signing import arbor_pkg, new_keys
 from simulation import gateway, paths
 
 
@@ -89,3 +94,37 @@ class Troubles(PairCase):
         self.assert_ended(0, "done", arborctl(CART, *TRANSFER))
         self.assertEqual(BUILT.read_bytes(), CARRIED.read_bytes())
         self.assertEqual("", "".join(path.name for path in CARRIED.parent.iterdir() if path != CARRIED))
+
+
+class Trust(PairCase):
+    def test_leaked_key_is_withdrawn_on_both_by_plugging_in_a_stick(self) -> None:
+        let_in(PALM, CART)
+        let_in(CART, PALM)
+        office = Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, office)
+        keys, document, officer = stock.ensure() / "keys", office / "arbor-trust.json", new_keys("officer", office)
+        arbor_pkg("trust", "init", document)
+        arbor_pkg("trust", "add-key", document, "--key", officer / "cert.pem", "--role", "trust")
+        arbor_pkg("trust", "add-key", document, "--key", keys / "cert.pem", "--role", "release")
+        arbor_pkg("trust", "sign", document, "--key", officer / "key.pem")
+        for device in (CART, PALM):
+            shutil.copy(document, device.path(paths.TRUST))
+        build_package()
+        until_connected()
+        self.assert_ended(0, "done", arborctl(CART, *TRANSFER))
+        until(lambda: VERSION in gateway.updates(PALM.gateway), "the accessory offers what was carried")
+
+        arbor_pkg("trust", "remove-key", document, keys / "cert.pem")
+        arbor_pkg("trust", "add-key", document, "--key", new_keys("new", office) / "cert.pem", "--role", "release")
+        arbor_pkg("trust", "sign", document, "--key", officer / "key.pem")
+        PALM.plug(document)
+        until(lambda: gateway.updates(PALM.gateway) == [], "the accessory withdraws it")
+        done = arborctl(PALM, "install", VERSION, "--wait")
+        self.assertEqual(1, done.returncode, done.stdout)
+        # What gets there by another way is refused by the installer itself: it asks the same documents.
+        carried = PALM.run(str(shutil.copy(BUILT, office)), f"--dir={paths.ARCHIVE}", "--no-reboot")
+        self.assertEqual(1, carried.returncode, carried.stdout)
+        self.assertIn("not trusted", carried.stdout)
+        CART.plug(document)
+        until(lambda: gateway.post("trust", at=CART.gateway)[1]["number"] == 2, "the host follows it too")
+        self.assertEqual("3.044", installed(PALM))

@@ -58,6 +58,12 @@ class Remote:
         where = ("--address", known.station.link_address) if known.station.listens else ()
         return self.run("arborctl", "pair", known.peers()["publicKey"], "--name", known.device.name, *where)
 
+    def plug(self, *files: Path) -> None:
+        """Plugs a USB stick with copies of `files` into the device."""
+        done = self.run("env", "ARBOR_INSTRUMENT=private", str(paths.INSTRUMENT / "stick"), "attach", *map(str, files))
+        if done.returncode != 0:
+            raise RemoteError(done.stdout)
+
     def switch_link(self, on: bool) -> None:
         """Switches the device's end of the cable."""
         network.switch(self._process, on)
