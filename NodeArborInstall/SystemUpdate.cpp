@@ -91,6 +91,10 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
                Codes::ERRCODE_BUSY);
         return;
     }
+    if (const auto free = MayBeReplaced(); !free) {
+        refuse(free.error().text, Codes::ERRCODE_BUSY);
+        return;
+    }
     const auto approved = PackageToInstall(package, request.m_Version);
     if (!approved) {
         refuse(approved.error().text, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);

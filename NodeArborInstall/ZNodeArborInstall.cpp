@@ -66,7 +66,8 @@ bool ZNodeArborInstall::InitMessageMap() {
            // Beside the eleven that every client of this node knows:
            SubscribeKeyword(kGraph, "inventory", &Self::OnInventory) &&
            SubscribeKeyword(kClient, "forget", &Self::OnForget) && SubscribeKeyword(kGraph, "trust", &Self::OnTrust) &&
-           SubscribeKeyword(kClient, "applytrust", &Self::OnApplyTrust) && SubscribeCancel();
+           SubscribeKeyword(kClient, "applytrust", &Self::OnApplyTrust) &&
+           SubscribeKeyword(kGraph, "trial", &Self::OnTrial) && SubscribeCancel();
 }
 
 bool ZNodeArborInstall::OnGraphCreated() {

@@ -11,6 +11,7 @@
 #include "PackageTrust.h"
 #include "ProgressRelay.h"
 #include "VersionTables.h"
+#include "ZMessages/TrialMessages.h"
 #include "ZNodeArborInstallCfg.h"
 #include "ZUseFlag.h"
 
@@ -51,6 +52,8 @@ public:
     bool OnTrust(const std::shared_ptr<ZMessage>& request);
     /// Follows trust documents that a person brings.
     bool OnApplyTrust(const std::shared_ptr<ZMessage>& request);
+    /// How the trial of the version that runs goes: what was taken back is refused from then on.
+    bool OnTrial(const std::shared_ptr<ZMessage>& message);
     // For a caller that wires them itself; no keyword leads here, and the message is not read.
     bool OnSwitchPartition(std::shared_ptr<ZMessage>& message);
     bool OnSwitchDevice(std::shared_ptr<ZMessage>& message);
@@ -136,6 +139,12 @@ public:
     bool FollowFile(const std::filesystem::path& file, const ZOperationSubject& subject, const ZMessage* request);
     /// Checks what is known, or was refused, under other trust documents than before.
     void JudgeAgain(std::shared_ptr<ZMessageArray>& results);
+    /// Where the version that runs stands on its way; nothing in a graph that judges none.
+    ZResult<std::shared_ptr<ZSlotsMsg>> AskSlots();
+    /// Whether the version, with an image of that digest (empty: not known), was not taken back.
+    ZResult<void> MayBeOffered(const ZString& version, const std::string& digest);
+    /// Whether the slot that does not run may be written over: not while it is the way back.
+    ZResult<void> MayBeReplaced();
     /// Whether a file with this status may be a package: without a trust policy it runs as it is, so it has to be
     /// executable.
     bool MayBePackage(std::filesystem::perms permissions) const;
@@ -286,6 +295,7 @@ private:
     };
     ZGuarded<std::map<std::string, Backlog>> m_backlogs;               // by action
     ZGuarded<std::deque<std::shared_ptr<ZPackageInfoMsg>>> m_refused;  // the newest first
+    ZGuarded<std::optional<std::vector<ZString>>> m_takenBack;         // versions, as last told
     ZGuarded<std::map<ZDeviceModel, ZString>> m_accessoryBoards;       // as accessories told them
     std::atomic<std::uint64_t> m_checkOrder{0};
     // One for each remote install that waits for its action.

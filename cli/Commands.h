@@ -95,6 +95,17 @@ Result<ExitCode> ShowTrustFile(Session& session, const std::string& file);
 /// Has the device follow the trust documents in a file of this computer.
 Result<ExitCode> ApplyTrust(Session& session, const std::string& file);
 
+// Versions that have to prove themselves.
+Result<ExitCode> ShowSlots(Session& session);
+Result<ExitCode> ConfirmVersion(Session& session);
+/// Back to the confirmed version; `reason` is for the journal.
+Result<ExitCode> RevertVersion(Session& session, const std::string& reason);
+/// Has a version offered again that was taken back.
+Result<ExitCode> AllowVersion(Session& session, const std::string& version);
+/// Where the version that runs stands, and how the last trial ended (empty: there was none), of an answer to "slots".
+std::string TrialText(const boost::json::value& slots);
+std::string LastTrialText(const boost::json::value& slots);
+
 /// Removes a file that was uploaded.
 Result<ExitCode> ForgetUpload(Session& session, const std::string& file);
 

@@ -127,6 +127,12 @@ std::string StatusText(const json::value& status) {
     table.AddRow({"Serial number", fields::Text(device, "serialNumber", kUnknown)});
     table.AddRow({"Board", fields::Text(device, "board", kUnknown)});
     AddVersions(table, status);
+    if (const json::value& trial = fields::Member(status, "trial"); trial.is_object()) {
+        table.AddRow({"Trial", TrialText(trial)});
+        if (const std::string last = LastTrialText(trial); !last.empty()) {
+            table.AddRow({"Last trial", last});
+        }
+    }
     AddJobs(table, status);
     AddRows(table, "Updates", Texts(status, "updates", UpdateText), "none");
     AddRows(table, "Refused", Texts(status, "refused", RefusedText), "none");

@@ -244,6 +244,21 @@ void AddTrust(CLI::App& app, Choice& choice) {
     apply->callback([&] { choice.run = [&](Session& s) { return ApplyTrust(s, choice.first); }; });
 }
 
+void AddTrial(CLI::App& app, Choice& choice) {
+    AddCommand(app, "slots", "Show which version runs, whether it has proved itself, and which were taken back",
+               "  arborctl slots\n  arborctl slots --json")
+        ->callback([&] { choice.run = arborctl::ShowSlots; });
+    AddCommand(app, "confirm", "Say that the version on trial works: the device stays with it", "  arborctl confirm")
+        ->callback([&] { choice.run = arborctl::ConfirmVersion; });
+    auto* revert = AddCommand(app, "revert", "Go back: from the version on trial, or from an install without a restart",
+                              "  arborctl revert --reason \"no signal on channel 2\"");
+    revert->add_option("--reason", choice.first, "For the journal, and for whoever asks later");
+    revert->callback([&] { choice.run = [&](Session& s) { return RevertVersion(s, choice.first); }; });
+    auto* allow = AddCommand(app, "allow", "Offer a version again that was taken back", "  arborctl allow 3.046");
+    allow->add_option("VERSION", choice.first, "The version")->required()->check(WrongVersion);
+    allow->callback([&] { choice.run = [&](Session& s) { return AllowVersion(s, choice.first); }; });
+}
+
 /// What narrows a list, whatever it is of.
 template <typename Count>
 void AddChoice(CLI::App& command, Count& lines, std::string& since) {
@@ -345,6 +360,7 @@ int Run(int argc, char** argv) {
     AddAccessoryWork(app, choice);
     AddLink(app, choice);
     AddTrust(app, choice);
+    AddTrial(app, choice);
     AddStreams(app, choice);
     try {
         app.parse(argc, argv);

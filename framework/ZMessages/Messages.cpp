@@ -5,4 +5,5 @@
 #include "ZMessages/OperationMessages.h"
 #include "ZMessages/OrderMessages.h"
 #include "ZMessages/PeerMessages.h"
+#include "ZMessages/TrialMessages.h"
 #include "ZMessages/TrustMessages.h"

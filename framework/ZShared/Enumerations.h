@@ -53,6 +53,7 @@ enum class ZOperationKind : std::int32_t {
     RemoteInstall = 5,
     Upload = 6,
     Trust = 7,  ///< another trust document comes into force
+    Trial = 8,  ///< a version that was installed proves itself, or the device goes back to the one before
 };
 
 /// Where a job stands. The last four are ends: nothing follows them.

@@ -2,6 +2,7 @@
 
 #include "ZMessages/OperationMessages.h"
 #include "ZMessages/PeerMessages.h"
+#include "ZMessages/TrialMessages.h"
 
 namespace gateway {
 
@@ -14,6 +15,7 @@ constexpr EventKind kEvents[] = {
     {"updateavailable", ZMessageArray::kClassName, kService, "updateavailable", true, ""},
     {"storagedeviceupdate", StorageDevicesMsg::kClassName, kService, "storagedeviceupdate", false, ""},
     {"peerupdate", ZPeerMsg::kClassName, kService, "peerupdate", false, "a device came or went"},
+    {"trial", ZSlotsMsg::kClassName, kService, "trial", true, "a version on trial, and how that goes"},
     {"operation", ZOperationMsg::kClassName, kService, "operation", false, "a job began, went on or ended"},
 };
 

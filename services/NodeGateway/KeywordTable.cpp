@@ -5,6 +5,7 @@
 #include "ZMessages/OperationMessages.h"
 #include "ZMessages/OrderMessages.h"
 #include "ZMessages/PeerMessages.h"
+#include "ZMessages/TrialMessages.h"
 #include "ZMessages/TrustMessages.h"
 
 namespace gateway {
@@ -69,6 +70,17 @@ constexpr Keyword kKeywords[] = {
      "Whose packages may run on this device"},
     {"applytrust", Role::Administer, kClient, kTakes<ZTrustChainMsg>, ZGenericResponseMsg::kClassName,
      "Put newer trust documents into force: the text of a file arbor-trust.json", kChainBody, kBeginsJob},
+    {"slots", Role::Look, kService, kTakes<ZGenericRequestMsg>, ZSlotsMsg::kClassName,
+     "Which version runs, whether it has proved itself, and which were taken back"},
+    {"confirm", Role::Operate, kClient, kTakes<ZGenericRequestMsg>, ZGenericResponseMsg::kClassName,
+     "The version on trial works: the device stays with it"},
+    {"revert", Role::Operate, kClient, kTakes<ZRevertMsg>, ZGenericResponseMsg::kClassName,
+     "The version on trial does not work: the device restarts with the one before. Without a trial: an installed "
+     "version does not start next"},
+    {"allow", Role::Operate, kClient, kTakes<ZAllowMsg>, ZGenericResponseMsg::kClassName,
+     "Offer a version again that was taken back"},
+    {"veto", Role::Nodes, kService, kTakes<ZVetoMsg>, kNoAnswer, "The version on trial does not work: a node says so",
+     kUsualBody, !kBeginsJob, "the order \"revert\" is for people (arborctl revert)"},
 };
 
 }  // namespace

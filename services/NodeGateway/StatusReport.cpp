@@ -181,6 +181,8 @@ std::string StatusReport::Document(std::chrono::milliseconds patience) const {
         {"operations", Jobs(open)},
     };
     AddInventory(document, inventory);
+    const auto slots = ask(ZEndpointType::GraphService, "slots");
+    document["trial"] = slots ? json::parse(MessageText(*slots)) : json::value();
     document["developerMode"] = m_developerMode;
     return text::ValidUtf8(json::serialize(document));
 }

@@ -1,6 +1,7 @@
 """Fills a device's places: storage, identity, configuration, trusted certificates."""
 
 import json
+import shlex
 import shutil
 import struct
 import zlib
@@ -32,7 +33,12 @@ def furnish(fixtures: Path, device: Device = INSTRUMENT, graph_document: dict | 
     # Whoever starts the installer from another device starts it with an empty environment.
     write_json(paths.CONFIG / "installer.json",
                {"rebootCommand": ["env", *privileges.kept(), str(paths.INSTRUMENT / "reboot")],
+                "bootCommand": str(paths.program("arbor-boot")),
                 "runningSlotFile": str(paths.RUNNING_SLOT)})
+    write_json(paths.BOOT_SETTINGS,
+               {"slots": str(paths.SLOTS), "state": str(paths.TRIAL), "runningSlotFile": str(paths.RUNNING_SLOT),
+                "bootIdFile": str(paths.BOOT_ID),
+                "restart": shlex.join(["env", *privileges.kept(), str(paths.INSTRUMENT / "reboot")])})
     slots.boot()
 
 
@@ -65,7 +71,7 @@ def graph(device: Device) -> dict:
         "log": {"level": 2, "console": True, "journal": False, "file": str(paths.HOST_LOG), "fileSizeKiB": 1024,
                 "fileCount": 5},
         "platform": platform,
-        "libraries": ["libNodeJournal.so", "libNodeArborInstall.so", "libNodeStorage.so", "libNodeDeviceProps.so",
+        "libraries": ["libNodeJournal.so", "libNodeArborInstall.so", "libNodeStorage.so", "libNodeDeviceProps.so", "libNodeTrial.so",
                       "libNodeGateway.so"],
         "nodes": [
             {"name": "Journal", "class": "ZNodeJournal", "required": False,
@@ -73,6 +79,7 @@ def graph(device: Device) -> dict:
             {"name": "ArborInstall", "class": "ZNodeArborInstall", "config": _installer_record()},
             {"name": "Storage", "class": "ZNodeStorage", "config": storage},
             {"name": "DeviceProps", "class": "ZNodeDeviceProps", "config": {"deviceType": device.role}},
+            {"name": "Trial", "class": "ZNodeTrial", "required": False, "config": _trial_record()},
             {"name": "Gateway", "class": "ZNodeGateway", "config": {"socketPath": str(paths.GATEWAY)}},
         ],
     }
@@ -82,3 +89,9 @@ def _installer_record() -> dict:
     return {"ArchiveDevice": paths.ARCHIVE_DEVICE, "ArchiveDir": "Packages", "SystemInfoFilePath": str(paths.MANIFEST),
             "TrustedSigners": str(paths.TRUST), "TrustState": str(paths.TRUST_STATE), "UnconfinedChecks": True,
             "AllowDowngrades": False, "ProgressPort": 5600, "ProgressPath": "progress", "DryRun": False}
+
+
+def _trial_record() -> dict:
+    return {"bootSettings": str(paths.BOOT_SETTINGS), "manifest": str(paths.MANIFEST), "pauseSeconds": 1, "holdSeconds": 1,
+            "deadlineSeconds": 10, "checks": [f"must measures 20 {paths.INSTRUMENT / 'selftest'}",
+                                              "must identity 10 request 3:deviceProps"]}

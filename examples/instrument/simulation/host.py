@@ -52,18 +52,31 @@ def stop() -> None:
 
 
 def running_pid() -> int | None:
-    """The process id of the running arbord, or None. One that ended and was not yet waited for counts as gone."""
+    """The process id of the running arbord, or None. One that ended and was not yet waited for counts as gone.
+
+    A killed one holds what it had until the last of its threads is gone.
+    """
     try:
         pid = int(paths.HOST_PID.read_text(encoding="ascii"))
         state = Path(f"/proc/{pid}/stat").read_text(encoding="utf-8", errors="replace").rpartition(")")[2].split()[0]
+        threads = os.listdir(f"/proc/{pid}/task")
     except (OSError, ValueError):
         return None
-    return None if state in "ZX" else pid
+    return None if state in "ZX" and len(threads) < 2 else pid
 
 
 def reboot() -> None:
     """What a real reboot does for the software: all stops, the active slot's system comes up, the host starts again."""
+    if slots.BOOTING in os.environ:
+        paths.AGAIN.touch()
+        return
     stop()
+    slots.boot_step("stop")
+    power_on()
+
+
+def power_on() -> subprocess.Popen:
+    """The active slot's system comes up, whatever ended the one before."""
     slots.boot()
     version = slots.versions()[slots.running()]
     manifest = json.loads(paths.MANIFEST.read_text(encoding="utf-8"))
@@ -71,7 +84,7 @@ def reboot() -> None:
     for component in manifest["components"]:
         component["version"] = version
     furnish.write_json(paths.MANIFEST, manifest)
-    start()
+    return start()
 
 
 def said(lines: int = 40) -> str:

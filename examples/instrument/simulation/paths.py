@@ -23,11 +23,16 @@ MANIFEST = CONFIG / "Manifest.json"
 EEPROM = CONFIG / "eeprom"
 TRUST = CONFIG / "trust"
 TRUST_STATE = STATE / "trust"
+BOOT_SETTINGS = CONFIG / "boot.json"
+TRIAL = STATE / "trial"
 GATEWAY = RUNTIME / "gateway.sock"
 HOST_LOG = LOGS / "arbord.log"
 HOST_CONSOLE = LOGS / "arbord.console"
 HOST_PID = RUNTIME / "arbord.pid"
 RUNNING_SLOT = BOOT / "slot"  # written by each boot: the slot that it started from
+BOOT_ID = BOOT / "id"  # written by each boot: its name
+AGAIN = BOOT / "again"  # there once the start of the boot wants the device restarted
+FAULTS = BOOT / "faults"  # what is wrong with which version, for selftest
 
 # Everything that one instrument has to itself while it runs.
 PLACES = (STORAGE, LOGS, CONFIG, RUNTIME, STATE, BOOT)

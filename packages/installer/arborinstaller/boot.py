@@ -9,9 +9,10 @@ the first install of a boot keeps what the link said before it is turned:
 
 import json
 import os
+import subprocess
 from dataclasses import dataclass
 
-from arborinstaller.failure import Failure
+from arborinstaller.failure import Failure, describe
 from arborinstaller.files import replacing
 from arborinstaller.settings import Settings
 from arborinstaller.slots import NAMES, Slots
@@ -19,6 +20,7 @@ from arborinstaller.slots import NAMES, Slots
 _BOOT_ID = "/proc/sys/kernel/random/boot_id"
 _WORD = "arbor.slot="
 _REMEMBERED = "running"
+_PATIENCE = 60.0  # seconds for the boot loader's program
 _MAX_TEXT = 65536  # bytes looked at in a file that somebody else writes
 
 
@@ -53,6 +55,39 @@ def remember(slots: Slots, choice: Choice) -> None:
     if choice.told_by_link:
         with replacing(os.path.join(slots.root, _REMEMBERED), 0o644) as file:
             file.write(json.dumps({"bootId": boot_id(), "slot": choice.running}).encode() + b"\n")
+
+
+def ask(settings: Settings) -> None:
+    """Failure while the slot that does not run is the way back of a version that has not proved itself."""
+    if settings.bootCommand:
+        _run(settings.bootCommand, "may-install")
+
+
+def switch(slots: Slots, slot: str, settings: Settings) -> None:
+    """Makes `slot` start next: turns the link, and tells the boot loader where there is one that does not look at it.
+
+    Failure when the loader was not told; the link leads to where it led before then.
+    """
+    before = slots.active()
+    slots.activate(slot)
+    if not settings.bootCommand:
+        return
+    try:
+        _run(settings.bootCommand, "activate", slot)
+    except Failure:
+        if before is not None:
+            slots.activate(before)
+        raise
+
+
+def _run(*command: str) -> None:
+    try:
+        done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace",
+                              timeout=_PATIENCE, check=False)
+    except (OSError, subprocess.TimeoutExpired) as error:
+        raise Failure(f"{' '.join(command)}: {describe(error)}") from None
+    if done.returncode != 0:
+        raise Failure((done.stderr.strip() or f"{' '.join(command)} ended with {done.returncode}")[:500])
 
 
 def _told_by_boot(slots: Slots, settings: Settings) -> str | None:

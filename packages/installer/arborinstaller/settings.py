@@ -31,6 +31,7 @@ class Settings:
     kernelCommandLine: str = "/proc/cmdline"
     runningSlotFile: str = "/run/arbor-boot/slot"
     trustState: str = "/var/lib/arbor/trust"  # folder with the trust document that the instrument got since
+    bootCommand: str = ""  # what makes a slot start next, where the link alone does not; see boot.switch
     acceptDevelopment: bool = False  # whether packages by development keys count
 
     def with_trust(self, folder: str) -> "Settings":
@@ -63,7 +64,8 @@ def _from_file(path: str) -> dict[str, Any]:
     if not isinstance(found, dict):
         raise Failure(f"{path}: expected an object")
     readers = {"trust": _text, "rebootCommand": _words, "stallSeconds": _seconds, "kernelCommandLine": _path,
-               "runningSlotFile": _path, "trustState": _text, "acceptDevelopment": _truth}
+               "runningSlotFile": _path, "trustState": _text, "acceptDevelopment": _truth,
+               "bootCommand": _path}
     for key in found.keys() - readers.keys():
         raise Failure(f"{path}: unknown key '{key}' (known: {', '.join(readers)})")
     return {key: readers[key](f"{path}: {key}", value) for key, value in found.items()}

@@ -48,8 +48,9 @@ def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | Non
         if plan.record is None:
             _rehearse(package, report)
         else:
-            _prepare(slots, plan.choice, plan.record, report)
-            _install(package, slots, plan.choice.slot, report)
+            boot.ask(plan.conf)
+            _prepare(slots, plan, plan.record, report)
+            _install(package, slots, plan, report)
     except (Failure, OSError) as error:
         return describe(error)
     except Exception as error:  # whatever it is, the person at the instrument hears of it
@@ -67,28 +68,29 @@ def _rehearse(package: Package, report: Report) -> None:
     trust.compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
-def _prepare(slots: Slots, choice: Choice, record: Record, report: Report) -> None:
+def _prepare(slots: Slots, plan: Plan, record: Record, report: Report) -> None:
     """Empties the slot. Whatever stops this, the instrument starts a whole version, and the record tells the truth."""
+    choice = plan.choice
     if slots.active() == choice.slot:  # an earlier install has not had its restart: first the way back to what runs
         if not slots.complete(choice.running):
             raise Failure(f"slot {choice.running}, which the system runs from, is not complete, and slot {choice.slot} "
                           "starts next; restart the instrument first")
         report(f"Switching back to slot {choice.running}", 0)
-        slots.activate(choice.running)
+        boot.switch(slots, choice.running, plan.conf)
     report(f"Preparing slot {choice.slot}", 0)
     slots.prepare(choice.slot)
     boot.remember(slots, choice)
     record.writing_to(choice.slot).save(slots.root)
 
 
-def _install(package: Package, slots: Slots, slot: str, report: Report) -> None:
-    expected = package.header.payload
+def _install(package: Package, slots: Slots, plan: Plan, report: Report) -> None:
+    expected, slot = package.header.payload, plan.choice.slot
     _write_image(package, slots.image(slot), report)
     _check_image(slots.image(slot), expected.size, expected.sha256, report)
     report(f"Completing slot {slot}", _CHECKED)
     slots.seal(slot, package.header.version, expected.sha256)
     report(f"Switching to slot {slot}", 99)
-    slots.activate(slot)
+    boot.switch(slots, slot, plan.conf)
 
 
 def _write_image(package: Package, path: str, report: Report) -> None:

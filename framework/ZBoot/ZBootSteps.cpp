@@ -1,0 +1,87 @@
+#include "ZBoot/ZBootSteps.h"
+
+#include <ctime>
+#include <fstream>
+
+#include "ZShared/ZProcess.h"
+
+namespace {
+
+/// By the clock that nobody sets, and that goes on while the device sleeps.
+std::int64_t BootClock() {
+    timespec now{};
+    ::clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/// The kernel's name of this boot, or of the file that stands in for it.
+std::string IdOfBoot(const std::string& file) {
+    std::ifstream stream(file);
+    std::string id;
+    std::getline(stream, id);
+    return id;
+}
+
+}  // namespace
+
+ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, const ZBootControl& control) {
+    const auto running = control.Running();
+    if (!running) {
+        return running.error();
+    }
+    if (!running->IsKnown()) {
+        return ZError("slot " + running->slot + " does not tell which version stands in it");
+    }
+    const auto next = control.Next();
+    ZBootFacts facts{.running = *running,
+                     .next = next ? next->slot : std::string(),
+                     .bootId = IdOfBoot(settings.bootIdFile),
+                     .now = MillisecondsNow(),
+                     .clock = BootClock(),
+                     .bLoaderFallsBack = control.FallsBack(),
+                     .bCanGoBack = false,
+                     .attempts = settings.attempts};
+    auto action = ZBootAction::GoOn;
+    const auto state = ZTrialFile(settings.state).Change([&](ZTrialState& kept) {
+        facts.bCanGoBack = control.IsWhole(kept.confirmed);
+        action = kept.Begin(facts);
+    });
+    return state ? ZResult<ZBootAction>(action) : state.error();
+}
+
+ZResult<ZTrialState> NoteNext(const ZBootSettings& settings, const ZBootControl& control) {
+    const auto next = control.Next();
+    if (!next) {
+        return next.error();
+    }
+    return ZTrialFile(settings.state).Change([&](ZTrialState& state) { state.Install(*next); });
+}
+
+ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl& control, const std::string& reason,
+                               const std::string& failedCheck) {
+    const auto running = control.Running();
+    if (!running) {
+        return running.error();
+    }
+    std::string wrong;
+    auto state = ZTrialFile(settings.state).Change([&](ZTrialState& kept) {
+        if (!kept.IsOnTrial(*running)) {
+            wrong = "no version is on trial";
+        } else if (!control.IsWhole(kept.confirmed)) {
+            wrong = "there is no way back: slot " + kept.confirmed.slot + " does not hold version " +
+                    kept.confirmed.version + " any more";
+        } else {
+            kept.Fail(reason, failedCheck);
+            ++kept.trial->goneBack;
+        }
+    });
+    return wrong.empty() ? state : ZError(wrong);
+}
+
+ZResult<void> Leave(ZBootControl& control, const ZTrialState& state) {
+    return control.Activate(state.confirmed.slot, false);
+}
+
+std::int64_t MillisecondsOfBoot(const ZTrialState& state) {
+    return BootClock() - state.bootClock;
+}
