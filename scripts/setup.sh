@@ -8,7 +8,7 @@ packages=(
     libboost1.81-dev libboost-json1.81-dev libspdlog-dev libfmt-dev libcpp-httplib-dev libcli11-dev
     libmount-dev libsystemd-dev libseccomp-dev libssl-dev libsodium-dev libzmq3-dev cppzmq-dev libsqlite3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    python3 openssl softhsm2 libengine-pkcs11-openssl shellcheck curl util-linux mount procps ca-certificates git
+    python3 openssl softhsm2 libengine-pkcs11-openssl libubootenv-tool shellcheck curl util-linux mount procps ca-certificates git
     avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
 )
 # The simulated devices start services of their own; the machine is not to run what the packages bring.

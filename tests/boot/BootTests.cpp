@@ -1,0 +1,191 @@
+// The state's file through power cuts, and boot loaders: a link, U-Boot's variables with its own tools, a command.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "TestSupport.h"
+#include "ZBoot/ZBootSteps.h"
+#include "ZBoot/ZTrialWatch.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void Write(const fs::path& file, const std::string& text) {
+    fs::create_directories(file.parent_path());
+    std::ofstream(file, std::ios::binary) << text;
+}
+
+std::string Bytes(const fs::path& file) {
+    std::ifstream stream(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+class Boot : public testing::Test {
+protected:
+    Boot() {
+        settings.slots = folder / "Slots";
+        settings.state = folder / "state" / "trial";
+        settings.runningSlotFile = folder / "slot";
+        settings.kernelCommandLine = "/dev/null";
+        settings.bootIdFile = folder / "id";
+        for (const auto& [slot, version] : {std::pair{"A", "3.044"}, std::pair{"B", "3.046"}}) {
+            Write(folder / "Slots" / slot / "version", version + std::string("\n"));
+            Write(folder / "Slots" / slot / "digest", std::string(64, *slot == 'A' ? 'a' : 'b') + "\n");
+        }
+        Start("A");
+        fs::create_symlink("A", folder / "Slots" / "active");
+    }
+    void Start(const char* slot) {
+        Write(folder / "slot", slot);
+        Write(folder / "id", "boot " + std::to_string(++boots) + "\n");
+    }
+    std::unique_ptr<ZBootControl> Control() {
+        auto control = ZBootControl::Make(settings);
+        EXPECT_TRUE(control) << (control ? "" : control.error().text);
+        return control ? std::move(*control) : nullptr;
+    }
+
+    const TemporaryFolder temporary;
+    const fs::path folder = temporary.Path();
+    ZBootSettings settings;
+    int boots = 0;
+};
+
+/// The file with its newest generation as it would be after a write of which only the first `size` bytes arrived.
+void Tear(const fs::path& file, const std::string& before, const std::string& after, std::size_t size) {
+    std::string torn = before;
+    for (std::size_t at = 0, written = 0; at < after.size() && written < size; ++at) {
+        if (before.at(at) != after.at(at)) {
+            torn.at(at) = after.at(at);
+            ++written;
+        }
+    }
+    Write(file, torn);
+}
+
+}  // namespace
+
+TEST_F(Boot, FileKeepsOneWholeStateThroughEveryPowerCut) {
+    ZTrialFile file(settings.state);
+    EXPECT_FALSE(file.Read()->confirmed.IsKnown()) << "a new device";
+    const auto change = [&](const char* version) {
+        return file.Change([&](ZTrialState& state) { state.confirmed = {"A", version, ""}; });
+    };
+    ASSERT_TRUE(change("3.044"));
+    ASSERT_TRUE(change("3.045"));
+    const std::string before = Bytes(settings.state);
+    ASSERT_TRUE(change("3.046"));
+    const std::string after = Bytes(settings.state);
+    std::size_t differing = 0;
+    for (std::size_t at = 0; at < after.size(); ++at) {
+        differing += before.at(at) != after.at(at) ? 1 : 0;
+    }
+    ASSERT_GT(differing, 20U);
+    for (std::size_t size = 0; size <= differing; ++size) {
+        Tear(settings.state, before, after, size);
+        const auto read = file.Read();
+        ASSERT_TRUE(read) << size;
+        ASSERT_EQ(read->confirmed.version, size == differing ? "3.046" : "3.045") << size;
+        ASSERT_TRUE(change("3.047")) << size;
+        ASSERT_EQ(file.Read()->confirmed.version, "3.047") << size;
+    }
+    Write(settings.state, std::string(40'000, 'x'));
+    EXPECT_FALSE(file.Read());
+    ASSERT_TRUE(change("3.048")) << "it is begun anew";
+    EXPECT_EQ(file.Read()->confirmed.version, "3.048");
+}
+
+TEST_F(Boot, FileThatTakesNothingIsAnErrorAndChangesNothing) {
+    settings.state = "/proc/trial";
+    EXPECT_FALSE(ZTrialFile(settings.state).Change([](ZTrialState& state) { state.bOrderly = true; }));
+    Write(folder / "file", "");
+    settings.state = folder / "file" / "trial";
+    EXPECT_FALSE(ZTrialFile(settings.state).Change([](ZTrialState& state) { state.bOrderly = true; }));
+}
+
+TEST_F(Boot, LinkLeadsToWhatStartsNext) {
+    const auto control = Control();
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    ASSERT_TRUE(control->Activate("B", true));
+    EXPECT_EQ(control->Next()->version, "3.046");
+    EXPECT_EQ(NoteNext(settings, *control)->trial->version.version, "3.046");
+    Start("B");
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    fs::remove(folder / "Slots" / "A" / "version");
+    fs::remove(folder / "Slots" / "A" / "digest");
+    const auto stuck = FailTrial(settings, *control, "it is too loud", {});
+    ASSERT_FALSE(stuck);
+    EXPECT_TRUE(stuck.error().text.starts_with("there is no way back: slot A")) << stuck.error().text;
+    Write(folder / "Slots" / "A" / "version", "3.044");
+    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    ASSERT_TRUE(Leave(*control, *ZTrialFile(settings.state).Read()));
+    EXPECT_EQ(control->Next()->slot, "A");
+    Write(folder / "slot", "C");
+    EXPECT_FALSE(BeginBoot(settings, *control)) << "no such slot";
+}
+
+TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
+    Write(folder / "env", std::string(0x4000, '\0'));
+    Write(folder / "fw_env.config", (folder / "env").string() + " 0x0 0x4000\n");
+    Write(folder / "defaults", "slot=A\nother=kept\n");
+    const std::string config = " -c " + (folder / "fw_env.config").string();
+    settings.control = "uboot-env";
+    settings.printEnvironment = "fw_printenv" + config;
+    settings.setEnvironment = "fw_setenv" + config + " -f " + (folder / "defaults").string();
+    const auto control = Control();
+    ASSERT_TRUE(control->Activate("B", true)) << "its own tools have to be installed";
+    EXPECT_EQ(control->Next()->slot, "B");
+    EXPECT_NE(Bytes(folder / "env").find("upgrade_available=1"), std::string::npos);
+    EXPECT_NE(Bytes(folder / "env").find("bootcount=0"), std::string::npos);
+    ASSERT_TRUE(control->MarkGood());
+    EXPECT_NE(Bytes(folder / "env").find("upgrade_available=0"), std::string::npos);
+    EXPECT_NE(Bytes(folder / "env").find("slot=B"), std::string::npos);
+    EXPECT_TRUE(control->FallsBack());
+    settings.setEnvironment = "false";
+    EXPECT_FALSE(Control()->Activate("A", false));
+}
+
+TEST_F(Boot, CommandOfTheBuilderIsAskedAndTold) {
+    settings.control = "command";
+    Write(folder / "loader", "case $1 in running|next) echo B;; activate) echo $2 >> " + (folder / "told").string() +
+                                 ";; *) exit 1;; esac\n");
+    settings.command = "sh " + (folder / "loader").string();
+    const auto control = Control();
+    EXPECT_EQ(control->Running()->version, "3.046");
+    ASSERT_TRUE(control->Activate("A", false));
+    EXPECT_EQ(Bytes(folder / "told"), "A\n");
+    const auto good = control->MarkGood();
+    ASSERT_FALSE(good);
+    EXPECT_NE(good.error().text.find("good' failed"), std::string::npos) << good.error().text;
+}
+
+TEST_F(Boot, SettingsNameWhatIsWrong) {
+    EXPECT_EQ(ZBootSettings::Load(folder / "none")->control, "link");
+    Write(folder / "boot.json", R"({"control":"uboot-env","attempts":5})");
+    EXPECT_EQ(ZBootSettings::Load(folder / "boot.json")->attempts, 5U);
+    for (const auto& [text, told] :
+         {std::pair{R"({"attempts":0})", "attempts: it must be a number from 1 to 100"},
+          std::pair{R"({"slot":"A"})", "slot: there is no such setting"},
+          std::pair{R"({"state":""})", "state: it must be a text"}, std::pair{R"([])", "it is no JSON object"}}) {
+        Write(folder / "boot.json", text);
+        const auto loaded = ZBootSettings::Load(folder / "boot.json");
+        ASSERT_FALSE(loaded) << text;
+        EXPECT_EQ(loaded.error().text, (folder / "boot.json").string() + ": " + told);
+    }
+    settings.control = "magic";
+    EXPECT_FALSE(ZBootControl::Make(settings));
+}
+
+TEST_F(Boot, SomebodyWhoJudgesIsSeen) {
+    EXPECT_FALSE(ZTrialWatch::IsHeld(settings.state));
+    {
+        const auto watch = ZTrialWatch::Hold(settings.state);
+        ASSERT_TRUE(watch);
+        EXPECT_TRUE(ZTrialWatch::IsHeld(settings.state));
+        EXPECT_FALSE(ZTrialWatch::Hold(settings.state)) << "one at a time";
+    }
+    EXPECT_FALSE(ZTrialWatch::IsHeld(settings.state));
+}
