@@ -276,7 +276,8 @@ void AddJobs(CLI::App& app, Choice& choice) {
                                "  arborctl history --state open        what is under way\n"
                                "  arborctl history --json | jq '.operations[].reason'");
     history->add_option("--kind", choice.history.kind, "Only jobs of this kind")
-        ->check(CLI::IsMember({"check", "scan", "install", "build", "transfer", "remote-install", "upload", "trust"}));
+        ->check(CLI::IsMember(
+            {"check", "scan", "install", "build", "transfer", "remote-install", "upload", "trust", "trial"}));
     history->add_option("--state", choice.history.state, "Only jobs in this state; open: those that have not ended")
         ->check(CLI::IsMember({"open", "queued", "running", "succeeded", "failed", "cancelled", "lost"}));
     AddChoice(*history, choice.history.count, choice.history.since);

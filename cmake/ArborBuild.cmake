@@ -37,8 +37,11 @@ elseif(ARBOR_SANITIZE STREQUAL "thread")
     add_link_options(-fsanitize=thread -Wl,--version-script=${CMAKE_SOURCE_DIR}/cmake/own-templates.map)
     # The compiler warns that fences are not instrumented; none of ours is.
     add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
+elseif(ARBOR_SANITIZE STREQUAL "fuzzer")
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -O1 -g1)
+    add_link_options(-fsanitize=address,undefined)
 elseif(ARBOR_SANITIZE)
-    message(FATAL_ERROR "ARBOR_SANITIZE is '${ARBOR_SANITIZE}'; it may be empty, address or thread")
+    message(FATAL_ERROR "ARBOR_SANITIZE is '${ARBOR_SANITIZE}'; it may be empty, address, thread or fuzzer")
 endif()
 
 # arbor_library(NAME SOURCES... ): a shared library of the framework, found by its siblings beside it.

@@ -51,6 +51,11 @@ const KeywordCase kKeywords[] = {
     {"inventory", kService, "", "ZGenericRequestMsg", "", "", "ZInventoryMsg"},
     {"trust", kService, "", "ZGenericRequestMsg", "", "", "ZTrustMsg"},
     {"applytrust", kClient, R"({"chain":"{}"})", "ZTrustChainMsg", "chain", "{}", "ZGenericResponseMsg"},
+    {"slots", kService, "", "ZGenericRequestMsg", "", "", "ZSlotsMsg"},
+    {"confirm", kClient, "", "ZGenericRequestMsg", "", "", "ZGenericResponseMsg"},
+    {"revert", kClient, R"({"reason":"loud"})", "ZRevertMsg", "reason", "loud", "ZGenericResponseMsg"},
+    {"allow", kClient, R"({"version":"3.1"})", "ZAllowMsg", "version", "3.1", "ZGenericResponseMsg"},
+    {"veto", kService, R"({"reason":"loud"})", "ZVetoMsg", "reason", "loud", nullptr},
 };
 
 TEST_F(Gateway, CarriesEveryKeywordToItsEndpointAndTheAnswerBack) {

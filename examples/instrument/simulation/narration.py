@@ -41,6 +41,10 @@ class LogReader:
             line = ""
         raise DemoError(f"the log did not come to '{text}'")
 
+    def skip(self) -> None:
+        """Leaves out what was logged up to now."""
+        self._file.seek(0, os.SEEK_END)
+
     def close(self) -> None:
         self._file.close()
 
@@ -68,6 +72,18 @@ def check(holds: bool, claim: str) -> None:
     if not holds:
         raise DemoError(f"this does not hold: {claim}")
     print(_coloured("  ok: ", "32") + claim, flush=True)
+
+
+def wait(holds: Callable[[], bool]) -> None:
+    """Waits for what has to come; the check behind it says what that is."""
+    deadline = time.monotonic() + WAIT_SECONDS
+    while time.monotonic() < deadline:
+        try:
+            if holds():
+                return
+        except (OSError, TypeError, KeyError):  # it restarts just now
+            pass
+        time.sleep(0.02)
 
 
 def main(story: Callable[[], None], usage: str) -> int:
