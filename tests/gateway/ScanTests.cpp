@@ -127,9 +127,9 @@ TEST_F(GatewayScan, KeepsWhatNodesTellEachOtherFromPeople) {
                                  R"({"folder":")" + folder.Path().string() + R"(","fileName":"e.pkg"})");
         EXPECT_EQ(reply.status, 403) << keyword.name;
         EXPECT_THAT(reply.Text("detail"), HasSubstr("between nodes"));
-        EXPECT_THAT(reply.Text("detail"), HasSubstr("arborctl s"));
+        EXPECT_THAT(reply.Text("detail"), HasSubstr("arborctl "));
     }
-    EXPECT_EQ(closed, 3U);
+    EXPECT_EQ(closed, 4U);
     EXPECT_THAT(probe->Received(), testing::IsEmpty());
     EXPECT_THAT(log.All(), HasSubstr("was refused \"newFile\""));
 }

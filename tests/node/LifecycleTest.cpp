@@ -99,6 +99,7 @@ TEST(MessageMap, EndsAtTheFirstSubscriptionThatFails) {
                                        "1:forget",
                                        "3:trust",
                                        "1:applytrust",
+                                       "3:trial",
                                        "3:cancel"};
     EXPECT_EQ(tryWith("", true), all);
     EXPECT_EQ(tryWith("compareversions", false), std::vector(all.begin(), all.begin() + 4));
