@@ -8,6 +8,7 @@
 
 #include "PackageFiles.h"
 #include "ShellText.h"
+#include "TransientUnit.h"
 #include "ZShared/ZDeadline.h"
 #include "ZShared/ZFileSnapshot.h"
 #include "ZShared/ZPlatform.h"
@@ -233,10 +234,14 @@ Confinement PackageTrust::Confined() const {
 
 ZResult<void> PackageTrust::CanConfine() const {
     // A package looks at the signers as well, as nobody.
-    const std::string line = Confined().CommandLine(
-        {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kTryLimit);
+    std::string line = Confined().CommandLine(
+                           {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kTryLimit) +
+                       " 2>&1";
+    if (const auto unit = TransientUnit::ForCheck(kTryLimit)) {
+        line = unit->CommandLine(line) + " 2>&1";
+    }
     std::string output;
-    if (ZPlatform::ExecuteCommand(line + " 2>&1", output, kTryLimit)) {
+    if (ZPlatform::ExecuteCommand(line, output, kTryLimit)) {
         return {};
     }
     return ZError("checks can't be confined: " + output);
