@@ -1,7 +1,6 @@
 #include "InstallerProcess.h"
 
 #include <csignal>
-#include <optional>
 
 #include "ShellText.h"
 #include "TransientUnit.h"
@@ -35,12 +34,9 @@ ZResult<pid_t> StartInstallerProcess(const std::vector<std::string>& arguments, 
     }
     const std::string line = unit->CommandLine(
         Inhibiting("version " + ToStdString(operation.Get()->m_Version) + " is being installed", inside));
-    std::optional<ZSealedProgram> started;
-    if (sealed != nullptr) {
-        started = *sealed;
-        started->hasStarter = true;
-    }
-    return ZPlatform::StartProgram({"/bin/sh", "-c", line}, {}, started ? &*started : nullptr);
+    ZSealedProgram started = sealed != nullptr ? *sealed : ZSealedProgram();
+    started.starter = "/bin/sh";
+    return ZPlatform::StartProgram({arguments.front(), "-c", line}, {}, &started);
 }
 
 // A unit ends by itself once its processes have, and then the one that waits for it.

@@ -10,9 +10,12 @@
 namespace {
 
 // A check answers from some hundred kilobytes; an installer copies through a small buffer, and what the system keeps of
-// its files is given back before a bound is met.
-constexpr const char* kCheckLimits = " -p MemoryMax=512M -p MemorySwapMax=0 -p TasksMax=64";
-constexpr const char* kInstallLimits = " -p MemoryMax=512M -p TasksMax=128 -p OOMPolicy=continue";
+// its files is given back before a bound is met. Without a description a unit is described by its command line, and the
+// unit's file can't hold one of several lines.
+constexpr const char* kCheckLimits =
+    " --description='Check of a package' -p MemoryMax=512M -p MemorySwapMax=0 -p TasksMax=64";
+constexpr const char* kInstallLimits =
+    " --description='Install of a version' -p MemoryMax=512M -p TasksMax=128 -p OOMPolicy=continue";
 // For the service manager to end what this process should have ended, had it lived.
 constexpr auto kPatience = std::chrono::seconds(10);
 constexpr auto kSignalLimit = std::chrono::seconds(5);

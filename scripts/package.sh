@@ -17,7 +17,7 @@ copy_recipe() {
 
 build() {
     log "building (build/package.log)"
-    export ARBOR_SOURCE=$PWD DEB_BUILD_OPTIONS="parallel=$(nproc) noautodbgsym"
+    export ARBOR_SOURCE=$PWD
     # -nc: what was compiled before is kept, and make knows what has changed.
     (cd "$work" && dpkg-buildpackage --build=binary --no-sign --no-pre-clean) > build/package.log 2>&1 ||
         { tail -n 40 build/package.log >&2; return 1; }

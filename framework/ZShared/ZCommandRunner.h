@@ -36,8 +36,9 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
 struct ZSealedProgram {
     int program = -1;  ///< a descriptor of the bytes that run, which nobody can change
     std::string file;  ///< what the program finds open, as the descriptor that ARBOR_PACKAGE_FD names; empty: nothing
-    /// The arguments name a program that starts it: it finds the bytes as descriptor kProgram, and `file` as kFile.
-    bool hasStarter = false;
+    /// A program that runs instead, with the same arguments, and starts it: that finds the bytes as descriptor
+    /// kProgram, and `file` as kFile. Empty: nothing.
+    std::string starter = {};
     static constexpr int kProgram = 4;
     static constexpr int kFile = 5;
 };

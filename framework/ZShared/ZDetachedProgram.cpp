@@ -109,6 +109,9 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
     }
     const auto argv = Pointers(arguments);
     const auto envp = Pointers(variables);
+    const char* const path = sealed == nullptr          ? argv[0]
+                             : !sealed->starter.empty() ? sealed->starter.c_str()
+                                                        : kProgram;
     const int door = ZProgramOutput::Instance().Door();
     const auto run = [&] {
         Detach();
@@ -118,7 +121,7 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
             Report(file >= 0 ? EBADF : errno);
             return;
         }
-        ::execve(sealed != nullptr && !sealed->hasStarter ? kProgram : argv[0], argv.data(), envp.data());
+        ::execve(path, argv.data(), envp.data());
         Report(errno);
     };
     ZForkedChild child;
