@@ -28,10 +28,10 @@ struct ZPlatformSettings {
     std::optional<ZIdentity> identity;
     /// Device to mount point; stands in for the kernel's mount table on a development machine.
     std::map<std::string, std::string> mounts;
-    /// Whether what packages bring runs as units of the service manager, where there is one.
-    bool transientUnits = false;
     /// How long a command may run before its whole process group is ended and the call fails.
     std::chrono::milliseconds commandTimeout{std::chrono::minutes(15)};
+    /// Whether what packages bring runs as units of the service manager, where there is one.
+    bool transientUnits = false;
 };
 
 /// The only door to the machine: commands, identity, mounts. All functions are thread-safe and never throw.
