@@ -20,18 +20,21 @@ install(FILES README.md SECURITY.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/arb
 install(FILES CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/arbor-install/docs)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/arbor-install/docs)
 
-# The manual. It is what the programs say of themselves, so they run for it; a build for another machine takes another one's.
-set(ARBOR_MANUAL_PROGRAMS ${CMAKE_RUNTIME_OUTPUT_DIRECTORY} CACHE PATH "Programs of this version that run here")
+# The manual. It is what the programs say of themselves, so they run for it; a build for another machine takes the pages of one for
+# this machine.
+set(ARBOR_MANUAL "" CACHE PATH "Folder with the manual's pages, where the programs don't run here")
 find_package(Python3 3.11 COMPONENTS Interpreter)
-if(Python3_FOUND AND NOT ARBOR_SANITIZE)
-    set(manual ${CMAKE_CURRENT_BINARY_DIR}/manual)
-    add_custom_command(OUTPUT ${manual}/arbord.8
-        COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/scripts/manpages.py ${ARBOR_MANUAL_PROGRAMS} ${PROJECT_VERSION}
-                ${manual}
+if(NOT ARBOR_MANUAL AND Python3_FOUND AND NOT ARBOR_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
+    set(ARBOR_MANUAL ${CMAKE_CURRENT_BINARY_DIR}/manual)
+    add_custom_command(OUTPUT ${ARBOR_MANUAL}/arbord.8
+        COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/scripts/manpages.py ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
+                ${PROJECT_VERSION} ${ARBOR_MANUAL}
         DEPENDS arbor_programs scripts/manpages.py scripts/settings.py host/system/graph.json packages/arborpkg/cli.py
         VERBATIM)
-    add_custom_target(arbor_manual ALL DEPENDS ${manual}/arbord.8)
-    install(FILES ${manual}/arborctl.1 ${manual}/arbor-pkg.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-    install(FILES ${manual}/arbor-graph.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
-    install(FILES ${manual}/arbord.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+    add_custom_target(arbor_manual ALL DEPENDS ${ARBOR_MANUAL}/arbord.8)
+endif()
+if(ARBOR_MANUAL)
+    install(FILES ${ARBOR_MANUAL}/arborctl.1 ${ARBOR_MANUAL}/arbor-pkg.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${ARBOR_MANUAL}/arbor-graph.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5)
+    install(FILES ${ARBOR_MANUAL}/arbord.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 endif()

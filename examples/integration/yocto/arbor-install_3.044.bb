@@ -15,7 +15,7 @@ RDEPENDS:${PN} = "${PN}-arborctl bubblewrap dbus openssl-bin python3-core python
     util-linux-choom util-linux-prlimit util-linux-setpriv"
 
 EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=Release -DARBOR_TESTS=OFF -DARBOR_BENCH=OFF -DARBOR_SAMPLE=OFF \
-    -DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON -DCMAKE_INSTALL_SYSCONFDIR=${sysconfdir}"
+    -DCMAKE_INSTALL_SYSCONFDIR=${sysconfdir}"
 
 SYSTEMD_SERVICE:${PN} = "arbord.service"
 USERADD_PACKAGES = "${PN}"

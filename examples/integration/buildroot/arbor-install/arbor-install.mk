@@ -6,7 +6,7 @@ ARBOR_INSTALL_SITE_METHOD = local
 ARBOR_INSTALL_DEPENDENCIES = boost bubblewrap cli11 cpp-httplib dbus fmt libseccomp libsodium magic-enum \
 	openssl spdlog sqlite systemd util-linux
 ARBOR_INSTALL_CONF_OPTS = -DCMAKE_BUILD_TYPE=Release -DARBOR_TESTS=OFF -DARBOR_BENCH=OFF -DARBOR_SAMPLE=OFF \
-	-DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON -DCMAKE_INSTALL_SYSCONFDIR=/etc
+	-DCMAKE_INSTALL_SYSCONFDIR=/etc
 
 define ARBOR_INSTALL_USERS
 	- - arbor -1 - - - -
