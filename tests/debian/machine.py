@@ -4,6 +4,7 @@ What it is made from is kept below build/debian and made anew when the packages 
 it, so that it begins as a system does that never saw the packages.
 """
 
+import fcntl
 import hashlib
 import os
 import re
@@ -69,9 +70,9 @@ def base() -> Path:
     folder = CACHE / f"base-{hashlib.sha256(' '.join([SUITE, *packages]).encode()).hexdigest()[:16]}"
     if folder.is_dir():
         return folder
-    shutil.rmtree(CACHE, ignore_errors=True)
-    CACHE.mkdir(parents=True)
     making = CACHE / "making"
+    for old in (making, *CACHE.glob("base-*")):
+        shutil.rmtree(old, ignore_errors=True)
     print(f"debian: making a root with {', '.join(packages)}", flush=True)
     logged("debootstrap", "--variant=minbase", f"--include={','.join(ALWAYS)}", SUITE, making)
     # Where packages come from is this machine's affair; who installs ours below needs none of it.
@@ -98,6 +99,12 @@ class Machine:
     def __enter__(self) -> "Machine":
         if os.geteuid() != 0:
             raise MachineError("this test needs root")
+        CACHE.mkdir(parents=True, exist_ok=True)
+        self._lock = open(CACHE / "lock", "w", encoding="ascii")
+        fcntl.flock(self._lock, fcntl.LOCK_EX)  # one at a time
+        for left in CACHE.glob("machine-*"):  # by one that was killed
+            subprocess.run(["umount", "--quiet", left / "root"], check=False)
+            shutil.rmtree(left, ignore_errors=True)
         system = base()
         self._work = Path(tempfile.mkdtemp(prefix="machine-", dir=CACHE))
         try:
@@ -119,6 +126,7 @@ class Machine:
         for group in self._groups:
             subprocess.run(["find", group, "-depth", "-type", "d", "-exec", "rmdir", "{}", ";"], stderr=subprocess.DEVNULL, check=False)
         shutil.rmtree(self._work, ignore_errors=True)
+        self._lock.close()
 
     def _boot(self, system: Path) -> None:
         for name in ("upper", "work", "root"):
@@ -136,7 +144,7 @@ class Machine:
             self._nspawn = subprocess.Popen(
                 # Into the groups, which it makes the machine's own.
                 ["sh", "-euc", 'for group; do shift; [ "$group" = -- ] && break; echo $$ > "$group/cgroup.procs"; done; exec "$@"', "sh",
-                 *groups, "--", "systemd-nspawn", "--quiet", "--directory", self.root, "--register=no", "--keep-unit", "--private-network",
+                 *groups, "--", "setpriv", "--pdeathsig", "TERM", "systemd-nspawn", "--quiet", "--directory", self.root, "--register=no", "--keep-unit", "--private-network",
                  "--console=pipe", f"--bind-ro={PACKAGES}:/packages", "--machine=instrument", "--kill-signal=SIGRTMIN+3",
                  "/machine-init"],
                 stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=True)
