@@ -30,10 +30,10 @@ copy_recipe() {
 }
 
 # build COMMAND...: dpkg-buildpackage, run by the command. --no-pre-clean: what was compiled before is kept, and ninja knows what has
-# changed.
+# changed. The environment stays what it is: the compiler's cache keeps objects of another language apart.
 build() {
     log "building for $architecture (build/package-$architecture.log)"
-    "$@" env -C "$PWD/$work" ARBOR_SOURCE="$PWD" ARBOR_MANUAL="$PWD/build/release/manual" LC_ALL=C.UTF-8 \
+    "$@" env -C "$PWD/$work" ARBOR_SOURCE="$PWD" ARBOR_MANUAL="$PWD/build/release/manual" \
         dpkg-buildpackage "${options[@]}" --no-sign --no-pre-clean > "build/package-$architecture.log" 2>&1 ||
         { tail -n 40 "build/package-$architecture.log" >&2; return 1; }
 }
@@ -67,7 +67,7 @@ in_root() {
         mkdir -p "$root$here"
         mount --bind "$here" "$root$here"
         mount -t proc proc "$root/proc"
-        exec chroot "$root" env CCACHE_DIR="$cache" "$@"' sh "$cross/root" "$PWD" "$PWD/$cross/ccache" "$@"
+        exec chroot "$root" env LC_ALL=C.UTF-8 CCACHE_DIR="$cache" "$@"' sh "$cross/root" "$PWD" "$PWD/$cross/ccache" "$@"
 }
 
 collect() {
