@@ -7,6 +7,7 @@
 #include <csignal>
 #include <system_error>
 
+#include "InstallerProcess.h"
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZChildReaper.h"
 #include "ZShared/ZFileDescriptor.h"
@@ -66,11 +67,11 @@ bool ZNodeArborInstall_InstallAction::Work() {
             return true;
         }
         if (killAt && ZClock::now() >= *killAt) {
-            EndProcess(process, SIGKILL);
+            EndProcess(process, operation, SIGKILL);
             killAt = ZClock::now() + kCancelPatience;
         } else if (!killAt && operation.CancelReason()) {
             Z_LOG(2, "Cancelling the install of %s", operation.Get()->m_Version);
-            EndProcess(process, SIGTERM);
+            EndProcess(process, operation, SIGTERM);
             killAt = ZClock::now() + kCancelPatience;
         }
     }
@@ -95,11 +96,9 @@ bool ZNodeArborInstall_InstallAction::AwaitEnd(int exit, const ZProcessId& proce
     return exit < 0 ? HasEnded(process) : entries[0].revents != 0;
 }
 
-/// Its whole group: a package of somebody else's may be a script with children.
-void ZNodeArborInstall_InstallAction::EndProcess(const ZProcessId& process, int signal) {
+void ZNodeArborInstall_InstallAction::EndProcess(const ZProcessId& process, const ZOperation& operation, int signal) {
     if (IsChild(process) || FindProcess(process.id) == process) {
-        ::kill(-process.id, signal);
-        ::kill(process.id, signal);
+        EndInstallerProcess(operation, process.id, signal);
     }
 }
 

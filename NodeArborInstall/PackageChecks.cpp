@@ -2,8 +2,10 @@
 
 #include "PackageFiles.h"
 #include "ShellText.h"
+#include "TransientUnit.h"
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZPlatform.h"
+#include "ZShared/ZStopEvent.h"
 
 namespace fs = std::filesystem;
 
@@ -75,9 +77,17 @@ struct ZNodeArborInstall::PackageCheck {
 bool ZNodeArborInstall::RunCheck(const PackageCheck& check, const std::string& arguments, std::string& output) {
     const auto limit = std::chrono::seconds(Config().m_CheckTimeoutSeconds);
     const std::string plain = ShellEscape(check.file.string()) + arguments;
-    return ZPlatform::ExecuteCommand(
-        check.approved ? m_trust.Command(check.file, arguments, *check.approved, limit) : plain, output, check.Left(),
-        plain);
+    std::string line = check.approved ? m_trust.Command(check.file, arguments, *check.approved, limit) : plain;
+    const auto unit = TransientUnit::ForCheck(limit);
+    if (unit) {
+        line = unit->CommandLine(line);
+    }
+    const bool isGood = ZPlatform::ExecuteCommand(line, output, check.Left(), plain);
+    const ZStopEvent* const stop = ZStopEvent::OfThisThread();
+    if (unit && (ZClock::now() >= check.deadline || (stop != nullptr && stop->IsSet()))) {
+        unit->End();  // who waited for it was ended, it was not
+    }
+    return isGood;
 }
 
 ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file, std::chrono::milliseconds limit) {

@@ -8,6 +8,7 @@
 
 #include "PackageFiles.h"
 #include "ShellText.h"
+#include "TransientUnit.h"
 #include "ZShared/ZDeadline.h"
 #include "ZShared/ZFileSnapshot.h"
 #include "ZShared/ZPlatform.h"
@@ -39,19 +40,24 @@ constexpr const char* kCanRead =
        done
        for file in "$0"/*.pem "$0"/*.crt; do [ -n "$there" ] || [ ! -e "$file" ] || cat "$file" > /dev/null || exit 1; done)";
 
-/// For everybody to read: a package looks at it as nobody.
+/// For everybody to read, whatever new files usually allow: a package looks into it as nobody.
+void MakeState(const fs::path& folder) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    fs::permissions(folder,
+                    fs::perms::group_read | fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec,
+                    fs::perm_options::add, error);
+}
+
 ZResult<void> Keep(const std::string& chain, const fs::path& folder) {
     if (folder.empty()) {
         return ZError("there is no place to keep trust documents: TrustState is not set");
     }
-    std::error_code error;
-    fs::create_directories(folder, error);
+    MakeState(folder);
     if (auto replaced = ReplaceFile(folder / kTrustFileName, chain, 0644); !replaced) {
         return replaced;
     }
-    fs::permissions(folder,
-                    fs::perms::group_read | fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec,
-                    fs::perm_options::add, error);
+    std::error_code error;
     fs::permissions(folder / kTrustFileName, fs::perms::group_read | fs::perms::others_read, fs::perm_options::add,
                     error);
     return {};
@@ -136,8 +142,7 @@ ZResult<PackageTrust::Opened> PackageTrust::OpenWhole(const fs::path& path, ZFil
             "all of it would have to be copied before it runs, and there is no place for that: TrustState is "
             "not set");
     }
-    std::error_code error;
-    fs::create_directories(m_policy.state, error);
+    MakeState(m_policy.state);
     const std::lock_guard oneAtATime(*m_copying);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now());
     if (left <= left.zero()) {
@@ -233,10 +238,14 @@ Confinement PackageTrust::Confined() const {
 
 ZResult<void> PackageTrust::CanConfine() const {
     // A package looks at the signers as well, as nobody.
-    const std::string line = Confined().CommandLine(
-        {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kTryLimit);
+    std::string line = Confined().CommandLine(
+                           {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kTryLimit) +
+                       " 2>&1";
+    if (const auto unit = TransientUnit::ForCheck(kTryLimit)) {
+        line = unit->CommandLine(line) + " 2>&1";
+    }
     std::string output;
-    if (ZPlatform::ExecuteCommand(line + " 2>&1", output, kTryLimit)) {
+    if (ZPlatform::ExecuteCommand(line, output, kTryLimit)) {
         return {};
     }
     return ZError("checks can't be confined: " + output);

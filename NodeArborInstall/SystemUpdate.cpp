@@ -4,6 +4,7 @@
 #include <csignal>
 #include <numeric>
 
+#include "InstallerProcess.h"
 #include "PackageFiles.h"
 #include "ZNodeArborInstallActions.h"
 #include "ZShared/ZChildReaper.h"
@@ -182,8 +183,7 @@ ZResult<void> ZNodeArborInstall::RunInstaller(const std::vector<std::string>& ar
     if (InShutdown()) {  // a request that was still queued has no requester any more
         return ZError("the host stops");
     }
-    const auto process =
-        ZPlatform::StartProgram(arguments, {"ARBOR_OPERATION=" + ToStdString(life->Operation().Id())}, sealed);
+    const auto process = StartInstallerProcess(arguments, life->Operation(), sealed);
     if (!process) {
         return process.error();
     }
@@ -192,7 +192,7 @@ ZResult<void> ZNodeArborInstall::RunInstaller(const std::vector<std::string>& ar
         return {};
     }
     // What nobody watches must not run.
-    ::kill(-*process, SIGKILL);
+    EndInstallerProcess(life->Operation(), *process, SIGKILL);
     ZChildReaper::Instance().Watch(*process, arguments.front());
     return ZError("nothing can watch it");
 }

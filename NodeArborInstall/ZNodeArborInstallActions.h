@@ -84,7 +84,7 @@ private:
     bool Work() override;
     /// Sleeps until something is to be done. True when the process has ended.
     bool AwaitEnd(int exit, const ZProcessId& process, ZOperation& operation, std::optional<ZClock::time_point> wakeUp);
-    void EndProcess(const ZProcessId& process, int signal);
+    void EndProcess(const ZProcessId& process, const ZOperation& operation, int signal);
     std::optional<int> Reap(const ZProcessId& process, const std::string& program);
 };
 

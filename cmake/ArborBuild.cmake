@@ -26,6 +26,15 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-fno-gnu-unique)
 endif()
 
+# What distributions ask of a program that reads what strangers bring. The same for every release build, so that the packages
+# are built of the objects that were tested.
+if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT ARBOR_SANITIZE)
+    add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+    # The headers then mark results that must be used; that one does not count is said by a cast, which g++ does not hear.
+    add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-unused-result>)
+    add_link_options(-Wl,-z,relro -Wl,-z,now)
+endif()
+
 if(ARBOR_SANITIZE STREQUAL "address")
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -O1 -g1)
     add_link_options(-fsanitize=address,undefined)
@@ -44,11 +53,19 @@ elseif(ARBOR_SANITIZE)
     message(FATAL_ERROR "ARBOR_SANITIZE is '${ARBOR_SANITIZE}'; it may be empty, address, thread or fuzzer")
 endif()
 
-# arbor_library(NAME SOURCES... ): a shared library of the framework, found by its siblings beside it.
+# arbor_library(NAME SOURCES... ): a shared library, found by its siblings beside it.
 function(arbor_library name)
     add_library(${name} SHARED ${ARGN})
     set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
-    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/arbor)
+endfunction()
+
+# arbor_framework_library(NAME SOURCES...): one that nodes of others are built on, with its headers, whose names stay
+# what they are here: "NodeBase/ZNode.h".
+function(arbor_framework_library name)
+    arbor_library(${name} ${ARGN})
+    install(TARGETS ${name} EXPORT ArborInstallTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/arbor)
+    install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/arbor-install
+            FILES_MATCHING PATTERN "*.h")
 endfunction()
 
 # What an instrument needs: the host, the client, every node library.
@@ -59,6 +76,7 @@ function(arbor_node_library name)
     arbor_library(${name} ${ARGN})
     target_link_libraries(${name} PRIVATE NodeBase)
     add_dependencies(arbor_programs ${name})
+    install(TARGETS ${name} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/arbor)
 endfunction()
 
 # arbor_test(NAME SOURCES... [LIBRARIES ...]): a test program whose cases ctest runs one by one.

@@ -62,6 +62,7 @@ private:
         const GraphPlace place = GraphPlace().Member("platform");
         ReadSection("platform", {&platform}, {"identity", "mounts"});
         m_graph.platform.eepromPath = ToStdString(platform.m_Eeprom);
+        m_graph.platform.transientUnits = platform.m_bTransientUnits;
         m_graph.platform.commandTimeout = std::chrono::seconds(platform.m_CommandTimeoutSeconds);
         const json::object object = Object(m_root, {}, "platform", Told::Already);
         if (object.contains("identity")) {

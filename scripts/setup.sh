@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Installs what building, testing and demonstrating the project needs, from the distribution's packages.
-# Safe to run again: it returns at once when everything is there.
+# Installs what building, testing and demonstrating the project needs, from the distribution's packages; with --packages also
+# what making and trying out packages of it needs. Safe to run again: it returns at once when everything is there.
 set -euo pipefail
 
 packages=(
@@ -11,6 +11,7 @@ packages=(
     python3 openssl softhsm2 libengine-pkcs11-openssl libubootenv-tool shellcheck curl util-linux mount procps ca-certificates git
     avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
 )
+package_tools=(debhelper dpkg-dev lintian mandoc man-db debootstrap systemd-container)
 # The simulated devices start services of their own; the machine is not to run what the packages bring.
 declare -A units=([avahi-daemon]="avahi-daemon.service avahi-daemon.socket" [openssh-server]="ssh.service ssh.socket")
 policy=/usr/sbin/policy-rc.d
@@ -85,6 +86,10 @@ install_enum_package() {
 
 main() {
     command -v apt-get >/dev/null || { echo "setup: this needs a Debian system (apt-get was not found)" >&2; exit 1; }
+    case ${1:-} in
+        --packages) packages+=("${package_tools[@]}") ;;
+        ?*) echo "setup: there is no '$1'; it takes --packages" >&2; exit 2 ;;
+    esac
     mapfile -t missing < <(missing_packages)
     if [ "${#missing[@]}" -gt 0 ]; then
         install_packages "${missing[@]}"

@@ -36,6 +36,11 @@ ZCommandResult RunShellCommand(const std::string& commandLine, const ZOutputCall
 struct ZSealedProgram {
     int program = -1;  ///< a descriptor of the bytes that run, which nobody can change
     std::string file;  ///< what the program finds open, as the descriptor that ARBOR_PACKAGE_FD names; empty: nothing
+    /// A program that runs instead, with the same arguments, and starts it: that finds the bytes as descriptor
+    /// kProgram, and `file` as kFile. Empty: nothing.
+    std::string starter = {};
+    static constexpr int kProgram = 4;
+    static constexpr int kFile = 5;
 };
 ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const std::vector<std::string>& further = {},
                              std::chrono::milliseconds limit = std::chrono::seconds(10),

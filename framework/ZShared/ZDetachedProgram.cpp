@@ -55,6 +55,7 @@ void Report(int error) {
 // Where a sealed program finds itself, and the file that it was started from.
 constexpr const char* kProgram = "/proc/self/fd/4";
 constexpr int kPackage = ZForkedChild::kKept + 1;
+static_assert(ZSealedProgram::kProgram == ZForkedChild::kKept && ZSealedProgram::kFile == kPackage);
 // Until then the place of the door.
 constexpr int kDoor = kPackage;
 
@@ -108,6 +109,9 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
     }
     const auto argv = Pointers(arguments);
     const auto envp = Pointers(variables);
+    const char* const path = sealed == nullptr          ? argv[0]
+                             : !sealed->starter.empty() ? sealed->starter.c_str()
+                                                        : kProgram;
     const int door = ZProgramOutput::Instance().Door();
     const auto run = [&] {
         Detach();
@@ -117,7 +121,7 @@ ZResult<pid_t> StartDetached(const std::vector<std::string>& arguments, const st
             Report(file >= 0 ? EBADF : errno);
             return;
         }
-        ::execve(sealed != nullptr ? kProgram : argv[0], argv.data(), envp.data());
+        ::execve(path, argv.data(), envp.data());
         Report(errno);
     };
     ZForkedChild child;

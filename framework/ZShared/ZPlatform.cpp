@@ -1,5 +1,7 @@
 #include "ZShared/ZPlatform.h"
 
+#include <systemd/sd-daemon.h>
+
 #include <memory>
 #include <numeric>
 
@@ -210,6 +212,10 @@ bool ZPlatform::ReadBoard(ZString& text) {
 }
 bool ZPlatform::ReadSerialNumber(ZString& text) {
     return ReadField(text, &ZIdentity::serialNumber);
+}
+
+bool ZPlatform::HasUnits() {
+    return Settings()->transientUnits && ::sd_booted() > 0;
 }
 
 std::string ZPlatform::GetMountPointFromDevice(const std::string& device) {

@@ -30,6 +30,8 @@ struct ZPlatformSettings {
     std::map<std::string, std::string> mounts;
     /// How long a command may run before its whole process group is ended and the call fails.
     std::chrono::milliseconds commandTimeout{std::chrono::minutes(15)};
+    /// Whether what packages bring runs as units of the service manager, where there is one.
+    bool transientUnits = false;
 };
 
 /// The only door to the machine: commands, identity, mounts. All functions are thread-safe and never throw.
@@ -68,6 +70,9 @@ public:
     static bool ReadModel(ZString& text);
     static bool ReadBoard(ZString& text);
     static bool ReadSerialNumber(ZString& text);
+
+    /// Whether programs can run as units of their own of the service manager, and are to.
+    static bool HasUnits();
 
     /// Where the block device is mounted; empty when it is not.
     static std::string GetMountPointFromDevice(const std::string& device);

@@ -24,7 +24,7 @@ _EXAMPLES = """examples:
 
 def main(arguments: list[str]) -> int:
     """Runs arbor-pkg; returns the exit code: 0 done, 1 it failed or the file is not sound, 2 usage."""
-    options = _parser().parse_args(arguments)
+    options = make_parser().parse_args(arguments)
     try:
         return options.run(options)
     except (Failure, OSError) as error:
@@ -32,7 +32,8 @@ def main(arguments: list[str]) -> int:
         return 1
 
 
-def _parser() -> argparse.ArgumentParser:
+def make_parser() -> argparse.ArgumentParser:
+    """The command line, for `main` and for the manual."""
     parser = argparse.ArgumentParser(prog="arbor-pkg", description="Builds, archives, signs and inspects update packages.",
                                      epilog=_EXAMPLES, formatter_class=argparse.RawDescriptionHelpFormatter)
     commands = parser.add_subparsers(required=True, metavar="COMMAND")
