@@ -27,6 +27,8 @@ GATEWAY = RUNTIME / "gateway.sock"
 HOST_LOG = LOGS / "arbord.log"
 HOST_CONSOLE = LOGS / "arbord.console"
 HOST_PID = RUNTIME / "arbord.pid"
+BOOT_ID = BOOT / "boot_id"  # the kernel's name of the boot, as long as this instrument believes it
+KERNEL_BOOT_ID = Path("/proc/sys/kernel/random/boot_id")
 RUNNING_SLOT = BOOT / "slot"  # written by each boot: the slot that it started from
 
 # Everything that one instrument has to itself while it runs.

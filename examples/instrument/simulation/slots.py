@@ -1,6 +1,8 @@
 """The two slots of a device's storage: what stands in each, which one runs, and which one starts next."""
 
 import os
+import subprocess
+import uuid
 from pathlib import Path
 
 from . import paths
@@ -23,8 +25,12 @@ def running(file: Path = paths.RUNNING_SLOT) -> str:
 
 
 def boot() -> None:
-    """What a boot does: it starts from the active slot, and tells which one that was."""
+    """What a boot does: it starts from the active slot, tells which one that was, and has a name of its own."""
     paths.RUNNING_SLOT.write_text(active() + "\n", encoding="ascii")
+    if not paths.plain_mode():  # where nothing can be mounted the kernel's own name stays
+        paths.BOOT_ID.write_text(f"{uuid.uuid4()}\n", encoding="ascii")
+        if paths.BOOT_ID.read_text(encoding="ascii") != paths.KERNEL_BOOT_ID.read_text(encoding="ascii"):
+            subprocess.run(["mount", "--bind", str(paths.BOOT_ID), str(paths.KERNEL_BOOT_ID)], check=True)
 
 
 def described(slots: Path = paths.SLOTS) -> str:
