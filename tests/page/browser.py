@@ -3,12 +3,15 @@
 import json
 import os
 import subprocess
+import unittest
 from pathlib import Path
 from typing import Any
 
 from simulation import paths
 
 HERE = Path(__file__).resolve().parent
+WIDTHS = ((320, 640), (800, 480), (1280, 800), (1920, 1080))
+TARGET = 48  # pixels that a finger in a glove needs
 SHOTS = Path(os.environ.get("ARBOR_PAGE_SHOTS") or paths.build_folder() / "page-shots")
 
 
@@ -84,3 +87,21 @@ class Browser:
         self._process.stdin.close()
         self._process.wait(60)
         self._process.stdout.close()
+
+
+def assert_looks_right(case: unittest.TestCase, what: str) -> None:
+    """In light and dark no rule of accessibility is broken; at each width nothing sticks out, and fingers find the buttons."""
+    browser: Browser = case.browser  # type: ignore[attr-defined]
+    for scheme in ("light", "dark"):
+        browser.run("await page.emulateMedia({colorScheme})", colorScheme=scheme)
+        case.assertEqual([], browser.run("return accessibility()"), f"{what}, {scheme}")
+    browser.run("await page.emulateMedia({colorScheme: 'light'})")
+    for width, height in WIDTHS:
+        browser.run("await page.setViewportSize({width, height})", width=width, height=height)
+        case.assertEqual(0, browser.run("return overflow()"), f"{what} at {width}")
+        small = browser.run("""
+            return page.locator('button:visible, nav a:visible, select:visible').evaluateAll((all, target) => all
+                .map((one) => [one.innerText, Math.round(one.getBoundingClientRect().height)]).filter(([, height]) => height < target), TARGET)""",
+            TARGET=TARGET)
+        case.assertEqual([], small, f"{what} at {width}")
+    browser.run("await page.setViewportSize({width: 1280, height: 800})")

@@ -22,10 +22,12 @@ context.setDefaultTimeout(LIMIT);
 // What no page may do: complain, throw, or ask somebody else.
 const troubles = [];
 const requests = [];
+const answered = [];
 function watch(page) {
   page.on('console', (message) => ['error', 'warning'].includes(message.type()) && !/Failed to load resource/.test(message.text()) && troubles.push(message.text()));
   page.on('pageerror', (error) => troubles.push(String(error)));
   page.on('request', (request) => requests.push(request.url()));
+  page.on('requestfinished', (request) => answered.push(request.url()));
 }
 context.on('page', watch);
 const page = context.pages()[0] ?? await context.newPage();
@@ -44,8 +46,8 @@ const memory = {}; // what one step leaves for the next, such as a second tab
 for await (const line of createInterface({ input: process.stdin })) {
   let answer;
   try {
-    const run = new AsyncFunction('page', 'context', 'memory', 'accessibility', 'overflow', 'troubles', 'requests', JSON.parse(line).code);
-    answer = { value: (await run(page, context, memory, accessibility, overflow, troubles, requests)) ?? null };
+    const run = new AsyncFunction('page', 'context', 'memory', 'accessibility', 'overflow', 'troubles', 'requests', 'answered', JSON.parse(line).code);
+    answer = { value: (await run(page, context, memory, accessibility, overflow, troubles, requests, answered)) ?? null };
   } catch (error) {
     answer = { error: String(error.stack ?? error) };
   }

@@ -30,6 +30,8 @@ def boot() -> None:
     if not paths.plain_mode():  # where nothing can be mounted the kernel's own name stays
         paths.BOOT_ID.write_text(f"{uuid.uuid4()}\n", encoding="ascii")
         if paths.BOOT_ID.read_text(encoding="ascii") != paths.KERNEL_BOOT_ID.read_text(encoding="ascii"):
+            # An instrument that was furnished anew still shows the file of the one before, which has gone.
+            subprocess.run(["umount", str(paths.KERNEL_BOOT_ID)], stderr=subprocess.DEVNULL, check=False)
             subprocess.run(["mount", "--bind", str(paths.BOOT_ID), str(paths.KERNEL_BOOT_ID)], check=True)
 
 

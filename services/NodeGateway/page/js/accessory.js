@@ -5,6 +5,8 @@ import { fits, may, newestFirst, work } from './facts.js';
 import { html, useEffect, useState } from './preact.js';
 import { texts } from './texts.js';
 
+const TURNED_AWAY_MS = 3000; // who is turned away is no event: a stranger must not cause any
+
 const nameOf = (peer) => peer.name || peer.serialNumber || peer.publicKey.slice(0, 8);
 
 function FitText({ peer }) {
@@ -106,7 +108,11 @@ export function Accessory() {
   const [asked, setAsked] = useState(null);
   useEffect(() => {
     askPeers();
-    return () => change({ peers: null });
+    const timer = setInterval(askPeers, TURNED_AWAY_MS);
+    return () => {
+      clearInterval(timer);
+      change({ peers: null });
+    };
   }, [state.link]);
   const told = state.peers;
   if (!told) {

@@ -55,15 +55,14 @@ export function mustStayOn(state) {
 // journal tells them; 0 when they do not tell.
 export function lastRestart(jobs) {
   const ordered = newestFirst(jobs).reverse();
-  let found = 0;
-  ordered.forEach((job, at) => {
-    const next = ordered[at + 1];
-    const took = next?.createdAt - job.endedAt;
-    if (job.kind === 'Install' && job.state === 'Succeeded' && next?.bootId !== job.bootId && took > 0 && took < LONGEST_RESTART_MS) {
-      found = took;
+  for (const job of ordered.filter((one) => one.kind === 'Install' && one.state === 'Succeeded').reverse()) {
+    const next = ordered.find((other) => other.createdAt > job.endedAt);
+    const took = next ? next.createdAt - job.endedAt : 0;
+    if (took && next.bootId !== job.bootId && took < LONGEST_RESTART_MS) {
+      return took;
     }
-  });
-  return found;
+  }
+  return 0;
 }
 
 export function lastInstallTook(jobs) {

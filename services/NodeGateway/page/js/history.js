@@ -15,7 +15,7 @@ function Lines({ job }) {
   const told = useAsked(() => get(`log?lines=1000&level=2&since=${job.createdAt}`), [job.state]);
   const until = job.endedAt ? job.endedAt + MARGIN_MS : Infinity;
   const lines = (told?.entries ?? []).filter((line) => line.time <= until);
-  return html`<h4>${texts.lines}</h4>
+  return html`<h3>${texts.lines}</h3>
     ${lines.length ? html`<pre class="log" tabindex="0" aria-label=${texts.lines}>${lines.map((line) => html`<span class=${`line level-${line.level}`} key=${line.number}>${line.text}${'\n'}</span>`)}</pre>`
       : html`<p class="empty">${told ? texts.noLines : ''}</p>`}`;
 }
@@ -29,7 +29,7 @@ function Details({ job }) {
       [texts.began, texts.time(job.startedAt || job.createdAt)], [texts.ended, texts.time(job.endedAt)],
       [texts.boot, job.bootId.slice(0, 8)], [texts.id, job.id]]} />
     ${job.header && html`<p>${job.header}: ${job.message} (${job.percent} %)</p>`}
-    ${parts.length > 0 && html`<h4>${texts.parts}</h4><ul class="rows">${parts.map((part) => html`<li class="row" key=${part.id}>
+    ${parts.length > 0 && html`<h3>${texts.parts}</h3><ul class="rows">${parts.map((part) => html`<li class="row" key=${part.id}>
       <div class="grow"><p>${texts.kinds[part.kind]} ${what(part)} <${JobState} state=${part.state} /></p>
       ${part.reason && html`<p class="reason">${part.reason}</p>`}</div></li>`)}</ul>`}
     <${Lines} job=${job} />
