@@ -87,6 +87,12 @@ class Installs(PageCase):
         self.browser.see("40 %", "Writing the image", "Do not switch off.")
         return install
 
+    def reboot_by(self, script: str) -> None:
+        """What the installer runs in place of the reboot."""
+        settings = json.loads((paths.CONFIG / "installer.json").read_text())
+        settings["rebootCommand"] = [*settings["rebootCommand"][:-1], "sh", "-c", script]
+        furnish.write_json(paths.CONFIG / "installer.json", settings)
+
     def test_install_is_proven_after_a_reload_a_second_tab_and_a_host_that_was_killed(self) -> None:
         browser = self.browser
         install = self.begin()
@@ -96,10 +102,10 @@ class Installs(PageCase):
         browser.run("""memory.tab = await context.newPage(); await memory.tab.goto(address);
                        await memory.tab.getByText('40 %').first().waitFor()""", address=self.served.address)
         self.kill_host()
-        browser.see("The instrument does not answer for", "The installer goes on by itself.")
+        browser.see("The instrument has not answered for", "The installer goes on by itself.")
         self.assertTrue(is_alive(install.worker))
         self.start_host()
-        browser.gone("The instrument does not answer for")
+        browser.gone("The instrument has not answered for")
         browser.see("40 %", "Do not switch off.")
         install.go_on()
         browser.await_outcome("proven")
@@ -113,6 +119,16 @@ class Installs(PageCase):
         browser.see("The restart is over.")
         browser.press(f"Install {VERSION}")
         browser.see("The last install took", "as the last time", within="dialog")
+        hold = paths.RUNTIME / "hold"
+        hold.touch()
+        self.reboot_by(f"kill -TERM $(cat {paths.HOST_PID}); while [ -e {hold} ]; do sleep 0.1; done; exec {paths.INSTRUMENT}/reboot")
+        stand_still_at("")
+        browser.press(f"Install {VERSION}", within="dialog")
+        browser.await_outcome("restarting")
+        browser.see(f"Restarting into {VERSION}.", "Waiting for the instrument (about ", "Do not switch off.")
+        hold.unlink()
+        browser.await_outcome("proven")
+        self.assertNotEqual(now, gateway.get("status")["bootId"])
 
     def test_reload_while_the_instrument_restarts_finds_it_again(self) -> None:
         self.begin()
@@ -124,9 +140,7 @@ class Installs(PageCase):
 
     def test_version_that_comes_back_is_told(self) -> None:
         turn_back = f"ln -sfn A {paths.SLOTS}/active; exec {paths.INSTRUMENT}/reboot"
-        settings = json.loads((paths.CONFIG / "installer.json").read_text())
-        settings["rebootCommand"] = [*settings["rebootCommand"][:-1], "sh", "-c", turn_back]
-        furnish.write_json(paths.CONFIG / "installer.json", settings)
+        self.reboot_by(turn_back)
         self.begin().go_on()
         self.browser.await_outcome("returned")
         self.browser.see(f"3.044 runs, and not {VERSION}.", "3.044, slot A")

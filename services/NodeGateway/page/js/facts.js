@@ -9,7 +9,7 @@ export const newestFirst = (jobs) => [...jobs].sort((a, b) => b.createdAt - a.cr
 export const may = (state, role) => ROLES.indexOf(state.status?.you?.role) >= ROLES.indexOf(role);
 
 export function mayCancel(state, job) {
-  return isOpen(job) && (may(state, 'administer') || (may(state, 'operate') && job.asker === state.status.you.name));
+  return isOpen(job) && state.link === 'live' && (may(state, 'administer') || (may(state, 'operate') && job.asker === state.status.you.name));
 }
 
 export function work(state) {
@@ -18,6 +18,12 @@ export function work(state) {
 }
 
 export const scans = (state) => [...state.jobs.values()].filter((job) => job.kind === 'Scan' && job.state === 'Running');
+
+// An event may have told its end when nobody could be asked any more: the instrument restarts right behind it.
+function lastInstall(state) {
+  const told = [...state.jobs.values(), state.status?.lastInstall].filter(Boolean);
+  return newestFirst(told.filter((job) => job.kind === 'Install' && !isOpen(job)))[0] ?? null;
+}
 
 // What the last install on this instrument has come to:
 //   none        there was none
@@ -33,7 +39,7 @@ export function outcome(state) {
   if (running?.kind === 'Install') {
     return { kind: link === 'lost' ? 'away' : 'running', job: running };
   }
-  const job = status?.lastInstall;
+  const job = lastInstall(state);
   if (!job) {
     return { kind: 'none' };
   }

@@ -9,6 +9,7 @@ import { Card, useSeconds } from './parts.js';
 import { History } from './history.js';
 import { Log } from './log.js';
 import { Work } from './work.js';
+import { outcome } from './facts.js';
 import { texts } from './texts.js';
 
 const Update = () => html`<div class="columns"><div><${Work} /><${Offers} /><${Refused} /><${Upload} /></div><div class="side"><${Instrument} /></div></div>`;
@@ -25,7 +26,7 @@ function Head() {
   </header>`;
 }
 
-const Lost = () => html`<p class="lost" role="alert">${texts.lost(useSeconds(state.lostAt))}</p>`;
+const Lost = () => html`<p class="banner" role="alert">${texts.lost(useSeconds(state.lostAt))}</p>`;
 
 function Locked() {
   const [text, setText] = useState('');
@@ -44,7 +45,7 @@ function Page() {
   const View = VIEWS[routeOf(state.route)];
   return html`<${Head} />
     <main>
-      ${state.link === 'lost' && html`<${Lost} />`}
+      ${state.link === 'lost' && outcome(state).kind !== 'restarting' && html`<${Lost} />`}
       ${state.link === 'locked' ? html`<${Locked} />` : state.status && html`<${View} />`}
     </main>`;
 }

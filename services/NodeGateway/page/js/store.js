@@ -1,7 +1,7 @@
 // The one state of the page, and how it follows the instrument: one GET tells all, events tell what changes, and whatever
 // was missed is told by the next GET. Nothing that has to last is kept here: a reload finds it at the instrument again.
 import { Problem, follow, get, send } from './ask.js';
-import { isOpen } from './facts.js';
+import { isOpen, lastRestart, work } from './facts.js';
 import { texts } from './texts.js';
 
 const RETRY_MS = 1000;
@@ -14,6 +14,7 @@ export const state = {
   jobs: new Map(), // by id, as far as they were told
   peers: null, // the answer to "peers"; null: not told
   order: null, // what was clicked and has no job yet: {kind, subject, problem}
+  usualRestart: null, // how long the last restart took, in ms; asked for while there is an install, since nobody tells it later
   upload: null, // {name, size, sent, problem, check}
   route: '',
 };
@@ -80,7 +81,16 @@ async function refresh() {
     keep(job);
   }
   dropUntold(status);
+  learnRestart();
   change({ status, link: 'live' });
+}
+
+async function learnRestart() {
+  if (state.usualRestart === null && work(state)?.kind === 'Install') {
+    state.usualRestart = 0;
+    const told = await askJobs({ limit: 500 }).catch(() => ({ operations: [] }));
+    change({ usualRestart: lastRestart(told.operations) });
+  }
 }
 
 // A job that was open and is told no more has ended while nobody listened.
@@ -132,6 +142,7 @@ function onEvent(name, document) {
       state.order = null;
     }
     change({});
+    learnRestart();
     if (!isOpen(document)) {
       refreshSoon();
     }

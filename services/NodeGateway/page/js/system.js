@@ -77,8 +77,9 @@ function Offer({ offer, isBest, onInstall }) {
 export function Offers() {
   const [chosen, choose] = useState(null);
   const found = offers(state.status);
-  return html`<${Card} title=${texts.offers} id="offers">
-    <div class="checking" role="status">${scans(state).map((scan) => html`<p key=${scan.id}>${texts.checking(scan.file, scan.message || texts.states.Running)}</p>`)}</div>
+  const checking = html`<div class="checking" role="status">${scans(state).map((scan) => html`<p key=${scan.id}>
+    ${texts.checking(baseName(scan.file), scan.message || texts.states.Running)}</p>`)}</div>`;
+  return html`<${Card} title=${texts.offers} id="offers" extra=${checking}>
     ${found.length > 0 ? html`<ul class="rows">${found.map((offer, at) => html`<${Offer} key=${offer.version} offer=${offer} isBest=${at === 0 && offer.relation === 'newer'} onInstall=${choose} />`)}</ul>`
       : html`<p class="empty">${texts.noOffers}</p>`}
     ${chosen && html`<${ConfirmInstall} offer=${chosen} onClose=${() => choose(null)} />`}

@@ -8,7 +8,7 @@ export const texts = {
   tabs: { '#/': 'Update', '#/accessory': 'Accessory', '#/history': 'History', '#/log': 'Log' },
   links: { connecting: 'connecting', live: 'connected', lost: 'no answer', locked: 'locked' },
   noAnswer: 'The instrument does not answer.',
-  lost: (seconds) => `The instrument does not answer for ${seconds} s. What is shown is what it told last; this page goes on trying.`,
+  lost: (seconds) => `The instrument has not answered for ${seconds} s. What is shown is what it told last; this page goes on trying.`,
   roles: { look: 'You may look, and change nothing.', operate: '', administer: '' },
 
   locked: 'A token is needed',
@@ -37,7 +37,7 @@ export const texts = {
   cancelling: 'Cancelling…',
   away: 'The instrument does not answer at present. The installer goes on by itself.',
   steps: 'Steps',
-  stepNames: { order: 'Order taken', write: 'Written to the other slot', carry: 'Carried over and installed', restart: 'Restart', proof: 'New version runs' },
+  stepNames: { order: 'Order taken', write: 'Write the other slot', restart: 'Restart', proof: 'New version runs' },
   stepStates: { done: 'done', now: 'now', todo: 'to come', bad: 'failed' },
   installed: (version) => `${version} is installed and starts next.`,
   installedMore: 'The instrument restarts by itself, unless the order said otherwise: then at its next restart.',

@@ -1,8 +1,8 @@
 // What happens now: an order that was just given, an install with its steps, a restart and its proof, the last outcome.
-import { Badge, Bar, Card, useAsked, useSeconds } from './parts.js';
-import { askJobs, change, order, state } from './store.js';
+import { Badge, Bar, Card, useSeconds } from './parts.js';
+import { change, order, state } from './store.js';
 import { html } from './preact.js';
-import { lastRestart, mayCancel, mustStayOn, outcome, work } from './facts.js';
+import { mayCancel, mustStayOn, outcome, work } from './facts.js';
 import { texts } from './texts.js';
 
 const STEPS = ['order', 'write', 'restart', 'proof'];
@@ -34,10 +34,9 @@ export const Running = ({ job, extra }) => html`
 const shortBoot = (id) => (id ?? '').slice(0, 8);
 
 function Waiting({ job }) {
-  const told = useAsked(() => askJobs({ limit: 200 }).catch(() => null), []);
-  const took = told?.operations ? lastRestart(told.operations) : 0;
+  const usual = state.usualRestart;
   return html`<p class="lead">${texts.restarting(job.version)}</p>
-    <p class="told">${texts.waiting(took && texts.duration(took), useSeconds(state.lostAt))}</p>
+    <p class="told">${texts.waiting(usual && texts.duration(usual), useSeconds(state.lostAt))}</p>
     <progress aria-label=${texts.progress}></progress>
     <${Steps} names=${STEPS} done=${2} />
     <div class="foot"><${StayOn} /></div>`;
