@@ -62,6 +62,20 @@ class Door(PageCase):
         self.served = Served()
 
 
+class Size(PageCase):
+    def test_page_is_small_over_the_wire_and_lets_nothing_else_run(self) -> None:
+        port = int(self.served.origin.rpartition(":")[2])
+        names = sorted(path.name for path in (paths.build_folder() / "share/arbor/page").iterdir() if path.suffix != ".gz")
+        total = 0
+        for name in names:
+            status, answer = ask(port, f"/{name}", **{"Accept-Encoding": "gzip"})
+            self.assertEqual((200, "gzip"), (status, answer.headers["Content-Encoding"]), name)
+            total += len(answer.text) + len(str(answer.headers))  # type: ignore[attr-defined]
+            text = (paths.build_folder() / "share/arbor/page" / name).read_text()
+            self.assertNotRegex(text, r"style=|javascript:|on[a-z]+=\"|<style|<script>|\beval\(|https?://(?!www\.w3\.org/)", name)
+        self.assertLess(total, 40_000)
+
+
 class Network(PageCase):
     def setUp(self) -> None:
         super().setUp()

@@ -1,5 +1,6 @@
 // Devices beside this one: what they are and run, bringing one to this device's version, and who is let in at all.
-import { Badge, Card, Dialog, Facts, Key } from './parts.js';
+import { Badge, Card, Dialog, Facts, Key, Steps } from './parts.js';
+import { REMOTE_STEPS } from './work.js';
 import { askPeers, change, order, state } from './store.js';
 import { fits, may, newestFirst, work } from './facts.js';
 import { html, useEffect, useState } from './preact.js';
@@ -22,10 +23,11 @@ function FitText({ peer }) {
 function Proof({ peer }) {
   const job = newestFirst(state.jobs.values()).find((one) => one.kind === 'RemoteInstall' && one.device === peer.serialNumber);
   if (job?.state !== 'Succeeded') {
-    return job?.reason ? html`<p class="problem">${job.reason}</p>` : null;
+    return job?.reason ? html`<p class="problem">${job.reason}</p><${Steps} names=${REMOTE_STEPS} done=${1} bad />` : null;
   }
   const proven = peer.connected && peer.version === job.version;
-  return html`<p class="note" data-proven=${proven}>${proven ? texts.proofRemote(nameOf(peer), peer.version) : texts.waitRemote(nameOf(peer))}</p>`;
+  return html`<p class="note" data-proven=${proven}>${proven ? texts.proofRemote(nameOf(peer), peer.version) : texts.waitRemote(nameOf(peer))}</p>
+    <${Steps} names=${REMOTE_STEPS} done=${proven ? REMOTE_STEPS.length : 2} />`;
 }
 
 function Actions({ peer, onInstall }) {

@@ -14,7 +14,18 @@ export const Facts = ({ rows }) => html`<dl class="facts">
   ${rows.filter(([, value]) => value).map(([name, value]) => html`<div key=${name}><dt>${name}</dt><dd>${value}</dd></div>`)}
 </dl>`;
 
-export const Bar = ({ percent, label }) => html`<progress max="100" value=${percent} aria-label=${label}></progress>`;
+// Without a percentage it only shows that something goes on.
+export const Bar = ({ percent, label }) => (percent > 0 ? html`<progress max="100" value=${percent} aria-label=${label}></progress>`
+  : html`<progress aria-label=${label}></progress>`);
+
+// How far something is that takes several steps: so many are done, and the next one is under way, or has failed.
+export const Steps = ({ names, done, bad }) => html`<ol class="steps" aria-label=${texts.steps}>
+  ${names.map((name, at) => {
+    const kind = at < done ? 'done' : at > done || done < 0 ? 'todo' : bad ? 'bad' : 'now';
+    return html`<li key=${name} class=${kind} aria-current=${kind === 'now' ? 'step' : null}>
+      <span>${texts.stepNames[name]}</span><span class="sr">, ${texts.stepStates[kind]}</span></li>`;
+  })}
+</ol>`;
 
 const STATE_BADGES = { Succeeded: 'good', Failed: 'bad', Lost: 'bad', Cancelled: 'plain', Running: 'accent', Queued: 'plain' };
 export const JobState = ({ state }) => html`<${Badge} kind=${STATE_BADGES[state] ?? 'plain'}>${texts.states[state] ?? state}<//>`;

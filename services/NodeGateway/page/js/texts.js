@@ -37,7 +37,7 @@ export const texts = {
   cancelling: 'Cancelling…',
   away: 'The instrument does not answer at present. The installer goes on by itself.',
   steps: 'Steps',
-  stepNames: { order: 'Order taken', write: 'Write the other slot', restart: 'Restart', proof: 'New version runs' },
+  stepNames: { order: 'Order taken', write: 'Write the other slot', carry: 'Carry over, install', restart: 'Restart', proof: 'New version runs' },
   stepStates: { done: 'done', now: 'now', todo: 'to come', bad: 'failed' },
   installed: (version) => `${version} is installed and starts next.`,
   installedMore: 'The instrument restarts by itself, unless the order said otherwise: then at its next restart.',
@@ -51,7 +51,7 @@ export const texts = {
   stays: (version) => `${version} stays, unchanged.`,
   cancelled: (version) => `Installing ${version} was cancelled.`,
   lastOutcome: 'Last install',
-  never: 'Nothing has been installed yet, as far as the journal goes.',
+  never: 'Nothing has been installed yet, as far as the journal goes. What an install does:',
 
   offers: 'What can be installed',
   noOffers: 'Nothing. Plug a stick in, or drop a package file here.',

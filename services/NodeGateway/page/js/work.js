@@ -1,21 +1,14 @@
 // What happens now: an order that was just given, an install with its steps, a restart and its proof, the last outcome.
-import { Badge, Bar, Card, useSeconds } from './parts.js';
+import { Badge, Bar, Card, Steps, useSeconds } from './parts.js';
 import { change, order, state } from './store.js';
 import { html } from './preact.js';
 import { mayCancel, mustStayOn, outcome, work } from './facts.js';
 import { texts } from './texts.js';
 
 const STEPS = ['order', 'write', 'restart', 'proof'];
+export const REMOTE_STEPS = ['order', 'carry', 'restart', 'proof'];
 // How many steps are done, and which is under way or has failed.
 const STEP_OF = { running: 1, away: 1, installed: 2, restarting: 2, proven: 4, returned: 3, failed: 1 };
-
-const Steps = ({ names, done, bad }) => html`<ol class="steps" aria-label=${texts.steps}>
-  ${names.map((name, at) => {
-    const kind = at < done ? 'done' : at > done ? 'todo' : bad ? 'bad' : 'now';
-    return html`<li key=${name} class=${kind} aria-current=${kind === 'now' ? 'step' : null}>
-      <span>${texts.stepNames[name]}</span><span class="sr">, ${texts.stepStates[kind]}</span></li>`;
-  })}
-</ol>`;
 
 const StayOn = () => html`<p class="stay-on" role="note">${texts.stayOn}</p>`;
 
@@ -26,7 +19,7 @@ const Cancel = ({ job }) => mayCancel(state, job) && html`<button type="button"
 
 export const Running = ({ job, extra }) => html`
   <p class="lead">${texts.kinds[job.kind]}${job.version && ` ${job.version}`}${job.device && ` → ${job.device}`}</p>
-  <p class="told"><span>${job.message || texts.states[job.state]}</span><span class="percent">${job.percent} %</span></p>
+  <p class="told"><span>${job.message || texts.states[job.state]}</span><span class="percent">${job.percent > 0 && `${job.percent} %`}</span></p>
   <${Bar} percent=${job.percent} label=${`${texts.progress}: ${texts.kinds[job.kind]}`} />
   ${extra}
   <div class="foot">${mustStayOn(state) ? html`<${StayOn} />` : html`<span></span>`}<${Cancel} job=${job} /></div>`;
@@ -69,7 +62,8 @@ function Outcome({ found }) {
     <p class="foot small"><time>${texts.time(found.job.endedAt)}</time><span>${found.job.asker}</span></p>`;
 }
 
-const Idle = () => html`<p class="lead">${texts.idle}</p><p class="told wrap">${texts.never}</p>`;
+const Idle = () => html`<p class="lead">${texts.idle}</p><p class="told wrap">${texts.never}</p>
+  <${Steps} names=${STEPS} done=${-1} />`;
 
 function Content() {
   const found = outcome(state);
@@ -79,7 +73,8 @@ function Content() {
     return html`<p class="lead">${texts.starting(given.subject)}</p><progress aria-label=${texts.progress}></progress>`;
   }
   if (running) {
-    const steps = running.kind === 'Install' && html`<${Steps} names=${STEPS} done=${1} />`;
+    const names = { Install: STEPS, RemoteInstall: REMOTE_STEPS }[running.kind];
+    const steps = names && html`<${Steps} names=${names} done=${1} />`;
     return html`<${Running} job=${running} extra=${found.kind === 'away' ? html`<p class="note">${texts.away}</p>` : steps} />`;
   }
   if (found.kind === 'restarting') {
