@@ -1,4 +1,5 @@
 #include <spawn.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
 
@@ -18,10 +19,15 @@ void OpenInBrowser(std::string address) {
     if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
         return;
     }
-    std::string program = "xdg-open";
-    char* const arguments[] = {program.data(), address.data(), nullptr};
+    // The shell ends at once; what it started is nobody's to wait for.
+    std::string shell = "sh";
+    std::string option = "-c";
+    std::string script = "xdg-open \"$0\" > /dev/null 2>&1 < /dev/null &";
+    char* const arguments[] = {shell.data(), option.data(), script.data(), address.data(), nullptr};
     pid_t process = 0;
-    posix_spawnp(&process, program.c_str(), nullptr, nullptr, arguments, environ);
+    if (posix_spawnp(&process, shell.c_str(), nullptr, nullptr, arguments, environ) == 0) {
+        waitpid(process, nullptr, 0);
+    }
 }
 
 std::string Sentence(const std::string& address, const std::string& network) {
