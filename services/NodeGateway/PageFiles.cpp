@@ -19,6 +19,7 @@ constexpr std::size_t kMostFiles = 64;
 constexpr std::size_t kLargestFile = std::size_t{256} * 1024;
 constexpr std::size_t kTagBytes = 12;  // of a digest
 constexpr std::string_view kIndex = "index.html";
+constexpr int kLevels = 4;  // usr/lib/MACHINE/arbor
 constexpr std::string_view kPacked = ".gz";
 
 // Nothing but the page's own files, and nothing written into it: a name of a file or a reason that somebody else wrote
@@ -41,7 +42,8 @@ const char* TypeOf(const fs::path& file) {
     return nullptr;
 }
 
-/// "share/arbor/page" of the first folder above this library that has one: that of the build, or of the installation.
+/// "share/arbor/page" of the build or installation that this library belongs to: the first of the folders above it that
+/// has one. Not of any folder above: those may be anybody's.
 fs::path InstalledFolder() {
     Dl_info library{};
     if (::dladdr(reinterpret_cast<const void*>(&InstalledFolder), &library) == 0) {
@@ -49,7 +51,7 @@ fs::path InstalledFolder() {
     }
     std::error_code error;
     fs::path above = fs::canonical(library.dli_fname, error).parent_path();
-    for (; above.has_relative_path(); above = above.parent_path()) {
+    for (int level = 0; level < kLevels; ++level, above = above.parent_path()) {
         fs::path folder = above / "share/arbor/page";
         if (fs::exists(folder / kIndex, error)) {
             return folder;

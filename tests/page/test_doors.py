@@ -101,7 +101,7 @@ class Network(PageCase):
         self.assertEqual(401, ask(self.port, "/v1/status.js")[0])
         self.assertEqual(421, ask(self.port, "/", Host="device.example")[0])
         self.enter("x" * 40)
-        browser.see("A token is needed")
+        browser.see("A token is needed", "This token is not known")
         self.assertEqual([], browser.run("return accessibility()"))
         self.enter(TOKENS["look"])
         browser.see("3.046", "You may look, and change nothing.")

@@ -12,9 +12,9 @@ export class Problem extends Error {
     this.status = status; // 0: nobody answered
   }
 
-  // Nobody is there, or only somebody who stands in between.
-  get isAway() {
-    return [0, 502, 503, 504].includes(this.status);
+  // The door is closed to whoever asks like this; another token may help.
+  get isRefusal() {
+    return [401, 403, 421, 429].includes(this.status);
   }
 }
 

@@ -26,7 +26,7 @@ function Head() {
   </header>`;
 }
 
-const Lost = () => html`<p class="banner" role="alert">${texts.lost(useSeconds(state.lostAt))}</p>`;
+const Lost = () => html`<p class="banner" role="alert">${texts.lost(useSeconds(state.lostAt))} ${state.problem}</p>`;
 
 function Locked() {
   const [text, setText] = useState('');
@@ -36,6 +36,7 @@ function Locked() {
     tryNow();
   };
   return html`<${Card} title=${texts.locked} id="locked"><p>${texts.lockedWhy}</p>
+    ${state.problem && html`<p class="problem" role="alert">${state.problem}</p>`}
     <form onSubmit=${onSubmit}><label class="field"><span>${texts.token}</span>
       <input type="password" autocomplete="current-password" value=${text} onInput=${(event) => setText(event.target.value)} /></label>
       <button class="main">${texts.unlock}</button></form><//>`;

@@ -8,8 +8,9 @@ const RETRY_MS = 1000;
 const MOST_JOBS = 300; // the newest; older ones are asked for when somebody looks
 
 export const state = {
-  link: 'connecting', // 'live', 'lost' (nobody answers), 'locked' (a token is needed)
+  link: 'connecting', // 'live', 'lost' (nobody answers), 'locked' (who asks is not let in)
   lostAt: 0, // when, by this browser's clock
+  problem: '', // why, when somebody has said so
   status: null, // GET /v1/status
   jobs: new Map(), // by id, as far as they were told
   peers: null, // the answer to "peers"; null: not told
@@ -62,11 +63,11 @@ async function live() {
       await refresh();
       await follow('events', { onOpen: () => refreshSoon(), onEvent });
     } catch (problem) {
-      const locked = problem instanceof Problem && (problem.status === 401 || problem.status === 429);
       if (!(problem instanceof Problem)) {
         console.error(problem);
       }
-      change({ link: locked ? 'locked' : 'lost', lostAt: state.link === 'lost' ? state.lostAt : Date.now() });
+      const lostAt = state.link === 'lost' ? state.lostAt : Date.now();
+      change({ link: problem.isRefusal ? 'locked' : 'lost', lostAt, problem: problem.status ? problem.message : '' });
     }
     await new Promise((resolve) => {
       awake = resolve;
