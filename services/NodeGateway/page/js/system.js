@@ -81,7 +81,7 @@ export function Offers() {
     ${texts.checking(baseName(scan.file), scan.message || texts.states.Running)}</p>`)}</div>`;
   return html`<${Card} title=${texts.offers} id="offers" extra=${checking}>
     ${found.length > 0 ? html`<ul class="rows">${found.map((offer, at) => html`<${Offer} key=${offer.version} offer=${offer} isBest=${at === 0 && offer.relation === 'newer'} onInstall=${choose} />`)}</ul>`
-      : html`<p class="empty">${texts.noOffers}</p>`}
+      : html`<p class="empty">${scans(state).length > 0 ? texts.stillChecking : texts.noOffers}</p>`}
     ${chosen && html`<${ConfirmInstall} offer=${chosen} onClose=${() => choose(null)} />`}
   <//>`;
 }

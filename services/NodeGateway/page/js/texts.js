@@ -55,6 +55,7 @@ export const texts = {
 
   offers: 'What can be installed',
   noOffers: 'Nothing. Plug a stick in, or drop a package file here.',
+  stillChecking: 'What is there is being checked.',
   checking: (where, what) => `${where}: ${what}`,
   relations: { newer: 'newer', same: 'same', older: 'older' },
   from: (place) => (place === 'upload' ? 'uploaded' : `from ${place}`),
