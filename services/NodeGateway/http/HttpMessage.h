@@ -17,8 +17,8 @@ struct HttpRequest {
     std::string path;    ///< decoded, without the query
     std::multimap<std::string, std::string> query;
     std::string body;
-    std::string knownTag;               ///< "If-None-Match": what the asker has already; empty: nothing
-    bool takesGzip = false;             ///< an answer may be compressed
+    std::string knownTag;              ///< "If-None-Match": what the asker has already; empty: nothing
+    bool takesGzip = false;            ///< an answer may be compressed
     std::shared_ptr<const Peer> peer;  ///< who has connected; never null
 };
 
