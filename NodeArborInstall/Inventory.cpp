@@ -47,6 +47,7 @@ bool ZNodeArborInstall::OnInventory(const std::shared_ptr<ZMessage>& request) {
         package->m_Relation = RelationOf(place.version, m_systemVersion);
         package->m_Board = m_board;  // it said so when it was checked
         package->m_Size = place.size;
+        package->m_Signer = ToZString(place.signer);
         answer->m_Packages.push_back(package);
     }
     for (const auto& [version, file] : m_tables.Builds()) {

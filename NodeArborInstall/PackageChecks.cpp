@@ -169,7 +169,7 @@ bool ZNodeArborInstall::FinishCheck(const PackageCheck& check, const ZSoftwareVe
                check.operation);
         return true;
     }
-    if (!RecordPackage(file, version, order)) {
+    if (!RecordPackage(check, version, order)) {
         Z_LOG(4, "File <%s> went away while it was checked", path);
         Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
                "it went away while it was checked", check.operation);
@@ -231,16 +231,19 @@ bool ZNodeArborInstall::IsVersionAllowed(const ZSoftwareVersion& version, const 
     return true;
 }
 
-bool ZNodeArborInstall::RecordPackage(const fs::path& file, const ZSoftwareVersion& version, const CheckOrder& order) {
+bool ZNodeArborInstall::RecordPackage(const PackageCheck& check, const ZSoftwareVersion& version,
+                                      const CheckOrder& order) {
+    const fs::path& file = check.file;
     std::error_code error;
     const std::uintmax_t size = fs::file_size(file, error);
     if (error) {
         return false;
     }
+    const std::string signer = check.approved ? ZTrustedSigners::SignerName(check.approved->package) : std::string();
     std::optional<VersionTables::PackageTable::value_type> erased;
     const auto isWanted = [&order] { return !order.operation->CancelReason().has_value(); };
-    if (m_tables.RecordPackage({version, file, order.order, static_cast<std::int64_t>(size)}, isWanted, erased) ==
-        VersionTables::Recorded::Gone) {
+    if (m_tables.RecordPackage({version, file, order.order, static_cast<std::int64_t>(size), signer}, isWanted,
+                               erased) == VersionTables::Recorded::Gone) {
         return false;
     }
     if (erased) {

@@ -42,6 +42,7 @@ public:
         std::filesystem::path file;
         std::uint64_t order = 0;
         std::int64_t size = -1;  ///< in bytes; negative: not known
+        std::string signer;      ///< empty: not known
     };
     enum class Recorded { Yes, Gone };
     /// Records a package file. An entry that its path had goes, and is put into `erased`. `isWanted` is asked with the

@@ -227,7 +227,7 @@ private:
     bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
     /// False when the file is no longer there.
-    bool RecordPackage(const std::filesystem::path& file, const ZSoftwareVersion& version, const CheckOrder& order);
+    bool RecordPackage(const PackageCheck& check, const ZSoftwareVersion& version, const CheckOrder& order);
     /// Whether the file was uploaded: it lies in the updates folder itself.
     bool IsUpload(const std::filesystem::path& file) const;
 

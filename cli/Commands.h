@@ -125,6 +125,14 @@ Result<ExitCode> Pair(Session& session, const PairOrder& order);
 /// Makes the file with a device's own key pair; asks no device.
 Result<ExitCode> MakeKeyFile(Session& session, const std::string& file);
 
+struct PageOrder {
+    std::uint16_t port = 0;  ///< of this machine's own address; 0: any that is free
+    bool network = false;    ///< tell the address that the device itself serves, and return
+    bool open = true;        ///< in a browser, where there is a screen
+};
+/// Serves the device's page to a browser on this machine, until the user ends it.
+Result<ExitCode> ServePage(Session& session, const PageOrder& order);
+
 // Streams, until the user or the reader of the output ends them.
 Result<ExitCode> WatchEvents(Session& session);
 struct LogOrder {

@@ -35,6 +35,7 @@ constexpr const char* kExamples = R"(Examples:
   arborctl watch --json | jq .event            events for a program
   arborctl send inventory                      any message of the device's interface
   arborctl upload build/arbor_qm.pkg           bring a package from here and have it checked
+  arborctl ui                                  all of it in a browser
   arborctl peers                               other devices, and who is connected
   arborctl trust show                          whose packages the device takes
   arborctl transfer 3.046 --to 4711 --wait     carry a package over to an accessory
@@ -61,6 +62,7 @@ struct Choice {
     arborctl::UploadOrder upload;
     arborctl::VerifyOrder verify;
     arborctl::PairOrder pair;
+    arborctl::PageOrder page;
 };
 
 void AddGlobalOptions(CLI::App& app, Choice& choice) {
@@ -268,6 +270,19 @@ void AddChoice(CLI::App& command, Count& lines, std::string& since) {
         ->type_name("TIME");
 }
 
+void AddPage(CLI::App& app, Choice& choice) {
+    auto* page = AddCommand(app, "ui", "Serve the device's page to a browser on this machine, until Ctrl-C",
+                            "  arborctl ui                  tells an address, and opens it where there is a screen\n"
+                            "  arborctl ui --port 8090      for ssh -L 8090:127.0.0.1:8090\n"
+                            "The address holds a secret: who has it may do all that you may.");
+    auto* port = page->add_option("--port", choice.page.port, "The port; else any that is free");
+    page->add_flag("--network", choice.page.network, "Only tell where the device serves its page on the network")
+        ->excludes(port);
+    page->add_flag_callback(
+        "--no-open", [&] { choice.page.open = false; }, "Only tell the address");
+    page->callback([&] { choice.run = [&](Session& s) { return ServePage(s, choice.page); }; });
+}
+
 void AddJobs(CLI::App& app, Choice& choice) {
     auto* history = AddCommand(app, "history", "List what the device did and does, newest first",
                                "  arborctl history\n"
@@ -363,6 +378,7 @@ int Run(int argc, char** argv) {
     AddTrust(app, choice);
     AddTrial(app, choice);
     AddStreams(app, choice);
+    AddPage(app, choice);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ExtrasError& error) {

@@ -28,6 +28,13 @@ check_python() {
         PYTHONPYCACHEPREFIX=build/pycache xargs -0 -r python3 -W error -m py_compile
 }
 
+check_page() {
+    echo "lint: page"
+    local folder=tests/page
+    by_name 'services/NodeGateway/page/js/*.js' "$folder/*.mjs" |
+        xargs -0 -r "$folder/node_modules/.bin/eslint" --config "$folder/eslint.config.mjs" --max-warnings 0 --
+}
+
 check_code() {
     echo "lint: static analysis"
     python3 -B scripts/tidy.py "$build" text framework NodeArborInstall services host cli
@@ -37,5 +44,6 @@ repository ls-files --error-unmatch CMakeLists.txt > /dev/null
 check_format
 check_scripts
 check_python
+check_page
 check_code
 echo "lint: clean"

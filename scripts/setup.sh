@@ -2,6 +2,7 @@
 # Installs what building, testing and demonstrating the project needs, from the distribution's packages; with --packages also
 # what making and trying out packages of it needs. Safe to run again: it returns at once when everything is there.
 set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 packages=(
     g++ clang clang-format clang-tidy cmake ninja-build ccache pkg-config
@@ -9,6 +10,7 @@ packages=(
     libmount-dev libsystemd-dev libseccomp-dev libssl-dev libsodium-dev libzmq3-dev cppzmq-dev libsqlite3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl softhsm2 libengine-pkcs11-openssl libubootenv-tool shellcheck curl util-linux mount procps ca-certificates git
+    chromium
     avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
 )
 package_tools=(debhelper dpkg-dev lintian mandoc man-db debootstrap systemd-container)
@@ -19,6 +21,8 @@ policy=/usr/sbin/policy-rc.d
 enum_package=libmagicenum-dev
 enum_header=/usr/include/magic_enum/magic_enum.hpp
 next_suite=trixie
+# What the page's tests and checks use; the versions are those of its package-lock.json.
+page_tests=tests/page
 
 log() { printf 'setup: %s\n' "$*"; }
 
@@ -84,17 +88,33 @@ install_enum_package() {
     [ -e "$enum_header" ] || { echo "setup: $enum_package did not bring $enum_header" >&2; return 1; }
 }
 
+# The distribution's, unless the machine has some already.
+missing_node() {
+    command -v node > /dev/null || echo nodejs
+    command -v npm > /dev/null || echo npm
+}
+
+install_page_tests() {
+    local lock=$page_tests/package-lock.json installed=$page_tests/node_modules/.package-lock.json
+    if [ "$lock" -nt "$installed" ]; then
+        log "installing what the page's tests use"
+        npm ci --prefix "$page_tests" --no-audit --no-fund --ignore-scripts
+        touch "$installed"
+    fi
+}
+
 main() {
     command -v apt-get >/dev/null || { echo "setup: this needs a Debian system (apt-get was not found)" >&2; exit 1; }
     case ${1:-} in
         --packages) packages+=("${package_tools[@]}") ;;
         ?*) echo "setup: there is no '$1'; it takes --packages" >&2; exit 2 ;;
     esac
-    mapfile -t missing < <(missing_packages)
+    mapfile -t missing < <(missing_packages; missing_node)
     if [ "${#missing[@]}" -gt 0 ]; then
         install_packages "${missing[@]}"
     fi
     install_enum_package
+    install_page_tests
 }
 
 main "$@"

@@ -1,7 +1,7 @@
 # bash completion for arborctl
 
 _arborctl_commands="status updates history orders show cancel forget compare check send scan install upload transfer remote-install"
-_arborctl_commands+=" peers pair keygen verify trust slots confirm revert allow watch log"
+_arborctl_commands+=" peers pair keygen verify trust slots confirm revert allow watch log ui"
 _arborctl_everywhere="--json --socket --timeout --help"
 
 # The versions that the device offers; silent and quick when there is none. (No question asked here leaves a log line.)
@@ -55,7 +55,7 @@ _arborctl() {
     COMPREPLY=()
     case $previous in
         --socket | --trust) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
-        --timeout | --board | --progress-host | --name | --address | -n | --lines | --since | --user) return ;;
+        --timeout | --board | --progress-host | --name | --address | -n | --lines | --since | --user | --port) return ;;
         --level) mapfile -t COMPREPLY < <(compgen -W "detail info warning error" -- "$current"); return ;;
         --kind) mapfile -t COMPREPLY < <(compgen -W "check scan install build transfer remote-install upload trust trial" -- "$current")
                 return ;;
@@ -79,6 +79,7 @@ _arborctl() {
         orders) words="--lines --result --user --since" ;;
         send) words=$(_arborctl_keywords) ;;
         upload) words="--no-check" ;;
+        ui) words="--port --network --no-open" ;;
         verify) words="--trust --state --development --board" ;;
     esac
     [[ $current == -* ]] || case $command in

@@ -98,13 +98,14 @@ public:
     ZString m_Relation;        ///< to the installed version: "newer", "same", "older"; empty: one of them is unknown
     ZString m_Board;           ///< the board that it was built for; empty: not known
     std::int64_t m_Size = -1;  ///< in bytes; negative: not known
+    ZString m_Signer;          ///< who signed it, as the certificate says; empty: not known
     // Of a file that was refused:
     ZString m_Reason;
     ZFrameworkErrorCodes::ZErrorCode m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
     std::int64_t m_CheckedAt = 0;  ///< milliseconds since 1970
 
     Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_File), Z_FIELD(m_Source), Z_FIELD(m_Relation), Z_FIELD(m_Board),
-             Z_FIELD(m_Size), Z_FIELD(m_Reason), Z_FIELD(m_ErrorCode), Z_FIELD(m_CheckedAt))
+             Z_FIELD(m_Size), Z_FIELD(m_Signer), Z_FIELD(m_Reason), Z_FIELD(m_ErrorCode), Z_FIELD(m_CheckedAt))
 };
 Z_REGISTER(ZPackageInfoMsg)
 

@@ -124,4 +124,20 @@ std::shared_ptr<ZOperationsMsg> JobHistory::Open(const ZString& before, std::chr
     return answer && answer->m_bSuccess ? answer : nullptr;
 }
 
+std::shared_ptr<ZOperationMsg> JobHistory::LastEnded(ZOperationKind kind, std::chrono::milliseconds patience) const {
+    std::shared_ptr<ZOperationsMsg> answer;
+    if (patience.count() > 0) {
+        const auto message = Z_MAKE(ZOperationsRequestMsg);
+        message->m_Kind = ZString(magic_enum::enum_name(kind));
+        message->m_Limit = 8;  // of one kind hardly more are open at once
+        Ask(message, patience, answer);
+    }
+    for (const auto& job : answer ? answer->m_Operations : ZVector<std::shared_ptr<ZOperationMsg>>()) {
+        if (!job->IsOpen()) {
+            return job;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace gateway

@@ -22,6 +22,8 @@ public:
     /// Who asked for the job with exactly that id: empty for the device itself; none when nobody tells.
     std::optional<std::string> AskerOf(const std::string& id, std::chrono::milliseconds patience) const;
     /// A page of the open ones, the newest first; null when nobody tells.
+    /// The newest of a kind that has ended; null when there is none, or nobody tells.
+    std::shared_ptr<ZOperationMsg> LastEnded(ZOperationKind kind, std::chrono::milliseconds patience) const;
     std::shared_ptr<ZOperationsMsg> Open(const ZString& before, std::chrono::milliseconds patience) const;
 
 private:

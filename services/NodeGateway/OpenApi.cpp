@@ -89,7 +89,7 @@ json::object Nullable(const char* type) {
 /// `refused`: with why and when.
 json::object PackagesSchema(bool refused) {
     json::object properties;
-    for (const char* key : {"version", "source", "relation", "board", "file"}) {
+    for (const char* key : {"version", "source", "relation", "board", "file", "signer"}) {
         properties[key] = Nullable("string");
     }
     properties["size"] = Nullable("integer");
@@ -103,37 +103,54 @@ json::object PackagesSchema(bool refused) {
     return packages;
 }
 
+json::object YouSchema() {
+    return {{"type", "object"},
+            {"description", "Who asks, as jobs name it, and the highest role that this one has"},
+            {"properties",
+             {{"name", {{"type", "string"}}},
+              {"role", {{"type", "string"}, {"enum", json::array{"look", "operate", "administer"}}}}}}};
+}
+
 json::object StatusSchema() {
     json::object device = Nullable("object");
     device["properties"] = {
         {"model", {{"type", "string"}}}, {"serialNumber", {{"type", "string"}}}, {"board", {{"type", "string"}}}};
     json::object jobs = Nullable("array");
     jobs["items"] = Reference("schemas", "ZOperationMsg");
+    json::object last{{"anyOf", json::array{Reference("schemas", "ZOperationMsg"), json::object{{"type", "null"}}}},
+                      {"description", "The newest install on this device that has ended"}};
     json::object drives = Nullable("array");
     drives["items"] = {{"type", "string"}};
     const json::object progress{
         {"anyOf", json::array{Reference("schemas", "InstallProgressMsg"), json::object{{"type", "null"}}}}};
-    return {{"type", "object"},
-            {"description", "A part that nobody tells is null"},
-            {"properties", json::object{{"version", Nullable("string")},
-                                        {"hash", Nullable("string")},
-                                        {"installedVersion", Nullable("string")},
-                                        {"updateInProgress", Nullable("boolean")},
-                                        {"device", std::move(device)},
-                                        {"updates", PackagesSchema(false)},
-                                        {"progress", progress},
-                                        {"drives", std::move(drives)},
-                                        {"operations", std::move(jobs)},
-                                        {"runningSlot", Nullable("string")},
-                                        {"nextSlot", Nullable("string")},
-                                        {"nextVersion", Nullable("string")},
-                                        {"archive", PackagesSchema(false)},
-                                        {"refused", PackagesSchema(true)},
-                                        {"updatesFree", Nullable("integer")},
-                                        {"archiveFree", Nullable("integer")},
-                                        {"trustedSigners", Nullable("string")},
-                                        {"trustProblem", Nullable("string")},
-                                        {"developerMode", {{"type", "boolean"}}}}}};
+    return {
+        {"type", "object"},
+        {"description", "A part that nobody tells is null"},
+        {"properties",
+         json::object{{"version", Nullable("string")},
+                      {"hash", Nullable("string")},
+                      {"installedVersion", Nullable("string")},
+                      {"updateInProgress", Nullable("boolean")},
+                      {"device", std::move(device)},
+                      {"updates", PackagesSchema(false)},
+                      {"progress", progress},
+                      {"drives", std::move(drives)},
+                      {"operations", std::move(jobs)},
+                      {"runningSlot", Nullable("string")},
+                      {"nextSlot", Nullable("string")},
+                      {"nextVersion", Nullable("string")},
+                      {"archive", PackagesSchema(false)},
+                      {"refused", PackagesSchema(true)},
+                      {"updatesFree", Nullable("integer")},
+                      {"archiveFree", Nullable("integer")},
+                      {"trustedSigners", Nullable("string")},
+                      {"trustProblem", Nullable("string")},
+                      {"lastInstall", std::move(last)},
+                      {"you", YouSchema()},
+                      {"bootId", {{"type", "string"}}},
+                      {"pageAddress", Nullable("string")},
+                      {"now", {{"type", "integer"}, {"description", "The device's time, in milliseconds since 1970"}}},
+                      {"developerMode", {{"type", "boolean"}}}}}};
 }
 
 json::object ProblemSchema() {

@@ -86,10 +86,6 @@ std::pair<int, std::string> WhyFailed(ZPublishOutcome outcome, const std::string
     }
 }
 
-std::string AskerOf(const Peer& peer) {
-    return peer.token ? "token " + peer.token->name : "user " + UserName(peer.user);
-}
-
 /// The JSON object with the job's id as one more key.
 std::string WithOperation(std::string object, const std::string& id) {
     object.pop_back();

@@ -42,13 +42,15 @@ HttpResponse Json(std::string text) {
 }  // namespace
 
 Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events,
-                     const RoleGroups& groups, const std::string& updatesFolder)
+                     const RoleGroups& groups, const std::string& updatesFolder, PageFiles page,
+                     const std::string& network)
     : m_bus(bus),
       m_events(events),
       m_roles(groups),
       m_jobs(bus),
+      m_page(std::move(page)),
       m_requests({bus, m_roles, m_jobs, patience, updatesFolder}),
-      m_status(bus, events, m_jobs, m_roles.AreNodesOpen()) {}
+      m_status(bus, events, m_jobs, m_roles, m_page.IsEmpty() ? std::string() : network) {}
 
 Resources::Handler Resources::Find(std::string_view path) {
     static constexpr std::pair<std::string_view, Handler> kHandlers[] = {
@@ -88,6 +90,9 @@ HttpResponse Resources::Handle(const HttpRequest& request) {
         auto refused = m_requests.WhyNotRead(request.path, *request.peer);
         return refused ? std::move(*refused) : (this->*handler)(request);
     }
+    if (m_page.Has(request.path)) {
+        return reads ? m_page.Answer(request) : WrongMethod("GET, HEAD");
+    }
     const Keyword* const keyword = KeywordOf(request.path);
     if (keyword == nullptr) {
         return Problem(404, request.path.starts_with(kRoot) ? "There is no keyword or resource " + request.path
@@ -118,8 +123,8 @@ HttpResponse Resources::Events(const HttpRequest& request) {
     return response;
 }
 
-HttpResponse Resources::Status(const HttpRequest&) {
-    return Json(m_status.Document(kStatusPatience));
+HttpResponse Resources::Status(const HttpRequest& request) {
+    return Json(m_status.Document(*request.peer, kStatusPatience));
 }
 
 HttpResponse Resources::Operations(const HttpRequest& request) {

@@ -3,6 +3,7 @@
 #include "EventHub.h"
 #include "JobHistory.h"
 #include "Metrics.h"
+#include "PageFiles.h"
 #include "Requests.h"
 #include "StatusReport.h"
 #include "http/HttpMessage.h"
@@ -12,11 +13,12 @@ namespace gateway {
 /// Everything that is offered under /v1: which method each path takes, and who answers. Thread-safe.
 class Resources final : public HttpHandler {
 public:
-    /// `updatesFolder` may be empty: there is none.
+    /// `updatesFolder` may be empty: there is none; likewise `network`, the address by which the network reaches it.
     Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events, const RoleGroups& groups,
-              const std::string& updatesFolder);
+              const std::string& updatesFolder, PageFiles page, const std::string& network);
 
     std::size_t LargestBody(std::string_view path) const override;
+    bool IsOpen(std::string_view path) const override { return m_page.Has(path); }
     HttpResponse Handle(const HttpRequest& request) override;
     void OnRefused(std::string_view path, int status) override;
     const Roles& Who() const { return m_roles; }
@@ -42,6 +44,7 @@ private:
     EventHub& m_events;
     const Roles m_roles;
     const JobHistory m_jobs;
+    const PageFiles m_page;
     Requests m_requests;
     StatusReport m_status;
     Metrics m_metrics;

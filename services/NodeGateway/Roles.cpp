@@ -13,6 +13,10 @@ constexpr std::array<const char*, 3> kMay{"look at what this device does", "inst
 
 }  // namespace
 
+std::string AskerOf(const Peer& peer) {
+    return peer.token ? "token " + peer.token->name : "user " + UserName(peer.user);
+}
+
 Roles::Roles(const RoleGroups& names) : m_nodesAreOpen(names.nodesAreOpen) {
     std::optional<Group> group;
     std::size_t role = 0;
@@ -51,6 +55,15 @@ bool Roles::Has(const Peer& peer, Role role) const {
         }
     }
     return false;
+}
+
+Role Roles::Highest(const Peer& peer) const {
+    for (const Role role : {Role::Administer, Role::Operate}) {
+        if (Has(peer, role)) {
+            return role;
+        }
+    }
+    return Role::Look;
 }
 
 std::string Roles::WhyNot(const Peer& peer, std::string_view name, Role role) const {

@@ -10,6 +10,9 @@
 
 namespace gateway {
 
+/// Who asks, as jobs and orders name it: "user alice", "token ci".
+std::string AskerOf(const Peer& peer);
+
 /// The names of the groups that have the roles, as the node's record has them.
 struct RoleGroups {
     std::string look;
@@ -28,6 +31,8 @@ public:
     /// The groups that Peer must tell of.
     std::vector<gid_t> Groups() const;
     bool Has(const Peer& peer, Role role) const;
+    /// Look when the peer has none at all.
+    Role Highest(const Peer& peer) const;
     bool AreNodesOpen() const { return m_nodesAreOpen; }
 
     /// Why the peer, whom people call `name`, does not have the role, and who has.

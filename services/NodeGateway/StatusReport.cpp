@@ -6,6 +6,7 @@
 #include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
 #include "ZMessages/Messages.h"
+#include "ZShared/ZProcess.h"
 #include "text/Utf8.h"
 
 namespace json = boost::json;
@@ -75,7 +76,8 @@ json::value CountOrNull(std::int64_t count) {
 json::object Package(const ZPackageInfoMsg& package) {
     return {{"version", TextOrNull(package.m_Version)}, {"source", TextOrNull(package.m_Source)},
             {"size", CountOrNull(package.m_Size)},      {"relation", TextOrNull(package.m_Relation)},
-            {"board", TextOrNull(package.m_Board)},     {"file", TextOrNull(package.m_File)}};
+            {"board", TextOrNull(package.m_Board)},     {"file", TextOrNull(package.m_File)},
+            {"signer", TextOrNull(package.m_Signer)}};
 }
 
 json::object RefusedPackage(const ZPackageInfoMsg& package) {
@@ -116,13 +118,17 @@ void AddInventory(json::object& document, const std::shared_ptr<ZInventoryMsg>& 
     document["trustProblem"] = TextOrNull(inventory->m_TrustProblem);
 }
 
+json::value Job(const std::shared_ptr<ZOperationMsg>& job) {
+    return job ? json::parse(MessageText(*job)) : json::value();
+}
+
 json::value Jobs(const std::shared_ptr<ZOperationsMsg>& open) {
     if (!open) {
         return nullptr;
     }
     json::array jobs;
     for (const auto& job : open->m_Operations) {
-        jobs.push_back(json::parse(MessageText(*job)));
+        jobs.push_back(Job(job));
     }
     return jobs;
 }
@@ -152,7 +158,7 @@ std::shared_ptr<ZMessage> StatusReport::Ask(ZEndpointType type, const char* keyw
     return answer;
 }
 
-std::string StatusReport::Document(std::chrono::milliseconds patience) const {
+std::string StatusReport::Document(const Peer& peer, std::chrono::milliseconds patience) const {
     const auto deadline = Clock::now() + patience;
     const auto ask = [&](ZEndpointType type, const char* keyword) {
         return Ask(type, keyword, Z_MAKE(ZGenericRequestMsg), deadline);
@@ -183,7 +189,12 @@ std::string StatusReport::Document(std::chrono::milliseconds patience) const {
     AddInventory(document, inventory);
     const auto slots = ask(ZEndpointType::GraphService, "slots");
     document["trial"] = slots ? json::parse(MessageText(*slots)) : json::value();
-    document["developerMode"] = m_developerMode;
+    document["lastInstall"] = Job(m_jobs.LastEnded(ZOperationKind::Install, Until(deadline)));
+    document["you"] = {{"name", AskerOf(peer)}, {"role", RoleName(m_roles.Highest(peer))}};
+    document["pageAddress"] = m_pageAddress.empty() ? json::value() : json::value(json::string(m_pageAddress));
+    document["bootId"] = BootId();
+    document["now"] = MillisecondsNow();
+    document["developerMode"] = m_roles.AreNodesOpen();
     return text::ValidUtf8(json::serialize(document));
 }
 

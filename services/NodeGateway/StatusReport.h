@@ -7,6 +7,7 @@
 #include "EventHub.h"
 #include "JobHistory.h"
 #include "NodeComm/ZCommEndpoint.h"
+#include "Roles.h"
 
 class ZCommEnabledObject;
 class ZMessage;
@@ -16,11 +17,12 @@ namespace gateway {
 /// The device's state in one document, asked for on the bus. A part that nobody tells is null. Thread-safe.
 class StatusReport {
 public:
-    StatusReport(ZCommEnabledObject& bus, const EventHub& events, const JobHistory& jobs, bool developerMode)
-        : m_bus(bus), m_events(events), m_jobs(jobs), m_developerMode(developerMode) {}
+    StatusReport(ZCommEnabledObject& bus, const EventHub& events, const JobHistory& jobs, const Roles& roles,
+                 std::string pageAddress)
+        : m_bus(bus), m_events(events), m_jobs(jobs), m_roles(roles), m_pageAddress(std::move(pageAddress)) {}
 
-    /// JSON. Takes at most `patience`, however many parts stay unanswered.
-    std::string Document(std::chrono::milliseconds patience) const;
+    /// JSON, with what `peer` may do. Takes at most `patience`, however many parts stay unanswered.
+    std::string Document(const Peer& peer, std::chrono::milliseconds patience) const;
     /// Whether an install is under way, here or on the accessory; none when nobody tells.
     std::optional<bool> UpdateInProgress(std::chrono::milliseconds patience) const;
 
@@ -35,7 +37,8 @@ private:
     ZCommEnabledObject& m_bus;
     const EventHub& m_events;
     const JobHistory& m_jobs;
-    const bool m_developerMode;
+    const Roles& m_roles;
+    const std::string m_pageAddress;
 };
 
 }  // namespace gateway

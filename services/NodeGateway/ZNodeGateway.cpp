@@ -31,6 +31,18 @@ HttpServerSettings ServerSettings(const ZNodeGatewayCfg& config, const Roles& ro
     return settings;
 }
 
+/// What a browser of another machine is told; empty: nothing listens on the network.
+std::string NetworkAddress(const ZNodeGatewayCfg& config) {
+    const std::string_view listen = config.m_Listen;
+    if (listen.empty()) {
+        return {};
+    }
+    const std::string host = config.m_HostNames.empty() ? std::string(listen.substr(0, listen.rfind(':')))
+                                                        : ToStdString(config.m_HostNames.front());
+    return (config.m_CertificateFile.empty() ? "http://" : "https://") + host +
+           std::string(listen.substr(listen.rfind(':'))) + '/';
+}
+
 RoleGroups GroupsOf(const ZNodeGatewayCfg& config) {
     RoleGroups groups;
     groups.look = ToStdString(config.m_LookGroup);
@@ -71,7 +83,8 @@ struct ZNodeGateway::Parts {
         : where(config.m_SocketPath + (config.m_Listen.empty() ? "" : " and " + config.m_Listen) +
                 (config.m_CertificateFile.empty() ? "" : " (TLS)")),
           events(config.m_MaxEventClients, config.m_EventBacklog),
-          resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events, GroupsOf(config), updatesFolder),
+          resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events, GroupsOf(config), updatesFolder,
+                    PageFiles::Read(ToStdString(config.m_PagePath)), NetworkAddress(config)),
           server(ServerSettings(config, resources.Who()), resources, events.Ready()) {}
 
     const std::string where;

@@ -33,6 +33,7 @@ public:
     ZString m_CertificateFile;
     ZString m_PrivateKeyFile;
     ZVector<ZString> m_HostNames;
+    ZString m_PagePath;
 
     static constexpr const char* kGroup = "the name of a group of this system";
     static bool IsGroup(std::string_view name) { return gateway::GroupIdOf(name).has_value(); }
@@ -96,7 +97,12 @@ public:
         Z_FIELD(m_HostNames)
             .Checked(&gateway::HostNames::IsName, "a host's name, without a port")
             .Means("The names by which this device is asked there, beside the address itself and \"localhost\".",
-                   "[\"device.example\"]"))
+                   "[\"device.example\"]"),
+        Z_FIELD(m_PagePath)
+            .Path()
+            .OrEmpty()
+            .Means("The folder of the page for people, which is read at the start; one without an \"index.html\": no "
+                   "page. Empty: the one that was installed with this library."))
 };
 
 /// The graph's door for people and their tools: requests and notifications of the bus over HTTP on a UNIX socket, what

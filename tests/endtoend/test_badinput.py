@@ -9,7 +9,7 @@ import socket
 from pathlib import Path
 from typing import Iterator
 
-from simulation import furnish, gateway, host, paths, places, sticks
+from simulation import gateway, host, paths, places, sticks
 from support import (PROGRESS, REJECTED, InstrumentCase, arborctl, outcomes, progress_client, script_package, stick_package,
                      wait_until)
 
@@ -163,10 +163,6 @@ class BadInput(InstrumentCase):
         self.assertEqual(0, self.process.wait())
         places.mount("updates", paths.UPDATES, "size=6m")
         self.addCleanup(places.unmount, paths.UPDATES)
-        graph = json.loads(paths.GRAPH.read_text())
-        graph["libraries"].append("libNodeFileIO.so")
-        graph["nodes"].append({"name": "FileIO", "class": "ZNodeFileIO", "config": {}})
-        furnish.write_json(paths.GRAPH, graph)
         self.process = host.start()
         filler = paths.UPDATES / ".filler"
         filler.write_bytes(b"x" * 4 * MEBIBYTE)

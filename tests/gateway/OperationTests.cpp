@@ -177,17 +177,23 @@ TEST_F(GatewayJobs, TellsTheStateWithoutQuestionsThatLeaveLogLines) {
         check->LeaveOpen();
     }
     const std::string status = Status();
-    for (const char* part :
-         {R"("installedVersion":"3.044")", R"("runningSlot":"A")", R"("nextSlot":"B")", R"("nextVersion":"3.045")",
-          R"("updates":[{"version":"3.046","source":"/media/usb1","size":7,"relation":"newer","board":"b",)"
-          R"("file":"/media/usb1/a.pkg"},{"version":"3.043","source":null,"size":null,"relation":"older",)",
-          R"("reason":"it is damaged","errorCode":"ERRCODE_NONE","checkedAt":5)", R"("archive":[{"version":"3.044",)",
-          R"("updatesFree":1000,"archiveFree":null,"trustedSigners":"","trustDocument":0,"trustProblem":null)",
-          R"("operations":[{"className":"ZOperationMsg",)"}) {
+    for (
+        const char* part :
+        {R"("installedVersion":"3.044")", R"("runningSlot":"A")", R"("nextSlot":"B")", R"("nextVersion":"3.045")",
+         R"("updates":[{"version":"3.046","source":"/media/usb1","size":7,"relation":"newer","board":"b",)"
+         R"("file":"/media/usb1/a.pkg","signer":null},{"version":"3.043","source":null,"size":null,"relation":"older",)",
+         R"("reason":"it is damaged","errorCode":"ERRCODE_NONE","checkedAt":5)", R"("archive":[{"version":"3.044",)",
+         R"("updatesFree":1000,"archiveFree":null,"trustedSigners":"","trustDocument":0,"trustProblem":null)",
+         R"("operations":[{"className":"ZOperationMsg",)"}) {
         EXPECT_THAT(status, HasSubstr(part));
     }
     install->Succeed();
     EXPECT_TRUE(WaitUntil([&] { return Status().find(R"("updateInProgress":false)") != std::string::npos; }));
+    Begin(ZOperationKind::Install)->Fail("no power");
+    const auto newest = Begin(ZOperationKind::Install);  // open: not the last that has ended
+    EXPECT_TRUE(WaitUntil([&] { return Status().find(R"("updateInProgress":true)") != std::string::npos; }));
+    EXPECT_THAT(Status(), testing::ContainsRegex(R"re("lastInstall":\{[^{}]*"reason":"no power")re"));
+    newest->Succeed();
     EXPECT_THAT(probe->Received(), testing::IsEmpty());
 }
 

@@ -29,8 +29,9 @@ GATEWAY = RUNTIME / "gateway.sock"
 HOST_LOG = LOGS / "arbord.log"
 HOST_CONSOLE = LOGS / "arbord.console"
 HOST_PID = RUNTIME / "arbord.pid"
+BOOT_ID = BOOT / "boot_id"  # the kernel's name of the boot, as long as this instrument believes it
+KERNEL_BOOT_ID = Path("/proc/sys/kernel/random/boot_id")
 RUNNING_SLOT = BOOT / "slot"  # written by each boot: the slot that it started from
-BOOT_ID = BOOT / "id"  # written by each boot: its name
 AGAIN = BOOT / "again"  # there once the start of the boot wants the device restarted
 FAULTS = BOOT / "faults"  # what is wrong with which version, for selftest
 

@@ -27,14 +27,25 @@ def running(file: Path = paths.RUNNING_SLOT) -> str:
 
 
 def boot() -> None:
-    """What a boot does: it starts from the active slot, tells which one that was, and counts; again when that wants it."""
+    """What a boot does: it starts from the active slot, tells which one that was, has a name of its own, and counts; again
+    when that wants it."""
     while True:
         paths.AGAIN.unlink(missing_ok=True)
         paths.RUNNING_SLOT.write_text(active() + "\n", encoding="ascii")
-        paths.BOOT_ID.write_text(str(uuid.uuid4()) + "\n", encoding="ascii")
+        _name_boot()
         boot_step("start")
         if not paths.AGAIN.exists():
             return
+
+
+def _name_boot() -> None:
+    paths.BOOT_ID.write_text(f"{uuid.uuid4()}\n", encoding="ascii")
+    if paths.plain_mode():  # where nothing can be mounted the kernel's own name stays
+        return
+    if paths.BOOT_ID.read_text(encoding="ascii") != paths.KERNEL_BOOT_ID.read_text(encoding="ascii"):
+        # An instrument that was furnished anew still shows the file of the one before, which has gone.
+        subprocess.run(["umount", str(paths.KERNEL_BOOT_ID)], stderr=subprocess.DEVNULL, check=False)
+        subprocess.run(["mount", "--bind", str(paths.BOOT_ID), str(paths.KERNEL_BOOT_ID)], check=True)
 
 
 def boot_step(step: str) -> None:

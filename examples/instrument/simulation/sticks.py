@@ -1,5 +1,6 @@
 """USB sticks: attached with their files on them in one step, as the kernel shows a mounted stick, and pulled at once."""
 
+import os
 import shutil
 import tempfile
 from pathlib import Path
@@ -9,6 +10,11 @@ from . import paths, places
 
 class StickError(Exception):
     """A stick can't be attached or detached; the text says why."""
+
+
+def signed_packages() -> list[Path]:
+    """What the stick of the fixtures carries."""
+    return sorted(Path(os.environ["ARBOR_STICK_FILES"]).iterdir())
 
 
 def attach(files: list[Path], name: str = paths.STICK_NAMES[0]) -> Path:

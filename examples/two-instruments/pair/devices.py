@@ -33,15 +33,14 @@ class Station:
         return f"tcp://{self.address}:{LINK_PORT}"
 
     def graph(self) -> dict:
-        """The one instrument's graph with the file service and the link to the other device."""
+        """The one instrument's graph with the link to the other device."""
         document = furnish.graph(self.device)
-        document["libraries"] += ["libNodeFileIO.so", "libNodePeer.so"]
+        document["libraries"] += ["libNodePeer.so"]
         peer: dict = {"keyFile": str(LINK_KEY), "pinsFile": str(LINK_PINS), "exports": list(self.exports)}
         if self.listens:
             peer["listen"] = self.link_address
-        # Without them an instrument still takes updates from a stick.
-        document["nodes"] += [{"name": "FileIO", "class": "ZNodeFileIO", "required": False, "config": {}},
-                              {"name": "Peer", "class": "ZNodePeer", "required": False, "config": peer}]
+        # Without it an instrument still takes updates from a stick.
+        document["nodes"] += [{"name": "Peer", "class": "ZNodePeer", "required": False, "config": peer}]
         return document
 
 

@@ -149,6 +149,8 @@ void Connection::OnHead(Error error) {
         return;
     }
     ReadTarget(View(head.target()), *m_request);
+    m_request->knownTag = head[http::field::if_none_match];
+    m_request->takesGzip = http::token_list(head[http::field::accept_encoding]).exists("gzip");
     if (!IsWellFramed()) {
         Refuse(400, "A body's length is told once, by Content-Length or by \"Transfer-Encoding: chunked\"");
         return;
@@ -164,9 +166,16 @@ void Connection::OnHead(Error error) {
 
 /// Each request anew: what passes a connection on may do so for several.
 bool Connection::PassesDoor() {
-    auto verdict = m_door->Judge(m_parser->get(), *m_peer);
+    const auto& head = m_parser->get();
+    const bool reads = head.method() == http::verb::get || head.method() == http::verb::head;
+    const std::string_view target = View(head.target());
+    const bool isOpen = reads && m_server.handler.IsOpen(target.substr(0, target.find('?')));
+    auto verdict = m_door->Judge(head, *m_peer, isOpen);
     if (verdict.token != nullptr) {
         return TakeSeat(*verdict.token);
+    }
+    if (!verdict.refusal) {
+        return true;
     }
     m_restUnread = true;
     m_response = std::move(verdict.refusal);
@@ -357,7 +366,7 @@ std::string Connection::Head() const {
     }
     if (m_response->stream) {
         add("Transfer-Encoding", "chunked");
-    } else {
+    } else if (m_response->status != 304) {  // which has no body, and would tell the length of another answer's
         add("Content-Length", std::to_string(m_response->body.size()));
     }
     if (m_response->stream || !m_response->body.empty()) {

@@ -17,6 +17,8 @@ struct HttpRequest {
     std::string path;    ///< decoded, without the query
     std::multimap<std::string, std::string> query;
     std::string body;
+    std::string knownTag;              ///< "If-None-Match": what the asker has already; empty: nothing
+    bool takesGzip = false;            ///< an answer may be compressed
     std::shared_ptr<const Peer> peer;  ///< who has connected; never null
 };
 
@@ -51,6 +53,9 @@ public:
     virtual ~HttpHandler() = default;
     /// How many bytes the body of a request for this path may have. On the server's thread: it must return at once.
     virtual std::size_t LargestBody(std::string_view path) const = 0;
+    /// Whether anybody on the network may read this path (as the request spells it) without a token. On the server's
+    /// thread, as above.
+    virtual bool IsOpen(std::string_view path) const = 0;
     /// Called from several threads at once, and may take its time. What it throws becomes an answer with status 500 and
     /// a log line.
     virtual HttpResponse Handle(const HttpRequest& request) = 0;

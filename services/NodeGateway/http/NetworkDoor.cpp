@@ -157,7 +157,7 @@ std::optional<Peer> NetworkDoor::StrangerOf(int socket) {
     return stranger;
 }
 
-NetworkDoor::Verdict NetworkDoor::Judge(const Fields& head, const Peer& peer) {
+NetworkDoor::Verdict NetworkDoor::Judge(const Fields& head, const Peer& peer, bool isOpen) {
     if (head.count(http::field::host) != 1) {
         return Refused(400, "A request names its host once, by \"Host\"");
     }
@@ -170,6 +170,9 @@ NetworkDoor::Verdict NetworkDoor::Judge(const Fields& head, const Peer& peer) {
         if (!m_names.IsOurOrigin(View(origin->value()), peer.ownAddress)) {
             return Refused(403, "Pages of other hosts may not ask");
         }
+    }
+    if (head.count(http::field::authorization) == 0 && isOpen) {
+        return {};
     }
     if (head.count(http::field::authorization) == 0) {
         return Refused(401, "A request over the network takes a token: \"Authorization: Bearer TOKEN\"");

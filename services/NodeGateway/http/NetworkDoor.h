@@ -50,11 +50,12 @@ public:
 
     /// What becomes of a request with this head.
     struct Verdict {
-        const Token* token = nullptr;         ///< whose request it is; null: it is refused
-        std::optional<HttpResponse> refusal;  ///< with what
+        const Token* token = nullptr;         ///< whose request it is; null: nobody's
+        std::optional<HttpResponse> refusal;  ///< with what it is refused; none: it is served
         std::chrono::seconds delay{0};        ///< and when
     };
-    Verdict Judge(const Fields& head, const Peer& peer);
+    /// `isOpen`: what is asked for takes no token.
+    Verdict Judge(const Fields& head, const Peer& peer, bool isOpen);
     /// Tells it in the log.
     void OnHandshakeFailed(const Peer& peer, const boost::system::error_code& failure);
 

@@ -1,0 +1,96 @@
+// The instrument itself: what it is, what runs, what could be installed, what was refused and why.
+import { Badge, Card, Dialog, Facts, useAsked } from './parts.js';
+import { askJobs, order, state } from './store.js';
+import { baseName, isUploaded, lastInstallTook, lastRestart, may, offers, scans, work } from './facts.js';
+import { html, useState } from './preact.js';
+import { texts } from './texts.js';
+
+// What another part of the instrument tells of a version on trial, when it tells.
+function trialText(status) {
+  const trial = status.trial ?? status.slots?.trial;
+  if (!trial) {
+    return null;
+  }
+  return trial.state === 'confirmed' ? texts.confirmed : texts.onTrial(trial.left);
+}
+
+export function Instrument() {
+  const { status } = state;
+  const device = status.device ?? {};
+  const next = status.nextVersion || status.nextSlot ? texts.inSlot(status.nextVersion ?? '', status.nextSlot) : '';
+  return html`<${Card} title=${texts.instrument} id="instrument">
+    <${Facts} rows=${[
+      [texts.runs, texts.inSlot(status.installedVersion ?? texts.unknown, status.runningSlot)],
+      [texts.startsNext, next],
+      [texts.trial, trialText(status)],
+      [texts.model, device.model], [texts.serial, device.serialNumber], [texts.board, device.board]]} />
+    ${status.trustProblem && html`<p class="note bad">${status.trustProblem}</p>`}
+    ${status.trustedSigners === '' && html`<p class="note">${texts.policyOff}</p>`}
+    ${status.developerMode && html`<p class="note">${texts.developerMode}</p>`}
+    ${texts.roles[status.you?.role] && html`<p class="note">${texts.roles[status.you.role]}</p>`}
+  <//>`;
+}
+
+function ConfirmInstall({ offer, onClose }) {
+  const { status } = state;
+  const told = useAsked(() => askJobs({ limit: 500 }), []);
+  const jobs = told?.operations ?? [];
+  const [took, restart] = [lastInstallTook(jobs), lastRestart(jobs)];
+  const other = { A: 'B', B: 'A' }[status.runningSlot];
+  const go = () => {
+    onClose();
+    order('Install', texts.installThis(offer.version), 'updatesystem', { version: offer.version, reboot: true });
+  };
+  return html`<${Dialog} title=${texts.confirmInstall(offer.version)} onClose=${onClose}
+      actions=${html`<button type="button" class="main" onClick=${go}>${texts.installThis(offer.version)}</button>`}>
+    <ul class="plain">
+      <li>${texts.willWrite(other)}</li>
+      <li>${texts.willRestart(restart && texts.duration(restart))}</li>
+      <li>${took ? texts.willTake(texts.duration(took)) : texts.neverTook}</li>
+      ${status.installedVersion && html`<li>${texts.willReturn(status.installedVersion)}</li>`}
+    </ul>
+  <//>`;
+}
+
+// "CN = Arbor release": a certificate's way to say a name.
+const shortName = (signer) => signer.replace(/^CN = /, '');
+
+function Offer({ offer, isBest, onInstall }) {
+  const [first, ...others] = offer.places;
+  const details = [texts.bytes(first.size), texts.from(first.source), first.signer ? texts.signedBy(shortName(first.signer)) : texts.notSigned,
+    others.length && texts.alsoFrom(others.map((place) => texts.from(place.source)).join(', '))];
+  const busy = work(state) !== null || (state.order && !state.order.problem);
+  return html`<li class="row">
+    <div class="grow">
+      <p class="name">${offer.version} ${offer.relation && html`<${Badge} kind=${offer.relation === 'newer' ? 'good' : 'plain'}>${texts.relations[offer.relation]}<//>`}</p>
+      <p class="small">${details.filter(Boolean).join(' · ')}</p>
+    </div>
+    ${may(state, 'operate') && html`<div class="buttons">
+      ${offer.places.filter(isUploaded).map((place) => html`<button type="button" key=${place.file} class="quiet"
+        aria-label=${texts.removeThis(baseName(place.file))}
+        onClick=${() => order('Forget', texts.removeThis(baseName(place.file)), 'forget', { file: baseName(place.file) })}>${texts.remove}</button>`)}
+      <button type="button" class=${isBest ? 'main' : ''} disabled=${busy || state.link !== 'live'}
+        onClick=${() => onInstall(offer)} aria-label=${texts.installThis(offer.version)}>${texts.install}</button></div>`}
+  </li>`;
+}
+
+export function Offers() {
+  const [chosen, choose] = useState(null);
+  const found = offers(state.status);
+  const checking = html`<div class="checking" role="status">${scans(state).map((scan) => html`<p key=${scan.id}>
+    ${texts.checking(baseName(scan.file), scan.message || texts.states.Running)}</p>`)}</div>`;
+  return html`<${Card} title=${texts.offers} id="offers" extra=${checking}>
+    ${found.length > 0 ? html`<ul class="rows">${found.map((offer, at) => html`<${Offer} key=${offer.version} offer=${offer} isBest=${at === 0 && offer.relation === 'newer'} onInstall=${choose} />`)}</ul>`
+      : html`<p class="empty">${scans(state).length > 0 ? texts.stillChecking : texts.noOffers}</p>`}
+    ${chosen && html`<${ConfirmInstall} offer=${chosen} onClose=${() => choose(null)} />`}
+  <//>`;
+}
+
+export const Refused = () => state.status.refused?.length > 0 && html`<${Card} title=${texts.refused} id="refused">
+  <ul class="rows">${state.status.refused.map((one) => html`<li class="row" key=${one.file}>
+    <div class="grow">
+      <p class="name">${baseName(one.file)} ${one.version && one.version !== 'unknown' && html`<${Badge} kind="bad">${one.version}<//>`}</p>
+      <p class="reason">${one.reason}</p>
+      <p class="small"><b>${texts.whatToDo}</b> ${texts.advice[one.errorCode] ?? texts.advice.other} · ${texts.from(one.source)} · <time>${texts.time(one.checkedAt)}</time></p>
+    </div></li>`)}</ul>
+<//>`;
