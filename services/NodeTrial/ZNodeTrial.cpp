@@ -92,7 +92,7 @@ bool ZNodeTrial::InitMessageMap() {
 
 bool ZNodeTrial::OnGraphCreated() {
     if (const auto begun = m_trial->Begin(); !begun) {
-        Z_LOG(4, "No version can be judged: %s", begun.error().text);
+        Z_LOG(3, "No version can be judged: %s", begun.error().text);
         return true;
     }
     m_trial->NoteSwitch();

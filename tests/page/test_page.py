@@ -46,6 +46,21 @@ class Sticks(PageCase):
         self.browser.see("3.046", within="[aria-labelledby=offers]")
         self.assertIn("checking", " ".join(filter(None, self.browser.run("return [...await page.evaluate(() => [...window.said])]"))))
 
+    def test_version_that_proves_nothing_is_taken_back_and_offered_again_when_somebody_wants_that(self) -> None:
+        browser = self.browser
+        paths.FAULTS.write_text("3.045 no signal on channel 2\n")
+        sticks.attach([stick_package("3.045")])
+        browser.see("3.045", within="[aria-labelledby=offers]")
+        self.install("3.045")
+        browser.await_outcome("returned")
+        browser.see("3.044 runs, and not 3.045.", "It was taken back: measures: no signal on channel 2")
+        browser.see("3.045 was taken back", within="[aria-labelledby=trial]")
+        browser.see("it is offered again once somebody allows it", within="[aria-labelledby=refused]")
+        self.assert_looks_right("a version that was taken back")
+        browser.press("Offer 3.045 again")
+        browser.see("3.045", within="[aria-labelledby=offers]")
+        browser.gone("was taken back", within="[aria-labelledby=refused]")
+
     def test_keyboard_alone_installs(self) -> None:
         sticks.attach([stepped_package(VERSION, FIXTURES)])
         browser = self.browser
@@ -119,6 +134,7 @@ class Installs(PageCase):
         browser.see(f"installed in boot {first[:8]}; this is boot {now[:8]}")
         browser.run("await page.reload()")
         browser.see("The restart is over.")
+        wait_until(lambda: gateway.post("slots")[1]["state"] == "confirmed", "it has proved itself")
         browser.press(f"Install {VERSION}")
         browser.see("The last install took", "as the last time", within="dialog")
         hold = paths.RUNTIME / "hold"

@@ -1,5 +1,5 @@
 // The page as a whole: its head, its parts, and what is shown when the instrument can't be reached.
-import { Instrument, Offers, Refused } from './system.js';
+import { Instrument, Offers, Refused, Trial } from './system.js';
 import { Upload, takeDrops } from './upload.js';
 import { html, render, useState } from './preact.js';
 import { start, state, tryNow } from './store.js';
@@ -12,7 +12,7 @@ import { Work } from './work.js';
 import { outcome } from './facts.js';
 import { texts } from './texts.js';
 
-const Update = () => html`<div class="columns"><div><${Work} /><${Offers} /><${Refused} /><${Upload} /></div><div class="side"><${Instrument} /></div></div>`;
+const Update = () => html`<div class="columns"><div><${Work} /><${Trial} /><${Offers} /><${Refused} /><${Upload} /></div><div class="side"><${Instrument} /></div></div>`;
 const VIEWS = { '#/': Update, '#/accessory': () => html`<${Work} /><${Accessory} />`, '#/history': History, '#/log': Log };
 const routeOf = (hash) => (hash in VIEWS ? hash : '#/');
 

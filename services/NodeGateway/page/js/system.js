@@ -5,13 +5,28 @@ import { baseName, isUploaded, lastInstallTook, lastRestart, may, offers, scans,
 import { html, useState } from './preact.js';
 import { texts } from './texts.js';
 
-// What another part of the instrument tells of a version on trial, when it tells.
-function trialText(status) {
-  const trial = status.trial ?? status.slots?.trial;
-  if (!trial) {
+// Where the version that runs stands, in an instrument that judges new ones.
+const trialText = (trial) => trial && texts.trials[trial.state]?.(trial);
+
+// What a person can say about a version: while it is on trial, and of those that were taken back.
+export function Trial() {
+  const { trial } = state.status;
+  const mayAct = may(state, 'operate') && state.link === 'live' && !(state.order && !state.order.problem);
+  if (!trial || (trial.state !== 'trial' && !trial.problem && trial.takenBack.length === 0)) {
     return null;
   }
-  return trial.state === 'confirmed' ? texts.confirmed : texts.onTrial(trial.left);
+  return html`<${Card} title=${texts.trial} id="trial">
+    ${trial.problem && html`<p class="note bad">${trial.problem}</p>`}
+    ${trial.state === 'trial' && html`<div class="row"><p class="grow">${texts.trials.trial(trial)} ${texts.waitsFor(trial.waiting)}</p>
+      ${may(state, 'operate') && html`<div class="buttons">
+        <button type="button" disabled=${!mayAct} onClick=${() => order('Trial', texts.revert, 'revert', {})}>${texts.revert}</button>
+        <button type="button" class="main" disabled=${!mayAct} onClick=${() => order('Trial', texts.confirm, 'confirm', {})}>${texts.confirm}</button></div>`}</div>`}
+    <ul class="rows">${trial.takenBack.map((one) => html`<li class="row" key=${one.version}>
+      <div class="grow"><p class="name">${texts.takenBack(one.version)}</p>
+        <p class="reason">${one.reason}</p><p class="small"><time>${texts.time(one.at)}</time></p></div>
+      ${may(state, 'operate') && html`<button type="button" class="quiet" disabled=${!mayAct} aria-label=${texts.allowThis(one.version)}
+        onClick=${() => order('Trial', texts.allowThis(one.version), 'allow', { version: one.version })}>${texts.allow}</button>`}</li>`)}</ul>
+  <//>`;
 }
 
 export function Instrument() {
@@ -22,7 +37,7 @@ export function Instrument() {
     <${Facts} rows=${[
       [texts.runs, texts.inSlot(status.installedVersion ?? texts.unknown, status.runningSlot)],
       [texts.startsNext, next],
-      [texts.trial, trialText(status)],
+      [texts.trial, trialText(status.trial)],
       [texts.model, device.model], [texts.serial, device.serialNumber], [texts.board, device.board]]} />
     ${status.trustProblem && html`<p class="note bad">${status.trustProblem}</p>`}
     ${status.trustedSigners === '' && html`<p class="note">${texts.policyOff}</p>`}

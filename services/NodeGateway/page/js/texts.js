@@ -20,7 +20,21 @@ export const texts = {
   model: 'Model', serial: 'Serial number', board: 'Board', runs: 'Runs', slot: 'Slot', startsNext: 'Starts next',
   unknown: 'not known',
   inSlot: (version, slot) => `${version}${slot ? `, slot ${slot}` : ''}`,
-  trial: 'Trial', confirmed: 'confirmed', onTrial: (left) => `on trial${left ? `, ${left} starts left` : ''}`,
+  trial: 'Trial',
+  trials: {
+    confirmed: () => 'confirmed',
+    installed: ({ version }) => `${version} has to prove itself at its first start`,
+    trial: ({ version, attempt, attempts }) => `${version} has to prove itself: start ${attempt} of ${attempts}.`,
+    reverting: ({ version }) => `${version} failed; the instrument goes back`,
+    unknown: () => 'not known',
+  },
+  waitsFor: (what) => (what ? `It waits for ${what}.` : ''),
+  confirm: 'It works: keep it',
+  revert: 'Go back',
+  takenBack: (version) => `${version} was taken back`,
+  allow: 'Offer again',
+  allowThis: (version) => `Offer ${version} again`,
+  cameBack: (reason) => `It was taken back: ${reason}. The instrument is as safe as before.`,
   policyOff: 'Packages of everybody are accepted: no trusted signers are set.',
   developerMode: 'Developer mode is on.',
 
@@ -29,7 +43,7 @@ export const texts = {
   starting: (what) => `Starting: ${what}`,
   kinds: {
     Check: 'Check', Scan: 'Look at', Install: 'Install', Build: 'Build', Transfer: 'Carry over',
-    RemoteInstall: 'Install on accessory', Upload: 'Upload', Trust: 'Trust document',
+    RemoteInstall: 'Install on accessory', Upload: 'Upload', Trust: 'Trust document', Trial: 'Trial',
   },
   states: { Queued: 'waits', Running: 'under way', Succeeded: 'done', Failed: 'failed', Cancelled: 'cancelled', Lost: 'end not known', Open: 'under way or waiting' },
   stayOn: 'Do not switch off.',
@@ -71,7 +85,7 @@ export const texts = {
   whatToDo: 'What to do:',
   advice: {
     ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE: 'copy the file to the stick again. If that does not help, ask for a package for this board, from somebody whom this instrument trusts.',
-    ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED: 'bring a newer version; this instrument does not go back.',
+    ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED: 'bring a newer version; this instrument does not go back by itself. What was taken back is offered again above.',
     other: 'put the stick in again, or bring another file.',
   },
   errorCodes: {

@@ -35,6 +35,12 @@ function Waiting({ job }) {
     <div class="foot"><${StayOn} /></div>`;
 }
 
+// Why the version is not the one that runs, where the instrument judges new ones.
+function cameBack({ version }) {
+  const { trial } = state.status;
+  return trial?.lastVersion === version && trial.lastOutcome === 'reverted' ? texts.cameBack(trial.lastReason) : '';
+}
+
 // What has ended, in two sentences.
 function ended({ kind, job }) {
   const { installedVersion, bootId } = state.status;
@@ -42,7 +48,7 @@ function ended({ kind, job }) {
     return [texts.proven(job.version), texts.proof(shortBoot(job.bootId), shortBoot(bootId))];
   }
   if (kind === 'returned') {
-    return [texts.returned(job.version, installedVersion ?? texts.unknown), state.status.trial?.reason || texts.returnedWhy];
+    return [texts.returned(job.version, installedVersion ?? texts.unknown), cameBack(job) || texts.returnedWhy];
   }
   if (kind === 'installed') {
     return [texts.installed(job.version), texts.installedMore];
