@@ -44,8 +44,12 @@ std::optional<TransientUnit> TransientUnit::ForInstall(const std::string& operat
 }
 
 std::string TransientUnit::CommandLine(const std::string& inside) const {
+    std::string kept;
+    for (const char letter : inside) {
+        kept += letter == '$' ? "$$" : std::string(1, letter);  // the service manager reads it before the shell does
+    }
     return "exec systemd-run --quiet --collect --wait --pipe --unit=" + m_name + m_properties + " -- /bin/sh -c " +
-           ShellQuoted(inside) + " sh $$";
+           ShellQuoted(kept) + " sh $$";
 }
 
 bool TransientUnit::Signal(int signal) const {

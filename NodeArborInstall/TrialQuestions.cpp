@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "ZNodeArborInstall.h"
 
 // What the trial of the version that runs, and those before it, mean for other versions.
@@ -13,7 +15,7 @@ ZResult<std::shared_ptr<ZSlotsMsg>> ZNodeArborInstall::AskSlots() {
     const auto outcome = PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "slots", 0),
                                             Z_MAKE(ZGenericRequestMsg), &answer, {true, false, kPatience});
     const auto slots = ZCAST(ZSlotsMsg, answer);
-    if (!slots && outcome != ZPublishOutcome::NoSubscriber) {
+    if (!slots && (outcome == ZPublishOutcome::NoAnswer || outcome == ZPublishOutcome::QueueFull)) {
         return ZError("it is not known which versions were taken back: the node that judges them does not answer");
     }
     return slots;
@@ -43,10 +45,13 @@ ZResult<void> ZNodeArborInstall::MayBeReplaced() {
         return slots.error();
     }
     const bool isOnTrial = *slots && ((*slots)->m_State == "trial" || (*slots)->m_State == "reverting");
-    return isOnTrial ? ZError("version " + ToStdString((*slots)->m_Version) +
-                              " has not proved itself yet, and an install would write over the way back: confirm it, "
-                              "or go back, first")
-                     : ZResult<void>();
+    const bool hasWayBack = isOnTrial && std::ranges::any_of((*slots)->m_Slots, [](const auto& slot) {
+                                return slot->m_bConfirmed && !slot->m_bRunning;
+                            });
+    return hasWayBack ? ZError("version " + ToStdString((*slots)->m_Version) +
+                               " has not proved itself yet, and an install would write over the way back: confirm it, "
+                               "or go back, first")
+                      : ZResult<void>();
 }
 
 bool ZNodeArborInstall::OnTrial(const std::shared_ptr<ZMessage>& message) {

@@ -7,6 +7,7 @@
 
 namespace {
 
+/// Says what is wrong; the status of a command that failed.
 int Fail(const ZError& error) {
     std::cerr << "arbor-boot: " << error.text << '\n';
     return 1;
@@ -33,7 +34,7 @@ ZResult<Device> Open(const std::string& file) {
 int GoBack(Device& device, const ZTrialState& state) {
     std::cout << "arbor-boot: version " << state.trial->version.version << " is left for " << state.confirmed.version
               << ": " << state.trial->reason << std::endl;
-    if (const auto done = Leave(*device.control, state); !done) {
+    if (const auto done = Leave(device.settings, *device.control); !done) {
         return Fail(done.error());
     }
     std::string output;
@@ -59,12 +60,13 @@ int Start(Device& device) {
 }
 
 int Stop(Device& device) {
-    if (const auto noted = NoteNext(device.settings, *device.control); !noted) {
-        return Fail(noted.error());
-    }
+    // First that the end is an orderly one: the next start counts on it.
     const auto state = ZTrialFile(device.settings.state).Change([](ZTrialState& kept) { kept.bOrderly = true; });
     if (!state) {
         return Fail(state.error());
+    }
+    if (const auto noted = NoteNext(device.settings, *device.control); !noted) {
+        Fail(noted.error());
     }
     const bool counts = state->trial && state->trial->stage == ZTrialStage::Trial;
     const auto done = counts ? device.control->Uncount() : ZResult<void>();
@@ -77,8 +79,8 @@ int Expire(Device& device) {
     if (!state) {
         return Fail(state.error());
     }
-    const bool isOnTrial = state->trial && state->trial->stage == ZTrialStage::Trial;
-    if (!isOnTrial || ZTrialWatch::IsHeld(device.settings.state)) {
+    const bool isOpen = state->trial && (state->trial->stage == ZTrialStage::Trial || state->IsLeaving());
+    if (!isOpen || ZTrialWatch::IsHeld(device.settings.state)) {
         return 0;
     }
     const auto failed = FailTrial(device.settings, *device.control, "nothing on it told in time that it works", {});
@@ -91,8 +93,11 @@ int Activate(Device& device, const std::string& slot) {
     if (const auto done = device.control->Activate(slot, onTrial); !done) {
         return Fail(done.error());
     }
-    const auto noted = NoteNext(device.settings, *device.control);
-    return noted ? 0 : Fail(noted.error());
+    // It is switched, whatever becomes of the note: the next start finds out what it has to know.
+    if (const auto noted = NoteNext(device.settings, *device.control); !noted) {
+        Fail(noted.error());
+    }
+    return 0;
 }
 
 /// An install writes over the slot that does not run: not while that is the way back.
@@ -101,7 +106,7 @@ int MayInstall(const Device& device) {
     if (!state) {
         return Fail(state.error());
     }
-    if (state->trial && state->trial->stage != ZTrialStage::Installed) {
+    if (state->trial && state->trial->stage != ZTrialStage::Installed && device.control->IsWhole(state->confirmed)) {
         return Fail(ZError("version " + state->trial->version.version +
                            " has not proved itself yet, and an install would write over the way back"));
     }
@@ -120,8 +125,7 @@ int Show(const Device& device) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-    CLI::App app(
-        "Counts the starts of a version on trial, and goes back to the one before when it does not prove itself");
+    CLI::App app("Counts the starts of a version on trial, and leaves one that fails");
     std::string file = ZBootSettings::kFile;
     std::string slot;
     int status = 0;

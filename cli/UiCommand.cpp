@@ -1,7 +1,10 @@
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <optional>
 
 #include "Commands.h"
 #include "JsonFields.h"
@@ -14,11 +17,39 @@ extern char** environ;  // NOLINT(readability-redundant-declaration): not declar
 namespace arborctl {
 namespace {
 
-/// Shows the address in the person's browser, where there is a screen.
-void OpenInBrowser(std::string address) {
-    if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
-        return;
+/// A file that leads a browser to the address, for this user alone, as long as this lives. The address holds a secret,
+/// and a command line is everybody's to read.
+class Signpost {
+public:
+    explicit Signpost(const std::string& address) {
+        const char* const runtime = std::getenv("XDG_RUNTIME_DIR");
+        m_path = std::string(runtime != nullptr ? runtime : "/tmp") + "/arborctl-XXXXXX.html";
+        constexpr int kSuffix = 5;
+        const int file = ::mkostemps(m_path.data(), kSuffix, O_CLOEXEC);
+        const std::string page = "<!doctype html><meta http-equiv=\"refresh\" content=\"0;url=" + address + "\">\n";
+        m_isThere = file >= 0 && ::write(file, page.data(), page.size()) == static_cast<ssize_t>(page.size());
+        if (file >= 0) {
+            ::close(file);
+        }
     }
+    ~Signpost() { ::unlink(m_path.c_str()); }
+    Signpost(const Signpost&) = delete;
+    Signpost& operator=(const Signpost&) = delete;
+
+    bool IsThere() const { return m_isThere; }
+    const std::string& Path() const { return m_path; }
+
+private:
+    std::string m_path;
+    bool m_isThere = false;
+};
+
+bool HasScreen() {
+    return std::getenv("DISPLAY") != nullptr || std::getenv("WAYLAND_DISPLAY") != nullptr;
+}
+
+/// Shows an address or a file in the person's browser.
+void OpenInBrowser(std::string address) {
     // The shell ends at once; what it started is nobody's to wait for.
     std::string shell = "sh";
     std::string option = "-c";
@@ -55,12 +86,18 @@ Result<ExitCode> ServePage(Session& session, const PageOrder& order) {
         session.Print(json::object{{"address", server.Address()}}, Sentence(server.Address(), network));
     }
     session.out.flush();
-    if (order.open) {
-        OpenInBrowser(order.network ? network : server.Address());
+    const bool opens = order.open && HasScreen();
+    if (order.network) {
+        if (opens) {
+            OpenInBrowser(network);
+        }
+        return ExitCode::kDone;
     }
-    if (!order.network) {
-        server.Run();
+    std::optional<Signpost> signpost;
+    if (opens && signpost.emplace(server.Address()).IsThere()) {
+        OpenInBrowser(signpost->Path());
     }
+    server.Run();
     return ExitCode::kDone;
 }
 

@@ -39,7 +39,7 @@ struct Answer {
 
 ZResult<Answer> Run(const std::string& command) {
     Answer answer;
-    if (!ZPlatform::ExecuteCommand(command, answer.text, kPatience)) {
+    if (!ZPlatform::ExecuteCommand(OutsideSandbox(command), answer.text, kPatience, command)) {
         return ZError("'" + command + "' failed" + (answer.text.empty() ? "" : ": " + answer.text.substr(0, 200)));
     }
     return answer;
@@ -101,6 +101,10 @@ public:
     ZResult<void> MarkGood() override { return Set({{"bootcount", "0"}, {"upgrade_available", "0"}}); }
     ZResult<void> Uncount() override { return Set({{"bootcount", "0"}}); }
     bool FallsBack() const override { return true; }
+    bool Counts() const override {
+        const auto text = Run(Settings().printEnvironment + " -n upgrade_available");
+        return text && text->text == "1";
+    }
 
 private:
     using Variables = std::vector<std::pair<std::string, std::string>>;
@@ -187,4 +191,17 @@ ZSlotVersion ZBootControl::At(const std::string& slot) const {
 
 bool ZBootControl::IsWhole(const ZSlotVersion& version) const {
     return version.IsKnown() && At(version.slot).SameAs(version);
+}
+
+std::string OutsideSandbox(const std::string& command) {
+    if (!ZPlatform::HasUnits()) {
+        return command;
+    }
+    std::string quoted;
+    for (const char letter : command) {
+        // The service manager reads dollar signs before the shell does.
+        quoted += letter == '\'' ? "'\\''" : letter == '$' ? "$$" : std::string(1, letter);
+    }
+    return "exec systemd-run --quiet --collect --wait --pipe --description='Arbor boot and health' -- /bin/sh -c '" +
+           quoted + "'";
 }

@@ -32,11 +32,13 @@ public:
     virtual ZResult<void> Uncount() { return {}; }
     /// Whether the loader counts starts, and leaves a slot that does not come up.
     virtual bool FallsBack() const { return false; }
+    /// Whether it counts now.
+    virtual bool Counts() const { return false; }
 
     /// The slots that hold anything, in order, and what stands in each as far as it is known.
     std::vector<ZSlotVersion> Slots() const;
     ZSlotVersion At(const std::string& slot) const;
-    /// Whether that version stands whole in its slot.
+    /// Whether that version stands whole in its slot, as far as its version and digest tell.
     bool IsWhole(const ZSlotVersion& version) const;
 
 protected:
@@ -47,3 +49,7 @@ protected:
 private:
     const ZBootSettings m_settings;
 };
+
+/// A shell command line that runs `command` outside of what this process is confined to, as a unit of the service
+/// manager that ends with it; the same where the platform has no units.
+std::string OutsideSandbox(const std::string& command);

@@ -7,10 +7,10 @@
 
 namespace {
 
-/// By the clock that nobody sets, and that goes on while the device sleeps.
+/// By the clock that nobody sets.
 std::int64_t BootClock() {
     timespec now{};
-    ::clock_gettime(CLOCK_BOOTTIME, &now);
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
@@ -22,9 +22,22 @@ std::string IdOfBoot(const std::string& file) {
     return id;
 }
 
+/// What runs is confirmed: the loader is to start it again, and to count nothing. It may have gone back by itself, and
+/// know nothing of that at its next start; or the state may have been lost.
+ZResult<void> Agree(ZBootControl& control, const ZTrialState& state) {
+    const auto next = control.Next();
+    if (!next || state.trial) {
+        return next ? ZResult<void>() : next.error();
+    }
+    if (next->slot != state.confirmed.slot) {
+        return control.Activate(state.confirmed.slot, false);
+    }
+    return control.Counts() ? control.MarkGood() : ZResult<void>();
+}
+
 }  // namespace
 
-ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, const ZBootControl& control) {
+ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& control) {
     const auto running = control.Running();
     if (!running) {
         return running.error();
@@ -46,7 +59,15 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, const ZBootControl
         facts.bCanGoBack = control.IsWhole(kept.confirmed);
         action = kept.Begin(facts);
     });
-    return state ? ZResult<ZBootAction>(action) : state.error();
+    if (!state) {
+        return state.error();
+    }
+    if (control.FallsBack() && running->SameAs(state->confirmed)) {
+        if (const auto agreed = Agree(control, *state); !agreed) {
+            return agreed.error();
+        }
+    }
+    return action;
 }
 
 ZResult<ZTrialState> NoteNext(const ZBootSettings& settings, const ZBootControl& control) {
@@ -72,14 +93,27 @@ ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl
                     kept.confirmed.version + " any more";
         } else {
             kept.Fail(reason, failedCheck);
-            ++kept.trial->goneBack;
         }
     });
     return wrong.empty() ? state : ZError(wrong);
 }
 
-ZResult<void> Leave(ZBootControl& control, const ZTrialState& state) {
-    return control.Activate(state.confirmed.slot, false);
+ZResult<void> Leave(const ZBootSettings& settings, ZBootControl& control) {
+    ZTrialFile file(settings.state);
+    const auto state = file.Read();
+    if (!state) {
+        return state.error();
+    }
+    if (const auto done = control.Activate(state->confirmed.slot, false); !done) {
+        return done;
+    }
+    // Counted once it is so: what could not be told to the loader is tried again at the next start.
+    const auto counted = file.Change([](ZTrialState& kept) {
+        if (kept.IsLeaving()) {
+            ++kept.trial->goneBack;
+        }
+    });
+    return counted ? ZResult<void>() : counted.error();
 }
 
 std::int64_t MillisecondsOfBoot(const ZTrialState& state) {

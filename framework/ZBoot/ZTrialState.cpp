@@ -87,6 +87,7 @@ json::object ToJson(const ZTrialEnd& end) {
     object["since"] = end.since;
     object["at"] = end.at;
     object["told"] = end.bTold;
+    object["judged"] = end.bJudged;
     object["alike"] = end.bAlike;
     return object;
 }
@@ -99,6 +100,7 @@ ZTrialEnd ToEnd(const json::value& from) {
             .since = Number<std::int64_t>(from, "since"),
             .at = Number<std::int64_t>(from, "at"),
             .bTold = Flag(from, "told"),
+            .bJudged = Flag(from, "judged"),
             .bAlike = Flag(from, "alike")};
 }
 
@@ -125,7 +127,11 @@ bool ZSlotVersion::SameAs(const ZSlotVersion& other) const {
 }
 
 ZBootAction ZTrialState::Begin(const ZBootFacts& facts) {
-    if (!facts.running.IsKnown() || facts.bootId == bootId) {
+    if (!facts.running.IsKnown()) {
+        return ZBootAction::GoOn;
+    }
+    if (facts.bootId == bootId) {
+        bOrderly = false;  // whoever said that the boot ends was wrong
         return ZBootAction::GoOn;
     }
     ZBootAction action = ZBootAction::GoOn;
@@ -168,12 +174,7 @@ ZBootAction ZTrialState::BeginTrial(const ZBootFacts& facts) {
     } else if (trial->stage == ZTrialStage::Trial && trial->restarts > kMostRestarts) {
         Fail("it was restarted " + std::to_string(kMostRestarts) + " times without proving itself", {});
     }
-    // Whoever was to leave it, and comes up in it again, stays: one that goes round in circles serves nobody.
-    if (trial->stage != ZTrialStage::Reverting || !facts.bCanGoBack || trial->goneBack > 1) {
-        return ZBootAction::GoOn;
-    }
-    ++trial->goneBack;
-    return ZBootAction::GoBack;
+    return IsLeaving() && facts.bCanGoBack ? ZBootAction::GoBack : ZBootAction::GoOn;
 }
 
 void ZTrialState::Install(const ZSlotVersion& next) {
@@ -190,7 +191,8 @@ void ZTrialState::Confirm(const std::string& by, std::int64_t now) {
     if (trial) {
         last = ZTrialEnd{.version = trial->version, .bConfirmed = true, .reason = by, .since = trial->since, .at = now};
         confirmed = trial->version;
-        Allow(confirmed.version);
+        std::erase_if(takenBack,
+                      [&](const ZTakenBack& each) { return IsOf(each, confirmed.version, confirmed.digest); });
         trial.reset();
     }
 }

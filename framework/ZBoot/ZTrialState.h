@@ -30,7 +30,7 @@ struct ZTrial {
     std::uint32_t attempts = 0;  ///< starts that nobody had asked for: after a power cut, a crash, a watchdog
     std::uint32_t restarts = 0;  ///< orderly ones
     std::int64_t since = 0;      ///< milliseconds since 1970, of its first start
-    std::uint32_t goneBack = 0;  ///< how often the device was restarted to leave it
+    std::uint32_t goneBack = 0;  ///< how often the boot loader was told to leave it
     std::string reason{};        ///< why it failed, a sentence
     std::string failedCheck{};   ///< the health check that failed; empty: it was something else
 };
@@ -43,8 +43,9 @@ struct ZTrialEnd {
     std::string failedCheck{};  ///< as in ZTrial
     std::int64_t since = 0;     ///< milliseconds since 1970: the trial's beginning, and its end
     std::int64_t at = 0;
-    bool bTold = false;   ///< the journal has it
-    bool bAlike = false;  ///< the version before fails in the same way, so it is not this one's fault
+    bool bTold = false;    ///< the journal has it
+    bool bJudged = false;  ///< the version before was asked what this one failed
+    bool bAlike = false;   ///< and failed it too, so it is not this one's fault
 };
 
 /// A version that was taken back: it is not offered again until somebody allows it.
@@ -78,6 +79,9 @@ struct ZBootFacts {
 struct ZTrialState {
     static constexpr std::size_t kLargest = 16 * 1024 - 128;
     static constexpr std::size_t kMostTakenBack = 16;
+    /// Whoever comes up again in a version that it was told to leave so often stays there: one that goes round in
+    /// circles serves nobody.
+    static constexpr std::uint32_t kMostGoneBack = 2;
     /// A version that restarts in order, and never proves itself, is taken back after so many.
     static constexpr std::uint32_t kMostRestarts = 20;
 
@@ -94,15 +98,19 @@ struct ZTrialState {
     ZBootAction Begin(const ZBootFacts& facts);
     /// Another version starts next. Nothing when that is the confirmed one, but for a trial that had not begun.
     void Install(const ZSlotVersion& next);
-    /// The version on trial has proved itself; `by` says how.
+    /// The version on trial has proved itself, or somebody wants it all the same; `by` says how.
     void Confirm(const std::string& by, std::int64_t now);
     /// The version on trial has failed; the device is about to be restarted.
     void Fail(const std::string& reason, const std::string& failedCheck);
     /// A person wants the version offered again. False when it was not taken back.
     bool Allow(std::string_view version);
-    /// Whether `running` has to prove itself.
+    /// Whether `running` has to prove itself, or failed to and was not left yet.
     bool IsOnTrial(const ZSlotVersion& running) const {
-        return trial && trial->stage == ZTrialStage::Trial && trial->version.SameAs(running);
+        return trial && trial->stage != ZTrialStage::Installed && trial->version.SameAs(running);
+    }
+    /// Whether it failed, and is to be left.
+    bool IsLeaving() const {
+        return trial && trial->stage == ZTrialStage::Reverting && trial->goneBack < kMostGoneBack;
     }
     /// The entry of a version that was taken back; nullptr when it was not. Digests decide where both are known.
     const ZTakenBack* FindTakenBack(std::string_view version, std::string_view digest) const;

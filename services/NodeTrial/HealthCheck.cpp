@@ -9,7 +9,7 @@ namespace json = boost::json;
 
 namespace {
 
-constexpr int kMostSeconds = 3600;
+constexpr int kMostSeconds = 300;
 constexpr std::size_t kMostChecks = 32;
 constexpr std::size_t kLongestName = 48;
 constexpr std::size_t kLargestManifest = std::size_t{1} << 20;
@@ -67,7 +67,7 @@ ZResult<HealthCheck> HealthCheck::Parse(std::string_view text) {
     }
     int seconds = 0;
     if (!ReadNumber(TakeWord(rest), seconds) || seconds < 1 || seconds > kMostSeconds) {
-        return wrong("behind its name stand the seconds that it may take, 1 to 3600");
+        return wrong("behind its name stand the seconds that it may take, 1 to 300");
     }
     check.limit = std::chrono::seconds(seconds);
     if (rest.empty()) {

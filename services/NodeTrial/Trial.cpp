@@ -15,27 +15,35 @@ ZResult<void> Trial::Begin() {
         return watch.error();
     }
     m_watch.emplace(std::move(*watch));
-    const auto action = BeginBoot(m_settings, *m_control);
-    if (!action) {
-        SetProblem(action.error().text);
-        return action.error();
-    }
-    if (*action == ZBootAction::GoBack) {
-        // The start of the boot has not counted, so it did not act either. What it would have done is done when the
-        // next boot begins; this host only says so.
-        SetProblem("the version that runs has failed and is left at the next restart");
+    if (const auto counted = BeginBoot(m_settings, *m_control); !counted) {
+        SetProblem(counted.error().text);
+        m_watch.reset();
+        return counted.error();
     }
     return {};
 }
 
-ZResult<ZSlotVersion> Trial::Running() const {
+void Trial::StopJudging() {
     const std::lock_guard lock(m_controlMutex);
-    return m_control->Running();
+    m_watch.reset();
 }
 
-std::optional<ZSlotVersion> Trial::OnTrial() const {
-    const auto running = Running();
-    return running && State().IsOnTrial(*running) ? std::optional(*running) : std::nullopt;
+ZResult<Trial::Look> Trial::LookNow() const {
+    const std::lock_guard lock(m_controlMutex);
+    const auto running = m_control->Running();
+    if (!running) {
+        return running.error();
+    }
+    const auto state = ZTrialFile(m_settings.state).Read();
+    return state ? ZResult<Look>(Look{.state = *state, .running = *running}) : state.error();
+}
+
+ZResult<std::optional<ZSlotVersion>> Trial::OnTrial() const {
+    const auto look = LookNow();
+    if (!look) {
+        return look.error();
+    }
+    return look->state.IsOnTrial(look->running) ? std::optional(look->running) : std::nullopt;
 }
 
 ZTrialState Trial::State() const {
@@ -44,44 +52,61 @@ ZTrialState Trial::State() const {
 }
 
 void Trial::AskAll(const Ask& ask) {
-    std::map<std::string, std::string> failures;
-    for (const HealthCheck& check : m_rules.checks) {
+    std::map<std::size_t, std::string> failures;
+    for (std::size_t place = 0; place < m_rules.checks.size(); ++place) {
         std::string reason;
-        if (!ask(check, reason)) {
-            failures[check.name] = reason.empty() ? "it does not say why" : reason;
+        if (!ask(m_rules.checks[place], reason)) {
+            failures[place] = reason.empty() ? "it does not say why" : reason;
+        }
+        if (!m_seen.Lock()->veto.empty()) {
+            return;  // whoever said that need not wait for the rest
         }
     }
     const auto seen = m_seen.Lock();
     seen->failures = std::move(failures);
     seen->bAsked = true;
-    if (FirstFailing(*seen) != nullptr) {
-        seen->passingSince.reset();
-    } else if (!seen->passingSince) {
-        seen->passingSince = ZClock::now();
-    }
+    const bool fails = FirstFailing(*seen).has_value();
+    auto& begun = fails ? seen->failingSince : seen->passingSince;
+    (fails ? seen->passingSince : seen->failingSince).reset();
+    begun = begun.value_or(ZClock::now());
 }
 
-const HealthCheck* Trial::FirstFailing(const Seen& seen) const {
-    const auto found = std::ranges::find_if(
-        m_rules.checks, [&](const HealthCheck& each) { return each.bMust && seen.failures.contains(each.name); });
-    return found == m_rules.checks.end() ? nullptr : &*found;
+std::optional<std::size_t> Trial::FirstFailing(const Seen& seen) const {
+    const auto found =
+        std::ranges::find_if(seen.failures, [&](const auto& each) { return m_rules.checks[each.first].bMust; });
+    return found == seen.failures.end() ? std::nullopt : std::optional(found->first);
 }
 
 Trial::Verdict Trial::Judge() {
-    if (!OnTrial()) {
+    const auto look = LookNow();
+    const auto seen = m_seen.Lock();
+    seen->blindness = look ? std::string() : look.error().text;
+    if (!look) {
+        return Verdict::Wait;
+    }
+    if (!look->state.IsOnTrial(look->running)) {
         return Verdict::Over;
     }
-    const std::int64_t boot = MillisecondsOfBoot(State());
-    const auto seen = m_seen.Lock();
-    if (!seen->veto.empty()) {
+    if (look->state.trial->stage == ZTrialStage::Reverting) {
+        return look->state.IsLeaving() || !seen->veto.empty() ? Verdict::GoBack : Verdict::Wait;
+    }
+    return JudgeChecks(*seen, MillisecondsOfBoot(look->state));
+}
+
+Trial::Verdict Trial::JudgeChecks(Seen& seen, std::int64_t boot) const {
+    if (!seen.veto.empty()) {
         return Verdict::GoBack;
     }
-    const bool holds = seen->passingSince && ZClock::now() - *seen->passingSince >= m_rules.hold;
-    if (holds && !m_rules.bByPerson) {
-        return Verdict::Confirm;
+    const auto lasts = [&](const std::optional<ZClock::time_point>& since) {
+        return since && ZClock::now() - *since >= m_rules.hold;
+    };
+    if (lasts(seen.passingSince)) {
+        seen.bHeld = true;
+        return m_rules.bByPerson ? Verdict::Wait : Verdict::Confirm;
     }
     const bool isLate = m_rules.deadline.count() > 0 && boot > std::chrono::milliseconds(m_rules.deadline).count();
-    return isLate && !holds ? Verdict::GoBack : Verdict::Wait;
+    // One that has proved itself, and waits for a person, is not left for a moment's trouble.
+    return isLate && (!seen.bHeld || lasts(seen.failingSince)) ? Verdict::GoBack : Verdict::Wait;
 }
 
 std::pair<std::string, std::string> Trial::Complaint() const {
@@ -89,8 +114,9 @@ std::pair<std::string, std::string> Trial::Complaint() const {
     if (!seen.veto.empty()) {
         return {seen.veto, {}};
     }
-    if (const HealthCheck* const failing = FirstFailing(seen)) {
-        return {failing->name + ": " + seen.failures.at(failing->name), failing->name};
+    if (const auto failing = FirstFailing(seen)) {
+        const std::string& name = m_rules.checks[*failing].name;
+        return {name + ": " + seen.failures.at(*failing), name};
     }
     return {"it did not prove itself within " + std::to_string(m_rules.deadline.count()) + " s", {}};
 }
@@ -103,8 +129,8 @@ std::string Trial::WaitingFor(const Seen& seen) const {
     if (!seen.bAsked) {
         return "its first checks";
     }
-    if (const HealthCheck* const failing = FirstFailing(seen)) {
-        return failing->name + ": " + seen.failures.at(failing->name);
+    if (const auto failing = FirstFailing(seen)) {
+        return m_rules.checks[*failing].name + ": " + seen.failures.at(*failing);
     }
     if (m_rules.bByPerson) {
         return "somebody who confirms it";
@@ -114,29 +140,37 @@ std::string Trial::WaitingFor(const Seen& seen) const {
 
 ZResult<void> Trial::Confirm(const std::string& by) {
     const auto running = OnTrial();
-    if (!running) {
-        return ZError("no version is on trial");
+    if (!running || !*running) {
+        return running ? ZError("no version is on trial") : running.error();
     }
-    {
-        // First the loader: when the state said so already and the loader did not know, it would go back one day.
-        const std::lock_guard lock(m_controlMutex);
-        if (const auto good = m_control->MarkGood(); !good) {
-            return good.error();
+    const std::lock_guard lock(m_controlMutex);
+    // First the loader: when the state said so already and the loader did not know, it would go back one day.
+    if (const auto next = m_control->Next(); !next || next->slot != (*running)->slot) {
+        if (const auto stays = m_control->Activate((*running)->slot, false); !stays) {
+            return stays.error();
         }
     }
+    if (const auto good = m_control->MarkGood(); !good) {
+        return good.error();
+    }
+    bool confirmed = false;
     const auto kept = ZTrialFile(m_settings.state).Change([&](ZTrialState& state) {
-        if (state.IsOnTrial(*running)) {
+        if (state.IsOnTrial(**running)) {
             state.Confirm(by, MillisecondsNow());
+            confirmed = true;
         }
     });
     m_news.Set();
-    return kept ? ZResult<void>() : kept.error();
+    if (!kept) {
+        return kept.error();
+    }
+    return confirmed ? ZResult<void>() : ZError("no version is on trial any more");
 }
 
 ZResult<void> Trial::GoBack(const std::string& reason, const std::string& failedCheck) {
     const std::lock_guard lock(m_controlMutex);
     const auto failed = FailTrial(m_settings, *m_control, reason, failedCheck);
-    return failed ? Leave(*m_control, *failed) : failed.error();
+    return failed ? Leave(m_settings, *m_control) : failed.error();
 }
 
 ZResult<void> Trial::UndoSwitch() {
@@ -145,6 +179,9 @@ ZResult<void> Trial::UndoSwitch() {
     const auto next = running ? m_control->Next() : running;
     if (!next) {
         return next.error();
+    }
+    if (!State().confirmed.SameAs(*running)) {
+        return ZError("version " + running->version + " runs, and is not confirmed");
     }
     if (next->slot == running->slot) {
         return ZError("version " + running->version + " runs, is confirmed, and starts next");
@@ -177,15 +214,24 @@ void Trial::NoteSwitch() {
     }
 }
 
-void Trial::MarkTold(bool isAlike) {
-    const auto kept = ZTrialFile(m_settings.state).Change([isAlike](ZTrialState& state) {
-        if (!state.last) {
-            return;
-        }
-        state.last->bTold = true;
-        state.last->bAlike = state.last->bAlike || isAlike;
+void Trial::MarkTold() {
+    ChangeLast([](ZTrialState& state) { state.last->bTold = true; });
+}
+
+void Trial::MarkJudged(bool isAlike) {
+    ChangeLast([isAlike](ZTrialState& state) {
+        state.last->bJudged = true;
+        state.last->bAlike = isAlike;
         if (isAlike) {
             state.Allow(state.last->version.version);
+        }
+    });
+}
+
+void Trial::ChangeLast(const std::function<void(ZTrialState&)>& change) {
+    const auto kept = ZTrialFile(m_settings.state).Change([&](ZTrialState& state) {
+        if (state.last) {
+            change(state);
         }
     });
     if (!kept) {
@@ -201,7 +247,7 @@ std::shared_ptr<ZSlotsMsg> Trial::Tell() const {
     const auto answer = Z_MAKE(ZSlotsMsg);
     const auto state = ZTrialFile(m_settings.state).Read();
     const Seen seen = m_seen.Copy();
-    answer->m_Problem = ToZString(state ? seen.problem : state.error().text);
+    answer->m_Problem = ToZString(!state ? state.error().text : seen.blindness.empty() ? seen.problem : seen.blindness);
     answer->m_Attempts = m_settings.attempts;
     TellSlots(*answer, state ? *state : ZTrialState());
     if (!state) {
@@ -213,9 +259,10 @@ std::shared_ptr<ZSlotsMsg> Trial::Tell() const {
     if (answer->m_State == "trial") {
         answer->m_Waiting = ToZString(WaitingFor(seen));
     }
-    for (const HealthCheck& check : m_rules.checks) {
+    for (std::size_t place = 0; place < m_rules.checks.size(); ++place) {
+        const HealthCheck& check = m_rules.checks[place];
         const auto health = Z_MAKE(ZHealthMsg);
-        const auto failure = seen.failures.find(check.name);
+        const auto failure = seen.failures.find(place);
         health->m_Name = ToZString(check.name);
         health->m_bMust = check.bMust;
         health->m_bPassed = seen.bAsked && failure == seen.failures.end();

@@ -37,8 +37,11 @@ public:
     /// Counts this boot, unless its start has done that, and tells others that somebody judges. An error says why no
     /// version can be judged; it is told as the problem from then on.
     ZResult<void> Begin();
-    /// The version that has to prove itself now; none when that is no question.
-    std::optional<ZSlotVersion> OnTrial() const;
+    /// Nobody judges from here on: others may.
+    void StopJudging();
+    /// The version that has to prove itself, or failed to and was not left yet; none when that is no question. An error
+    /// when it can't be known now.
+    ZResult<std::optional<ZSlotVersion>> OnTrial() const;
     const Rules& Asked() const { return m_rules; }
     const ZBootSettings& Settings() const { return m_settings; }
     /// The state as it is kept; an empty one when it can't be read.
@@ -55,16 +58,18 @@ public:
 
     /// The version has proved itself; `by` says how. Kept, and told to the boot loader.
     ZResult<void> Confirm(const std::string& by);
-    /// The version failed: the one before starts next. The caller restarts the device.
+    /// The version failed, or had: the one before starts next. The caller restarts the device.
     ZResult<void> GoBack(const std::string& reason, const std::string& failedCheck);
-    /// Undoes a switch that had no restart yet.
+    /// Undoes a switch that had no restart yet; only the confirmed version may.
     ZResult<void> UndoSwitch();
     ZResult<void> Allow(const std::string& version);
     void Veto(const std::string& reason);
     /// Another version may start next: it was installed.
     void NoteSwitch();
-    /// How the last trial ended is in the journal; `isAlike` when the version before fails in the same way.
-    void MarkTold(bool isAlike);
+    /// How the last trial ended is in the journal.
+    void MarkTold();
+    /// The version before was asked what the last one failed, and failed it too if `isAlike`.
+    void MarkJudged(bool isAlike);
     void SetProblem(const std::string& problem);
     /// Set when somebody has said something that may end the trial; the watch clears it.
     ZWakeUp& News() { return m_news; }
@@ -73,18 +78,28 @@ public:
 
 private:
     struct Seen {
-        std::map<std::string, std::string> failures;  // of checks, by name: why they did not pass
+        std::map<std::size_t, std::string> failures;  // of checks, by their place: why they did not pass
         bool bAsked = false;
+        bool bHeld = false;  // all that must pass has passed for long enough, once
         std::optional<ZClock::time_point> passingSince;
+        std::optional<ZClock::time_point> failingSince;
         std::string veto;
         std::string problem;
+        std::string blindness;  // why nothing can be judged just now
+    };
+    struct Look {
+        ZTrialState state;
+        ZSlotVersion running;
     };
     void TellSlots(ZSlotsMsg& answer, const ZTrialState& state) const;
     void TellWay(ZSlotsMsg& answer, const ZTrialState& state) const;
     static void TellLast(ZSlotsMsg& answer, const ZTrialState& state);
     std::string WaitingFor(const Seen& seen) const;
-    const HealthCheck* FirstFailing(const Seen& seen) const;
-    ZResult<ZSlotVersion> Running() const;
+    /// The place of the first check that must pass and does not; none when all do.
+    std::optional<std::size_t> FirstFailing(const Seen& seen) const;
+    Verdict JudgeChecks(Seen& seen, std::int64_t boot) const;
+    ZResult<Look> LookNow() const;
+    void ChangeLast(const std::function<void(ZTrialState&)>& change);
 
     const ZBootSettings m_settings;
     const Rules m_rules;

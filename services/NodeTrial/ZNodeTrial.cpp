@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <stdexcept>
 
 #include "ZMessages/OperationMessages.h"
 #include "ZShared/ZPlatform.h"
+#include "ZShared/ZScopeEnd.h"
 #include "ZShared/ZStopEvent.h"
 
 Z_IMPLEMENT(ZNodeTrialCfg)
@@ -16,8 +18,10 @@ Z_IMPLEMENT(ZNodeTrial_JudgeAction)
 
 namespace {
 
-// Rounds in which the version before must fail the same check, until it counts as failing in the same way.
-constexpr int kRoundsAlike = 3;
+// How long the version before is asked what the last one failed, where no deadline is set.
+constexpr std::chrono::minutes kUsualDeadline{10};
+// How long a restart may take to end this host.
+constexpr std::chrono::minutes kRestartPatience{2};
 
 ZString AskerOf(const ZMessage& message) {
     const auto& origin = message.Origin();
@@ -42,13 +46,24 @@ bool Await(std::chrono::milliseconds time, ZWakeUp& news) {
 
 }  // namespace
 
+std::vector<ZSettingError> ZNodeTrialCfg::Conflicts() const {
+    std::vector<ZSettingError> conflicts;
+    if (m_DeadlineSeconds > 0 && m_HoldSeconds >= m_DeadlineSeconds) {
+        conflicts.push_back({"holdSeconds",
+                             "\"holdSeconds\" is not less than \"deadlineSeconds\": no version could "
+                             "prove itself"});
+    }
+    return conflicts;
+}
+
 ZNodeTrial::ZNodeTrial(const ZString& name) : ZNode(name) {
     m_logName = ClassName();
 }
 
 bool ZNodeTrial::OnConfig(const std::shared_ptr<ZMessage>&, const std::shared_ptr<ZConfig>& config) {
     return ReadRecord<ZNodeTrialCfg>(config, [this](const ZNodeTrialCfg& record) {
-        const auto settings = ZBootSettings::Load(ToStdString(record.m_BootSettings));
+        m_bootSettings = ToStdString(record.m_BootSettings);
+        const auto settings = ZBootSettings::Load(m_bootSettings);
         auto control = settings ? ZBootControl::Make(*settings) : settings.error();
         if (!control) {
             throw std::runtime_error(control.error().text);
@@ -90,7 +105,18 @@ bool ZNodeTrial::InitMessageMap() {
            on(ZEndpointType::GraphService, "operation", &ZNodeTrial::OnOperation);
 }
 
+std::shared_ptr<ZOperation> ZNodeTrial::Begin(const ZSlotVersion& version) {
+    auto operation = BeginOperation({.kind = ZOperationKind::Trial, .version = ToZString(version.version)});
+    operation->Start();
+    return operation;
+}
+
 bool ZNodeTrial::OnGraphCreated() {
+    if (!std::filesystem::exists(m_bootSettings)) {
+        m_trial->SetProblem("there is no " + m_bootSettings + ", so versions are not judged");
+        Z_LOG(2, "Versions are not judged: there is no %s", m_bootSettings);
+        return true;
+    }
     if (const auto begun = m_trial->Begin(); !begun) {
         Z_LOG(3, "No version can be judged: %s", begun.error().text);
         return true;
@@ -108,7 +134,7 @@ void ZNodeTrial::TellChange() {
 
 bool ZNodeTrial::Passes(const HealthCheck& check, std::string& reason) {
     if (!check.IsRequest()) {
-        const bool passed = ZPlatform::ExecuteCommand(check.command, reason, check.limit, check.name);
+        const bool passed = ZPlatform::ExecuteCommand(OutsideSandbox(check.command), reason, check.limit, check.name);
         reason.resize(std::min<std::size_t>(reason.size(), 200));
         return passed;
     }
@@ -149,7 +175,11 @@ bool ZNodeTrial::OnRevert(const std::shared_ptr<ZMessage>& message) {
     if (!request) {
         return true;
     }
-    if (!m_trial->OnTrial()) {
+    const auto version = m_trial->OnTrial();
+    if (!version) {
+        return Answer(message, version.error());
+    }
+    if (!*version) {
         const auto undone = m_trial->UndoSwitch();
         TellChange();
         return Answer(message, undone);
@@ -189,103 +219,139 @@ bool ZNodeTrial::OnOperation(const std::shared_ptr<ZMessage>& message) {
 }
 
 void ZNodeTrial_JudgeAction::TellLast() {
-    const ZTrialState state = Node().Judged().State();
+    Trial& trial = Node().Judged();
+    const ZTrialState state = trial.State();
     if (!state.last || state.last->bTold) {
         return;
     }
-    const ZTrialEnd& last = *state.last;
-    const auto operation =
-        Node().BeginOperation({.kind = ZOperationKind::Trial, .version = ToZString(last.version.version)});
-    operation->Start();
-    if (last.bConfirmed) {
+    const auto operation = Node().Begin(state.last->version);
+    if (state.last->bConfirmed) {
         operation->Succeed();
-        Node().Judged().MarkTold(false);
-        return;
+    } else {
+        const std::string reason = "the device came back to " + state.confirmed.version + ": " + state.last->reason;
+        Z_LOG(3, "Version %s was taken back: %s", state.last->version.version, reason);
+        operation->Fail(ToZString(reason));
     }
-    const bool isAlike = FailsHereToo(last.failedCheck);
-    std::string reason = "the device came back to " + state.confirmed.version + ": " + last.reason;
-    if (isAlike) {
-        reason += "; " + state.confirmed.version + " fails in the same way, so it is not this version's fault";
-    }
-    Z_LOG(3, "Version %s was taken back: %s", last.version.version, reason);
-    operation->Fail(ToZString(reason));
-    Node().Judged().MarkTold(isAlike);
+    trial.MarkTold();
     Node().TellChange();
 }
 
-bool ZNodeTrial_JudgeAction::FailsHereToo(const std::string& name) {
-    const Trial::Rules& rules = Node().Judged().Asked();
-    const auto check = std::ranges::find(rules.checks, name, &HealthCheck::name);
-    if (check == rules.checks.end()) {
-        return false;
+/// The version before is asked what the last one failed, for as long as that one was.
+void ZNodeTrial_JudgeAction::JudgeFault() {
+    Trial& trial = Node().Judged();
+    const ZTrialState state = trial.State();
+    if (!state.last || state.last->bConfirmed || state.last->bJudged) {
+        return;
     }
-    for (int round = 0; round < kRoundsAlike; ++round) {
+    const Trial::Rules& rules = trial.Asked();
+    const auto check = std::ranges::find(rules.checks, state.last->failedCheck, &HealthCheck::name);
+    bool isAlike = check != rules.checks.end();
+    const auto deadline = rules.deadline.count() > 0 ? rules.deadline : kUsualDeadline;
+    while (isAlike && MillisecondsOfBoot(state) < std::chrono::milliseconds(deadline).count()) {
         std::string reason;
-        if ((round > 0 && !Await(rules.pause, Node().Judged().News())) || Node().Passes(*check, reason) ||
-            !IsRunning()) {
-            return false;
+        isAlike = !Node().Passes(*check, reason);
+        if (!IsRunning() || (isAlike && !Await(rules.pause, trial.News()))) {
+            return;  // asked again when the host is back
         }
     }
-    return true;
+    trial.MarkJudged(isAlike);
+    if (isAlike) {
+        Z_LOG(3, "Version %s fails \"%s\" as %s did, so it is not that version's fault", state.confirmed.version,
+              check->name, state.last->version.version);
+        Node().TellChange();
+    }
 }
 
 bool ZNodeTrial_JudgeAction::ActionThread() {
     Trial& trial = Node().Judged();
+    const ZScopeEnd others([&trial] { trial.StopJudging(); });
     TellLast();
-    const auto version = trial.OnTrial();
-    if (!version) {
-        return true;
-    }
-    const auto operation =
-        Node().BeginOperation({.kind = ZOperationKind::Trial, .version = ToZString(version->version)});
-    operation->Start();
-    Z_LOG(2, "Version %s has to prove itself: start %u of %u", version->version, trial.State().trial->attempts,
-          trial.Settings().attempts);
-    const auto ask = [this](const HealthCheck& check, std::string& reason) { return Node().Passes(check, reason); };
-    for (auto verdict = Trial::Verdict::Wait; IsRunning();) {
-        trial.AskAll(ask);
-        verdict = IsRunning() ? trial.Judge() : Trial::Verdict::Wait;
-        if (verdict != Trial::Verdict::Wait && End(*operation, *version, verdict)) {
+    auto version = trial.OnTrial();
+    while (!version) {
+        trial.Judge();  // tells why that can't be known
+        if (!Await(trial.Asked().pause, trial.News())) {
             return true;
         }
-        operation->Tell("Trial of " + ToZString(version->version), "waiting for " + ToZString(trial.Waiting()), 0);
-        Node().TellChange();
-        if (!Await(trial.Asked().pause, trial.News())) {
-            break;
-        }
+        version = trial.OnTrial();
     }
+    if (!*version) {
+        JudgeFault();
+        return true;
+    }
+    const auto operation = Node().Begin(**version);
+    Z_LOG(2, "Version %s has to prove itself: start %u of %u", (*version)->version, trial.State().trial->attempts,
+          trial.Settings().attempts);
+    Watch(*operation, **version);
     operation->Cancel("the host ends; the version still has to prove itself");
     return true;
 }
 
-bool ZNodeTrial_JudgeAction::End(ZOperation& operation, const ZSlotVersion& version, Trial::Verdict verdict) {
+void ZNodeTrial_JudgeAction::Watch(ZOperation& operation, const ZSlotVersion& version) {
     Trial& trial = Node().Judged();
-    if (verdict == Trial::Verdict::Over) {  // a person has confirmed it
-        operation.Succeed();
-        trial.MarkTold(false);
-        return true;
+    const auto ask = [this](const HealthCheck& check, std::string& reason) { return Node().Passes(check, reason); };
+    while (IsRunning()) {
+        if (trial.Judge() != Trial::Verdict::GoBack) {  // it is leaving, or a person has said so
+            trial.AskAll(ask);
+        }
+        const auto verdict = IsRunning() ? trial.Judge() : Trial::Verdict::Wait;
+        if (verdict == Trial::Verdict::Over) {
+            TellEnd(operation, version);
+            return;
+        }
+        auto pause = std::chrono::milliseconds(trial.Asked().pause);
+        if (verdict == Trial::Verdict::Confirm) {
+            Confirm(version);
+            pause = {};
+        } else if (verdict == Trial::Verdict::GoBack && Leave(operation, version)) {
+            pause = kRestartPatience;
+        } else {
+            operation.Tell("Trial of " + ToZString(version.version), "waiting for " + ToZString(trial.Waiting()), 0);
+        }
+        Node().TellChange();
+        if (!Await(pause, trial.News())) {
+            return;
+        }
     }
-    const bool isGood = verdict == Trial::Verdict::Confirm;
-    const auto [reason, check] = isGood ? std::pair<std::string, std::string>() : trial.Complaint();
-    const auto done = isGood ? trial.Confirm("all its checks held") : trial.GoBack(reason, check);
-    if (!done) {
-        // It goes on: what is in the way may go away, and a version that stays up serves better than none.
-        trial.SetProblem((isGood ? "it can't be confirmed: " : "it failed (" + reason + "), but ") + done.error().text);
-        Z_LOG(4, "Version %s: %s", version.version, done.error().text);
+}
+
+void ZNodeTrial_JudgeAction::Confirm(const ZSlotVersion& version) {
+    if (const auto done = Node().Judged().Confirm("all its checks held"); !done) {
+        Node().Judged().SetProblem("it can't be confirmed: " + done.error().text);
+        Z_LOG(4, "Version %s can't be confirmed: %s", version.version, done.error().text);
+        Await(Node().Judged().Asked().pause, Node().Judged().News());
+    }
+}
+
+void ZNodeTrial_JudgeAction::TellEnd(ZOperation& operation, const ZSlotVersion& version) {
+    const ZTrialState state = Node().Judged().State();
+    if (!state.last || !state.last->bConfirmed || !state.last->version.SameAs(version)) {
+        operation.Cancel("its trial was ended by something else");
+        return;
+    }
+    Z_LOG(2, "Version %s has proved itself: %s", version.version, state.last->reason);
+    operation.Succeed();
+    Node().Judged().MarkTold();
+    Node().TellChange();
+}
+
+/// False when the device can't leave the version now. It goes on: what is in the way may go away, and a version that
+/// stays up serves better than none.
+bool ZNodeTrial_JudgeAction::Leave(ZOperation& operation, const ZSlotVersion& version) {
+    Trial& trial = Node().Judged();
+    const ZTrialState before = trial.State();
+    const bool wasLeaving = before.trial && before.trial->stage == ZTrialStage::Reverting;
+    const auto [reason, check] = trial.Complaint();
+    const std::string why = wasLeaving ? before.trial->reason : reason;
+    if (const auto done = trial.GoBack(reason, check); !done) {
+        trial.SetProblem("it failed (" + why + "), but " + done.error().text);
+        Z_LOG(4, "Version %s failed: %s; but %s", version.version, why, done.error().text);
         return false;
     }
-    if (isGood) {
-        Z_LOG(2, "Version %s has proved itself", version.version);
-        operation.Succeed();
-        trial.MarkTold(false);
-        Node().TellChange();
-        return true;
+    Z_LOG(4, "Version %s failed, the device goes back: %s", version.version, why);
+    operation.Fail(ToZString(why + "; the device goes back to " + before.confirmed.version));
+    if (wasLeaving) {
+        trial.SetProblem("it failed (" + why + "), and the restart that brings back the version before does not come");
     }
-    Z_LOG(4, "Version %s failed, the device goes back: %s", version.version, reason);
-    operation.Fail(ToZString(reason + "; the device goes back to " + trial.State().confirmed.version));
-    Node().TellChange();
-    if (!ZPlatform::ExecuteCommand({"/bin/sh", "-c", trial.Settings().restart})) {
-        trial.SetProblem("the restart that brings back the version before could not be started; restart the device");
-    }
+    ZPlatform::ExecuteCommand({"/bin/sh", "-c", OutsideSandbox(trial.Settings().restart)});
     return true;
 }

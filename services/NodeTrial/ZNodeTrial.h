@@ -19,6 +19,8 @@ public:
     std::uint32_t m_DeadlineSeconds = 600;
     bool m_bConfirmByPerson = false;
 
+    std::vector<ZSettingError> Conflicts() const override;
+
     Z_FIELDS(
         Z_FIELD(m_BootSettings).Path().Means("The file that says how the device boots."),
         Z_FIELD(m_Manifest)
@@ -52,6 +54,7 @@ public:
     bool OnGraphCreated() override;
 
     // For the action.
+    std::shared_ptr<ZOperation> Begin(const ZSlotVersion& version);
     Trial& Judged() { return *m_trial; }
     void TellChange();
     bool Passes(const HealthCheck& check, std::string& reason);
@@ -66,6 +69,7 @@ private:
     bool Answer(const std::shared_ptr<ZMessage>& request, const ZResult<void>& done);
 
     std::unique_ptr<Trial> m_trial;
+    std::string m_bootSettings;
 };
 
 /// Watches over the trial of this boot, from its first check to its end.
@@ -76,7 +80,10 @@ public:
 
 private:
     void TellLast();
-    bool FailsHereToo(const std::string& name);
-    bool End(ZOperation& operation, const ZSlotVersion& version, Trial::Verdict verdict);
+    void JudgeFault();
+    void Watch(ZOperation& operation, const ZSlotVersion& version);
+    void Confirm(const ZSlotVersion& version);
+    void TellEnd(ZOperation& operation, const ZSlotVersion& version);
+    bool Leave(ZOperation& operation, const ZSlotVersion& version);
     ZNodeTrial& Node() const { return static_cast<ZNodeTrial&>(*m_pNode); }
 };

@@ -121,10 +121,35 @@ TEST_F(Boot, LinkLeadsToWhatStartsNext) {
     EXPECT_TRUE(stuck.error().text.starts_with("there is no way back: slot A")) << stuck.error().text;
     Write(folder / "Slots" / "A" / "version", "3.044");
     ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
-    ASSERT_TRUE(Leave(*control, *ZTrialFile(settings.state).Read()));
+    ASSERT_TRUE(Leave(settings, *control));
     EXPECT_EQ(control->Next()->slot, "A");
     Write(folder / "slot", "C");
     EXPECT_FALSE(BeginBoot(settings, *control)) << "no such slot";
+}
+
+TEST_F(Boot, WhatCouldNotBeLeftIsLeftAtTheNextStart) {
+    settings.control = "command";
+    Write(folder / "loader", "case $1 in running|next) cat " + (folder / "slot").string() + ";; *) test -e " +
+                                 (folder / "mended").string() + ";; esac\n");
+    settings.command = "sh " + (folder / "loader").string();
+    const auto control = Control();
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    Start("B");
+    ASSERT_EQ(*BeginBoot(settings, *control), ZBootAction::GoOn);
+    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    for (int boot = 0; boot < 5; ++boot) {
+        EXPECT_FALSE(Leave(settings, *control)) << "the loader does not listen";
+        Start("B");
+        ASSERT_EQ(*BeginBoot(settings, *control), ZBootAction::GoBack);
+    }
+    Write(folder / "mended", "");
+    for (std::uint32_t boot = 0; boot < ZTrialState::kMostGoneBack; ++boot) {
+        EXPECT_TRUE(Leave(settings, *control)) << "it listens, and starts the same all the same";
+        Start("B");
+        static_cast<void>(BeginBoot(settings, *control));
+    }
+    Start("B");
+    EXPECT_EQ(*BeginBoot(settings, *control), ZBootAction::GoOn) << "no circles";
 }
 
 TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
@@ -144,6 +169,11 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
     EXPECT_NE(Bytes(folder / "env").find("upgrade_available=0"), std::string::npos);
     EXPECT_NE(Bytes(folder / "env").find("slot=B"), std::string::npos);
     EXPECT_TRUE(control->FallsBack());
+    // It went back by itself, and has not kept that: it is told, so that it does not start the other one again.
+    ASSERT_TRUE(control->Activate("B", true));
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    EXPECT_EQ(control->Next()->slot, "A");
+    EXPECT_FALSE(control->Counts());
     settings.setEnvironment = "false";
     EXPECT_FALSE(Control()->Activate("A", false));
 }

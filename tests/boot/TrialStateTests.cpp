@@ -36,6 +36,7 @@ struct Device {
         int starts = 1;
         while (state.Begin(Facts()) == ZBootAction::GoBack && starts < 100) {
             active = state.confirmed.slot;
+            ++state.trial->goneBack;
             ++starts;
         }
         return starts;
@@ -69,6 +70,9 @@ TEST_F(TrialState, ProvesItselfOrUsesUpItsStarts) {
     const ZBootFacts again{.running = kNew, .next = "B", .bootId = device.state.bootId};
     EXPECT_EQ(device.state.Begin(again), ZBootAction::GoOn);
     EXPECT_EQ(device.state.trial->attempts, 1U) << "a boot counts once";
+    device.state.bOrderly = true;
+    static_cast<void>(device.state.Begin(again));
+    EXPECT_FALSE(device.state.bOrderly) << "the boot has not ended";
 
     Device good = device;
     good.state.Confirm("all its checks held", 7);
@@ -106,7 +110,6 @@ TEST_F(TrialState, FailedCheckGoesBackOnceWhateverInterruptsThat) {
     device.Install();
     device.Boot();
     device.state.Fail("measures: no signal", "measures");
-    ++device.state.trial->goneBack;
     Device cut = device;  // the power goes before the other slot was made to start next
     EXPECT_EQ(cut.Boot(), 2);
     EXPECT_EQ(cut.state.last->reason, "measures: no signal");

@@ -57,7 +57,7 @@ class Sticks(PageCase):
         browser.see("3.045 was taken back", within="[aria-labelledby=trial]")
         browser.see("it is offered again once somebody allows it", within="[aria-labelledby=refused]")
         self.assert_looks_right("a version that was taken back")
-        browser.press("Offer 3.045 again")
+        browser.press("Offer again: 3.045")
         browser.see("3.045", within="[aria-labelledby=offers]")
         browser.gone("was taken back", within="[aria-labelledby=refused]")
 

@@ -35,6 +35,7 @@ protected:
         folder.Write("slot", "B");
         record->m_PauseSeconds = 1;
         record->m_HoldSeconds = 0;
+        record->m_DeadlineSeconds = 60;
     }
     void Settings(const std::string& more) {
         const auto path = [this](const char* name) { return '"' + (folder / name).string() + '"'; };
@@ -132,6 +133,33 @@ TEST_F(TrialNode, ConfirmsNothingThatTheBootLoaderDoesNotHearOf) {
     EXPECT_TRUE(WaitUntil([this] { return Stands()->m_State == "confirmed"; })) << log.All();
 }
 
+TEST_F(TrialNode, WhatCantBeLeftIsToldAndLeftOnceItCan) {
+    folder.Write("loader", "case $1 in running|next) echo B;; *) test -e " + (folder / "mended").string() + ";; esac");
+    Settings(R"("control": "command", "command": "sh )" + (folder / "loader").string() + '"');
+    record->m_Checks = {"must measures 5 echo no signal; false"};
+    record->m_DeadlineSeconds = 1;
+    Start();
+    ASSERT_TRUE(WaitUntil([this] { return Stands()->m_Problem.starts_with("it failed (measures: no signal), but "); }))
+        << log.All();
+    EXPECT_EQ(End(), "") << "it has not ended";
+    EXPECT_FALSE(HasRestarted());
+    folder.Write("mended", "");
+    EXPECT_TRUE(WaitUntil([this] { return HasRestarted(); })) << log.All();
+    EXPECT_EQ(End(), "measures: no signal; the device goes back to 3.044.");
+}
+
+TEST_F(TrialNode, WhatCantBeKnownForAWhileEndsNoTrial) {
+    record->m_bConfirmByPerson = true;
+    Start();
+    ASSERT_TRUE(WaitUntil([this] { return Stands()->m_Waiting == "somebody who confirms it"; })) << log.All();
+    fs::rename(folder / "slot", folder / "away");
+    ASSERT_TRUE(WaitUntil([this] { return !Stands()->m_Problem.empty(); })) << log.All();
+    fs::rename(folder / "away", folder / "slot");
+    ASSERT_TRUE(WaitUntil([this] { return Stands()->m_Problem.empty(); })) << log.All();
+    EXPECT_EQ(End(), "");
+    EXPECT_EQ(Stands()->m_State, "trial");
+}
+
 TEST_F(TrialNode, VersionWhoseChecksCantBeReadProvesNothing) {
     fs::remove(folder / "Manifest.json");
     record->m_DeadlineSeconds = 1;
@@ -155,7 +183,7 @@ TEST(HealthCheck, NamesWhatIsWrongWithIt) {
     for (const auto& [text, wrong] :
          {std::pair{"may a 5 true", "it begins with \"must\" or \"should\""},
           std::pair{"must a/b 5 true", "its name is letters, digits, '-' and '_'"},
-          std::pair{"must a 0 true", "behind its name stand the seconds that it may take, 1 to 3600"},
+          std::pair{"must a 0 true", "behind its name stand the seconds that it may take, 1 to 300"},
           std::pair{"must a 5 ", "there is nothing to run"},
           std::pair{"must a 5 request 6:x", "a request is TYPE:KEYWORD, its type 1, 2 or 3"}}) {
         const auto check = HealthCheck::Parse(text);

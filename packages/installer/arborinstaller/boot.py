@@ -7,6 +7,7 @@ the first install of a boot keeps what the link said before it is turned:
     Slots/running      {"bootId": "...", "slot": "A"}; the slot is empty when the system runs from neither
 """
 
+import contextlib
 import json
 import os
 import subprocess
@@ -64,20 +65,28 @@ def ask(settings: Settings) -> None:
 
 
 def switch(slots: Slots, slot: str, settings: Settings) -> None:
-    """Makes `slot` start next: turns the link, and tells the boot loader where there is one that does not look at it.
+    """Makes `slot` start next: tells the boot loader, where there is one that does not look at the link, and turns the link.
 
-    Failure when the loader was not told; the link leads to where it led before then.
+    The link is last: what it says is so. Failure when the loader was not told; all is as before then.
     """
     before = slots.active()
+    if settings.bootCommand:
+        try:
+            _run(settings.bootCommand, "activate", slot)
+        except Failure:
+            if before is not None:
+                with contextlib.suppress(Failure):
+                    _run(settings.bootCommand, "activate", before)
+                slots.activate(before)
+            raise
     slots.activate(slot)
-    if not settings.bootCommand:
-        return
-    try:
-        _run(settings.bootCommand, "activate", slot)
-    except Failure:
-        if before is not None:
-            slots.activate(before)
-        raise
+
+
+def settle(slots: Slots, settings: Settings) -> None:
+    """Lets the loader start what the link leads to: an install that was ended may have told it only."""
+    active = slots.active()
+    if settings.bootCommand and active is not None:
+        _run(settings.bootCommand, "activate", active)
 
 
 def _run(*command: str) -> None:

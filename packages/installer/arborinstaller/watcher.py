@@ -114,6 +114,7 @@ def _run(supervision: "_Supervision", slots: Slots, plan: worker.Plan) -> Outcom
             outcome = Outcome(SUCCEEDED)
             sync_directory(slots.root)
         else:
+            boot.settle(slots, plan.conf)
             slots.discard_incomplete(slot)
     return outcome
 

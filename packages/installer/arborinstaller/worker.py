@@ -77,6 +77,8 @@ def _prepare(slots: Slots, plan: Plan, record: Record, report: Report) -> None:
                           "starts next; restart the instrument first")
         report(f"Switching back to slot {choice.running}", 0)
         boot.switch(slots, choice.running, plan.conf)
+    elif choice.running and plan.conf.bootCommand:  # the loader may know of a switch that the link does not
+        boot.switch(slots, choice.running, plan.conf)
     report(f"Preparing slot {choice.slot}", 0)
     slots.prepare(choice.slot)
     boot.remember(slots, choice)

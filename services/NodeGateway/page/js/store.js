@@ -1,6 +1,6 @@
 // The one state of the page, and how it follows the instrument: one GET tells all, events tell what changes, and whatever
 // was missed is told by the next GET. Nothing that has to last is kept here: a reload finds it at the instrument again.
-import { Problem, follow, get, send } from './ask.js';
+import { Problem, follow, get, send, takeTokenFromAddress } from './ask.js';
 import { isOpen, lastRestart, work } from './facts.js';
 import { texts } from './texts.js';
 
@@ -38,7 +38,10 @@ export function start(drawing) {
   for (const [name, holds] of [['pointerdown', true], ['pointerup', false], ['pointercancel', false]]) {
     addEventListener(name, () => hold(holds), true);
   }
-  addEventListener('hashchange', () => change({ route: location.hash }));
+  addEventListener('hashchange', () => {
+    takeTokenFromAddress();
+    change({ route: location.hash });
+  });
   change({ route: location.hash });
   live();
 }

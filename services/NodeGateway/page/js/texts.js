@@ -33,7 +33,7 @@ export const texts = {
   revert: 'Go back',
   takenBack: (version) => `${version} was taken back`,
   allow: 'Offer again',
-  allowThis: (version) => `Offer ${version} again`,
+  allowThis: (version) => `Offer again: ${version}`,
   cameBack: (reason) => `It was taken back: ${reason}. The instrument is as safe as before.`,
   policyOff: 'Packages of everybody are accepted: no trusted signers are set.',
   developerMode: 'Developer mode is on.',
