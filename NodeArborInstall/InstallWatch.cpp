@@ -75,7 +75,15 @@ bool ZNodeArborInstall_InstallAction::Work() {
             killAt = ZClock::now() + kCancelPatience;
         }
     }
-    const auto status = Reap(process, program);
+    auto status = Reap(process, program);
+    while (OutlivesItsProcess(operation)) {
+        status.reset();  // that was not how the installer ended
+        if (Node().InShutdown()) {
+            operation.LeaveOpen();
+            return true;
+        }
+        AwaitEnd(-1, process, operation, ZClock::now() + kLookAgain);
+    }
     ProgressRelay& relay = Node().Relay(true);
     relay.EndWhenRead();
     relay.WaitUntilFree();

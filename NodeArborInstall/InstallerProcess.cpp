@@ -39,11 +39,19 @@ ZResult<pid_t> StartInstallerProcess(const std::vector<std::string>& arguments, 
     return ZPlatform::StartProgram({arguments.front(), "-c", line}, {}, &started);
 }
 
+bool OutlivesItsProcess(const ZOperation& operation) {
+    const auto unit = TransientUnit::ForInstall(ToStdString(operation.Id()));
+    return unit && unit->IsActive();
+}
+
 // A unit ends by itself once its processes have, and then the one that waits for it.
 void EndInstallerProcess(const ZOperation& operation, pid_t process, int signal) {
     const auto unit = TransientUnit::ForInstall(ToStdString(operation.Id()));
     if (unit && unit->Signal(signal) && signal != SIGKILL) {
         return;
+    }
+    if (unit) {
+        unit->End();  // what did not hear of the signal must not live on
     }
     ::kill(-process, signal);
     ::kill(process, signal);

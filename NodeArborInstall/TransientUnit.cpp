@@ -58,6 +58,12 @@ bool TransientUnit::Signal(int signal) const {
                                      output, kSignalLimit);
 }
 
+bool TransientUnit::IsActive() const {
+    std::string state;  // what is not active ends with another status than 0
+    ZPlatform::ExecuteCommand("systemctl is-active " + m_name + " 2> /dev/null; :", state, kSignalLimit);
+    return state == "active" || state == "activating" || state == "deactivating" || state == "reloading";
+}
+
 void TransientUnit::End() const {
     ZPlatform::ExecuteCommand({"/bin/sh", "-c", "systemctl stop --quiet " + m_name + " 2> /dev/null || true"});
 }

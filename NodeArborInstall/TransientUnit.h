@@ -20,6 +20,8 @@ public:
 
     /// Sends a signal to all its processes. False when it does not run.
     bool Signal(int signal) const;
+    /// Whether any of its processes runs still, as far as the service manager tells.
+    bool IsActive() const;
     /// Ends it if it runs still, without waiting for that.
     void End() const;
 

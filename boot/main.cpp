@@ -125,7 +125,7 @@ int Show(const Device& device) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-    CLI::App app("Counts the starts of a version on trial, and leaves one that fails");
+    CLI::App app("Counts starts of a version on trial, and leaves one that fails", "arbor-boot");
     std::string file = ZBootSettings::kFile;
     std::string slot;
     int status = 0;

@@ -29,7 +29,7 @@ if(NOT ARBOR_MANUAL AND Python3_FOUND AND NOT ARBOR_SANITIZE AND NOT CMAKE_CROSS
     add_custom_command(OUTPUT ${ARBOR_MANUAL}/arbord.8
         COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/scripts/manpages.py ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
                 ${PROJECT_VERSION} ${ARBOR_MANUAL}
-        DEPENDS arbor_programs scripts/manpages.py scripts/settings.py host/system/graph.json packages/arborpkg/cli.py
+        DEPENDS arbor_programs arbord arborctl arbor-boot scripts/manpages.py scripts/settings.py host/system/graph.json packages/arborpkg/cli.py
         VERBATIM)
     add_custom_target(arbor_manual ALL DEPENDS ${ARBOR_MANUAL}/arbord.8)
 endif()
