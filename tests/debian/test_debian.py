@@ -191,6 +191,26 @@ class Story(unittest.TestCase):
         self.wait(lambda: self.property(unit, "ActiveState") in ("inactive", ""), "the unit ends")
         self.assertEqual(self.machine.shell("systemctl --failed --no-legend --plain"), "")
 
+    def test_5b_a_version_that_fails_is_left_by_the_host_in_its_sandbox(self) -> None:
+        settings = {"slots": str(paths.SLOTS), "runningSlotFile": "/run/arbor-boot/slot", "bootIdFile": "/run/arbor-boot/id",
+                    "restart": "touch /run/arbor-restarted"}
+        # What the host itself may not do: look into /root, write into /run.
+        checks = ["must outside 5 test -w /root", "must measures 5 echo no signal on channel 2; false"]
+        record = {"checks": checks, "pauseSeconds": 1, "holdSeconds": 1, "deadlineSeconds": 3}
+        self.machine.shell(f"echo '{json.dumps(settings)}' > /etc/arbor/boot.json; mkdir -p /run/arbor-boot\n"
+                           f"for file in version digest; do echo {NEXT} > {paths.SLOTS}/B/$file; done\n"
+                           "for slot in A B; do arbor-boot activate $slot; echo $slot | tee /run/arbor-boot/slot > /run/arbor-boot/id; "
+                           "arbor-boot start; done")
+        graph = json.loads(self.machine.shell(f"cat {paths.GRAPH}"))
+        next(node for node in graph["nodes"] if node["name"] == "Trial")["config"] = record
+        self.machine.shell(f"cat > {paths.GRAPH} <<'TEXT'\n{json.dumps(graph)}\nTEXT\nsystemctl restart arbord")
+        self.wait(lambda: self.machine.run("test", "-e", "/run/arbor-restarted", check=False).returncode == 0, "the device restarts")
+        slots = self.arborctl("slots")
+        self.assertEqual([("outside", True), ("measures", False)], [(check["name"], check["passed"]) for check in slots["checks"]])
+        self.assertEqual(self.machine.shell("cat /media/mmcblk1p3/Slots/active/version").strip(), INSTRUMENT.installed)
+        self.assertIn("measures: no signal on channel 2; the device goes back", self.jobs("trial")[0]["reason"])
+        self.machine.shell("rm /etc/arbor/boot.json /run/arbor-restarted; echo A | tee /run/arbor-boot/slot > /run/arbor-boot/id")
+
     def test_6_a_node_of_somebody_else_builds_against_the_development_package(self) -> None:
         root = self.work / "dev"
         for package in ours("arbor-install", "arbor-install-dev"):
