@@ -89,7 +89,7 @@ Result<ExitCode> Order(Session& session, const char* keyword, const json::object
 }  // namespace
 
 std::string TrialText(const json::value& slots) {
-    const std::string state = fields::Text(slots, "state", "unknown");
+    std::string state = fields::Text(slots, "state", "unknown");
     const std::string version = fields::Text(slots, "version");
     if (state == "installed") {
         return version + " is installed and starts next; it has to prove itself then";

@@ -37,7 +37,7 @@ check_page() {
 
 check_code() {
     echo "lint: static analysis"
-    python3 -B scripts/tidy.py "$build" text framework NodeArborInstall services host cli
+    python3 -B scripts/tidy.py "$build" text framework NodeArborInstall services host boot cli
 }
 
 repository ls-files --error-unmatch CMakeLists.txt > /dev/null

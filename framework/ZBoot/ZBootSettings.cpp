@@ -9,7 +9,7 @@ namespace json = boost::json;
 
 namespace {
 
-constexpr std::size_t kLargest = 64 * 1024;
+constexpr std::size_t kLargest = std::size_t{64} * 1024;
 constexpr std::int64_t kMostAttempts = 100;
 
 struct TextSetting {
@@ -68,7 +68,7 @@ ZResult<ZBootSettings> ZBootSettings::Load(const std::string& file) {
     }
     for (const auto& [key, value] : from.get_object()) {
         if (const std::string wrong = Take(settings, key, value); !wrong.empty()) {
-            return ZError(file + ": " + std::string(key) + ": " + wrong);
+            return ZError(wrong).In(std::string(key)).In(file);
         }
     }
     return settings;

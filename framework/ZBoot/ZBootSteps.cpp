@@ -105,7 +105,7 @@ ZResult<void> Leave(const ZBootSettings& settings, ZBootControl& control) {
         return state.error();
     }
     if (const auto done = control.Activate(state->confirmed.slot, false); !done) {
-        return done;
+        return done.error();
     }
     // Counted once it is so: what could not be told to the loader is tried again at the next start.
     const auto counted = file.Change([](ZTrialState& kept) {

@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 // Each generation: magic, 64 hexadecimal digits, a line feed, the state, a line feed, and zeros up to its size.
-constexpr std::size_t kGeneration = 16 * 1024;
+constexpr std::size_t kGeneration = std::size_t{16} * 1024;
 constexpr std::string_view kMagic = "arbor-trial ";
 constexpr std::size_t kDigest = 64;
 constexpr std::size_t kHead = kMagic.size() + kDigest + 1;

@@ -42,8 +42,8 @@ const char* TypeOf(const fs::path& file) {
     return nullptr;
 }
 
-/// "share/arbor-install/page" of the build or installation that this library belongs to: the first of the folders above it that
-/// has one. Not of any folder above: those may be anybody's.
+/// "share/arbor-install/page" of the build or installation that this library belongs to: the first of the folders above
+/// it that has one. Not of any folder above: those may be anybody's.
 fs::path InstalledFolder() {
     Dl_info library{};
     if (::dladdr(reinterpret_cast<const void*>(&InstalledFolder), &library) == 0) {

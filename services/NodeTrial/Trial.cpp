@@ -244,7 +244,7 @@ void Trial::SetProblem(const std::string& problem) {
 }
 
 std::shared_ptr<ZSlotsMsg> Trial::Tell() const {
-    const auto answer = Z_MAKE(ZSlotsMsg);
+    auto answer = Z_MAKE(ZSlotsMsg);
     const auto state = ZTrialFile(m_settings.state).Read();
     const Seen seen = m_seen.Copy();
     answer->m_Problem = ToZString(!state ? state.error().text : seen.blindness.empty() ? seen.problem : seen.blindness);
