@@ -55,7 +55,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::string text;
     fuzz::Must(message->Save(text, stream), "a message can be written");
     const auto again = make();
-    fuzz::Must(again->Load(text, stream), "what is written can be read");
+    fuzz::Must(again->Load(std::string_view(text), stream), "what is written can be read");
     std::string rewritten;
     again->Save(rewritten, stream);
     fuzz::Must(rewritten == text, "what is read is what was written");
