@@ -28,6 +28,11 @@ void Trial::StopJudging() {
     m_watch.reset();
 }
 
+bool Trial::IsJudged() const {
+    const std::lock_guard lock(m_controlMutex);
+    return m_watch.has_value();
+}
+
 ZResult<Trial::Look> Trial::LookNow() const {
     const std::lock_guard lock(m_controlMutex);
     const auto running = m_control->Running();

@@ -39,6 +39,7 @@ public:
     ZResult<void> Begin();
     /// Nobody judges from here on: others may.
     void StopJudging();
+    bool IsJudged() const;
     /// The version that has to prove itself, or failed to and was not left yet; none when that is no question. An error
     /// when it can't be known now.
     ZResult<std::optional<ZSlotVersion>> OnTrial() const;

@@ -184,6 +184,9 @@ bool ZNodeTrial::OnRevert(const std::shared_ptr<ZMessage>& message) {
         TellChange();
         return Answer(message, undone);
     }
+    if (!m_trial->IsJudged()) {
+        return Answer(message, ZError("nobody judges the version on trial here: arborctl slots tells why"));
+    }
     const std::string reason = "taken back by " + ToStdString(AskerOf(*message)) +
                                (request->m_Reason.empty() ? "" : ": " + ToStdString(request->m_Reason));
     m_trial->Veto(reason);

@@ -148,6 +148,16 @@ TEST_F(TrialNode, WhatCantBeLeftIsToldAndLeftOnceItCan) {
     EXPECT_EQ(End(), "measures: no signal; the device goes back to 3.044.");
 }
 
+TEST_F(TrialNode, NobodyIsToldOfAWayBackThatNobodyTakes) {
+    const auto other = ZTrialWatch::Hold((folder / "trial").string());
+    ASSERT_TRUE(other);
+    Start();
+    const auto answer =
+        cast_shared<ZGenericResponseMsg>(probe->Ask(ZEndpointType::ClientRequest, "revert", ZMakeShared<ZRevertMsg>()));
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(answer->m_bSuccess);
+}
+
 TEST_F(TrialNode, WhatCantBeKnownForAWhileEndsNoTrial) {
     record->m_bConfirmByPerson = true;
     Start();
