@@ -4,7 +4,8 @@
 
     {"trust": "/etc/arbor/trust", "trustState": "/var/lib/arbor/trust", "acceptDevelopment": false,
      "rebootCommand": ["systemctl", "reboot"], "stallSeconds": 900, "kernelCommandLine": "/proc/cmdline",
-     "runningSlotFile": "/run/arbor-boot/slot"}
+     "runningSlotFile": "/run/arbor-boot/slot", "bootCommand": "/usr/bin/arbor-boot",
+     "slotDevices": {"A": "/dev/disk/by-partlabel/rootA", "B": "/dev/disk/by-partlabel/rootB"}}
 
 Environment: ARBOR_TRUST, ARBOR_TRUST_STATE (empty: none), ARBOR_ACCEPT_DEVELOPMENT (1: true) and ARBOR_REBOOT_COMMAND (a
 command line, split like a shell splits words).
@@ -13,7 +14,7 @@ command line, split like a shell splits words).
 import json
 import os
 import shlex
-from dataclasses import dataclass, replace
+from dataclasses import dataclass, field, replace
 from typing import Any
 
 from arborinstaller.failure import Failure
@@ -33,6 +34,7 @@ class Settings:
     trustState: str = "/var/lib/arbor/trust"  # folder with the trust document that the instrument got since
     bootCommand: str = ""  # what makes a slot start next, where the link alone does not; see boot.switch
     acceptDevelopment: bool = False  # whether packages by development keys count
+    slotDevices: dict[str, str] = field(default_factory=dict)  # the slots' partitions, where they are not files
 
     def with_trust(self, folder: str) -> "Settings":
         """The same with another folder `trust`, unless it is empty."""
@@ -65,7 +67,7 @@ def _from_file(path: str) -> dict[str, Any]:
         raise Failure(f"{path}: expected an object")
     readers = {"trust": _text, "rebootCommand": _words, "stallSeconds": _seconds, "kernelCommandLine": _path,
                "runningSlotFile": _path, "trustState": _text, "acceptDevelopment": _truth,
-               "bootCommand": _path}
+               "bootCommand": _path, "slotDevices": _devices}
     for key in found.keys() - readers.keys():
         raise Failure(f"{path}: unknown key '{key}' (known: {', '.join(readers)})")
     return {key: readers[key](f"{path}: {key}", value) for key, value in found.items()}
@@ -87,6 +89,12 @@ def _path(name: str, value: Any) -> str:
     if not os.path.isabs(_text(name, value)) or "\0" in value:
         raise Failure(f"{name}: expected an absolute path")
     return value
+
+
+def _devices(name: str, value: Any) -> dict[str, str]:
+    if not isinstance(value, dict) or sorted(value) != ["A", "B"]:
+        raise Failure(f"{name}: expected an object with the partitions of A and B")
+    return {slot: _path(f"{name}.{slot}", value[slot]) for slot in value}
 
 
 def _words(name: str, value: Any) -> tuple[str, ...]:

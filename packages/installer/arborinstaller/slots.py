@@ -9,9 +9,14 @@
 A slot is complete when its version and digest stand beside the image; they are removed before the image is
 touched and written when it is known to be good. The slot that `active` leads to is never written to, so the
 instrument can start at any moment.
+
+Where the boot loader starts partitions and not files, each slot has one (the setting slotDevices): the image is
+written there instead, and the rest is the same.
 """
 
 import os
+import stat
+from typing import Mapping
 
 from arborinstaller.failure import Failure
 from arborinstaller.files import remove_if_there, replacing, sync_directory
@@ -26,12 +31,13 @@ _NEW_LINK = ".active.new"
 class Slots:
     """The slots of the storage whose packages lie in one directory; they stand beside that directory."""
 
-    def __init__(self, packages_directory: str) -> None:
-        """Failure when `packages_directory` is no directory. Creates nothing."""
+    def __init__(self, packages_directory: str, devices: Mapping[str, str] | None = None) -> None:
+        """Failure when `packages_directory` is no directory. `devices` has a partition for each slot, or nothing. Creates nothing."""
         packages = os.path.realpath(packages_directory)
         if not os.path.isdir(packages):
             raise Failure(f"the packages directory {packages_directory} does not exist")
         self.root = os.path.join(os.path.dirname(packages), "Slots")
+        self._devices = devices or {}
 
     def exist(self) -> bool:
         """Whether anything has been installed, or begun, on this storage."""
@@ -45,7 +51,14 @@ class Slots:
 
     def image(self, slot: str) -> str:
         """The path of the image of `slot`."""
-        return os.path.join(self.root, slot, IMAGE)
+        return self._devices.get(slot) or os.path.join(self.root, slot, IMAGE)
+
+    def open_for_writing(self, slot: str) -> int:
+        """A descriptor for the image of a slot that was prepared. A partition is not opened while anybody has it mounted."""
+        path = self.image(slot)
+        if self._devices:
+            return os.open(path, os.O_WRONLY | os.O_EXCL | os.O_CLOEXEC)
+        return os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o644)
 
     def active(self) -> str | None:
         """The slot the instrument starts from next; None before the first install."""
@@ -66,16 +79,32 @@ class Slots:
 
     def complete(self, slot: str) -> bool:
         """Whether `slot` holds a version as a whole."""
-        return all(os.path.exists(os.path.join(self.root, slot, name)) for name in (IMAGE, DIGEST, VERSION))
+        named = (os.path.join(self.root, slot, name) for name in (DIGEST, VERSION))
+        return all(os.path.exists(path) for path in (self.image(slot), *named))
 
     def check_space(self, slot: str, size: int) -> None:
         """Failure when an image of `size` bytes does not fit once the old image of `slot` is gone."""
+        if self._devices:
+            self._check_devices(slot, size)
+            return
         where = self.root if self.exist() else os.path.dirname(self.root)
         state = os.statvfs(where)
         old = self.image(slot)
         free = state.f_bavail * state.f_frsize + (os.stat(old).st_blocks * 512 if os.path.exists(old) else 0)
         if free < size:
             raise Failure(f"not enough space in {where}: the image takes {size} bytes, {free} are free")
+
+    def _check_devices(self, slot: str, size: int) -> None:
+        found = {name: os.stat(path) for name, path in self._devices.items()}
+        for name, state in found.items():
+            if not stat.S_ISBLK(state.st_mode):
+                raise Failure(f"{self._devices[name]}, the partition of slot {name}, is not a block device")
+        if found["A"].st_rdev == found["B"].st_rdev:
+            raise Failure(f"{self._devices['A']} and {self._devices['B']} are one partition, so there would be no way back")
+        with open(self._devices[slot], "rb", buffering=0) as device:
+            space = device.seek(0, os.SEEK_END)
+        if space < size:
+            raise Failure(f"{self._devices[slot]} is too small: the image takes {size} bytes, it has {space}")
 
     def prepare(self, slot: str) -> None:
         """Empties `slot` for a new image. The link must not lead there."""
@@ -108,7 +137,8 @@ class Slots:
             raise Failure(f"slot {slot} is in use")
         folder = os.path.join(self.root, slot)
         # The version goes first and durably: without it nobody takes a half-removed image for a whole one.
-        for names in ((VERSION, DIGEST), (IMAGE, f".{VERSION}.partial", f".{DIGEST}.partial")):
+        image = () if self._devices else (IMAGE,)
+        for names in ((VERSION, DIGEST), (*image, f".{VERSION}.partial", f".{DIGEST}.partial")):
             for name in names:
                 remove_if_there(os.path.join(folder, name))
             sync_directory(folder)

@@ -80,7 +80,7 @@ def _last_word(header: str, outcome: Outcome, options: Options) -> Document:
 def _install(package: Package, options: Options, conf: settings.Settings, sink: ProgressSink,
              cancelled: int) -> Outcome:
     """Installs, or tries to, under the storage's lock; the record tells how that ended, unless it was a dry run."""
-    slots = Slots(options.packages)
+    slots = Slots(options.packages, conf.slotDevices)
     if not options.dry_run:
         slots.create()
     supervision = _Supervision(package, sink, conf.stallSeconds, cancelled)

@@ -87,7 +87,7 @@ def _prepare(slots: Slots, plan: Plan, record: Record, report: Report) -> None:
 
 def _install(package: Package, slots: Slots, plan: Plan, report: Report) -> None:
     expected, slot = package.header.payload, plan.choice.slot
-    _write_image(package, slots.image(slot), report)
+    _write_image(package, slots.open_for_writing(slot), report)
     _check_image(slots.image(slot), expected.size, expected.sha256, report)
     report(f"Completing slot {slot}", _CHECKED)
     slots.seal(slot, package.header.version, expected.sha256)
@@ -95,11 +95,11 @@ def _install(package: Package, slots: Slots, plan: Plan, report: Report) -> None
     boot.switch(slots, slot, plan.conf)
 
 
-def _write_image(package: Package, path: str, report: Report) -> None:
+def _write_image(package: Package, descriptor: int, report: Report) -> None:
     expected = package.header.payload
     digest = hashlib.sha256()
     unflushed = 0
-    with open(path, "xb", buffering=0) as image:
+    with open(descriptor, "wb", buffering=0) as image:
         for chunk in _counted(package.payload(), expected.size, "Writing the image", (0, _WRITTEN), report):
             digest.update(chunk)
             _write_all(image.fileno(), chunk)
@@ -123,7 +123,7 @@ def _check_image(path: str, size: int, sha256: str, report: Report) -> None:
     digest = hashlib.sha256()
     with open(path, "rb", buffering=0) as image:
         os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
-        pieces = iter(lambda: image.read(CHUNK), b"")
+        pieces = iter(lambda: image.read(min(CHUNK, size - image.tell())), b"")  # a partition goes on behind it
         for chunk in _counted(pieces, size, "Checking the image", (_WRITTEN, _CHECKED), report):
             digest.update(chunk)
     trust.compare_digests(digest.hexdigest(), sha256, f"{path}: the storage does not hold what was written")

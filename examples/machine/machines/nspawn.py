@@ -1,0 +1,78 @@
+"""A system in a container that starts like a machine: with its own service manager, names, processes and network."""
+
+import os
+import signal
+import subprocess
+from pathlib import Path
+from typing import Sequence
+
+COMMAND_SECONDS = 180.0
+REBOOTS = 133
+"""How the container manager ends when the system inside asked for a restart; 0 when it switched itself off."""
+
+
+class Box:
+    """One start of a system from a folder. Its end is seen in `ended`; who makes it has to see to that end."""
+
+    def __init__(self, root: Path, console: Path, binds: Sequence[str] = (), groups: Sequence[Path] = (), init: str = "") -> None:
+        """`binds` are options of the container manager; `groups` are groups of processes to start in, which it makes the container's own;
+        `init` is a program of the system to start instead of the service manager."""
+        with open(console, "ab") as output:
+            self._nspawn = subprocess.Popen(
+                ["sh", "-euc", 'for group; do shift; [ "$group" = -- ] && break; echo $$ > "$group/cgroup.procs"; done; exec "$@"', "sh", *groups, "--",
+                 "setpriv", "--pdeathsig", "TERM", "systemd-nspawn", "--quiet", "--directory", root, "--register=no", "--keep-unit",
+                 "--private-network", "--console=pipe", "--machine=instrument", "--kill-signal=SIGRTMIN+3", *binds, *([init] if init else ["--boot"])],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True)
+        self._leader = 0
+
+    @property
+    def ended(self) -> int | None:
+        """The status that the container manager ended with; None while it runs."""
+        return self._nspawn.poll()
+
+    def state(self) -> str:
+        """What the service manager inside says of itself, such as "running"; empty while there is none."""
+        children = Path(f"/proc/{self._nspawn.pid}/task/{self._nspawn.pid}/children")
+        try:
+            self._leader = int(children.read_text(encoding="ascii").split()[0])
+        except (OSError, IndexError):
+            self._leader = 0
+            return ""
+        return self.run("systemctl", "is-system-running").stdout.strip()
+
+    def run(self, *words: object) -> subprocess.CompletedProcess[str]:
+        """Runs a command inside, as root, and waits for its end."""
+        return subprocess.run([*self._enter(), "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
+                               "DEBIAN_FRONTEND=noninteractive", *(str(word) for word in words)],
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace", timeout=COMMAND_SECONDS, check=False)
+
+    def put(self, source: Path, target: str) -> None:
+        """Copies a file or folder to a place inside, also to one that is mounted there."""
+        place = Path(target)
+        renamed = "" if source.name == place.name else ' && mv -T "$1/$2" "$1/$3"'
+        with subprocess.Popen(["tar", "-C", source.parent, "-c", source.name], stdout=subprocess.PIPE) as tar:
+            subprocess.run([*self._enter(), "sh", "-euc", f'mkdir -p "$1" && tar -C "$1" -x --no-same-owner{renamed}', "sh", str(place.parent), source.name,
+                            place.name], stdin=tar.stdout, check=True)
+
+    def switch_off(self) -> None:
+        """Asks the system to end, and ends it when it does not."""
+        self._nspawn.terminate()
+        try:
+            self._nspawn.wait(30)
+        except subprocess.TimeoutExpired:
+            self.cut()
+
+    def cut(self) -> None:
+        """Ends all of its processes at once."""
+        if self._leader and self.ended is None:
+            try:
+                os.kill(self._leader, signal.SIGKILL)
+                self._nspawn.wait(10)
+            except (ProcessLookupError, subprocess.TimeoutExpired):
+                pass
+        if self.ended is None:
+            self._nspawn.kill()
+        self._nspawn.wait()
+
+    def _enter(self) -> list[str]:
+        return ["nsenter", "--target", str(self._leader), "--all", "--wdns=/"]
