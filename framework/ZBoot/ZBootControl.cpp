@@ -50,6 +50,20 @@ ZResult<void> RunOnly(const std::string& command) {
     return done ? ZResult<void>() : done.error();
 }
 
+fs::path LinkOf(const fs::path& slots) {
+    return slots / "active";
+}
+
+/// The slot that the link leads to.
+ZResult<Answer> LinkedSlot(const fs::path& slots) {
+    std::error_code error;
+    const fs::path target = fs::read_symlink(LinkOf(slots), error);
+    if (error) {
+        return ZError(LinkOf(slots).string() + ": " + error.message());
+    }
+    return Answer{(target.filename().empty() ? target.parent_path() : target).filename().string()};
+}
+
 bool SyncFolder(const fs::path& folder) {
     const ZFileDescriptor descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return descriptor && ::fsync(descriptor.Get()) == 0;
@@ -61,29 +75,10 @@ public:
     using ZBootControl::ZBootControl;
 
     ZResult<ZSlotVersion> Next() const override {
-        std::error_code error;
-        const fs::path target = fs::read_symlink(Link(), error);
-        return error ? ZResult<ZSlotVersion>(ZError(Link().string() + ": " + error.message()))
-                     : Named(Link().string(), target.filename().empty() ? target.parent_path().filename().string()
-                                                                        : target.filename().string());
+        const auto slot = LinkedSlot(Settings().slots);
+        return slot ? Named(LinkOf(Settings().slots).string(), slot->text) : slot.error();
     }
-
-    ZResult<void> Activate(const std::string& slot, bool /*onTrial*/) override {
-        const fs::path fresh = fs::path(Settings().slots) / ".active.new";
-        std::error_code error;
-        fs::remove(fresh, error);
-        fs::create_symlink(slot, fresh, error);
-        if (!error) {
-            fs::rename(fresh, Link(), error);
-        }
-        if (error) {
-            return ZError(Link().string() + ": " + error.message());
-        }
-        return SyncFolder(Settings().slots) ? ZResult<void>() : ZError::OfSystem(Settings().slots, errno);
-    }
-
-private:
-    fs::path Link() const { return fs::path(Settings().slots) / "active"; }
+    ZResult<void> Activate(const std::string& slot, bool /*onTrial*/) override { return TurnLink(slot); }
 };
 
 /// Variables that the boot loader reads: the slot, "upgrade_available" while its starts are counted, "bootcount".
@@ -172,6 +167,25 @@ ZResult<ZSlotVersion> ZBootControl::Named(const std::string& source, const std::
         return ZError(source + " names '" + slot.substr(0, 40) + "' as a slot, not A or B");
     }
     return At(slot);
+}
+
+ZResult<void> ZBootControl::TurnLink(const std::string& slot) const {
+    const fs::path link = LinkOf(m_settings.slots);
+    const auto before = LinkedSlot(m_settings.slots);
+    if (before && before->text == slot) {
+        return {};
+    }
+    const fs::path fresh = fs::path(m_settings.slots) / ".active.new";
+    std::error_code error;
+    fs::remove(fresh, error);
+    fs::create_symlink(slot, fresh, error);
+    if (!error) {
+        fs::rename(fresh, link, error);
+    }
+    if (error) {
+        return ZError(link.string() + ": " + error.message());
+    }
+    return SyncFolder(m_settings.slots) ? ZResult<void>() : ZError::OfSystem(m_settings.slots, errno);
 }
 
 std::vector<ZSlotVersion> ZBootControl::Slots() const {

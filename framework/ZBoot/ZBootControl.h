@@ -35,6 +35,10 @@ public:
     /// Whether it counts now.
     virtual bool Counts() const { return false; }
 
+    /// Has the link "active" beside the slots lead to `slot`: whoever asks what starts next, and knows nothing of boot
+    /// loaders, looks there.
+    ZResult<void> TurnLink(const std::string& slot) const;
+
     /// The slots that hold anything, in order, and what stands in each as far as it is known.
     std::vector<ZSlotVersion> Slots() const;
     ZSlotVersion At(const std::string& slot) const;

@@ -67,6 +67,12 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
             return agreed.error();
         }
     }
+    // A loader that went back by itself, or an install that was cut behind its word to the loader, has left it behind.
+    if (const auto meant = control.Next(); meant) {
+        if (const auto turned = control.TurnLink(meant->slot); !turned) {
+            return turned.error();
+        }
+    }
     return action;
 }
 
@@ -105,6 +111,9 @@ ZResult<void> Leave(const ZBootSettings& settings, ZBootControl& control) {
         return state.error();
     }
     if (const auto done = control.Activate(state->confirmed.slot, false); !done) {
+        return done.error();
+    }
+    if (const auto done = control.TurnLink(state->confirmed.slot); !done) {
         return done.error();
     }
     // Counted once it is so: what could not be told to the loader is tried again at the next start.

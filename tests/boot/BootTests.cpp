@@ -170,10 +170,21 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
     EXPECT_NE(Bytes(folder / "env").find("slot=B"), std::string::npos);
     EXPECT_TRUE(control->FallsBack());
     // It went back by itself, and has not kept that: it is told, so that it does not start the other one again.
+    const fs::path link = folder / "Slots" / "active";
     ASSERT_TRUE(control->Activate("B", true));
+    ASSERT_TRUE(control->TurnLink("B"));
     ASSERT_TRUE(BeginBoot(settings, *control));
     EXPECT_EQ(control->Next()->slot, "A");
     EXPECT_FALSE(control->Counts());
+    EXPECT_EQ(fs::read_symlink(link), "A") << "whoever looks there is told the same";
+    // The power went between the installer's word to the loader and the link.
+    ASSERT_TRUE(control->Activate("B", true));
+    Start("B");
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    EXPECT_EQ(fs::read_symlink(link), "B");
+    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    ASSERT_TRUE(Leave(settings, *control));
+    EXPECT_EQ(fs::read_symlink(link), "A");
     settings.setEnvironment = "false";
     EXPECT_FALSE(Control()->Activate("A", false));
 }

@@ -9,7 +9,7 @@ from . import debian
 # In the order in which they are loaded; each with what it depends on before it.
 _EARLY = ("virtio_pci", "virtio_blk", "ext4", "crc32c_generic", "loop", "squashfs", "overlay")
 _LATER = ("virtio_net", "virtio_rng", "vfat", "nls_ascii", "nls_cp437", "nls_utf8", "usb-storage", "sd_mod", "xhci-pci", "sdhci-pci", "sdhci",
-          "mmc_block", "i6300esb", "autofs4", "ipv6", "fuse", "rtc-pl031")
+          "mmc_block", "i6300esb", "autofs4", "binfmt_misc", "ipv6", "fuse", "rtc-pl031")
 # The slot's partition holds a file system with the system's root, compressed, and what this version lays over it. Neither is ever
 # written to: what changes while the system runs is in memory, and what is to stay is on the data partition.
 _INIT = """#!/bin/busybox sh

@@ -56,7 +56,8 @@ class Emulated(Machine):
              "-drive", f"if=none,id=disk,file={work}/disk.img,format=raw,cache=writeback", "-device", "virtio-blk-pci,drive=disk",
              "-drive", f"if=none,id=card,file={work}/card.img,format=raw,cache=writeback",
              # The board's own memory comes first, so that the card is the second, /dev/mmcblk1.
-             "-drive", f"if=none,id=none,file={work}/none.img,format=raw", "-device", "sdhci-pci,id=c0", "-device", "sd-card,drive=none,bus=sd-bus",
+             "-drive", f"if=none,id=none,file={work}/none.img,format=raw", "-device", "sdhci-pci", "-device", "sd-card,drive=none",
+             "-device", "sdhci-pci", "-device", "sd-card,drive=card",
              "-device", "virtio-rng-pci", "-device", "qemu-xhci,id=usb", "-device", "i6300esb", "-action", "watchdog=reset",
              "-chardev", f"socket,id=console,path={work}/console,server=on,wait=off", "-serial", "chardev:console",
              "-qmp", f"unix:{work}/monitor,server=on,wait=off", "-S"],
@@ -93,7 +94,8 @@ class Emulated(Machine):
         if self._stick:
             self._monitor.ask("device_del", {"id": f"{self._stick}-device"})
             self._monitor.wait_event("DEVICE_DELETED")
-            self._monitor.ask("blockdev-del", {"node-name": self._stick})
+            monitor, stick = self._monitor, self._stick
+            self.wait(lambda: monitor.ask("blockdev-del", {"node-name": stick}) is not None, "the emulator lets the stick go")
             self._stick = ""
 
     def cut(self) -> None:

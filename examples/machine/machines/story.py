@@ -79,6 +79,7 @@ def whole(machine: Machine, factory: Factory) -> None:
     update(machine, factory, BLIND)
     outcome(machine, BLIND, "reverted")
     shown(machine, "arborctl slots")
+    check(asked(machine, "status")["nextVersion"] == GOOD, f"{GOOD} runs, and starts next")
     check([start.slot for start in machine.starts[before:]] == ["A", "B"], f"the machine has come back to {GOOD} by itself")
     machine.wait(lambda: asked(machine, "updates") is not None and BLIND not in offered(machine), f"{BLIND} is not offered")
     check(BLIND not in offered(machine), f"{BLIND} is not offered again, though the stick is in")
