@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what building, testing and demonstrating the project needs, from the distribution's packages; with --packages also
-# what making and trying out packages of it needs. Safe to run again: it returns at once when everything is there.
+# what making and trying out packages of it needs, with --machine what the emulated machine needs. Safe to run again: it returns at once when everything is there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -13,7 +13,8 @@ packages=(
     chromium
     avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
 )
-package_tools=(debhelper dpkg-dev lintian mandoc man-db debootstrap systemd-container)
+package_tools=(debhelper dpkg-dev lintian mandoc man-db debootstrap systemd-container squashfs-tools u-boot-tools e2fsprogs)
+machine_tools=(qemu-system-arm qemu-user-static u-boot-qemu mmdebstrap debian-archive-keyring dosfstools mtools kmod cpio fdisk squashfs-tools u-boot-tools)
 # The simulated devices start services of their own; the machine is not to run what the packages bring.
 declare -A units=([avahi-daemon]="avahi-daemon.service avahi-daemon.socket" [openssh-server]="ssh.service ssh.socket")
 policy=/usr/sbin/policy-rc.d
@@ -107,7 +108,8 @@ main() {
     command -v apt-get >/dev/null || { echo "setup: this needs a Debian system (apt-get was not found)" >&2; exit 1; }
     case ${1:-} in
         --packages) packages+=("${package_tools[@]}") ;;
-        ?*) echo "setup: there is no '$1'; it takes --packages" >&2; exit 2 ;;
+        --machine) packages+=("${machine_tools[@]}") ;;
+        ?*) echo "setup: there is no '$1'; it takes --packages or --machine" >&2; exit 2 ;;
     esac
     mapfile -t missing < <(missing_packages; missing_node)
     if [ "${#missing[@]}" -gt 0 ]; then

@@ -1,27 +1,25 @@
 """A bare Debian system that boots with the real service manager, as a container that is thrown away.
 
-What it is made from is kept below build/debian and made anew when the packages need something else. Each run works on a layer above
-it, so that it begins as a system does that never saw the packages.
+Each run works on a layer above the system that it is made from, so that it begins as a system does that never saw the packages.
 """
 
 import fcntl
-import hashlib
 import os
-import re
 import shutil
 import subprocess
+import sys
 import tempfile
 import time
 from pathlib import Path
 
-PROJECT = Path(__file__).resolve().parents[2]
-CACHE = PROJECT / "build/debian"
-PACKAGES = PROJECT / "build/packages"
-SUITE = "bookworm"
-# What every Debian system with a service manager has, and what the tests look with.
-ALWAYS = ("systemd", "systemd-sysv", "dbus", "udev", "procps", "mount")
+sys.path[:0] = [str(Path(__file__).resolve().parents[2] / "examples/machine")]
+from machines import debian  # noqa: E402
+from machines.debian import CACHE, fields  # noqa: E402,F401
+from machines.machine import MachineError  # noqa: E402
+from machines.nspawn import Box  # noqa: E402
+
+PACKAGES = debian.packages()
 BOOT_SECONDS = 60.0
-COMMAND_SECONDS = 180.0
 # The service manager of the machine may bound what its units use.
 INIT = """#!/bin/sh
 for controller in memory pids; do
@@ -31,64 +29,12 @@ exec /lib/systemd/systemd
 """
 
 
-class MachineError(Exception):
-    """The machine can't be made or does not do what it is told; the text says why."""
-
-
-def fields(package: Path, *names: str) -> list[str]:
-    """Fields of a package file, in the order in which they are asked for."""
-    return [subprocess.run(["dpkg-deb", "-f", package, name], check=True, capture_output=True, text=True).stdout.strip() for name in names]
-
-
-def needed() -> list[str]:
-    """The names of the packages that ours depend on; of alternatives the first that is a package."""
-    own = {fields(package, "Package")[0] for package in PACKAGES.glob("*.deb")}
-    found = set(ALWAYS)
-    for package in PACKAGES.glob("*.deb"):
-        if "-dev" in package.name:
-            continue
-        for clause in fields(package, "Depends")[0].split(","):
-            name = re.split(r"[ (:|]", clause.strip())[0]
-            found.add("dbus" if name == "default-dbus-system-bus" else name)
-    return sorted(found - own - {"libc6", "libgcc-s1"})
-
-
-def logged(*words: object) -> None:
-    """Runs a command whose output goes into a file, for when it fails."""
-    command = [str(word) for word in words]
-    log = CACHE / "making.log"
-    with open(log, "wb") as output:
-        done = subprocess.run(command, env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"}, stdin=subprocess.DEVNULL, stdout=output,
-                              stderr=output, check=False)
-    if done.returncode != 0:
-        raise MachineError(f"{' '.join(command)} ended with {done.returncode}:\n{log.read_text(errors='replace')[-3000:]}")
-
-
-def base() -> Path:
-    """The system that the machine boots from."""
-    packages = needed()
-    folder = CACHE / f"base-{hashlib.sha256(' '.join([SUITE, *packages]).encode()).hexdigest()[:16]}"
-    if folder.is_dir():
-        return folder
-    making = CACHE / "making"
-    for old in (making, *CACHE.glob("base-*")):
-        shutil.rmtree(old, ignore_errors=True)
-    print(f"debian: making a root with {', '.join(packages)}", flush=True)
-    logged("debootstrap", "--variant=minbase", f"--include={','.join(ALWAYS)}", SUITE, making)
-    # Where packages come from is this machine's affair; who installs ours below needs none of it.
-    logged("chroot", making, "apt-get", "install", "-y", "--no-install-recommends", *packages)
-    logged("chroot", making, "apt-get", "clean")
-    making.rename(folder)
-    return folder
-
-
 class Machine:
     """The machine while it runs. Use it as a context manager."""
 
     def __init__(self) -> None:
         self._work = Path()
-        self._nspawn: subprocess.Popen[bytes] | None = None
-        self._leader = 0
+        self._box: Box | None = None
         self._groups: list[Path] = []
 
     @property
@@ -105,7 +51,7 @@ class Machine:
         for left in CACHE.glob("machine-*"):  # by one that was killed
             subprocess.run(["umount", "--quiet", left / "root"], check=False)
             shutil.rmtree(left, ignore_errors=True)
-        system = base()
+        system = debian.base()
         self._work = Path(tempfile.mkdtemp(prefix="machine-", dir=CACHE))
         try:
             self._boot(system)
@@ -115,13 +61,8 @@ class Machine:
         return self
 
     def __exit__(self, *_: object) -> None:
-        if self._nspawn:
-            self._nspawn.terminate()  # asks it to switch off
-            try:
-                self._nspawn.wait(30)
-            except subprocess.TimeoutExpired:
-                self._nspawn.kill()
-                self._nspawn.wait()
+        if self._box:
+            self._box.switch_off()
         subprocess.run(["umount", "--quiet", self.root], check=False)
         for group in self._groups:
             subprocess.run(["find", group, "-depth", "-type", "d", "-exec", "rmdir", "{}", ";"], stderr=subprocess.DEVNULL, check=False)
@@ -139,18 +80,10 @@ class Machine:
         init = self.root / "machine-init"
         init.write_text(INIT, encoding="ascii")
         init.chmod(0o755)
-        groups = self._make_groups()
-        with open(self.console, "wb") as console:
-            self._nspawn = subprocess.Popen(
-                # Into the groups, which it makes the machine's own.
-                ["sh", "-euc", 'for group; do shift; [ "$group" = -- ] && break; echo $$ > "$group/cgroup.procs"; done; exec "$@"', "sh",
-                 *groups, "--", "setpriv", "--pdeathsig", "TERM", "systemd-nspawn", "--quiet", "--directory", self.root, "--register=no", "--keep-unit", "--private-network",
-                 "--console=pipe", f"--bind-ro={PACKAGES}:/packages", "--machine=instrument", "--kill-signal=SIGRTMIN+3",
-                 "/machine-init"],
-                stdin=subprocess.DEVNULL, stdout=console, stderr=console, start_new_session=True)
+        self._box = Box(self.root, self.console, [f"--bind-ro={PACKAGES}:/packages"], self._make_groups(), "/machine-init")
         deadline = time.monotonic() + BOOT_SECONDS
-        while self._state() not in ("running", "degraded"):
-            if self._nspawn.poll() is not None or time.monotonic() > deadline:
+        while self._box.state() not in ("running", "degraded"):
+            if self._box.ended is not None or time.monotonic() > deadline:
                 raise MachineError("the machine did not start; can namespaces be made here?\n" + self.console.read_text(errors="replace")[-3000:])
             time.sleep(0.1)
 
@@ -170,24 +103,12 @@ class Machine:
         """What it says on its console."""
         return self._work / "console"
 
-    def _state(self) -> str:
-        assert self._nspawn
-        children = Path(f"/proc/{self._nspawn.pid}/task/{self._nspawn.pid}/children")
-        try:
-            self._leader = int(children.read_text(encoding="ascii").split()[0])
-        except (OSError, IndexError):
-            return ""
-        return self.run("systemctl", "is-system-running", check=False).stdout.strip()
-
     def run(self, *words: object, check: bool = True) -> subprocess.CompletedProcess[str]:
         """Runs a command inside, as root, and waits for its end."""
-        command = [str(word) for word in words]
-        done = subprocess.run(["nsenter", "--target", str(self._leader), "--all", "--wdns=/", "env", "-i",
-                               "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
-                               "DEBIAN_FRONTEND=noninteractive", *command],
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=COMMAND_SECONDS, check=False)
+        assert self._box
+        done = self._box.run(*words)
         if check and done.returncode != 0:
-            raise MachineError(f"{' '.join(command)} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+            raise MachineError(f"{' '.join(str(word) for word in words)} ended with {done.returncode}:\n{done.stdout}{done.stderr}")
         return done
 
     def shell(self, script: str) -> str:
@@ -196,9 +117,5 @@ class Machine:
 
     def put(self, source: Path, target: str) -> None:
         """Copies a file or folder to a place inside, also to one that is mounted there."""
-        tar = subprocess.run(["tar", "-C", source.parent, "-c", source.name], check=True, capture_output=True)
-        place = Path(target)
-        subprocess.run(["nsenter", "--target", str(self._leader), "--all", "--wdns=/", "sh", "-euc",
-                        'mkdir -p "$1" && tar -C "$1" -x --no-same-owner && mv -T "$1/$2" "$1/$3"' if source.name != place.name else
-                        'mkdir -p "$1" && tar -C "$1" -x --no-same-owner', "sh", str(place.parent), source.name, place.name],
-                       input=tar.stdout, check=True)
+        assert self._box
+        self._box.put(source, target)

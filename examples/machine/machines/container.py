@@ -3,15 +3,16 @@
 It has no kernel and no disk of its own: a power cut ends its processes, and what they gave the kernel is kept.
 """
 
+import contextlib
+import hashlib
 import shutil
 import subprocess
-import tempfile
 import threading
 import time
 from pathlib import Path
 from typing import Sequence
 
-from .debian import CACHE
+from . import debian
 from .image import DATA, Factory
 from .machine import Answer, Machine, MachineError, Start
 from .nspawn import Box
@@ -26,7 +27,8 @@ class Container(Machine):
 
     def __init__(self, factory: Factory) -> None:
         super().__init__()
-        self._work = Path(tempfile.mkdtemp(prefix="container-", dir=CACHE))
+        self._place = contextlib.ExitStack()
+        self._work = self._place.enter_context(debian.workplace("container"))
         for name in ("slot", "system", "changes", "root", "told"):
             (self._work / name).mkdir()
         self._data = self._work / "data"
@@ -66,6 +68,10 @@ class Container(Machine):
         if self.run(f"mountpoint -q {_STICK}").status == 0:
             self._inside(f"umount --lazy {_STICK}")
 
+    def digest(self, slot: str, size: int) -> str:
+        with open(self._data / "Slots" / slot / "system.img", "rb") as file:
+            return hashlib.sha256(file.read(size)).hexdigest()
+
     def cut(self) -> None:
         self._powered = False
         if self._box:
@@ -77,7 +83,7 @@ class Container(Machine):
         if self._box:
             self._box.switch_off()
         self._join()
-        shutil.rmtree(self._work, ignore_errors=True)
+        self._place.close()
 
     def said(self) -> str:
         console = self._work / "console"
@@ -107,7 +113,7 @@ class Container(Machine):
                 (self._work / "told/slot").write_text(f"{start.slot}\n", encoding="ascii")
                 self.starts.append(start)
                 self._box = Box(self._work / "root", self._work / "console",
-                                [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}", "--setenv=container=instrument"])
+                                [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}"])
                 while self._box.ended is None:
                     time.sleep(0.02)
                 if self._box.ended == 0:  # switched off

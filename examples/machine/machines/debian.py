@@ -3,15 +3,19 @@
 A base is what a device has that never saw our packages; a tree is a base with them.
 """
 
+import contextlib
 import fcntl
 import hashlib
 import os
 import re
 import shutil
 import subprocess
+import tempfile
 import time
 from pathlib import Path
-from typing import Callable
+from typing import Callable, Iterator
+
+from .machine import MachineError
 
 PROJECT = Path(__file__).resolve().parents[3]
 CACHE = PROJECT / "build/debian"
@@ -22,10 +26,6 @@ ALWAYS = ("systemd", "systemd-sysv", "dbus", "udev", "procps", "mount", "libuboo
 # What a device has that is a machine, and no container.
 ON_MACHINE = ("kmod", "iproute2", "iputils-ping", "openssh-server", "rsync", "avahi-daemon", "libnss-mdns")
 _FOREIGN = PROJECT / "examples/machine/foreign"
-
-
-class DebianError(Exception):
-    """A system can't be made; the text says why."""
 
 
 def packages(architecture: str = NATIVE) -> Path:
@@ -60,7 +60,7 @@ def logged(*words: object) -> None:
         done = subprocess.run(command, env={**os.environ, "DEBIAN_FRONTEND": "noninteractive"}, stdin=subprocess.DEVNULL, stdout=output,
                               stderr=output, check=False)
     if done.returncode != 0:
-        raise DebianError(f"{' '.join(command)} ended with {done.returncode}:\n{log.read_text(errors='replace')[-3000:]}")
+        raise MachineError(f"{' '.join(command)} ended with {done.returncode}:\n{log.read_text(errors='replace')[-3000:]}")
 
 
 def base(architecture: str = NATIVE) -> Path:
@@ -89,6 +89,20 @@ def kept(name: str, made_from: str, make: Callable[[Path], None]) -> Path:
         if not folder.is_dir():
             _make_anew(name, folder, make)
     return folder
+
+
+@contextlib.contextmanager
+def workplace(name: str) -> Iterator[Path]:
+    """A folder beside the systems for as long as it is needed. Those that killed processes left behind are removed."""
+    CACHE.mkdir(parents=True, exist_ok=True)
+    for left in CACHE.glob(f"{name}-????????"):
+        with contextlib.suppress(OSError), open(left / "lock", "w", encoding="ascii") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            shutil.rmtree(left)
+    with tempfile.TemporaryDirectory(prefix=f"{name}-", dir=CACHE, ignore_cleanup_errors=True) as folder, \
+            open(Path(folder) / "lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        yield Path(folder)
 
 
 def _make_anew(name: str, folder: Path, make: Callable[[Path], None]) -> None:

@@ -3,19 +3,17 @@
 Nothing of it is a pretence of ours: the emulator's devices are driven by Debian's kernel, and the boot loader is Debian's U-Boot.
 """
 
+import contextlib
 import json
 import re
-import shutil
 import socket
 import subprocess
-import tempfile
 import threading
 import time
 from pathlib import Path
 from typing import Any, BinaryIO, Sequence
 
 from . import debian
-from .debian import CACHE
 from .image import MACHINE, Factory, INSTALLED
 from .machine import Answer, Machine, MachineError, Start
 
@@ -34,7 +32,8 @@ class Emulated(Machine):
 
     def __init__(self, factory: Factory) -> None:
         super().__init__()
-        self._work = Path(tempfile.mkdtemp(prefix="emulated-", dir=CACHE))
+        self._place = contextlib.ExitStack()
+        self._work = self._place.enter_context(debian.workplace("emulated"))
         self._emulator: subprocess.Popen[bytes] | None = None
         self._console: _Console | None = None
         self._monitor: _Monitor | None = None
@@ -98,6 +97,9 @@ class Emulated(Machine):
             self.wait(lambda: monitor.ask("blockdev-del", {"node-name": stick}) is not None, "the emulator lets the stick go")
             self._stick = ""
 
+    def digest(self, slot: str, size: int) -> str:
+        return self.run(f"head -c {size} /dev/disk/by-partlabel/root{slot} | sha256sum").text.split()[0]
+
     def cut(self) -> None:
         if self._emulator:
             self._emulator.kill()
@@ -110,7 +112,7 @@ class Emulated(Machine):
 
     def close(self) -> None:
         self.cut()
-        shutil.rmtree(self._work, ignore_errors=True)
+        self._place.close()
 
     def said(self) -> str:
         log = self._work / "console.log"

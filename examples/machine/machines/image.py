@@ -19,8 +19,8 @@ from simulation.identity import INSTRUMENT
 
 from . import boot, debian
 
-INSTALLED, GOOD, BLIND, DEAD = "3.044", "3.045", "3.046", "3.047"
-"""Versions: what the instrument has; a good one; one that starts but does not measure; one that does not start at all."""
+INSTALLED, GOOD, BLIND, DEAD, FURTHER = "3.044", "3.045", "3.046", "3.047", "3.048"
+"""Versions: what the instrument has; a good one; one that starts but does not measure; one that does not start at all; a good one again."""
 
 MACHINE = debian.PROJECT / "examples/machine"
 DATA = paths.STORAGE
@@ -36,6 +36,7 @@ class Kind:
     environment: str  # where the boot loader keeps what it knows, for fw_setenv
     devices: dict[str, str]
     deadline: int  # seconds that a version has until its checks have to hold
+    longest: float  # seconds from the stick to the end of a trial, about
 
     @property
     def boots(self) -> bool:
@@ -43,8 +44,8 @@ class Kind:
         return bool(self.devices)
 
 
-CONTAINER = Kind("container", debian.NATIVE, f"{DATA}/uboot.env", {}, 10)
-EMULATED = Kind("emulated", debian.ARM, "/dev/disk/by-partlabel/env", {slot: f"/dev/disk/by-partlabel/root{slot}" for slot in "AB"}, 60)
+CONTAINER = Kind("container", debian.NATIVE, f"{DATA}/uboot.env", {}, 10, 12.0)
+EMULATED = Kind("emulated", debian.ARM, "/dev/disk/by-partlabel/env", {slot: f"/dev/disk/by-partlabel/root{slot}" for slot in "AB"}, 60, 120.0)
 
 
 @dataclass(frozen=True)
@@ -61,6 +62,10 @@ class Factory:
     def package(self, version: str) -> Path:
         """The package that brings it."""
         return self.folder / f"arbor-{version}.pkg"
+
+    def size(self, version: str) -> int:
+        """Bytes of the image of a version."""
+        return int((self.folder / f"size-{version}").read_text(encoding="ascii"))
 
     @property
     def data(self) -> Path:
@@ -81,8 +86,9 @@ def _make(kind: Kind, tree: Path, folder: Path) -> None:
     fixtures.make_keys(folder)
     squashed = folder / "root.squashfs"
     debian.logged("mksquashfs", tree, squashed, "-comp", "zstd", "-Xcompression-level", "3", "-no-progress", "-e", *_LEFT_OUT)
-    for version in (INSTALLED, GOOD, BLIND, DEAD):
+    for version in (INSTALLED, GOOD, BLIND, DEAD, FURTHER):
         _make_image(kind, version, folder, squashed)
+        (folder / f"size-{version}").write_text(str((folder / f"system-{version}.img").stat().st_size), encoding="ascii")
         if version != INSTALLED:
             debian.logged("python3", "-B", fixtures.PACKAGES / "arbor-pkg", "build", "--version", version, "--board", INSTRUMENT.board, "--payload",
                           folder / f"system-{version}.img", "--key", folder / "keys/key.pem", "--cert", folder / "keys/cert.pem", "-o",
@@ -152,8 +158,9 @@ def _write_graph(kind: Kind, folder: Path, arbor: Path) -> None:
     graph["platform"]["eeprom"] = "/etc/arbor/eeprom"
     if not kind.boots:
         graph["platform"]["mounts"] = {paths.ARCHIVE_DEVICE: str(DATA)}
-    trial = next(node for node in graph["nodes"] if node["name"] == "Trial")
-    trial["config"] = {"pauseSeconds": 1, "holdSeconds": 3, "deadlineSeconds": kind.deadline,
+    nodes = {node["name"]: node for node in graph["nodes"]}
+    nodes["ArborInstall"]["config"]["AllowDowngrades"] = True
+    nodes["Trial"]["config"] = {"pauseSeconds": 1, "holdSeconds": 3, "deadlineSeconds": kind.deadline,
                        "checks": ["must measures 20 /usr/libexec/selftest", "must identity 10 request 3:deviceProps"]}
     furnish.write_json(arbor / "graph.json", graph)
 

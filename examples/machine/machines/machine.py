@@ -55,6 +55,10 @@ class Machine:
         """Pulls the stick, mounted or not."""
         raise NotImplementedError
 
+    def digest(self, slot: str, size: int) -> str:
+        """The SHA-256 of the first `size` bytes of what stands in a slot, in hexadecimal digits."""
+        raise NotImplementedError
+
     def cut(self) -> None:
         """Cuts the power. Nothing is asked or told."""
         raise NotImplementedError
