@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "Check.h"
 #include "ZBoot/ZBootSteps.h"
 #include "ZBoot/ZTrialWatch.h"
 #include "ZShared/ZPlatform.h"
@@ -144,6 +145,13 @@ int main(int argc, char** argv) try {
     on("expire", "Some minutes after the start: goes back when nobody judges the trial",
        [](Device& d) { return Expire(d); });
     on("show", "The state, as JSON", [](const Device& d) { return Show(d); });
+    app.add_subcommand("check",
+                       "What is known of how this device boots, and what is wrong with it, as JSON; changes nothing")
+        ->callback([&] {
+            const BootCheck checked = CheckBoot(file);
+            std::cout << checked.text << '\n';
+            status = checked.isWell ? 0 : 1;
+        });
     on("may-install", "Whether the slot that does not run may be written over",
        [](const Device& d) { return MayInstall(d); });
     on("activate", "Makes a slot start next", [&slot](Device& d) { return Activate(d, slot); })
