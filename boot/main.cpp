@@ -34,7 +34,7 @@ ZResult<Device> Open(const std::string& file) {
 /// Lets the confirmed version start next, and restarts.
 int GoBack(Device& device, const ZTrialState& state) {
     std::cout << "arbor-boot: version " << state.trial->version.version << " is left for " << state.confirmed.version
-              << ": " << state.trial->reason << std::endl;
+              << ": " << state.trial->fault.reason << std::endl;
     if (const auto done = Leave(device.settings, *device.control); !done) {
         return Fail(done.error());
     }
@@ -84,7 +84,8 @@ int Expire(Device& device) {
     if (!isOpen || ZTrialWatch::IsHeld(device.settings.state)) {
         return 0;
     }
-    const auto failed = FailTrial(device.settings, *device.control, "nothing on it told in time that it works", {});
+    const auto failed =
+        FailTrial(device.settings, *device.control, {"nothing on it told in time that it works", ZTrialCause::Late});
     return failed ? GoBack(device, *failed) : Fail(failed.error());
 }
 

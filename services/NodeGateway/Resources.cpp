@@ -151,6 +151,7 @@ HttpResponse Resources::MetricsText(const HttpRequest&) {
     gauges.eventListeners = m_events.Listeners();
     gauges.droppedListeners = m_events.Dropped();
     gauges.updateInProgress = m_status.UpdateInProgress(kMetricsPatience);
+    gauges.trials = m_status.Trials(kMetricsPatience);
     InstallProgressMsg progress;
     ZJSONCommStream stream;
     if (stream.LoadText(m_events.LastProgress()) && progress.Deserialize(stream)) {

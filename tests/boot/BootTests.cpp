@@ -116,11 +116,11 @@ TEST_F(Boot, LinkLeadsToWhatStartsNext) {
     ASSERT_TRUE(BeginBoot(settings, *control));
     fs::remove(folder / "Slots" / "A" / "version");
     fs::remove(folder / "Slots" / "A" / "digest");
-    const auto stuck = FailTrial(settings, *control, "it is too loud", {});
+    const auto stuck = FailTrial(settings, *control, {"it is too loud"});
     ASSERT_FALSE(stuck);
     EXPECT_TRUE(stuck.error().text.starts_with("there is no way back: slot A")) << stuck.error().text;
     Write(folder / "Slots" / "A" / "version", "3.044");
-    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    ASSERT_TRUE(FailTrial(settings, *control, {"it is too loud"}));
     ASSERT_TRUE(Leave(settings, *control));
     EXPECT_EQ(control->Next()->slot, "A");
     Write(folder / "slot", "C");
@@ -136,7 +136,7 @@ TEST_F(Boot, WhatCouldNotBeLeftIsLeftAtTheNextStart) {
     ASSERT_TRUE(BeginBoot(settings, *control));
     Start("B");
     ASSERT_EQ(*BeginBoot(settings, *control), ZBootAction::GoOn);
-    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    ASSERT_TRUE(FailTrial(settings, *control, {"it is too loud"}));
     for (int boot = 0; boot < 5; ++boot) {
         EXPECT_FALSE(Leave(settings, *control)) << "the loader does not listen";
         Start("B");
