@@ -42,7 +42,9 @@ std::string Advice(const std::string& about, const std::string& control, const s
                "digest";
     }
     if (about == "next") {
-        return control == "link"        ? "make the link: arbor-boot activate A (the slot that runs)"
+        return control == "link" ? "make the link: arbor-boot activate A (the slot that runs)"
+               : control == "systemd-boot"
+                   ? "mount the EFI system partition, and name the entries arbor-2-a.conf and arbor-1-b.conf"
                : control == "uboot-env" ? "apt install libubootenv-tool, and set /etc/fw_env.config"
                                         : "mend what " + settings + " names";
     }
