@@ -90,6 +90,7 @@ std::optional<std::string> InChild(const std::function<std::string()>& work, std
 
 ProgramEnd RunProgram(const std::vector<std::string>& arguments) {
     std::vector<char*> words;
+    words.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
         words.push_back(const_cast<char*>(argument.c_str()));  // as execvp wants them; it does not write
     }
