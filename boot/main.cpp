@@ -1,6 +1,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
+#include "Check.h"
 #include "ZBoot/ZBootSteps.h"
 #include "ZBoot/ZTrialWatch.h"
 #include "ZShared/ZPlatform.h"
@@ -33,7 +34,7 @@ ZResult<Device> Open(const std::string& file) {
 /// Lets the confirmed version start next, and restarts.
 int GoBack(Device& device, const ZTrialState& state) {
     std::cout << "arbor-boot: version " << state.trial->version.version << " is left for " << state.confirmed.version
-              << ": " << state.trial->reason << std::endl;
+              << ": " << state.trial->fault.reason << std::endl;
     if (const auto done = Leave(device.settings, *device.control); !done) {
         return Fail(done.error());
     }
@@ -83,7 +84,8 @@ int Expire(Device& device) {
     if (!isOpen || ZTrialWatch::IsHeld(device.settings.state)) {
         return 0;
     }
-    const auto failed = FailTrial(device.settings, *device.control, "nothing on it told in time that it works", {});
+    const auto failed =
+        FailTrial(device.settings, *device.control, {"nothing on it told in time that it works", ZTrialCause::Late});
     return failed ? GoBack(device, *failed) : Fail(failed.error());
 }
 
@@ -144,6 +146,13 @@ int main(int argc, char** argv) try {
     on("expire", "Some minutes after the start: goes back when nobody judges the trial",
        [](Device& d) { return Expire(d); });
     on("show", "The state, as JSON", [](const Device& d) { return Show(d); });
+    app.add_subcommand("check",
+                       "What is known of how this device boots, and what is wrong with it, as JSON; changes nothing")
+        ->callback([&] {
+            const BootCheck checked = CheckBoot(file);
+            std::cout << checked.text << '\n';
+            status = checked.isWell ? 0 : 1;
+        });
     on("may-install", "Whether the slot that does not run may be written over",
        [](const Device& d) { return MayInstall(d); });
     on("activate", "Makes a slot start next", [&slot](Device& d) { return Activate(d, slot); })

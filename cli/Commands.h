@@ -106,6 +106,10 @@ Result<ExitCode> AllowVersion(Session& session, const std::string& version);
 std::string TrialText(const boost::json::value& slots);
 std::string LastTrialText(const boost::json::value& slots);
 
+/// Looks at the whole set-up, with and without a running host, and says what to mend; `graphFile` empty: the one that
+/// the host tells, or the usual one. kRefused when something is at fault.
+Result<ExitCode> LookAtSetup(Session& session, const std::string& graphFile);
+
 /// Removes a file that was uploaded.
 Result<ExitCode> ForgetUpload(Session& session, const std::string& file);
 

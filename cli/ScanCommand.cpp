@@ -12,15 +12,24 @@ namespace fs = std::filesystem;
 namespace arborctl {
 namespace {
 
-/// Why a device passes over a file without a word; empty when it would check it.
-std::string WhySkipped(const fs::path& file) {
+bool IsExecutable(const fs::path& file) {
     std::error_code error;
     constexpr auto kAnyExecute = fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec;
-    if (std::string reason = WhyNoPackage(file); !reason.empty()) {
+    return (fs::status(file, error).permissions() & kAnyExecute) != fs::perms::none;
+}
+
+/// Why the device passes over a file without a word; empty when it would check it. One that judges packages by their
+/// signatures runs none where it lies, and needs no permission to.
+Result<std::string> WhySkipped(Session& session, const fs::path& file) {
+    if (std::string reason = WhyNoPackage(file); !reason.empty() || IsExecutable(file)) {
         return reason;
     }
-    return (fs::status(file, error).permissions() & kAnyExecute) == fs::perms::none ? "it is not executable (chmod +x)"
-                                                                                    : "";
+    const auto trust = session.gateway.Send("trust", json::object());
+    if (!trust && trust.error().httpStatus == 0) {
+        return trust.error();
+    }
+    const bool hasPolicy = trust && !fields::Text(*trust, "trustedSigners").empty();
+    return hasPolicy ? std::string() : "it is not executable (chmod +x)";
 }
 
 /// Tells how the scan of a drive ended; what was found on it is what "updates" lists.
@@ -43,8 +52,12 @@ Result<ExitCode> Scan(Session& session, const std::string& given) {
         const std::string reason = error ? error.message() : "not a regular file";
         return UsageFailure(Escaped(given) + ": " + reason);
     }
-    if (const std::string reason = isDrive ? "" : WhySkipped(path); !reason.empty()) {
-        return Refused(Escaped(given) + ": the device would pass over it: " + reason);
+    const auto skipped = isDrive ? Result<std::string>(std::string()) : WhySkipped(session, path);
+    if (!skipped) {
+        return skipped.error();
+    }
+    if (!skipped->empty()) {
+        return Refused(Escaped(given) + ": the device would pass over it: " + *skipped);
     }
     const auto watch = JobWatch::Begin(session, JobWatch::Show::kNothing);
     if (!watch) {

@@ -29,6 +29,7 @@ constexpr const char* kExamples = R"(Examples:
   arborctl updates                             what can be installed, and what was refused and why
   arborctl history --since 2h                  what was done, by whom, and how it ended
   arborctl orders --result refused             who was refused what, and why
+  arborctl doctor                              check the whole set-up, and say what to mend
   arborctl scan /media/usb1/arbor_qm.pkg       check this package file now
   arborctl install 3.046 --wait                install and show the progress to the end
   arborctl install 3.046 --no-reboot           start it, keep the device running afterwards
@@ -95,6 +96,19 @@ void AddQueries(CLI::App& app, Choice& choice) {
                "  arborctl updates\n"
                "  arborctl updates --json      exact sizes, and the whole paths")
         ->callback([&] { choice.run = arborctl::ShowUpdates; });
+
+    auto* doctor = AddCommand(app, "doctor", "Check the whole set-up, and say what to mend (exit status 1: a fault)",
+                              "  arborctl doctor\n"
+                              "  sudo arborctl doctor                      where you may not look at everything\n"
+                              "  arborctl doctor --graph ./graph.json      before the device's host runs\n"
+                              "  arborctl doctor --json | jq '.points[] | select(.state != \"ok\")'\n"
+                              "Each point is ok, warning, fault or unknown. Looking changes nothing.");
+    doctor
+        ->add_option("--graph", choice.first,
+                     "The graph file; else the one that the host tells, or "
+                     "/etc/arbor/graph.json")
+        ->type_name("FILE");
+    doctor->callback([&] { choice.run = [&](Session& s) { return LookAtSetup(s, choice.first); }; });
 
     auto* compare = AddCommand(app, "compare", "Let the device compare two versions",
                                "  arborctl compare 4.001 3.046      prints 4.001 >= 3.046\n"

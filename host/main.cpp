@@ -8,6 +8,7 @@
 #include "GraphSchema.h"
 #include "Host.h"
 #include "LibrarySet.h"
+#include "SetupNotes.h"
 #include "StateLock.h"
 
 namespace {
@@ -106,6 +107,11 @@ HostExit RunGraph(const Arguments& arguments) {
     }
     if (arguments.check) {
         std::cout << arguments.graph << ": no errors, nodes: " << file.nodes.size() << '\n';
+        const auto notes = NotesOnSetup(file, records, errors);
+        std::cout << (notes.empty() ? "" : "Before this runs on a real instrument:\n");
+        for (const std::string& note : notes) {
+            std::cout << note << '\n';
+        }
         return HostExit::Done;
     }
     const auto lock = StateLock::Take(file.core->UpdatesFolder(), ArchivesOf(records));
@@ -133,7 +139,7 @@ int main(int argc, char** argv) {
         auto* const graph = app.add_option("--graph", arguments.graph, "The graph file (JSON)")->type_name("FILE");
         app.add_flag("--check", arguments.check,
                      "Only look for errors in the graph file: load the libraries, read the "
-                     "records, start nothing");
+                     "records, start nothing; and say what a real instrument still needs");
         app.add_flag("--schema", arguments.schema,
                      "Only print the JSON Schema of graph files, for the node libraries that come with this program")
             ->excludes(graph);

@@ -28,6 +28,11 @@ check_python() {
         PYTHONPYCACHEPREFIX=build/pycache xargs -0 -r python3 -W error -m py_compile
 }
 
+check_links() {
+    echo "lint: links in pages"
+    python3 -B scripts/links.py
+}
+
 check_page() {
     echo "lint: page"
     local folder=tests/page
@@ -44,6 +49,7 @@ repository ls-files --error-unmatch CMakeLists.txt > /dev/null
 check_format
 check_scripts
 check_python
+check_links
 check_page
 check_code
 echo "lint: clean"

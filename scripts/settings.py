@@ -18,7 +18,7 @@ TABLES = ROOT / "docs/settings.md"
 INTRODUCTION = """# Settings
 
 Every setting of a graph file, made from the declarations in the code by `scripts/settings.py`: please change those. What a
-whole file looks like, and what to think of, is in [operations.md](operations.md). `arbord --check --graph FILE` tells all
+whole file looks like, and what to think of, is in [integration.md](integration.md#the-graph-file). `arbord --check --graph FILE` tells all
 that is wrong with a file at once; `arbord --schema` prints the JSON Schema for editors.
 
 Paths are absolute; `$NAME` and `${NAME}` in them are variables of the host's environment.

@@ -1,6 +1,6 @@
 # bash completion for arborctl
 
-_arborctl_commands="status updates history orders show cancel forget compare check send scan install upload transfer remote-install"
+_arborctl_commands="status updates doctor history orders show cancel forget compare check send scan install upload transfer remote-install"
 _arborctl_commands+=" peers pair keygen verify trust slots confirm revert allow watch log ui"
 _arborctl_everywhere="--json --socket --timeout --help"
 
@@ -54,7 +54,7 @@ _arborctl() {
     local command words
     COMPREPLY=()
     case $previous in
-        --socket | --trust) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
+        --socket | --trust | --graph) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
         --timeout | --board | --progress-host | --name | --address | -n | --lines | --since | --user | --port) return ;;
         --level) mapfile -t COMPREPLY < <(compgen -W "detail info warning error" -- "$current"); return ;;
         --kind) mapfile -t COMPREPLY < <(compgen -W "check scan install build transfer remote-install upload trust trial" -- "$current")
@@ -78,6 +78,7 @@ _arborctl() {
         history) words="--lines --kind --state --since" ;;
         orders) words="--lines --result --user --since" ;;
         send) words=$(_arborctl_keywords) ;;
+        doctor) words="--graph" ;;
         upload) words="--no-check" ;;
         ui) words="--port --network --no-open" ;;
         verify) words="--trust --state --development --board" ;;

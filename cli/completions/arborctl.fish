@@ -36,7 +36,7 @@ function __arborctl_values
         case trust
             __arborctl_section Subcommands trust
             __fish_complete_path (commandline -ct)
-        case scan upload verify keygen
+        case doctor scan upload verify keygen
             __fish_complete_path (commandline -ct)
     end
 end

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "ZBoot/ZLoaderEntries.h"
 #include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZPlatform.h"
 
@@ -141,6 +142,9 @@ ZResult<std::unique_ptr<ZBootControl>> ZBootControl::Make(const ZBootSettings& s
     }
     if (settings.control == "uboot-env") {
         return std::unique_ptr<ZBootControl>(std::make_unique<EnvironmentControl>(settings));
+    }
+    if (settings.control == "systemd-boot") {
+        return MakeLoaderEntries(settings);
     }
     if (settings.control == "command" && !settings.command.empty()) {
         return std::unique_ptr<ZBootControl>(std::make_unique<CommandControl>(settings));

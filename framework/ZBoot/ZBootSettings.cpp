@@ -26,6 +26,7 @@ constexpr std::array kTexts{TextSetting{"control", &ZBootSettings::control},
                             TextSetting{"slotVariable", &ZBootSettings::slotVariable},
                             TextSetting{"printEnvironment", &ZBootSettings::printEnvironment},
                             TextSetting{"setEnvironment", &ZBootSettings::setEnvironment},
+                            TextSetting{"entries", &ZBootSettings::entries},
                             TextSetting{"restart", &ZBootSettings::restart}};
 
 /// What is wrong with the setting; empty when it was taken.

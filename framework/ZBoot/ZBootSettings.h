@@ -8,7 +8,7 @@
 /// How this device boots: one small file that the start of the boot, the host and the installer read alike
 /// (docs/trial.md). A setting that the file does not name has the value here.
 struct ZBootSettings {
-    /// "link", "uboot-env" or "command".
+    /// "link", "uboot-env", "systemd-boot" or "command".
     std::string control = "link";
     /// The slots' folder: A and B with version and digest, and the link "active".
     std::string slots = "/media/mmcblk1p3/Slots";
@@ -26,6 +26,8 @@ struct ZBootSettings {
     std::string slotVariable = "slot";
     std::string printEnvironment = "fw_printenv";
     std::string setEnvironment = "fw_setenv";
+    /// Of "systemd-boot": the folder with the loader's entries, on the EFI system partition.
+    std::string entries = "/boot/efi/loader/entries";
     /// Starts that a version has to prove itself.
     std::uint32_t attempts = 3;
     /// The shell command that restarts the device.

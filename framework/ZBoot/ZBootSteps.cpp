@@ -84,8 +84,7 @@ ZResult<ZTrialState> NoteNext(const ZBootSettings& settings, const ZBootControl&
     return ZTrialFile(settings.state).Change([&](ZTrialState& state) { state.Install(*next); });
 }
 
-ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl& control, const std::string& reason,
-                               const std::string& failedCheck) {
+ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl& control, const ZTrialFault& fault) {
     const auto running = control.Running();
     if (!running) {
         return running.error();
@@ -98,7 +97,7 @@ ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl
             wrong = "there is no way back: slot " + kept.confirmed.slot + " does not hold version " +
                     kept.confirmed.version + " any more";
         } else {
-            kept.Fail(reason, failedCheck);
+            kept.Fail(fault);
         }
     });
     return wrong.empty() ? state : ZError(wrong);

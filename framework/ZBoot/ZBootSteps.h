@@ -17,8 +17,7 @@ ZResult<ZTrialState> NoteNext(const ZBootSettings& settings, const ZBootControl&
 
 /// The version on trial has failed, unless it had already. An error, and nothing has changed, when none is on trial, or
 /// when there is no way back.
-ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl& control, const std::string& reason,
-                               const std::string& failedCheck);
+ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl& control, const ZTrialFault& fault);
 
 /// Lets the confirmed version start next. The caller restarts the device.
 ZResult<void> Leave(const ZBootSettings& settings, ZBootControl& control);

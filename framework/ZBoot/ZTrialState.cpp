@@ -11,6 +11,7 @@ namespace {
 constexpr std::size_t kLongestReason = 400;
 constexpr std::size_t kLongestName = 96;
 constexpr std::array<const char*, 3> kStages{"installed", "trial", "reverting"};
+constexpr std::array<const char*, 5> kCauses{"said", "check", "late", "starts", "neverUp"};
 
 /// The text in printable ASCII, cut: what is kept never grows when it is written.
 std::string Kept(std::string_view text, std::size_t most) {
@@ -59,8 +60,9 @@ json::object ToJson(const ZTrial& trial) {
     object["restarts"] = trial.restarts;
     object["since"] = trial.since;
     object["goneBack"] = trial.goneBack;
-    object["reason"] = Kept(trial.reason, kLongestReason);
-    object["failedCheck"] = Kept(trial.failedCheck, kLongestName);
+    object["reason"] = Kept(trial.fault.reason, kLongestReason);
+    object["cause"] = ToText(trial.fault.cause);
+    object["failedCheck"] = Kept(trial.fault.failedCheck, kLongestName);
     return object;
 }
 
@@ -69,14 +71,17 @@ std::optional<ZTrial> ToTrial(const json::value& from) {
     if (stage == kStages.end()) {
         return std::nullopt;
     }
+    const auto cause = std::ranges::find(kCauses, Text(from, "cause"));
     return ZTrial{.version = ToVersion(from),
                   .stage = static_cast<ZTrialStage>(stage - kStages.begin()),
                   .attempts = Number<std::uint32_t>(from, "attempts"),
                   .restarts = Number<std::uint32_t>(from, "restarts"),
                   .since = Number<std::int64_t>(from, "since"),
                   .goneBack = Number<std::uint32_t>(from, "goneBack"),
-                  .reason = Text(from, "reason"),
-                  .failedCheck = Text(from, "failedCheck")};
+                  .fault = {.reason = Text(from, "reason"),
+                            .cause = cause == kCauses.end() ? ZTrialCause::Said
+                                                            : static_cast<ZTrialCause>(cause - kCauses.begin()),
+                            .failedCheck = Text(from, "failedCheck")}};
 }
 
 json::object ToJson(const ZTrialEnd& end) {
@@ -111,6 +116,23 @@ json::object ToJson(const ZTakenBack& entry) {
             {"at", entry.at}};
 }
 
+json::object ToJson(const ZTrialCounts& counts) {
+    json::object object{{"begun", counts.begun}, {"confirmed", counts.confirmed}};
+    for (std::size_t cause = 0; cause < kCauses.size(); ++cause) {
+        object[kCauses.at(cause)] = counts.takenBack.at(cause);
+    }
+    return object;
+}
+
+ZTrialCounts ToCounts(const json::value& from) {
+    ZTrialCounts counts{.begun = Number<std::uint64_t>(from, "begun"),
+                        .confirmed = Number<std::uint64_t>(from, "confirmed")};
+    for (std::size_t cause = 0; cause < kCauses.size(); ++cause) {
+        counts.takenBack.at(cause) = Number<std::uint64_t>(from, kCauses.at(cause));
+    }
+    return counts;
+}
+
 bool IsOf(const ZTakenBack& entry, std::string_view version, std::string_view digest) {
     return entry.digest.empty() || digest.empty() ? entry.version == version : entry.digest == digest;
 }
@@ -119,6 +141,10 @@ bool IsOf(const ZTakenBack& entry, std::string_view version, std::string_view di
 
 const char* ToText(ZTrialStage stage) {
     return kStages.at(static_cast<std::size_t>(stage));
+}
+
+const char* ToText(ZTrialCause cause) {
+    return kCauses.at(static_cast<std::size_t>(cause));
 }
 
 bool ZSlotVersion::SameAs(const ZSlotVersion& other) const {
@@ -142,15 +168,14 @@ ZBootAction ZTrialState::Begin(const ZBootFacts& facts) {
         action = BeginTrial(facts);
     } else if (trial && trial->stage == ZTrialStage::Installed) {
         if (facts.bLoaderFallsBack && facts.next == confirmed.slot) {
-            End("it never came up, so the boot loader went back", facts.now);
+            End({"it never came up, so the boot loader went back", ZTrialCause::NeverUp}, facts.now);
         } else if (facts.next == confirmed.slot) {
             trial.reset();  // it was switched back before it had begun
         }
     } else if (trial) {
-        End(trial->stage == ZTrialStage::Reverting ? trial->reason
-            : bOrderly                             ? "the device was started from the version before"
-                                                   : "it did not come up, so the boot loader went back",
-            facts.now);
+        const char* const why = bOrderly ? "the device was started from the version before"
+                                         : "it did not come up, so the boot loader went back";
+        End(trial->stage == ZTrialStage::Reverting ? trial->fault : ZTrialFault{why, ZTrialCause::NeverUp}, facts.now);
     }
     bootId = facts.bootId;
     bootClock = facts.clock;
@@ -166,13 +191,15 @@ ZBootAction ZTrialState::BeginTrial(const ZBootFacts& facts) {
         trial->stage = ZTrialStage::Trial;
         trial->since = facts.now;
         trial->attempts = 1;
+        ++counts.begun;
     } else {
         ++(bOrderly ? trial->restarts : trial->attempts);
     }
     if (trial->stage == ZTrialStage::Trial && trial->attempts > facts.attempts) {
-        Fail("it did not prove itself in " + std::to_string(facts.attempts) + " starts", {});
+        Fail({"it did not prove itself in " + std::to_string(facts.attempts) + " starts", ZTrialCause::Starts});
     } else if (trial->stage == ZTrialStage::Trial && trial->restarts > kMostRestarts) {
-        Fail("it was restarted " + std::to_string(kMostRestarts) + " times without proving itself", {});
+        Fail({"it was restarted " + std::to_string(kMostRestarts) + " times without proving itself",
+              ZTrialCause::Starts});
     }
     return IsLeaving() && facts.bCanGoBack ? ZBootAction::GoBack : ZBootAction::GoOn;
 }
@@ -191,30 +218,32 @@ void ZTrialState::Confirm(const std::string& by, std::int64_t now) {
     if (trial) {
         last = ZTrialEnd{.version = trial->version, .bConfirmed = true, .reason = by, .since = trial->since, .at = now};
         confirmed = trial->version;
+        ++counts.confirmed;
         std::erase_if(takenBack,
                       [&](const ZTakenBack& each) { return IsOf(each, confirmed.version, confirmed.digest); });
         trial.reset();
     }
 }
 
-void ZTrialState::Fail(const std::string& reason, const std::string& failedCheck) {
+void ZTrialState::Fail(const ZTrialFault& fault) {
     if (trial && trial->stage == ZTrialStage::Trial) {
         trial->stage = ZTrialStage::Reverting;
-        trial->reason = reason;
-        trial->failedCheck = failedCheck;
+        trial->fault = fault;
     }
 }
 
-void ZTrialState::End(const std::string& reason, std::int64_t now) {
+void ZTrialState::End(const ZTrialFault& why, std::int64_t now) {
+    const ZTrialFault fault = why;  // it may be the trial's own
+    ++counts.takenBack.at(static_cast<std::size_t>(fault.cause));
     last = ZTrialEnd{.version = trial->version,
-                     .reason = reason,
-                     .failedCheck = trial->failedCheck,
+                     .reason = fault.reason,
+                     .failedCheck = fault.failedCheck,
                      .since = trial->since,
                      .at = now};
     std::erase_if(takenBack,
                   [&](const ZTakenBack& each) { return IsOf(each, last->version.version, last->version.digest); });
     takenBack.push_back(
-        {.version = last->version.version, .digest = last->version.digest, .reason = reason, .at = now});
+        {.version = last->version.version, .digest = last->version.digest, .reason = fault.reason, .at = now});
     if (takenBack.size() > kMostTakenBack) {
         takenBack.erase(takenBack.begin());
     }
@@ -246,6 +275,7 @@ std::string ZTrialState::ToText() const {
         entries.push_back(ToJson(entry));
     }
     object["takenBack"] = std::move(entries);
+    object["counts"] = ToJson(counts);
     return json::serialize(object);
 }
 
@@ -261,6 +291,9 @@ std::optional<ZTrialState> ZTrialState::Parse(std::string_view text) {
     state.bootId = Text(from, "bootId");
     state.bootClock = Number<std::int64_t>(from, "bootClock");
     state.bOrderly = Flag(from, "orderly");
+    if (const json::value* const counts = Find(from, "counts")) {
+        state.counts = ToCounts(*counts);
+    }
     if (const json::value* const trial = Find(from, "trial")) {
         state.trial = ToTrial(*trial);
     }

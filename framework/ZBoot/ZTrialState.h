@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,6 +24,22 @@ enum class ZTrialStage : std::uint8_t {
     Reverting,  ///< it failed: the device goes back to the version before
 };
 
+/// Of what kind the reason is for which a version is taken back.
+enum class ZTrialCause : std::uint8_t {
+    Said,     ///< a node or a person said that it does not work
+    Check,    ///< a health check did not pass in time
+    Late,     ///< nothing told in time that it works
+    Starts,   ///< its starts were used up
+    NeverUp,  ///< the boot loader, or somebody, started the version before
+};
+
+/// Why a version failed.
+struct ZTrialFault {
+    std::string reason;  ///< a sentence
+    ZTrialCause cause = ZTrialCause::Said;
+    std::string failedCheck{};  ///< the health check that failed; empty: it was something else
+};
+
 /// A version on its way to being confirmed.
 struct ZTrial {
     ZSlotVersion version;
@@ -31,8 +48,7 @@ struct ZTrial {
     std::uint32_t restarts = 0;  ///< orderly ones
     std::int64_t since = 0;      ///< milliseconds since 1970, of its first start
     std::uint32_t goneBack = 0;  ///< how often the boot loader was told to leave it
-    std::string reason{};        ///< why it failed, a sentence
-    std::string failedCheck{};   ///< the health check that failed; empty: it was something else
+    ZTrialFault fault{};         ///< why it failed, once it has
 };
 
 /// How the last trial ended.
@@ -54,6 +70,13 @@ struct ZTakenBack {
     std::string digest;
     std::string reason;
     std::int64_t at = 0;
+};
+
+/// How many trials this device has seen, since its state was begun.
+struct ZTrialCounts {
+    std::uint64_t begun = 0;
+    std::uint64_t confirmed = 0;
+    std::array<std::uint64_t, 5> takenBack{};  ///< by cause
 };
 
 /// What the boot is about to do with the device.
@@ -90,9 +113,10 @@ struct ZTrialState {
     std::optional<ZTrial> trial;
     std::optional<ZTrialEnd> last;
     std::vector<ZTakenBack> takenBack;  ///< the newest last
-    std::string bootId{};               ///< of the last boot that was counted
-    std::int64_t bootClock = 0;         ///< milliseconds by that boot's own clock, when it was counted
-    bool bOrderly = false;              ///< that boot has ended, or is about to end, in order
+    ZTrialCounts counts{};
+    std::string bootId{};        ///< of the last boot that was counted
+    std::int64_t bootClock = 0;  ///< milliseconds by that boot's own clock, when it was counted
+    bool bOrderly = false;       ///< that boot has ended, or is about to end, in order
 
     /// Counts a boot, once. What it must do next.
     ZBootAction Begin(const ZBootFacts& facts);
@@ -101,7 +125,7 @@ struct ZTrialState {
     /// The version on trial has proved itself, or somebody wants it all the same; `by` says how.
     void Confirm(const std::string& by, std::int64_t now);
     /// The version on trial has failed; the device is about to be restarted.
-    void Fail(const std::string& reason, const std::string& failedCheck);
+    void Fail(const ZTrialFault& fault);
     /// A person wants the version offered again. False when it was not taken back.
     bool Allow(std::string_view version);
     /// Whether `running` has to prove itself, or failed to and was not left yet.
@@ -122,8 +146,10 @@ struct ZTrialState {
 
 private:
     ZBootAction BeginTrial(const ZBootFacts& facts);
-    void End(const std::string& reason, std::int64_t now);
+    void End(const ZTrialFault& why, std::int64_t now);
 };
 
 /// "installed", "trial", "reverting".
 const char* ToText(ZTrialStage stage);
+/// "said", "check", "late", "starts", "neverUp".
+const char* ToText(ZTrialCause cause);

@@ -46,6 +46,18 @@ public:
 };
 Z_REGISTER(ZTakenBackMsg)
 
+/// How often something happened in trials, since the device's state of trials was begun.
+class ZTrialCountMsg : public ZMessage {
+    Z_MESSAGE(ZTrialCountMsg, ZMessage)
+public:
+    ZString m_What;  ///< "begun", "confirmed"; or why a version was taken back: "said" (by a node or a person),
+                     ///< "check", "late" (nothing told in time that it works), "starts" (all used up), "neverUp"
+    std::uint64_t m_Count = 0;
+
+    Z_FIELDS(Z_FIELD(m_What), Z_FIELD(m_Count))
+};
+Z_REGISTER(ZTrialCountMsg)
+
 /// Answer of "slots", and notification "trial" at every change: where the version that runs stands on its way. Asking
 /// leaves no log line.
 class ZSlotsMsg : public ZMessage {
@@ -66,11 +78,13 @@ public:
     std::int64_t m_LastAt = 0;
     bool m_bLastAlike = false;                            ///< the version before failed in the same way
     ZVector<std::shared_ptr<ZTakenBackMsg>> m_TakenBack;  ///< not offered again until somebody allows it
+    ZVector<std::shared_ptr<ZTrialCountMsg>> m_Counts;
     ZString m_Problem;  ///< what is in the way of knowing or doing all this, as a sentence; empty: nothing
 
     Z_FIELDS(Z_FIELD(m_Slots), Z_FIELD(m_State), Z_FIELD(m_Version), Z_FIELD(m_Attempt), Z_FIELD(m_Attempts),
              Z_FIELD(m_Since), Z_FIELD(m_Waiting), Z_FIELD(m_Checks), Z_FIELD(m_LastVersion), Z_FIELD(m_LastOutcome),
-             Z_FIELD(m_LastReason), Z_FIELD(m_LastAt), Z_FIELD(m_bLastAlike), Z_FIELD(m_TakenBack), Z_FIELD(m_Problem))
+             Z_FIELD(m_LastReason), Z_FIELD(m_LastAt), Z_FIELD(m_bLastAlike), Z_FIELD(m_TakenBack), Z_FIELD(m_Counts),
+             Z_FIELD(m_Problem))
 };
 Z_REGISTER(ZSlotsMsg)
 

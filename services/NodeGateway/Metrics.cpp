@@ -110,6 +110,30 @@ void Metrics::AddOperations(std::ostream& out) const {
     }
 }
 
+void Metrics::AddTrials(std::ostream& out, const ZSlotsMsg& trials) {
+    const auto add = [&](const char* name, std::string_view what, const char* help) {
+        const auto found =
+            std::ranges::find(trials.m_Counts, what, [](const auto& each) { return std::string_view(each->m_What); });
+        if (found != trials.m_Counts.end()) {
+            Family(out, name, "counter", help).Add((*found)->m_Count);
+        }
+    };
+    add("arbor_trials_begun_total", "begun", "Versions that had to prove themselves.");
+    add("arbor_trials_confirmed_total", "confirmed", "Versions that did.");
+    {
+        Family back(out, "arbor_trials_taken_back_total", "counter", "Versions that were taken back, by cause.");
+        for (const auto& each : trials.m_Counts) {
+            if (each->m_What != "begun" && each->m_What != "confirmed") {
+                back.Add(each->m_Count, Label("cause", ToStdString(each->m_What)));
+            }
+        }
+    }
+    const bool isUnderWay = trials.m_State == "trial";
+    Family(out, "arbor_trial_starts_used", "gauge", "Starts that the version on trial has used; 0 when none is.")
+        .Add(isUnderWay ? trials.m_Attempt : 0);
+    Family(out, "arbor_trial_starts", "gauge", "Starts that a version has to prove itself.").Add(trials.m_Attempts);
+}
+
 std::string Metrics::Text(const Gauges& gauges) const {
     std::ostringstream out;
     const ZAllocatorUsage memory = ZAllocatorAccount::Usage();
@@ -134,6 +158,9 @@ std::string Metrics::Text(const Gauges& gauges) const {
             .Add(*gauges.updateInProgress ? 1 : 0);
     }
     AddOperations(out);
+    if (gauges.trials) {
+        AddTrials(out, *gauges.trials);
+    }
     Family lines(out, "arbor_log_lines_total", "counter", "Log lines by level: 1 detail to 4 error.");
     for (std::size_t level = 1; level < m_logLines.size(); ++level) {
         lines.Add(m_logLines[level].load(), Label("level", std::to_string(level)));

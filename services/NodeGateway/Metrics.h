@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "ZMessages/OperationMessages.h"
+#include "ZMessages/TrialMessages.h"
 
 namespace gateway {
 
@@ -19,6 +20,7 @@ struct Gauges {
     std::uint64_t droppedListeners = 0;
     std::optional<std::int64_t> progressPercent;  ///< of the last install; none before the first
     std::optional<bool> updateInProgress;         ///< none when nobody tells
+    std::shared_ptr<ZSlotsMsg> trials;            ///< null when nobody tells
 };
 
 /// Counts while it lives, and tells it in Prometheus' text format. Thread-safe.
@@ -36,6 +38,7 @@ public:
 
 private:
     void AddOperations(std::ostream& out) const;
+    static void AddTrials(std::ostream& out, const ZSlotsMsg& trials);
 
     mutable std::mutex m_mutex;
     std::map<std::pair<std::string, int>, std::uint64_t> m_requests;

@@ -153,6 +153,21 @@ json::object StatusSchema() {
                       {"developerMode", {{"type", "boolean"}}}}}};
 }
 
+json::object SetupSchema() {
+    const json::object text{{"type", "string"}};
+    return {{"type", "object"},
+            {"properties",
+             {{"version", text},
+              {"graphFile", text},
+              {"updatesFolder", text},
+              {"user", {{"type", "string"}, {"description", "Whose rights the host has"}}},
+              {"userId", {{"type", "integer"}}},
+              {"passesModes", {{"type", "boolean"}, {"description", "The host may read and write any file"}}},
+              {"mountNamespace", text},
+              {"mounts",
+               {{"type", "array"}, {"items", text}, {"description", "As the host sees them: lines of mountinfo"}}}}}};
+}
+
 json::object ProblemSchema() {
     return {{"type", "object"},
             {"required", json::array{"title", "status", "detail"}},
@@ -223,6 +238,8 @@ void AddReadings(json::object& paths) {
         {QueryParameter("log", "1: log lines too", {{"type", "integer"}, {"minimum", 0}, {"maximum", 1}})}, {400, 503});
     paths["/v1/status"] = Reading("status", "The device's state",
                                   Answer("The state", "application/json", Reference("schemas", "Status")));
+    paths["/v1/setup"] = Reading("setup", "How the host runs, for a check of the set-up",
+                                 Answer("The set-up", "application/json", Reference("schemas", "Setup")));
     paths["/v1/operations"] =
         Reading("operations", "The jobs, newest first",
                 Answer("A page of them", "application/json", Reference("schemas", "ZOperationsMsg")), JobParameters(),
@@ -263,6 +280,7 @@ std::string MakeDocument(bool withNodes) {
     AddReadings(paths);
     json::object schemas = MessageSchemas();
     schemas["Status"] = StatusSchema();
+    schemas["Setup"] = SetupSchema();
     schemas["Problem"] = ProblemSchema();
     const json::object problem =
         Answer("Why there is no answer", "application/problem+json", Reference("schemas", "Problem"));

@@ -7,6 +7,7 @@
 #include "LogReport.h"
 #include "OpenApi.h"
 #include "OrderHistory.h"
+#include "SetupReport.h"
 #include "ZMessages/Messages.h"
 #include "ZMessages/ZJSONCommStream.h"
 #include "http/Problem.h"
@@ -42,25 +43,22 @@ HttpResponse Json(std::string text) {
 }  // namespace
 
 Resources::Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events,
-                     const RoleGroups& groups, const std::string& updatesFolder, PageFiles page,
-                     const std::string& network)
+                     const RoleGroups& groups, Graph graph, PageFiles page, const std::string& network)
     : m_bus(bus),
       m_events(events),
+      m_graph(std::move(graph)),
       m_roles(groups),
       m_jobs(bus),
       m_page(std::move(page)),
-      m_requests({bus, m_roles, m_jobs, patience, updatesFolder}),
+      m_requests({bus, m_roles, m_jobs, patience, m_graph.updatesFolder}),
       m_status(bus, events, m_jobs, m_roles, m_page.IsEmpty() ? std::string() : network) {}
 
 Resources::Handler Resources::Find(std::string_view path) {
     static constexpr std::pair<std::string_view, Handler> kHandlers[] = {
-        {"/v1/events", &Resources::Events},
-        {"/v1/status", &Resources::Status},
-        {"/v1/operations", &Resources::Operations},
-        {"/v1/orders", &Resources::Orders},
-        {"/v1/log", &Resources::Log},
-        {"/v1/metrics", &Resources::MetricsText},
-        {"/v1/openapi.json", &Resources::Description},
+        {"/v1/events", &Resources::Events},       {"/v1/status", &Resources::Status},
+        {"/v1/setup", &Resources::Setup},         {"/v1/operations", &Resources::Operations},
+        {"/v1/orders", &Resources::Orders},       {"/v1/log", &Resources::Log},
+        {"/v1/metrics", &Resources::MetricsText}, {"/v1/openapi.json", &Resources::Description},
     };
     for (const auto& [known, handler] : kHandlers) {
         if (known == path) {
@@ -127,6 +125,10 @@ HttpResponse Resources::Status(const HttpRequest& request) {
     return Json(m_status.Document(*request.peer, kStatusPatience));
 }
 
+HttpResponse Resources::Setup(const HttpRequest&) {
+    return Json(SetupReport(m_graph.file, m_graph.updatesFolder));
+}
+
 HttpResponse Resources::Operations(const HttpRequest& request) {
     return m_jobs.List(request, kStatusPatience);
 }
@@ -149,6 +151,7 @@ HttpResponse Resources::MetricsText(const HttpRequest&) {
     gauges.eventListeners = m_events.Listeners();
     gauges.droppedListeners = m_events.Dropped();
     gauges.updateInProgress = m_status.UpdateInProgress(kMetricsPatience);
+    gauges.trials = m_status.Trials(kMetricsPatience);
     InstallProgressMsg progress;
     ZJSONCommStream stream;
     if (stream.LoadText(m_events.LastProgress()) && progress.Deserialize(stream)) {

@@ -13,9 +13,14 @@ namespace gateway {
 /// Everything that is offered under /v1: which method each path takes, and who answers. Thread-safe.
 class Resources final : public HttpHandler {
 public:
-    /// `updatesFolder` may be empty: there is none; likewise `network`, the address by which the network reaches it.
+    /// Of the graph: its file and its updates folder, which may be empty.
+    struct Graph {
+        std::string file;
+        std::string updatesFolder;
+    };
+    /// `network` is the address by which the network reaches it; empty: none.
     Resources(ZCommEnabledObject& bus, std::chrono::milliseconds patience, EventHub& events, const RoleGroups& groups,
-              const std::string& updatesFolder, PageFiles page, const std::string& network);
+              Graph graph, PageFiles page, const std::string& network);
 
     std::size_t LargestBody(std::string_view path) const override;
     bool IsOpen(std::string_view path) const override { return m_page.Has(path); }
@@ -33,6 +38,7 @@ private:
     HttpResponse Ask(const Keyword& keyword, const HttpRequest& request);
     HttpResponse Events(const HttpRequest& request);
     HttpResponse Status(const HttpRequest& request);
+    HttpResponse Setup(const HttpRequest& request);
     HttpResponse Operations(const HttpRequest& request);
     HttpResponse Operation(const HttpRequest& request);
     HttpResponse Orders(const HttpRequest& request);
@@ -42,6 +48,7 @@ private:
 
     ZCommEnabledObject& m_bus;
     EventHub& m_events;
+    const Graph m_graph;
     const Roles m_roles;
     const JobHistory m_jobs;
     const PageFiles m_page;

@@ -6,6 +6,7 @@
 #include "MessageText.h"
 #include "NodeBase/ZCommEnabledObject.h"
 #include "ZMessages/Messages.h"
+#include "ZMessages/TrialMessages.h"
 #include "ZShared/ZProcess.h"
 #include "text/Utf8.h"
 
@@ -212,6 +213,11 @@ std::optional<bool> StatusReport::InProgress(std::shared_ptr<ZOperationsMsg> ope
         open = m_jobs.Open(open->m_Next, Until(deadline));
     }
     return open ? std::optional<bool>(true) : std::nullopt;
+}
+
+std::shared_ptr<ZSlotsMsg> StatusReport::Trials(std::chrono::milliseconds patience) const {
+    return cast_shared<ZSlotsMsg>(
+        Ask(ZEndpointType::GraphService, "slots", Z_MAKE(ZGenericRequestMsg), Clock::now() + patience));
 }
 
 std::optional<bool> StatusReport::UpdateInProgress(std::chrono::milliseconds patience) const {

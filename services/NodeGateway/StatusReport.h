@@ -11,6 +11,7 @@
 
 class ZCommEnabledObject;
 class ZMessage;
+class ZSlotsMsg;
 
 namespace gateway {
 
@@ -25,6 +26,9 @@ public:
     std::string Document(const Peer& peer, std::chrono::milliseconds patience) const;
     /// Whether an install is under way, here or on the accessory; none when nobody tells.
     std::optional<bool> UpdateInProgress(std::chrono::milliseconds patience) const;
+
+    /// Where trials stand; null when nobody tells.
+    std::shared_ptr<ZSlotsMsg> Trials(std::chrono::milliseconds patience) const;
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -79,12 +79,12 @@ std::vector<ZSettingError> ZNodeGatewayCfg::Conflicts() const {
 
 /// What the node is made of. The server is the first to go: its threads use the rest.
 struct ZNodeGateway::Parts {
-    Parts(ZNodeGateway& node, const ZNodeGatewayCfg& config, const std::string& updatesFolder)
+    Parts(ZNodeGateway& node, const ZNodeGatewayCfg& config, Resources::Graph graph)
         : where(config.m_SocketPath + (config.m_Listen.empty() ? "" : " and " + config.m_Listen) +
                 (config.m_CertificateFile.empty() ? "" : " (TLS)")),
           events(config.m_MaxEventClients, config.m_EventBacklog),
-          resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events, GroupsOf(config), updatesFolder,
-                    PageFiles::Read(ToStdString(config.m_PagePath)), NetworkAddress(config)),
+          resources(node, std::chrono::seconds(config.m_AnswerTimeoutSeconds), events, GroupsOf(config),
+                    std::move(graph), PageFiles::Read(ToStdString(config.m_PagePath)), NetworkAddress(config)),
           server(ServerSettings(config, resources.Who()), resources, events.Ready()) {}
 
     const std::string where;
@@ -102,7 +102,11 @@ ZNodeGateway::~ZNodeGateway() = default;
 bool ZNodeGateway::OnConfig(const std::shared_ptr<ZMessage>& message, const std::shared_ptr<ZConfig>& config) {
     const auto core = cast_shared<ZCoreConfigParams>(message);
     return ReadRecord<ZNodeGatewayCfg>(config, [&](const ZNodeGatewayCfg& record) {
-        m_parts = std::make_unique<Parts>(*this, record, core ? core->UpdatesFolder().string() : std::string());
+        Resources::Graph graph;
+        if (core) {
+            graph = {.file = ToStdString(core->m_GraphFile), .updatesFolder = core->UpdatesFolder().string()};
+        }
+        m_parts = std::make_unique<Parts>(*this, record, std::move(graph));
     });
 }
 

@@ -83,7 +83,7 @@ public:
         Z_FIELD(m_TokenFile)
             .Path()
             .OrEmpty()
-            .Means("Who may ask there: lines \"NAME ROLE TOKEN\" (docs/operations.md, \"Over the network\"), in a file "
+            .Means("Who may ask there: lines \"NAME ROLE TOKEN\" (docs/access.md, \"Over the network\"), in a file "
                    "that only its owner may use.",
                    "\"/etc/arbor/tokens\""),
         Z_FIELD(m_CertificateFile)

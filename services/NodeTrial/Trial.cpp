@@ -114,16 +114,16 @@ Trial::Verdict Trial::JudgeChecks(Seen& seen, std::int64_t boot) const {
     return isLate && (!seen.bHeld || lasts(seen.failingSince)) ? Verdict::GoBack : Verdict::Wait;
 }
 
-std::pair<std::string, std::string> Trial::Complaint() const {
+ZTrialFault Trial::Complaint() const {
     const Seen seen = m_seen.Copy();
     if (!seen.veto.empty()) {
-        return {seen.veto, {}};
+        return {seen.veto};
     }
     if (const auto failing = FirstFailing(seen)) {
         const std::string& name = m_rules.checks[*failing].name;
-        return {name + ": " + seen.failures.at(*failing), name};
+        return {name + ": " + seen.failures.at(*failing), ZTrialCause::Check, name};
     }
-    return {"it did not prove itself within " + std::to_string(m_rules.deadline.count()) + " s", {}};
+    return {"it did not prove itself within " + std::to_string(m_rules.deadline.count()) + " s", ZTrialCause::Late};
 }
 
 std::string Trial::Waiting() const {
@@ -172,9 +172,9 @@ ZResult<void> Trial::Confirm(const std::string& by) {
     return confirmed ? ZResult<void>() : ZError("no version is on trial any more");
 }
 
-ZResult<void> Trial::GoBack(const std::string& reason, const std::string& failedCheck) {
+ZResult<void> Trial::GoBack(const ZTrialFault& fault) {
     const std::lock_guard lock(m_controlMutex);
-    const auto failed = FailTrial(m_settings, *m_control, reason, failedCheck);
+    const auto failed = FailTrial(m_settings, *m_control, fault);
     return failed ? Leave(m_settings, *m_control) : failed.error();
 }
 
@@ -260,6 +260,7 @@ std::shared_ptr<ZSlotsMsg> Trial::Tell() const {
         return answer;
     }
     TellWay(*answer, *state);
+    TellCounts(*answer, state->counts);
     TellLast(*answer, *state);
     if (answer->m_State == "trial") {
         answer->m_Waiting = ToZString(WaitingFor(seen));
@@ -308,6 +309,20 @@ void Trial::TellWay(ZSlotsMsg& answer, const ZTrialState& state) const {
         told->m_Reason = ToZString(entry.reason);
         told->m_At = entry.at;
         answer.m_TakenBack.push_back(told);
+    }
+}
+
+void Trial::TellCounts(ZSlotsMsg& answer, const ZTrialCounts& counts) {
+    const auto tell = [&answer](const char* what, std::uint64_t count) {
+        const auto told = Z_MAKE(ZTrialCountMsg);
+        told->m_What = what;
+        told->m_Count = count;
+        answer.m_Counts.push_back(told);
+    };
+    tell("begun", counts.begun);
+    tell("confirmed", counts.confirmed);
+    for (std::size_t cause = 0; cause < counts.takenBack.size(); ++cause) {
+        tell(ToText(static_cast<ZTrialCause>(cause)), counts.takenBack.at(cause));
     }
 }
 

@@ -52,15 +52,15 @@ public:
     void AskAll(const Ask& ask);
     /// What follows from what was asked, said and vetoed so far.
     Verdict Judge();
-    /// Why it is to go back: the veto, or what has not passed in time; and the check's name.
-    std::pair<std::string, std::string> Complaint() const;
+    /// Why it is to go back: the veto, or what has not passed in time.
+    ZTrialFault Complaint() const;
     /// What is missing until it is confirmed, as a sentence.
     std::string Waiting() const;
 
     /// The version has proved itself; `by` says how. Kept, and told to the boot loader.
     ZResult<void> Confirm(const std::string& by);
     /// The version failed, or had: the one before starts next. The caller restarts the device.
-    ZResult<void> GoBack(const std::string& reason, const std::string& failedCheck);
+    ZResult<void> GoBack(const ZTrialFault& fault);
     /// Undoes a switch that had no restart yet; only the confirmed version may.
     ZResult<void> UndoSwitch();
     ZResult<void> Allow(const std::string& version);
@@ -94,6 +94,7 @@ private:
     };
     void TellSlots(ZSlotsMsg& answer, const ZTrialState& state) const;
     void TellWay(ZSlotsMsg& answer, const ZTrialState& state) const;
+    static void TellCounts(ZSlotsMsg& answer, const ZTrialCounts& counts);
     static void TellLast(ZSlotsMsg& answer, const ZTrialState& state);
     std::string WaitingFor(const Seen& seen) const;
     /// The place of the first check that must pass and does not; none when all do.

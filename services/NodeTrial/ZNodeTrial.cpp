@@ -343,9 +343,9 @@ bool ZNodeTrial_JudgeAction::Leave(ZOperation& operation, const ZSlotVersion& ve
     Trial& trial = Node().Judged();
     const ZTrialState before = trial.State();
     const bool wasLeaving = before.trial && before.trial->stage == ZTrialStage::Reverting;
-    const auto [reason, check] = trial.Complaint();
-    const std::string why = wasLeaving ? before.trial->reason : reason;
-    if (const auto done = trial.GoBack(reason, check); !done) {
+    const ZTrialFault fault = trial.Complaint();
+    const std::string why = wasLeaving ? before.trial->fault.reason : fault.reason;
+    if (const auto done = trial.GoBack(fault); !done) {
         trial.SetProblem("it failed (" + why + "), but " + done.error().text);
         Z_LOG(4, "Version %s failed: %s; but %s", version.version, why, done.error().text);
         return false;

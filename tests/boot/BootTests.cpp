@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "TestSupport.h"
 #include "ZBoot/ZBootSteps.h"
@@ -116,11 +118,11 @@ TEST_F(Boot, LinkLeadsToWhatStartsNext) {
     ASSERT_TRUE(BeginBoot(settings, *control));
     fs::remove(folder / "Slots" / "A" / "version");
     fs::remove(folder / "Slots" / "A" / "digest");
-    const auto stuck = FailTrial(settings, *control, "it is too loud", {});
+    const auto stuck = FailTrial(settings, *control, {"it is too loud"});
     ASSERT_FALSE(stuck);
     EXPECT_TRUE(stuck.error().text.starts_with("there is no way back: slot A")) << stuck.error().text;
     Write(folder / "Slots" / "A" / "version", "3.044");
-    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    ASSERT_TRUE(FailTrial(settings, *control, {"it is too loud"}));
     ASSERT_TRUE(Leave(settings, *control));
     EXPECT_EQ(control->Next()->slot, "A");
     Write(folder / "slot", "C");
@@ -136,7 +138,7 @@ TEST_F(Boot, WhatCouldNotBeLeftIsLeftAtTheNextStart) {
     ASSERT_TRUE(BeginBoot(settings, *control));
     Start("B");
     ASSERT_EQ(*BeginBoot(settings, *control), ZBootAction::GoOn);
-    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    ASSERT_TRUE(FailTrial(settings, *control, {"it is too loud"}));
     for (int boot = 0; boot < 5; ++boot) {
         EXPECT_FALSE(Leave(settings, *control)) << "the loader does not listen";
         Start("B");
@@ -187,6 +189,154 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
     EXPECT_EQ(fs::read_symlink(link), "A");
     settings.setEnvironment = "false";
     EXPECT_FALSE(Control()->Activate("A", false));
+}
+
+namespace {
+
+/// What systemd-boot does with entries at a start, as tests/boot/real_loader.py has seen it do.
+class Loader : public Boot {
+protected:
+    Loader() {
+        settings.control = "systemd-boot";
+        settings.entries = folder / "entries";
+        Write(folder / "entries/arbor-2-a.conf", "linux /a\noptions arbor.slot=A\n");
+        Write(folder / "entries/arbor-1-b.conf", "linux /b\noptions arbor.slot=B\n");
+        Write(folder / "entries/auto-other.conf", "linux /c\n");
+    }
+    std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const auto& file : fs::directory_iterator(folder / "entries")) {
+            names.push_back(file.path().filename().string());
+        }
+        std::ranges::sort(names);
+        return names;
+    }
+    /// Starts, and counts down; the slot that runs.
+    std::string Load() {
+        const std::regex form("arbor-([0-9]+)-([ab])([+]([0-9]+)(-([0-9]+))?)?[.]conf");
+        std::tuple<bool, int, std::string> best{false, -1, ""};
+        std::smatch match;
+        for (const std::string& name : Names()) {
+            if (std::regex_match(name, match, form)) {
+                best = std::max(best, {!match[3].matched || match[4] != "0", std::stoi(match[1]), name});
+            }
+        }
+        const std::string name = std::get<2>(best);
+        std::regex_match(name, match, form);
+        if (match[3].matched && match[4] != "0") {
+            const int done = match[6].matched ? std::stoi(match[6]) : 0;
+            const std::string counted = "arbor-" + match[1].str() + "-" + match[2].str() + "+" +
+                                        std::to_string(std::stoi(match[4]) - 1) + "-" + std::to_string(done + 1) +
+                                        ".conf";
+            fs::rename(folder / "entries" / name, folder / "entries" / counted);
+        }
+        const std::string slot = match[2] == "a" ? "A" : "B";
+        EXPECT_NE(Bytes(folder / "entries" / Names().front()), "");
+        Start(slot.c_str());
+        return slot;
+    }
+};
+
+}  // namespace
+
+TEST_F(Loader, CountsStartsOfAVersionOnTrialAndGoesBackByItself) {
+    const auto control = Control();
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    EXPECT_EQ(control->Next()->slot, "A");
+    EXPECT_FALSE(control->Counts());
+    EXPECT_TRUE(control->FallsBack());
+    ASSERT_TRUE(control->Activate("B", true));
+    ASSERT_TRUE(NoteNext(settings, *control));
+    EXPECT_EQ(Names(), (std::vector<std::string>{"arbor-2-a.conf", "arbor-3-b+3.conf", "auto-other.conf"}));
+    EXPECT_EQ(Bytes(folder / "entries/arbor-3-b+3.conf"), "linux /b\noptions arbor.slot=B\n");
+    ASSERT_TRUE(control->Activate("B", true));
+    EXPECT_EQ(Names().at(1), "arbor-3-b+3.conf") << "it is so already";
+    for (const char* const left : {"arbor-3-b+2-1.conf", "arbor-3-b+1-2.conf", "arbor-3-b+0-3.conf"}) {
+        EXPECT_EQ(Load(), "B");
+        EXPECT_EQ(Names().at(1), left);
+        EXPECT_EQ(*BeginBoot(settings, *control), ZBootAction::GoOn);
+        EXPECT_TRUE(control->Counts() || control->Next()->slot == "A") << "after the last one it goes back";
+    }
+    EXPECT_EQ(Load(), "A");
+    EXPECT_EQ(*BeginBoot(settings, *control), ZBootAction::GoOn);
+    const auto state = ZTrialFile(settings.state).Read();
+    EXPECT_FALSE(state->trial);
+    EXPECT_EQ(state->takenBack.size(), 1U);
+    EXPECT_EQ(Load(), "A") << "and stays";
+    ASSERT_TRUE(control->Activate("B", true));
+    EXPECT_EQ(Load(), "B") << "the next version has all its starts";
+    EXPECT_EQ(Names().at(1), "arbor-4-b+2-1.conf");
+}
+
+TEST_F(Loader, OrderlyStartsCostNothingAndWhatIsGoodIsCountedNoMore) {
+    const auto control = Control();
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    ASSERT_TRUE(control->Activate("B", true));
+    for (int start = 0; start < 5; ++start) {
+        ASSERT_EQ(Load(), "B");
+        ASSERT_TRUE(control->Uncount());
+    }
+    for (int start = 0; start < 3; ++start) {
+        ASSERT_EQ(Load(), "B");
+    }
+    EXPECT_EQ(control->Next()->slot, "A");
+    ASSERT_TRUE(control->Activate("B", false)) << "confirmed in its last start";
+    ASSERT_TRUE(control->MarkGood());
+    EXPECT_EQ(Names().at(1), "arbor-4-b.conf");
+    for (int start = 0; start < 5; ++start) {
+        ASSERT_EQ(Load(), "B");
+    }
+    ASSERT_TRUE(control->Activate("A", true));
+    ASSERT_EQ(Load(), "A");
+    ASSERT_TRUE(control->MarkGood());
+    EXPECT_EQ(Names(), (std::vector<std::string>{"arbor-4-b.conf", "arbor-5-a.conf", "auto-other.conf"}));
+    ASSERT_TRUE(control->Activate("B", false));
+    EXPECT_EQ(Load(), "B");
+}
+
+TEST_F(Loader, PowerCutsBetweenTheStepsLeaveAWayBack) {
+    const auto control = Control();
+    // What a step removes is still there, as when the power goes before that.
+    const auto cut = [&](const auto& step) {
+        fs::remove_all(folder / "before");
+        fs::copy(folder / "entries", folder / "before");
+        ASSERT_TRUE(step());
+        fs::copy(folder / "before", folder / "entries", fs::copy_options::skip_existing);
+        Write(folder / "entries/arbor-9-b.conf.new", "half");
+    };
+    for (int round = 0; round < 4; ++round) {
+        cut([&] { return control->Activate("B", true); });
+        for (int start = 0; start < 2; ++start) {
+            ASSERT_EQ(Load(), "B") << round;
+            cut([&] { return control->Uncount(); });
+        }
+        int starts = 0;
+        while (Load() == "B" && starts < 100) {
+            ++starts;
+        }
+        ASSERT_GE(starts, 3);
+        ASSERT_LE(starts, 20) << "it comes to an end";
+        cut([&] { return control->Activate("A", false); });
+        ASSERT_EQ(Load(), "A");
+        cut([&] { return control->Activate("B", true); });
+        ASSERT_EQ(Load(), "B");
+        cut([&] { return control->MarkGood(); });
+        for (int start = 0; start < 5; ++start) {
+            ASSERT_EQ(Load(), "B");
+        }
+        cut([&] { return control->Activate("A", false); });
+        ASSERT_EQ(Load(), "A");
+    }
+}
+
+TEST_F(Loader, SaysWhatIsMissing) {
+    fs::remove(folder / "entries/arbor-1-b.conf");
+    EXPECT_NE(Control()->Activate("B", true).error().text.find("no entry for slot B"), std::string::npos);
+    EXPECT_EQ(Names().size(), 2U);
+    Write(folder / "entries/arbor-1-b.conf", "");
+    EXPECT_FALSE(Control()->Activate("B", true)) << "an empty one starts nothing";
+    fs::remove_all(folder / "entries");
+    EXPECT_NE(Control()->Next().error().text.find("No such file"), std::string::npos);
 }
 
 TEST_F(Boot, CommandOfTheBuilderIsAskedAndTold) {

@@ -45,6 +45,16 @@ struct Device {
         active = "B";
         state.Install(kNew);
     }
+    std::string Counts() const {
+        const ZTrialCounts& counts = state.counts;
+        std::string text = std::to_string(counts.begun) + " begun, " + std::to_string(counts.confirmed) + " confirmed";
+        for (std::size_t cause = 0; cause < counts.takenBack.size(); ++cause) {
+            if (const std::uint64_t count = counts.takenBack.at(cause); count > 0) {
+                text += ", " + std::to_string(count) + " " + ToText(static_cast<ZTrialCause>(cause));
+            }
+        }
+        return text;
+    }
     std::string Stage() const { return state.trial ? ToText(state.trial->stage) : "none"; }
 };
 
@@ -78,6 +88,7 @@ TEST_F(TrialState, ProvesItselfOrUsesUpItsStarts) {
     good.state.Confirm("all its checks held", 7);
     EXPECT_TRUE(good.state.confirmed.SameAs(kNew));
     EXPECT_TRUE(good.state.last->bConfirmed);
+    EXPECT_EQ(good.Counts(), "1 begun, 1 confirmed");
     EXPECT_EQ(good.Boot(), 1);
 
     device.Boot();
@@ -88,6 +99,7 @@ TEST_F(TrialState, ProvesItselfOrUsesUpItsStarts) {
     ASSERT_NE(device.state.FindTakenBack("3.046", "bb"), nullptr);
     EXPECT_EQ(device.state.FindTakenBack("3.046", "cc"), nullptr) << "built anew, it is another one";
     EXPECT_NE(device.state.FindTakenBack("3.046", ""), nullptr);
+    EXPECT_EQ(device.Counts(), "1 begun, 0 confirmed, 1 starts");
     EXPECT_TRUE(device.state.Allow("3.046"));
     EXPECT_FALSE(device.state.Allow("3.046"));
 }
@@ -109,13 +121,21 @@ TEST_F(TrialState, OrderlyRestartsDoNotCountButHaveAnEnd) {
 TEST_F(TrialState, FailedCheckGoesBackOnceWhateverInterruptsThat) {
     device.Install();
     device.Boot();
-    device.state.Fail("measures: no signal", "measures");
+    device.state.Fail({"measures: no signal", ZTrialCause::Check, "measures"});
     Device cut = device;  // the power goes before the other slot was made to start next
     EXPECT_EQ(cut.Boot(), 2);
     EXPECT_EQ(cut.state.last->reason, "measures: no signal");
     device.active = "A";
     EXPECT_EQ(device.Boot(), 1);
     EXPECT_EQ(device.state.last->failedCheck, "measures");
+    EXPECT_EQ(device.Counts(), "1 begun, 0 confirmed, 1 check");
+    EXPECT_EQ(cut.Counts(), device.Counts()) << "once, whatever interrupts it";
+    device.Install();
+    device.Boot();
+    device.state.Confirm("all its checks held", 7);
+    EXPECT_EQ(device.Counts(), "2 begun, 1 confirmed, 1 check");
+    EXPECT_EQ(ZTrialState::Parse(device.state.ToText())->ToText(), device.state.ToText());
+    device.state.confirmed = kOld;
     EXPECT_TRUE(device.state.confirmed.SameAs(kOld));
 }
 
@@ -135,6 +155,7 @@ TEST_F(TrialState, BootLoaderThatGoesBackIsBelieved) {
     device.active = "A";  // its image never loaded
     device.Boot();
     EXPECT_EQ(device.state.last->reason, "it never came up, so the boot loader went back");
+    EXPECT_EQ(device.Counts(), "0 begun, 0 confirmed, 1 neverUp");
     Device linked;
     linked.Install();
     linked.active = "A";  // switched back by somebody, before a restart
@@ -146,7 +167,7 @@ TEST_F(TrialState, BootLoaderThatGoesBackIsBelieved) {
 TEST_F(TrialState, IsTheSameAfterItWasWrittenAndReadWhateverItsTextsHold) {
     device.Install();
     device.Boot();
-    device.state.Fail(std::string(100'000, '\xff') + "\"\\\n", "measures");
+    device.state.Fail({std::string(100'000, '\xff') + "\"\\\n", ZTrialCause::Check, "measures"});
     for (int entry = 0; entry < 100; ++entry) {
         device.state.takenBack.push_back(
             {"3." + std::to_string(entry), std::string(64, 'a'), std::string(400, 'x'), 1});
@@ -178,7 +199,7 @@ TEST_F(TrialState, NoSequenceOfEventsEndsInCirclesOrWithoutAVersion) {
                     any.state.Confirm("by chance", step);
                     break;
                 case 2:
-                    any.state.Fail("by chance", {});
+                    any.state.Fail({"by chance"});
                     break;
                 case 3:
                     any.state.bOrderly = true;

@@ -149,11 +149,17 @@ TEST(Follow, AScanTellsTheOutcomeOfItsOwnCheck) {
         {"Succeeded", R"(, "version": "3.046")", 0755, 0, "a.pkg: accepted, version 3.046\n"},
         {"Failed", R"(, "version": "3.1")" + Because("it is older"), 0755, 1, "rejected (version 3.1): it is older"},
         {"Cancelled", Because("its drive was removed"), 0755, 1, "cancelled: its drive was removed"},
-        {"Succeeded", "", 0644, 1, "not executable"},
+        {"Succeeded", "", 0644, 1, "not executable"},  // a device that tells of no policy
+        {"Succeeded", "", 0640, 1, "not executable"},  // one whose policy is off
+        {"Succeeded", R"(, "version": "3.046")", 0600, 0, "a.pkg: accepted, version 3.046\n"},
     };
     // clang-format on
     for (const auto& item : cases) {
         Device device;
+        if (item.mode != 0644) {
+            device.Script("/v1/trust",
+                          {200, item.mode == 0600 ? R"({"trustedSigners": "/t"})" : R"({"trustedSigners": ""})"});
+        }
         const std::string file = device.Folder() + "/a.pkg";
         const char* const opposite = item.status == 0 ? "Failed" : "Succeeded";
         device.Play({kLive, "scan",

@@ -20,6 +20,12 @@ def standing() -> dict:
         return {}
 
 
+def counters() -> str:
+    """What the gateway counts, as text."""
+    return subprocess.run(["curl", "--silent", "--unix-socket", str(paths.GATEWAY), "http://localhost/v1/metrics"],
+                          check=True, capture_output=True, text=True).stdout
+
+
 class Trial(InstrumentCase):
     TRUST = str(paths.TRUST)
 
@@ -77,6 +83,10 @@ class Trial(InstrumentCase):
         wait_until(lambda: ("3.046", "Succeeded") in self.trials(), "the journal has it")
         self.cut()
         self.assertEqual(("3.046", "confirmed"), (installed(), standing()["state"]))
+        metrics = counters()
+        for sample in ("begun_total 2", "confirmed_total 1", 'taken_back_total{cause="check"} 1', 'taken_back_total{cause="starts"} 0'):
+            self.assertIn(f"\narbor_trials_{sample}\n", metrics)
+        self.assertIn("\narbor_trial_starts_used 0\n", metrics)
 
     def test_power_cuts_use_up_the_starts_and_orderly_restarts_do_not(self) -> None:
         self.judge(holdSeconds=3600, deadlineSeconds=0)

@@ -95,6 +95,11 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
         drives->m_Devices = {"/media/M\xfcll"};
         return drives;
     });
+    answer(
+        ZEndpointType::GraphService, "slots", "ZSlotsMsg",
+        R"({"state":"trial","attempt":2,"attempts":3,"counts":[{"className":"ZTrialCountMsg","what":"begun","count":4},)"
+        R"({"className":"ZTrialCountMsg","what":"confirmed","count":1},)"
+        R"({"className":"ZTrialCountMsg","what":"neverUp","count":2}]})");
     PublishProgress(35);
     std::string status;
     EXPECT_TRUE(WaitUntil([&] {  // a loaded machine's nodes may not have told it in time
@@ -119,9 +124,20 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     for (const char* sample :
          {"arbor_requests_total{keyword=\"findupdates\",code=\"200\"} 1", "arbor_memory_bytes{state=\"in_use\"} ",
           "arbor_requests_total{keyword=\"transfer\",code=\"503\"} 1", "arbor_progress_percent 35",
-          "arbor_update_in_progress 1", "arbor_event_clients 0", "process_start_time_seconds 1"}) {
+          "arbor_update_in_progress 1", "arbor_event_clients 0", "arbor_trials_begun_total 4\n",
+          "arbor_trials_confirmed_total 1\n", "arbor_trials_taken_back_total{cause=\"neverUp\"} 2\n",
+          "arbor_trial_starts_used 2\n", "arbor_trial_starts 3\n", "process_start_time_seconds 1"}) {
         EXPECT_NE(metrics.find(std::string("\n") + sample), std::string::npos) << sample << " is not in\n" << metrics;
     }
+}
+
+TEST_F(Gateway, TellsHowTheHostRunsAndWhatItSees) {
+    ASSERT_TRUE(Start());
+    const std::string setup = Get("/v1/setup").body;
+    EXPECT_THAT(setup, testing::HasSubstr("\"updatesFolder\":\"" + updatesFolder.string() + '"'));
+    EXPECT_THAT(setup, testing::HasSubstr("\"userId\":" + std::to_string(::geteuid()) + ','));
+    EXPECT_THAT(setup, testing::HasSubstr(ReadText("/proc/self/mountinfo").substr(0, 10))) << "the table's first line";
+    EXPECT_EQ(Post("/v1/setup", "{}").status, 405);
 }
 
 TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
@@ -132,7 +148,7 @@ TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
     std::istringstream paths(
         "updatesystem compareversions findupdates getinstalledversioninfo getUpdateInProgress scan "
         "deviceProps checkCompatibility upload "
-        "transfer remoteinstall peers pair cancel forget inventory events status operations operations/{id} log "
+        "transfer remoteinstall peers pair cancel forget inventory events status setup operations operations/{id} log "
         "metrics openapi.json");
     for (std::string path; paths >> path;) {
         EXPECT_NE(text.find("\"/v1/" + path + "\":{"), std::string::npos) << path;

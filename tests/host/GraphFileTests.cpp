@@ -148,6 +148,31 @@ TEST(GraphFile, KeepsTheUpdatesFolderAwayFromWhatIsNeeded) {
     }
 }
 
+TEST(GraphFile, SaysWhatARealInstrumentStillNeeds) {
+    const TemporaryFolder folder;
+    std::filesystem::create_directories(folder / "trust");
+    const auto file = folder.Write("graph.json", R"({ "platform": { "mounts": {"/dev/x": "/x"},
+"identity": { "model": "KiteQM" } },
+"libraries": [ "libNodeArborInstall.so", "libNodeTrial.so", "libNodeGateway.so" ], "nodes": [
+{ "name": "Install", "class": "ZNodeArborInstall", "config": { "ArchiveDevice": "/dev/nothing",
+"TrustedSigners": ")" + (folder / "trust").string() +
+                                                     R"(" } },
+{ "name": "Trial", "class": "ZNodeTrial", "config": { "bootSettings": "/nowhere/boot.json" } },
+{ "name": "Gateway", "class": "ZNodeGateway", "config": {
+"developerMode": true } } ] })");
+    const std::string output = Check(file);
+    EXPECT_THAT(output, StartsWith("0\n"));
+    for (const char* const note : {":2: platform: the identity is simulated", ":1: platform: mounts are simulated",
+                                   ":3: nodes: without a ZNodeStorage", ":3: nodes: without a ZNodeJournal",
+                                   ":4: nodes[0].config: \"ArchiveDevice\" /dev/nothing is not mounted here",
+                                   ":4: nodes[0]: \"SystemInfoFilePath\" is not set",
+                                   ":5: nodes[0].config: \"TrustedSigners\" nobody is named in ",
+                                   ":6: nodes[1].config: \"bootSettings\" there is no /nowhere/boot.json",
+                                   ":8: nodes[2].config: \"developerMode\" is on"}) {
+        EXPECT_THAT(output, HasSubstr(file.string() + note));
+    }
+}
+
 TEST(GraphFile, SchemaIsMadeFromTheSettings) {
     ArbordProcess arbord({"--schema"});
     ASSERT_EQ(arbord.WaitForExit(), 0) << arbord.Output();
