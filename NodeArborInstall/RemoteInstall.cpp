@@ -306,13 +306,13 @@ bool ZNodeArborInstall_RemoteInstallAction::IsSilent(const ProgressRelay& relay)
 void ZNodeArborInstall_RemoteInstallAction::InstallProgress(std::string line, std::string component) {
     std::erase(line, '\r');
     Z_LOG(2, "Component %s output = <%s>", component, line);
-    std::smatch match;
-    if (!std::regex_search(line, match, m_progressPattern) || !match[1].matched) {
+    const auto digits = FirstGroupIn(line, m_progressPattern);
+    if (!digits) {
         return;
     }
     unsigned long percent = 0;
     try {
-        percent = std::stoul(match[1].str(), nullptr, 10);
+        percent = std::stoul(*digits, nullptr, 10);
     } catch (const std::invalid_argument&) {
         Z_LOG(3, "Invalid argument in copy progress number conversion");
         return;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <optional>
+#include <regex>
 #include <string>
 #include <string_view>
 
@@ -15,3 +17,9 @@ bool IsIPv4Address(const std::string& text);
 
 /// The text without white space at its end.
 std::string WithoutTrailingSpace(std::string text);
+
+/// What the pattern's first group finds in a line of a command's output; none when it finds nothing.
+std::optional<std::string> FirstGroupIn(const std::string& line, const std::regex& pattern);
+
+/// Finds the percentage in what the copying of a package prints.
+constexpr const char* kProgressPattern = "([0-9]{1,3})%";

@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "NodeBase/ZNodeAction.h"
+#include "ShellText.h"
 #include "ZNodeArborInstall.h"
 
 /// What the node's worker actions share; no class of its own to the factory. Each is started with RunAction under the
@@ -138,5 +139,5 @@ private:
     std::shared_ptr<ZOperation> m_operation;
     std::shared_ptr<ZMessageArray> m_answer;
 
-    std::regex m_progressPattern{"([0-9]{1,3})%"};
+    std::regex m_progressPattern{kProgressPattern};
 };

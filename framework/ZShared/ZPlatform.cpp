@@ -9,6 +9,7 @@
 #include "ZShared/ZCommandRunner.h"
 #include "ZShared/ZEeprom.h"
 #include "ZShared/ZGuarded.h"
+#include "ZShared/ZLineSplitter.h"
 #include "ZShared/ZLog.h"
 #include "ZShared/ZMountTable.h"
 
@@ -62,36 +63,6 @@ bool ReadField(ZString& text, std::string ZIdentity::*field) {
     }
 }
 
-/// Cuts what arrives into lines; a line that never ends is handed on in pieces of a bounded length.
-class LineSplitter {
-public:
-    explicit LineSplitter(const ZPlatform::LineCallback& onLine) : m_onLine(onLine) {}
-
-    void Add(std::string_view data) {
-        for (const char c : data) {
-            if (c == '\n') {
-                Finish();
-                continue;
-            }
-            m_line += c;
-            if (c == '\r' || m_line.size() >= kLongest) {
-                Finish();
-            }
-        }
-    }
-    void Finish() {
-        if (!m_line.empty() && m_onLine) {
-            m_onLine(m_line);
-        }
-        m_line.clear();
-    }
-
-private:
-    static constexpr std::size_t kLongest = std::size_t{64} * 1024;
-    const ZPlatform::LineCallback& m_onLine;
-    std::string m_line;
-};
-
 void LogComplaint(const std::string& command, const std::string& complaint) {
     Z_LOG(3, "A command complains: %s: %s", command, complaint);
 }
@@ -107,7 +78,7 @@ ZCommandResult RunLogged(const std::string& commandLine, const std::string& name
             LogComplaint(name, line);
         }
     };
-    LineSplitter complaints(log);
+    ZLineSplitter complaints(log);
     ZCommandResult result = RunShellCommand(
         commandLine, onOutput, [&](std::string_view data) { complaints.Add(data); }, limit);
     complaints.Finish();
@@ -159,7 +130,7 @@ bool ZPlatform::ExecuteCommand(const std::string& commandLine, std::string& outp
 
 bool ZPlatform::ExecuteCommand(const std::string& commandLine, const LineCallback& onLine, const DoneCallback& onDone) {
     try {
-        LineSplitter lines(onLine);
+        ZLineSplitter lines(onLine);
         const ZCommandResult result = RunLogged(
             commandLine, commandLine, [&lines](std::string_view data) { lines.Add(data); }, Settings()->commandTimeout);
         lines.Finish();

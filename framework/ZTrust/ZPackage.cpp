@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -162,11 +163,8 @@ ZPackage::Result<ZPackage> ZPackage::ReadSignature(int signature) {
         return length.error();
     }
     std::string text;
-    if (*length > kLargestDetached) {
-        return Damaged("the signature beside it is too large");
-    }
-    if (const ReadEnd end = ztrust::ReadAt(signature, 0, static_cast<std::size_t>(*length), text);
-        end != ReadEnd::Complete) {
+    const std::size_t read = static_cast<std::size_t>(std::min<std::uint64_t>(*length, kLargestDetached));
+    if (const ReadEnd end = ztrust::ReadAt(signature, 0, read, text); end != ReadEnd::Complete) {
         return Unread(end);
     }
     const std::size_t first = text.find('\n');
@@ -176,6 +174,9 @@ ZPackage::Result<ZPackage> ZPackage::ReadSignature(int signature) {
                        : Result<ZPackage>(ZVerdict{ZVerdictCode::NotPackage, "what lies beside it is no signature"});
     if (!package) {
         return package;
+    }
+    if (*length > kLargestDetached) {
+        return Damaged("the signature beside it is too large");
     }
     if (second == std::string::npos || second + 1 != text.size() || second - first - 1 > ztrust::kLargestTrailer) {
         return Damaged("the signature beside it is damaged: it is not two lines");

@@ -144,6 +144,8 @@ def header_cases(signers: Signers) -> Iterator[Case]:
     own = {1: {"signer": (1, None, "\u00e4")},
            2: {"securityNumber": (-1, 1 << 31, 1.0, "1", True, None), "trust": (None, [], "x"), "signer": ("x",)}}
     limits = {1: common, 2: {**common, "securityNumber": ("good", 0, (1 << 31) - 1), "trust": ("good", {}, nested(30))}}
+    digits = line(members_of(2)).replace(b'"b1"', b"9" * 5000, 1)  # more than some readers of JSON take, but JSON
+    yield Case("2-board-digits", signed_2(signers.release, head(digits)), "damaged")
     for number, package in ((1, package_1), (2, package_2)):
         for member in members_of(number):
             if member != "format":
@@ -273,6 +275,7 @@ def detached_cases(signers: Signers) -> Iterator[Case]:
             ("format-missing", detached(signers.release, tool, format=MISSING), "notPackage"),
             ("one-line", first, "damaged"), ("not-ended", beside[:-1], "damaged"), ("longer", beside + b"\n", "damaged"),
             ("swapped", second + first, "notPackage"), ("too-long", beside + b"x" * 131072, "damaged"),
+            ("too-long-rubbish", b"rubbish\n" + b"x" * 131072, "notPackage"),
             ("of-another-file", detached(signers.release, tool + b"#"), "damaged"),
             *((f"{member}-{count}", detached(signers.release, tool, **{member: value}), "damaged")
               for member, values in {"version": (MISSING, "x", 3), "board": (MISSING, ""), "securityNumber": (MISSING, 1.0),

@@ -17,7 +17,7 @@ def decode(data: bytes) -> dict[str, Any]:
     if not (data.startswith(b"{") and data.endswith(b"}")):
         raise ValueError("it is not a JSON object")
     try:
-        value = json.loads(data.decode("ascii"), parse_constant=_refuse)
+        value = json.loads(data.decode("ascii"), parse_int=_number, parse_constant=_refuse)
     except RecursionError:
         raise ValueError("it is nested too deeply") from None
     _check_depth(value, _MAX_DEPTH)
@@ -62,6 +62,11 @@ def binary(value: Any) -> bytes:
     if len(text(value)) % 4:
         raise ValueError("it is not Base64: its length is wrong")
     return base64.b64decode(value, validate=True)
+
+
+def _number(digits: str) -> int | float:
+    """The number; one that no member may have is just large. (int would refuse thousands of digits, which are JSON.)"""
+    return int(digits) if len(digits) <= 20 else float(digits)
 
 
 def _refuse(name: str) -> None:
