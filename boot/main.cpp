@@ -31,6 +31,13 @@ ZResult<Device> Open(const std::string& file) {
     return Device{.settings = *settings, .control = std::move(*control)};
 }
 
+int Restart(const Device& device) {
+    std::string output;
+    return ZPlatform::ExecuteCommand(device.settings.restart, output)
+               ? 0
+               : Fail(ZError(device.settings.restart + ": " + output));
+}
+
 /// Lets the confirmed version start next, and restarts.
 int GoBack(Device& device, const ZTrialState& state) {
     std::cout << "arbor-boot: version " << state.trial->version.version << " is left for " << state.confirmed.version
@@ -38,10 +45,7 @@ int GoBack(Device& device, const ZTrialState& state) {
     if (const auto done = Leave(device.settings, *device.control); !done) {
         return Fail(done.error());
     }
-    std::string output;
-    return ZPlatform::ExecuteCommand(device.settings.restart, output)
-               ? 0
-               : Fail(ZError(device.settings.restart + ": " + output));
+    return Restart(device);
 }
 
 int Start(Device& device) {
@@ -87,6 +91,25 @@ int Expire(Device& device) {
     const auto failed =
         FailTrial(device.settings, *device.control, {"nothing on it told in time that it works", ZTrialCause::Late});
     return failed ? GoBack(device, *failed) : Fail(failed.error());
+}
+
+/// The system came no further than a shell for emergencies, which nobody sees on an instrument.
+int Emergency(Device& device) {
+    const auto state = ZTrialFile(device.settings.state).Read();
+    if (state && state->confirmed.IsKnown()) {
+        if (!state->trial || state->trial->stage != ZTrialStage::Trial) {
+            return Fail(ZError("what runs is not on trial; somebody has to look at this device"));
+        }
+        const auto failed =
+            FailTrial(device.settings, *device.control, {"it came no further than emergency mode", ZTrialCause::Late});
+        return failed ? GoBack(device, *failed) : Fail(failed.error());
+    }
+    // The storage with the state is not there. A loader that counts starts ends this one's by itself.
+    if (!device.control->Counts()) {
+        return Fail(ZError("the state of trials is not there, and the boot loader does not count starts"));
+    }
+    std::cout << "arbor-boot: the state of trials is not there; the boot loader counts this start" << std::endl;
+    return Restart(device);
 }
 
 int Activate(Device& device, const std::string& slot) {
@@ -145,6 +168,8 @@ int main(int argc, char** argv) try {
     on("stop", "At the end of a boot in order: the next start does not count", [](Device& d) { return Stop(d); });
     on("expire", "Some minutes after the start: goes back when nobody judges the trial",
        [](Device& d) { return Expire(d); });
+    on("emergency", "When the system came no further than emergency mode: goes back when what runs is on trial",
+       [](Device& d) { return Emergency(d); });
     on("show", "The state, as JSON", [](const Device& d) { return Show(d); });
     app.add_subcommand("check",
                        "What is known of how this device boots, and what is wrong with it, as JSON; changes nothing")

@@ -184,7 +184,7 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
     Start("B");
     ASSERT_TRUE(BeginBoot(settings, *control));
     EXPECT_EQ(fs::read_symlink(link), "B");
-    ASSERT_TRUE(FailTrial(settings, *control, "it is too loud", {}));
+    ASSERT_TRUE(FailTrial(settings, *control, {"it is too loud"}));
     ASSERT_TRUE(Leave(settings, *control));
     EXPECT_EQ(fs::read_symlink(link), "A");
     settings.setEnvironment = "false";

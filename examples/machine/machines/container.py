@@ -53,7 +53,10 @@ class Container(Machine):
         box = self._box
         if box is None or not box.state():
             raise MachineError("the machine does not run")
-        done = box.run("sh", "-c", f"cd /; {command}")
+        try:
+            done = box.run("sh", "-c", f"cd /; {command}")
+        except subprocess.TimeoutExpired:
+            raise MachineError(f"'{command}' does not end") from None
         return Answer(done.returncode, (done.stdout + done.stderr).strip())
 
     def plug(self, files: Sequence[Path]) -> None:

@@ -19,8 +19,9 @@ from simulation.identity import INSTRUMENT
 
 from . import boot, debian
 
-INSTALLED, GOOD, BLIND, DEAD, FURTHER = "3.044", "3.045", "3.046", "3.047", "3.048"
-"""Versions: what the instrument has; a good one; one that starts but does not measure; one that does not start at all; a good one again."""
+INSTALLED, GOOD, BLIND, DEAD, FURTHER, LOST = "3.044", "3.045", "3.046", "3.047", "3.048", "3.049"
+"""Versions: what the instrument has; a good one; one that starts but does not measure; one that does not start at all; a good one again;
+one that can not mount what it needs: the data, if it is a machine."""
 
 MACHINE = debian.PROJECT / "examples/machine"
 DATA = paths.STORAGE
@@ -86,7 +87,7 @@ def _make(kind: Kind, tree: Path, folder: Path) -> None:
     fixtures.make_keys(folder)
     squashed = folder / "root.squashfs"
     debian.logged("mksquashfs", tree, squashed, "-comp", "zstd", "-Xcompression-level", "3", "-no-progress", "-e", *_LEFT_OUT)
-    for version in (INSTALLED, GOOD, BLIND, DEAD, FURTHER):
+    for version in (INSTALLED, GOOD, BLIND, DEAD, FURTHER, LOST):
         _make_image(kind, version, folder, squashed)
         (folder / f"size-{version}").write_text(str((folder / f"system-{version}.img").stat().st_size), encoding="ascii")
         if version != INSTALLED:
@@ -136,6 +137,10 @@ def _make_layer(kind: Kind, version: str, folder: Path, layer: Path) -> None:
     if kind.boots:
         mounts = f"/dev/mmcblk1p3 {DATA} ext4 noatime,x-systemd.device-timeout=60 0 2\n" + mounts
         _let_root_in(layer)
+    if version == LOST:
+        mounts = mounts.replace("/dev/mmcblk1p3", "/dev/mmcblk1p9").replace("timeout=60", "timeout=5")
+    if version == LOST and not kind.boots:
+        mounts += "more /media/more tmpfs size=nothing 0 0\n"
     (layer / "etc/fstab").write_text(mounts, encoding="ascii")
     _write_graph(kind, folder, arbor)
     if version == BLIND:

@@ -7,6 +7,7 @@ from pathlib import Path
 from typing import Sequence
 
 COMMAND_SECONDS = 180.0
+_STATE_SECONDS = 5.0
 REBOOTS = 133
 """How the container manager ends when the system inside asked for a restart; 0 when it switched itself off."""
 
@@ -38,13 +39,16 @@ class Box:
         except (OSError, IndexError):
             self._leader = 0
             return ""
-        return self.run("systemctl", "is-system-running").stdout.strip()
+        try:  # it may begin or end just now, and not answer
+            return self.run("systemctl", "is-system-running", seconds=_STATE_SECONDS).stdout.strip()
+        except subprocess.TimeoutExpired:
+            return ""
 
-    def run(self, *words: object) -> subprocess.CompletedProcess[str]:
-        """Runs a command inside, as root, and waits for its end."""
+    def run(self, *words: object, seconds: float = COMMAND_SECONDS) -> subprocess.CompletedProcess[str]:
+        """Runs a command inside, as root, and waits for its end, which must come within `seconds`."""
         return subprocess.run([*self._enter(), "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
                                "DEBIAN_FRONTEND=noninteractive", *(str(word) for word in words)],
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace", timeout=COMMAND_SECONDS, check=False)
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace", timeout=seconds, check=False)
 
     def put(self, source: Path, target: str) -> None:
         """Copies a file or folder to a place inside, also to one that is mounted there."""
