@@ -9,7 +9,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     }
     const ZBootFacts facts{.running = {"B", "2", ""}, .next = "B", .bootId = "fuzz", .bCanGoBack = true};
     state->Begin(facts);
-    state->Fail("fuzz", "fuzz");
+    state->Fail({"fuzz", ZTrialCause::Check, "fuzz"});
     const std::string text = state->ToText();
     fuzz::Must(text.size() < ZTrialState::kLargest, "it fits its place in the file");
     const auto again = ZTrialState::Parse(text);

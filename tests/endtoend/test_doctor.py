@@ -61,6 +61,15 @@ class Doctor(InstrumentCase):
         self.says("boot", "ok", "slot A runs")
         self.process = host.start()
 
+    def test_stick_that_the_host_does_not_see(self) -> None:
+        if paths.plain_mode():
+            self.skipTest("nothing can be mounted here")
+        stick = paths.STICKS / "unseen"
+        stick.mkdir()
+        self.addCleanup(stick.rmdir)
+        self.assertEqual(1, self.look("unshare", "--mount", "sh", "-c", f'mount -t tmpfs stick {stick} && exec "$0" "$@"'))
+        self.says("sticks", "fault", f"{stick} is mounted, and the host does not see it")
+
     def test_faults_of_the_disk(self) -> None:
         shutil.rmtree(paths.SLOTS / "B")
         self.assertEqual(0, self.look())
