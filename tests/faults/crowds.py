@@ -6,17 +6,12 @@ import resource
 import socket
 import threading
 
-from device import Taken, arborctl, calm, expect, expect_as_before, fresh, install, plug, taken
+from device import arborctl, at_rest, calm, expect, expect_as_before, fresh, install, plug, taken
 from simulation import gateway, paths, slots, sticks, whole
 from simulation.whole import until
 
 MEMORY_KIB = 1024  # more than this after a crowd is a leak
 CONNECTIONS = 1000
-
-
-def settled() -> Taken:
-    calm()
-    return taken()
 
 
 def plugs(chance: random.Random, times: int) -> str:
@@ -26,7 +21,7 @@ def plugs(chance: random.Random, times: int) -> str:
         plug("3.045", "3.046")
     sticks.detach()
     until(lambda: not gateway.updates(), "nothing is offered")
-    before = settled()
+    before = at_rest()
     for _ in range(times):
         sticks.attach([whole.package("3.046")])
         if chance.random() < 0.5:
@@ -71,7 +66,7 @@ def installs(_: random.Random, times: int) -> str:
     plug("3.045", "3.046")
     for _ in range(4):
         install("3.045")
-    before = settled()
+    before = at_rest()
     for number in range(times):
         install(whole.VERSIONS[number % 2])
     calm()
@@ -119,25 +114,13 @@ def connections(chance: random.Random, times: int) -> str:
         until(lambda: arborctl("status").status == 0, "the state is told")
         calm()
         if before is None:
-            before = _when_gone()
-    until(lambda: _when_gone().descriptors <= before.descriptors, "the connections are gone")
+            before = at_rest()
+    until(lambda: at_rest().descriptors <= before.descriptors, "the connections are gone")
     expect_as_before(before, MEMORY_KIB)
     plug("3.046")
     install("3.046")
     expect(slots.versions()[slots.active()] == "3.046", "it is installed")
     return f"{times} times {CONNECTIONS} connections, {answered} answers to another user; before: {before}; after: {taken()}"
-
-
-def _when_gone() -> Taken:
-    """What the host has once nothing changes any more."""
-    last = taken()
-    for _ in range(100):
-        threading.Event().wait(0.1)
-        now = taken()
-        if now.descriptors == last.descriptors:
-            return now
-        last = now
-    return last
 
 
 def _as_somebody(does):

@@ -4,6 +4,7 @@ import os
 import subprocess
 import sys
 import threading
+import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -73,8 +74,28 @@ def taken() -> Taken:
     expect(pid is not None, "arborctl's host does not run")
     status = Path(f"/proc/{pid}/status").read_text()
     memory = next(int(line.split()[1]) for line in status.splitlines() if line.startswith("RssAnon"))
-    children = sum(len(Path(f"/proc/{pid}/task/{task}/children").read_text().split()) for task in os.listdir(f"/proc/{pid}/task"))
+    children = sum(_parent(int(name)) == pid for name in os.listdir("/proc") if name.isdigit())
     return Taken(memory, len(os.listdir(f"/proc/{pid}/task")), len(os.listdir(f"/proc/{pid}/fd")), children, _files())
+
+
+def _parent(pid: int) -> int:
+    try:
+        return int(Path(f"/proc/{pid}/stat").read_text(errors="replace").rpartition(")")[2].split()[1])
+    except OSError:
+        return 0
+
+
+def at_rest() -> Taken:
+    """What it has once nothing goes on and nothing changes any more."""
+    calm()
+    found = [taken()]
+
+    def stays() -> bool:
+        time.sleep(0.2)
+        found.append(taken())
+        return found[-1].threads == found[-2].threads and found[-1].descriptors == found[-2].descriptors
+    until(stays, "the host comes to rest")
+    return found[-1]
 
 
 def _files() -> frozenset[str]:

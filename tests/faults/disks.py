@@ -10,7 +10,7 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Iterator
 
-from device import arborctl, calm, expect, expect_as_before, fresh, install, jobs, plug, restart, taken
+from device import arborctl, at_rest, calm, expect, expect_as_before, fresh, install, jobs, plug, restart
 from simulation import gateway, host, paths, places, slots, whole
 from simulation.whole import until
 
@@ -73,8 +73,7 @@ def row(place: Path, *orders):
             install("3.046")  # in peace
             arborctl("upload", str(whole.package("3.045")))
             arborctl("forget", "arbor-3.045.pkg")
-            calm()
-            before = taken()
+            before = at_rest()
             told = []
             for _ in range(times):
                 for order in orders:
@@ -83,7 +82,11 @@ def row(place: Path, *orders):
                         told.append(order(leave))
                         expect("updateInProgress" in gateway.get("status"), "the state is told")
                         calm()
+                        if place == paths.STATE and leave == 0:
+                            expect("full" in (gateway.get("status")["historyProblem"] or ""), "nobody tells that the history is lost")
+                            expect("History " in arborctl("status").told, "arborctl tells that the history is lost")
                     whole.check_slot(slots.active())
+                    until(lambda: not gateway.get("status")["historyProblem"], "the history is written again")
                     again = order(None)
                     expect(again.startswith("done"), f"with room again: {again}")
             expect_as_before(before)

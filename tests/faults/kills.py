@@ -7,8 +7,8 @@ import signal
 import time
 from pathlib import Path
 
-from device import (Command, arborctl, calm, expect, expect_as_before, expect_installed, fresh, install, jobs, package_tool, plug,
-                    reap, restart, taken)
+from device import (Command, arborctl, at_rest, calm, expect, expect_as_before, expect_installed, fresh, install, jobs, package_tool, plug,
+                    reap, restart)
 from simulation import fixtures, gateway, host, paths, slots, sticks, whole
 from simulation.whole import Broken, until
 
@@ -218,7 +218,7 @@ def rounds(activity_class: type, victim: str):
         activity.begin()  # once in peace: what is started once and kept is there then
         activity.end()
         struck: dict[str, int] = {}
-        before = taken()
+        before = at_rest()
         for number in range(times):
             activity.begin()
             name = strike(victim, chance, activity.longest)
