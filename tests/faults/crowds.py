@@ -10,8 +10,13 @@ from device import arborctl, at_rest, calm, expect, expect_as_before, fresh, ins
 from simulation import gateway, paths, slots, sticks, whole
 from simulation.whole import until
 
-MEMORY_KIB = 1024  # more than this after a crowd is a leak
 CONNECTIONS = 1000
+MANY = 100  # so many times show a leak
+
+
+def memory(times: int) -> int:
+    """KiB that the host may have more: after few times the allocator is not yet at rest."""
+    return 1024 if times >= MANY else 4096
 
 
 def plugs(chance: random.Random, times: int) -> str:
@@ -33,7 +38,7 @@ def plugs(chance: random.Random, times: int) -> str:
             until(lambda: not gateway.updates(), "nothing is offered")
     until(lambda: not gateway.updates(), "nothing is offered")
     calm()
-    expect_as_before(before, MEMORY_KIB)
+    expect_as_before(before, memory(times))
     plug("3.046")
     install("3.046")
     return f"{times} plugs; before: {before}; after: {taken()}"
@@ -70,7 +75,7 @@ def installs(_: random.Random, times: int) -> str:
     for number in range(times):
         install(whole.VERSIONS[number % 2])
     calm()
-    expect_as_before(before, MEMORY_KIB)
+    expect_as_before(before, memory(times))
     return f"{times} installs; before: {before}; after: {taken()}"
 
 
@@ -95,9 +100,9 @@ def connections(chance: random.Random, times: int) -> str:
     heads = (b"", b"GET /v1/status HTTP/1.1\r\nHost: l", b"GET /v1/openapi.json HTTP/1.1\r\nHost: localhost\r\n\r\n" * 20,
              b"GET /v1/events?log=1 HTTP/1.1\r\nHost: localhost\r\n\r\n",
              b"POST /v1/upload HTTP/1.1\r\nHost: localhost\r\nContent-Length: 100000\r\n\r\n{")
-    before = None
     answered = 0
-    for _ in range(times + 1):
+    warm = min(times, 8)  # after so many crowds the allocator has what it keeps
+    for number in range(warm + times):
         clients = _as_somebody(lambda: _connected(CONNECTIONS))
         for client in clients:
             client.setblocking(False)
@@ -113,10 +118,10 @@ def connections(chance: random.Random, times: int) -> str:
             client.close()
         until(lambda: arborctl("status").status == 0, "the state is told")
         calm()
-        if before is None:
+        if number + 1 == warm:
             before = at_rest()
     until(lambda: at_rest().descriptors <= before.descriptors, "the connections are gone")
-    expect_as_before(before, MEMORY_KIB)
+    expect_as_before(before, memory(times * 10))
     plug("3.046")
     install("3.046")
     expect(slots.versions()[slots.active()] == "3.046", "it is installed")
