@@ -172,8 +172,8 @@ def plug(*versions: str, name: str = "usb1") -> None:
 
 
 def jobs(kind: str) -> dict[str, dict]:
-    """All jobs of a kind by their ids."""
-    return {job["id"]: job for job in gateway.get(f"operations?limit=1000&kind={kind}")["operations"]}
+    """The newest jobs of a kind by their ids: few, since the host keeps the memory of the longest answer that it gave."""
+    return {job["id"]: job for job in gateway.get(f"operations?limit=10&kind={kind}")["operations"]}
 
 
 def install(version: str) -> dict:
