@@ -140,6 +140,9 @@ std::string StatusText(const json::value& status) {
     table.AddRow({"Free", SizeText(status, "updatesFree") + " for uploads, " + SizeText(status, "archiveFree") +
                               " in the archive"});
     table.AddRow({"Trust", TrustText(status)});
+    if (const std::string problem = fields::Text(status, "historyProblem"); !problem.empty()) {
+        table.AddRow({"History", "not written at present, a restart loses what is new: " + problem});
+    }
     AddRows(table, "Drives", Texts(status, "drives", DriveText), "none");
     if (fields::Flag(status, "developerMode")) {
         table.AddRow(

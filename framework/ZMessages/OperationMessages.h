@@ -62,9 +62,10 @@ class ZOperationsMsg : public ZGenericResponseMsg {
     Z_MESSAGE(ZOperationsMsg, ZGenericResponseMsg)
 public:
     ZVector<std::shared_ptr<ZOperationMsg>> m_Operations;
-    ZString m_Next;  ///< what to ask for as `before` to get the next page; empty: this was the last
+    ZString m_Next;     ///< what to ask for as `before` to get the next page; empty: this was the last
+    ZString m_Problem;  ///< why nothing is written to the disk at present, so that a restart loses it; empty: it is
 
-    Z_FIELDS(Z_FIELD(m_Operations), Z_FIELD(m_Next))
+    Z_FIELDS(Z_FIELD(m_Operations), Z_FIELD(m_Next), Z_FIELD(m_Problem))
 };
 Z_REGISTER(ZOperationsMsg)
 

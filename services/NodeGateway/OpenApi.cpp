@@ -145,6 +145,7 @@ json::object StatusSchema() {
                       {"archiveFree", Nullable("integer")},
                       {"trustedSigners", Nullable("string")},
                       {"trustProblem", Nullable("string")},
+                      {"historyProblem", Nullable("string")},
                       {"lastInstall", std::move(last)},
                       {"you", YouSchema()},
                       {"bootId", {{"type", "string"}}},

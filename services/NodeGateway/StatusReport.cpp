@@ -190,6 +190,7 @@ std::string StatusReport::Document(const Peer& peer, std::chrono::milliseconds p
     AddInventory(document, inventory);
     const auto slots = ask(ZEndpointType::GraphService, "slots");
     document["trial"] = slots ? json::parse(MessageText(*slots)) : json::value();
+    document["historyProblem"] = open ? TextOrNull(open->m_Problem) : json::value();
     document["lastInstall"] = Job(m_jobs.LastEnded(ZOperationKind::Install, Until(deadline)));
     document["you"] = {{"name", AskerOf(peer)}, {"role", RoleName(m_roles.Highest(peer))}};
     document["pageAddress"] = m_pageAddress.empty() ? json::value() : json::value(json::string(m_pageAddress));

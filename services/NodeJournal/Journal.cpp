@@ -108,6 +108,7 @@ void Journal::OnFailure(const ZError& error) {
 }
 
 void Journal::StayInMemory(const ZError& error) {
+    m_problem = error.text;
     if (!std::exchange(m_failing, true)) {
         Z_LOG(4, "%s; until it can be written the newest %zu jobs are kept in memory", error.text, kMostInMemory);
     }
@@ -308,6 +309,7 @@ std::shared_ptr<ZOperationsMsg> Journal::Answer(const ZOperationsRequestMsg& req
     for (Job& job : jobs) {
         answer->m_Operations.push_back(std::move(job.message));
     }
+    answer->m_Problem = ToZString(m_failing ? m_problem : std::string());
     return answer;
 }
 

@@ -49,6 +49,7 @@ private:
     const Bounds m_bounds;
     std::unique_ptr<JobStore> m_store;  // null: it could not be opened
     bool m_failing = false;             // the disk takes nothing, which was told
+    std::string m_problem;              // why
     bool m_tookOver = false;            // the jobs of earlier lives are known
     std::int64_t m_lastNumber = 0;
     std::map<std::int64_t, std::shared_ptr<ZOperationMsg>> m_jobs;  // the open ones, and those not written yet

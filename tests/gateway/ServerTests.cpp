@@ -76,7 +76,8 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
                                     R"("device":null,"updates":null,"progress":null,"drives":null,"operations":null,)"
                                     R"("runningSlot":null,"nextSlot":null,"nextVersion":null,"archive":null,)"
                                     R"("refused":null,"updatesFree":null,"archiveFree":null,"trustedSigners":null,)"
-                                    R"("trustDocument":null,"trustProblem":null,"trial":null,"lastInstall":null,)"));
+                                    R"("trustDocument":null,"trustProblem":null,"trial":null,"historyProblem":null,)"
+                                    R"("lastInstall":null,)"));
     EXPECT_THAT(Get("/v1/status").body, testing::ContainsRegex(R"("you":\{"name":"user [^"]+","role":"administer"\})"));
     EXPECT_THAT(Get("/v1/status").body, testing::HasSubstr(R"("bootId":")" + BootId() + '"'));
     const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {

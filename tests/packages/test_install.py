@@ -75,10 +75,10 @@ class Installing(PackageTest):
 
 class Disturbed(PackageTest):
     def test_whatever_stops_the_worker_is_reported_and_the_old_version_stays(self) -> None:
-        for fault, text in (("fsync:.digest:kill", "ended by SIGKILL"), ("write:3:ENOSPC", "No space left on device"),
-                            ("fsync:system.img:EIO", "Input/output error"), ("pread:2:EIO", "cannot be read any more"),
+        for fault, text in (("fsync:.digest:kill", "ended by SIGKILL"), ("write:3:ENOSPC", "system.img: No space left on device"),
+                            ("fsync:system.img:EIO", "system.img: Input/output error"), ("pread:2:EIO", "cannot be read any more"),
                             ("pread:2:truncate", "ended at byte"), ("replace:/digest:crash", "a fault in the installer"),
-                            ("fsync:system.img:hold", "no progress for 1 s"), ("", "File too large")):
+                            ("fsync:system.img:hold", "no progress for 1 s"), ("", "system.img: File too large")):
             with self.subTest(fault):
                 instrument = self.updated()
                 instrument.set(stallSeconds=1 if "hold" in fault else 900)

@@ -231,6 +231,7 @@ TEST_F(JournalFile, WritesAfterwardsWhatAFullDiskHadNoRoomFor) {
         journal.Take(Job("across", Failed));
         EXPECT_TRUE(journal.IsFailing());
         EXPECT_TRUE(ToldOnce("are kept in memory")) << log.All();
+        EXPECT_THAT(journal.Answer(ZOperationsRequestMsg())->m_Problem, testing::HasSubstr("disk is full"));
         EXPECT_EQ(Ids(journal).size(), 302U);
         EXPECT_THAT(Ids(journal, "Failed"), ElementsAre("across")) << "the disk has it as running";
         EXPECT_THAT(Ids(journal, "Running"), IsEmpty());
@@ -239,6 +240,7 @@ TEST_F(JournalFile, WritesAfterwardsWhatAFullDiskHadNoRoomFor) {
         fs::remove(folder / "filler");
         journal.DoRest();
         EXPECT_FALSE(journal.IsFailing()) << log.All();
+        EXPECT_EQ(journal.Answer(ZOperationsRequestMsg())->m_Problem, "");
     }
     {
         Journal journal = Opened();

@@ -12,9 +12,21 @@ def sync_directory(path: str) -> None:
     """Makes the names in directory `path` durable (created, removed and renamed entries)."""
     descriptor = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
     try:
-        os.fsync(descriptor)
+        with naming(path):
+            os.fsync(descriptor)
     finally:
         os.close(descriptor)
+
+
+@contextlib.contextmanager
+def naming(path: str) -> Iterator[None]:
+    """A system's error in the block names the file `path` when it names none: writing to an open file tells no name."""
+    try:
+        yield
+    except OSError as error:
+        if error.filename is None:
+            error.filename = path
+        raise
 
 
 @contextlib.contextmanager
@@ -45,7 +57,7 @@ def replacing(path: str, mode: int) -> Iterator[BinaryIO]:
     folder, name = os.path.split(path)
     partial = os.path.join(folder, f".{name}.partial")
     try:
-        with open(partial, "w+b") as file:
+        with naming(path), open(partial, "w+b") as file:
             yield file
             file.flush()
             os.fchmod(file.fileno(), mode)

@@ -9,6 +9,7 @@ from typing import Callable, Iterable, Iterator
 from arborinstaller import boot, trust
 from arborinstaller.boot import Choice
 from arborinstaller.failure import Failure, describe
+from arborinstaller.files import naming
 from arborinstaller.layout import CHUNK, Package
 from arborinstaller.record import Record
 from arborinstaller.settings import Settings
@@ -87,7 +88,7 @@ def _prepare(slots: Slots, plan: Plan, record: Record, report: Report) -> None:
 
 def _install(package: Package, slots: Slots, plan: Plan, report: Report) -> None:
     expected, slot = package.header.payload, plan.choice.slot
-    _write_image(package, slots.open_for_writing(slot), report)
+    _write_image(package, slots, slot, report)
     _check_image(slots.image(slot), expected.size, expected.sha256, report)
     report(f"Completing slot {slot}", _CHECKED)
     slots.seal(slot, package.header.version, expected.sha256)
@@ -95,11 +96,11 @@ def _install(package: Package, slots: Slots, plan: Plan, report: Report) -> None
     boot.switch(slots, slot, plan.conf)
 
 
-def _write_image(package: Package, descriptor: int, report: Report) -> None:
+def _write_image(package: Package, slots: Slots, slot: str, report: Report) -> None:
     expected = package.header.payload
     digest = hashlib.sha256()
     unflushed = 0
-    with open(descriptor, "wb", buffering=0) as image:
+    with naming(slots.image(slot)), open(slots.open_for_writing(slot), "wb", buffering=0) as image:
         for chunk in _counted(package.payload(), expected.size, "Writing the image", (0, _WRITTEN), report):
             digest.update(chunk)
             _write_all(image.fileno(), chunk)
@@ -121,7 +122,7 @@ def _write_all(descriptor: int, data: bytes) -> None:
 def _check_image(path: str, size: int, sha256: str, report: Report) -> None:
     """Reads the image back, from the storage and not from memory, and compares its digest."""
     digest = hashlib.sha256()
-    with open(path, "rb", buffering=0) as image:
+    with naming(path), open(path, "rb", buffering=0) as image:
         os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
         pieces = iter(lambda: image.read(min(CHUNK, size - image.tell())), b"")  # a partition goes on behind it
         for chunk in _counted(pieces, size, "Checking the image", (_WRITTEN, _CHECKED), report):
