@@ -45,6 +45,18 @@ void InstallLife::OnStarted(const ZProcessId& process) {
     m_operation->SetProcess(process);
 }
 
+bool InstallLife::FindInstaller() {
+    const auto record = ReadInstallRecord(m_slots);
+    if (!record || record->m_Operation != m_operation->Id()) {
+        return false;
+    }
+    const bool isOfThisBoot = record->m_BootId == ToZString(BootId());
+    if (const auto process = isOfThisBoot ? FindProcess(record->m_ProcessId) : std::nullopt) {
+        OnStarted(*process);
+    }
+    return true;
+}
+
 void InstallLife::OnNotStarted(const ZString& reason, ZFrameworkErrorCodes::ZErrorCode code) {
     if (Take(Event::NotStarted) == Effect::Fail) {
         m_operation->Fail(reason, code);
@@ -83,7 +95,9 @@ void InstallLife::SettleByEnd(std::optional<int> waitStatus) {
     if (SettleByRecord(waitStatus)) {
         return;
     }
-    if (!waitStatus) {
+    if (Process().id == 0) {
+        m_operation->Lose("the host ended while it ran");
+    } else if (!waitStatus) {
         m_operation->Lose("the installer ended while nobody watched it, and left no record of how");
     } else if (WIFEXITED(*waitStatus) && WEXITSTATUS(*waitStatus) == 0) {
         m_operation->Succeed();

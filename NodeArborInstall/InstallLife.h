@@ -26,6 +26,9 @@ public:
     /// The process has ended; `waitStatus` is unknown of one that was not this host's child.
     void OnEnded(std::optional<int> waitStatus);
 
+    /// Takes the process from the record that the installer of this operation has written; whether it has.
+    bool FindInstaller();
+
     ZProcessId Process() const { return m_state.Lock()->process; }
 
 private:

@@ -23,6 +23,8 @@ namespace {
 constexpr auto kCancelPatience = std::chrono::seconds(20);
 // How often is looked for what no descriptor is to be had of.
 constexpr auto kLookAgain = std::chrono::milliseconds(500);
+// An installer that was just started has written its record by then.
+constexpr auto kRecordPatience = std::chrono::seconds(10);
 
 /// Whether it is this process's child, and so its number its own until it is reaped.
 bool IsChild(const ZProcessId& process) {
@@ -56,7 +58,14 @@ bool ZNodeArborInstall_InstallAction::Work() {
         return true;
     }
     ZOperation& operation = life->Operation();
+    if (life->Process().id == 0 && !AwaitRecord(*life)) {
+        return true;
+    }
     const ZProcessId process = life->Process();
+    if (process.id == 0) {
+        life->OnEnded(std::nullopt);
+        return true;
+    }
     const std::string program = "of the install of " + ToStdString(operation.Get()->m_Version);
     const ZFileDescriptor exit(::pidfd_open(process.id, 0));
     std::optional<ZClock::time_point> killAt;
@@ -88,6 +97,18 @@ bool ZNodeArborInstall_InstallAction::Work() {
     relay.EndWhenRead();
     relay.WaitUntilFree();
     life->OnEnded(status);
+    return true;
+}
+
+bool ZNodeArborInstall_InstallAction::AwaitRecord(InstallLife& life) {
+    const auto deadline = ZClock::now() + kRecordPatience;
+    while (!life.FindInstaller() && ZClock::now() < deadline) {
+        if (Node().InShutdown()) {
+            life.Operation().LeaveOpen();
+            return false;
+        }
+        AwaitEnd(-1, {}, life.Operation(), ZClock::now() + kLookAgain);
+    }
     return true;
 }
 
@@ -152,11 +173,15 @@ void ZNodeArborInstall::Adopt(const ZOperationMsg& left) {
     const ZProcessId process{left.m_ProcessId, left.m_ProcessStart};
     const auto life = std::make_shared<InstallLife>(operation, m_slots);
     life->OnStarted(process);
-    if (left.m_BootId != ToZString(BootId()) || FindProcess(process.id) != process) {
+    // The host may have ended between the start of an installer and the note of it.
+    const bool isNoted = process.id != 0;
+    if (left.m_BootId != ToZString(BootId()) || (isNoted && FindProcess(process.id) != process)) {
         life->OnEnded(std::nullopt);
         return;
     }
-    Z_LOG(2, "The install of %s goes on: its installer (process %d) lives", left.m_Version, process.id);
+    if (isNoted) {
+        Z_LOG(2, "The install of %s goes on: its installer (process %d) lives", left.m_Version, process.id);
+    }
     m_UpdateVersion.Exchange(left.m_Version);
     m_bUpdateInProgress = true;
     m_install.Exchange(life);

@@ -83,6 +83,9 @@ class ZNodeArborInstall_InstallAction : public ZNodeArborInstallAction {
     Z_CLASS(ZNodeArborInstall_InstallAction, ZNodeAction)
 private:
     bool Work() override;
+    /// Of an installer whose process the host did not come to note: waits until it tells by its record, or could have.
+    /// False when the host stops meanwhile.
+    bool AwaitRecord(InstallLife& life);
     /// Sleeps until something is to be done. True when the process has ended.
     bool AwaitEnd(int exit, const ZProcessId& process, ZOperation& operation, std::optional<ZClock::time_point> wakeUp);
     void EndProcess(const ZProcessId& process, const ZOperation& operation, int signal);

@@ -27,9 +27,11 @@ constexpr const char* kTable =
     "CREATE INDEX open ON operations(number) WHERE \"state\" < 2;"
     "PRAGMA user_version=1;";
 
+/// An install that runs may have a process that lives on, known or not: its node finds out.
 constexpr const char* kLose =
     "UPDATE operations SET reason = CASE state WHEN 0 THEN 'the host ended before it began'"
-    " ELSE 'the host ended while it ran' END, endedAt = ?1, state = ?2 WHERE state < 2 AND processId = 0";
+    " ELSE 'the host ended while it ran' END, endedAt = ?1, state = ?2 WHERE state < 2 AND processId = 0"
+    " AND NOT (state = 1 AND kind = ?3)";
 
 std::string WriteText() {
     return "INSERT INTO operations(number," + Rows::Columns() + ") VALUES(?," + Rows::Places() +
@@ -166,7 +168,8 @@ ZResult<void> JobStore::Count() {
 
 ZResult<void> JobStore::LoseOpenJobs() {
     Statement lose(*m_database, kLose);
-    lose.Start(MillisecondsNow(), static_cast<std::int64_t>(ZOperationState::Lost));
+    lose.Start(MillisecondsNow(), static_cast<std::int64_t>(ZOperationState::Lost),
+               static_cast<std::int64_t>(ZOperationKind::Install));
     return lose.Finish();
 }
 

@@ -1,8 +1,10 @@
 """Installs in every trouble: what is told of each is what became of it."""
 
+import contextlib
 import hashlib
 import os
 import signal
+import sqlite3
 from pathlib import Path
 
 from installs import HALFWAY, MOMENTS, Install, ended, is_alive, job, jobs, percent_of, stand_still_at, stepped_package
@@ -82,6 +84,18 @@ class Restarts(OperationsCase):
                 self.assert_succeeds(install, FIRST)
                 told[install.id] = "Succeeded"
         self.assert_history(told)
+
+    def test_installer_is_found_that_the_host_did_not_come_to_note(self) -> None:
+        install = Install(FIRST, until=HALFWAY)
+        self.kill_host()
+        with contextlib.closing(sqlite3.connect(paths.STATE / "journal.sqlite")) as journal, journal:
+            journal.execute("UPDATE operations SET processId = 0, processStart = 0 WHERE id = ?", (install.id,))
+        self.start_host()
+        wait_until(lambda: job(install.id)["processId"] == install.watcher, "its process is known again")
+        self.assert_goes_on(install, 0)
+        install.go_on()
+        self.assert_succeeds(install, FIRST)
+        self.assert_history({install.id: "Succeeded"})
 
     def test_one_install_outlives_orderly_restarts_at_ten_moments(self) -> None:
         install = Install(FIRST, until=MOMENTS[0])
