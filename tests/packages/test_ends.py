@@ -5,7 +5,7 @@ import signal
 import tempfile
 import time
 
-from support import INSTALLED, LIMIT, UNIX, Instrument, PackageTest, Receiver, faulty, read, write
+from support import INSTALLED, LIMIT, UNIX, Instrument, PackageTest, Receiver, faulty, read, wait_until, write
 
 from arborinstaller.record import Record, end_of
 
@@ -53,6 +53,19 @@ class Recorded(PackageTest):
         # The record of the one before is not taken for that of one which fails.
         code, _ = instrument.install(*faulty(fault, self.newer), "--trust", instrument.packages, "--no-reboot")
         self.assertEqual((1, "3.046", "failed"), (code, instrument.record()["version"], instrument.record()["outcome"]))
+
+    def test_the_boot_loaders_program_ends_with_an_install_that_is_killed(self) -> None:
+        instrument = self.updated()
+        program, told = os.path.join(instrument.root, "loader"), os.path.join(instrument.root, "told")
+        write(program, f'#!/bin/sh\nif [ "$*" = "activate B" ]; then echo $$ > {told}.new; mv {told}.new {told}; exec sleep 300; fi\n')
+        os.chmod(program, 0o755)
+        instrument.set(bootCommand=program)
+        install = instrument.start(*faulty("", self.package), *NO_RESTART)
+        wait_until(lambda: os.path.exists(told), "the loader is being told")
+        install.kill()
+        command = f"/proc/{read(told).decode().strip()}/cmdline"
+        wait_until(lambda: not os.path.exists(command) or not read(command), "nobody goes on to switch")
+        self.assertEqual("A", instrument.active())
 
     def test_a_reason_can_be_read_by_every_program(self) -> None:
         instrument = self.updated()

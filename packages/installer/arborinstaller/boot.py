@@ -15,6 +15,7 @@ from dataclasses import dataclass
 
 from arborinstaller.failure import Failure, describe
 from arborinstaller.files import replacing
+from arborinstaller.process import end_with
 from arborinstaller.settings import Settings
 from arborinstaller.slots import NAMES, Slots
 
@@ -90,9 +91,11 @@ def settle(slots: Slots, settings: Settings) -> None:
 
 
 def _run(*command: str) -> None:
+    """Runs a program of the boot loader. It ends with this process: an install that was ended must not switch a moment later."""
+    caller = os.getpid()
     try:
         done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace",
-                              timeout=_PATIENCE, check=False)
+                              timeout=_PATIENCE, check=False, preexec_fn=lambda: end_with(caller))
     except (OSError, subprocess.TimeoutExpired) as error:
         raise Failure(f"{' '.join(command)}: {describe(error)}") from None
     if done.returncode != 0:

@@ -6,7 +6,6 @@ that document goes out, the record beside the slots says the same (record.py).
 """
 
 import contextlib
-import ctypes
 import json
 import os
 import select
@@ -20,6 +19,7 @@ from arborinstaller import boot, settings, worker
 from arborinstaller.failure import describe
 from arborinstaller.files import directory_lock, sync_directory
 from arborinstaller.layout import Package
+from arborinstaller.process import end_with
 from arborinstaller.progress import Address, Document, ProgressSink, say
 from arborinstaller.record import CANCELLED, FAILED, SUCCEEDED, Outcome, Record, end_of
 from arborinstaller.slots import Slots
@@ -29,7 +29,6 @@ _REAP_LIMIT = 5.0      # seconds for a killed worker to go; one stuck in the ker
 _REBOOT_LIMIT = 60.0
 _LAST_WORD_LIMIT = 30.0  # seconds for a receiver that went away to come back for the final document
 _LAST_WORD_BEFORE_RESTART = 6.0  # the same, where the restart waits: 10 with an attempt to connect and to send at its end
-_PR_SET_PDEATHSIG = 1
 _CANCEL_SIGNALS = (signal.SIGTERM, signal.SIGINT)
 
 
@@ -230,7 +229,7 @@ def _work(package: Package, slots: Slots, plan: worker.Plan, writer: int, watche
     """The child's whole life. It ends at once when its watcher is gone: nobody could report the end."""
     code = 1
     try:
-        _end_with(watcher)
+        end_with(watcher)
         os.setsid()
         signal.set_wakeup_fd(-1)
         for number in _CANCEL_SIGNALS:
@@ -245,15 +244,6 @@ def _work(package: Package, slots: Slots, plan: worker.Plan, writer: int, watche
         code = 0
     finally:
         os._exit(code)
-
-
-def _end_with(watcher: int) -> None:
-    """Has the kernel kill this process when its parent `watcher` ends, however that comes."""
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.prctl(_PR_SET_PDEATHSIG, ctypes.c_ulong(signal.SIGKILL), *[ctypes.c_ulong(0)] * 3) != 0:
-        raise OSError(ctypes.get_errno(), "the worker can't be tied to its watcher")
-    if os.getppid() != watcher:
-        os._exit(1)  # it was gone before the kernel knew
 
 
 def _reap(pid: int) -> int | None:
