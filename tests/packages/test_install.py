@@ -2,9 +2,11 @@
 
 import os
 import shutil
+import subprocess
+import unittest
 from unittest import mock
 
-from support import UNIX, PackageTest, Receiver, faulty
+from support import UNIX, PackageTest, Receiver, faulty, read
 
 from arborinstaller import settings
 from arborinstaller.failure import Failure
@@ -28,6 +30,7 @@ class Installing(PackageTest):
                                  ('{"stallSeconds": "x"}', "stallSeconds"), ('{"reboot": 1}', "unknown key 'reboot'"),
                                  ("{", "not a JSON"), ('{"runningSlotFile": "slot"}', "runningSlotFile: expected an absolute path"),
                                  ('{"acceptDevelopment": 1}', "acceptDevelopment: expected true or false"),
+                                 ('{"slotDevices": {"A": "/dev/a"}}', "slotDevices: expected an object with the partitions of A and B"),
                                  ('{"trust": "/t", "rebootCommand": ["a b"], "trustState": "/s", "acceptDevelopment": true}', "")):
             with self.subTest(content), open(self.path("settings.json"), "w+", encoding="utf-8") as file:
                 print(content, file=file, flush=True)
@@ -39,6 +42,39 @@ class Installing(PackageTest):
                     with mock.patch.dict(os.environ, {"ARBOR_REBOOT_COMMAND": "x 'y z'", "ARBOR_TRUST": "/u",
                                                       "ARBOR_TRUST_STATE": "", "ARBOR_ACCEPT_DEVELOPMENT": "0"}):
                         self.assertEqual(settings.Settings("/u", ("x", "y z"), trustState=""), settings.load(file.name))
+
+    @unittest.skipIf(os.geteuid() != 0, "partitions are root's")
+    def test_slots_that_are_partitions_are_written_when_nobody_uses_them(self) -> None:
+        first, second, small = (self.partition(name, size) for name, size in (("a", 8), ("b", 8), ("c", 1)))
+        instrument = self.instrument()
+
+        def install(package: str, **devices: str) -> tuple[int, str]:
+            instrument.set(slotDevices=devices)
+            return instrument.install(*faulty("", package), "--skip-verify", "--no-reboot")
+
+        for devices, problem in (({"A": self.package, "B": second}, "is not a block device"), ({"A": first, "B": first}, "are one partition"),
+                                 ({"A": small, "B": second}, "is too small")):
+            code, errors = install(self.package, **devices)
+            self.assertEqual((1, None), (code, instrument.active()))
+            self.assertIn(problem, errors)
+        used = os.open(first, os.O_RDONLY | os.O_EXCL)  # as a mount does
+        self.assertIn("Device or resource busy", install(self.package, A=first, B=second)[1])
+        os.close(used)
+        for package, device, slot in ((self.package, first, "A"), (self.newer, second, "B")):
+            code, errors = install(package, A=first, B=second)
+            self.assertEqual(0, code, errors)
+            payload = read(self.payload)
+            self.assertEqual((payload, slot), (read(device)[:len(payload)], instrument.active()))
+            self.assertEqual({"version", "digest"}, set(os.listdir(os.path.join(instrument.slots, slot))))
+
+    def partition(self, name: str, mebibytes: int) -> str:
+        """A block device of its own."""
+        file = self.path(f"{name}.disk")
+        with open(file, "wb") as disk:
+            disk.truncate(mebibytes << 20)
+        device = subprocess.run(["losetup", "--find", "--show", file], check=True, capture_output=True, text=True).stdout.strip()
+        self.addCleanup(subprocess.run, ["losetup", "--detach", device], check=True)
+        return device
 
     def test_a_dry_run_changes_nothing(self) -> None:
         instrument = self.instrument()
