@@ -12,7 +12,7 @@ sys.path[:0] = [str(PROJECT / folder) for folder in ("examples/instrument", "exa
 from machines import image, story  # noqa: E402
 from machines.container import Container  # noqa: E402
 from machines.emulated import Emulated  # noqa: E402
-from machines.image import FURTHER, GOOD, LOST  # noqa: E402
+from machines.image import FURTHER, LOST  # noqa: E402
 from machines.machine import Machine  # noqa: E402
 
 CHEAP = "--cheap" in sys.argv
@@ -25,6 +25,8 @@ class Chapters(unittest.TestCase):
     def setUpClass(cls) -> None:
         cls.factory = image.ensure(image.CONTAINER if CHEAP else image.EMULATED)
         cls.machine = cls.enterClassContext(Container(cls.factory) if CHEAP else Emulated(cls.factory))
+        cls.machine.power_on()
+        cls.machine.wait(lambda: story.asked(cls.machine, "slots")["state"] == "confirmed", "the graph runs")
 
     def run(self, result: unittest.TestResult | None = None) -> unittest.TestResult | None:
         """After a failure the chapters behind it make no sense."""
@@ -42,6 +44,7 @@ class Chapters(unittest.TestCase):
         self.machine.pull()
         self.machine.plug([self.factory.package(version)])
         self.machine.wait(lambda: version in story.offered(self.machine), f"{version} is offered")
+        self.machine.run("echo 3 > /proc/sys/vm/drop_caches")  # what was checked is read again
         slot = next(slot["slot"] for slot in story.asked(self.machine, "slots")["slots"] if not slot["running"])
         self.machine.run(f"arborctl install {version}")
         self.machine.wait(lambda: self.machine.run(f"test -e {image.DATA}/Slots/{slot}/version").status == 1, "the slot is written to")
@@ -62,13 +65,14 @@ class Chapters(unittest.TestCase):
     def test_3_power_that_goes_while_the_image_is_written_leaves_the_version_that_runs(self) -> None:
         if CHEAP:  # its installer is done before anybody could cut
             self.skipTest("see machine --cuts")
+        before = story.asked(self.machine, "status")
         starts = self.begin_install(FURTHER)
         self.machine.cut()
         self.machine.power_on()
         self.machine.wait(lambda: self.install_job()["state"] not in ("Queued", "Running"), "the install is over")
         self.assertNotEqual(self.install_job()["state"], "Succeeded")
-        self.assertEqual([start.slot for start in self.machine.starts[starts:]], ["B"])
-        self.assertEqual(story.asked(self.machine, "status")["installedVersion"], GOOD)
+        self.assertEqual([start.slot for start in self.machine.starts[starts:]], [before["runningSlot"]])
+        self.assertEqual(story.asked(self.machine, "status")["installedVersion"], before["installedVersion"])
 
     def test_4_a_kernel_that_dies_starts_again_and_the_next_update_works(self) -> None:
         starts = len(self.machine.starts)
