@@ -68,10 +68,9 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
         }
     }
     // A loader that went back by itself, or an install that was cut behind its word to the loader, has left it behind.
+    // Where it can't be turned that is no reason to stay, or not to start: the next start tries again.
     if (const auto meant = control.Next(); meant) {
-        if (const auto turned = control.TurnLink(meant->slot); !turned) {
-            return turned.error();
-        }
+        static_cast<void>(control.TurnLink(meant->slot));
     }
     return action;
 }
@@ -112,9 +111,7 @@ ZResult<void> Leave(const ZBootSettings& settings, ZBootControl& control) {
     if (const auto done = control.Activate(state->confirmed.slot, false); !done) {
         return done.error();
     }
-    if (const auto done = control.TurnLink(state->confirmed.slot); !done) {
-        return done.error();
-    }
+    static_cast<void>(control.TurnLink(state->confirmed.slot));
     // Counted once it is so: what could not be told to the loader is tried again at the next start.
     const auto counted = file.Change([](ZTrialState& kept) {
         if (kept.IsLeaving()) {
