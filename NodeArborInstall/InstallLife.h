@@ -29,6 +29,9 @@ public:
     /// Takes the process from the record that the installer of this operation has written; whether it has.
     bool FindInstaller();
 
+    /// Whether what its installer has started may still change the slots, though the installer has ended.
+    bool SlotsAreHeld() const { return AreSlotsHeld(m_slots); }
+
     ZProcessId Process() const { return m_state.Lock()->process; }
 
 private:

@@ -1,9 +1,14 @@
 #include "InstallRecord.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 
 #include "ZMessages/ZJSONCommStream.h"
+#include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZProcess.h"
 
 namespace fs = std::filesystem;
@@ -83,4 +88,9 @@ SlotState ReadSlots(const fs::path& slots) {
         state.runningVersion = ReadShort(slots / state.running / "version");
     }
     return state;
+}
+
+bool AreSlotsHeld(const fs::path& slots) {
+    const ZFileDescriptor folder(::open(slots.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && ::flock(folder.Get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }

@@ -23,3 +23,7 @@ struct SlotState {
     std::string nextVersion;
 };
 SlotState ReadSlots(const std::filesystem::path& slots);
+
+/// Whether an installer, or a boot loader's program that it has asked, may still change `slots`: they hold the lock of
+/// that folder, and the last of them to end frees it. Not to be asked beside an installer that starts.
+bool AreSlotsHeld(const std::filesystem::path& slots);

@@ -23,13 +23,18 @@ namespace {
 constexpr auto kCancelPatience = std::chrono::seconds(20);
 // How often is looked for what no descriptor is to be had of.
 constexpr auto kLookAgain = std::chrono::milliseconds(500);
-// An installer that was just started has written its record by then.
+constexpr auto kLookSoon = std::chrono::milliseconds(10);
+// An installer that was just started has written its record by then, and what a killed one has started has ended.
 constexpr auto kRecordPatience = std::chrono::seconds(10);
 
 /// Whether it is this process's child, and so its number its own until it is reaped.
 bool IsChild(const ZProcessId& process) {
     siginfo_t info{};
     return ::waitid(P_PID, static_cast<id_t>(process.id), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+bool IsThere(const ZProcessId& process) {
+    return IsChild(process) || FindProcess(process.id) == process;
 }
 
 /// Without a descriptor, which may be what is lacking.
@@ -69,7 +74,7 @@ bool ZNodeArborInstall_InstallAction::Work() {
     const std::string program = "of the install of " + ToStdString(operation.Get()->m_Version);
     const ZFileDescriptor exit(::pidfd_open(process.id, 0));
     std::optional<ZClock::time_point> killAt;
-    while (!AwaitEnd(exit.Get(), process, operation, killAt)) {
+    while (IsThere(process) && !AwaitEnd(exit.Get(), process, operation, killAt)) {
         if (Node().InShutdown()) {
             operation.LeaveOpen();  // the installer goes on, and the host's next life with it
             ZChildReaper::Instance().Watch(process.id, program);
@@ -93,6 +98,9 @@ bool ZNodeArborInstall_InstallAction::Work() {
         }
         AwaitEnd(-1, process, operation, ZClock::now() + kLookAgain);
     }
+    if (!AwaitSlots(*life)) {
+        return true;
+    }
     ProgressRelay& relay = Node().Relay(true);
     relay.EndWhenRead();
     relay.WaitUntilFree();
@@ -101,13 +109,24 @@ bool ZNodeArborInstall_InstallAction::Work() {
 }
 
 bool ZNodeArborInstall_InstallAction::AwaitRecord(InstallLife& life) {
+    return Await(
+        life, [&] { return life.FindInstaller(); }, kLookAgain);
+}
+
+bool ZNodeArborInstall_InstallAction::AwaitSlots(InstallLife& life) {
+    return Await(
+        life, [&] { return !life.SlotsAreHeld(); }, kLookSoon);
+}
+
+bool ZNodeArborInstall_InstallAction::Await(InstallLife& life, const std::function<bool()>& isSo,
+                                            ZClock::duration pause) {
     const auto deadline = ZClock::now() + kRecordPatience;
-    while (!life.FindInstaller() && ZClock::now() < deadline) {
+    while (!isSo() && ZClock::now() < deadline) {
         if (Node().InShutdown()) {
             life.Operation().LeaveOpen();
             return false;
         }
-        AwaitEnd(-1, {}, life.Operation(), ZClock::now() + kLookAgain);
+        AwaitEnd(-1, {}, life.Operation(), ZClock::now() + pause);
     }
     return true;
 }
@@ -126,7 +145,7 @@ bool ZNodeArborInstall_InstallAction::AwaitEnd(int exit, const ZProcessId& proce
 }
 
 void ZNodeArborInstall_InstallAction::EndProcess(const ZProcessId& process, const ZOperation& operation, int signal) {
-    if (IsChild(process) || FindProcess(process.id) == process) {
+    if (IsThere(process)) {
         EndInstallerProcess(operation, process.id, signal);
     }
 }
@@ -175,11 +194,12 @@ void ZNodeArborInstall::Adopt(const ZOperationMsg& left) {
     life->OnStarted(process);
     // The host may have ended between the start of an installer and the note of it.
     const bool isNoted = process.id != 0;
-    if (left.m_BootId != ToZString(BootId()) || (isNoted && FindProcess(process.id) != process)) {
+    const bool hasEnded = isNoted && FindProcess(process.id) != process;
+    if (left.m_BootId != ToZString(BootId()) || (hasEnded && !life->SlotsAreHeld())) {
         life->OnEnded(std::nullopt);
         return;
     }
-    if (isNoted) {
+    if (isNoted && !hasEnded) {
         Z_LOG(2, "The install of %s goes on: its installer (process %d) lives", left.m_Version, process.id);
     }
     m_UpdateVersion.Exchange(left.m_Version);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <regex>
 
@@ -86,6 +87,11 @@ private:
     /// Of an installer whose process the host did not come to note: waits until it tells by its record, or could have.
     /// False when the host stops meanwhile.
     bool AwaitRecord(InstallLife& life);
+    /// What an installer that was killed has started ends a moment after it, and decides how the install went.
+    /// False when the host stops meanwhile.
+    bool AwaitSlots(InstallLife& life);
+    /// Waits a while until it is so, looking again after each `pause`. False when the host stops meanwhile.
+    bool Await(InstallLife& life, const std::function<bool()>& isSo, ZClock::duration pause);
     /// Sleeps until something is to be done. True when the process has ended.
     bool AwaitEnd(int exit, const ZProcessId& process, ZOperation& operation, std::optional<ZClock::time_point> wakeUp);
     void EndProcess(const ZProcessId& process, const ZOperation& operation, int signal);

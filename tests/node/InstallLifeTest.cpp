@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 
 #include <csignal>
@@ -184,6 +186,23 @@ TEST_F(InstallLife, EndsWhatItsInstallerLeftBehindWhenThatWasKilled) {
     ::kill(process, SIGKILL);
     EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the installer was ended by SIGKILL"));
     EXPECT_TRUE(WaitUntil([&] { return !FindProcess(child); })) << "what is told as failed must not go on";
+}
+
+TEST_F(InstallLife, IsJudgedOnceNobodyHoldsTheSlots) {
+    Package("b.pkg", "3.049");
+    const fs::path slots = folder / "mount/Slots";
+    const pid_t process = Begin();
+    fs::create_directories(slots / "B");
+    ZFileDescriptor heldByItsLoader(::open(slots.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::flock(heldByItsLoader.Get(), LOCK_EX | LOCK_NB), 0);
+    folder.Write("mount/Slots/last.json", R"({"operation":")" + ToStdString(Latest().m_Id) +
+                                              R"(","version":"3.045","outcome":"running","slot":"B"})");
+    ::kill(process, SIGKILL);
+    ASSERT_TRUE(WaitUntil([&] { return !FindProcess(process); }));
+    EXPECT_EQ(Ask("3.049")->m_ErrorText, "3.045 is being installed");
+    fs::create_directory_symlink("B", slots / "active");  // what was begun is done, late
+    heldByItsLoader.Reset();
+    EXPECT_TRUE(WaitForJob("Install 3.045 Succeeded"));
 }
 
 TEST_F(InstallLife, GoesOnAfterARestartOfTheHost) {

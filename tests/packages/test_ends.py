@@ -1,5 +1,6 @@
 """How an install ends: killed at any step, orphaned, cancelled; and what its record says then."""
 
+import fcntl
 import os
 import signal
 import tempfile
@@ -11,6 +12,18 @@ from arborinstaller.record import Record, end_of
 
 NO_RESTART = ("--skip-verify", "--no-reboot")
 MEMBERS = {"operation", "version", "outcome", "reason", "slot", "bootId", "processId", "startedAt", "endedAt"}
+
+
+def is_held(slots: str) -> bool:
+    """Whether an installer, or what it has started, may still change the slots."""
+    folder = os.open(slots, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        fcntl.flock(folder, fcntl.LOCK_SH | fcntl.LOCK_NB)
+        return False
+    except BlockingIOError:
+        return True
+    finally:
+        os.close(folder)
 
 
 class Recorded(PackageTest):
@@ -64,8 +77,13 @@ class Recorded(PackageTest):
         wait_until(lambda: os.path.exists(told), "the loader is being told")
         install.kill()
         command = f"/proc/{read(told).decode().strip()}/cmdline"
-        wait_until(lambda: not os.path.exists(command) or not read(command), "nobody goes on to switch")
+        wait_until(lambda: not is_held(instrument.slots), "the slots are nobody's")
+        self.assertFalse(os.path.exists(command) and read(command), "nobody goes on to switch")
         self.assertEqual("A", instrument.active())
+        # What such a program leaves running does not keep the slots.
+        write(program, "#!/bin/sh\nsleep 300 < /dev/null > /dev/null 2>&1 &\n")
+        self.assertEqual(0, instrument.install(self.package, *NO_RESTART)[0])
+        self.assertFalse(is_held(instrument.slots))
 
     def test_a_reason_can_be_read_by_every_program(self) -> None:
         instrument = self.updated()

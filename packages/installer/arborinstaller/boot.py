@@ -73,11 +73,11 @@ def switch(slots: Slots, slot: str, settings: Settings) -> None:
     before = slots.active()
     if settings.bootCommand:
         try:
-            _run(settings.bootCommand, "activate", slot)
+            _run(settings.bootCommand, "activate", slot, lock=slots.lock)
         except Failure:
             if before is not None:
                 with contextlib.suppress(Failure):
-                    _run(settings.bootCommand, "activate", before)
+                    _run(settings.bootCommand, "activate", before, lock=slots.lock)
                 slots.activate(before)
             raise
     slots.activate(slot)
@@ -87,15 +87,18 @@ def settle(slots: Slots, settings: Settings) -> None:
     """Lets the loader start what the link leads to: an install that was ended may have told it only."""
     active = slots.active()
     if settings.bootCommand and active is not None:
-        _run(settings.bootCommand, "activate", active)
+        _run(settings.bootCommand, "activate", active, lock=slots.lock)
 
 
-def _run(*command: str) -> None:
-    """Runs a program of the boot loader. It ends with this process: an install that was ended must not switch a moment later."""
+def _run(*command: str, lock: int | None = None) -> None:
+    """Runs a program of the boot loader. It ends with this process: an install that was ended must not switch a moment later.
+
+    It shares the `lock`: as long as one holds that, nobody says how the install ended.
+    """
     caller = os.getpid()
     try:
         done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace",
-                              timeout=_PATIENCE, check=False, preexec_fn=lambda: end_with(caller))
+                              timeout=_PATIENCE, check=False, preexec_fn=lambda: end_with(caller), pass_fds=() if lock is None else (lock,))
     except (OSError, subprocess.TimeoutExpired) as error:
         raise Failure(f"{' '.join(command)}: {describe(error)}") from None
     if done.returncode != 0:

@@ -30,11 +30,11 @@ def naming(path: str) -> Iterator[None]:
 
 
 @contextlib.contextmanager
-def directory_lock(path: str, refusal: str) -> Iterator[None]:
+def directory_lock(path: str, refusal: str) -> Iterator[int]:
     """Holds the exclusive lock of directory `path`; raises Failure(`refusal`) when somebody else has it.
 
     The lock is the kernel's, on the directory itself: no lock file is left behind, whatever ends the holder.
-    A forked child shares it, so it is free again only when both are gone.
+    Whoever inherits its descriptor shares it, so it is free again only when all of them are gone, or one unlocks it.
     """
     descriptor = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
     try:
@@ -42,7 +42,7 @@ def directory_lock(path: str, refusal: str) -> Iterator[None]:
             fcntl.flock(descriptor, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except BlockingIOError:
             raise Failure(refusal) from None
-        yield
+        yield descriptor
     finally:
         os.close(descriptor)
 

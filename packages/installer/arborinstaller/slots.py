@@ -38,6 +38,7 @@ class Slots:
             raise Failure(f"the packages directory {packages_directory} does not exist")
         self.root = os.path.join(os.path.dirname(packages), "Slots")
         self._devices = devices or {}
+        self.lock: int | None = None  # the descriptor of the root's lock, while an install has it
 
     def exist(self) -> bool:
         """Whether anything has been installed, or begun, on this storage."""

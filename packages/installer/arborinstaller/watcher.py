@@ -6,6 +6,7 @@ that document goes out, the record beside the slots says the same (record.py).
 """
 
 import contextlib
+import fcntl
 import json
 import os
 import select
@@ -19,7 +20,7 @@ from arborinstaller import boot, settings, worker
 from arborinstaller.failure import describe
 from arborinstaller.files import directory_lock, sync_directory
 from arborinstaller.layout import Package
-from arborinstaller.process import end_with
+from arborinstaller.process import adopt_orphans, end_with
 from arborinstaller.progress import Address, Document, ProgressSink, say
 from arborinstaller.record import CANCELLED, FAILED, SUCCEEDED, Outcome, Record, end_of
 from arborinstaller.slots import Slots
@@ -84,7 +85,7 @@ def _install(package: Package, options: Options, conf: settings.Settings, sink: 
         slots.create()
     supervision = _Supervision(package, sink, conf.stallSeconds, cancelled)
     lock = directory_lock(slots.root, "another install is running") if slots.exist() else contextlib.nullcontext()
-    with lock:
+    with lock as slots.lock:
         record = None if options.dry_run else Record.begin(package.header.version)
         _keep(record, slots)
         try:
@@ -95,6 +96,8 @@ def _install(package: Package, options: Options, conf: settings.Settings, sink: 
             outcome = Outcome(FAILED, describe(error))
         if record and not supervision.stuck:
             _keep(_written(record, slots).ended(outcome), slots)
+        if slots.lock is not None and not supervision.stuck:
+            fcntl.flock(slots.lock, fcntl.LOCK_UN)  # also for what a boot loader's program may have left running
         return outcome
 
 
@@ -172,6 +175,7 @@ class _Supervision:
         """Starts the worker and relays its records until it ends; returns how it ended."""
         reader, writer = os.pipe()
         watcher = os.getpid()
+        adopt_orphans()
         pid = os.fork()
         if pid == 0:
             os.close(reader)
@@ -246,12 +250,21 @@ def _work(package: Package, slots: Slots, plan: worker.Plan, writer: int, watche
         os._exit(code)
 
 
+def _reap_orphans(end: float) -> None:
+    """Waits for what the worker has left: a boot loader's program that was killed with it may not have ended yet."""
+    with contextlib.suppress(ChildProcessError):  # there is none any more
+        while time.monotonic() < end:
+            if not os.waitpid(-1, os.WNOHANG)[0]:
+                time.sleep(0.01)
+
+
 def _reap(pid: int) -> int | None:
     """The wait status of the ended child, None when it would not go in time."""
     end = time.monotonic() + _REAP_LIMIT
     while True:
         found, status = os.waitpid(pid, os.WNOHANG)
         if found:
+            _reap_orphans(end)
             return status
         if time.monotonic() > end:
             return None
