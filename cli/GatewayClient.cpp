@@ -81,6 +81,16 @@ Result<json::value> GatewayClient::Send(const std::string& keyword, const json::
                    [&] { return m_connection.PostJson(path, json::serialize(message)); });
 }
 
+Result<json::value> GatewayClient::Order(const std::string& keyword, const json::value& message) {
+    auto answer = Send(keyword, message);
+    if (!answer && (answer.error().unanswered || answer.error().code == ExitCode::kInterrupted)) {
+        Failure failure = answer.error();
+        failure.text += "; whether it was done is not known (arborctl history)";
+        return failure;
+    }
+    return answer;
+}
+
 Result<json::value> GatewayClient::Perform(const std::string& path, std::chrono::milliseconds limit,
                                            const std::function<HttpReply()>& request) {
     // The library's limit is one for each piece of the answer; this loop is what bounds the whole.
@@ -100,6 +110,7 @@ Result<json::value> GatewayClient::Perform(const std::string& path, std::chrono:
     if (reply.status == 0) {
         Failure failure = Unreachable(reply.failure);
         failure.timedOut = timedOut;
+        failure.unanswered = reply.unanswered;
         return failure;
     }
     if (reply.status != kOk && reply.status != kAccepted) {

@@ -51,6 +51,10 @@ public:
     Result<boost::json::value> Send(const std::string& keyword, const boost::json::value& message,
                                     std::optional<std::chrono::milliseconds> limit = {});
 
+    /// Send() of what changes something: a device that breaks off may have done it all the same, and the failure says
+    /// so.
+    Result<boost::json::value> Order(const std::string& keyword, const boost::json::value& message);
+
 private:
     Result<boost::json::value> Perform(const std::string& path, std::chrono::milliseconds limit,
                                        const std::function<HttpReply()>& request);

@@ -113,7 +113,7 @@ Result<ExitCode> CancelJob(Session& session, const std::string& id) {
     if (job.HasEnded()) {
         return Refused(title + ": it has ended already: " + Escaped(job.StateWord()) + ", " + TimeText(job.endedAt));
     }
-    if (const auto sent = session.gateway.Send("cancel", json::object{{"id", job.id}}); !sent) {
+    if (const auto sent = session.gateway.Order("cancel", json::object{{"id", job.id}}); !sent) {
         return sent.error();
     }
     auto ended = (*watch)->Follow({job.id, {}, {}});
@@ -134,7 +134,7 @@ Result<ExitCode> CancelJob(Session& session, const std::string& id) {
 }
 
 Result<ExitCode> ForgetUpload(Session& session, const std::string& file) {
-    const auto answer = session.gateway.Send("forget", json::object{{"file", file}});
+    const auto answer = session.gateway.Order("forget", json::object{{"file", file}});
     if (!answer) {
         return answer.error();
     }

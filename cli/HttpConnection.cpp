@@ -30,9 +30,10 @@ std::string Describe(httplib::Error error, const std::string& socketPath) {
 
 HttpReply ToReply(const httplib::Result& result, const std::string& socketPath) {
     if (!result) {
-        return {0, "", "", Describe(result.error(), socketPath)};
+        const bool isSent = result.error() == httplib::Error::Read || result.error() == httplib::Error::Canceled;
+        return {0, "", "", Describe(result.error(), socketPath), isSent};
     }
-    return {result->status, result->get_header_value("Content-Type"), result->body, ""};
+    return {result->status, result->get_header_value("Content-Type"), result->body, "", false};
 }
 
 }  // namespace

@@ -14,6 +14,7 @@ struct HttpReply {
     std::string contentType;
     std::string body;
     std::string failure;
+    bool unanswered = false;  ///< The request was sent whole, then nothing came back.
 };
 
 /// HTTP over a UNIX socket: the only place that knows the HTTP library. One request at a time; Stop() may be called by

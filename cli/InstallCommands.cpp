@@ -53,7 +53,7 @@ Result<ExitCode> StartAndFollow(Session& session, const Order& order) {
         }
         watch = std::move(*begun);
     }
-    const auto answer = session.gateway.Send(order.keyword, order.message);
+    const auto answer = session.gateway.Order(order.keyword, order.message);
     if (!answer) {
         return answer.error();
     }

@@ -148,7 +148,7 @@ Result<ExitCode> Pair(Session& session, const PairOrder& order) {
         return UsageFailure(Escaped(order.publicKey) + ": a key is 64 hexadecimal digits");
     }
     const std::string key = LowerCase(order.publicKey);
-    const auto answer = session.gateway.Send(
+    const auto answer = session.gateway.Order(
         "pair",
         json::object{{"publicKey", key}, {"name", order.name}, {"address", order.address}, {"remove", order.remove}});
     if (!answer) {

@@ -23,8 +23,9 @@ struct Failure {
 
     ExitCode code = ExitCode::kRefused;
     std::string text;
-    int httpStatus = 0;     ///< Of the device's answer; 0 when the failure is none.
-    bool timedOut = false;  ///< The device was reached, and did not answer within the limit.
+    int httpStatus = 0;       ///< Of the device's answer; 0 when the failure is none.
+    bool timedOut = false;    ///< The device was reached, and did not answer within the limit.
+    bool unanswered = false;  ///< The request was sent, and what the device did about it is not known.
 };
 
 template <typename T>

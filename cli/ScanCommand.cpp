@@ -63,7 +63,7 @@ Result<ExitCode> Scan(Session& session, const std::string& given) {
     if (!watch) {
         return watch.error();
     }
-    const auto sent = session.gateway.Send("scan", json::object{{"path", path.string()}});
+    const auto sent = session.gateway.Order("scan", json::object{{"path", path.string()}});
     if (!sent) {
         return sent.error();
     }

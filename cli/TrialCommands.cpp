@@ -75,7 +75,7 @@ std::string SlotsText(const json::value& slots) {
 }
 
 Result<ExitCode> Order(Session& session, const char* keyword, const json::object& request, const std::string& done) {
-    const auto answer = session.gateway.Send(keyword, request);
+    const auto answer = session.gateway.Order(keyword, request);
     if (!answer) {
         return answer.error();
     }

@@ -132,7 +132,7 @@ Result<ExitCode> ApplyTrust(Session& session, const std::string& file) {
     if (!text) {
         return text.error();
     }
-    const auto answer = session.gateway.Send("applytrust", json::object{{"chain", *text}});
+    const auto answer = session.gateway.Order("applytrust", json::object{{"chain", *text}});
     if (!answer) {
         return answer.error();
     }

@@ -292,6 +292,10 @@ TEST(Follow, ARequestWithoutAnAnswerCanBeInterrupted) {
     device.Messages("/v1/inventory", 1);
     program->Interrupt();
     EXPECT_EQ(program->Status(), 130);
+    device.Script("/v1/updatesystem", {200, "{}", true});
+    const auto order = device.Start("--timeout 1 install 3.045");
+    EXPECT_EQ(order->Status(), 3);
+    EXPECT_THAT(order->Errors(), HasSubstr("whether it was done is not known (arborctl history)"));
 }
 
 }  // namespace

@@ -109,7 +109,8 @@ class Install:
         expect(len(new) <= 1, f"one order, and these jobs: {new}")
         state, reason = (new[0]["state"], new[0]["reason"]) if new else ("not begun", "")
         story = f"arborctl ended with {done.status} ({done.told!r}), the job is {state} ({reason!r})"
-        expect((done.status == 0) == (state == "Succeeded"), story)
+        unknown = "is not known" in done.told  # the host was killed before it had answered
+        expect((done.status == 0) == (state == "Succeeded") or (unknown and done.status == 3), story)
         expect(done.status == 0 or len(done.told.strip()) > 20, story)
         expect(state in ("Succeeded", "not begun") or bool(reason), story)
         if state == "Succeeded":
