@@ -8,7 +8,7 @@ import unittest
 from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(PROJECT / folder) for folder in ("examples/instrument", "examples/machine")]
+sys.path[:0] = [str(PROJECT / folder) for folder in ("examples/instrument", "examples/two-instruments", "examples/machine")]
 from machines import image, story  # noqa: E402
 from machines.container import Container  # noqa: E402
 from machines.emulated import Emulated  # noqa: E402
@@ -23,7 +23,7 @@ class Chapters(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls) -> None:
-        cls.factory = image.ensure(image.CONTAINER if CHEAP else image.EMULATED)
+        cls.factory, = image.ensure(image.CONTAINER if CHEAP else image.EMULATED, image.ALONE)
         cls.machine = cls.enterClassContext(Container(cls.factory) if CHEAP else Emulated(cls.factory))
         cls.machine.power_on()
         cls.machine.wait(lambda: story.asked(cls.machine, "slots")["state"] == "confirmed", "the graph runs")

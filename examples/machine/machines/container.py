@@ -25,8 +25,9 @@ _UP = ("running", "degraded")
 class Container(Machine):
     """One instrument. Make it in a mount namespace of your own: what it mounts is gone with that."""
 
-    def __init__(self, factory: Factory) -> None:
-        super().__init__()
+    def __init__(self, factory: Factory, network: Path | None = None) -> None:
+        """`network` is a network namespace; without one it has none but its own."""
+        super().__init__(factory.model.device.name)
         self._place = contextlib.ExitStack()
         self._work = self._place.enter_context(debian.workplace("container"))
         for name in ("slot", "system", "changes", "root", "told"):
@@ -35,6 +36,7 @@ class Container(Machine):
         shutil.copytree(factory.data, self._data, symlinks=True)
         self._config = self._work / "fw_env.config"
         self._config.write_text(f"{self._data}/uboot.env 0x0 0x4000\n", encoding="ascii")
+        self._network = network
         self._box: Box | None = None
         self._powered = False
         self._loader: threading.Thread | None = None
@@ -116,7 +118,7 @@ class Container(Machine):
                 (self._work / "told/slot").write_text(f"{start.slot}\n", encoding="ascii")
                 self.starts.append(start)
                 self._box = Box(self._work / "root", self._work / "console",
-                                [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}"])
+                                [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}"], name=self.name, network=self._network)
                 while self._box.ended is None:
                     time.sleep(0.02)
                 if self._box.ended == 0:  # switched off

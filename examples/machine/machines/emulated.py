@@ -14,7 +14,7 @@ from pathlib import Path
 from typing import Any, BinaryIO, Sequence
 
 from . import debian
-from .image import MACHINE, Factory, INSTALLED
+from .image import MACHINE, Factory
 from .machine import Answer, Machine, MachineError, Start
 
 _LOADER = Path("/usr/lib/u-boot/qemu_arm64/u-boot.bin")
@@ -30,14 +30,15 @@ class Emulated(Machine):
 
     patience = 900.0  # an emulated second is a long one while others use the processor, too
 
-    def __init__(self, factory: Factory) -> None:
-        super().__init__()
+    def __init__(self, factory: Factory, cable: Sequence[Path] = ()) -> None:
+        """`cable` has its own end and the other's, two sockets that the emulators make."""
+        super().__init__(factory.model.device.name)
         self._place = contextlib.ExitStack()
         self._work = self._place.enter_context(debian.workplace("emulated"))
         self._emulator: subprocess.Popen[bytes] | None = None
         self._console: _Console | None = None
         self._monitor: _Monitor | None = None
-        self._answered = 0  # starts that came to a prompt which was waited for
+        self._network = _network(*cable) if cable else []
         self._sticks = 0
         self._stick = ""
         _make_disk(factory, self._work)
@@ -57,7 +58,7 @@ class Emulated(Machine):
              # The board's own memory comes first, so that the card is the second, /dev/mmcblk1.
              "-drive", f"if=none,id=none,file={work}/none.img,format=raw", "-device", "sdhci-pci", "-device", "sd-card,drive=none",
              "-device", "sdhci-pci", "-device", "sd-card,drive=card",
-             "-device", "virtio-rng-pci", "-device", "qemu-xhci,id=usb", "-device", "i6300esb", "-action", "watchdog=reset",
+             *self._network, "-device", "virtio-rng-pci", "-device", "qemu-xhci,id=usb", "-device", "i6300esb", "-action", "watchdog=reset",
              "-chardev", f"socket,id=console,path={work}/console,server=on,wait=off", "-serial", "chardev:console",
              "-qmp", f"unix:{work}/monitor,server=on,wait=off", "-S"],
             stdin=subprocess.DEVNULL, stderr=open(work / "emulator.log", "ab"))
@@ -246,6 +247,12 @@ class _Monitor:
         return told
 
 
+def _network(own: Path, other: Path) -> list[str]:
+    end = f"local.type=unix,local.path={own},remote.type=unix,remote.path={other}"
+    number = 1 if own < other else 2
+    return ["-netdev", f"dgram,id=cable,{end}", "-device", f"virtio-net-pci,netdev=cable,mac=52:54:00:00:00:0{number}"]
+
+
 def _partition(image: Path, size: int, label: str, parts: list[tuple[str, int, Path | None]]) -> None:
     """Makes a disk of `size` MiB with partitions: name, size in MiB, what stands in it."""
     with open(image, "wb") as file:
@@ -262,7 +269,7 @@ def _partition(image: Path, size: int, label: str, parts: list[tuple[str, int, P
 
 
 def _make_disk(factory: Factory, work: Path) -> None:
-    first = factory.image(INSTALLED)
+    first = factory.image(factory.model.installed)
     script, loader = work / "boot.scr", work / "loader.img"
     debian.logged("mkimage", "-A", "arm64", "-T", "script", "-C", "none", "-d", MACHINE / "boot.cmd", script)
     with open(loader, "wb") as file:

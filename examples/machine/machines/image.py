@@ -14,8 +14,10 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
+from pair import devices
+from pair.devices import Station
 from simulation import fixtures, furnish, paths
-from simulation.identity import INSTRUMENT
+from simulation.identity import INSTRUMENT, Device
 
 from . import boot, debian
 
@@ -45,15 +47,36 @@ class Kind:
         return bool(self.devices)
 
 
+@dataclass(frozen=True)
+class Model:
+    """What tells one machine from another: who it is, the version that it leaves the factory with, and those that there are packages of.
+    `station` is its place beside the other of two."""
+
+    device: Device
+    installed: str
+    brought: tuple[str, ...]
+    station: Station | None = None
+
+    @property
+    def versions(self) -> tuple[str, ...]:
+        """Those that there are images of."""
+        return (self.installed, *self.brought)
+
+
+ALONE = Model(INSTRUMENT, INSTALLED, (GOOD, BLIND, DEAD, FURTHER, LOST))
+# The host has the accessory's version in its archive, and builds the package when it is asked for.
+HOST = Model(devices.CART.device, GOOD, (), devices.CART)
+ACCESSORY = Model(devices.PALM.device, INSTALLED, (GOOD,), devices.PALM)
 CONTAINER = Kind("container", debian.NATIVE, f"{DATA}/uboot.env", {}, 10, 12.0)
 EMULATED = Kind("emulated", debian.ARM, "/dev/disk/by-partlabel/env", {slot: f"/dev/disk/by-partlabel/root{slot}" for slot in "AB"}, 60, 120.0)
 
 
 @dataclass(frozen=True)
 class Factory:
-    """All that is made in advance for a kind of machine."""
+    """All that is made in advance for a machine of a kind."""
 
     kind: Kind
+    model: Model
     folder: Path
 
     def image(self, version: str) -> Path:
@@ -74,36 +97,65 @@ class Factory:
         return self.folder / "data"
 
 
-def ensure(kind: Kind) -> Factory:
-    """Makes what is missing, which takes minutes the first time."""
+def ensure(kind: Kind, *models: Model) -> list[Factory]:
+    """Makes what is missing, which takes minutes the first time. One key signs for all of the models."""
     tree = debian.tree(kind.architecture)
     sources = [Path(__file__), Path(boot.__file__), *sorted(path for path in (MACHINE / "system").rglob("*") if path.is_file())]
     mark = hashlib.sha256(str(tree).encode() + b"".join(path.read_bytes() for path in sources))
-    return Factory(kind, debian.kept(f"factory-{kind.name}-", mark.hexdigest(), lambda folder: _make(kind, tree, folder)))
+    name = "-".join(("factory", kind.name, *(model.device.name for model in models), ""))
+    folder = debian.kept(name, mark.hexdigest(), lambda place: _make(kind, models, tree, place))
+    return [_factory(kind, model, folder) for model in models]
 
 
-def _make(kind: Kind, tree: Path, folder: Path) -> None:
+def _factory(kind: Kind, model: Model, folder: Path) -> Factory:
+    return Factory(kind, model, folder / model.device.name)
+
+
+def _make(kind: Kind, models: tuple[Model, ...], tree: Path, folder: Path) -> None:
     folder.mkdir()
     fixtures.make_keys(folder)
     squashed = folder / "root.squashfs"
     debian.logged("mksquashfs", tree, squashed, "-comp", "zstd", "-Xcompression-level", "3", "-no-progress", "-e", *_LEFT_OUT)
-    for version in (INSTALLED, GOOD, BLIND, DEAD, FURTHER, LOST):
-        _make_image(kind, version, folder, squashed)
-        (folder / f"size-{version}").write_text(str((folder / f"system-{version}.img").stat().st_size), encoding="ascii")
-        if version != INSTALLED:
-            debian.logged("python3", "-B", fixtures.PACKAGES / "arbor-pkg", "build", "--version", version, "--board", INSTRUMENT.board, "--payload",
-                          folder / f"system-{version}.img", "--key", folder / "keys/key.pem", "--cert", folder / "keys/cert.pem", "-o",
-                          folder / f"arbor-{version}.pkg")
-            (folder / f"system-{version}.img").unlink()
+    for model in models:
+        (folder / model.device.name).mkdir()
+        for version in model.versions:
+            _make_image(_factory(kind, model, folder), version, squashed)
     squashed.unlink()
-    _make_data(kind, folder)
+    for model in models:
+        _make_data(_factory(kind, model, folder))
+    if HOST in models:
+        _fill_archive(_factory(kind, HOST, folder), _factory(kind, ACCESSORY, folder))
+    for model in models:
+        _make_packages(_factory(kind, model, folder))
 
 
-def _make_image(kind: Kind, version: str, folder: Path, squashed: Path) -> None:
+def _packaged(factory: Factory, version: str, verb: str, *target: object) -> None:
+    """Makes of an image what brings it."""
+    keys = factory.folder.parent / "keys"
+    debian.logged("python3", "-B", fixtures.PACKAGES / "arbor-pkg", verb, "--version", version, "--board", factory.model.device.board, "--payload",
+                  factory.image(version), "--key", keys / "key.pem", "--cert", keys / "cert.pem", *target)
+
+
+def _make_packages(factory: Factory) -> None:
+    """The images are in them then, and nowhere else."""
+    for version in factory.model.brought:
+        _packaged(factory, version, "build", "-o", factory.package(version))
+        factory.image(version).unlink()
+
+
+def _fill_archive(host: Factory, accessory: Factory) -> None:
+    version = host.model.installed
+    place = host.data / "Packages" / version
+    _packaged(accessory, version, "archive", place)
+    (place / "arbor_qm.pkg").unlink()  # it is to be built
+
+
+def _make_image(factory: Factory, version: str, squashed: Path) -> None:
+    kind, folder = factory.kind, factory.folder
     content = folder / "content"
     content.mkdir()
     (content / "root.squashfs").hardlink_to(squashed)
-    _make_layer(kind, version, folder, content / "layer")
+    _make_layer(factory, version, content / "layer")
     if kind.boots:
         pieces = boot.ensure()
         (content / "boot").mkdir()
@@ -111,7 +163,8 @@ def _make_image(kind: Kind, version: str, folder: Path, squashed: Path) -> None:
             shutil.copy(piece, content / "boot")
         shutil.copytree(pieces.modules, content / "layer/usr/lib/modules")
     size = sum(path.stat().st_blocks * 512 for path in content.rglob("*")) * 21 // 20 + (4 << 20)
-    image = folder / f"system-{version}.img"
+    image = factory.image(version)
+    (folder / f"size-{version}").write_text(str(size >> 20 << 20), encoding="ascii")
     with open(image, "wb") as file:
         file.truncate(size >> 20 << 20)
     # The simplest form of the file system, which every boot loader reads.
@@ -119,30 +172,32 @@ def _make_image(kind: Kind, version: str, folder: Path, squashed: Path) -> None:
     shutil.rmtree(content)
 
 
-def _make_layer(kind: Kind, version: str, folder: Path, layer: Path) -> None:
+def _make_layer(factory: Factory, version: str, layer: Path) -> None:
+    kind, device = factory.kind, factory.model.device
     shutil.copytree(MACHINE / "system", layer, symlinks=True)
     arbor = layer / "etc/arbor"
     arbor.mkdir()
-    shutil.copytree(folder / "trust", arbor / "trust")
+    shutil.copytree(factory.folder.parent / "trust", arbor / "trust")
     furnish.write_json(arbor / "Manifest.json", {
         "className": "ZSystemManifestMsg", "systemVersion": version, "installerVersion": "1.0", "installerPath": "installer",
-        "components": [{"name": "system", "version": version, "board": INSTRUMENT.board}]})
-    (arbor / "eeprom").write_bytes(furnish.eeprom_image(INSTRUMENT.model, INSTRUMENT.serial_number, INSTRUMENT.board))
+        "components": [{"name": "system", "version": version, "board": device.board}]})
+    (arbor / "eeprom").write_bytes(furnish.eeprom_image(device.model, device.serial_number, device.board))
     furnish.write_json(arbor / "boot.json", {"control": "uboot-env", "slots": str(paths.SLOTS), "state": "/var/lib/arbor/trial"})
     furnish.write_json(arbor / "installer.json", {"bootCommand": "/usr/bin/arbor-boot"} | ({"slotDevices": kind.devices} if kind.devices else {}))
     (layer / "etc/fw_env.config").write_text(f"{kind.environment} 0x0 0x4000\n", encoding="ascii")
-    (layer / "etc/hostname").write_text("instrument\n", encoding="ascii")
-    (layer / "etc/hosts").write_text("127.0.0.1 localhost instrument\n", encoding="ascii")
+    (layer / "etc/hostname").write_text(f"{device.name}\n", encoding="ascii")
+    (layer / "etc/hosts").write_text(f"127.0.0.1 localhost {device.name}\n", encoding="ascii")
     mounts = f"{DATA}/state /var/lib/arbor none bind 0 0\n"
     if kind.boots:
         mounts = f"/dev/mmcblk1p3 {DATA} ext4 noatime,x-systemd.device-timeout=60 0 2\n" + mounts
         _let_root_in(layer)
+        _lay_cable(factory, layer)
     if version == LOST:
         mounts = mounts.replace("/dev/mmcblk1p3", "/dev/mmcblk1p9").replace("timeout=60", "timeout=5")
     if version == LOST and not kind.boots:
         mounts += "more /media/more tmpfs size=nothing 0 0\n"
     (layer / "etc/fstab").write_text(mounts, encoding="ascii")
-    _write_graph(kind, folder, arbor)
+    _write_graph(factory, arbor)
     if version == BLIND:
         (layer / "usr/share/instrument/calibration").unlink()
     if version == DEAD:
@@ -157,8 +212,21 @@ def _let_root_in(layer: Path) -> None:
     (layer / "etc/shadow").chmod(0o640)
 
 
-def _write_graph(kind: Kind, folder: Path, arbor: Path) -> None:
+def _lay_cable(factory: Factory, layer: Path) -> None:
+    """A machine that has a network has it set up by the service manager."""
+    if station := factory.model.station:
+        place = layer / "etc/systemd"
+        (place / "network").mkdir()
+        (place / "network/cable.network").write_text(
+            f"[Match]\nType=ether\n[Network]\nAddress={station.address}/{devices.NETWORK_BITS}\n", encoding="ascii")
+        wanted = place / "system/multi-user.target.wants"
+        wanted.mkdir(parents=True, exist_ok=True)
+        (wanted / "systemd-networkd.service").symlink_to("/lib/systemd/system/systemd-networkd.service")
+
+
+def _write_graph(factory: Factory, arbor: Path) -> None:
     """The graph of the package, with what an integrator sets in it."""
+    kind, station = factory.kind, factory.model.station
     graph = json.loads((debian.tree(kind.architecture) / "etc/arbor/graph.json").read_text(encoding="utf-8"))
     graph["platform"]["eeprom"] = "/etc/arbor/eeprom"
     if not kind.boots:
@@ -167,19 +235,26 @@ def _write_graph(kind: Kind, folder: Path, arbor: Path) -> None:
     nodes["ArborInstall"]["config"]["AllowDowngrades"] = True
     nodes["Trial"]["config"] = {"pauseSeconds": 1, "holdSeconds": 3, "deadlineSeconds": kind.deadline,
                        "checks": ["must measures 20 /usr/libexec/selftest", "must identity 10 request 3:deviceProps"]}
+    nodes["DeviceProps"]["config"]["deviceType"] = factory.model.device.role
+    if station:
+        graph["libraries"] += ["libNodeFileIO.so", "libNodePeer.so"]
+        peer: dict = {"keyFile": "/var/lib/arbor/link-key.json", "pinsFile": "/var/lib/arbor/link-pins.json", "exports": list(station.exports)}
+        graph["nodes"] += [{"name": "FileIO", "class": "ZNodeFileIO", "required": False, "config": {}},
+                           {"name": "Peer", "class": "ZNodePeer", "required": False,
+                            "config": peer | ({"listen": station.link_address} if station.listens else {})}]
     furnish.write_json(arbor / "graph.json", graph)
 
 
-def _make_data(kind: Kind, folder: Path) -> None:
-    data = folder / "data"
+def _make_data(factory: Factory) -> None:
+    kind, folder, data = factory.kind, factory.folder, factory.data
     for place in ("Packages", "state", "Slots"):
         (data / place).mkdir(parents=True)
-    first = folder / f"system-{INSTALLED}.img"
+    first = factory.image(factory.model.installed)
     digest = hashlib.sha256(first.read_bytes()).hexdigest()
     for slot in "AB":
         place = data / "Slots" / slot
         place.mkdir()
-        (place / "version").write_text(f"{INSTALLED}\n", encoding="ascii")
+        (place / "version").write_text(f"{factory.model.installed}\n", encoding="ascii")
         (place / "digest").write_text(f"{digest}\n", encoding="ascii")
         if not kind.devices:
             (place / "system.img").hardlink_to(first)

@@ -32,7 +32,8 @@ class Machine:
     patience = 60.0
     """Seconds for anything that has to come, a start among it."""
 
-    def __init__(self) -> None:
+    def __init__(self, name: str) -> None:
+        self.name = name
         self.starts: list[Start] = []
 
     def power_on(self) -> None:

@@ -15,14 +15,18 @@ REBOOTS = 133
 class Box:
     """One start of a system from a folder. Its end is seen in `ended`; who makes it has to see to that end."""
 
-    def __init__(self, root: Path, console: Path, binds: Sequence[str] = (), groups: Sequence[Path] = (), init: str = "") -> None:
+    def __init__(self, root: Path, console: Path, binds: Sequence[str] = (), groups: Sequence[Path] = (), init: str = "",
+                 name: str = "instrument", network: Path | None = None) -> None:
         """`binds` are options of the container manager; `groups` are groups of processes to start in, which it makes the container's own;
-        `init` is a program of the system to start instead of the service manager."""
+        `init` is a program of the system to start instead of the service manager; `name` is what the container manager knows it by;
+        `network` is a network namespace, else it has one for itself."""
+        networks = [f"--network-namespace-path={network}", "--capability=CAP_NET_ADMIN"] if network else ["--private-network"]
         with open(console, "ab") as output:
             self._nspawn = subprocess.Popen(
                 ["sh", "-euc", 'for group; do shift; [ "$group" = -- ] && break; echo $$ > "$group/cgroup.procs"; done; exec "$@"', "sh", *groups, "--",
                  "setpriv", "--pdeathsig", "TERM", "systemd-nspawn", "--quiet", "--directory", root, "--register=no", "--keep-unit",
-                 "--private-network", "--console=pipe", "--machine=instrument", "--kill-signal=SIGRTMIN+3", *binds, *([init] if init else ["--boot"])],
+                 *networks, "--console=pipe", f"--machine={name}", "--kill-signal=SIGRTMIN+3", *binds,
+                 *([init] if init else ["--boot"])],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True)
         self._leader = 0
 

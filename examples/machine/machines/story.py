@@ -23,7 +23,7 @@ def offered(machine: Machine) -> list[str]:
 
 def shown(machine: Machine, command: str) -> None:
     """Runs a command inside as a person would, before the reader's eyes."""
-    print(f"instrument# {command}", flush=True)
+    print(f"{machine.name}# {command}", flush=True)
     answer = machine.run(command)
     print(answer.text, flush=True)
     if answer.status != 0:

@@ -23,7 +23,7 @@ def live(name: str, stock: Path) -> int:
         others_key = sys.stdin.readline().strip()
         if not others_key:
             return 1
-        network.come_up(station)
+        network.come_up(station, os.getpid())
         system.prepare(station, others_key)
         services.start(station)
         host.start()

@@ -14,20 +14,16 @@ def join(first: int, second: int) -> None:
     _ip_of(first, "link", "add", "name", INTERFACE, "type", "veth", "peer", "name", INTERFACE, "netns", str(second))
 
 
-def come_up(station: Station) -> None:
-    """Inside a device: gives its end the device's address and switches it on."""
-    _ip("address", "add", f"{station.address}/{NETWORK_BITS}", "dev", INTERFACE)
-    _ip("link", "set", "dev", INTERFACE, "up")
-    _ip("link", "set", "dev", "lo", "up")
+def come_up(station: Station, process: int) -> None:
+    """Gives the end in the network namespace of `process` the device's address and switches it on."""
+    _ip_of(process, "address", "add", f"{station.address}/{NETWORK_BITS}", "dev", INTERFACE)
+    for interface in (INTERFACE, "lo"):
+        _ip_of(process, "link", "set", "dev", interface, "up")
 
 
 def switch(process: int, on: bool) -> None:
     """Switches the end in the network namespace of `process`: off is a pulled cable for the device at the other end."""
     _ip_of(process, "link", "set", "dev", INTERFACE, "up" if on else "down")
-
-
-def _ip(*arguments: str) -> None:
-    _run(["ip", *arguments])
 
 
 def _ip_of(process: int, *arguments: str) -> None:
