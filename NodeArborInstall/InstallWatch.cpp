@@ -171,16 +171,26 @@ std::optional<int> ZNodeArborInstall_InstallAction::Reap(const ZProcessId& proce
     return status;
 }
 
+std::shared_ptr<ZOperationsMsg> ZNodeArborInstall::AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request) {
+    std::shared_ptr<ZMessage> answer;
+    constexpr auto kPatience = std::chrono::seconds(3);
+    PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "operations", 0), request, &answer,
+                       {true, false, kPatience});
+    return ZCAST(ZOperationsMsg, answer);
+}
+
+void ZNodeArborInstall::AwaitNote(const ZOperation& operation) {
+    const auto request = Z_MAKE(ZOperationsRequestMsg);
+    request->m_Id = operation.Id();
+    AskJournal(request);
+}
+
 void ZNodeArborInstall::AdoptInstalls() {
     const auto request = Z_MAKE(ZOperationsRequestMsg);
     request->m_Node = Name();
     request->m_State = "Open";
     request->m_Kind = "Install";  // others have no process that could live on
-    std::shared_ptr<ZMessage> answer;
-    constexpr auto kPatience = std::chrono::seconds(3);
-    PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "operations", 0), request, &answer,
-                       {true, false, kPatience});
-    if (const auto left = ZCAST(ZOperationsMsg, answer)) {
+    if (const auto left = AskJournal(request)) {
         for (const auto& operation : left->m_Operations) {
             Adopt(*operation);
         }

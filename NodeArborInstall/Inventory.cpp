@@ -104,6 +104,9 @@ bool ZNodeArborInstall::ForgetFile(const fs::path& file) {
 }
 
 void ZNodeArborInstall::RemoveRefusedUploads(const ZMessageArray& results) {
+    if (m_trust.IsOn() && !m_trust.CanJudge()) {
+        return;  // they may be good ones
+    }
     for (const auto& message : results.m_Messages) {
         const auto record = ZCAST(ZVersionInfoMsg, message);
         if (!record || record->m_bSuccess || !IsUpload(fs::path(record->m_VersionType))) {

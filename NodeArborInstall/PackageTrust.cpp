@@ -77,6 +77,14 @@ ZResult<ZTrustedSigners> PackageTrust::Signers() const {
     return ZTrustedSigners::Load(m_policy.signers.string(), m_policy.state.string());
 }
 
+ZResult<void> PackageTrust::CanJudge() const {
+    if (!m_refusal.empty()) {
+        return ZError(m_refusal);
+    }
+    const auto signers = Signers();
+    return signers ? ZResult<void>() : signers.error();
+}
+
 ZResult<std::optional<std::uint32_t>> PackageTrust::Follow(const ZTrustChain& chain) {
     const std::lock_guard lock(*m_following);
     const auto signers = Signers();
@@ -104,6 +112,9 @@ bool PackageTrust::IsNewer(const ZTrustChain& chain) const {
 ZResult<PackageTrust::Opened> PackageTrust::Open(const fs::path& path, std::chrono::milliseconds limit) const {
     const auto deadline = ZClock::now() + limit;
     const auto left = [&] { return std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now()); };
+    if (!m_refusal.empty()) {
+        return ZError(m_refusal);
+    }
     auto file = SnapshotFile(path.string(), kUsuallyRead, limit);
     if (!file) {
         return file.error();

@@ -68,6 +68,10 @@ public:
                         std::chrono::seconds limit) const;
     /// From now on commands run as this process does, with the approved bytes all the same.
     void LeaveUnconfined() { m_isConfined = false; }
+    /// From now on no package can be judged, and this is why.
+    void RefuseAll(const std::string& reason) { m_refusal = reason; }
+    /// Whether packages can be judged at all; what is refused else says nothing about the package.
+    ZResult<void> CanJudge() const;
 
     /// Whether this system can confine commands.
     ZResult<void> CanConfine() const;
@@ -82,4 +86,5 @@ private:
     std::unique_ptr<std::mutex> m_following = std::make_unique<std::mutex>();
     std::unique_ptr<std::mutex> m_copying = std::make_unique<std::mutex>();
     bool m_isConfined = true;
+    std::string m_refusal;
 };

@@ -63,6 +63,8 @@ void ZNodeArborInstall::ReadTrust() {
                          ToZString(confined.error().text);
         if (goesOn) {
             m_trust.LeaveUnconfined();
+        } else {
+            m_trust.RefuseAll(confined.error().text);
         }
     }
     const auto signers = m_trust.Signers();

@@ -108,6 +108,7 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
     }
     operation->SetFile(ToZString(package.string()));
     operation->Start();
+    AwaitNote(*operation);
     const auto life = std::make_shared<InstallLife>(operation, m_slots);
     m_install.Exchange(life);
     const std::vector<std::string> arguments = InstallerArguments(package, request);

@@ -182,6 +182,10 @@ private:
     /// Goes on with the installs that an earlier life of this host left running, and tells how others ended.
     void AdoptInstalls();
     void Adopt(const ZOperationMsg& left);
+    /// Null when nobody keeps jobs, or no answer comes in time.
+    std::shared_ptr<ZOperationsMsg> AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request);
+    /// Waits until what was told of a job is kept: the next life finds what goes on without this one.
+    void AwaitNote(const ZOperation& operation);
     void OnProgress(bool bUnix, const std::shared_ptr<InstallProgressMsg>& progress);
 
     // Package checks.

@@ -235,6 +235,9 @@ class Trust(InstrumentCase):
         self.assertIn("no package is accepted: checks can't be confined: nothing", arborctl("status").stdout)
         self.insert(stick_package("3.046"))
         self.assertEqual([], gateway.updates())
+        self.assertRegex(refusal("arbor-3.046.pkg"), "^checks can't be confined: nothing")
+        self.assertEqual(1, arborctl("upload", str(stick_package("3.046"))).returncode)
+        self.assertTrue((paths.UPDATES / "arbor-3.046.pkg").exists(), "what the device could not judge may be good")
 
     def test_device_that_does_not_know_itself_accepts_nothing(self) -> None:
         board = paths.EEPROM.read_bytes()

@@ -2,6 +2,7 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <csignal>
 #include <fstream>
 #include <limits>
@@ -186,6 +187,21 @@ TEST_F(InstallLife, EndsWhatItsInstallerLeftBehindWhenThatWasKilled) {
     ::kill(process, SIGKILL);
     EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the installer was ended by SIGKILL"));
     EXPECT_TRUE(WaitUntil([&] { return !FindProcess(child); })) << "what is told as failed must not go on";
+}
+
+TEST_F(InstallLife, IsKnownToTheJournalBeforeItsInstallerBegins) {
+    std::atomic<bool> asked = false;
+    std::atomic<bool> began = false;
+    probe->Listen(ZEndpointType::GraphService, "operations", [&](const std::shared_ptr<ZMessage>& message) {
+        if (const auto request = cast_shared<ZOperationsRequestMsg>(message); !request->m_Id.empty()) {
+            asked = true;
+            began = fs::exists(Drive() / "3.045.pkg.args");
+        }
+        return Z_MAKE(ZOperationsMsg);
+    });
+    Begin();
+    EXPECT_TRUE(asked);
+    EXPECT_FALSE(began) << "a host that ends now would not find it again";
 }
 
 TEST_F(InstallLife, IsJudgedOnceNobodyHoldsTheSlots) {
