@@ -9,7 +9,7 @@ from pathlib import Path
 
 PROJECT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(PROJECT / folder) for folder in ("examples/instrument", "examples/two-instruments", "examples/machine")]
-from machines import image, story  # noqa: E402
+from machines import image, pair, story  # noqa: E402
 from machines.container import Container  # noqa: E402
 from machines.emulated import Emulated  # noqa: E402
 from machines.image import FURTHER, LOST  # noqa: E402
@@ -96,6 +96,12 @@ class Chapters(unittest.TestCase):
         story.outcome(self.machine, LOST, "reverted")
         # Without the data partition nothing is known but by the boot loader, which counts.
         self.assertEqual(["B", "A"] if CHEAP else ["B", "B", "B", "A"], [start.slot for start in self.machine.starts[starts:]])
+
+
+class Pair(unittest.TestCase):
+    def test_a_host_brings_its_accessory_to_its_own_version(self) -> None:
+        with pair.machines(image.CONTAINER if CHEAP else image.EMULATED) as two:
+            pair.whole(*two)
 
 
 if __name__ == "__main__":
