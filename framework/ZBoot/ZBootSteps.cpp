@@ -35,6 +35,18 @@ ZResult<void> Agree(ZBootControl& control, const ZTrialState& state) {
     return control.Counts() ? control.MarkGood() : ZResult<void>();
 }
 
+/// Where the loader would go back to, while it counts starts of what runs. It may have gone there already.
+ZSlotVersion WayBack(const ZBootControl& control, const std::string& next, const ZSlotVersion& running) {
+    if (next == running.slot && control.Counts()) {
+        for (const ZSlotVersion& version : control.Slots()) {
+            if (version.slot != running.slot && control.IsWhole(version)) {
+                return version;
+            }
+        }
+    }
+    return {};
+}
+
 }  // namespace
 
 ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& control) {
@@ -53,7 +65,8 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
                      .clock = BootClock(),
                      .bLoaderFallsBack = control.FallsBack(),
                      .bCanGoBack = false,
-                     .attempts = settings.attempts};
+                     .attempts = settings.attempts,
+                     .wayBack = WayBack(control, next ? next->slot : std::string(), *running)};
     auto action = ZBootAction::GoOn;
     const auto state = ZTrialFile(settings.state).Change([&](ZTrialState& kept) {
         facts.bCanGoBack = control.IsWhole(kept.confirmed);

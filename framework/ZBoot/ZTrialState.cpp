@@ -161,6 +161,9 @@ ZBootAction ZTrialState::Begin(const ZBootFacts& facts) {
         return ZBootAction::GoOn;
     }
     ZBootAction action = ZBootAction::GoOn;
+    if (!confirmed.IsKnown() && facts.wayBack.IsKnown()) {
+        confirmed = facts.wayBack;  // the state was lost in the middle of a trial, and the loader has not forgotten it
+    }
     if (!confirmed.IsKnown()) {
         confirmed = facts.running;  // the first boot of all: what the factory put there is what there is
         trial.reset();

@@ -95,6 +95,7 @@ struct ZBootFacts {
     bool bLoaderFallsBack = false;  ///< the boot loader counts for itself, and leaves a version that does not start
     bool bCanGoBack = false;        ///< the confirmed version stands whole in its slot
     std::uint32_t attempts = 3;     ///< so many starts are a trial's budget
+    ZSlotVersion wayBack{};         ///< whole, while the loader counts the starts of what runs; else none
 };
 
 /// The life of installed versions: which one is confirmed, which one is on trial, what was taken back. Pure: it knows

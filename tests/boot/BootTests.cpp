@@ -187,6 +187,22 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
     ASSERT_TRUE(FailTrial(settings, *control, {"it is too loud"}));
     ASSERT_TRUE(Leave(settings, *control));
     EXPECT_EQ(fs::read_symlink(link), "A");
+    // The state is lost in the middle of a trial: what the loader still counts has to prove itself all the same.
+    const auto lose = [&](const char* next, const char* runs) {
+        EXPECT_TRUE(control->Activate(next, true));
+        Start(runs);
+        fs::remove_all(folder / "state");
+        EXPECT_TRUE(BeginBoot(settings, *control));
+        return ZTrialFile(settings.state).Read();
+    };
+    EXPECT_TRUE(lose("B", "B")->IsOnTrial(control->At("B")));
+    EXPECT_EQ(lose("B", "B")->confirmed.slot, "A");
+    EXPECT_TRUE(control->Counts());
+    EXPECT_EQ(lose("B", "A")->confirmed.slot, "A") << "it went back by itself";
+    EXPECT_FALSE(control->Counts());
+    Write(folder / "Slots/A/digest", "");
+    Write(folder / "Slots/A/version", "");
+    EXPECT_EQ(lose("B", "B")->confirmed.slot, "B") << "there is no way back";
     settings.setEnvironment = "false";
     EXPECT_FALSE(Control()->Activate("A", false));
 }
