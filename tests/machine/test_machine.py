@@ -50,6 +50,10 @@ class Chapters(unittest.TestCase):
         self.machine.wait(lambda: self.machine.run(f"test -e {image.DATA}/Slots/{slot}/version").status == 1, "the slot is written to")
         return len(self.machine.starts)
 
+    def test_0_the_doctor_finds_no_fault(self) -> None:
+        told = self.machine.run("arborctl doctor")
+        self.assertEqual(0, told.status, told.text)
+
     def test_1_a_good_version_stays_and_those_that_fail_are_left(self) -> None:
         story.whole(self.machine, self.factory)
 

@@ -5,6 +5,7 @@ It has no kernel and no disk of its own: a power cut ends its processes, and wha
 
 import contextlib
 import hashlib
+import os
 import shutil
 import subprocess
 import threading
@@ -118,7 +119,8 @@ class Container(Machine):
                 (self._work / "told/slot").write_text(f"{start.slot}\n", encoding="ascii")
                 self.starts.append(start)
                 self._box = Box(self._work / "root", self._work / "console",
-                                [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}"], name=self.name, network=self._network)
+                                [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}"],
+                                name=f"{self.name}-{os.getpid()}", network=self._network)
                 while self._box.ended is None:
                     time.sleep(0.02)
                 if self._box.ended == 0:  # switched off

@@ -78,15 +78,19 @@ def _cut_during(machine: Machine, factory: Factory, version: str, moment: float)
 
 def _look(machine: Machine, factory: Factory) -> None:
     slots: dict = {}
+    open_jobs: list[dict] = []
 
     def settled() -> bool:
         slots.update(asked(machine, "slots"))
         if slots["state"] not in _STATES:
             raise _Broken(f"the state is {slots['state']}: {slots['problem']}")
-        jobs = asked(machine, "history")["operations"]
-        return slots["state"] == "confirmed" and all(job["state"] in _OVER for job in jobs)
+        open_jobs[:] = [job for job in asked(machine, "history")["operations"] if job["state"] not in _OVER]
+        return slots["state"] == "confirmed" and not open_jobs
 
-    machine.wait(settled, "all that was under way has come to an end")
+    try:
+        machine.wait(settled, "all that was under way has come to an end", 3 * machine.patience)
+    except MachineError as error:
+        raise MachineError(f"{error}\nstarts: {machine.starts[-6:]}\nslots: {slots}\nopen: {open_jobs}") from None
     runs = next(slot for slot in slots["slots"] if slot["running"])
     if not runs["next"] or not runs["confirmed"] or runs["version"] not in _KEPT:
         raise MachineError(f"{runs} runs, which is not what is to be kept")
