@@ -3,6 +3,7 @@
 Each run works on a layer above the system that it is made from, so that it begins as a system does that never saw the packages.
 """
 
+import contextlib
 import fcntl
 import os
 import shutil
@@ -16,7 +17,7 @@ sys.path[:0] = [str(Path(__file__).resolve().parents[2] / "examples/machine")]
 from machines import debian  # noqa: E402
 from machines.debian import CACHE, fields  # noqa: E402,F401
 from machines.machine import MachineError  # noqa: E402
-from machines.nspawn import Box  # noqa: E402
+from machines.nspawn import Box, own_groups  # noqa: E402
 
 PACKAGES = debian.packages()
 BOOT_SECONDS = 60.0
@@ -35,7 +36,7 @@ class Machine:
     def __init__(self) -> None:
         self._work = Path()
         self._box: Box | None = None
-        self._groups: list[Path] = []
+        self._place = contextlib.ExitStack()
 
     @property
     def root(self) -> Path:
@@ -64,8 +65,7 @@ class Machine:
         if self._box:
             self._box.switch_off()
         subprocess.run(["umount", "--quiet", self.root], check=False)
-        for group in self._groups:
-            subprocess.run(["find", group, "-depth", "-type", "d", "-exec", "rmdir", "{}", ";"], stderr=subprocess.DEVNULL, check=False)
+        self._place.close()
         shutil.rmtree(self._work, ignore_errors=True)
         self._lock.close()
 
@@ -80,23 +80,13 @@ class Machine:
         init = self.root / "machine-init"
         init.write_text(INIT, encoding="ascii")
         init.chmod(0o755)
-        self._box = Box(self.root, self.console, [f"--bind-ro={PACKAGES}:/packages"], self._make_groups(), "/machine-init")
+        groups = self._place.enter_context(own_groups(self._work.name))
+        self._box = Box(self.root, self.console, groups, [f"--bind-ro={PACKAGES}:/packages"], "/machine-init")
         deadline = time.monotonic() + BOOT_SECONDS
         while self._box.state() not in ("running", "degraded"):
             if self._box.ended is not None or time.monotonic() > deadline:
                 raise MachineError("the machine did not start; can namespaces be made here?\n" + self.console.read_text(errors="replace")[-3000:])
             time.sleep(0.1)
-
-    def _make_groups(self) -> list[Path]:
-        """Groups of processes of its own, where the kernel's controllers have a tree each (version 1) and the container manager
-        leaves them to nobody. With one tree for all of them it sees to that itself."""
-        for line in Path("/proc/self/cgroup").read_text(encoding="ascii").splitlines():
-            _, controllers, own = line.split(":", 2)
-            if controllers in ("memory", "pids"):
-                group = Path(f"/sys/fs/cgroup/{controllers}{own.rstrip('/')}/{self._work.name}")
-                group.mkdir()
-                self._groups.append(group)
-        return self._groups
 
     @property
     def console(self) -> Path:

@@ -16,7 +16,7 @@ from typing import Sequence
 from . import debian
 from .image import DATA, Factory
 from .machine import Answer, Machine, MachineError, Start
-from .nspawn import Box
+from .nspawn import Box, own_groups
 
 _TOLD = "/run/arbor-boot"
 _STICK = "/media/stick"
@@ -33,6 +33,7 @@ class Container(Machine):
         self._work = self._place.enter_context(debian.workplace("container"))
         for name in ("slot", "system", "changes", "root", "told"):
             (self._work / name).mkdir()
+        self._groups = self._place.enter_context(own_groups(self._work.name))
         self._data = self._work / "data"
         shutil.copytree(factory.data, self._data, symlinks=True)
         self._config = self._work / "fw_env.config"
@@ -118,7 +119,7 @@ class Container(Machine):
                 self._mount(start.slot)
                 (self._work / "told/slot").write_text(f"{start.slot}\n", encoding="ascii")
                 self.starts.append(start)
-                self._box = Box(self._work / "root", self._work / "console",
+                self._box = Box(self._work / "root", self._work / "console", self._groups,
                                 [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}"],
                                 name=f"{self.name}-{os.getpid()}", network=self._network)
                 while self._box.ended is None:

@@ -1,10 +1,11 @@
 """A system in a container that starts like a machine: with its own service manager, names, processes and network."""
 
+import contextlib
 import os
 import signal
 import subprocess
 from pathlib import Path
-from typing import Sequence
+from typing import Iterator, Sequence
 
 COMMAND_SECONDS = 180.0
 _STATE_SECONDS = 5.0
@@ -12,12 +13,31 @@ REBOOTS = 133
 """How the container manager ends when the system inside asked for a restart; 0 when it switched itself off."""
 
 
+@contextlib.contextmanager
+def own_groups(name: str) -> Iterator[list[Path]]:
+    """Groups of processes for a container to start in, below those of this process. Service managers of two that run at once would else
+    take each other's processes for their own. They are removed at the end, when the container is gone."""
+    groups = []
+    for line in Path("/proc/self/cgroup").read_text(encoding="ascii").splitlines():
+        _, controllers, own = line.split(":", 2)
+        if controllers in ("memory", "pids", "name=systemd", ""):
+            tree = Path("/sys/fs/cgroup") / (controllers.removeprefix("name=") or "unified")
+            group = Path(f"{tree if tree.is_dir() else tree.parent}{own.rstrip('/')}/{name}")
+            group.mkdir()
+            groups.append(group)
+    try:
+        yield groups
+    finally:
+        for group in groups:
+            subprocess.run(["find", group, "-depth", "-type", "d", "-exec", "rmdir", "{}", ";"], stderr=subprocess.DEVNULL, check=False)
+
+
 class Box:
     """One start of a system from a folder. Its end is seen in `ended`; who makes it has to see to that end."""
 
-    def __init__(self, root: Path, console: Path, binds: Sequence[str] = (), groups: Sequence[Path] = (), init: str = "",
+    def __init__(self, root: Path, console: Path, groups: Sequence[Path], binds: Sequence[str] = (), init: str = "",
                  name: str = "instrument", network: Path | None = None) -> None:
-        """`binds` are options of the container manager; `groups` are groups of processes to start in, which it makes the container's own;
+        """`binds` are options of the container manager; `groups` are what own_groups has made;
         `init` is a program of the system to start instead of the service manager; `name` is what the container manager knows it by;
         `network` is a network namespace, else it has one for itself."""
         networks = [f"--network-namespace-path={network}", "--capability=CAP_NET_ADMIN"] if network else ["--private-network"]
