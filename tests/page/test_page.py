@@ -11,7 +11,7 @@ from common import wait_until
 from installs import HALFWAY, is_alive, job, jobs, stand_still_at, stepped_package
 from page_support import OrderedInstall, PageCase, offered
 from simulation import furnish, gateway, paths, sticks
-from support import FIXTURES, stick_package
+from support import FIXTURES, configure, stick_package
 
 VERSION = "3.048"
 
@@ -241,6 +241,13 @@ class Journals(PageCase):
             return download.path()""")
         self.assertRegex(Path(saved).read_text(), r"(?m)^\d{4}-.* 2 \S+ Removing package /media/usb1/arbor-3\.046\.pkg$")
         self.assert_looks_right("the log")
+
+    def test_history_that_is_not_written_is_told(self) -> None:
+        self.kill_host()
+        configure("Journal", databaseFile="/dev/full/journal.sqlite")
+        self.start_host()
+        self.tab("History")
+        self.browser.see("Nothing is written to the history at present", "/dev/full")
 
     def test_nothing_moves_under_a_finger(self) -> None:
         browser = self.browser

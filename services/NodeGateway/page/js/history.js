@@ -68,6 +68,7 @@ export function History() {
       <${Choice} label=${texts.filterKind} value=${kind} onChoose=${setKind} options=${{ '': texts.all, ...texts.kinds }} />
       <${Choice} label=${texts.filterState} value=${end} onChoose=${setEnd} options=${{ '': texts.all, ...texts.states }} />
     </div>
+    ${state.status.historyProblem && html`<p class="note bad">${texts.notWritten(state.status.historyProblem)}</p>`}
     ${pages.problem && html`<p class="note">${pages.problem.status === 503 ? texts.noJournal : pages.problem.message}</p>`}
     ${jobs.length > 0 ? html`<ul class="rows">${jobs.map((job) => html`<${Entry} key=${job.id} job=${job} />`)}</ul>`
       : html`<p class="empty">${pages.told ? texts.noHistory : ''}</p>`}

@@ -150,6 +150,7 @@ export const texts = {
   filterKind: 'What', filterState: 'How it ended',
   noHistory: 'Nothing that fits.',
   noJournal: 'This instrument keeps no journal.',
+  notWritten: (why) => `Nothing is written to the history at present, and a restart loses what is new: ${why}`,
   more: 'Earlier ones',
   took: (time) => `took ${time}`,
   askedBy: 'Asked by', itself: 'the device itself', began: 'Began', ended: 'Ended', node: 'Done by', boot: 'Boot', id: 'Id',
