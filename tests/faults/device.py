@@ -20,6 +20,7 @@ class Command:
     """arborctl as a person runs it, beside what goes on."""
 
     arguments: tuple[str, ...]
+    program: tuple[str, ...] = (str(paths.program("arborctl")),)
     status: int = -1
     told: str = ""
     _thread: threading.Thread = field(init=False)
@@ -30,7 +31,7 @@ class Command:
 
     def _run(self) -> None:
         try:
-            done = subprocess.run([str(paths.program("arborctl")), *self.arguments], stdout=subprocess.PIPE,
+            done = subprocess.run([*self.program, *self.arguments], stdout=subprocess.PIPE,
                                   stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, text=True, timeout=2 * whole.LIMIT,
                                   check=False)
             self.status, self.told = done.returncode, done.stdout

@@ -39,3 +39,16 @@ ROWS = (
     Row("installs", crowds.installs, 6, 1000),
     Row("connections", crowds.connections, 1, 10),
 )
+
+
+OF_TWO = ("kill-transfer", "kill-remote-install")
+
+
+def of_two() -> tuple[Row, ...]:
+    """Those that are made on two devices, which have to be there."""
+    import pairs  # it looks for them at once
+
+    return (
+        Row(OF_TWO[0], pairs.rounds(pairs.Transfer, "cart-host", "palm-host"), 3, 30),
+        Row(OF_TWO[1], pairs.rounds(pairs.RemoteInstall, "cart-host", "palm-host", "cart-program", "palm-program"), 3, 30),
+    )

@@ -26,6 +26,11 @@ class Remote:
         self.device = self.station.device
         self._process = int(os.environ[variable(name)])
 
+    @property
+    def first(self) -> int:
+        """The process that the device's others come from."""
+        return self._process
+
     def path(self, inside: Path) -> Path:
         """Where one of the device's files is to be found from here."""
         return Path(f"/proc/{self._process}/root{inside}")
