@@ -38,6 +38,7 @@ def run(machine: Machine, factory: Factory, times: int, seed: int) -> None:
             _look(machine, factory)
             if number % 10 == 0:
                 further = _other(machine)
+                machine.run(f"arborctl allow {further}")
                 machine.pull()
                 update(machine, factory, further)
                 outcome(machine, further, "confirmed")

@@ -4,11 +4,13 @@ import contextlib
 import os
 import signal
 import subprocess
+import time
 from pathlib import Path
 from typing import Iterator, Sequence
 
 COMMAND_SECONDS = 180.0
 _STATE_SECONDS = 5.0
+_LOOK_SECONDS = 0.5
 REBOOTS = 133
 """How the container manager ends when the system inside asked for a restart; 0 when it switched itself off."""
 
@@ -70,9 +72,20 @@ class Box:
 
     def run(self, *words: object, seconds: float = COMMAND_SECONDS) -> subprocess.CompletedProcess[str]:
         """Runs a command inside, as root, and waits for its end, which must come within `seconds`."""
-        return subprocess.run([*self._enter(), "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
+        with subprocess.Popen([*self._enter(), "env", "-i", "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
                                "DEBIAN_FRONTEND=noninteractive", *(str(word) for word in words)],
-                              stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace", timeout=seconds, check=False)
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, errors="replace") as process:
+            end = time.monotonic() + seconds
+            while True:
+                try:
+                    output, errors = process.communicate(timeout=_LOOK_SECONDS)
+                    return subprocess.CompletedProcess(process.args, process.returncode, output, errors)
+                except subprocess.TimeoutExpired:
+                    if time.monotonic() > end:
+                        process.kill()
+                        raise
+                    # A system that shuts down stops all of its processes, and who entered it for one stops as well, out of its reach.
+                    process.send_signal(signal.SIGCONT)
 
     def put(self, source: Path, target: str) -> None:
         """Copies a file or folder to a place inside, also to one that is mounted there."""
