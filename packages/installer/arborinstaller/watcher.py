@@ -10,10 +10,8 @@ import json
 import os
 import select
 import signal
-import subprocess
 import time
-from dataclasses import dataclass
-from typing import Callable, Iterator
+from typing import Callable, Iterator, NamedTuple
 
 from arborinstaller import boot, settings, worker
 from arborinstaller.failure import describe
@@ -32,8 +30,7 @@ _LAST_WORD_BEFORE_RESTART = 6.0  # the same, where the restart waits: 10 with an
 _CANCEL_SIGNALS = (signal.SIGTERM, signal.SIGINT)
 
 
-@dataclass(frozen=True)
-class Options:
+class Options(NamedTuple):
     """How to install: where, whom to tell, and what to leave out."""
 
     packages: str
@@ -266,6 +263,7 @@ def _ending(status: int | None) -> str:
 
 
 def _reboot(command: tuple[str, ...]) -> int:
+    import subprocess  # it takes long to load, and the new version is in place now
     try:
         result = subprocess.run(command, stdin=subprocess.DEVNULL, timeout=_REBOOT_LIMIT, check=False)
     except (OSError, subprocess.TimeoutExpired) as error:

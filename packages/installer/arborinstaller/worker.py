@@ -2,15 +2,13 @@
 
 import hashlib
 import os
-import traceback
-from dataclasses import dataclass
-from typing import Callable, Iterable, Iterator
+from typing import Callable, Iterable, Iterator, NamedTuple
 
-from arborinstaller import boot, trust
+from arborinstaller import boot
 from arborinstaller.boot import Choice
 from arborinstaller.failure import Failure, describe
 from arborinstaller.files import naming
-from arborinstaller.layout import CHUNK, Package
+from arborinstaller.layout import CHUNK, Package, compare_digests
 from arborinstaller.record import Record
 from arborinstaller.settings import Settings
 from arborinstaller.slots import Slots
@@ -26,8 +24,7 @@ Report = Callable[[str, int], None]
 """Called with a message and a percentage (0 to 99)."""
 
 
-@dataclass(frozen=True)
-class Plan:
+class Plan(NamedTuple):
     """What the worker is to do: check first (whom to trust is in the settings), where to write, what record to keep.
 
     Without a record it only looks, and writes nothing.
@@ -44,6 +41,8 @@ def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | Non
     try:
         if plan.verify:
             report("Checking the signature", 0)
+            from arborinstaller import trust  # an install that a host has ordered does not need it
+
             trust.verify(package, plan.conf, "")
         slots.check_space(plan.choice.slot, package.header.payload.size)
         if plan.record is None:
@@ -55,6 +54,7 @@ def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | Non
     except (Failure, OSError) as error:
         return describe(error)
     except Exception as error:  # whatever it is, the person at the instrument hears of it
+        import traceback
         traceback.print_exc()
         return describe(error)
     return None
@@ -66,7 +66,7 @@ def _rehearse(package: Package, report: Report) -> None:
     digest = hashlib.sha256()
     for chunk in _counted(package.payload(), expected.size, "Reading the image (dry run)", (0, _CHECKED), report):
         digest.update(chunk)
-    trust.compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
+    compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
 def _prepare(slots: Slots, plan: Plan, record: Record, report: Report) -> None:
@@ -110,7 +110,7 @@ def _write_image(package: Package, slots: Slots, slot: str, report: Report) -> N
                 unflushed = 0
         report("Flushing the image to the storage", _WRITTEN)
         os.fsync(image.fileno())
-    trust.compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
+    compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
 def _write_all(descriptor: int, data: bytes) -> None:
@@ -127,7 +127,7 @@ def _check_image(path: str, size: int, sha256: str, report: Report) -> None:
         pieces = iter(lambda: image.read(min(CHUNK, size - image.tell())), b"")  # a partition goes on behind it
         for chunk in _counted(pieces, size, "Checking the image", (_WRITTEN, _CHECKED), report):
             digest.update(chunk)
-    trust.compare_digests(digest.hexdigest(), sha256, f"{path}: the storage does not hold what was written")
+    compare_digests(digest.hexdigest(), sha256, f"{path}: the storage does not hold what was written")
 
 
 def _counted(chunks: Iterable[bytes], total: int, message: str, share: tuple[int, int],
