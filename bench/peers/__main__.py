@@ -1,6 +1,7 @@
 """Our system beside an update daemon of the distribution, on the same payload, file system and machine, in turns.
 
-Run it inside an instrument, without the graph host (./run bench --peers does). Ratios are ours to the peer's.
+Run it inside an instrument, without the graph host (./run bench --peers does): peers [check|install|daemons|told|memory...]
+Ratios are ours to the peer's.
 """
 
 import hashlib
@@ -23,6 +24,7 @@ ROUNDS = 9
 QUIET_SECONDS = 20.0
 SETTLE_SECONDS = 2.0
 FOLDER = paths.PROJECT / "build" / "peers"
+PAYLOAD = FOLDER / "system.img"
 
 
 def main() -> None:
@@ -30,15 +32,12 @@ def main() -> None:
         sys.exit("peers: this needs mounts of its own, and so a mount namespace")
     shutil.rmtree(FOLDER, ignore_errors=True)
     FOLDER.mkdir(parents=True)
-    payload = FOLDER / "system.img"
-    payload.write_bytes(os.urandom(SIZE))
-    peer, device, table = rauc.Rauc(FOLDER / "rauc", payload), ours.Ours(FOLDER / "ours", payload), Table()
+    PAYLOAD.write_bytes(os.urandom(SIZE))
+    peer, device, table = rauc.Rauc(FOLDER / "rauc", PAYLOAD), ours.Ours(FOLDER / "ours", PAYLOAD), Table()
+    works = {"check": check, "install": install, "daemons": daemons, "told": told, "memory": memory}
     try:
-        check(device, peer, table)
-        install(device, peer, payload, table)
-        daemons(device, peer, table)
-        told(device, peer, table)
-        memory(device, peer, table)
+        for name in sys.argv[1:] or works:
+            works[name](device, peer, table)
     finally:
         peer.stop()
         shutil.rmtree(FOLDER, ignore_errors=True)
@@ -57,13 +56,13 @@ def check(device: ours.Ours, peer: rauc.Rauc, table: Table) -> None:
                        lambda: seconds(lambda: peer.check(peer.bundle))), milliseconds)
 
 
-def install(device: ours.Ours, peer: rauc.Rauc, payload: Path, table: Table) -> None:
+def install(device: ours.Ours, peer: rauc.Rauc, table: Table) -> None:
     """The installer, signature and all, into slots that are files."""
     copy = FOLDER / "copy.img"
 
     def by_dd() -> None:
         copy.unlink(missing_ok=True)
-        subprocess.run(["dd", f"if={payload}", f"of={copy}", "bs=1M", "conv=fsync"], stderr=subprocess.DEVNULL, check=True)
+        subprocess.run(["dd", f"if={PAYLOAD}", f"of={copy}", "bs=1M", "conv=fsync"], stderr=subprocess.DEVNULL, check=True)
 
     def by_us() -> float:
         taken = seconds(device.install)
@@ -74,7 +73,7 @@ def install(device: ours.Ours, peer: rauc.Rauc, payload: Path, table: Table) -> 
     mine, theirs, bare = in_turn(ROUNDS, by_us, lambda: seconds(peer.install), lambda: seconds(by_dd))
     peer.stop()
     for slot in (device.slot, peer.slot):
-        if digest(slot) != digest(payload):
+        if digest(slot) != digest(PAYLOAD):
             sys.exit(f"peers: {slot} is not what was to be installed")
     copy.unlink()
     table.add("install into a file, synced (ours: read back as well)", mine, theirs, milliseconds)

@@ -40,7 +40,7 @@ def main(path: str, arguments: list[str], ahead: int | None = None) -> int:
 
 
 def _parser(name: str) -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog=name, allow_abbrev=False, description=(
+    parser = argparse.ArgumentParser(prog=name, allow_abbrev=False, formatter_class=_Layout, description=(
         "An update package. Run without --version or --verify it installs itself beside the packages directory, into the "
         "slot that the system does not run from, and makes that slot the one that starts next."))
     parser.add_argument("--version", action="store_true", help="print the version that the package installs")
@@ -57,6 +57,17 @@ def _parser(name: str) -> argparse.ArgumentParser:
     parser.add_argument("--no-reboot", action="store_true", help="leave the restart to somebody else")
     parser.add_argument("--dry-run", action="store_true", help="go through it without changing anything")
     return parser
+
+
+class _Layout(argparse.HelpFormatter):
+    """As usual, but it finds out how wide the terminal is without the module shutil, which brings every compression along."""
+
+    def __init__(self, prog: str) -> None:
+        columns = os.environ.get("COLUMNS", "")
+        width = int(columns) if columns.isdecimal() else 0
+        with contextlib.suppress(OSError):
+            width = width or os.get_terminal_size(1).columns
+        super().__init__(prog, width=(width or 80) - 2)
 
 
 def _port(text: str) -> int:

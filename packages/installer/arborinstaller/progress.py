@@ -16,7 +16,7 @@ import time
 from typing import NamedTuple
 
 _MAX_DOCUMENT = 500  # bytes: two that arrive together still fit one read
-_INTERVAL = 0.1      # seconds between documents; over TCP nothing tells when the receiver has read
+_INTERVAL = 0.1      # seconds between documents over TCP, where nothing tells when the receiver has read
 _RETRY = 0.5         # seconds between attempts to reach the receiver
 _CONNECT_LIMIT = 2.0
 _UNREACHED_LIMIT = 3.0  # seconds for the final document to reach a receiver that has never answered
@@ -102,7 +102,8 @@ class ProgressSink:
         if self._address is None:
             self._say(self._pending)
             self._pending = None
-        elif self._connected() and self._unread() == 0 and time.monotonic() - self._last_sent >= _INTERVAL:
+        elif self._connected() and self._unread() == 0 and \
+                (self._address.path or time.monotonic() - self._last_sent >= _INTERVAL):
             self._send(self._pending)
 
     def waiting(self) -> bool:

@@ -22,7 +22,7 @@ from arborinstaller.progress import Address, Document, ProgressSink, say
 from arborinstaller.record import CANCELLED, FAILED, SUCCEEDED, Outcome, Record, end_of
 from arborinstaller.slots import Slots
 
-_TICK = 0.05           # seconds between attempts to get rid of a waiting document
+_TICK = 0.02           # seconds between attempts to get rid of a waiting document
 _REAP_LIMIT = 5.0      # seconds for a killed worker to go; one stuck in the kernel is left behind
 _REBOOT_LIMIT = 60.0
 _LAST_WORD_LIMIT = 30.0  # seconds for a receiver that went away to come back for the final document
@@ -245,14 +245,15 @@ def _work(package: Package, slots: Slots, plan: worker.Plan, writer: int, watche
 
 def _reap(pid: int) -> int | None:
     """The wait status of the ended child, None when it would not go in time."""
-    end = time.monotonic() + _REAP_LIMIT
+    end, pause = time.monotonic() + _REAP_LIMIT, 0.0005  # it mostly ends at once
     while True:
         found, status = os.waitpid(pid, os.WNOHANG)
         if found:
             return status
         if time.monotonic() > end:
             return None
-        time.sleep(0.01)
+        time.sleep(pause)
+        pause = min(2 * pause, 0.01)
 
 
 def _ending(status: int | None) -> str:

@@ -15,6 +15,7 @@ from arborinstaller.slots import Slots
 
 # Flushed piece by piece, so that the final sync is short and the percentage tells the truth.
 _FLUSH_BYTES = 32 << 20
+_BEGIN_BYTES = 4 << 20  # so much is handed to the storage at once, which writes it while the next is read
 
 # Shares of the percentage: the write is the long part, reading back the next.
 _WRITTEN = 80
@@ -99,15 +100,18 @@ def _install(package: Package, slots: Slots, plan: Plan, report: Report) -> None
 def _write_image(package: Package, slots: Slots, slot: str, report: Report) -> None:
     expected = package.header.payload
     digest = hashlib.sha256()
-    unflushed = 0
+    begun = flushed = written = 0
     with naming(slots.image(slot)), open(slots.open_for_writing(slot), "wb", buffering=0) as image:
         for chunk in _counted(package.payload(), expected.size, "Writing the image", (0, _WRITTEN), report):
             digest.update(chunk)
             _write_all(image.fileno(), chunk)
-            unflushed += len(chunk)
-            if unflushed >= _FLUSH_BYTES:
+            written += len(chunk)
+            if written - begun >= _BEGIN_BYTES:  # who does not need the pages any more has them written, and does not wait
+                os.posix_fadvise(image.fileno(), begun, written - begun, os.POSIX_FADV_DONTNEED)
+                begun = written
+            if written - flushed >= _FLUSH_BYTES:
                 os.fdatasync(image.fileno())
-                unflushed = 0
+                flushed = written
         report("Flushing the image to the storage", _WRITTEN)
         os.fsync(image.fileno())
     compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
