@@ -17,13 +17,17 @@ import hashlib, os, sys
 
 def digest_ahead():
     """Hashes the image in a process of its own, while this one looks at who signed it; returns where it will be told."""
-    reader, writer = os.pipe()
     parent = os.getpid()
-    if os.fork():
+    try:
+        reader, writer = os.pipe()
+        child = os.fork()
+    except OSError:
+        return None  # this one hashes it, later
+    if child:
         os.close(writer)
         return reader
     try:
-        os.closerange(0, 3)
+        os.closerange(0, 3)  # whoever reads what the check prints does not wait for this process
         image = int(os.environ.get("ARBOR_PACKAGE_FD") or os.open(sys.argv[1], os.O_RDONLY))
         digest, place = hashlib.sha256(), @PAYLOAD_OFFSET@
         while place < @PAYLOAD_END@ and os.getppid() == parent:

@@ -15,7 +15,8 @@ from arborinstaller.slots import Slots
 
 # Flushed piece by piece, so that the final sync is short and the percentage tells the truth.
 _FLUSH_BYTES = 32 << 20
-_BEGIN_BYTES = 4 << 20  # so much is handed to the storage at once, which writes it while the next is read
+# The storage is told of so much at once, and writes it while the next is read and hashed.
+_BEGIN_BYTES = 4 << 20
 
 # Shares of the percentage: the write is the long part, reading back the next.
 _WRITTEN = 80
@@ -103,15 +104,15 @@ def _write_image(package: Package, slots: Slots, slot: str, report: Report) -> N
     begun = flushed = written = 0
     with naming(slots.image(slot)), open(slots.open_for_writing(slot), "wb", buffering=0) as image:
         for chunk in _counted(package.payload(), expected.size, "Writing the image", (0, _WRITTEN), report):
-            digest.update(chunk)
-            _write_all(image.fileno(), chunk)
-            written += len(chunk)
-            if written - begun >= _BEGIN_BYTES:  # who does not need the pages any more has them written, and does not wait
-                os.posix_fadvise(image.fileno(), begun, written - begun, os.POSIX_FADV_DONTNEED)
-                begun = written
             if written - flushed >= _FLUSH_BYTES:
                 os.fdatasync(image.fileno())
                 flushed = written
+            digest.update(chunk)
+            _write_all(image.fileno(), chunk)
+            written += len(chunk)
+            if written - begun >= _BEGIN_BYTES:  # pages that nobody needs any more are written, and it is not waited for
+                os.posix_fadvise(image.fileno(), begun, written - begun, os.POSIX_FADV_DONTNEED)
+                begun = written
         report("Flushing the image to the storage", _WRITTEN)
         os.fsync(image.fileno())
     compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
