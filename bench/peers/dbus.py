@@ -32,10 +32,6 @@ class Connection:
         """Asks for the signals that fit the rule."""
         self._call("AddMatch", rule)
 
-    def has_owner(self, name: str) -> bool:
-        """Whether somebody has the name."""
-        return self._call("NameHasOwner", name) == struct.pack("<I", 1)
-
     def has_message(self, patience: float) -> bool:
         """Whether one comes, or has come, within `patience` seconds."""
         return bool(self._read) or bool(select.select([self._socket], [], [], patience)[0])

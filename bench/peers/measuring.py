@@ -141,11 +141,6 @@ def pieces(value: float) -> str:
     return f"{value:.0f}"
 
 
-def drop(path: Path) -> None:
-    """Takes a file away, if there is one."""
-    path.unlink(missing_ok=True)
-
-
 def damaged_copy(path: Path) -> Path:
     """A copy beside the file with one bit of its middle turned."""
     copy = path.with_suffix(".damaged")
