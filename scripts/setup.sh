@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building, testing and demonstrating the project needs, from the distribution's packages; with --packages also
-# what making and trying out packages of it needs, with --machine what the emulated machine needs. Safe to run again: it returns at once when everything is there.
+# what making and trying out packages of it needs, with --machine what the emulated machine needs, with --peers what the benchmark
+# beside others needs. Safe to run again: it returns at once when everything is there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -14,6 +15,7 @@ packages=(
     avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
 )
 package_tools=(debhelper dpkg-dev lintian mandoc man-db debootstrap systemd-container squashfs-tools u-boot-tools e2fsprogs)
+peers=(rauc dbus squashfs-tools)
 machine_tools=(qemu-system-arm qemu-user-static u-boot-qemu mmdebstrap debian-archive-keyring dosfstools mtools kmod cpio fdisk squashfs-tools u-boot-tools)
 # The simulated devices start services of their own; the machine is not to run what the packages bring.
 declare -A units=([avahi-daemon]="avahi-daemon.service avahi-daemon.socket" [openssh-server]="ssh.service ssh.socket")
@@ -109,7 +111,8 @@ main() {
     case ${1:-} in
         --packages) packages+=("${package_tools[@]}") ;;
         --machine) packages+=("${machine_tools[@]}") ;;
-        ?*) echo "setup: there is no '$1'; it takes --packages or --machine" >&2; exit 2 ;;
+        --peers) packages+=("${peers[@]}") ;;
+        ?*) echo "setup: there is no '$1'; it takes --packages, --machine or --peers" >&2; exit 2 ;;
     esac
     mapfile -t missing < <(missing_packages; missing_node)
     if [ "${#missing[@]}" -gt 0 ]; then

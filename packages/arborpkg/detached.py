@@ -5,8 +5,7 @@ Two lines: the description, a JSON object as a package's header; and the signatu
 
 import hashlib
 import os
-from dataclasses import asdict, dataclass
-from typing import Any
+from typing import Any, NamedTuple
 
 from arborinstaller import jsontext
 from arborinstaller.assemble import Signer, check_security_number, measure, signed
@@ -19,8 +18,7 @@ SUFFIX = ".sig"
 _MAX_FILE = 128 * 1024
 
 
-@dataclass(frozen=True)
-class Description:
+class Description(NamedTuple):
     """What the signer says of the file."""
 
     version: str
@@ -40,7 +38,7 @@ class Description:
 
     def encode(self) -> bytes:
         """The description's line, without its line feed."""
-        return jsontext.encode(asdict(self))
+        return jsontext.encode({**self._asdict(), "file": self.file._asdict()})
 
     @staticmethod
     def decode(line: bytes) -> "Description":

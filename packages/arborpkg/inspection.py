@@ -96,4 +96,4 @@ def _signed(finding: trust.Finding) -> dict[str, Any]:
         return {"signer": finding.key.name}
     if finding.signer is None:
         return {}
-    return {"signer": finding.signer.subject(), "signerDigest": hashlib.sha256(finding.signer.pem.encode()).hexdigest()}
+    return {"signer": finding.signer.subject, "signerDigest": hashlib.sha256(finding.signer.pem.encode()).hexdigest()}

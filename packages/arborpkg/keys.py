@@ -70,7 +70,7 @@ def read_public_key(path: str) -> tuple[bytes, str]:
     text = _read(path)
     if in_pem(text):
         certificate = _read_certificate(path)
-        return _der(certificate.public_key), certificate.subject().partition("CN = ")[2]
+        return _der(certificate.public_key), certificate.subject.partition("CN = ")[2]
     if "-----BEGIN PUBLIC KEY-----" not in text:
         raise Failure(f"{path} holds neither a certificate nor a public key")
     return _der(openssl.run(["pkey", "-pubin", "-in", path]).decode()), ""

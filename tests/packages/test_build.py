@@ -1,5 +1,6 @@
 """Building, signing, inspecting and checking packages."""
 
+import hashlib
 import json
 import os
 import shutil
@@ -106,6 +107,22 @@ class Building(PackageTest):
                 self.assertEqual((1, "badPayload" if "of the payload" in what else
                                   "damaged" if what in ("code", "longer") or "cut" in what else "badSignature"), (code, found))
                 self.assertIn("image is damaged" if found == "badPayload" else "", facts["sentence"])
+
+    def test_a_digest_that_was_found_ahead_counts_for_the_whole_payload_of_the_same_file_alone(self) -> None:
+        right, other = hashlib.sha256(read(self.payload)).hexdigest(), "f" * 64
+        with Package(self.package) as package:
+            begin, end = package.payload_offset, package.payload_end
+        here, there = os.stat(self.package), os.stat(self.newer)
+        for told, digest in (
+                (f"{here.st_dev} {here.st_ino} {begin} {end} {other}", other), ("", right), ("killed half-w", right),
+                (f"{there.st_dev} {there.st_ino} {begin} {end} {other}", right),
+                (f"{here.st_dev} {here.st_ino} {begin} {end - 1} {other}", right),
+                (f"{here.st_dev} {here.st_ino} {begin + 1} {end} {other}", right)):
+            reader, writer = os.pipe()
+            os.write(writer, told.encode())
+            os.close(writer)
+            with self.subTest(told), Package(self.package, ahead=reader) as package:
+                self.assertEqual([digest, right], [package.payload_digest(), package.payload_digest()])
 
     def test_one_known_signer_of_two_is_enough_and_the_first_is_named_when_there_is_none(self) -> None:
         stranger = Signer(self.folder, "first stranger")

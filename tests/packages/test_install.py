@@ -8,7 +8,7 @@ from unittest import mock
 
 from support import UNIX, PackageTest, Receiver, faulty, read
 
-from arborinstaller import settings
+from arborinstaller import settings, worker
 from arborinstaller.failure import Failure
 from arborinstaller.layout import Package
 
@@ -106,10 +106,20 @@ class Installing(PackageTest):
             code, errors = instrument.install(*command)
             self.assertEqual((1, "B", before), (code, instrument.active(), {name: instrument.slot(name) for name in before}))
             self.assertIn(text, errors)
-        # With the payload it is found out while it is written, and the slot was given up by then.
+        # With the payload it is found out when it is read back, and the slot was given up by then.
         self.assertIn("image in the package is damaged", instrument.install(damaged, "--trust", self.keys)[1])
         self.assertEqual(("B", "3.045", False), (instrument.active(), instrument.startable_version(),
                                                  os.path.exists(instrument.restarts)))
+
+    def test_it_is_the_storage_that_is_to_blame_when_the_image_in_the_package_is_whole(self) -> None:
+        slot = shutil.copy(self.payload, self.path("slot.img"))
+        with Package(self.package) as package:
+            worker._check_image(package, slot, lambda *_: None)
+            with open(slot, "r+b") as file:
+                file.seek(-1, os.SEEK_END)
+                file.write(bytes([read(self.payload)[-1] ^ 1]))
+            with self.assertRaisesRegex(Failure, "slot.img: the storage does not hold what was written"):
+                worker._check_image(package, slot, lambda *_: None)
 
 
 class Disturbed(PackageTest):

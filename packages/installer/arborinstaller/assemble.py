@@ -49,13 +49,15 @@ class Recipe:
         if len(header) > MAX_HEADER:
             raise Failure(f"the package's header would have {len(header)} bytes, at most {MAX_HEADER} are allowed: "
                           "carry fewer trust documents")
-        return self._stub() + header + code
+        offset = STUB_SIZE + len(header) + len(code)
+        return self._stub(offset, offset + payload.size) + header + code
 
-    def _stub(self) -> bytes:
+    def _stub(self, payload_offset: int, payload_end: int) -> bytes:
         with open(os.path.join(_HERE, "stub.sh"), encoding="ascii") as file:
             text = file.read()
-        for name, value in (("VERSION", self.version), ("BOARD", self.board), ("STUB_SIZE", str(STUB_SIZE))):
-            text = text.replace(f"@{name}@", value)
+        for name, value in (("VERSION", self.version), ("BOARD", self.board), ("STUB_SIZE", STUB_SIZE),
+                            ("PAYLOAD_OFFSET", payload_offset), ("PAYLOAD_END", payload_end)):
+            text = text.replace(f"@{name}@", str(value))
         return text.encode().ljust(STUB_SIZE - 1, b"#") + b"\n"
 
 
@@ -95,7 +97,7 @@ def signed(message: bytes, signer: Signer) -> list[Signature]:
         if not certificate.is_strong:
             raise Failure("the key is too weak: use Ed25519 or RSA of at least 2048 bits")
         if not certificate.fits_purpose():
-            raise Failure(f"the certificate of {certificate.subject()} is not one for signing packages")
+            raise Failure(f"the certificate of {certificate.subject} is not one for signing packages")
     return signatures
 
 

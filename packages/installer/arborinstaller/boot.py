@@ -10,8 +10,7 @@ the first install of a boot keeps what the link said before it is turned:
 import contextlib
 import json
 import os
-import subprocess
-from dataclasses import dataclass
+from typing import NamedTuple
 
 from arborinstaller.failure import Failure, describe
 from arborinstaller.files import replacing
@@ -26,8 +25,7 @@ _PATIENCE = 60.0  # seconds for the boot loader's program
 _MAX_TEXT = 65536  # bytes looked at in a file that somebody else writes
 
 
-@dataclass(frozen=True)
-class Choice:
+class Choice(NamedTuple):
     """Where an install goes: to `slot`, while the system runs from `running` (empty: from neither)."""
 
     slot: str
@@ -95,6 +93,7 @@ def _run(*command: str, lock: int | None = None) -> None:
 
     It shares the `lock`: as long as one holds that, nobody says how the install ended.
     """
+    import subprocess  # most instruments have no such program, and the module takes long to load
     caller = os.getpid()
     try:
         done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, errors="replace",

@@ -5,7 +5,7 @@ import functools
 import hashlib
 import os
 import re
-from dataclasses import dataclass
+from typing import NamedTuple
 
 from arborinstaller import openssl
 from arborinstaller.failure import Failure
@@ -14,6 +14,7 @@ _SUFFIXES = (".pem", ".crt")
 _PEM = re.compile(r"-----BEGIN CERTIFICATE-----\s[A-Za-z0-9+/=\s]+-----END CERTIFICATE-----")
 _PUBLIC_KEY = re.compile(r"-----BEGIN PUBLIC KEY-----\n([A-Za-z0-9+/=\n]+)-----END PUBLIC KEY-----\n")
 _EXTENSION = re.compile(r"^X509v3 ([A-Za-z ]+): ?(?:critical)?\n +(.*)$", re.MULTILINE)
+_SUBJECT = re.compile(r"^subject= *(.*?) *$", re.MULTILINE)
 _MODULUS = re.compile(r"^Modulus=([0-9A-F]+)$", re.MULTILINE)
 # How a SubjectPublicKeyInfo names its algorithm: object identifiers in DER.
 _ED25519 = bytes.fromhex("06032b6570")
@@ -22,8 +23,7 @@ _LEAST_RSA_BITS = 2048
 _ED25519_KEY = bytes.fromhex("302a300506032b6570032100")  # its SubjectPublicKeyInfo, up to the 32 bytes of the key
 
 
-@dataclass(frozen=True)
-class Certificate:
+class Certificate(NamedTuple):
     """What counts of a certificate. Its dates don't: an instrument's clock may be unset."""
 
     pem: str
@@ -31,6 +31,7 @@ class Certificate:
     key: str  # SHA-256 of the public key's SubjectPublicKeyInfo in hexadecimal
     is_strong: bool  # Ed25519, or RSA of at least 2,048 bits
     extensions: dict[str, frozenset[str]]  # what openssl calls them and their values
+    subject: str  # whose it is, on one line, such as "CN = Arbor release"
 
     @staticmethod
     def parse(text: str) -> "Certificate":
@@ -43,8 +44,9 @@ class Certificate:
         if not public_key:
             raise Failure("the certificate has no public key that is known")
         der = base64.b64decode(public_key.group(1))
+        subject = _SUBJECT.search(told)
         return Certificate(found[0], public_key.group(), hashlib.sha256(der).hexdigest(), _is_strong(der, told),
-                           _extensions(told))
+                           _extensions(told), subject.group(1) if subject else "")
 
     def fits_purpose(self) -> bool:
         """Whether nothing in it forbids to sign packages with it."""
@@ -58,10 +60,6 @@ class Certificate:
     def has_issued(self, other: "Certificate") -> bool:
         """Whether this is the certificate of a CA that issued `other`."""
         return "CA:TRUE" in self.extensions.get("Basic Constraints", ()) and openssl.is_issued_by(other.pem, self.pem)
-
-    def subject(self) -> str:
-        """Whose it is, on one line, such as "CN = Arbor release"."""
-        return openssl.subject(self.pem)
 
 
 def in_pem(text: str) -> list[str]:

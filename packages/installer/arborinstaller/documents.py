@@ -9,8 +9,7 @@ import base64
 import hashlib
 import os
 import re
-from dataclasses import dataclass
-from typing import Any, Callable, Iterable
+from typing import Any, Callable, Iterable, NamedTuple
 
 from arborinstaller import jsontext, openssl
 from arborinstaller.certificates import is_strong_public_key
@@ -42,8 +41,7 @@ class Refused(Failure):
     """The chain is whole, but does not lead on from the document in force."""
 
 
-@dataclass(frozen=True)
-class Key:
+class Key(NamedTuple):
     """A key, what it may sign, and for which boards (none: all)."""
 
     name: str
@@ -71,8 +69,7 @@ class Key:
         return Key(**_read(value, {"name": _name, "publicKey": _public_key, "roles": _roles, "boards": _boards}))
 
 
-@dataclass(frozen=True)
-class Document:
+class Document(NamedTuple):
     """Which keys may sign what, how many of them it takes, and what does not count any more."""
 
     number: int
@@ -107,8 +104,7 @@ class Document:
         return {id: key for id, key in self.keys.items() if TRUST in key.roles}
 
 
-@dataclass(frozen=True)
-class Entry:
+class Entry(NamedTuple):
     """A document of a chain, with its signatures."""
 
     text: str  # the document as it was signed

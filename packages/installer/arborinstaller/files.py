@@ -48,8 +48,8 @@ def directory_lock(path: str, refusal: str) -> Iterator[int]:
 
 
 @contextlib.contextmanager
-def replacing(path: str, mode: int) -> Iterator[BinaryIO]:
-    """A file to write that becomes `path` as a whole, or not at all, when the block ends.
+def replacing(path: str, mode: int, lasting: bool = True) -> Iterator[BinaryIO]:
+    """A file to write that becomes `path` as a whole, or not at all, when the block ends; durably, if it is to be `lasting`.
 
     The unfinished file has a fixed name beside `path`, so that one left by a killed run is overwritten by the
     next. The caller sees to it that only one writer is at work (directory_lock).
@@ -67,7 +67,8 @@ def replacing(path: str, mode: int) -> Iterator[BinaryIO]:
         with contextlib.suppress(OSError):
             os.unlink(partial)
         raise
-    sync_directory(folder or ".")
+    if lasting:
+        sync_directory(folder or ".")
 
 
 def remove_if_there(path: str) -> None:

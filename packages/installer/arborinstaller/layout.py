@@ -16,8 +16,7 @@ import hashlib
 import os
 import re
 import stat
-from dataclasses import asdict, dataclass
-from typing import Any, Iterator
+from typing import Any, Iterator, NamedTuple
 
 from arborinstaller import jsontext
 from arborinstaller.failure import Damaged, Failure, NotPackage
@@ -55,8 +54,7 @@ def check_board(text: str) -> str:
     return text
 
 
-@dataclass(frozen=True)
-class Section:
+class Section(NamedTuple):
     """A part of the file: its size in bytes and the SHA-256 of them in hexadecimal."""
 
     size: int
@@ -74,8 +72,7 @@ class Section:
         return Section(jsontext.whole(fields["size"], largest), check_digest(fields["sha256"]))
 
 
-@dataclass(frozen=True)
-class Signature:
+class Signature(NamedTuple):
     """One signer's signature and the key it is by."""
 
     certificate: str  # PEM; may be empty where the key is named
@@ -97,8 +94,7 @@ class Signature:
         return Signature(jsontext.text(fields.get("certificate", "")), check_digest(fields["key"]), data)
 
 
-@dataclass(frozen=True)
-class Header:
+class Header(NamedTuple):
     """What the package says about itself."""
 
     version: str
@@ -115,7 +111,7 @@ class Header:
     def encode(self) -> bytes:
         """The header line of format 2: the same header always gives the same bytes."""
         required, optional = _MEMBERS[FORMAT]
-        fields = {name: value for name, value in asdict(self).items()
+        fields = {name: value._asdict() if isinstance(value, Section) else value for name, value in self._asdict().items()
                   if name in required or name in optional and value is not None}
         return jsontext.encode(fields) + b"\n"
 
@@ -162,6 +158,12 @@ def check_digest(value: Any) -> str:
     return value
 
 
+def compare_digests(found: str, expected: str, complaint: str) -> None:
+    """Failure that begins with `complaint` unless the two are the same."""
+    if found != expected:
+        raise Failure(f"{complaint} (digest {found[:16]}..., expected {expected[:16]}...)")
+
+
 def encode_trailer(signatures: list[Signature]) -> bytes:
     """The trailer with `signatures`; Failure when they are too many or too long."""
     data = jsontext.encode({"signatures": [signature.fields() for signature in signatures]})
@@ -203,13 +205,15 @@ class Package:
     head: bytes  # stub, header and code
     signatures: tuple[Signature, ...]
 
-    def __init__(self, path: str, whole: int | None = None) -> None:
+    def __init__(self, path: str, whole: int | None = None, ahead: int | None = None) -> None:
         """Opens `path` and reads its head and its signatures, or takes the package from the descriptor `whole`.
 
         With `whole`, of which this becomes the owner, the file `path` need not be more than the head, which must be
-        the same. NotPackage or Damaged when it is no complete package, Failure or OSError when it can't be read.
+        the same. `ahead` is the pipe in which the stub's process tells the digest of the payload.
+        NotPackage or Damaged when it is no complete package, Failure or OSError when it can't be read.
         """
         self.path = path
+        self._ahead = ahead
         self._descriptor = open_regular(path) if whole is None else whole
         try:
             self._read_layout()
@@ -278,8 +282,19 @@ class Package:
         return self._chunks(self.payload_offset, self.payload_end)
 
     def payload_digest(self) -> str:
-        """The SHA-256 of the payload as it is, in hexadecimal."""
-        return _hash(self.payload())
+        """The SHA-256 of the payload as it is, in hexadecimal: what was hashed ahead, or else by reading it now."""
+        return self._digest_ahead() or _hash(self.payload())
+
+    def _digest_ahead(self) -> str:
+        """The digest that the stub's process tells; empty when there is none, or it is not of this file's whole payload."""
+        if self._ahead is None:
+            return ""
+        with open(self._ahead, encoding="ascii", errors="replace") as told:
+            *found, digest = told.read().split(" ")
+        self._ahead = None
+        state = os.fstat(self._descriptor)
+        wanted = [str(one) for one in (state.st_dev, state.st_ino, self.payload_offset, self.payload_end)]
+        return digest if found == wanted else ""
 
     def signed_message(self) -> bytes:
         """What the signatures are over. Reads the whole file for format 1."""

@@ -1,4 +1,7 @@
-"""The command line of a package file."""
+"""The command line of a package file.
+
+Each way through it loads what it needs and no more: a device is slow, and may have many packages to check.
+"""
 
 import argparse
 import contextlib
@@ -6,39 +9,38 @@ import os
 import stat
 from typing import Callable
 
-from arborinstaller import settings, trust, watcher
 from arborinstaller.failure import Failure, describe
 from arborinstaller.layout import Package
-from arborinstaller.progress import Address
 
 _UNIX, _TCP = 1, 2
 _PACKAGES = "/media/mmcblk1p3/Packages"
 _WHOLE = "ARBOR_PACKAGE_FD"  # environment: the number of a descriptor of the whole package
 
 
-def main(path: str, arguments: list[str]) -> int:
+def main(path: str, arguments: list[str], ahead: int | None = None) -> int:
     """Runs the package file `path` with its command-line `arguments`; returns the exit code.
 
-    The file may be no more than the package's head, when the environment hands over a descriptor of the whole.
+    The file may be no more than the package's head, when the environment hands over a descriptor of the whole. `ahead` is
+    the pipe in which the payload's digest will be told, see layout.Package.
     """
     options = _parser(os.path.basename(path)).parse_args(arguments)
     whole = _handed_over()
 
     def opened() -> Package:
-        return Package(path, whole)
+        return Package(path, whole, ahead)
 
     if options.version:
         return _answer(opened, lambda package: package.header.version)
     if options.verify is not None:
+        from arborinstaller import settings, trust
+
         return _answer(opened, lambda package: "OK: " + trust.verify_all(
             package, settings.load().with_trust(options.trust), options.verify))
-    return watcher.install(opened, watcher.Options(
-        packages=os.path.abspath(options.dir), address=_address(options), verify=not options.skip_verify,
-        trust=options.trust, reboot=not options.no_reboot, dry_run=options.dry_run))
+    return _install(opened, options)
 
 
 def _parser(name: str) -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog=name, allow_abbrev=False, description=(
+    parser = argparse.ArgumentParser(prog=name, allow_abbrev=False, formatter_class=_Layout, description=(
         "An update package. Run without --version or --verify it installs itself beside the packages directory, into the "
         "slot that the system does not run from, and makes that slot the one that starts next."))
     parser.add_argument("--version", action="store_true", help="print the version that the package installs")
@@ -57,19 +59,36 @@ def _parser(name: str) -> argparse.ArgumentParser:
     return parser
 
 
+class _Layout(argparse.HelpFormatter):
+    """As usual, but it finds out how wide the terminal is without the module shutil, which brings every compression along."""
+
+    def __init__(self, prog: str) -> None:
+        columns = os.environ.get("COLUMNS", "")
+        width = int(columns) if columns.isdecimal() else 0
+        with contextlib.suppress(OSError):
+            width = width or os.get_terminal_size(1).columns
+        super().__init__(prog, width=(width or 80) - 2)
+
+
 def _port(text: str) -> int:
     if not text.isdecimal() or not 0 < int(text) < 65536:
         raise argparse.ArgumentTypeError(f"'{text}' is no port")
     return int(text)
 
 
-def _address(options: argparse.Namespace) -> Address | None:
-    """Where to report; an incomplete address is answered like one that nobody listens at: by going on."""
+def _install(opened: Callable[[], Package], options: argparse.Namespace) -> int:
+    from arborinstaller import watcher
+    from arborinstaller.progress import Address
+
+    packages, address = os.path.abspath(options.dir), None
+    # An incomplete address is answered like one that nobody listens at: by going on.
     if options.sock == _UNIX:
-        return Address(path=os.path.join(os.path.abspath(options.dir), options.addr))
-    if options.sock == _TCP:
-        return Address(host=options.addr, port=options.port)
-    return None
+        address = Address(path=os.path.join(packages, options.addr))
+    elif options.sock == _TCP:
+        address = Address(host=options.addr, port=options.port)
+    return watcher.install(opened, watcher.Options(
+        packages=packages, address=address, verify=not options.skip_verify, trust=options.trust,
+        reboot=not options.no_reboot, dry_run=options.dry_run))
 
 
 def _handed_over() -> int | None:

@@ -6,12 +6,16 @@ the process is killed half-way.
 
 import contextlib
 import os
-import subprocess
+import select
+import time
 from typing import Iterator
 
 from arborinstaller.failure import Failure
 
 _TIME_LIMIT = 60  # seconds; openssl answers in milliseconds unless the machine is stuck
+_KILL = 9  # SIGKILL; its module takes long to load
+# The system's own certificate authorities are not asked: reading all of them would take longer than the work itself.
+_NO_AUTHORITIES = {"SSL_CERT_FILE": os.devnull, "SSL_CERT_DIR": os.devnull}
 
 
 @contextlib.contextmanager
@@ -30,17 +34,36 @@ def _path(descriptor: int) -> str:
 
 def run(arguments: list[str], descriptors: tuple[int, ...] = ()) -> bytes:
     """Runs openssl and returns its standard output; Failure with its own words when it reports an error."""
-    try:
-        result = subprocess.run(["openssl", *arguments], stdin=subprocess.DEVNULL, capture_output=True,
-                                pass_fds=descriptors, timeout=_TIME_LIMIT, check=False)
-    except FileNotFoundError:
-        raise Failure("the program openssl was not found") from None
-    except subprocess.TimeoutExpired:
-        raise Failure(f"openssl {arguments[0]} did not answer within {_TIME_LIMIT} s") from None
-    if result.returncode != 0:
-        words = (result.stderr or result.stdout).decode(errors="replace").strip().splitlines()
-        raise Failure(f"openssl {arguments[0]} failed: {words[-1] if words else result.returncode}")
-    return result.stdout
+    with _memory_file(b"") as complaints:
+        code, output = _finished(arguments, descriptors, complaints)
+        if code != 0:
+            words = (os.pread(complaints, 65536, 0) or output).decode(errors="replace").strip().splitlines()
+            raise Failure(f"openssl {arguments[0]} failed: {words[-1] if words else code}")
+    return output
+
+
+def _finished(arguments: list[str], descriptors: tuple[int, ...], complaints: int) -> tuple[int, bytes]:
+    """Runs openssl to its end; its exit code and its standard output. (The module subprocess takes longer to load than this to run.)"""
+    reader, writer = os.pipe()
+    with open(reader, "rb", buffering=0) as output:
+        try:
+            # A descriptor that is duplicated to its own number is one that the program inherits.
+            child = os.posix_spawnp("openssl", ["openssl", *arguments], {**os.environ, **_NO_AUTHORITIES}, file_actions=[
+                (os.POSIX_SPAWN_OPEN, 0, os.devnull, os.O_RDONLY, 0), (os.POSIX_SPAWN_DUP2, writer, 1),
+                (os.POSIX_SPAWN_DUP2, complaints, 2), *((os.POSIX_SPAWN_DUP2, one, one) for one in descriptors)])
+        except FileNotFoundError:
+            raise Failure("the program openssl was not found") from None
+        finally:
+            os.close(writer)
+        found, end = b"", time.monotonic() + _TIME_LIMIT
+        while select.select([output], [], [], max(0.0, end - time.monotonic()))[0]:
+            data = output.read(65536)
+            if not data:
+                return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), found
+            found += data
+    os.kill(child, _KILL)
+    os.waitpid(child, 0)
+    raise Failure(f"openssl {arguments[0]} did not answer within {_TIME_LIMIT} s")
 
 
 def private_key(key: str, option: str, form: str) -> list[str]:
@@ -99,14 +122,8 @@ def is_issued_by(certificate: str, anchor: str) -> bool:
 
 
 def certificate_text(certificate: str) -> str:
-    """What openssl says of `certificate` (PEM text): its public key, an RSA key's modulus, and what it may be used for."""
+    """What openssl says of `certificate` (PEM text): its public key, an RSA key's modulus, its subject, what it may be used for."""
     with _memory_file(certificate.encode()) as signer:
-        return run(["x509", "-noout", "-pubkey", "-modulus", "-ext", "basicConstraints,keyUsage,extendedKeyUsage",
+        return run(["x509", "-noout", "-pubkey", "-modulus", "-subject", "-ext", "basicConstraints,keyUsage,extendedKeyUsage",
                     "-in", _path(signer)], (signer,)).decode(errors="replace")
 
-
-def subject(certificate: str) -> str:
-    """The subject of `certificate` (PEM text) on one line, such as "CN = Arbor release"."""
-    with _memory_file(certificate.encode()) as signer:
-        text = run(["x509", "-noout", "-subject", "-in", _path(signer)], (signer,)).decode(errors="replace")
-    return text.strip().removeprefix("subject=").strip()

@@ -13,17 +13,16 @@ import socket
 import struct
 import termios
 import time
-from dataclasses import asdict, dataclass, replace
+from typing import NamedTuple
 
 _MAX_DOCUMENT = 500  # bytes: two that arrive together still fit one read
-_INTERVAL = 0.1      # seconds between documents; over TCP nothing tells when the receiver has read
+_INTERVAL = 0.1      # seconds between documents over TCP, where nothing tells when the receiver has read
 _RETRY = 0.5         # seconds between attempts to reach the receiver
 _CONNECT_LIMIT = 2.0
 _UNREACHED_LIMIT = 3.0  # seconds for the final document to reach a receiver that has never answered
 
 
-@dataclass(frozen=True)
-class Document:
+class Document(NamedTuple):
     """One progress document; `percent` is 0 to 100."""
 
     header: str
@@ -42,7 +41,7 @@ class Document:
         return text
 
     def _json(self, message: str) -> bytes:
-        return json.dumps(asdict(replace(self, message=message)), separators=(",", ":")).encode()
+        return json.dumps(self._replace(message=message)._asdict(), separators=(",", ":")).encode()
 
 
 def say(text: str) -> None:
@@ -53,8 +52,7 @@ def say(text: str) -> None:
         pass
 
 
-@dataclass(frozen=True)
-class Address:
+class Address(NamedTuple):
     """Where the receiver listens: a UNIX socket (`path`) or TCP (`host`, `port`)."""
 
     path: str = ""
@@ -104,7 +102,8 @@ class ProgressSink:
         if self._address is None:
             self._say(self._pending)
             self._pending = None
-        elif self._connected() and self._unread() == 0 and time.monotonic() - self._last_sent >= _INTERVAL:
+        elif self._connected() and self._unread() == 0 and \
+                (self._address.path or time.monotonic() - self._last_sent >= _INTERVAL):
             self._send(self._pending)
 
     def waiting(self) -> bool:

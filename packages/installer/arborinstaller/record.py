@@ -8,7 +8,7 @@ same, together with the link `active`: see end_of().
 import json
 import os
 import time
-from dataclasses import asdict, dataclass, replace
+from typing import NamedTuple
 
 from arborinstaller.boot import boot_id
 from arborinstaller.files import replacing
@@ -19,16 +19,14 @@ _MAX_OPERATION = 64  # characters
 _MAX_REASON = 500
 
 
-@dataclass(frozen=True)
-class Outcome:
+class Outcome(NamedTuple):
     """How an install ended, in a word for programs; `reason` is a sentence, empty when it succeeded."""
 
     word: str
     reason: str = ""
 
 
-@dataclass(frozen=True)
-class Record:
+class Record(NamedTuple):
     """The record's members, named as in the file."""
 
     operation: str
@@ -50,16 +48,16 @@ class Record:
 
     def writing_to(self, slot: str) -> "Record":
         """The same install, from where it writes to `slot`. The link `active` must not lead there then."""
-        return replace(self, slot=slot)
+        return self._replace(slot=slot)
 
     def ended(self, outcome: Outcome) -> "Record":
         """The same install at its end."""
-        return replace(self, outcome=outcome.word, reason=outcome.reason[:_MAX_REASON], endedAt=_now())
+        return self._replace(outcome=outcome.word, reason=outcome.reason[:_MAX_REASON], endedAt=_now())
 
     def save(self, root: str) -> None:
         """Makes this the record of the slots in `root`, durably. The caller holds the storage's lock."""
         with replacing(os.path.join(root, RECORD), 0o644) as file:
-            file.write(json.dumps(asdict(self)).encode() + b"\n")
+            file.write(json.dumps(self._asdict()).encode() + b"\n")
 
     @staticmethod
     def load(root: str) -> "Record | None":

@@ -14,16 +14,14 @@ command line, split like a shell splits words).
 import json
 import os
 import shlex
-from dataclasses import dataclass, field, replace
-from typing import Any
+from typing import Any, Mapping, NamedTuple
 
 from arborinstaller.failure import Failure
 
 SETTINGS_FILE = "/etc/arbor/installer.json"
 
 
-@dataclass(frozen=True)
-class Settings:
+class Settings(NamedTuple):
     """Whom to trust, how the instrument restarts, when a silent worker is given up, who tells the slot."""
 
     trust: str = "/etc/arbor/trust"  # folder with the system's trust document, or with certificates
@@ -34,11 +32,11 @@ class Settings:
     trustState: str = "/var/lib/arbor/trust"  # folder with the trust document that the instrument got since
     bootCommand: str = ""  # what makes a slot start next, where the link alone does not; see boot.switch
     acceptDevelopment: bool = False  # whether packages by development keys count
-    slotDevices: dict[str, str] = field(default_factory=dict)  # the slots' partitions, where they are not files
+    slotDevices: Mapping[str, str] = {}  # the slots' partitions, where they are not files
 
     def with_trust(self, folder: str) -> "Settings":
         """The same with another folder `trust`, unless it is empty."""
-        return replace(self, trust=folder or self.trust)
+        return self._replace(trust=folder or self.trust)
 
 
 def load(path: str = SETTINGS_FILE) -> Settings:

@@ -109,15 +109,18 @@ class Slots:
 
     def prepare(self, slot: str) -> None:
         """Empties `slot` for a new image. The link must not lead there."""
-        os.makedirs(os.path.join(self.root, slot), 0o755, exist_ok=True)
-        sync_directory(self.root)
+        if not self.has(slot):
+            os.mkdir(os.path.join(self.root, slot), 0o755)
+            sync_directory(self.root)
         self._empty(slot)
 
     def seal(self, slot: str, version: str, digest: str) -> None:
         """Declares the image of `slot` good: from here on the slot is complete."""
-        for name, text in ((DIGEST, digest), (VERSION, version)):
-            with replacing(os.path.join(self.root, slot, name), 0o644) as file:
-                file.write(f"{text}\n".encode())
+        folder = os.path.join(self.root, slot)
+        with replacing(os.path.join(folder, VERSION), 0o644) as last:
+            last.write(f"{version}\n".encode())
+            with replacing(os.path.join(folder, DIGEST), 0o644, lasting=False) as file:  # the version's makes it last, too
+                file.write(f"{digest}\n".encode())
 
     def activate(self, slot: str) -> None:
         """Makes `slot` the one the instrument starts from: one rename, before it the old, after it the new."""
@@ -138,8 +141,9 @@ class Slots:
             raise Failure(f"slot {slot} is in use")
         folder = os.path.join(self.root, slot)
         # The version goes first and durably: without it nobody takes a half-removed image for a whole one.
+        for name in (VERSION, DIGEST):
+            remove_if_there(os.path.join(folder, name))
+        sync_directory(folder)
         image = () if self._devices else (IMAGE,)
-        for names in ((VERSION, DIGEST), (*image, f".{VERSION}.partial", f".{DIGEST}.partial")):
-            for name in names:
-                remove_if_there(os.path.join(folder, name))
-            sync_directory(folder)
+        for name in (*image, f".{VERSION}.partial", f".{DIGEST}.partial"):
+            remove_if_there(os.path.join(folder, name))

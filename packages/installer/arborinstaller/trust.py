@@ -20,14 +20,13 @@ the document says, and nobody finds weakKey and wrongPurpose. Without enough goo
 the package's.
 """
 
-from dataclasses import dataclass, replace
-from typing import Any, Protocol
+from typing import Any, NamedTuple, Protocol
 
 from arborinstaller import documents, openssl
 from arborinstaller.certificates import Certificate, trusted_in
 from arborinstaller.documents import DEVELOPMENT, RELEASE, Document, Entry
 from arborinstaller.failure import Damaged, Failure, NotPackage, describe
-from arborinstaller.layout import Package, Section, Signature
+from arborinstaller.layout import Package, Section, Signature, compare_digests
 from arborinstaller.settings import Settings
 
 GOOD, NOT_PACKAGE, DAMAGED, BAD_SIGNATURE = "good", "notPackage", "damaged", "badSignature"
@@ -59,16 +58,14 @@ class Signed(Protocol):
         """What the signatures are over."""
 
 
-@dataclass(frozen=True)
-class Verdict:
+class Verdict(NamedTuple):
     """A word for programs, a sentence for people."""
 
     word: str
     sentence: str
 
 
-@dataclass(frozen=True)
-class Finding:
+class Finding(NamedTuple):
     """What is to be said of one signature; `signer` is None when its certificate is not known or not needed."""
 
     word: str
@@ -80,11 +77,10 @@ class Finding:
         """Who signed, as the document or the certificate says."""
         if self.key:
             return self.key.name
-        return self.signer.subject() if self.signer else f"with the key {self.signature.key[:16]}..."
+        return self.signer.subject if self.signer else f"with the key {self.signature.key[:16]}..."
 
 
-@dataclass(frozen=True)
-class Trusted:
+class Trusted(NamedTuple):
     """Whom to believe: the keys of a trust document or, where there is none, certificates."""
 
     certificates: list[Certificate]
@@ -102,13 +98,12 @@ class Trusted:
         if signed.header.trust is None:
             return self
         try:
-            return replace(self, entry=documents.follow(self.entry, documents.carried(signed.header.trust)))
+            return self._replace(entry=documents.follow(self.entry, documents.carried(signed.header.trust)))
         except (documents.DamagedChain, documents.Refused):
             return self
 
 
-@dataclass(frozen=True)
-class Assessment:
+class Assessment(NamedTuple):
     """The verdict and what led to it."""
 
     verdict: Verdict
@@ -193,12 +188,6 @@ def verify_all(package: Package, conf: Settings, board: str) -> str:
     if package.header.format != 1:  # there the signature covers it, and it was read
         compare_digests(package.payload_digest(), package.header.payload.sha256, "the image in the package is damaged")
     return sentence
-
-
-def compare_digests(found: str, expected: str, complaint: str) -> None:
-    """Failure that begins with `complaint` unless the two are the same."""
-    if found != expected:
-        raise Failure(f"{complaint} (digest {found[:16]}..., expected {expected[:16]}...)")
 
 
 def _examine(message: bytes, signature: Signature, trusted: list[Certificate]) -> Finding:

@@ -11,10 +11,8 @@ import json
 import os
 import select
 import signal
-import subprocess
 import time
-from dataclasses import dataclass
-from typing import Callable, Iterator
+from typing import Callable, Iterator, NamedTuple
 
 from arborinstaller import boot, settings, worker
 from arborinstaller.failure import describe
@@ -25,7 +23,7 @@ from arborinstaller.progress import Address, Document, ProgressSink, say
 from arborinstaller.record import CANCELLED, FAILED, SUCCEEDED, Outcome, Record, end_of
 from arborinstaller.slots import Slots
 
-_TICK = 0.05           # seconds between attempts to get rid of a waiting document
+_TICK = 0.02           # seconds between attempts to get rid of a waiting document
 _REAP_LIMIT = 5.0      # seconds for a killed worker to go; one stuck in the kernel is left behind
 _REBOOT_LIMIT = 60.0
 _LAST_WORD_LIMIT = 30.0  # seconds for a receiver that went away to come back for the final document
@@ -33,8 +31,7 @@ _LAST_WORD_BEFORE_RESTART = 6.0  # the same, where the restart waits: 10 with an
 _CANCEL_SIGNALS = (signal.SIGTERM, signal.SIGINT)
 
 
-@dataclass(frozen=True)
-class Options:
+class Options(NamedTuple):
     """How to install: where, whom to tell, and what to leave out."""
 
     packages: str
@@ -260,7 +257,7 @@ def _reap_orphans(end: float) -> None:
 
 def _reap(pid: int) -> int | None:
     """The wait status of the ended child, None when it would not go in time."""
-    end = time.monotonic() + _REAP_LIMIT
+    end, pause = time.monotonic() + _REAP_LIMIT, 0.0005  # it mostly ends at once
     while True:
         found, status = os.waitpid(pid, os.WNOHANG)
         if found:
@@ -268,7 +265,8 @@ def _reap(pid: int) -> int | None:
             return status
         if time.monotonic() > end:
             return None
-        time.sleep(0.01)
+        time.sleep(pause)
+        pause = min(2 * pause, 0.01)
 
 
 def _ending(status: int | None) -> str:
@@ -279,6 +277,7 @@ def _ending(status: int | None) -> str:
 
 
 def _reboot(command: tuple[str, ...]) -> int:
+    import subprocess  # it takes long to load, and the new version is in place now
     try:
         result = subprocess.run(command, stdin=subprocess.DEVNULL, timeout=_REBOOT_LIMIT, check=False)
     except (OSError, subprocess.TimeoutExpired) as error:

@@ -2,21 +2,21 @@
 
 import hashlib
 import os
-import traceback
-from dataclasses import dataclass
-from typing import Callable, Iterable, Iterator
+from typing import Callable, Iterable, Iterator, NamedTuple
 
-from arborinstaller import boot, trust
+from arborinstaller import boot
 from arborinstaller.boot import Choice
 from arborinstaller.failure import Failure, describe
 from arborinstaller.files import naming
-from arborinstaller.layout import CHUNK, Package
+from arborinstaller.layout import CHUNK, Package, compare_digests
 from arborinstaller.record import Record
 from arborinstaller.settings import Settings
 from arborinstaller.slots import Slots
 
 # Flushed piece by piece, so that the final sync is short and the percentage tells the truth.
 _FLUSH_BYTES = 32 << 20
+# The storage is told of so much at once, and writes it while the next is read.
+_BEGIN_BYTES = 4 << 20
 
 # Shares of the percentage: the write is the long part, reading back the next.
 _WRITTEN = 80
@@ -26,8 +26,7 @@ Report = Callable[[str, int], None]
 """Called with a message and a percentage (0 to 99)."""
 
 
-@dataclass(frozen=True)
-class Plan:
+class Plan(NamedTuple):
     """What the worker is to do: check first (whom to trust is in the settings), where to write, what record to keep.
 
     Without a record it only looks, and writes nothing.
@@ -44,6 +43,8 @@ def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | Non
     try:
         if plan.verify:
             report("Checking the signature", 0)
+            from arborinstaller import trust  # an install that a host has ordered does not need it
+
             trust.verify(package, plan.conf, "")
         slots.check_space(plan.choice.slot, package.header.payload.size)
         if plan.record is None:
@@ -55,6 +56,7 @@ def run(package: Package, slots: Slots, plan: Plan, report: Report) -> str | Non
     except (Failure, OSError) as error:
         return describe(error)
     except Exception as error:  # whatever it is, the person at the instrument hears of it
+        import traceback
         traceback.print_exc()
         return describe(error)
     return None
@@ -66,7 +68,7 @@ def _rehearse(package: Package, report: Report) -> None:
     digest = hashlib.sha256()
     for chunk in _counted(package.payload(), expected.size, "Reading the image (dry run)", (0, _CHECKED), report):
         digest.update(chunk)
-    trust.compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
+    compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
 def _prepare(slots: Slots, plan: Plan, record: Record, report: Report) -> None:
@@ -87,30 +89,29 @@ def _prepare(slots: Slots, plan: Plan, record: Record, report: Report) -> None:
 
 
 def _install(package: Package, slots: Slots, plan: Plan, report: Report) -> None:
-    expected, slot = package.header.payload, plan.choice.slot
+    slot = plan.choice.slot
     _write_image(package, slots, slot, report)
-    _check_image(slots.image(slot), expected.size, expected.sha256, report)
+    _check_image(package, slots.image(slot), report)
     report(f"Completing slot {slot}", _CHECKED)
-    slots.seal(slot, package.header.version, expected.sha256)
+    slots.seal(slot, package.header.version, package.header.payload.sha256)
     report(f"Switching to slot {slot}", 99)
     boot.switch(slots, slot, plan.conf)
 
 
 def _write_image(package: Package, slots: Slots, slot: str, report: Report) -> None:
-    expected = package.header.payload
-    digest = hashlib.sha256()
-    unflushed = 0
+    begun = flushed = written = 0
     with naming(slots.image(slot)), open(slots.open_for_writing(slot), "wb", buffering=0) as image:
-        for chunk in _counted(package.payload(), expected.size, "Writing the image", (0, _WRITTEN), report):
-            digest.update(chunk)
-            _write_all(image.fileno(), chunk)
-            unflushed += len(chunk)
-            if unflushed >= _FLUSH_BYTES:
+        for chunk in _counted(package.payload(), package.header.payload.size, "Writing the image", (0, _WRITTEN), report):
+            if written - flushed >= _FLUSH_BYTES:
                 os.fdatasync(image.fileno())
-                unflushed = 0
+                flushed = written
+            _write_all(image.fileno(), chunk)
+            written += len(chunk)
+            if written - begun >= _BEGIN_BYTES:  # pages that nobody needs any more are written, and it is not waited for
+                os.posix_fadvise(image.fileno(), begun, written - begun, os.POSIX_FADV_DONTNEED)
+                begun = written
         report("Flushing the image to the storage", _WRITTEN)
         os.fsync(image.fileno())
-    trust.compare_digests(digest.hexdigest(), expected.sha256, "the image in the package is damaged")
 
 
 def _write_all(descriptor: int, data: bytes) -> None:
@@ -119,15 +120,20 @@ def _write_all(descriptor: int, data: bytes) -> None:
         rest = rest[os.write(descriptor, rest):]
 
 
-def _check_image(path: str, size: int, sha256: str, report: Report) -> None:
-    """Reads the image back, from the storage and not from memory, and compares its digest."""
-    digest = hashlib.sha256()
+def _check_image(package: Package, path: str, report: Report) -> None:
+    """Reads the image back, from the storage and not from memory, and compares its digest.
+
+    So what was written is known to be what was signed; only when it is not, the package is read again to tell whose fault it is.
+    """
+    digest, size = hashlib.sha256(), package.header.payload.size
     with naming(path), open(path, "rb", buffering=0) as image:
         os.posix_fadvise(image.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
         pieces = iter(lambda: image.read(min(CHUNK, size - image.tell())), b"")  # a partition goes on behind it
         for chunk in _counted(pieces, size, "Checking the image", (_WRITTEN, _CHECKED), report):
             digest.update(chunk)
-    trust.compare_digests(digest.hexdigest(), sha256, f"{path}: the storage does not hold what was written")
+    if digest.hexdigest() != package.header.payload.sha256:
+        compare_digests(package.payload_digest(), package.header.payload.sha256, "the image in the package is damaged")
+    compare_digests(digest.hexdigest(), package.header.payload.sha256, f"{path}: the storage does not hold what was written")
 
 
 def _counted(chunks: Iterable[bytes], total: int, message: str, share: tuple[int, int],
