@@ -69,7 +69,7 @@ TEST_F(Accessory, IsNotBuiltForWhenTheBoardCouldRunAsACommand) {
     Archive("3.044");
     Start();
     Tables().Builds().clear();
-    EXPECT_TRUE(Check("3.010", "a;touch owned")->m_bCompatible);
+    EXPECT_TRUE(Check("3.010", "a;touch owned;")->m_bCompatible);
     ASSERT_TRUE(WaitUntil([&] { return log.All().find("Build refused") != std::string::npos; }));
     ASSERT_TRUE(WaitUntil([&] { return !Tables().BuildInProgress(); }));
     EXPECT_FALSE(fs::exists("owned"));
@@ -148,10 +148,10 @@ TEST_F(Accessory, IsInstalledRemotelyThroughTheFixedCommands) {
         request->m_SerialNumber = serialNumber;
         return cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
     };
-    const auto refused = ask("P1;touch owned");
+    const auto refused = ask("P1;touch owned;");
     ASSERT_TRUE(refused);
     EXPECT_FALSE(cast_shared<ZVersionInfoMsg>(refused->m_Messages.front())->m_bSuccess);
-    EXPECT_TRUE(log.Has(4, "Host name <KiteQM-P1;touch owned.local> can't stand in a command line"));
+    EXPECT_TRUE(log.Has(4, "Host name <KiteQM-P1;touch owned;.local> can't stand in a command line"));
     EXPECT_FALSE(fs::exists("owned") || fs::exists(seen)) << "nor is a device of another name installed on";
     const auto answer = ask("P1");
     ASSERT_TRUE(answer);
