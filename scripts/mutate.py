@@ -26,12 +26,12 @@ from faultplaces import Fault, choose
 ROOT = Path(__file__).resolve().parent.parent
 HOME = ROOT / "build" / "mutate"
 PRODUCT = ("text", "framework", "NodeArborInstall", "services", "host", "boot", "cli", "packages")
-DEVICE = ["endtoend." + name for name in "journey troubles badinput drives operations.restarts operations.together trial trust documents".split()]
-PAIR = ["endtoend." + name for name in "remote accessory.journey accessory.troubles accessory.trust".split()]
+DEVICE = ["endtoend." + name for name in "journey troubles badinput drives operations.together trial trust documents".split()]
+PAIR = ["endtoend." + name for name in "accessory.journey accessory.trust".split()]
 PACKAGES = ["packages." + name for name in "test_install test_build test_corpus test_trust test_handed_over test_progress "
             "test_running_slot test_ends".split()]
 MADE = ["made.settings", "made.reference"]
-# The tests of a room, near and quick ones first. The first row whose folder a file lies in counts.
+# The tests of a room. The first row counts with which a file's name begins.
 FITTING = {
     "text": ["framework_values_test", "cli_text_test", "cli_program_test", "services_tests", "gateway_tests", "endtoend.badinput"],
     "framework/ZTrust": ["trust_tests", "node_tests", "cli_program_test", "endtoend.trust", "endtoend.documents", "endtoend.accessory.trust"],
@@ -39,10 +39,13 @@ FITTING = {
     "framework/NodeLink": ["link_tests", "cli_program_test", *PAIR],
     "framework": ["framework_values_test", "framework_graph_test", "host_tests", "services_tests", "node_tests", "link_tests",
                   "gateway_tests", *MADE, *DEVICE, *PAIR],
+    "NodeArborInstall/Install": ["node_tests", *DEVICE, "endtoend.operations.restarts"],
+    "NodeArborInstall/Remote": ["node_tests", *PAIR, "endtoend.remote"],
+    "NodeArborInstall/Transfer": ["node_tests", *PAIR, "endtoend.accessory.troubles"],
     "NodeArborInstall": ["node_tests", *MADE, *DEVICE, *PAIR, "endtoend.doctor"],
     "services/NodeJournal": ["services_tests", "gateway_tests", "endtoend.operations.restarts", "endtoend.operations.together"],
     "services/NodeGateway": ["gateway_tests", "host_tests", *MADE, "endtoend.journey", "endtoend.documents", "endtoend.host", "endtoend.doctor"],
-    "services/NodePeer": ["link_tests", *MADE, *PAIR],
+    "services/NodePeer": ["link_tests", *MADE, *PAIR, "endtoend.accessory.troubles"],
     "services/NodeTrial": ["services_tests", *MADE, "endtoend.trial", "endtoend.doctor"],
     "services": ["services_tests", "node_tests", "host_tests", *MADE, "endtoend.drives", "endtoend.journey", *PAIR],
     "host": ["host_tests", "framework_graph_test", *MADE, "endtoend.host", "endtoend.troubles", "endtoend.journey"],
@@ -52,6 +55,7 @@ FITTING = {
     "packages": [*PACKAGES, "endtoend.journey", "endtoend.trial", "endtoend.trust", "endtoend.documents"],
 }
 HANGS = 10.0  # a test that takes so many times what it takes without a fault hangs
+SLOW = 1.0  # seconds
 SHORTEST = 10.0  # seconds; no test hangs before that
 CASE = re.compile(r"^(?:\[ RUN +\] |test_\w+ \()([\w./]+)")
 FAILED = re.compile(r"^(?:\[  FAILED  \] |(?:FAIL|ERROR): \w+ \()([\w./]+)", re.MULTILINE)
@@ -154,15 +158,28 @@ class Tests:
         if self._kept.exists() and (kept := json.loads(self._kept.read_text()))["sources"] == sources:
             self.usual, self._failing = kept["usual"], kept["failing"]
 
-    def run(self, workshop: Workshop, name: str) -> Run:
+    def parts(self, names: list[str]) -> list[tuple[str, list[str]]]:
+        """The tests with their cases, quick ones first; the slow cases of a program are a part of their own."""
+        parts = []
+        for name in filter(self.usual.get, names):
+            usual = {case: seconds for case, seconds in self.usual[name].items() if case not in self._failing[name]}
+            slow = {case for case, seconds in usual.items() if case and name not in self._listed and seconds > SLOW}
+            for cases in (usual.keys() - slow - {""}, slow):
+                if cases or not slow and name in self._listed:
+                    parts.append((usual.get("", 0.0) + sum(usual[case] for case in cases), name, sorted(cases)))
+                    if name in self._listed:
+                        break
+        return [(name, cases) for _, name, cases in sorted(parts)]
+
+    def run(self, workshop: Workshop, name: str, cases: list[str]) -> Run:
+        """Runs those cases of a test, all when there is none."""
         if name not in self._listed:
-            left_out = ":".join(self._failing.get(name, []))
-            once = ["--gtest_fail_fast"] if name in self.usual else []
-            return workshop.run([str(BUILD / "bin" / name), f"--gtest_filter=-{left_out}", *once], usual=self.usual.get(name))
+            chosen = [f"--gtest_filter={':'.join(cases)}", "--gtest_fail_fast"] if cases else []
+            return workshop.run([str(BUILD / "bin" / name), *chosen], usual=self.usual.get(name))
         test = self._listed[name]
         command = [word for part in test["command"] for word in ([part, "-f"] if part == "unittest" else [part])]
         if self._failing.get(name):
-            command[-1:] = [case for case in self.usual[name] if case and case not in self._failing[name]]
+            command[-1:] = cases
         properties = {entry["name"]: entry["value"] for entry in test.get("properties", [])}
         return workshop.run(command, Path(properties.get("WORKING_DIRECTORY", BUILD)), tuple(properties.get("ENVIRONMENT", [])), self.usual.get(name))
 
@@ -170,7 +187,7 @@ class Tests:
         """Runs a test without a fault: what fails already is told, and left out from then on."""
         if name in self._failing:
             return
-        done = self.run(workshop, name)
+        done = self.run(workshop, name, [])
         failing = sorted(set(FAILED.findall(done.said)))
         print(f"{sum(done.seconds.values()):4.0f} s  {name} without a fault", flush=True)
         if done.code != 0:
@@ -188,7 +205,7 @@ def targets(test: str) -> list[str]:
 
 
 def fitting(fault: Fault) -> list[str]:
-    return next(tests for room, tests in FITTING.items() if fault.file.startswith(room + "/"))
+    return next(tests for room, tests in FITTING.items() if fault.file.startswith(room))
 
 
 def judge(workshop: Workshop, tests: Tests, objects: dict[str, str], fault: Fault) -> str | None:
@@ -205,10 +222,10 @@ def judge(workshop: Workshop, tests: Tests, objects: dict[str, str], fault: Faul
     try:
         if made and compiled() in (None, before):
             return None
-        for test in filter(tests.usual.get, fitting(fault)):
+        for test, cases in tests.parts(fitting(fault)):
             if path.suffix != ".py" and not workshop.build(*targets(test)):
                 return None
-            done = tests.run(workshop, test)
+            done = tests.run(workshop, test, cases)
             if done.code != 0:
                 failed = FAILED.search(done.said)
                 return f"caught by {test} {failed[1] if failed and done.code is not None else done.case}{' (hangs)' if done.code is None else ''}"

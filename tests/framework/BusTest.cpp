@@ -159,9 +159,18 @@ TEST_F(Bus, EntersNoHandlerOnceItIsUnsubscribed) {
     }
     EXPECT_FALSE(late);
     std::promise<void> unsubscribed;  // a handler may do it, too
-    Subscribe([&](Message&) { return m_bus->Unsubscribe(this), unsubscribed.set_value(), true; });
+    std::atomic<int> entered{0};
+    Subscribe([&](Message&) {
+        m_bus->Unsubscribe(this);
+        if (++entered == 1) {
+            unsubscribed.set_value();
+        }
+        return true;
+    });
     unsubscribed.get_future().wait();
     done = true;
+    publishing.wait();
+    EXPECT_EQ(entered, 1);
 }
 
 }  // namespace
