@@ -215,6 +215,7 @@ TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {
         {"pair " PALM_KEY " --remove --name a", 2, "--name"},
         {"keygen /nowhere/keys", 2, "/nowhere/keys: No such file"},
         {"scan /nowhere/a.pkg", 2, "/nowhere/a.pkg: No such file"},
+        {"scan /dev/null", 2, "/dev/null: not a regular file"},
         {"status", 3, "arbord does not run: systemctl status arbord (no socket at /nowhere/env.sock)"},
         {"watch --socket /" + std::string(200, 'x'), 3, "longer than 107"},
         {"install 1 --wait --socket " + gateway.Folder() + "/in", 3,
