@@ -56,7 +56,7 @@ FITTING = {
 }
 HANGS = 10.0  # a test that takes so many times what it takes without a fault hangs
 SLOW = 1.0  # seconds
-SHORTEST = 10.0  # seconds; no test hangs before that
+SHORTEST = 30.0  # seconds; no test hangs before that
 CASE = re.compile(r"^(?:\[ RUN +\] |test_\w+ \()([\w./]+)")
 FAILED = re.compile(r"^(?:\[  FAILED  \] |(?:FAIL|ERROR): \w+ \()([\w./]+)", re.MULTILINE)
 # Everything is there to be read and written, but what is written is forgotten; only the workshop's folder is real, as HOME/work.
@@ -226,6 +226,8 @@ def judge(workshop: Workshop, tests: Tests, objects: dict[str, str], fault: Faul
             if path.suffix != ".py" and not workshop.build(*targets(test)):
                 return None
             done = tests.run(workshop, test, cases)
+            if done.code != 0:  # twice: on a busy machine one may fail by itself
+                done = tests.run(workshop, test, cases)
             if done.code != 0:
                 failed = FAILED.search(done.said)
                 return f"caught by {test} {failed[1] if failed and done.code is not None else done.case}{' (hangs)' if done.code is None else ''}"

@@ -183,6 +183,10 @@ TEST(Commands, ShowTheDevicesAnswerToPeopleAndToPrograms) {
         }
         EXPECT_EQ(count, std::string(item.path) == "log" ? 2U : 1U) << item.line;
     }
+    ScriptedGateway gateway;
+    gateway.Script("/v1/openapi.json",
+                   {200, R"({"paths":{"/v1/a":{"post":{}},"/v1/status":{"get":{}},"/v1/b":{"post":{}}}})", false});
+    EXPECT_EQ(RunProgram(gateway, "send --list --json", "")->Output(), "{\"keywords\":[\"a\",\"b\"]}\n");
 }
 
 TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {

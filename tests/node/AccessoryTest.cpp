@@ -87,6 +87,7 @@ TEST_F(Accessory, GetsAPackageAsFileMessages) {
         answer->m_ErrorText = write ? "disk full" : "";
         return answer;
     });
+    probe->Listen(ZEndpointType::Progress, "");
     Start();
     const auto answer = Transfer("3.044");
     ASSERT_TRUE(answer);
@@ -99,6 +100,12 @@ TEST_F(Accessory, GetsAPackageAsFileMessages) {
     EXPECT_TRUE(
         log.Has(2, "Sending Install File Open for <KiteQM-P1> <" + package.string() + "> -> <" + destination + ">"));
     EXPECT_TRUE(log.Has(2, "Install File Transfer (1 encoded 4 bytes) 99% (776700 of 776701) to " + destination));
+    EXPECT_TRUE(WaitUntil([&] {
+        return std::ranges::any_of(probe->Received(), [](const std::shared_ptr<ZMessage>& message) {
+            const auto told = cast_shared<InstallProgressMsg>(message);
+            return told && told->m_Header == "Transfer install package" && told->m_Percent == 99;
+        });
+    }));
 
     const auto missing = Transfer("9.9");
     EXPECT_EQ(missing->m_ErrorText, "Version does not exist");
