@@ -96,8 +96,8 @@ class Workshop:
 
     def prepare(self) -> str:
         """Brings the copy to what the checkout holds, and builds it. Returns a digest of what the tests depend on."""
-        listed = subprocess.run(["git", "-c", f"safe.directory={ROOT}", "ls-files", "-z", "--cached", "--others", "--exclude-standard"], cwd=ROOT, capture_output=True,
-                                check=True).stdout.decode().split("\0")
+        listed = subprocess.run(["git", "-c", f"safe.directory={ROOT}", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+                                cwd=ROOT, capture_output=True, check=True).stdout.decode().split("\0")
         wanted = {name for name in listed if name and (ROOT / name).is_file()}
         source = self.folder / "source"
         for path in [path for path in source.rglob("*") if path.is_file() and str(path.relative_to(source)) not in wanted]:
@@ -185,16 +185,14 @@ class Tests:
 
     def learn(self, workshop: Workshop, name: str) -> None:
         """Runs a test without a fault: what fails already is told, and left out from then on."""
-        if name in self._failing:
-            return
-        done = self.run(workshop, name, [])
-        failing = sorted(set(FAILED.findall(done.said)))
-        print(f"{sum(done.seconds.values()):4.0f} s  {name} without a fault", flush=True)
-        if done.code != 0:
-            print(f"mutate: fails without a fault, and is left out: {name} {' '.join(failing)}", flush=True)
-        self._failing[name] = failing
-        if done.code == 0 or 0 < len(failing) < len(done.seconds) - 1:
-            self.usual[name] = done.seconds
+        if name not in self._failing:
+            done = self.run(workshop, name, [])
+            print(f"{sum(done.seconds.values()):4.0f} s  {name} without a fault", flush=True)
+            self._failing[name] = sorted(set(FAILED.findall(done.said)))
+            if done.code == 0 or 0 < len(self._failing[name]) < len(done.seconds) - 1:
+                self.usual[name] = done.seconds
+        if self._failing[name] or name not in self.usual:
+            print(f"mutate: fails without a fault, and is left out: {name} {' '.join(self._failing[name])}", flush=True)
 
     def keep(self) -> None:
         self._kept.write_text(json.dumps({"sources": self._sources, "usual": self.usual, "failing": self._failing}))
