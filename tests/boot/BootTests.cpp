@@ -10,6 +10,7 @@
 #include "TestSupport.h"
 #include "ZBoot/ZBootSteps.h"
 #include "ZBoot/ZTrialWatch.h"
+#include "ZShared/ZPlatform.h"
 
 namespace fs = std::filesystem;
 
@@ -371,10 +372,18 @@ TEST_F(Boot, CommandOfTheBuilderIsAskedAndTold) {
 
 TEST_F(Boot, SettingsNameWhatIsWrong) {
     EXPECT_EQ(ZBootSettings::Load(folder / "none")->control, "link");
-    Write(folder / "boot.json", R"({"control":"uboot-env","attempts":5})");
-    EXPECT_EQ(ZBootSettings::Load(folder / "boot.json")->attempts, 5U);
+    Write(
+        folder / "boot.json",
+        R"({"control":"c","attempts":100,"command":"d","slotVariable":"v","printEnvironment":"p","setEnvironment":"s","entries":"e"})");
+    const auto read = ZBootSettings::Load(folder / "boot.json");
+    ASSERT_TRUE(read) << ErrorOf(read);
+    EXPECT_EQ(read->attempts, 100U);
+    EXPECT_EQ(read->control + read->command + read->slotVariable + read->printEnvironment + read->setEnvironment +
+                  read->entries,
+              "cdvpse");
     for (const auto& [text, told] :
          {std::pair{R"({"attempts":0})", "attempts: it must be a number from 1 to 100"},
+          std::pair{R"({"attempts":101})", "attempts: it must be a number from 1 to 100"},
           std::pair{R"({"slot":"A"})", "slot: there is no such setting"},
           std::pair{R"({"state":""})", "state: it must be a text"}, std::pair{R"([])", "it is no JSON object"}}) {
         Write(folder / "boot.json", text);
@@ -384,6 +393,45 @@ TEST_F(Boot, SettingsNameWhatIsWrong) {
     }
     settings.control = "magic";
     EXPECT_FALSE(ZBootControl::Make(settings));
+}
+
+/// The program itself, as units and the installer call it.
+TEST_F(Boot, ProgramLeavesAVersionThatNobodyJudges) {
+    const auto quoted = [&](const char* name) { return '"' + (folder / name).string() + '"'; };
+    Write(folder / "boot.json", R"({"slots":)" + quoted("Slots") + R"(,"state":)" + quoted("state/trial") +
+                                    R"(,"runningSlotFile":)" + quoted("slot") +
+                                    R"(,"kernelCommandLine":"/dev/null","bootIdFile":)" + quoted("id") +
+                                    R"(,"restart":"touch )" + (folder / "restarted").string() + "\"}");
+    std::string said;
+    const auto does = [&](const std::string& command) {
+        return ZPlatform::ExecuteCommand(
+            ARBOR_BOOT " --settings " + (folder / "boot.json").string() + ' ' + command + " 2>&1", said);
+    };
+    for (const auto& [command, reason] : {std::pair{"expire", "nothing on it told in time that it works"},
+                                          std::pair{"emergency", "it came no further than emergency mode"}}) {
+        fs::remove_all(folder / "state");
+        Start("A");
+        ASSERT_TRUE(does("start")) << said;
+        EXPECT_TRUE(does("may-install")) << said;
+        EXPECT_EQ(does(command), command == std::string("expire")) << "nothing is on trial: " << said;
+        ASSERT_TRUE(does("activate B")) << said;
+        EXPECT_TRUE(does("may-install")) << "a second install before the restart: " << said;
+        Start("B");
+        ASSERT_TRUE(does("start")) << said;
+        EXPECT_FALSE(does("may-install")) << "A is the way back: " << said;
+        if (const auto judge = ZTrialWatch::Hold(settings.state); command == std::string("expire")) {
+            EXPECT_TRUE(does(command)) << said;
+        }
+        EXPECT_FALSE(fs::exists(folder / "restarted")) << said;
+        EXPECT_TRUE(does(command)) << said;
+        EXPECT_NE(said.find("version 3.046 is left for 3.044: " + std::string(reason)), std::string::npos) << said;
+        EXPECT_TRUE(fs::remove(folder / "restarted")) << said;
+        EXPECT_EQ(fs::read_symlink(folder / "Slots" / "active"), "A");
+    }
+    Write(folder / "state" / "trial", "damaged");
+    for (const char* command : {"expire", "emergency", "may-install", "show"}) {
+        EXPECT_FALSE(does(command)) << said;
+    }
 }
 
 TEST_F(Boot, SomebodyWhoJudgesIsSeen) {

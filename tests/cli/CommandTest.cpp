@@ -183,6 +183,10 @@ TEST(Commands, ShowTheDevicesAnswerToPeopleAndToPrograms) {
         }
         EXPECT_EQ(count, std::string(item.path) == "log" ? 2U : 1U) << item.line;
     }
+    ScriptedGateway gateway;
+    gateway.Script("/v1/openapi.json",
+                   {200, R"({"paths":{"/v1/a":{"post":{}},"/v1/status":{"get":{}},"/v1/b":{"post":{}}}})", false});
+    EXPECT_EQ(RunProgram(gateway, "send --list --json", "")->Output(), "{\"keywords\":[\"a\",\"b\"]}\n");
 }
 
 TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {
@@ -215,6 +219,7 @@ TEST(Commands, TellBadUsageFromADeviceThatCannotBeReachedAndNameWhatIsWrong) {
         {"pair " PALM_KEY " --remove --name a", 2, "--name"},
         {"keygen /nowhere/keys", 2, "/nowhere/keys: No such file"},
         {"scan /nowhere/a.pkg", 2, "/nowhere/a.pkg: No such file"},
+        {"scan /dev/null", 2, "/dev/null: not a regular file"},
         {"status", 3, "arbord does not run: systemctl status arbord (no socket at /nowhere/env.sock)"},
         {"watch --socket /" + std::string(200, 'x'), 3, "longer than 107"},
         {"install 1 --wait --socket " + gateway.Folder() + "/in", 3,

@@ -187,6 +187,18 @@ TEST_F(Doctor, SaysWhatToMend) {
              setup["passesModes"] = true;
          },
          "updates folder", "fault: /proc: 0 B free: it is full", 1},
+        {"mounted, as the host sees it",
+         [this] {
+             graph.at("platform").as_object()["mounts"] = json::object();
+             setup["mounts"] = {"1 1 0:1 / / rw - ext4 /dev/x rw",
+                                "2 1 0:2 / " + (folder / "disk").string() + " rw - ext4 /dev/data rw"};
+         },
+         "archive", "disk/Packages: ", 0},
+        {"clock behind what it has seen",
+         [this] {
+             status["lastInstall"] = {{"endedAt", 4102444800000}};
+         },
+         "clock", "and something here is of 2100-01-01", 1},
         {"not mounted", [this] { graph.at("platform").as_object()["mounts"] = json::object(); }, "archive",
          "fault: /dev/data is not mounted", 1},
         {"developer mode", [this] { status["developerMode"] = true; }, "graph", "warning: developerMode is on", 0},

@@ -149,15 +149,28 @@ TEST_F(Bus, EntersNoHandlerOnceItIsUnsubscribed) {
             Publish(kPatient);
         }
     });
-    for (int round = 0; round < 200; ++round) {
-        const auto state = std::make_unique<int>(0);  // gone at the end of the round: a late call would use it
-        Subscribe([&counter = *state](Message&) { return ++counter > 0; });
+    std::atomic<int> now{0};
+    std::atomic<bool> late{false};
+    for (int round = 1; round <= 200; ++round) {
+        now = round;
+        Subscribe([&, round](Message&) { return late = late || now != round, true; });
         m_bus->Unsubscribe(this);
+        now = 0;
     }
+    EXPECT_FALSE(late);
     std::promise<void> unsubscribed;  // a handler may do it, too
-    Subscribe([&](Message&) { return m_bus->Unsubscribe(this), unsubscribed.set_value(), true; });
+    std::atomic<int> entered{0};
+    Subscribe([&](Message&) {
+        m_bus->Unsubscribe(this);
+        if (++entered == 1) {
+            unsubscribed.set_value();
+        }
+        return true;
+    });
     unsubscribed.get_future().wait();
     done = true;
+    publishing.wait();
+    EXPECT_EQ(entered, 1);
 }
 
 }  // namespace

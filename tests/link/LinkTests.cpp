@@ -284,8 +284,9 @@ TEST_F(Link, RubbishIsDroppedWithALineThatNamesItsSender) {
     for (const auto& [frames, said] : table) {
         stranger.Say(frames);
         EXPECT_TRUE(WaitUntil([&, &said = said] {
-            const std::string all = m_log.All();
-            return all.find(said) != std::string::npos && all.find(stranger.Key()) != std::string::npos;
+            return std::ranges::any_of(m_log.Lines(), [&](const LogCapture::Line& line) {
+                return line.text.find(said) != std::string::npos && line.text.find(stranger.Key()) != std::string::npos;
+            });
         })) << said
             << '\n'
             << m_log.All();

@@ -69,7 +69,7 @@ TEST_F(Accessory, IsNotBuiltForWhenTheBoardCouldRunAsACommand) {
     Archive("3.044");
     Start();
     Tables().Builds().clear();
-    EXPECT_TRUE(Check("3.010", "a;touch owned")->m_bCompatible);
+    EXPECT_TRUE(Check("3.010", "a;touch owned;")->m_bCompatible);
     ASSERT_TRUE(WaitUntil([&] { return log.All().find("Build refused") != std::string::npos; }));
     ASSERT_TRUE(WaitUntil([&] { return !Tables().BuildInProgress(); }));
     EXPECT_FALSE(fs::exists("owned"));
@@ -87,6 +87,7 @@ TEST_F(Accessory, GetsAPackageAsFileMessages) {
         answer->m_ErrorText = write ? "disk full" : "";
         return answer;
     });
+    probe->Listen(ZEndpointType::Progress, "");
     Start();
     const auto answer = Transfer("3.044");
     ASSERT_TRUE(answer);
@@ -99,6 +100,12 @@ TEST_F(Accessory, GetsAPackageAsFileMessages) {
     EXPECT_TRUE(
         log.Has(2, "Sending Install File Open for <KiteQM-P1> <" + package.string() + "> -> <" + destination + ">"));
     EXPECT_TRUE(log.Has(2, "Install File Transfer (1 encoded 4 bytes) 99% (776700 of 776701) to " + destination));
+    EXPECT_TRUE(WaitUntil([&] {
+        return std::ranges::any_of(probe->Received(), [](const std::shared_ptr<ZMessage>& message) {
+            const auto told = cast_shared<InstallProgressMsg>(message);
+            return told && told->m_Header == "Transfer install package" && told->m_Percent == 99;
+        });
+    }));
 
     const auto missing = Transfer("9.9");
     EXPECT_EQ(missing->m_ErrorText, "Version does not exist");
@@ -148,10 +155,10 @@ TEST_F(Accessory, IsInstalledRemotelyThroughTheFixedCommands) {
         request->m_SerialNumber = serialNumber;
         return cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
     };
-    const auto refused = ask("P1;touch owned");
+    const auto refused = ask("P1;touch owned;");
     ASSERT_TRUE(refused);
     EXPECT_FALSE(cast_shared<ZVersionInfoMsg>(refused->m_Messages.front())->m_bSuccess);
-    EXPECT_TRUE(log.Has(4, "Host name <KiteQM-P1;touch owned.local> can't stand in a command line"));
+    EXPECT_TRUE(log.Has(4, "Host name <KiteQM-P1;touch owned;.local> can't stand in a command line"));
     EXPECT_FALSE(fs::exists("owned") || fs::exists(seen)) << "nor is a device of another name installed on";
     const auto answer = ask("P1");
     ASSERT_TRUE(answer);

@@ -31,8 +31,9 @@ protected:
         }
         probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0), devices);
     }
-    void TellFile(const fs::path& file) {
+    void TellFile(const fs::path& file, bool bGone = false) {
         const auto update = Z_MAKE(FolderUpdateMsg);
+        update->m_bGone = bGone;
         update->m_Folder = ToZString(file.parent_path().string());
         update->m_FileName = ToZString(file.filename().string());
         probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "newFile", 0), update);
@@ -157,15 +158,22 @@ TEST_F(Checks, OfUploadsTakeAwayWhatWasRefusedOrRemoved) {
     TellFile(bad);
     ASSERT_TRUE(WaitForJob("Check bad.pkg Failed: board:verdin-imx8mm"));
     EXPECT_TRUE(WaitUntil([&] { return !fs::exists(bad); })) << "it only takes space";
-    EXPECT_THAT(Records(cast_shared<ZMessageArray>(probe->Received().back())),
-                ElementsAre("3.046 " + bad.string() + " rejected 7", "3.045 System"));
+    const auto announces = [&](const std::vector<std::string>& records) {
+        return WaitUntil([&] { return Records(cast_shared<ZMessageArray>(probe->Received().back())) == records; });
+    };
+    EXPECT_TRUE(announces({"3.046 " + bad.string() + " rejected 7", "3.045 System"}));
     // What replaces a good one and is refused takes its entry away.
     folder.Write("updates/good.pkg", ReadText(Package("b.pkg", "3.046", 1)), 0755);
     TellFile(good);
     EXPECT_TRUE(WaitUntil([&] { return Offered().empty() && !fs::exists(good); }));
     folder.Write("updates/good.pkg", ReadText(Package("g.pkg", "3.045")), 0755);
     TellFile(good);
-    ASSERT_TRUE(WaitUntil([&] { return Offered().size() == 1; }));
+    ASSERT_TRUE(announces({"3.045 System"}));
+    TellFile(good, true);
+    EXPECT_TRUE(announces({})) << "its folder tells that it is gone";
+    EXPECT_TRUE(log.Has(2, "Removing package " + good.string()));
+    TellFile(good);
+    ASSERT_TRUE(announces({"3.045 System"}));
     fs::remove(good);
     TellFile(good);
     EXPECT_TRUE(WaitUntil([&] { return Offered().empty(); }));

@@ -94,6 +94,9 @@ TEST_F(JournalOrders, AreKeptInTheirOrderAndCountedInTheirPlaces) {
     ZOrdersRequestMsg newest;
     newest.m_Limit = 1;
     EXPECT_EQ(journal->Answer(newest)->m_Orders.front()->m_Subject.size(), 512U);
+    journal.reset();
+    EXPECT_THAT(Kept(*Opened()), ElementsAre("6", "5", "4", "3", "2*7", "1"))
+        << "a later life goes on behind an earlier";
 }
 
 TEST_F(JournalOrders, ThatAreRefusedPushOutNoneThatWasObeyed) {
