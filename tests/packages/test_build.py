@@ -90,9 +90,10 @@ class Building(PackageTest):
         with Package(self.package) as package:
             offsets = package.payload_offset, package.payload_end
         flipped = {"comment of the stub": 30, "version in the header": good.index(b"3.045", 4096), "code": offsets[0] - 500,
-                   "first byte of the payload": offsets[0], "last byte of the payload": offsets[1] - 1,
-                   "signature": good.index(b'"signature":"', offsets[1]) + 20}
+                   "first byte of the payload": offsets[0], "last byte of the payload": offsets[1] - 1}
         cases = {what: good[:at] + bytes([good[at] ^ 1]) + good[at + 1:] for what, at in flipped.items()}
+        at = good.index(b'"signature":"', offsets[1]) + 20
+        cases["signature"] = good[:at] + (b"C" if good[at:at + 1] == b"B" else b"B") + good[at + 1:]  # of its own letters
         cases |= {"cut in the signature": good[:-1], "cut in the payload": good[:offsets[0] + 5], "longer": good + b"\0"}
         for what, content in cases.items():
             with self.subTest(what):

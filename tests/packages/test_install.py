@@ -118,7 +118,7 @@ class Installing(PackageTest):
             with open(slot, "r+b") as file:
                 file.seek(-1, os.SEEK_END)
                 file.write(bytes([read(self.payload)[-1] ^ 1]))
-            with self.assertRaisesRegex(Failure, "slot.img: the storage does not hold what was written"):
+            with self.assertRaisesRegex(Failure, "slot.img: it does not hold the image: the storage wrote it wrongly"):
                 worker._check_image(package, slot, lambda *_: None)
 
 

@@ -133,7 +133,7 @@ def _check_image(package: Package, path: str, report: Report) -> None:
             digest.update(chunk)
     if digest.hexdigest() != package.header.payload.sha256:
         compare_digests(package.payload_digest(), package.header.payload.sha256, "the image in the package is damaged")
-    compare_digests(digest.hexdigest(), package.header.payload.sha256, f"{path}: the storage does not hold what was written")
+    compare_digests(digest.hexdigest(), package.header.payload.sha256, f"{path}: it does not hold the image: the storage wrote it wrongly, or the package was read wrongly")
 
 
 def _counted(chunks: Iterable[bytes], total: int, message: str, share: tuple[int, int],
