@@ -123,6 +123,8 @@ class Container(Machine):
                                 [f"--bind={self._data}:{DATA}", f"--bind-ro={self._work / 'told'}:{_TOLD}"],
                                 name=f"{self.name}-{os.getpid()}", network=self._network)
                 while self._box.ended is None:
+                    if not self._powered:  # the power went while it was being switched on
+                        self._box.cut()
                     time.sleep(0.02)
                 if self._box.ended == 0:  # switched off
                     self._powered = False
