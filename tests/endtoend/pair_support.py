@@ -38,13 +38,14 @@ class PairCase(LoggedCase):
         until(lambda: not gateway.get("status", CART.gateway)["updateInProgress"], "the host is idle again")
 
     def assert_remote_install_works(self) -> None:
-        """It goes well, and the accessory restarts from its other slot."""
+        """It goes well, and the accessory restarts from its other slot and proves itself: the next one may come."""
         folder = PALM.path(paths.SLOTS)
         other = {"A": "B", "B": "A"}[slots.active(folder)]
         before = PALM.path(paths.HOST_PID).read_text()
         self.assert_ended(0, "done", arborctl(CART, *REMOTE_INSTALL))
         until(lambda: PALM.path(paths.HOST_PID).read_text() != before and installed(PALM) == VERSION, "the accessory is back")
         self.assertEqual((other, VERSION), (slots.active(folder), slots.versions(folder)[other]))
+        until(lambda: gateway.post("slots", at=PALM.gateway)[1]["state"] == "confirmed", "it has proved itself")
 
 
 def until(holds, what: str) -> None:
