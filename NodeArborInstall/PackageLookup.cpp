@@ -51,6 +51,12 @@ bool ZNodeArborInstall::FindPackage(const ZString& versionText, fs::path& packag
     return exists && *exists;
 }
 
+bool ZNodeArborInstall::MayBeExchanged(const fs::path& package) const {
+    // By its name: the drive that it may be on is not asked.
+    const fs::path below = package.lexically_relative(m_archivePath);
+    return m_trust.IsOn() && (below.empty() || *below.begin() == ".." || IsUpload(package));
+}
+
 fs::path ZNodeArborInstall::PackageFor(const ZString& version, ZDeviceModel accessory, std::string& reason) {
     fs::path package = GetPackage(version);
     if (package.empty()) {

@@ -125,6 +125,8 @@ public:
                            const std::shared_ptr<ZOperation>& operation);
     void StopListeningToAccessory();
     ProgressRelay& Relay(bool bUnix) { return bUnix ? m_relay : m_accessoryRelay; }
+    /// Whether others may exchange a package that was checked: with a trust policy it must not run as a file then.
+    bool MayBeExchanged(const std::filesystem::path& package) const;
     /// The package of the installed version, or of another one, that fits the accessory as far as its board is known.
     /// Empty, with the reason, when there is none.
     std::filesystem::path PackageFor(const ZString& version, ZDeviceModel accessory, std::string& reason);
