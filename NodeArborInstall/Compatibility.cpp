@@ -125,6 +125,10 @@ ZResult<void> ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message
     if (!script) {
         return script.error();
     }
+    if (const auto own = IsArchiveOwn(); !own) {
+        Z_LOG(4, "Build refused: %s", own.error().text);
+        return own;
+    }
     if (!fs::is_directory(directory)) {
         Z_LOG(4, "No package installed at %s", directory);
         return ZError("there is no " + directory.string());

@@ -232,6 +232,11 @@ void ZNodeArborInstall_RemoteInstallAction::Install(const ZSystemUpdateMsg& requ
                           "over ssh. Transfer it, and install it there");
         return;
     }
+    if (const auto own = Node().IsArchiveOwn(); !own) {
+        Z_LOG(4, "Remote install refused: %s", own.error().text);
+        Answer(false, own.error().text);
+        return;
+    }
     if (!CanStandInCommands(source, ownName)) {
         Answer(false, "a path or a name can't stand in a command line");
         return;

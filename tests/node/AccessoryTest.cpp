@@ -115,6 +115,23 @@ TEST_F(Accessory, GetsNoPackageOverSshThatSomebodyMayExchange) {
     ::setenv("PATH", path.c_str(), 1);
 }
 
+TEST_F(Accessory, IsNotBuiltForByAProgramOfAStickThatPassesForTheArchive) {
+    InstallSystem("3.044");
+    Archive("3.044");
+    const fs::path ran = folder / "ran";
+    folder.Write("mount/Archive/3.044/installer/installer.py", "#!/bin/sh\ntouch " + ran.string() + "\n", 0755);
+    probe->Listen(ZEndpointType::GraphService, "getdevices", [&](const std::shared_ptr<ZMessage>&) {
+        const auto drives = Z_MAKE(StorageDevicesMsg);
+        drives->m_Devices = {ToZString((folder / "mount").string())};
+        return drives;
+    });
+    Start(R"("TrustedSigners":")" + (folder / "signers").string() + R"(","UnconfinedChecks":true)");
+    Tables().Builds().clear();
+    EXPECT_TRUE(Check("3.010")->m_bCompatible);
+    EXPECT_TRUE(WaitForJobLike("Build 3.044 Failed: " + (folder / "mount/Archive").string() + " is on a drive"));
+    EXPECT_FALSE(fs::exists(ran));
+}
+
 TEST_F(Accessory, GetsAPackageAsFileMessages) {
     const fs::path package = Archive("3.044");
     folder.Write("mount/Archive/3.044/arbor_qm.pkg", std::string(776701, 'x'), 0755);
