@@ -16,6 +16,7 @@ Z_IMPLEMENT(ZNodeArborInstall_BuildAction)
 namespace {
 
 constexpr const char* kOtherBoard = "apalis-imx8";
+constexpr std::size_t kLongestBoard = 64;  // as packages have it
 
 /// What changes when a file is written anew; none when there is no such file.
 std::optional<std::pair<ino_t, std::int64_t>> StampOf(const fs::path& file) {
@@ -66,7 +67,12 @@ bool ZNodeArborInstall::OnCheckCompatibility(std::shared_ptr<ZMessage>& message)
 void ZNodeArborInstall::DecideBuild(const std::shared_ptr<ZMessage>& request) {
     const auto& compatibility = static_cast<const ZDeviceCompatibilityMsg&>(*request);
     const ZString board = ToZString(BoardAsked(compatibility));
-    if (!board.empty()) {
+    if (board.size() > kLongestBoard) {
+        Z_LOG(3, "No package is built for a board whose name has %zu characters", board.size());
+        return;
+    }
+    // Of models that there are: whoever asks with other numbers must not fill the table.
+    if (!board.empty() && magic_enum::enum_contains(compatibility.m_Model)) {
         (*m_accessoryBoards.Lock())[compatibility.m_Model] = board;
     }
     if (m_bBuildInProgress) {
@@ -118,6 +124,10 @@ ZResult<void> ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message
     const auto script = InstallerScript(directory);
     if (!script) {
         return script.error();
+    }
+    if (const auto own = IsArchiveOwn(); !own) {
+        Z_LOG(4, "Build refused: %s", own.error().text);
+        return own;
     }
     if (!fs::is_directory(directory)) {
         Z_LOG(4, "No package installed at %s", directory);

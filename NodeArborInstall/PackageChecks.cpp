@@ -161,9 +161,8 @@ bool ZNodeArborInstall::FinishCheck(const PackageCheck& check, const ZSoftwareVe
                "it is older than the installed version " + ToStdString(m_systemVersion.m_text), check.operation);
         return true;
     }
-    const auto* const package = check.approved ? &check.approved->package : nullptr;
-    const bool tells = package != nullptr && !package->isDetached;
-    if (const auto good = MayBeOffered(version.m_text, tells ? package->payload.sha256 : std::string()); !good) {
+    const std::string digest = check.approved ? ImageDigest(check.approved->package) : std::string();
+    if (const auto good = MayBeOffered(version.m_text, digest); !good) {
         Z_LOG(3, "Package %s is not offered: %s", path, good.error().text);
         Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED, good.error().text,
                check.operation);

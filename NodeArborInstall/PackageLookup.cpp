@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "ZNodeArborInstall.h"
 #include "ZShared/ZCommandRunner.h"
 
@@ -6,6 +8,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr auto kDrivePatience = std::chrono::seconds(2);
+constexpr auto kDrivesPatience = std::chrono::seconds(5);
 
 }  // namespace
 
@@ -49,6 +52,27 @@ bool ZNodeArborInstall::FindPackage(const ZString& versionText, fs::path& packag
         Z_LOG(4, "%s", exists.error().text);
     }
     return exists && *exists;
+}
+
+bool ZNodeArborInstall::MayBeExchanged(const fs::path& package) const {
+    // By its name: the drive that it may be on is not asked.
+    const fs::path below = package.lexically_relative(m_archivePath);
+    return m_trust.IsOn() && (below.empty() || *below.begin() == ".." || IsUpload(package));
+}
+
+ZResult<void> ZNodeArborInstall::IsArchiveOwn() {
+    std::shared_ptr<ZMessage> answer;
+    PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "getdevices", 0), Z_MAKE(ZGenericRequestMsg), &answer,
+                       {true, false, kDrivesPatience});
+    const auto told = m_trust.IsOn() ? ZCAST(StorageDevicesMsg, answer) : nullptr;
+    const auto holdsArchive = [this](const ZString& drive) {
+        return VersionTables::IsOnDrive(m_archivePath, fs::path(drive).lexically_normal());
+    };
+    if (!told || std::ranges::none_of(told->m_Devices, holdsArchive)) {
+        return {};
+    }
+    return ZError(m_archivePath.string() +
+                  " is on a drive that may be pulled: what is in it may be anybody's (ArchiveDevice, excludedRoots)");
 }
 
 fs::path ZNodeArborInstall::PackageFor(const ZString& version, ZDeviceModel accessory, std::string& reason) {

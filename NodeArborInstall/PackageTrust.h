@@ -14,6 +14,11 @@
 #include "ZTrust/ZTrust.h"
 #include "ZTrust/ZTrustInForce.h"
 
+/// What tells the package's image from others; empty when the package does not tell it.
+inline std::string ImageDigest(const ZPackage& package) {
+    return package.isDetached ? std::string() : package.payload.sha256;
+}
+
 /// Which packages may run, and how: with a folder of trusted signers a package is read before anything of it runs, and
 /// what runs is the copy that was read. Without one every file that may be executed is believed. Thread-safe.
 class PackageTrust {

@@ -225,6 +225,18 @@ void ZNodeArborInstall_RemoteInstallAction::Install(const ZSystemUpdateMsg& requ
         Answer(false, reason);
         return;
     }
+    if (Node().MayBeExchanged(source)) {
+        Z_LOG(4, "Remote install refused: %s is not in the archive", source);
+        Answer(false, source +
+                          " may be exchanged before the accessory runs it: only packages of the archive are installed "
+                          "over ssh. Transfer it, and install it there");
+        return;
+    }
+    if (const auto own = Node().IsArchiveOwn(); !own) {
+        Z_LOG(4, "Remote install refused: %s", own.error().text);
+        Answer(false, own.error().text);
+        return;
+    }
     if (!CanStandInCommands(source, ownName)) {
         Answer(false, "a path or a name can't stand in a command line");
         return;

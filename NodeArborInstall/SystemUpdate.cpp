@@ -139,12 +139,16 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::PackageToInstall(const fs::pa
     }
     auto approved = Approve(package, kReadPatience);
     const ZSoftwareVersion found(approved ? ToZString(approved->package.version) : ZString());
-    if (approved && ToZString(approved->package.version) == version && IsVersionAllowed(found, package)) {
+    const bool isIt = approved && ToZString(approved->package.version) == version;
+    const bool isAllowed = isIt && IsVersionAllowed(found, package);
+    const auto offered = isAllowed ? MayBeOffered(version, ImageDigest(approved->package)) : ZResult<void>();
+    if (isAllowed && offered) {
         return approved;
     }
-    const std::string reason = !approved                                         ? approved.error().text
-                               : ToZString(approved->package.version) != version ? "it is another version by now"
-                                                                                 : "it is older than what is installed";
+    const std::string reason = !approved    ? approved.error().text
+                               : !isIt      ? "it is another version by now"
+                               : !isAllowed ? "it is older than what is installed"
+                                            : offered.error().text;
     const ZString path = ToZString(package.string());
     if (!approved && approved.error().code == ZFrameworkErrorCodes::ERRCODE_NONE) {
         return approved;  // nothing was found out about it: its drive may be slow

@@ -125,6 +125,11 @@ public:
                            const std::shared_ptr<ZOperation>& operation);
     void StopListeningToAccessory();
     ProgressRelay& Relay(bool bUnix) { return bUnix ? m_relay : m_accessoryRelay; }
+    /// Whether others may exchange a package that was checked: with a trust policy it must not run as a file then.
+    bool MayBeExchanged(const std::filesystem::path& package) const;
+    /// Whether the archive is the device's own, so that what is in it may run: not when it is on one of the drives, as
+    /// when a stick has the label by which its device is named. Any is, without a trust policy.
+    ZResult<void> IsArchiveOwn();
     /// The package of the installed version, or of another one, that fits the accessory as far as its board is known.
     /// Empty, with the reason, when there is none.
     std::filesystem::path PackageFor(const ZString& version, ZDeviceModel accessory, std::string& reason);

@@ -1,6 +1,5 @@
 #include "StateLock.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -8,9 +7,13 @@
 #include <fstream>
 #include <sstream>
 
+#include "ZShared/ZLockFile.h"
+
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr const char* kArchiveLock = ".arbor.lock";
 
 /// Who holds what is open here, as far as that can be told: "arbord (process 4711)".
 std::string HolderOf(const ZFileDescriptor& file) {
@@ -41,7 +44,7 @@ ZResult<StateLock> StateLock::Take(const fs::path& updatesFolder, const std::set
         fs::create_directories(updatesFolder.parent_path(), code);
         const fs::path folder = fs::weakly_canonical(updatesFolder, code);  // the same lock under whatever name
         const fs::path path = folder.parent_path() / ('.' + folder.filename().string() + ".lock");
-        ZFileDescriptor file(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644));
+        ZFileDescriptor file = OpenLockFile(path.string(), O_RDONLY);
         if (!file) {
             return ZError::OfSystem(path.string(), errno);
         }
@@ -50,7 +53,7 @@ ZResult<StateLock> StateLock::Take(const fs::path& updatesFolder, const std::set
         }
     }
     for (const fs::path& archive : archives) {
-        ZFileDescriptor file(::open(archive.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        ZFileDescriptor file = OpenLockFile((archive / kArchiveLock).string(), O_RDONLY);
         if (const auto held = file ? lock.Hold(std::move(file), archive) : ZResult<void>(); !held) {
             return held.error();
         }

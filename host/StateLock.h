@@ -14,7 +14,8 @@ public:
     /// An error when another process holds one of these, which it names, or when an updates folder can't be held.
     /// `updatesFolder`, unless it is empty: through the file ".<its name>.lock" beside it, since it may be made anew
     /// itself; the file's folder is made when it is missing. `archives`: where devices are mounted that hold an
-    /// archive; nothing is written there, and one that can't be opened is nobody's.
+    /// archive, through the file ".arbor.lock" there; one where no file can be made is nobody's. Only this user can
+    /// open these files, so nobody else can hold the locks.
     static ZResult<StateLock> Take(const std::filesystem::path& updatesFolder,
                                    const std::set<std::filesystem::path>& archives);
 

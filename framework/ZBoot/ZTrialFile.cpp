@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "ZShared/ZDeadline.h"
-#include "ZShared/ZFileDescriptor.h"
+#include "ZShared/ZLockFile.h"
 #include "ZTrust/Sha256.h"
 
 namespace fs = std::filesystem;
@@ -128,7 +128,7 @@ ZResult<ZTrialState> ZTrialFile::Change(const std::function<void(ZTrialState&)>&
     std::error_code ignored;
     fs::create_directories(fs::path(m_path).parent_path(), ignored);
     const bool isNew = !fs::exists(m_path, ignored);
-    const ZFileDescriptor file(::open(m_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+    const ZFileDescriptor file = OpenLockFile(m_path, O_RDWR);
     if (!file || !Lock(file.Get(), LOCK_EX)) {
         return ZError::OfSystem(m_path, errno);
     }

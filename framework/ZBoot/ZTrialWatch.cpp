@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "ZShared/ZLockFile.h"
+
 namespace {
 
 std::string LockFile(const std::string& stateFile) {
@@ -18,7 +20,7 @@ ZResult<ZTrialWatch> ZTrialWatch::Hold(const std::string& stateFile) {
     const std::string path = LockFile(stateFile);
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ignored);
-    ZFileDescriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+    ZFileDescriptor file = OpenLockFile(path, O_RDWR);
     if (!file || ::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
         return ZError::OfSystem(path, errno);
     }

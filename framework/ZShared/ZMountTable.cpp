@@ -23,8 +23,9 @@ std::vector<ZMount> ReadMountTable() {
         const char* source = mnt_fs_get_source(entry);
         const char* root = mnt_fs_get_root(entry);
         const char* target = mnt_fs_get_target(entry);
+        const char* type = mnt_fs_get_fstype(entry);
         mounts.push_back({source == nullptr ? "" : source, root == nullptr ? "" : root, target == nullptr ? "" : target,
-                          mnt_fs_get_devno(entry), mnt_fs_get_id(entry)});
+                          mnt_fs_get_devno(entry), mnt_fs_get_id(entry), type == nullptr ? "" : type});
     }
     return mounts;
 }
@@ -35,7 +36,9 @@ std::string MountPointOfDevice(const std::string& device) {
     std::error_code code;
     const std::string real = std::filesystem::weakly_canonical(device, code).string();
     const auto isOn = [&](const ZMount& mount) {
-        return mount.source == device || (!code && mount.source == real) || (isBlock && mount.device == what.st_rdev);
+        const bool isUsers = mount.type.starts_with("fuse");
+        return (!isUsers && (mount.source == device || (!code && mount.source == real))) ||
+               (isBlock && mount.device == what.st_rdev);
     };
     const std::vector<ZMount> mounts = ReadMountTable();
     std::string partly;

@@ -158,7 +158,8 @@ void ZNodeFileIO::TellJob(const ZMessage& message, const ZFileMsg& file, const F
         }
         return;
     }
-    if (known == m_uploads.end() || message.IsKindOf(ZFileReadMsg::m_cid) || !known->second.IsFor(file)) {
+    if (known == m_uploads.end() || message.IsKindOf(ZFileReadMsg::m_cid) ||
+        known->second.owner != FileOwner::Of(file)) {
         return;
     }
     Upload& upload = known->second;
@@ -178,8 +179,8 @@ void ZNodeFileIO::TellJob(const ZMessage& message, const ZFileMsg& file, const F
 }
 
 void ZNodeFileIO::BeginJob(const ZFileOpenMsg& open, const FileError& error) {
-    Upload upload{BeginOperation({.kind = ZOperationKind::Upload, .file = open.m_FilePath}, &open), open.m_DeviceModel,
-                  open.m_SerialNumber, open.m_Size, 0};
+    Upload upload{BeginOperation({.kind = ZOperationKind::Upload, .file = open.m_FilePath}, &open), FileOwner::Of(open),
+                  open.m_Size, 0};
     upload.operation->Start();
     if (error) {
         upload.operation->Fail(ToZString(error.reason), error.code);

@@ -59,13 +59,9 @@ private:
     std::unique_ptr<OpenFiles> m_files;
     struct Upload {
         std::shared_ptr<ZOperation> operation;
-        ZDeviceModel model;
-        ZString serialNumber;
+        FileOwner owner;
         std::int64_t size = -1;  // as announced; negative: it was not
         std::int64_t received = 0;
-        bool IsFor(const ZFileMsg& file) const {
-            return file.m_DeviceModel == model && file.m_SerialNumber == serialNumber;
-        }
     };
     std::map<std::string, Upload> m_uploads;  // by the path that their sender gave them
     std::vector<char> m_bytes;                // of one part that is read, kept so that its memory is used again

@@ -40,7 +40,14 @@ std::string WriteText() {
 
 constexpr const char* kRemove =
     "DELETE FROM operations WHERE number IN (SELECT number FROM (SELECT number, endedAt FROM operations"
-    " WHERE state >= 2 ORDER BY number LIMIT ?1) WHERE endedAt < ?2)";
+    " WHERE state >= 2 AND (?3 < 0 OR kind = ?3) ORDER BY number LIMIT ?1) WHERE endedAt < ?2)";
+
+/// The kind of which there are most makes room: whoever causes thousands of checks must not push out what was
+/// installed.
+constexpr const char* kMostFrequent =
+    "SELECT kind FROM operations WHERE state >= 2 GROUP BY kind ORDER BY count(*) DESC LIMIT 1";
+constexpr const char* kIndex = "CREATE INDEX IF NOT EXISTS kinds ON operations(\"kind\") WHERE \"state\" >= 2";
+constexpr std::int64_t kAnyKind = -1;
 
 std::string ListText() {
     return "SELECT number," + Rows::Columns() +
@@ -147,6 +154,7 @@ ZResult<void> JobStore::MakeTable(Database& database, bool isNew) {
     ZResult<void> made = transaction.Begun();
     made = made && isNew ? database.Run(kTable) : made;
     made = made ? Rows::AddColumns(database, "operations") : made;
+    made = made ? database.Run(kIndex) : made;
     made = made ? OrderStore::MakeTable(database) : made;
     return made ? transaction.Commit() : made;
 }
@@ -223,16 +231,19 @@ ZResult<void> JobStore::TrimStep() {
     std::int64_t removed = 0;
     const std::int64_t wanted = m_rows - m_bounds.rows;
     if (wanted > 0) {
+        const auto kind = m_database->Number(kMostFrequent);
         // Some more at once than must go, so that not every job's beginning has to remove one.
-        const auto oldest = RemoveOldest(std::min(wanted + m_bounds.rows / 100, kMostRemovedAtOnce),
-                                         std::numeric_limits<std::int64_t>::max());
+        const auto oldest = kind ? RemoveOldest(std::min(wanted + m_bounds.rows / 100, kMostRemovedAtOnce),
+                                                std::numeric_limits<std::int64_t>::max(), *kind)
+                                 : kind;
         if (!oldest) {
             return oldest.error();
         }
         removed = *oldest;
     }
     if (m_bounds.days > 0 && removed == 0) {
-        const auto aged = RemoveOldest(kMostRemovedAtOnce, MillisecondsNow() - m_bounds.days * kMillisecondsOfDay);
+        const auto aged =
+            RemoveOldest(kMostRemovedAtOnce, MillisecondsNow() - m_bounds.days * kMillisecondsOfDay, kAnyKind);
         if (!aged) {
             return aged.error();
         }
@@ -242,8 +253,8 @@ ZResult<void> JobStore::TrimStep() {
     return {};
 }
 
-ZResult<std::int64_t> JobStore::RemoveOldest(std::int64_t most, std::int64_t endedBefore) {
-    m_remove.Start(most, endedBefore);
+ZResult<std::int64_t> JobStore::RemoveOldest(std::int64_t most, std::int64_t endedBefore, std::int64_t kind) {
+    m_remove.Start(most, endedBefore, kind);
     if (auto removed = m_remove.Finish(); !removed) {
         return removed.error();
     }

@@ -37,7 +37,7 @@ public:
     /// Writes new jobs and changes of older ones, and trims. The ones in `jobs` that had ended on the disk before stay
     /// as they are, and are returned.
     ZResult<std::vector<Job>> Write(std::span<const Job> jobs);
-    /// Removes some of what is more than the bounds allow: the oldest that have ended.
+    /// Removes some of what is more than the bounds allow: the oldest that have ended, of the kind that has most.
     ZResult<void> Trim();
     /// Whether more is there than the bounds allow.
     bool IsOverfull() const { return m_overfull; }
@@ -61,7 +61,7 @@ private:
     static ZResult<void> MakeTable(Database& database, bool isNew);
     ZResult<void> Count();
     ZResult<void> TrimStep();
-    ZResult<std::int64_t> RemoveOldest(std::int64_t most, std::int64_t endedBefore);
+    ZResult<std::int64_t> RemoveOldest(std::int64_t most, std::int64_t endedBefore, std::int64_t kind);
 
     const std::unique_ptr<Database> m_database;
     const Bounds m_bounds;

@@ -20,7 +20,9 @@ public:
             .Path()
             .Means("Where jobs are kept. On storage that an update keeps; its folder is made. Damaged, it is moved to "
                    "the same name with .damaged behind it, and begun anew."),
-        Z_FIELD(m_MostRows).In(100, 1'000'000).Means("Jobs that are kept: the oldest that have ended go first."),
+        Z_FIELD(m_MostRows)
+            .In(100, 1'000'000)
+            .Means("Jobs that are kept: the oldest that have ended go first, of the kind that has most."),
         Z_FIELD(m_MostDays)
             .In(0, 36'500)
             .Means("How long an ended job is kept at most, by the device's clock. 0: as long as there is room."),

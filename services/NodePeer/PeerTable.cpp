@@ -97,7 +97,8 @@ std::shared_ptr<ZPeerMsg> PeerTable::Judged(const std::string& key, const ZDevic
     ZPeerMsg& peer = Entry(*peers, key);
     peer.m_bCompatible = verdict.m_bCompatible;
     peer.m_bRequiresUpdate = verdict.m_bRequiresUpdate;
-    peer.m_TargetVersion = verdict.m_TargetVersion;
+    // No version is that long: it would be shown, and told to every listener, again and again.
+    peer.m_TargetVersion = verdict.m_TargetVersion.size() <= kLongestText ? verdict.m_TargetVersion : ZString();
     return Copy(peer);
 }
 

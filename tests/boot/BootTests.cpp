@@ -434,6 +434,19 @@ TEST_F(Boot, ProgramLeavesAVersionThatNobodyJudges) {
     }
 }
 
+TEST_F(Boot, NobodyElseCanHoldTheLocks) {
+    // Made by an earlier release, for others to open; who may open a file may lock it.
+    for (const char* const name : {"state/trial", "state/trial.watched"}) {
+        Write(folder / name, "");
+        fs::permissions(folder / name, fs::perms(0644));
+    }
+    ASSERT_TRUE(ZTrialFile(settings.state).Change([](ZTrialState& state) { state.bOrderly = true; }));
+    ASSERT_TRUE(ZTrialWatch::Hold(settings.state));
+    for (const char* const name : {"state/trial", "state/trial.watched"}) {
+        EXPECT_EQ(fs::status(folder / name).permissions(), fs::perms(0600)) << name;
+    }
+}
+
 TEST_F(Boot, SomebodyWhoJudgesIsSeen) {
     EXPECT_FALSE(ZTrialWatch::IsHeld(settings.state));
     {

@@ -1,11 +1,12 @@
 """Versions that have to prove themselves: confirmed, or back on the one before, whatever happens on the way."""
 
 import os
+import shutil
 import signal
 import subprocess
 
 from installs import jobs
-from signing import refusal
+from signing import build, refusal
 from simulation import gateway, host, paths, sticks
 from support import InstrumentCase, arborctl, both_slots, configure, installed, stick_package, wait_until
 
@@ -57,6 +58,18 @@ class Trial(InstrumentCase):
     def trials(self) -> list[tuple[str, str]]:
         return [(job["version"], job["state"]) for job in jobs("Trial")]
 
+    def exchange_another_image_for_the_one_taken_back(self) -> None:
+        """Of the same version, once it is offered."""
+        another = build(paths.STATE / "another" / "arbor-3.045.pkg", "3.045")
+        drive = sticks.attach([another], paths.STICK_NAMES[1])
+        wait_until(lambda: "3.045" in gateway.updates(), "another image of that version is offered")
+        shutil.copyfile(stick_package("3.045"), drive / another.name)
+        refused = arborctl("install", "3.045", "--wait")
+        self.assertEqual(1, refused.returncode, refused.stdout)
+        self.assertIn("was taken back", refused.stdout)
+        sticks.detach(paths.STICK_NAMES[1])
+        wait_until(lambda: gateway.updates() == ["3.046"], "it is not offered any more")
+
     def test_one_that_does_not_measure_comes_back_and_one_that_does_is_confirmed(self) -> None:
         paths.FAULTS.write_text("3.045 no signal on channel 2\n")
         self.install("3.045")
@@ -71,6 +84,7 @@ class Trial(InstrumentCase):
         self.assertIn("came back to 3.044: measures: no signal on channel 2", jobs("Trial")[0]["reason"])
         wait_until(lambda: "was taken back" in refusal("arbor-3.045.pkg"), "it is refused")
         self.assertEqual(1, arborctl("install", "3.045", "--wait").returncode)
+        self.exchange_another_image_for_the_one_taken_back()
 
         self.assertEqual(0, arborctl("allow", "3.045").returncode)
         wait_until(lambda: gateway.updates() == ["3.046", "3.045"], "it is offered again")

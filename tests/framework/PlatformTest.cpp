@@ -1,9 +1,11 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 
 #include "TestSupport.h"
+#include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZFolderGuard.h"
 #include "ZShared/ZMountTable.h"
 #include "ZShared/ZPlatform.h"
@@ -140,6 +142,22 @@ TEST_F(Platform, KeepsFoldersOfTheSystemFromBeingEmptiedHoweverTheyAreSpelled) {
         EXPECT_THAT(ErrorOf(MayBeEmptied(folder, {})), HasSubstr("it belongs to the system")) << folder;
     }
     EXPECT_EQ(ErrorOf(MayBeEmptied("/home/alice/updates/", {})), "");
+}
+
+TEST_F(Platform, DoesNotBelieveTheDeviceThatAMountOfAUsersProgramNames) {
+    // Any user may make such a mount (fusermount -o fsname=DEVICE): it must not become the archive.
+    const std::string mountPoint = (m_folder / "users").string();
+    std::filesystem::create_directory(mountPoint);
+    const ZFileDescriptor program(::open("/dev/fuse", O_RDWR | O_CLOEXEC));
+    const std::string options = "fd=" + std::to_string(program.Get()) + ",rootmode=40000,user_id=65534,group_id=65534";
+    if (!program || ::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("/dev/arbor-data", mountPoint.c_str(), "fuse", 0, options.c_str()) != 0) {
+        GTEST_SKIP() << "this process may not mount anything";
+    }
+    const auto mounts = ReadMountTable();
+    EXPECT_NE(std::ranges::find(mounts, "/dev/arbor-data", &ZMount::source), mounts.end());
+    EXPECT_EQ(ZPlatform::GetMountPointFromDevice("/dev/arbor-data"), "");
+    ::umount2(mountPoint.c_str(), MNT_DETACH);
 }
 
 TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {

@@ -207,4 +207,8 @@ TEST(Arbord, EndsBeforeItTouchesAnArchiveThatAnotherOneWorksOn) {
     EXPECT_THAT(second.Output(), HasSubstr("(process " + std::to_string(first.Id()) + ") runs a graph on " +
                                            (folder / "data").string() + " already"));
     EXPECT_TRUE(std::filesystem::exists(leftover));
+    for (const char* const lock : {".updates.lock", "data/.arbor.lock"}) {
+        EXPECT_EQ(std::filesystem::status(folder / lock).permissions(), std::filesystem::perms(0600))
+            << lock << ": who may open it may hold it, and keep the host from starting";
+    }
 }

@@ -105,6 +105,18 @@ TEST_F(Link, OnlyPinnedDevicesGetInAndAnAccessoryAsksWhetherItFits) {
     EXPECT_EQ("no: Device KiteQM-PM-1 is not connected", TextOf(m_cart.Forward("PM-1", "upload", WriteOf("x"))));
 }
 
+TEST_F(Link, AVersionThatIsLongerThanAnyIsNotKept) {
+    m_cart.Probe().Listen(kService, "checkCompatibility", [](const Message& request) {
+        const auto verdict = cast_shared<ZDeviceCompatibilityMsg>(request);
+        verdict->m_bCompatible = true;
+        verdict->m_TargetVersion = ZString(std::size_t{1} << 20U, '9');
+        return verdict;
+    });
+    Join(m_cart, m_port, m_palm);
+    ASSERT_TRUE(WaitUntil([&] { return m_palm.Peer(m_cart.Key())->m_bCompatible; })) << m_log.All();
+    EXPECT_EQ("", m_palm.Peer(m_cart.Key())->m_TargetVersion);
+}
+
 TEST_F(Link, MessagesOfAnySizeArriveWholeAndAnswersComeBack) {
     m_palm.Probe().Listen(kDevice, "upload", Weighed);
     m_palm.Probe().Listen(kDevice, "secret", Weighed);

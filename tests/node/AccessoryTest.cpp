@@ -12,8 +12,10 @@ namespace {
 
 class Accessory : public NodeFixture {
 protected:
-    std::shared_ptr<ZDeviceCompatibilityMsg> Check(const char* version, const char* board = "verdin-imx8mm") {
+    std::shared_ptr<ZDeviceCompatibilityMsg> Check(const char* version, const char* board = "verdin-imx8mm",
+                                                   ZDeviceModel model = ZDeviceModel::KiteQM) {
         const auto request = Z_MAKE(ZDeviceCompatibilityMsg);
+        request->m_Model = model;
         request->m_Version = version;
         request->m_Board = board;
         request->m_BoardType = 1;
@@ -73,6 +75,61 @@ TEST_F(Accessory, IsNotBuiltForWhenTheBoardCouldRunAsACommand) {
     ASSERT_TRUE(WaitUntil([&] { return log.All().find("Build refused") != std::string::npos; }));
     ASSERT_TRUE(WaitUntil([&] { return !Tables().BuildInProgress(); }));
     EXPECT_FALSE(fs::exists("owned"));
+}
+
+TEST_F(Accessory, FillsNoTableAndHasNoBuildWithNamesThatNoBoardHas) {
+    InstallSystem("3.044");
+    Archive("3.044");
+    Start();
+    Tables().Builds().clear();
+    const std::string name(65, 'x');
+    EXPECT_TRUE(Check("3.010", name.c_str())->m_bCompatible);
+    EXPECT_TRUE(log.Has(3, "No package is built for a board whose name has 65 characters"));
+    for (std::int32_t model = 1000; model < 1020; ++model) {
+        EXPECT_TRUE(Check("3.010", "board", static_cast<ZDeviceModel>(model))->m_bCompatible);
+    }
+    EXPECT_TRUE(Check("3.010", "board", ZDeviceModel::QMA)->m_bCompatible);
+    EXPECT_EQ(Tables().AccessoryBoards(), (std::map<ZDeviceModel, ZString>{{ZDeviceModel::QMA, "board"}}));
+    ASSERT_TRUE(WaitUntil([&] { return !Tables().BuildInProgress(); }));
+}
+
+TEST_F(Accessory, GetsNoPackageOverSshThatSomebodyMayExchange) {
+    const char* oldPath = std::getenv("PATH");
+    const std::string path = oldPath == nullptr ? "" : oldPath;
+    InstallSystem("3.044");
+    const std::string seen = (folder / "commands").string();
+    Program("avahi-resolve", "echo \"$3\t127.0.0.9\"");
+    for (const char* const program : {"ssh", "rsync"}) {
+        Program(program, "echo \"$*\" >> " + seen);
+    }
+    Start(R"("TrustedSigners":")" + (folder / "signers").string() + R"(","UnconfinedChecks":true)");
+    // One that was good when its stick was looked at.
+    Tables().AddPackage("3.044", Package("a.pkg", "3.044"));
+    const auto request = UpdateTo("3.044");
+    request->m_SerialNumber = "P1";
+    const auto answer = cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(cast_shared<ZVersionInfoMsg>(answer->m_Messages.front())->m_bSuccess);
+    EXPECT_TRUE(WaitForJobLike("may be exchanged before the accessory runs it"));
+    EXPECT_FALSE(fs::exists(seen));
+    ::setenv("PATH", path.c_str(), 1);
+}
+
+TEST_F(Accessory, IsNotBuiltForByAProgramOfAStickThatPassesForTheArchive) {
+    InstallSystem("3.044");
+    Archive("3.044");
+    const fs::path ran = folder / "ran";
+    folder.Write("mount/Archive/3.044/installer/installer.py", "#!/bin/sh\ntouch " + ran.string() + "\n", 0755);
+    probe->Listen(ZEndpointType::GraphService, "getdevices", [&](const std::shared_ptr<ZMessage>&) {
+        const auto drives = Z_MAKE(StorageDevicesMsg);
+        drives->m_Devices = {ToZString((folder / "mount").string())};
+        return drives;
+    });
+    Start(R"("TrustedSigners":")" + (folder / "signers").string() + R"(","UnconfinedChecks":true)");
+    Tables().Builds().clear();
+    EXPECT_TRUE(Check("3.010")->m_bCompatible);
+    EXPECT_TRUE(WaitForJobLike("Build 3.044 Failed: " + (folder / "mount/Archive").string() + " is on a drive"));
+    EXPECT_FALSE(fs::exists(ran));
 }
 
 TEST_F(Accessory, GetsAPackageAsFileMessages) {

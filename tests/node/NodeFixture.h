@@ -16,6 +16,13 @@ public:
     auto& Packages() { return m_node.m_tables.m_packages; }
     auto& Builds() { return m_node.m_tables.m_builds; }
     auto& Manifests() { return m_node.m_tables.m_manifests; }
+    auto AccessoryBoards() { return m_node.m_accessoryBoards.Copy(); }
+    /// As a check does that has found the file good.
+    void AddPackage(const char* version, const std::filesystem::path& file) {
+        std::optional<VersionTables::PackageTable::value_type> erased;
+        m_node.m_tables.RecordPackage(
+            {ZSoftwareVersion(version), file, 1, 1, {}}, [] { return true; }, erased);
+    }
     auto& DeviceModel() { return m_node.m_deviceModel; }
     auto& DeviceProperties() { return m_node.m_pDeviceProperties; }
     bool BuildInProgress() { return m_node.m_bBuildInProgress; }

@@ -43,6 +43,13 @@ class Installing(PackageTest):
                                                       "ARBOR_TRUST_STATE": "", "ARBOR_ACCEPT_DEVELOPMENT": "0"}):
                         self.assertEqual(settings.Settings("/u", ("x", "y z"), trustState=""), settings.load(file.name))
 
+    def test_nobody_else_can_hold_the_lock_and_keep_installs_away(self) -> None:
+        instrument = self.instrument()
+        os.mkdir(instrument.slots, 0o755)  # as an earlier installer made it: who may open a folder may lock it
+        os.chmod(instrument.slots, 0o755)
+        instrument.must_install(self.package)
+        self.assertEqual(0o711, os.stat(instrument.slots).st_mode & 0o7777)
+
     @unittest.skipIf(os.geteuid() != 0, "partitions are root's")
     def test_slots_that_are_partitions_are_written_when_nobody_uses_them(self) -> None:
         first, second, small = (self.partition(name, size) for name, size in (("a", 8), ("b", 8), ("c", 1)))

@@ -205,6 +205,33 @@ TEST_F(FileIO, KnowsWhoOpenedWhat) {
     EXPECT_THAT(Files(root), ElementsAre("v.pkg"));
 }
 
+TEST_F(FileIO, LetsNobodyEndOrHinderWhatAnotherBrings) {
+    record->m_MaxOpenFiles = 4;
+    ASSERT_TRUE(Start());
+    const auto as = [](const char* asker, auto message) {
+        message->SetOrigin(std::make_shared<ZRequestOrigin>(asker, ""));
+        return message;
+    };
+    const auto write = [&](const char* asker) {
+        auto message = Make<ZFileWriteMsg>(file);
+        message->m_Data = "eHl6";
+        return Ask(as(asker, message));
+    };
+    ASSERT_EQ(Ask(as("user alice", Make<ZFileOpenMsg>(file))), kDone);
+    const std::string refused = "ERRCODE_INVALID_REQUEST " + file.string() + ": somebody else opened it";
+    EXPECT_EQ(write("device SN1"), refused);
+    EXPECT_EQ(Ask(as("user bob", Make<ZFileCloseMsg>(file))), refused);
+    EXPECT_EQ(write("user alice"), kDone);
+    EXPECT_EQ(Ask(as("user alice", Make<ZFileCloseMsg>(file))), kDone);
+    EXPECT_EQ(ReadText(file), "xyz");
+
+    for (const char* const name : {"1.pkg", "2.pkg", "3.pkg"}) {
+        EXPECT_EQ(Ask(as("user bob", Make<ZFileOpenMsg>(root / name))), kDone);
+    }
+    EXPECT_THAT(Ask(as("user bob", Make<ZFileOpenMsg>(root / "4.pkg"))), StartsWith("ERRCODE_BUSY"));
+    EXPECT_EQ(Ask(as("user alice", Make<ZFileOpenMsg>(root / "4.pkg"))), kDone);
+}
+
 TEST_F(FileIO, GivesNoNameToAFileThatTheDiskHadNoRoomFor) {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0 ||
         ::mount("arbor-test", root.c_str(), "tmpfs", 0, "size=1m") != 0) {

@@ -277,6 +277,17 @@ TEST_F(JournalNode, RemovesTheOldestThatHaveEndedAndNoOpenOne) {
     EXPECT_EQ(Files([](auto&) {}), "today");
 }
 
+TEST_F(JournalNode, KeepsWhatWasInstalledHoweverManyFilesAreChecked) {
+    record->m_MostRows = 100;
+    ASSERT_TRUE(Start());
+    const ZString installed = Settled(ZOperationKind::Install, "a.pkg");
+    for (int count = 0; count < 250; ++count) {
+        Settled(ZOperationKind::Check, std::to_string(count).c_str());
+    }
+    EXPECT_EQ(Find(installed)->m_State, ZOperationState::Succeeded);
+    EXPECT_LE(Ask([](auto& request) { request.m_Limit = 1000; })->m_Operations.size(), 100U);
+}
+
 TEST_F(JournalNode, CutsTextsThatAreTooLong) {
     ASSERT_TRUE(Start());
     const auto job = Begin(ZOperationKind::Check, std::string(10'000, 'f').c_str());

@@ -14,6 +14,7 @@ Where the boot loader starts partitions and not files, each slot has one (the se
 written there instead, and the rest is the same.
 """
 
+import contextlib
 import os
 import stat
 from typing import Mapping
@@ -26,6 +27,7 @@ VERSION = "version"
 DIGEST = "digest"
 NAMES = ("A", "B")
 _NEW_LINK = ".active.new"
+_MODE = 0o711  # of the slots' directory
 
 
 class Slots:
@@ -45,10 +47,13 @@ class Slots:
         return os.path.isdir(self.root)
 
     def create(self) -> None:
-        """Creates the slots' directory when it is missing."""
+        """Creates the slots' directory when it is missing. Others may not open it: who may could hold its lock, too."""
         if not self.exist():
-            os.mkdir(self.root, 0o755)
+            os.mkdir(self.root, _MODE)
             sync_directory(os.path.dirname(self.root))
+        elif stat.S_IMODE(os.stat(self.root).st_mode) & ~_MODE:
+            with contextlib.suppress(OSError):  # some file systems know no modes
+                os.chmod(self.root, _MODE)
 
     def image(self, slot: str) -> str:
         """The path of the image of `slot`."""
