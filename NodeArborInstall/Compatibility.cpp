@@ -125,7 +125,7 @@ ZResult<void> ZNodeArborInstall::RunBuild(const ZDeviceCompatibilityMsg& message
     if (!script) {
         return script.error();
     }
-    if (const auto own = IsArchiveOwn(); !own) {
+    if (auto own = IsArchiveOwn(); !own) {
         Z_LOG(4, "Build refused: %s", own.error().text);
         return own;
     }
