@@ -61,10 +61,17 @@ bool ZNodeArborInstall::MayBeExchanged(const fs::path& package) const {
 }
 
 ZResult<void> ZNodeArborInstall::IsArchiveOwn() {
+    if (!m_trust.IsOn()) {
+        return {};  // then every file is believed, wherever it is
+    }
     std::shared_ptr<ZMessage> answer;
-    PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "getdevices", 0), Z_MAKE(ZGenericRequestMsg), &answer,
-                       {true, false, kDrivesPatience});
-    const auto told = m_trust.IsOn() ? ZCAST(StorageDevicesMsg, answer) : nullptr;
+    const auto outcome = PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "getdevices", 0),
+                                            Z_MAKE(ZGenericRequestMsg), &answer, {true, false, kDrivesPatience});
+    const auto told = ZCAST(StorageDevicesMsg, answer);
+    if (!told && (outcome == ZPublishOutcome::NoAnswer || outcome == ZPublishOutcome::QueueFull)) {
+        return ZError(
+            "whether the archive is on a drive that may be pulled is not known: the drives were not told in time");
+    }
     const auto holdsArchive = [this](const ZString& drive) {
         return VersionTables::IsOnDrive(m_archivePath, fs::path(drive).lexically_normal());
     };
