@@ -125,6 +125,8 @@ public:
                            const std::shared_ptr<ZOperation>& operation);
     void StopListeningToAccessory();
     ProgressRelay& Relay(bool bUnix) { return bUnix ? m_relay : m_accessoryRelay; }
+    /// Whether the file was uploaded: it lies in the updates folder itself.
+    bool IsUpload(const std::filesystem::path& file) const;
     /// Whether others may exchange a package that was checked: with a trust policy it must not run as a file then.
     bool MayBeExchanged(const std::filesystem::path& package) const;
     /// Whether the archive is the device's own, so that what is in it may run: not when it is on one of the drives, as
@@ -237,8 +239,6 @@ private:
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
     /// False when the file is no longer there.
     bool RecordPackage(const PackageCheck& check, const ZSoftwareVersion& version, const CheckOrder& order);
-    /// Whether the file was uploaded: it lies in the updates folder itself.
-    bool IsUpload(const std::filesystem::path& file) const;
 
     // System update.
     void LogMissingPackage(const ZString& version);
