@@ -116,6 +116,8 @@ public:
     // Jobs.
     /// The job of that kind and file that a handler began for the message whose action runs now, or a new one.
     std::shared_ptr<ZOperation> TakeJob(const ZMessage* message, const ZOperationSubject& subject);
+    /// Waits until what was told of a job is kept: the next life finds what goes on without this one.
+    void AwaitNote(const ZOperation& operation);
     /// The next message for an action of that name to go on with; null when it is to end.
     std::shared_ptr<ZMessage> NextWaiting(const char* action);
     std::shared_ptr<InstallLife> Install() const { return m_install.Copy(); }
@@ -191,8 +193,6 @@ private:
     void Adopt(const ZOperationMsg& left);
     /// Null when nobody keeps jobs, or no answer comes in time.
     std::shared_ptr<ZOperationsMsg> AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request);
-    /// Waits until what was told of a job is kept: the next life finds what goes on without this one.
-    void AwaitNote(const ZOperation& operation);
     void OnProgress(bool bUnix, const std::shared_ptr<InstallProgressMsg>& progress);
 
     // Package checks.
