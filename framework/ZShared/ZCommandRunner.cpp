@@ -147,8 +147,13 @@ public:
         return ::poll(entries.data(), entries.size(), PollTimeout(deadline)) > 0 && entries[0].revents != 0;
     }
 
-    /// Ends the whole group; harmless when it has ended. Leaves the leader to be reaped.
-    void EndGroup() const { ::kill(-m_child, SIGKILL); }
+    /// Ends the whole group; harmless when it has ended. Leaves the leader to be reaped. Where programs of another
+    /// architecture are emulated, a child that was just started may not have made its group yet.
+    void EndGroup() const {
+        if (::kill(-m_child, SIGKILL) != 0) {
+            ::kill(m_child, SIGKILL);
+        }
+    }
 
     int Reap() {
         int status = 0;

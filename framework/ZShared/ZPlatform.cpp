@@ -73,18 +73,26 @@ ZCommandResult RunLogged(const std::string& commandLine, const std::string& name
                          std::chrono::milliseconds limit) {
     constexpr std::size_t kMostComplaints = 20;
     std::size_t count = 0;
+    std::size_t dropped = 0;
     const ZPlatform::LineCallback log = [&](const std::string& line) {
         if (++count <= kMostComplaints) {
             LogComplaint(name, line);
+        } else {
+            dropped += line.size();
         }
     };
     ZLineSplitter complaints(log);
-    ZCommandResult result = RunShellCommand(
-        commandLine, onOutput, [&](std::string_view data) { complaints.Add(data); }, limit);
+    const auto onComplaint = [&](std::string_view data) {
+        if (count <= kMostComplaints) {
+            complaints.Add(data);
+        } else {
+            dropped += data.size();  // a flood is not looked at
+        }
+    };
+    ZCommandResult result = RunShellCommand(commandLine, onOutput, onComplaint, limit);
     complaints.Finish();
     if (count > kMostComplaints) {
-        Z_LOG(3, "Complaints beyond 20 were dropped: %s",
-              std::to_string(count - kMostComplaints) + " lines of " + name);
+        Z_LOG(3, "Complaints beyond 20 were dropped: %s", std::to_string(dropped) + " bytes of " + name);
     }
     return result;
 }

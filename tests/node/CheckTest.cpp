@@ -80,10 +80,10 @@ TEST_F(Checks, EndAfterALimitOfTheirOwnAndByCancelling) {
     const fs::path file = Hanging("drive/hangs.pkg");
     TellFile(file);
     EXPECT_TRUE(WaitForJob("Check hangs.pkg Failed: it does not tell its version: The command was ended after 1 s"));
-    const auto inventory = Inventory();
-    ASSERT_EQ(inventory->m_Refused.size(), 1u);
-    EXPECT_EQ(inventory->m_Refused.front()->m_File, ToZString(file.string()));
-    EXPECT_THAT(ToStdString(inventory->m_Refused.front()->m_Reason), HasSubstr("ended after 1 s"));
+    ASSERT_TRUE(WaitUntil([&] { return Inventory()->m_Refused.size() == 1; }));
+    const auto refused = Inventory()->m_Refused.front();
+    EXPECT_EQ(refused->m_File, ToZString(file.string()));
+    EXPECT_THAT(ToStdString(refused->m_Reason), HasSubstr("ended after 1 s"));
     Restart();
     Start();
     TellFile(file);
