@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs a command that may start programs of AArch64: foreign COMMAND...
+# Runs a command that may start programs of AArch64: foreign.sh COMMAND...
 # It is root of namespaces of its own, whose kernel table of foreign programs knows them (Linux 6.7 or newer). The machine's own table,
 # and with it what every other process may start, stays as it is.
 set -euo pipefail

@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
 # Builds the Debian packages of this checkout into build/packages, and has lintian look at them: package.sh [--arm64]
 # The checkout stays as it is: debian/ is copied to build/package, and dpkg-buildpackage works there on the sources here. With
-# --arm64 the packages are for that architecture and go into build/packages-arm64. They are built in a root of their own below build/,
-# since libraries of both architectures have to be of the very same version, and the machine's own are nobody's to change.
+# --arm64 the packages are for that architecture and go into build/packages-arm64 (scripts/cross.sh).
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-suite=bookworm
 architecture=$(dpkg --print-architecture)
 options=(--build=binary)
 case ${1:-} in
@@ -15,7 +13,6 @@ case ${1:-} in
 esac
 work=build/package/$architecture/arbor-install
 result=build/packages${1:+-$architecture}
-cross=build/cross-$architecture
 
 log() { printf 'package: %s\n' "$*"; }
 
@@ -36,38 +33,6 @@ build() {
     "$@" env -C "$PWD/$work" ARBOR_SOURCE="$PWD" ARBOR_MANUAL="$PWD/build/release/manual" \
         dpkg-buildpackage "${options[@]}" --no-sign --no-pre-clean > "build/package-$architecture.log" 2>&1 ||
         { tail -n 40 "build/package-$architecture.log" >&2; return 1; }
-}
-
-# The libraries are those of the recipe's build dependencies, but those that are the same everywhere.
-make_root() {
-    [ -e "$cross/ready" ] && return
-    log "making a root for $architecture (build/cross.log)"
-    local libraries
-    mapfile -t libraries < <(sed -n 's/^ \(lib[^ ,]*-dev\).*/\1/p' debian/control | sort -u | grep -vxE 'libcli11-dev|libmagicenum-dev')
-    as_root rm -rf "$cross"
-    mkdir -p "$cross"
-    {
-        as_root debootstrap --variant=minbase "$suite" "$cross/root"
-        as_root chroot "$cross/root" dpkg --add-architecture "$architecture"
-        as_root chroot "$cross/root" apt-get update -qq
-        as_root chroot "$cross/root" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends \
-            "crossbuild-essential-$architecture" debhelper cmake ninja-build ccache pkg-config python3 libcli11-dev \
-            "${libraries[@]/%/:$architecture}"
-        as_root cp -a /usr/include/magic_enum "$cross/root/usr/include/"
-    } > build/cross.log 2>&1 || { tail -n 40 build/cross.log >&2; return 1; }
-    touch "$cross/ready"
-}
-
-# In a mount namespace of its own: nothing is left mounted, however this ends.
-in_root() {
-    mkdir -p "$cross/ccache"
-    # shellcheck disable=SC2016 # it is for the shell inside
-    as_root unshare --mount --propagation private sh -euc '
-        root=$1 here=$2 cache=$3; shift 3
-        mkdir -p "$root$here"
-        mount --bind "$here" "$root$here"
-        mount -t proc proc "$root/proc"
-        exec chroot "$root" env LC_ALL=C.UTF-8 CCACHE_DIR="$cache" "$@"' sh "$cross/root" "$PWD" "$PWD/$cross/ccache" "$@"
 }
 
 collect() {
@@ -98,9 +63,8 @@ if [ "$architecture" = "$(dpkg --print-architecture)" ]; then
     collect
     inspect_manual
 else
-    make_root
-    build in_root
-    as_root chown -R --reference=. "$work/.." "$cross/ccache"
+    build scripts/cross.sh "$architecture"
+    as_root chown -R --reference=. "$work/.."
     collect
 fi
 inspect

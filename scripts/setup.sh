@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building, testing and demonstrating the project needs, from the distribution's packages; with --packages also
-# what making and trying out packages of it needs, with --machine what the emulated machine needs, with --peers what the benchmark
-# beside others needs. Safe to run again: it returns at once when everything is there.
+# what making and trying out packages of it needs, with --arm64 what tests on that architecture need, with --machine what the
+# emulated machine needs, with --peers what the benchmark beside others needs. Safe to run again: it returns at once when everything is there.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -15,6 +15,7 @@ packages=(
     avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
 )
 package_tools=(debhelper dpkg-dev lintian mandoc man-db debootstrap systemd-container squashfs-tools u-boot-tools e2fsprogs)
+arm64_tools=(debootstrap qemu-user-static)
 peers=(rauc dbus squashfs-tools)
 machine_tools=(qemu-system-arm qemu-user-static u-boot-qemu mmdebstrap debian-archive-keyring dosfstools mtools kmod cpio fdisk squashfs-tools u-boot-tools)
 # The simulated devices start services of their own; the machine is not to run what the packages bring.
@@ -111,8 +112,9 @@ main() {
     case ${1:-} in
         --packages) packages+=("${package_tools[@]}") ;;
         --machine) packages+=("${machine_tools[@]}") ;;
+        --arm64) packages+=("${arm64_tools[@]}") ;;
         --peers) packages+=("${peers[@]}") ;;
-        ?*) echo "setup: there is no '$1'; it takes --packages, --machine or --peers" >&2; exit 2 ;;
+        ?*) echo "setup: there is no '$1'; it takes --packages, --arm64, --machine or --peers" >&2; exit 2 ;;
     esac
     mapfile -t missing < <(missing_packages; missing_node)
     if [ "${#missing[@]}" -gt 0 ]; then

@@ -25,7 +25,7 @@ NATIVE, ARM = "amd64", "arm64"
 ALWAYS = ("systemd", "systemd-sysv", "dbus", "udev", "procps", "mount", "libubootenv-tool")
 # What a device has that is a machine, and no container.
 ON_MACHINE = ("kmod", "iproute2", "iputils-ping", "openssh-server", "rsync", "avahi-daemon", "libnss-mdns")
-_FOREIGN = PROJECT / "examples/machine/foreign"
+_FOREIGN = PROJECT / "scripts/foreign.sh"
 
 
 def packages(architecture: str = NATIVE) -> Path:
