@@ -152,6 +152,37 @@ def fresh() -> None:
     calm()
 
 
+def is_pinned() -> bool:
+    key = PALM.peers()["publicKey"]
+    return any(peer["publicKey"] == key and peer["pinned"] for peer in CART.peers()["peers"])
+
+
+def pairing(chance: random.Random, times: int) -> str:
+    """A row: the host is killed while it lets the accessory in, or takes it away again. What is told as done holds after its restart;
+    what is not known is one or the other, and nothing else is lost of what it knows."""
+    fresh()
+    key, own = PALM.peers()["publicKey"], CART.peers()["publicKey"]
+    unknown = 0
+    for number in range(times):
+        pinned = is_pinned()
+        words = ("--remove",) if pinned else ("--name", PALM.device.name)
+        command = order("pair", key, *words)
+        strike("cart-host", {}, chance, 0.025)
+        come_back(CART)
+        done = command.end()
+        until(lambda: CART.peers()["publicKey"] == own, "the host has the key that it had")
+        story = f"round {number + 1}: arborctl pair {' '.join(words)} ended with {done.status} ({done.told!r})"
+        expect(done.status in (0, 3) and (done.status == 0 or len(done.told.strip()) > 20), story)
+        expect(done.status != 0 or is_pinned() != pinned, f"{story}, and the accessory is {'' if is_pinned() else 'not '}let in")
+        unknown += done.status != 0
+    if not is_pinned():
+        expect(CART.let_in(PALM).returncode == 0, "it can be let in again")
+    connected()
+    done = Transfer().begin().end()
+    expect(done.status == 0, f"undisturbed a transfer failed: {done.told}")
+    return f"{times - unknown} told as done, {unknown} as not known"
+
+
 def rounds(activity_class: type, *victims: str) -> Callable[[random.Random, int], str]:
     """A row: so many rounds of an activity with one kill each; then it has to work, undisturbed."""
     def run(chance: random.Random, times: int) -> str:

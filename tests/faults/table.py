@@ -41,7 +41,7 @@ ROWS = (
 )
 
 
-OF_TWO = ("kill-transfer", "kill-remote-install")
+OF_TWO = ("kill-transfer", "kill-remote-install", "kill-pairing")
 
 
 def of_two() -> tuple[Row, ...]:
@@ -51,4 +51,5 @@ def of_two() -> tuple[Row, ...]:
     return (
         Row(OF_TWO[0], pairs.rounds(pairs.Transfer, "cart-host", "palm-host"), 3, 30),
         Row(OF_TWO[1], pairs.rounds(pairs.RemoteInstall, "cart-host", "palm-host", "cart-program", "palm-program"), 3, 30),
+        Row(OF_TWO[2], pairs.pairing, 5, 30),
     )
