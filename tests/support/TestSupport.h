@@ -81,6 +81,10 @@ public:
     bool WaitForMessages(std::size_t count) const;
     /// Asks and returns the answer; null when there is none.
     std::shared_ptr<ZMessage> Ask(ZEndpointType type, const char* name, const std::shared_ptr<ZMessage>& request);
+    /// Tells all nodes of an event, such as "newFile".
+    void Tell(const char* event, const std::shared_ptr<ZMessage>& message) {
+        Publish(GetEndpoint(ZEndpointType::GraphService, event, 0), message);
+    }
 
 private:
     mutable std::mutex m_mutex;
