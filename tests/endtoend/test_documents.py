@@ -78,8 +78,7 @@ class Documents(InstrumentCase):
         self.assertEqual(1, arborctl("install", "3.047", "--wait").returncode)
         # Nothing brings it back: no restart, no power cut with half a file, no older stick.
         (KEPT / f"{NAME}.new").write_text("{")
-        self.process.kill()
-        self.process.wait()
+        self.kill_host()
         self.process = host.start()
         self.assertEqual(2, self.in_force())
         wait_until(lambda: gateway.updates() == ["3.048"], "the other one is offered")

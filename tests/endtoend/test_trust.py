@@ -10,7 +10,7 @@ from pathlib import Path
 
 from installs import ended, jobs
 from signing import arbor_pkg, build, in_first_format, new_keys, refusal
-from simulation import gateway, host, paths, places, sticks
+from simulation import gateway, host, paths, sticks
 from support import FIXTURES, InstrumentCase, arborctl, both_slots, configure, script_package, stick_package, wait_until
 
 RAN = paths.RUNTIME / "ran"
@@ -283,8 +283,7 @@ class Open(InstrumentCase):
         self.assertIn(f"says: \\x1b[2J{forged}", console)
         self.assertNotIn(f"\n{forged}", console)
         self.assertNotIn("\033", console)
-        self.process.kill()
-        self.process.wait()
+        self.kill_host()
         self.process = host.start()
         Path(f"{said}.go").touch()
         wait_until(said.exists, "it goes on though nobody takes what it says")
