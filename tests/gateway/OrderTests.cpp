@@ -10,7 +10,6 @@
 
 #include "GatewayFixture.h"
 #include "NodeBase/ZOperation.h"
-#include "ZNodeJournal.h"
 #include "ZShared/ZUnixAddress.h"
 
 namespace {
@@ -25,10 +24,7 @@ constexpr auto kDevice = ZEndpointType::DeviceRequest;
 class GatewayOrders : public Gateway {
 protected:
     void StartWithJournal() {
-        ASSERT_TRUE(Start()) << error;
-        const auto record = ZMakeShared<ZNodeJournalCfg>("Journal");
-        record->m_DatabaseFile = ToZString((folder / "journal.sqlite").string());
-        ASSERT_TRUE(graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal"));
+        ASSERT_TRUE(Start() && StartJournal()) << error;
         probe->Listen(kClient, "updatesystem", [this](const std::shared_ptr<ZMessage>& request) {
             const auto update = cast_shared<ZSystemUpdateMsg>(request);
             if (update->m_Version.empty()) {
@@ -81,9 +77,7 @@ protected:
         return {std::move(connection), child};
     }
     static void Forget(const ZFileDescriptor& connection, const std::string& file) {
-        const std::string body = R"({"file":")" + file + "\"}";
-        const std::string text =
-            "POST /v1/forget HTTP/1.0\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        const std::string text = PostText("/v1/forget", R"({"file":")" + file + "\"}");
         EXPECT_EQ(::send(connection.Get(), text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
         std::array<char, 4096> answer{};
         EXPECT_GT(::recv(connection.Get(), answer.data(), answer.size(), 0), 0);

@@ -52,19 +52,16 @@ protected:
 
 TEST_F(GatewayScan, HasFilesAndDrivesLookedAtWhereOneWouldLookAnyway) {
     StartWithDrives();
-    const struct {
-        std::string path;
-        std::string told;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[]{
         {"updates/a.pkg", "updates/a.pkg"}, {"usb1/a.pkg", "usb1/a.pkg"}, {"usb1//./deep/b.pkg", "usb1/deep/b.pkg"},
         {"usb2/d.pkg", "usb2/d.pkg"},       {"disk/d.pkg", "usb2/d.pkg"}, {"in.pkg", "usb1/a.pkg"},
     };
     std::size_t count = 0;
-    for (const auto& row : rows) {
-        const Reply reply = Scan((folder / row.path).string());
-        EXPECT_EQ(reply.status, 202) << row.path << reply.body;
+    for (const auto& [path, told] : rows) {
+        const Reply reply = Scan((folder / path).string());
+        EXPECT_EQ(reply.status, 202) << path << reply.body;
         EXPECT_EQ(reply.Text("operationId").size(), 16U) << reply.body;
-        EXPECT_EQ(Told(++count), (folder / row.told).string());
+        EXPECT_EQ(Told(++count), (folder / told).string());
         EXPECT_EQ(probe->Received().back()->Origin()->operationId, reply.Text("operationId"));
     }
     for (const char* drive : {"usb1", "usb2", "usb1/"}) {
@@ -76,10 +73,7 @@ TEST_F(GatewayScan, HasFilesAndDrivesLookedAtWhereOneWouldLookAnyway) {
 
 TEST_F(GatewayScan, RefusesEveryOtherPathAndSaysWhy) {
     StartWithDrives();
-    const struct {
-        std::string path;
-        std::string reason;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[]{
         {(folder / "e.pkg").string(), "is neither on a drive"},
         {(folder / "usb1/../e.pkg").string(), "is neither on a drive"},
         {(folder / "usb1/out.pkg").string(), "leads to another place"},
@@ -94,10 +88,10 @@ TEST_F(GatewayScan, RefusesEveryOtherPathAndSaysWhy) {
         {"", "absolute path"},
         {"/proc/self/cwd\\u0000/a", "absolute path"},
     };
-    for (const auto& row : rows) {
-        const Reply reply = Scan(row.path);
-        EXPECT_EQ(reply.status, 403) << row.path;
-        EXPECT_THAT(reply.Text("detail"), HasSubstr(row.reason));
+    for (const auto& [path, reason] : rows) {
+        const Reply reply = Scan(path);
+        EXPECT_EQ(reply.status, 403) << path;
+        EXPECT_THAT(reply.Text("detail"), HasSubstr(reason));
         EXPECT_EQ(reply.Text("field"), "path");
     }
     EXPECT_THAT(probe->Received(), testing::IsEmpty());

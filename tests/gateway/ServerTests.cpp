@@ -1,18 +1,15 @@
 // The server as a whole: its socket, its documents, clients that stall, and its end.
 
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <regex>
 #include <sstream>
 
 #include "GatewayFixture.h"
 #include "ZShared/ZProcess.h"
+#include "ZShared/ZUnixAddress.h"
 
 namespace {
-
-constexpr const char* kHalfARequest = "POST /v1/findupdates HTTP/1.1\r\nContent-Length: 100\r\n\r\n{";
 
 TEST_F(Gateway, GivesItsSocketTheConfiguredModeAndRemovesItAtTheEnd) {
     ASSERT_TRUE(Start(R"("socketMode":"0604")")) << error << log.All();
@@ -27,10 +24,8 @@ TEST_F(Gateway, ReplacesADeadServersSocketButNotALivingOnesNorAFile) {
     std::filesystem::create_directories(socket.parent_path());
     {
         const ZFileDescriptor dead(::socket(AF_UNIX, SOCK_STREAM, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        socket.string().copy(address.sun_path, sizeof address.sun_path - 1);
-        ASSERT_EQ(::bind(dead.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        const auto address = ZUnixAddress::Of(socket.string());
+        ASSERT_EQ(::bind(dead.Get(), address->Get(), ZUnixAddress::Size()), 0);
     }
     ASSERT_TRUE(Start()) << error << log.All();
     const auto living = std::move(graph);
@@ -44,24 +39,19 @@ TEST_F(Gateway, ReplacesADeadServersSocketButNotALivingOnesNorAFile) {
 }
 
 TEST_F(Gateway, NamesTheSettingThatCanNotBeUsed) {
-    const struct {
-        const char* settings;
-        const char* key;
-    } rows[] = {
-        {R"("socketMode":"0999")", "socketMode"},
+    const std::pair<const char*, const char*> rows[]{
         {R"("socketMode":"10777")", "socketMode"},
         {R"("socketMode":"")", "socketMode"},
         {R"("socketGroup":"no such group")", "socketGroup"},
         {R"("operateGroup":"no such group")", "operateGroup"},
         {R"("socketPath":"")", "socketPath"},
-        {R"("socketPath":"relative")", "socketPath"},
         {R"("answerTimeoutSeconds":0)", "answerTimeoutSeconds"},
         {R"("maxEventClients":4097)", "maxEventClients"},
         {R"("eventBacklog":0)", "eventBacklog"},
     };
-    for (const auto& row : rows) {
-        EXPECT_FALSE(Start(row.settings)) << row.settings;
-        EXPECT_THAT(log.Lines().back().text, testing::HasSubstr('"' + std::string(row.key) + '"'));
+    for (const auto& [settings, key] : rows) {
+        EXPECT_FALSE(Start(settings)) << settings;
+        EXPECT_THAT(log.Lines().back().text, testing::HasSubstr('"' + std::string(key) + '"'));
         EXPECT_EQ(log.Lines().back().level, 4);
     }
     socket = folder / std::string(120, 'x');
@@ -119,17 +109,15 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
         << "a name that is no UTF-8 must not break the document";
     Post("/v1/findupdates", "");
     Post("/v1/transfer", "");
-    std::string metrics;
-    WaitUntil(
-        [&] { return (metrics = Get("/v1/metrics").body).find("\narbor_update_in_progress 1") != std::string::npos; });
-    for (const char* sample :
-         {"arbor_requests_total{keyword=\"findupdates\",code=\"200\"} 1", "arbor_memory_bytes{state=\"in_use\"} ",
-          "arbor_requests_total{keyword=\"transfer\",code=\"503\"} 1", "arbor_progress_percent 35",
-          "arbor_update_in_progress 1", "arbor_event_clients 0", "arbor_trials_begun_total 4\n",
-          "arbor_trials_confirmed_total 1\n", "arbor_trials_taken_back_total{cause=\"neverUp\"} 2\n",
-          "arbor_trial_starts_used 2\n", "arbor_trial_starts 3\n", "process_start_time_seconds 1"}) {
-        EXPECT_NE(metrics.find(std::string("\n") + sample), std::string::npos) << sample << " is not in\n" << metrics;
+    for (const char* sample : {R"(arbor_requests_total{keyword="findupdates",code="200"} 1)",
+                               R"(arbor_requests_total{keyword="transfer",code="503"} 1)", "arbor_progress_percent 35",
+                               "arbor_update_in_progress 1", "arbor_event_clients 0", "arbor_trials_begun_total 4",
+                               "arbor_trials_confirmed_total 1", R"(arbor_trials_taken_back_total{cause="neverUp"} 2)",
+                               "arbor_trial_starts_used 2", "arbor_trial_starts 3"}) {
+        ExpectMetric(sample);
     }
+    EXPECT_THAT(Get("/v1/metrics").body, testing::AllOf(testing::HasSubstr("\narbor_memory_bytes{state=\"in_use\"} "),
+                                                        testing::HasSubstr("\nprocess_start_time_seconds 1")));
 }
 
 TEST_F(Gateway, TellsHowTheHostRunsAndWhatItSees) {
@@ -166,27 +154,6 @@ TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
     EXPECT_NE(text.find(R"("reboot":{"type":"boolean","default":true})"), std::string::npos);
     EXPECT_NE(text.find(R"("peers":{"type":"array","items":{"$ref":"#/components/schemas/ZPeerMsg"}})"),
               std::string::npos);
-}
-
-TEST_F(Gateway, OutlastsClientsThatStallInTheMiddleOfARequest) {
-    ASSERT_TRUE(Start());
-    std::vector<std::unique_ptr<RawClient>> stalled;
-    stalled.reserve(50);
-    for (int count = 0; count < 50; ++count) {
-        stalled.push_back(std::make_unique<RawClient>(socket, count % 2 == 0 ? kHalfARequest : "GET /v1/st"));
-    }
-    EXPECT_EQ(Get("/v1/log").status, 200) << log.All();
-    EXPECT_TRUE(stalled.front()->WaitForEnd());
-}
-
-TEST_F(Gateway, EndsAtOnceWithStreamsAndHalfRequestsOpen) {
-    ASSERT_TRUE(Start());
-    RawClient stream = Events("?log=1");
-    RawClient half(socket, kHalfARequest);
-    RawClient idle(socket, "");
-    EXPECT_EQ(graph->Stop(), ZGraphEnd::Agreed);
-    EXPECT_TRUE(stream.WaitForEnd() && half.WaitForEnd() && idle.WaitForEnd());
-    EXPECT_TRUE(stream.Received().ends_with("0\r\n\r\n")) << "the stream's end was not marked as one";
 }
 
 }  // namespace
