@@ -33,6 +33,12 @@ class Building(PackageTest):
                         "signature": "good", "payload": "good", "trusted": True, "verdict": "good",
                         "sentence": f"version 3.045 for board {BOARD}, signed by CN = Test signer"}
             self.assertEqual((0, expected), (code, {key: facts[key] for key in expected}))
+        with Package(new) as package, open(new, "r+b") as file:
+            file.seek(package.payload_end - 1)
+            file.write(bytes([read(self.payload)[-1] ^ 1]))
+        code, facts = self.inspect(new)
+        self.assertEqual((1, "good", "bad"), (code, facts["signature"], facts["payload"]))
+        self.assertIn("image is damaged", facts["sentence"])
         for arguments in (["--version"], ["--dry-run", "--version"]):
             self.assertEqual("3.045\n", run(self.package, *arguments).stdout)
 
@@ -84,30 +90,6 @@ class Building(PackageTest):
                 found, output = self.verify(self.package, board, self.path(trust))
                 self.assertEqual(code, found, output)
                 self.assertIn(text, output)
-
-    def test_no_changed_byte_passes(self) -> None:
-        good = read(self.package)
-        with Package(self.package) as package:
-            offsets = package.payload_offset, package.payload_end
-        flipped = {"comment of the stub": 30, "version in the header": good.index(b"3.045", 4096), "code": offsets[0] - 500,
-                   "first byte of the payload": offsets[0], "last byte of the payload": offsets[1] - 1}
-        cases = {what: good[:at] + bytes([good[at] ^ 1]) + good[at + 1:] for what, at in flipped.items()}
-        at = good.index(b'"signature":"', offsets[1]) + 20
-        cases["signature"] = good[:at] + (b"C" if good[at:at + 1] == b"B" else b"B") + good[at + 1:]  # of its own letters
-        cases |= {"cut in the signature": good[:-1], "cut in the payload": good[:offsets[0] + 5], "longer": good + b"\0"}
-        for what, content in cases.items():
-            with self.subTest(what):
-                with open(self.path("bad.pkg"), "wb") as file:
-                    file.write(content)
-                os.chmod(self.path("bad.pkg"), 0o755)
-                code, output = self.verify(self.path("bad.pkg"))
-                self.assertEqual(1, code, output)
-                self.assertIn("FAILED: ", output)
-                code, facts = self.inspect(self.path("bad.pkg"))
-                found = "badPayload" if facts["payload"] == "bad" else facts["verdict"]
-                self.assertEqual((1, "badPayload" if "of the payload" in what else
-                                  "damaged" if what in ("code", "longer") or "cut" in what else "badSignature"), (code, found))
-                self.assertIn("image is damaged" if found == "badPayload" else "", facts["sentence"])
 
     def test_a_digest_that_was_found_ahead_counts_for_the_whole_payload_of_the_same_file_alone(self) -> None:
         right, other = hashlib.sha256(read(self.payload)).hexdigest(), "f" * 64
