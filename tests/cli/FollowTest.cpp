@@ -8,8 +8,7 @@
 
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
+using namespace testing;
 
 #define OURS "aaaa0000aaaa0000"
 #define OTHER "bbbb0000bbbb0000"
@@ -275,8 +274,8 @@ TEST(Follow, TheLogGoesOnWithoutLosingOrRepeatingALine) {
     program->Interrupt();
     EXPECT_EQ(program->Status(), 130);
     EXPECT_THAT(program->Output(),
-                testing::MatchesRegex("1970[^\n]*:00\\.000 info    Node: line 1\n[^\n]* line 3\n[^\n]* line 6\n"
-                                      "[^\n]*error   Node: line 5\n[^\n]*warning Node: line 1\n"));
+                MatchesRegex("1970[^\n]*:00\\.000 info    Node: line 1\n[^\n]* line 3\n[^\n]* line 6\n"
+                             "[^\n]*error   Node: line 5\n[^\n]*warning Node: line 1\n"));
     EXPECT_EQ(device.Messages("/v1/events", 1).front(), boost::json::value(true));
 }
 

@@ -8,6 +8,10 @@
 #include "ZMessages/ZJSONCommStream.h"
 #include "ZShared/ZFileDescriptor.h"
 
+constexpr auto kClient = ZEndpointType::ClientRequest;
+constexpr auto kDevice = ZEndpointType::DeviceRequest;
+constexpr auto kService = ZEndpointType::GraphService;
+
 struct Reply {
     int status = 0;  ///< 0: none came
     std::string type;

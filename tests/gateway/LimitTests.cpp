@@ -10,7 +10,6 @@
 namespace {
 
 constexpr const char* kHalfAHead = "GET /v1/st";
-constexpr auto kClient = ZEndpointType::ClientRequest;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool kKeepsFreedMemory = true;
 #else
@@ -52,7 +51,7 @@ protected:
 
 TEST_F(Gateway, KeepsItsMemoryWhenNestedDocumentsPourIn) {
     ASSERT_TRUE(Start());
-    probe->Listen(ZEndpointType::DeviceRequest, "upload");
+    probe->Listen(kDevice, "upload");
     const std::string nested = R"({"className":"ZFileWriteMsg","x":[)" + Repeated(150'000, "[[[]]],[[]]") + "]}";
     const std::string request = PostText("/v1/upload", nested);
     const std::string many =
@@ -213,7 +212,7 @@ TEST_F(GatewayOfTwoUsers, LeavesTurnsForOthersWhenOneHasItsShare) {
 
 TEST_F(GatewayOfTwoUsers, LeavesMemoryForOthersWhenOneHasItsShare) {
     ASSERT_TRUE(StartForAll());
-    probe->Listen(ZEndpointType::DeviceRequest, "upload", [](const auto&) { return Made("ZGenericResponseMsg"); });
+    probe->Listen(kDevice, "upload", [](const auto&) { return Made("ZGenericResponseMsg"); });
     constexpr const char* kLarge = "POST /v1/upload HTTP/1.1\r\nContent-Length: 2097152\r\n\r\n{";
     const Crowd slow = NobodysClients(3, kLarge);
     EXPECT_TRUE(WaitUntil([&] {

@@ -13,10 +13,7 @@
 
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
+using namespace testing;
 namespace asio = boost::asio;
 namespace json = boost::json;
 
@@ -169,12 +166,12 @@ TEST_F(GatewayNetwork, GivesATokenItsRoleAndWritesItsNameDown) {
     ASSERT_TRUE(Start(Listen(R"("developerMode":true)"))) << log.All();
     ASSERT_TRUE(StartJournal());
     ZGuarded<std::shared_ptr<ZOperation>> begun;
-    probe->Listen(ZEndpointType::ClientRequest, "updatesystem", [&](const std::shared_ptr<ZMessage>& request) {
+    probe->Listen(kClient, "updatesystem", [&](const std::shared_ptr<ZMessage>& request) {
         begun.Exchange(probe->BeginOperation({.kind = ZOperationKind::Install}, request.get()));
         return Made("ZVersionInfoMsg");
     });
-    probe->Listen(ZEndpointType::GraphService, "pair", [](const auto&) { return Made("ZPeersMsg"); });
-    probe->Listen(ZEndpointType::GraphService, "cancel");
+    probe->Listen(kService, "pair", [](const auto&) { return Made("ZPeersMsg"); });
+    probe->Listen(kService, "cancel");
     const std::tuple<const char*, const char*, const char*> rows[]{
         {kLooker, "/v1/updatesystem", "403"}, {kLooker, "/v1/pair", "403"},   {kOperator, "/v1/pair", "403"},
         {kAdmin, "/v1/pair", "200"},          {kAdmin, "/v1/newFile", "403"}, {kOperator, "/v1/updatesystem", "200"},
@@ -362,7 +359,7 @@ TEST_F(GatewayNetwork, SlowsDownWhoeverGuessesAndServesOthersMeanwhile) {
         EXPECT_THAT(AskAs(kLooker, "/v1/log", ""), StartsWith("HTTP/1.1 200"));
         for (const auto& client : clients) {
             client->ReadAll();
-            EXPECT_THAT(client->Received(), testing::MatchesRegex("HTTP/1.1 4(01|29) .*"));
+            EXPECT_THAT(client->Received(), MatchesRegex("HTTP/1.1 4(01|29) .*"));
             refused = client->Received().starts_with("HTTP/1.1 429") ? client->Received() : refused;
         }
         return !refused.empty();

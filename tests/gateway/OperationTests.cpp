@@ -9,11 +9,7 @@
 
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
-
-constexpr auto kClient = ZEndpointType::ClientRequest;
-constexpr auto kService = ZEndpointType::GraphService;
+using namespace testing;
 
 /// The gateway with a real journal beside it.
 class GatewayJobs : public Gateway {
@@ -127,11 +123,10 @@ TEST_F(GatewayJobs, TellsEveryChangeOfAJobAndCountsItsEnd) {
     first->Tell("Install", "writing", 44);
     first->Cancel("by alice");
     ASSERT_TRUE(listener.WaitFor("by alice")) << listener.Received();
-    EXPECT_THAT(listener.Received(),
-                testing::MatchesRegex(".*event: operation\n[^\n]*\n[^\n]*\"state\":\"Queued\".*"
-                                      "event: operation\n[^\n]*\n[^\n]*\"state\":\"Running\".*"
-                                      "event: operation\n[^\n]*\n[^\n]*\"percent\":44.*"
-                                      "event: operation\n[^\n]*\n[^\n]*\"state\":\"Cancelled\".*"));
+    EXPECT_THAT(listener.Received(), MatchesRegex(".*event: operation\n[^\n]*\n[^\n]*\"state\":\"Queued\".*"
+                                                  "event: operation\n[^\n]*\n[^\n]*\"state\":\"Running\".*"
+                                                  "event: operation\n[^\n]*\n[^\n]*\"percent\":44.*"
+                                                  "event: operation\n[^\n]*\n[^\n]*\"state\":\"Cancelled\".*"));
     for (const char* sample :
          {R"(arbor_operations_total{kind="Install",state="Cancelled"} 1)", R"(arbor_operations_open{kind="Install"} 1)",
           R"(arbor_operations_open{kind="Check"} 0)", "arbor_update_in_progress 1"}) {
@@ -182,9 +177,9 @@ TEST_F(GatewayJobs, TellsTheStateWithoutQuestionsThatLeaveLogLines) {
     Begin(ZOperationKind::Install)->Fail("no power");
     const auto newest = Begin(ZOperationKind::Install);  // open: not the last that has ended
     EXPECT_TRUE(WaitForStatus(R"("updateInProgress":true)"));
-    EXPECT_THAT(Status(), testing::ContainsRegex(R"re("lastInstall":\{[^{}]*"reason":"no power")re"));
+    EXPECT_THAT(Status(), ContainsRegex(R"re("lastInstall":\{[^{}]*"reason":"no power")re"));
     newest->Succeed();
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
 }
 
 }  // namespace

@@ -14,12 +14,8 @@
 
 namespace {
 
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 namespace json = boost::json;
-
-constexpr auto kClient = ZEndpointType::ClientRequest;
-constexpr auto kDevice = ZEndpointType::DeviceRequest;
 
 class GatewayOrders : public Gateway {
 protected:
@@ -95,8 +91,8 @@ TEST_F(GatewayOrders, AreWrittenDownWithWhoGaveThemAndWhatBecameOfThem) {
     Post("/v1/transfer", R"({"version":"3.\n046"})");
     Post("/v1/pair", R"({"publicKey":7})");
     Post("/v1/findupdates", "{}");  // a question is no order
-    EXPECT_THAT(Told(), testing::ElementsAre(
-                            StartsWith("pair  -"), R"(transfer 3.\n046 -No node of this graph serves "transfer")",
+    EXPECT_THAT(Told(),
+                ElementsAre(StartsWith("pair  -"), R"(transfer 3.\n046 -No node of this graph serves "transfer")",
                             StartsWith("scan /etc/passwd -/etc/passwd is neither"),
                             StartsWith(R"(newFile /tmp evil.pkg -"newFile" is a message between nodes)"),
                             "updatesystem  -an install is under way", "updatesystem 3.046 reboot +"));
@@ -134,7 +130,7 @@ TEST_F(GatewayOrders, AreNotToldForEachPieceOfAFile) {
         Post("/v1/upload", R"({"className":"ZFileWriteMsg","filePath":"a.pkg","data":")" + std::string(data) + "\"}");
     }
     Post("/v1/upload", R"({"className":"ZFileCloseMsg","filePath":"a.pkg"})");
-    EXPECT_THAT(Told(), testing::ElementsAre("upload a.pkg -no space left", "upload a.pkg +"));
+    EXPECT_THAT(Told(), ElementsAre("upload a.pkg -no space left", "upload a.pkg +"));
 }
 
 TEST_F(GatewayOrders, NameTheProcessAsItIsOrSayThatItHasGone) {

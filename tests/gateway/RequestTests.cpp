@@ -17,9 +17,6 @@ struct KeywordCase {
 };
 
 constexpr const char* kAsDeveloper = R"("developerMode":true)";
-constexpr auto kClient = ZEndpointType::ClientRequest;
-constexpr auto kDevice = ZEndpointType::DeviceRequest;
-constexpr auto kService = ZEndpointType::GraphService;
 
 const KeywordCase kKeywords[] = {
     {"updatesystem", kClient, R"({"version":"3.045","reboot":false,"nobodyKnows":[1]})", "ZSystemUpdateMsg", "version",

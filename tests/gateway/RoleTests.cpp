@@ -9,11 +9,7 @@
 
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-
-constexpr auto kClient = ZEndpointType::ClientRequest;
-constexpr auto kService = ZEndpointType::GraphService;
+using namespace testing;
 
 // Users and groups that every system has.
 constexpr uid_t kDaemon = 1;
@@ -120,7 +116,7 @@ TEST_F(GatewayRoles, AreNamedInARefusalWithTheGroupAndWhoAsked) {
         SendAs(looker, "POST", "/v1/updatesystem");
     }
     EXPECT_EQ(log.Lines().size(), before) << "the same refusal fills the log";
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
 }
 
 TEST_F(GatewayRoles, LetAnOperatorEndJobsOfHisOwnOnly) {

@@ -7,10 +7,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
-
-constexpr auto kService = ZEndpointType::GraphService;
+using namespace testing;
 
 /// The gateway of a device with an updates folder and two drives, one of them reached by a link.
 class GatewayScan : public Gateway {
@@ -94,7 +91,7 @@ TEST_F(GatewayScan, RefusesEveryOtherPathAndSaysWhy) {
         EXPECT_THAT(reply.Text("detail"), HasSubstr(reason));
         EXPECT_EQ(reply.Text("field"), "path");
     }
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
 }
 
 TEST_F(GatewayScan, NeedsNoStorageNodeForTheUpdatesFolder) {
@@ -124,7 +121,7 @@ TEST_F(GatewayScan, KeepsWhatNodesTellEachOtherFromPeople) {
         EXPECT_THAT(reply.Text("detail"), HasSubstr("arborctl "));
     }
     EXPECT_EQ(closed, 4U);
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
     EXPECT_THAT(log.All(), HasSubstr("was refused \"newFile\""));
 }
 

@@ -73,21 +73,19 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {
         probe->Listen(type, keyword, [=](const auto&) { return Made(className, json); });
     };
-    answer(ZEndpointType::ClientRequest, "getinstalledversioninfo", "ZVersionInfoMsg", R"({"version":"3.044"})");
-    answer(ZEndpointType::ClientRequest, "findupdates", "ZMessageArray",
+    answer(kClient, "getinstalledversioninfo", "ZVersionInfoMsg", R"({"version":"3.044"})");
+    answer(kClient, "findupdates", "ZMessageArray",
            R"({"messages":[{"className":"ZVersionInfoMsg","version":"3.046"},)"
            R"({"className":"ZVersionInfoMsg","version":"9.9","bSuccess":false}]})");
-    answer(ZEndpointType::GraphService, "getUpdateInProgress", "ZSystemUpdateInProgressMsg",
-           R"({"updateInProgress":true})");
-    answer(ZEndpointType::GraphService, "deviceProps", "ZDevicePropertiesMsg",
-           R"({"model":"KiteQM","serialNumber":"7","board":"b"})");
-    probe->Listen(ZEndpointType::GraphService, "getdevices", [](const auto&) {
+    answer(kService, "getUpdateInProgress", "ZSystemUpdateInProgressMsg", R"({"updateInProgress":true})");
+    answer(kService, "deviceProps", "ZDevicePropertiesMsg", R"({"model":"KiteQM","serialNumber":"7","board":"b"})");
+    probe->Listen(kService, "getdevices", [](const auto&) {
         auto drives = ZMakeShared<StorageDevicesMsg>();
         drives->m_Devices = {"/media/M\xfcll"};
         return drives;
     });
     answer(
-        ZEndpointType::GraphService, "slots", "ZSlotsMsg",
+        kService, "slots", "ZSlotsMsg",
         R"({"state":"trial","attempt":2,"attempts":3,"counts":[{"className":"ZTrialCountMsg","what":"begun","count":4},)"
         R"({"className":"ZTrialCountMsg","what":"confirmed","count":1},)"
         R"({"className":"ZTrialCountMsg","what":"neverUp","count":2}]})");

@@ -4,8 +4,7 @@
 #include "ArbordProcess.h"
 
 namespace json = boost::json;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 
 namespace {
 

@@ -8,8 +8,7 @@ namespace {
 
 using Kind = LinkPolicy::Order::Kind;
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 /// An order without what the tests do not look at.
 using Said = std::pair<Kind, LinkPolicy::Id>;

@@ -7,8 +7,7 @@
 // What is told about work on accessories is so, and no work stands in another's way.
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 
@@ -137,7 +136,7 @@ TEST_F(AccessoryJobs, BuildForEachBoardAndSendNoneToAnother) {
     });
     EXPECT_TRUE(transfer(ZDeviceModel::QMA)->m_bSuccess);
     EXPECT_TRUE(transfer(ZDeviceModel::QMB)->m_bSuccess);
-    EXPECT_THAT(sent, testing::ElementsAre("arbor_qm.pkg", "arbor_kite.pkg"));
+    EXPECT_THAT(sent, ElementsAre("arbor_qm.pkg", "arbor_kite.pkg"));
 }
 
 }  // namespace

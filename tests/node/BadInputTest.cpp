@@ -9,10 +9,7 @@
 #include "NodeFixture.h"
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 

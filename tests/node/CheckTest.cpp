@@ -5,9 +5,7 @@
 // Checks of package files: none waits for another, and what is offered can be installed.
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 
@@ -96,9 +94,9 @@ TEST_F(Checks, OfADriveThatComesAndGoesLeaveNothingBehind) {
     EXPECT_TRUE(WaitUntil([&] {
         const auto all = Jobs();
         return std::ranges::none_of(all, [](const auto& job) { return job->IsOpen(); });
-    })) << testing::PrintToString(JobLines());
+    })) << PrintToString(JobLines());
     EXPECT_LE(most - before, 12) << "four checks, four actions, and what reaps and logs";
-    EXPECT_THAT(Offered(), testing::IsEmpty());
+    EXPECT_THAT(Offered(), IsEmpty());
 }
 
 TEST_F(Checks, KnowEveryPlaceOfAVersion) {
@@ -203,7 +201,7 @@ TEST_F(Checks, ForgetUploadsButNothingElse) {
                 fs::exists(Drive() / "g.pkg"));
     EXPECT_TRUE(forget("good.pkg"));
     EXPECT_FALSE(fs::exists(good));
-    EXPECT_THAT(Offered(), testing::IsEmpty());
+    EXPECT_THAT(Offered(), IsEmpty());
 }
 
 }  // namespace

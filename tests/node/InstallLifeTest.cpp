@@ -14,9 +14,7 @@
 // What a person is told about an install is so, whatever becomes of it.
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 

@@ -1,8 +1,7 @@
 #include "NodeFixture.h"
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 namespace {
 

@@ -221,7 +221,7 @@ TEST_F(JournalFile, WritesAfterwardsWhatAFullDiskHadNoRoomFor) {
         journal.Take(Job("across", Failed));
         EXPECT_TRUE(journal.IsFailing());
         EXPECT_TRUE(ToldOnce("are kept in memory")) << log.All();
-        EXPECT_THAT(journal.Answer(ZOperationsRequestMsg())->m_Problem, testing::HasSubstr("disk is full"));
+        EXPECT_THAT(journal.Answer(ZOperationsRequestMsg())->m_Problem, HasSubstr("disk is full"));
         EXPECT_EQ(Ids(journal).size(), 302U);
         EXPECT_THAT(Ids(journal, "Failed"), ElementsAre("across")) << "the disk has it as running";
         EXPECT_THAT(Ids(journal, "Running"), IsEmpty());

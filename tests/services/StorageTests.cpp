@@ -12,9 +12,7 @@
 #include "ZNodeStorage.h"
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
+using namespace testing;
 
 TEST(DriveRules, TakeMountsByWhereTheyAre) {
     const std::pair<const char*, bool> cases[]{
@@ -96,7 +94,7 @@ TEST_F(Storage, TellsOfConfiguredDirectoriesThatComeGoAndAreReplaced) {
     fs::rename(root, folder / "one");
     fs::rename(folder / "two", root);
     ASSERT_TRUE(WaitTold(left));
-    ASSERT_TRUE(WaitTold(came, 2)) << testing::PrintToString(Told());
+    ASSERT_TRUE(WaitTold(came, 2)) << PrintToString(Told());
 
     fs::remove(root / "a.pkg");
     ASSERT_TRUE(WaitTold(left, 2)) << "an empty directory is no drive";
@@ -230,5 +228,5 @@ TEST_F(Storage, TellsOfFilesThatMayBeRunFromThenOnAndOfThoseThatGo) {
     ASSERT_TRUE(WaitTold("file c.pkg", 2));
     auto told = Told();
     std::erase(told, "file first.pkg");
-    EXPECT_EQ(told.size(), 8U) << testing::PrintToString(told);
+    EXPECT_EQ(told.size(), 8U) << PrintToString(told);
 }
