@@ -32,6 +32,12 @@ class InstrumentCase(LoggedCase):
         self.switch_off()
         self._start()
 
+    def ordered(self, code: int, *arguments: str) -> str:
+        """What the client says to an order; it has to end with that code."""
+        done = arborctl(*arguments)
+        self.assertEqual(code, done.returncode, done.stdout)
+        return done.stdout
+
     def kill_host(self) -> None:
         self.process.kill()
         self.process.wait()

@@ -10,7 +10,7 @@ from pathlib import Path
 from typing import Iterator
 
 from simulation import gateway, host, paths, places, sticks
-from support import (PROGRESS, REJECTED, InstrumentCase, arborctl, outcomes, progress_client, script_package, stick_package,
+from support import (PROGRESS, REJECTED, InstrumentCase, outcomes, progress_client, script_package, stick_package,
                      wait_until)
 
 LOG_LINE = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} [TDIWE] (?!ZForged)\w+ [\w/]+ (?:\w+|operator\(\)):\d+ .*")
@@ -133,10 +133,8 @@ class BadInput(InstrumentCase):
         self.process = host.start()
         filler = paths.UPDATES / ".filler"
         filler.write_bytes(b"x" * 4 * MEBIBYTE)
-        refused = arborctl("upload", str(stick_package("3.045")))
-        self.assertEqual(1, refused.returncode, refused.stdout)
-        self.assertIn("arbor-3.045.pkg: No space left on device", refused.stdout)
+        refused = self.ordered(1, "upload", str(stick_package("3.045")))
+        self.assertIn("arbor-3.045.pkg: No space left on device", refused)
         filler.unlink()
-        taken = arborctl("upload", str(stick_package("3.045")))
-        self.assertEqual(0, taken.returncode, taken.stdout)
+        self.ordered(0, "upload", str(stick_package("3.045")))
         self.assertEqual(["3.045"], gateway.updates())

@@ -10,7 +10,7 @@ from pathlib import Path
 
 from installs import ended, job, jobs, state_of
 from simulation import gateway, paths, places, sticks
-from support import InstrumentCase, arborctl, outcomes, script_package, stick_package, wait_until
+from support import InstrumentCase, outcomes, script_package, stick_package, wait_until
 
 MOST_THREADS = 40
 PLUGS = 100
@@ -72,7 +72,7 @@ class Silent(InstrumentCase):
         sticks.attach([stick_package("3.045")], "usb2")
         wait_until(lambda: gateway.updates() == ["3.046", "3.045"], "the other stick's is offered")
         drive.answers_again()
-        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        self.ordered(0, "install", "3.046", "--no-reboot", "--wait")
         drive.is_pulled()
         wait_until(lambda: gateway.updates() == ["3.045"], "what was on it is offered no more")
         wait_until(lambda: usage(self.process.pid)["children"] == 0, "no process is left")

@@ -4,7 +4,7 @@ import shutil
 
 from simulation import gateway, paths, sticks
 from simulation.identity import INSTRUMENT
-from support import REJECTED, TOO_OLD, InstrumentCase, arborctl, both_slots, outcomes, stick_package
+from support import REJECTED, TOO_OLD, InstrumentCase, both_slots, outcomes, stick_package
 
 ALL = [stick_package(version) for version in ("3.001", "3.045", "3.046", "3.047")]
 
@@ -18,8 +18,7 @@ class Journey(InstrumentCase):
             self.assertEqual({("arbor-3.001.pkg", "3.001", TOO_OLD), ("arbor-3.047.pkg", "3.047", REJECTED)}, rejected)
             self.assertEqual(["3.046", "3.045"], available)
 
-            done = arborctl("install", "3.046", "--no-reboot", "--wait")
-            self.assertEqual(0, done.returncode, done.stdout)
+            self.ordered(0, "install", "3.046", "--no-reboot", "--wait")
             last = events.next("progress", lambda message: message["done"])
         self.assertEqual((100, False), (last["percent"], last["error"]))
         self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), both_slots())
@@ -41,8 +40,6 @@ class Journey(InstrumentCase):
             stick = sticks.attach([stick_package("3.046"), stick_package("3.047")])
             events.next("updateavailable", lambda message: "3.046" in outcomes(message)[1])
         for version, code in (("3.046", 0), ("3.047", 1)):
-            scanned = arborctl("scan", str(stick / stick_package(version).name))
-            self.assertEqual(code, scanned.returncode, scanned.stdout)
-            self.assertIn(version, scanned.stdout)
+            self.assertIn(version, self.ordered(code, "scan", str(stick / stick_package(version).name)))
         self.assertEqual(["3.046", "3.045"], gateway.updates())
-        self.assertEqual(0, arborctl("scan", str(stick)).returncode)
+        self.ordered(0, "scan", str(stick))

@@ -113,6 +113,6 @@ class Network(PageCase):
         self.restart()
         self.assertEqual(401, ask(self.port, "/")[0])
         self.assertIsNone(gateway.get("status")["pageAddress"])
-        self.assertEqual(1, arborctl("ui", "--network").returncode)
+        self.ordered(1, "ui", "--network")
         configure("Gateway", pagePath="")
         self.restart()
