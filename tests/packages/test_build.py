@@ -6,7 +6,7 @@ import os
 import shutil
 
 from forge import Signer, rewritten
-from support import ARBOR_PKG, BOARD, PackageTest, read, run, write
+from support import ARBOR_PKG, BOARD, PackageTest, must_run, read, run, write
 
 from arborinstaller.layout import Package
 
@@ -14,10 +14,6 @@ from arborinstaller.layout import Package
 class Building(PackageTest):
     def build(self, *changes: str, signers: tuple[tuple[str, str], ...] = ()) -> str:
         return run(ARBOR_PKG, "build", *self.recipe("3.045", *signers), "-o", self.path("x.pkg"), *changes).stderr
-
-    def inspect(self, file: str, *options: str) -> tuple[int, dict]:
-        done = run(ARBOR_PKG, "inspect", "--json", *options, file)
-        return done.returncode, json.loads(done.stdout)
 
     def verify(self, package: str, board: str = BOARD, trust: str = "") -> tuple[int, str]:
         done = run(package, "--verify", *([board] if board else []), "--trust", trust or self.keys, cwd="/")
@@ -140,8 +136,7 @@ class Signing(PackageTest):
         del arguments[at:at + 2]
 
         def inspect(*options: str) -> tuple[int, dict]:
-            done = run(ARBOR_PKG, "inspect", "--json", "--trust", self.keys, *options, tool)
-            return done.returncode, json.loads(done.stdout)
+            return self.inspect(tool, "--trust", self.keys, *options)
 
         write(tool, "#!/bin/sh\necho 3.045\n")
         self.assertEqual("notPackage", inspect()[1]["verdict"])
@@ -167,8 +162,7 @@ class Archiving(PackageTest):
     def test_a_version_directory_builds_its_packages_for_the_boards_it_was_signed_for(self) -> None:
         version = self.path("3.045")
         self.assertIn("give " + version, run(ARBOR_PKG, "archive", *self.recipe("3.045"), self.folder).stderr)
-        done = run(ARBOR_PKG, "archive", *self.recipe("3.045"), "--component", "fpga=1.2@apalis-imx8", version)
-        self.assertEqual(0, done.returncode, done.stderr)
+        must_run(ARBOR_PKG, "archive", *self.recipe("3.045"), "--component", "fpga=1.2@apalis-imx8", version)
         manifest = json.loads(read(version, "Manifest.json"))
         self.assertEqual([{"name": "fpga", "version": "1.2", "board": "apalis-imx8"}], manifest["components"])
         script = os.path.join(version, manifest["installerPath"], "installer.py")
