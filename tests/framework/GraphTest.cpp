@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <future>
 #include <regex>
 
 #include "NodeBase/ZGraph.h"

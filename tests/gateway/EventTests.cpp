@@ -69,9 +69,7 @@ TEST_F(Gateway, DropsAListenerThatDoesNotRead) {
     }
     ASSERT_TRUE(slow.WaitForEnd());
     EXPECT_EQ(slow.Received().find("\"percent\":40"), std::string::npos);
-    EXPECT_TRUE(WaitUntil([&] {
-        return log.All().find("3 ZNodeGateway NodeGateway/EventStream") != std::string::npos;
-    })) << log.All();
+    EXPECT_TRUE(WaitUntil([&] { return log.Count("ZNodeGateway NodeGateway/EventStream", 3) == 1; })) << log.All();
     ExpectMetric("arbor_event_clients_dropped_total 1");
     PublishProgress(99);
     EXPECT_TRUE(quick.WaitFor("\"percent\":99"));

@@ -130,9 +130,7 @@ TEST_F(GatewayScan, OpensThemInDeveloperModeAndSaysSoAtTheStart) {
     EXPECT_THAT(log.All(), Not(HasSubstr("developerMode")));
     graph.reset();
     ASSERT_TRUE(Start(R"("developerMode":true)"));
-    EXPECT_TRUE(std::ranges::any_of(log.Lines(), [](const auto& line) {
-        return line.level == 3 && line.text.find("\"developerMode\" is on") != std::string::npos;
-    })) << log.All();
+    EXPECT_EQ(log.Count("\"developerMode\" is on", 3), 1) << log.All();
     EXPECT_THAT(Get("/v1/status").body, HasSubstr(R"("developerMode":true)"));
     EXPECT_THAT(Get("/v1/openapi.json").body, HasSubstr("/v1/newFile"));
     probe->Listen(kService, "newFile");

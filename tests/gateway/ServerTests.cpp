@@ -9,6 +9,8 @@
 #include "ZShared/ZProcess.h"
 #include "ZShared/ZUnixAddress.h"
 
+using namespace testing;
+
 namespace {
 
 TEST_F(Gateway, GivesItsSocketTheConfiguredModeAndRemovesItAtTheEnd) {
@@ -30,7 +32,7 @@ TEST_F(Gateway, ReplacesADeadServersSocketButNotALivingOnesNorAFile) {
     ASSERT_TRUE(Start()) << error << log.All();
     const auto living = std::move(graph);
     EXPECT_FALSE(Start());
-    EXPECT_NE(log.All().find("another server listens there"), std::string::npos) << log.All();
+    EXPECT_THAT(log.All(), HasSubstr("another server listens there"));
     graph.reset();
     EXPECT_EQ(Get("/v1/log").status, 200) << "the living server lost its socket";
     socket = folder.Write("precious", "text");
@@ -51,25 +53,25 @@ TEST_F(Gateway, NamesTheSettingThatCanNotBeUsed) {
     };
     for (const auto& [settings, key] : rows) {
         EXPECT_FALSE(Start(settings)) << settings;
-        EXPECT_THAT(log.Lines().back().text, testing::HasSubstr('"' + std::string(key) + '"'));
+        EXPECT_THAT(log.Lines().back().text, HasSubstr('"' + std::string(key) + '"'));
         EXPECT_EQ(log.Lines().back().level, 4);
     }
     socket = folder / std::string(120, 'x');
     EXPECT_FALSE(Start());
-    EXPECT_THAT(log.Lines().back().text, testing::HasSubstr("longer than 107 bytes"));
+    EXPECT_THAT(log.Lines().back().text, HasSubstr("longer than 107 bytes"));
 }
 
 TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     ASSERT_TRUE(Start());
     EXPECT_THAT(Get("/v1/status").body,
-                testing::StartsWith(R"({"version":null,"hash":null,"installedVersion":null,"updateInProgress":null,)"
-                                    R"("device":null,"updates":null,"progress":null,"drives":null,"operations":null,)"
-                                    R"("runningSlot":null,"nextSlot":null,"nextVersion":null,"archive":null,)"
-                                    R"("refused":null,"updatesFree":null,"archiveFree":null,"trustedSigners":null,)"
-                                    R"("trustDocument":null,"trustProblem":null,"trial":null,"historyProblem":null,)"
-                                    R"("lastInstall":null,)"));
-    EXPECT_THAT(Get("/v1/status").body, testing::ContainsRegex(R"("you":\{"name":"user [^"]+","role":"administer"\})"));
-    EXPECT_THAT(Get("/v1/status").body, testing::HasSubstr(R"("bootId":")" + BootId() + '"'));
+                StartsWith(R"({"version":null,"hash":null,"installedVersion":null,"updateInProgress":null,)"
+                           R"("device":null,"updates":null,"progress":null,"drives":null,"operations":null,)"
+                           R"("runningSlot":null,"nextSlot":null,"nextVersion":null,"archive":null,)"
+                           R"("refused":null,"updatesFree":null,"archiveFree":null,"trustedSigners":null,)"
+                           R"("trustDocument":null,"trustProblem":null,"trial":null,"historyProblem":null,)"
+                           R"("lastInstall":null,)"));
+    EXPECT_THAT(Get("/v1/status").body, ContainsRegex(R"("you":\{"name":"user [^"]+","role":"administer"\})"));
+    EXPECT_THAT(Get("/v1/status").body, HasSubstr(R"("bootId":")" + BootId() + '"'));
     const auto answer = [&](ZEndpointType type, const char* keyword, const char* className, const std::string& json) {
         probe->Listen(type, keyword, [=](const auto&) { return Made(className, json); });
     };
@@ -99,7 +101,7 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
     })) << status;
     EXPECT_THAT(
         status,
-        testing::MatchesRegex(
+        MatchesRegex(
             R"re(.*"installedVersion":"3.044","updateInProgress":true,)re"
             R"re("device":\{"model":"KiteQM","serialNumber":"7","board":"b"\},"updates":\[\{"version":"3.046"\}\],)re"
             R"re("progress":\{[^}]*"percent":35[^}]*\},"drives":\["/media/M[^"]*ll"\],"operations":null,.*)re"));
@@ -114,16 +116,16 @@ TEST_F(Gateway, ReportsWhatTheNodesTellAndNullWhereNobodyDoes) {
                                "arbor_trial_starts_used 2", "arbor_trial_starts 3"}) {
         ExpectMetric(sample);
     }
-    EXPECT_THAT(Get("/v1/metrics").body, testing::AllOf(testing::HasSubstr("\narbor_memory_bytes{state=\"in_use\"} "),
-                                                        testing::HasSubstr("\nprocess_start_time_seconds 1")));
+    EXPECT_THAT(Get("/v1/metrics").body, AllOf(HasSubstr("\narbor_memory_bytes{state=\"in_use\"} "),
+                                               HasSubstr("\nprocess_start_time_seconds 1")));
 }
 
 TEST_F(Gateway, TellsHowTheHostRunsAndWhatItSees) {
     ASSERT_TRUE(Start());
     const std::string setup = Get("/v1/setup").body;
-    EXPECT_THAT(setup, testing::HasSubstr("\"updatesFolder\":\"" + updatesFolder.string() + '"'));
-    EXPECT_THAT(setup, testing::HasSubstr("\"userId\":" + std::to_string(::geteuid()) + ','));
-    EXPECT_THAT(setup, testing::HasSubstr(ReadText("/proc/self/mountinfo").substr(0, 10))) << "the table's first line";
+    EXPECT_THAT(setup, HasSubstr("\"updatesFolder\":\"" + updatesFolder.string() + '"'));
+    EXPECT_THAT(setup, HasSubstr("\"userId\":" + std::to_string(::geteuid()) + ','));
+    EXPECT_THAT(setup, HasSubstr(ReadText("/proc/self/mountinfo").substr(0, 10))) << "the table's first line";
     EXPECT_EQ(Post("/v1/setup", "{}").status, 405);
 }
 
@@ -138,20 +140,19 @@ TEST_F(Gateway, DescribesEveryKeywordWithSchemasThatExist) {
         "transfer remoteinstall peers pair cancel forget inventory events status setup operations operations/{id} log "
         "metrics openapi.json");
     for (std::string path; paths >> path;) {
-        EXPECT_NE(text.find("\"/v1/" + path + "\":{"), std::string::npos) << path;
+        EXPECT_THAT(text, HasSubstr("\"/v1/" + path + "\":{")) << path;
     }
     const std::regex reference("\"#/components/[a-z]+/([A-Za-z]+)\"");
     for (std::sregex_iterator found(text.begin(), text.end(), reference), end; found != end; ++found) {
-        EXPECT_NE(text.find('"' + (*found)[1].str() + "\":{"), std::string::npos) << (*found)[1] << " is not described";
+        EXPECT_THAT(text, HasSubstr('"' + (*found)[1].str() + "\":{")) << (*found)[1] << " is not described";
     }
     // Inherited fields, enumerators and defaults come from the messages themselves.
-    EXPECT_NE(
-        text.find(R"("ZFileOpenMsg":{"type":"object","properties":{"className":{"const":"ZFileOpenMsg"},"filePath")"),
-        std::string::npos);
-    EXPECT_NE(text.find("ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"), std::string::npos);
-    EXPECT_NE(text.find(R"("reboot":{"type":"boolean","default":true})"), std::string::npos);
-    EXPECT_NE(text.find(R"("peers":{"type":"array","items":{"$ref":"#/components/schemas/ZPeerMsg"}})"),
-              std::string::npos);
+    EXPECT_THAT(
+        text,
+        HasSubstr(R"("ZFileOpenMsg":{"type":"object","properties":{"className":{"const":"ZFileOpenMsg"},"filePath")"));
+    EXPECT_THAT(text, HasSubstr("ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"));
+    EXPECT_THAT(text, HasSubstr(R"("reboot":{"type":"boolean","default":true})"));
+    EXPECT_THAT(text, HasSubstr(R"("peers":{"type":"array","items":{"$ref":"#/components/schemas/ZPeerMsg"}})"));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <csignal>
 #include <filesystem>
 #include <future>
 #include <thread>

@@ -1,24 +1,28 @@
-#include <openssl/evp.h>
 
 #include <cstdlib>
 
 #include "NodeFixture.h"
-#include "ZNodeArborInstallActions.h"
 
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 
 namespace {
 
-class Accessory : public NodeFixture {};
+class Accessory : public NodeFixture {
+protected:
+    /// A version that is installed and archived, of which no package was built yet.
+    void StartWithoutBuilds(const std::string& config = "") {
+        InstallSystem("3.044");
+        Archive("3.044");
+        Start(config);
+        Tables().Builds().clear();
+    }
+};
 
 TEST_F(Accessory, IsToldWhetherItFitsAndAPackageIsBuiltForIt) {
-    InstallSystem("3.044");
-    Archive("3.044");
     folder.Write("mount/Archive/3.044/installer/installer.py",
                  "#!/bin/sh\ncd \"${0%/*}/..\"; echo for $3 > $5; echo built for $3 as $5\n", 0755);
-    Start();
-    Tables().Builds().clear();
+    StartWithoutBuilds();
     const auto older = CheckFit("3.010", "");
     ASSERT_TRUE(older);
     EXPECT_TRUE(older->m_bCompatible && older->m_bRequiresUpdate);
@@ -44,10 +48,7 @@ TEST_F(Accessory, IsToldWhetherItFitsAndAPackageIsBuiltForIt) {
 }
 
 TEST_F(Accessory, IsNotBuiltForWhenTheBoardCouldRunAsACommand) {
-    InstallSystem("3.044");
-    Archive("3.044");
-    Start();
-    Tables().Builds().clear();
+    StartWithoutBuilds();
     EXPECT_TRUE(CheckFit("3.010", "a;touch owned;")->m_bCompatible);
     ASSERT_TRUE(WaitUntil([&] { return log.All().find("Build refused") != std::string::npos; }));
     ASSERT_TRUE(WaitUntil([&] { return !Tables().BuildInProgress(); }));
@@ -55,10 +56,7 @@ TEST_F(Accessory, IsNotBuiltForWhenTheBoardCouldRunAsACommand) {
 }
 
 TEST_F(Accessory, FillsNoTableAndHasNoBuildWithNamesThatNoBoardHas) {
-    InstallSystem("3.044");
-    Archive("3.044");
-    Start();
-    Tables().Builds().clear();
+    StartWithoutBuilds();
     const std::string name(65, 'x');
     EXPECT_TRUE(CheckFit("3.010", name.c_str())->m_bCompatible);
     EXPECT_TRUE(log.Has(3, "No package is built for a board whose name has 65 characters"));
@@ -88,8 +86,6 @@ TEST_F(Accessory, GetsNoPackageOverSshThatSomebodyMayExchange) {
 }
 
 TEST_F(Accessory, IsNotBuiltForByAProgramOfAStickThatPassesForTheArchive) {
-    InstallSystem("3.044");
-    Archive("3.044");
     const fs::path ran = folder / "ran";
     folder.Write("mount/Archive/3.044/installer/installer.py", "#!/bin/sh\ntouch " + ran.string() + "\n", 0755);
     probe->Listen(ZEndpointType::GraphService, "getdevices", [&](const std::shared_ptr<ZMessage>&) {
@@ -97,8 +93,7 @@ TEST_F(Accessory, IsNotBuiltForByAProgramOfAStickThatPassesForTheArchive) {
         drives->m_Devices = {ToZString((folder / "mount").string())};
         return drives;
     });
-    Start(R"("TrustedSigners":")" + (folder / "signers").string() + R"(","UnconfinedChecks":true)");
-    Tables().Builds().clear();
+    StartWithoutBuilds(R"("TrustedSigners":")" + (folder / "signers").string() + R"(","UnconfinedChecks":true)");
     EXPECT_TRUE(CheckFit("3.010")->m_bCompatible);
     EXPECT_TRUE(WaitForJobLike("Build 3.044 Failed: " + (folder / "mount/Archive").string() + " is on a drive"));
     EXPECT_FALSE(fs::exists(ran));

@@ -1,7 +1,4 @@
 #include <sys/socket.h>
-#include <sys/un.h>
-
-#include <fstream>
 
 #include "NodeFixture.h"
 #include "ZShared/ZFileDescriptor.h"

@@ -52,12 +52,7 @@ protected:
             journal.Take(Job("job " + std::to_string(number), Succeeded));
         }
     }
-    bool ToldOnce(const std::string& text) const {
-        const auto lines = log.Lines();
-        return std::ranges::count_if(lines, [&](const LogCapture::Line& line) {
-                   return line.level == 4 && line.text.find(text) != std::string::npos;
-               }) == 1;
-    }
+    bool ToldOnce(const std::string& text) const { return log.Count(text, 4) == 1; }
 
     TemporaryFolder folder;
     const fs::path file = folder / "journal.sqlite";

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-
 #include "Journal.h"
 #include "JournalFiles.h"
 #include "NodeBase/ZOperation.h"

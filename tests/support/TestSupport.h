@@ -44,6 +44,8 @@ public:
     bool Has(int level, const std::string& text) const;
     /// As Has, and waits for the line for as long as a loaded machine may need.
     bool WaitFor(int level, const std::string& text) const;
+    /// How many lines hold `text`, of that level unless it is 0.
+    std::ptrdiff_t Count(const std::string& text, int level = 0) const;
     /// Forgets the lines so far.
     void Clear();
     /// All lines, for a failure's message.
