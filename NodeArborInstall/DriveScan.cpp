@@ -142,6 +142,7 @@ void ZNodeArborInstall::CheckDriveEntry(const fs::path& file, DriveChecks& check
     }
     Z_LOG(2, "Found package file %s", file);
     if (checks.checks.size() >= kMostCandidates) {
+        Z_LOG(3, "%s is not checked: there are more than %zu on its drive", file, kMostCandidates);
         ++checks.tooMany;
         return;
     }

@@ -242,6 +242,7 @@ void ZNodeArborInstall_RemoteInstallAction::Install(const ZSystemUpdateMsg& requ
         return;
     }
     Answer(true);
+    Node().AwaitNote(*m_operation);
     if (RunCommands(MakeCommands(address, source, ownName))) {
         RelayProgress(address);
     }

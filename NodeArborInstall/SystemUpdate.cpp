@@ -139,9 +139,9 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::PackageToInstall(const fs::pa
     }
     auto approved = Approve(package, kReadPatience);
     const ZSoftwareVersion found(approved ? ToZString(approved->package.version) : ZString());
-    const bool isIt = approved && ToZString(approved->package.version) == version;
+    const bool isIt = approved && found == ZSoftwareVersion(version);
     const bool isAllowed = isIt && IsVersionAllowed(found, package);
-    const auto offered = isAllowed ? MayBeOffered(version, ImageDigest(approved->package)) : ZResult<void>();
+    const auto offered = isAllowed ? MayBeOffered(found.m_text, ImageDigest(approved->package)) : ZResult<void>();
     if (isAllowed && offered) {
         return approved;
     }

@@ -88,8 +88,10 @@ void ZNodeArborInstall_CheckFileAction::LookAt(const FolderUpdateMsg& update) {
     Z_LOG(2, "Check File: %s", file);
     const ZOperationSubject trust{.kind = ZOperationKind::Trust, .file = ToZString(file.string())};
     if (file.filename() == kTrustFileName && Node().FollowFile(file, trust, m_pMessage.get())) {
-        std::error_code ignored;
-        fs::remove(file, ignored);
+        if (Node().IsUpload(file)) {  // any other is somebody's own
+            std::error_code ignored;
+            fs::remove(file, ignored);
+        }
         return;
     }
     CheckFile(file, results);

@@ -116,6 +116,8 @@ public:
     // Jobs.
     /// The job of that kind and file that a handler began for the message whose action runs now, or a new one.
     std::shared_ptr<ZOperation> TakeJob(const ZMessage* message, const ZOperationSubject& subject);
+    /// Waits until what was told of a job is kept: the next life finds what goes on without this one.
+    void AwaitNote(const ZOperation& operation);
     /// The next message for an action of that name to go on with; null when it is to end.
     std::shared_ptr<ZMessage> NextWaiting(const char* action);
     std::shared_ptr<InstallLife> Install() const { return m_install.Copy(); }
@@ -125,6 +127,8 @@ public:
                            const std::shared_ptr<ZOperation>& operation);
     void StopListeningToAccessory();
     ProgressRelay& Relay(bool bUnix) { return bUnix ? m_relay : m_accessoryRelay; }
+    /// Whether the file was uploaded: it lies in the updates folder itself.
+    bool IsUpload(const std::filesystem::path& file) const;
     /// Whether others may exchange a package that was checked: with a trust policy it must not run as a file then.
     bool MayBeExchanged(const std::filesystem::path& package) const;
     /// Whether the archive is the device's own, so that what is in it may run: not when it is on one of the drives, as
@@ -189,8 +193,6 @@ private:
     void Adopt(const ZOperationMsg& left);
     /// Null when nobody keeps jobs, or no answer comes in time.
     std::shared_ptr<ZOperationsMsg> AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request);
-    /// Waits until what was told of a job is kept: the next life finds what goes on without this one.
-    void AwaitNote(const ZOperation& operation);
     void OnProgress(bool bUnix, const std::shared_ptr<InstallProgressMsg>& progress);
 
     // Package checks.
@@ -237,8 +239,6 @@ private:
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
     /// False when the file is no longer there.
     bool RecordPackage(const PackageCheck& check, const ZSoftwareVersion& version, const CheckOrder& order);
-    /// Whether the file was uploaded: it lies in the updates folder itself.
-    bool IsUpload(const std::filesystem::path& file) const;
 
     // System update.
     void LogMissingPackage(const ZString& version);

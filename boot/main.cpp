@@ -178,6 +178,9 @@ int main(int argc, char** argv) try {
             std::cout << checked.text << '\n';
             status = checked.isWell ? 0 : 1;
         });
+    app.add_subcommand("schema", "The settings that the file may have, as a JSON Schema")->callback([] {
+        std::cout << ZBootSettings::Schema() << '\n';
+    });
     on("may-install", "Whether the slot that does not run may be written over",
        [](const Device& d) { return MayInstall(d); });
     on("activate", "Makes a slot start next", [&slot](Device& d) { return Activate(d, slot); })

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Writes what follows from the settings' declarations: settings.py PATH_OF_ARBORD
+"""Writes what follows from the settings' declarations: settings.py FOLDER_OF_PROGRAMS
 
-host/arbor-graph.schema.json is what `arbord --schema` prints, made readable; docs/settings.md shows the same as tables. With
---check nothing is written, and a difference is an error.
+host/arbor-graph.schema.json is what `arbord --schema` prints, made readable; docs/settings.md shows the same as tables, and what
+`arbor-boot schema` prints. With --check nothing is written, and a difference is an error.
 """
 
 import argparse
@@ -17,7 +17,7 @@ TABLES = ROOT / "docs/settings.md"
 
 INTRODUCTION = """# Settings
 
-Every setting of a graph file, made from the declarations in the code by `scripts/settings.py`: please change those. What a
+Every setting of a graph file, and of the [file that says how the device boots](#bootjson), made from the declarations in the code by `scripts/settings.py`: please change those. What a
 whole file looks like, and what to think of, is in [integration.md](integration.md#the-graph-file). `arbord --check --graph FILE` tells all
 that is wrong with a file at once; `arbord --schema` prints the JSON Schema for editors.
 
@@ -55,7 +55,7 @@ def table(title: str, properties: dict) -> str:
     return f"\n## {title}\n\n" + "\n".join(rows) + "\n"
 
 
-def tables(schema: dict) -> str:
+def tables(schema: dict, boot: dict) -> str:
     """The whole page."""
     text = INTRODUCTION
     for section in ("core", "comms", "log", "platform"):
@@ -63,17 +63,21 @@ def tables(schema: dict) -> str:
     text += table("Each of `nodes`", schema["properties"]["nodes"]["items"]["properties"])
     for record, definition in schema["definitions"].items():
         text += table(f"`config` of a `{record.removesuffix('Cfg')}`", definition["properties"])
-    return text
+    return text + table("`boot.json`", boot["properties"])
+
+
+def printed(*command: str | Path) -> dict:
+    """The schema that a program prints."""
+    return json.loads(subprocess.run(command, check=True, capture_output=True, text=True).stdout)
 
 
 def main() -> int:
     arguments = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    arguments.add_argument("arbord", type=Path)
+    arguments.add_argument("programs", type=Path)
     arguments.add_argument("--check", action="store_true", help="only compare")
     given = arguments.parse_args()
-    printed = subprocess.run([given.arbord, "--schema"], check=True, capture_output=True, text=True).stdout
-    schema = json.loads(printed)
-    wanted = {SCHEMA: json.dumps(schema, indent=2) + "\n", TABLES: tables(schema)}
+    schema = printed(given.programs / "arbord", "--schema")
+    wanted = {SCHEMA: json.dumps(schema, indent=2) + "\n", TABLES: tables(schema, printed(given.programs / "arbor-boot", "schema"))}
     different = [path for path, text in wanted.items() if not path.exists() or path.read_text(encoding="utf-8") != text]
     for path in different:
         if given.check:

@@ -117,7 +117,14 @@ class Documents(InstrumentCase):
         self.ordered(0, "trust", "apply", str(newest))
         self.assertEqual(3, self.in_force())
         self.assertIn("in force already", arborctl("trust", "apply", str(newest)).stdout)
-        self.assertIn("goes back", self.plug(older)["reason"])
+        brought = self.plug(older)
+        self.assertIn("goes back", brought["reason"])
+        # A person's own file stays where it is, when it is looked at by itself, too.
+        before = len(jobs("Trust"))
+        gateway.post("scan", {"path": brought["file"]})
+        wait_until(lambda: len(jobs("Trust")) > before, "the file was looked at")
+        wait_until(lambda: not gateway.get("operations?state=Open")["operations"], "all has ended")
+        self.assertTrue(Path(brought["file"]).exists())
         wait_until(lambda: [entry["keyword"] for entry in gateway.get("orders")["orders"]].count("applytrust") == 5,
                    "each order is kept")
 

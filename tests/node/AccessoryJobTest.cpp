@@ -99,6 +99,24 @@ TEST_F(AccessoryJobs, HaveAStateEachAndTakeDocumentsFromTheirAccessoryOnly) {
     EXPECT_TRUE(WaitUntil([&] { return !Tables().UpdateInProgress(); }));
 }
 
+TEST_F(AccessoryJobs, AreKnownToTheJournalBeforeAnythingIsDoneOnTheAccessory) {
+    StartWithAccessory("");
+    Program("ssh", "touch " + (folder / "reached").string());
+    std::atomic<int> asked = 0;
+    std::atomic<bool> wasReached = false;
+    probe->Listen(ZEndpointType::GraphService, "operations", [&](const std::shared_ptr<ZMessage>& message) {
+        if (const auto request = cast_shared<ZOperationsRequestMsg>(message); !request->m_Id.empty()) {
+            wasReached = fs::exists(folder / "reached");
+            ++asked;
+        }
+        return Z_MAKE(ZOperationsMsg);
+    });
+    ASSERT_TRUE(InstallOn("P1")->m_bSuccess);
+    ASSERT_TRUE(WaitUntil([&] { return fs::exists(folder / "reached"); }));
+    EXPECT_EQ(asked, 1);
+    EXPECT_FALSE(wasReached) << "a host that ends now would not know that something goes on there";
+}
+
 TEST_F(AccessoryJobs, BuildForEachBoardAndSendNoneToAnother) {
     InstallSystem("3.044");
     Archive("3.044");

@@ -73,7 +73,8 @@ class Receivers(PackageTest):
         self.assertEqual([0, 100], [document["percent"] for document in receiver.documents])
 
     def test_an_install_goes_on_when_nobody_listens(self) -> None:
-        for options in (UNIX, ("--skip-verify", "--sock=2", "--addr=127.0.0.1", "--port=1")):
+        for options in (UNIX, ("--skip-verify", "--sock=2", "--addr=127.0.0.1", "--port=1"),
+                        ("--skip-verify", "--sock=2", "--addr=127.0.0.1", "--port=0")):
             code, errors = self.instrument().install(self.package, *options, "--no-reboot")
             self.assertEqual(0, code)
             self.assertRegex(errors, "(?s)cannot be reached.*100 % Installed")

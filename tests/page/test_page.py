@@ -156,6 +156,10 @@ class Installs(PageCase):
         self.start_host()
         self.browser.see("40 %", "Do not switch off.")
 
+    def test_version_that_was_ordered_in_other_words_is_proven(self) -> None:
+        self.assertTrue(gateway.post("updatesystem", {"version": f"{VERSION}.0"})[1]["bSuccess"])
+        self.browser.await_outcome("proven")
+
     def test_version_that_comes_back_is_told(self) -> None:
         turn_back = f"ln -sfn A {paths.SLOTS}/active; exec {paths.INSTRUMENT}/reboot"
         self.reboot_by(turn_back)

@@ -1,8 +1,8 @@
 """Cuts the power again and again, at moments by chance, while updates go their way; and looks what is left each time.
 
 After each cut the machine has to start a version that stands whole in its slot, to know where its trial is, and to have a journal
-that opens; what was under way has to come to an end, and a version that fails must not be what is kept. Every tenth time an
-update goes its whole way, uncut.
+that opens; what was under way has to come to an end, and a version that fails must not be what is kept. At first, and every tenth
+time, an update goes its whole way, uncut; how long the first one takes decides how late a cut comes.
 """
 
 import collections
@@ -16,6 +16,7 @@ from .story import asked, offered, outcome, update
 _STATES = {"confirmed", "installed", "trial", "reverting"}
 _KEPT = {INSTALLED, GOOD, FURTHER}
 _OVER = {"Succeeded", "Failed", "Cancelled", "Lost"}
+_LATEST = 1.3  # times what a good update takes: the bad ones start more often
 
 
 class _Broken(Exception):
@@ -27,9 +28,13 @@ def run(machine: Machine, factory: Factory, times: int, seed: int) -> None:
     chance = random.Random(seed)
     seen: collections.Counter[str] = collections.Counter()
     machine.power_on()
+    machine.wait(lambda: asked(machine, "slots")["state"] == "confirmed", "the graph runs")
+    begun = time.monotonic()
+    _whole(machine, factory, 0)
+    longest = _LATEST * (time.monotonic() - begun)
     for number in range(1, times + 1):
-        version = chance.choice([BLIND, DEAD, *(2 * [_other(machine)])])
-        moment = chance.uniform(0, factory.kind.longest)
+        version = chance.choice([BLIND, DEAD, *(6 * [_other(machine)])])
+        moment = chance.uniform(0, longest)
         try:
             stage = _cut_during(machine, factory, version, moment)
             seen[stage] += 1
@@ -37,16 +42,20 @@ def run(machine: Machine, factory: Factory, times: int, seed: int) -> None:
             machine.power_on()
             _look(machine, factory)
             if number % 10 == 0:
-                further = _other(machine)
-                machine.run(f"arborctl allow {further}")
-                machine.pull()
-                update(machine, factory, further)
-                outcome(machine, further, "confirmed")
-                print(f"{number}: {further} went its whole way", flush=True)
+                _whole(machine, factory, number)
         except (MachineError, _Broken) as error:
             raise MachineError(f"cut {number} of seed {seed}: {error}") from None
     told = ", ".join(f"{count} {stage}" for stage, count in seen.most_common())
     print(f"{times} cuts ({told}), seed {seed}: all is well after each", flush=True)
+
+
+def _whole(machine: Machine, factory: Factory, number: int) -> None:
+    further = _other(machine)
+    machine.run(f"arborctl allow {further}")
+    machine.pull()
+    update(machine, factory, further)
+    outcome(machine, further, "confirmed")
+    print(f"{number}: {further} went its whole way", flush=True)
 
 
 def _other(machine: Machine) -> str:
@@ -62,7 +71,7 @@ def _cut_during(machine: Machine, factory: Factory, version: str, moment: float)
     begun = time.monotonic()
     machine.plug([factory.package(version)])
     before = len(machine.starts)
-    while time.monotonic() - begun < moment:
+    while (left := begun + moment - time.monotonic()) > 0:
         try:
             if stage == "stick in" and version in offered(machine):
                 machine.run(f"arborctl install {version}")
@@ -72,7 +81,7 @@ def _cut_during(machine: Machine, factory: Factory, version: str, moment: float)
                 stage = asked(machine, "slots")["state"]
         except (MachineError, KeyError, ValueError):
             pass  # it restarts just now
-        time.sleep(0.02)
+        time.sleep(min(machine.pause, left))
     machine.cut()
     return stage
 

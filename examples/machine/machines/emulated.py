@@ -29,6 +29,7 @@ class Emulated(Machine):
     """One instrument. Its disks are made anew from what the factory has."""
 
     patience = 900.0  # an emulated second is a long one while others use the processor, too
+    pause = 1.0       # and a look takes time from what is looked at
 
     def __init__(self, factory: Factory, cable: Sequence[Path] = ()) -> None:
         """`cable` has its own end and the other's, two sockets that the emulators make."""
@@ -50,7 +51,19 @@ class Emulated(Machine):
         for name in ("console", "monitor"):
             (work / name).unlink(missing_ok=True)
         self._stick = ""
-        self._emulator = subprocess.Popen(
+        with open(work / "emulator.log", "wb") as log:
+            self._emulator = self._start(log)
+        self._console = _Console(self._connect("console"), work / "console.log", self.starts)
+        try:
+            self._monitor = _Monitor(self._connect("monitor"))
+        except MachineError as error:
+            raise MachineError(f"{error}: {(work / 'emulator.log').read_text(errors='replace')}") from None
+        self._monitor.ask("cont")
+        self.wait_started(number)
+
+    def _start(self, log: BinaryIO) -> subprocess.Popen[bytes]:
+        work = self._work
+        return subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "qemu-system-aarch64", "-M", "virt", "-cpu", "cortex-a53", "-smp", "2", "-m", "768",
              "-accel", "tcg,thread=multi", "-bios", str(_LOADER), "-nodefaults", "-display", "none",
              "-drive", f"if=none,id=disk,file={work}/disk.img,format=raw,cache=writeback", "-device", "virtio-blk-pci,drive=disk",
@@ -61,11 +74,7 @@ class Emulated(Machine):
              *self._network, "-device", "virtio-rng-pci", "-device", "qemu-xhci,id=usb", "-device", "i6300esb", "-action", "watchdog=reset",
              "-chardev", f"socket,id=console,path={work}/console,server=on,wait=off", "-serial", "chardev:console",
              "-qmp", f"unix:{work}/monitor,server=on,wait=off", "-S"],
-            stdin=subprocess.DEVNULL, stderr=open(work / "emulator.log", "ab"))
-        self._console = _Console(self._connect("console"), work / "console.log", self.starts)
-        self._monitor = _Monitor(self._connect("monitor"))
-        self._monitor.ask("cont")
-        self.wait_started(number)
+            stdin=subprocess.DEVNULL, stderr=log)
 
     def wait_started(self, number: int) -> None:
         assert self._console
@@ -250,7 +259,7 @@ class _Monitor:
 def _network(own: Path, other: Path) -> list[str]:
     end = f"local.type=unix,local.path={own},remote.type=unix,remote.path={other}"
     number = 1 if own < other else 2
-    return ["-netdev", f"dgram,id=cable,{end}", "-device", f"virtio-net-pci,netdev=cable,mac=52:54:00:00:00:0{number}"]
+    return ["-netdev", f"dgram,id=cable,{end}", "-device", f"virtio-net-pci,netdev=cable,romfile=,mac=52:54:00:00:00:0{number}"]
 
 
 def _partition(image: Path, size: int, label: str, parts: list[tuple[str, int, Path | None]]) -> None:

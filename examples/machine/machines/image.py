@@ -39,7 +39,6 @@ class Kind:
     environment: str  # where the boot loader keeps what it knows, for fw_setenv
     devices: dict[str, str]
     deadline: int  # seconds that a version has until its checks have to hold
-    longest: float  # seconds from the stick to the end of a trial, about
 
     @property
     def boots(self) -> bool:
@@ -67,8 +66,8 @@ ALONE = Model(INSTRUMENT, INSTALLED, (GOOD, BLIND, DEAD, FURTHER, LOST))
 # The host has the accessory's version in its archive, and builds the package when it is asked for.
 HOST = Model(devices.CART.device, GOOD, (), devices.CART)
 ACCESSORY = Model(devices.PALM.device, INSTALLED, (GOOD,), devices.PALM)
-CONTAINER = Kind("container", debian.NATIVE, f"{DATA}/uboot.env", {}, 10, 12.0)
-EMULATED = Kind("emulated", debian.ARM, "/dev/disk/by-partlabel/env", {slot: f"/dev/disk/by-partlabel/root{slot}" for slot in "AB"}, 60, 120.0)
+CONTAINER = Kind("container", debian.NATIVE, f"{DATA}/uboot.env", {}, 10)
+EMULATED = Kind("emulated", debian.ARM, "/dev/disk/by-partlabel/env", {slot: f"/dev/disk/by-partlabel/root{slot}" for slot in "AB"}, 60)
 
 
 @dataclass(frozen=True)

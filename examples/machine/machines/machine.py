@@ -31,6 +31,8 @@ class Machine:
 
     patience = 60.0
     """Seconds for anything that has to come, a start among it."""
+    pause = 0.05
+    """Seconds between two looks at something that has to come."""
 
     def __init__(self, name: str) -> None:
         self.name = name
@@ -85,7 +87,7 @@ class Machine:
                 pass
             if time.monotonic() > deadline:
                 raise MachineError(f"waited in vain until {what}\n{self.said()}")
-            time.sleep(0.1)
+            time.sleep(self.pause)
 
     def said(self) -> str:
         """The end of what it said on its console."""

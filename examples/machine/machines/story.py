@@ -30,12 +30,18 @@ def shown(machine: Machine, command: str) -> None:
         raise MachineError(f"'{command}' ended with {answer.status}")
 
 
+def install(machine: Machine, version: str) -> None:
+    """Orders it. MachineError with the reason when it is not begun."""
+    if (answer := machine.run(f"arborctl install {version}")).status != 0:
+        raise MachineError(answer.text)
+
+
 def update(machine: Machine, factory: Factory, version: str) -> None:
     """Stick in, announced, installed: until the machine restarts."""
     machine.plug([factory.package(version)])
     machine.wait(lambda: version in offered(machine), f"{version} is offered")
     number = len(machine.starts) + 1
-    machine.run(f"arborctl install {version}")
+    install(machine, version)
     machine.wait(lambda: len(machine.starts) >= number, f"the machine restarts for {version}")
 
 

@@ -71,7 +71,7 @@ class _Layout(argparse.HelpFormatter):
 
 
 def _port(text: str) -> int:
-    if not text.isdecimal() or not 0 < int(text) < 65536:
+    if not text.isdecimal() or int(text) > 65535:  # 0 is what a host says that has none
         raise argparse.ArgumentTypeError(f"'{text}' is no port")
     return int(text)
 

@@ -2,7 +2,7 @@
 import { Badge, Card, Dialog, Facts, Key, Steps } from './parts.js';
 import { REMOTE_STEPS } from './work.js';
 import { askPeers, change, order, state } from './store.js';
-import { fits, may, newestFirst, work } from './facts.js';
+import { fits, isSameVersion, may, newestFirst, work } from './facts.js';
 import { html, useEffect, useState } from './preact.js';
 import { texts } from './texts.js';
 
@@ -25,7 +25,7 @@ function Proof({ peer }) {
   if (job?.state !== 'Succeeded') {
     return job?.reason ? html`<p class="problem">${job.reason}</p><${Steps} names=${REMOTE_STEPS} done=${1} bad />` : null;
   }
-  const proven = peer.connected && peer.version === job.version;
+  const proven = peer.connected && isSameVersion(peer.version, job.version);
   return html`<p class="note" data-proven=${proven}>${proven ? texts.proofRemote(nameOf(peer), peer.version) : texts.waitRemote(nameOf(peer))}</p>
     <${Steps} names=${REMOTE_STEPS} done=${proven ? REMOTE_STEPS.length : 2} />`;
 }
@@ -46,7 +46,7 @@ function Actions({ peer, onInstall }) {
 function Peer({ peer, onInstall, onRemove }) {
   const isAccessory = peer.deviceType === 'DEVICE_PALM';
   const own = state.status.installedVersion;
-  const isBuilt = (state.status.archive ?? []).some((one) => one.version === own && one.board === peer.board);
+  const isBuilt = (state.status.archive ?? []).some((one) => isSameVersion(one.version, own) && one.board === peer.board);
   return html`<li class="peer">
     <div class="card-head"><h3>${nameOf(peer)} <${Badge} kind=${peer.connected ? 'good' : 'plain'}>${peer.connected ? texts.connected : texts.notConnected}<//></h3>
       ${may(state, 'administer') && html`<button type="button" class="quiet" aria-label=${texts.removeThis(nameOf(peer))} onClick=${() => onRemove(peer)}>${texts.remove}</button>`}</div>

@@ -4,6 +4,10 @@ const ROLES = ['look', 'operate', 'administer'];
 const LONGEST_RESTART_MS = 600000; // beyond it was switched off, not restarting
 const WORK = ['Install', 'RemoteInstall', 'Transfer', 'Build']; // what is shown as it happens, the gravest first
 
+const numbersOf = (version) => (version ?? '').split('.').map((piece) => parseInt(piece, 10) || 0).join('.').replace(/(\.0)+$/, '');
+// What the instrument takes for one version: 1.2, 1.2.0 and 01.2 are.
+export const isSameVersion = (one, other) => numbersOf(one) === numbersOf(other);
+
 export const isOpen = (job) => job.state === 'Queued' || job.state === 'Running';
 export const newestFirst = (jobs) => [...jobs].sort((a, b) => b.createdAt - a.createdAt);
 export const may = (state, role) => ROLES.indexOf(state.status?.you?.role) >= ROLES.indexOf(role);
@@ -49,7 +53,7 @@ export function outcome(state) {
   if (job.bootId === status.bootId) {
     return { kind: link === 'lost' ? 'restarting' : 'installed', job };
   }
-  return { kind: status.installedVersion === job.version ? 'proven' : 'returned', job };
+  return { kind: isSameVersion(status.installedVersion, job.version) ? 'proven' : 'returned', job };
 }
 
 // Whether switching off now could do harm: while a slot is written, and until the restart is over.
@@ -99,5 +103,5 @@ export function fits(state, peer) {
     return peer.compatible && !peer.requiresUpdate; // this one is the accessory, and asked
   }
   const own = state.status?.installedVersion;
-  return own && peer.version ? own === peer.version : null;
+  return own && peer.version ? isSameVersion(own, peer.version) : null;
 }

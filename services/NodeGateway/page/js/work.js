@@ -2,7 +2,7 @@
 import { Badge, Bar, Card, Steps, useSeconds } from './parts.js';
 import { change, order, state } from './store.js';
 import { html } from './preact.js';
-import { mayCancel, mustStayOn, outcome, work } from './facts.js';
+import { isSameVersion, mayCancel, mustStayOn, outcome, work } from './facts.js';
 import { texts } from './texts.js';
 
 const STEPS = ['order', 'write', 'restart', 'proof'];
@@ -38,7 +38,7 @@ function Waiting({ job }) {
 // Why the version is not the one that runs, where the instrument judges new ones.
 function cameBack({ version }) {
   const { trial } = state.status;
-  return trial?.lastVersion === version && trial.lastOutcome === 'reverted' ? texts.cameBack(trial.lastReason) : '';
+  return trial && isSameVersion(trial.lastVersion, version) && trial.lastOutcome === 'reverted' ? texts.cameBack(trial.lastReason) : '';
 }
 
 // What has ended, in two sentences.
