@@ -26,7 +26,7 @@ from faultplaces import Fault, choose
 ROOT = Path(__file__).resolve().parent.parent
 HOME = ROOT / "build" / "mutate"
 PRODUCT = ("text", "framework", "NodeArborInstall", "services", "host", "boot", "cli", "packages")
-DEVICE = ["endtoend." + name for name in "journey troubles badinput drives operations.together trial trust documents".split()]
+DEVICE = ["endtoend." + name for name in "journey badinput drives operations.together trial trust documents".split()]
 PAIR = ["endtoend." + name for name in "accessory.journey accessory.trust".split()]
 PACKAGES = ["packages." + name for name in "test_install test_build test_corpus test_trust test_handed_over test_progress "
             "test_running_slot test_ends".split()]
@@ -44,14 +44,14 @@ FITTING = {
     "NodeArborInstall/Transfer": ["node_tests", *PAIR, "endtoend.accessory.troubles"],
     "NodeArborInstall": ["node_tests", *MADE, *DEVICE, *PAIR, "endtoend.doctor"],
     "services/NodeJournal": ["services_tests", "gateway_tests", "endtoend.operations.restarts", "endtoend.operations.together"],
-    "services/NodeGateway": ["gateway_tests", "host_tests", *MADE, "endtoend.journey", "endtoend.documents", "endtoend.host", "endtoend.doctor"],
+    "services/NodeGateway": ["gateway_tests", "host_tests", *MADE, "endtoend.journey", "endtoend.documents", "endtoend.doctor"],
     "services/NodePeer": ["link_tests", *MADE, *PAIR, "endtoend.accessory.troubles"],
     "services/NodeTrial": ["services_tests", *MADE, "endtoend.trial", "endtoend.doctor"],
     "services": ["services_tests", "node_tests", "host_tests", *MADE, "endtoend.drives", "endtoend.journey", *PAIR],
-    "host": ["host_tests", "framework_graph_test", *MADE, "endtoend.host", "endtoend.troubles", "endtoend.journey"],
+    "host": ["host_tests", "framework_graph_test", *MADE, "endtoend.journey"],
     "boot": ["boot_tests", "endtoend.trial"],
     "cli": ["cli_text_test", "cli_program_test", "trust_tests", "link_tests", "made.reference", "endtoend.doctor", "endtoend.journey",
-            "endtoend.host", "endtoend.operations.together", "endtoend.trial", "endtoend.trust", "endtoend.documents", *PAIR],
+            "endtoend.operations.together", "endtoend.trial", "endtoend.trust", "endtoend.documents", *PAIR],
     "packages": [*PACKAGES, "endtoend.journey", "endtoend.trial", "endtoend.trust", "endtoend.documents"],
 }
 HANGS = 10.0  # a test that takes so many times what it takes without a fault hangs

@@ -21,11 +21,6 @@ void Write(const fs::path& file, const std::string& text) {
     std::ofstream(file, std::ios::binary) << text;
 }
 
-std::string Bytes(const fs::path& file) {
-    std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-}
-
 class Boot : public testing::Test {
 protected:
     Boot() {
@@ -79,9 +74,9 @@ TEST_F(Boot, FileKeepsOneWholeStateThroughEveryPowerCut) {
     };
     ASSERT_TRUE(change("3.044"));
     ASSERT_TRUE(change("3.045"));
-    const std::string before = Bytes(settings.state);
+    const std::string before = ReadText(settings.state);
     ASSERT_TRUE(change("3.046"));
-    const std::string after = Bytes(settings.state);
+    const std::string after = ReadText(settings.state);
     std::size_t differing = 0;
     for (std::size_t at = 0; at < after.size(); ++at) {
         differing += before.at(at) != after.at(at) ? 1 : 0;
@@ -166,11 +161,11 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
     const auto control = Control();
     ASSERT_TRUE(control->Activate("B", true)) << "its own tools have to be installed";
     EXPECT_EQ(control->Next()->slot, "B");
-    EXPECT_NE(Bytes(folder / "env").find("upgrade_available=1"), std::string::npos);
-    EXPECT_NE(Bytes(folder / "env").find("bootcount=0"), std::string::npos);
+    EXPECT_NE(ReadText(folder / "env").find("upgrade_available=1"), std::string::npos);
+    EXPECT_NE(ReadText(folder / "env").find("bootcount=0"), std::string::npos);
     ASSERT_TRUE(control->MarkGood());
-    EXPECT_NE(Bytes(folder / "env").find("upgrade_available=0"), std::string::npos);
-    EXPECT_NE(Bytes(folder / "env").find("slot=B"), std::string::npos);
+    EXPECT_NE(ReadText(folder / "env").find("upgrade_available=0"), std::string::npos);
+    EXPECT_NE(ReadText(folder / "env").find("slot=B"), std::string::npos);
     EXPECT_TRUE(control->FallsBack());
     // It went back by itself, and has not kept that: it is told, so that it does not start the other one again.
     const fs::path link = folder / "Slots" / "active";
@@ -248,7 +243,7 @@ protected:
             fs::rename(folder / "entries" / name, folder / "entries" / counted);
         }
         const std::string slot = match[2] == "a" ? "A" : "B";
-        EXPECT_NE(Bytes(folder / "entries" / Names().front()), "");
+        EXPECT_NE(ReadText(folder / "entries" / Names().front()), "");
         Start(slot.c_str());
         return slot;
     }
@@ -265,7 +260,7 @@ TEST_F(Loader, CountsStartsOfAVersionOnTrialAndGoesBackByItself) {
     ASSERT_TRUE(control->Activate("B", true));
     ASSERT_TRUE(NoteNext(settings, *control));
     EXPECT_EQ(Names(), (std::vector<std::string>{"arbor-2-a.conf", "arbor-3-b+3.conf", "auto-other.conf"}));
-    EXPECT_EQ(Bytes(folder / "entries/arbor-3-b+3.conf"), "linux /b\noptions arbor.slot=B\n");
+    EXPECT_EQ(ReadText(folder / "entries/arbor-3-b+3.conf"), "linux /b\noptions arbor.slot=B\n");
     ASSERT_TRUE(control->Activate("B", true));
     EXPECT_EQ(Names().at(1), "arbor-3-b+3.conf") << "it is so already";
     for (const char* const left : {"arbor-3-b+2-1.conf", "arbor-3-b+1-2.conf", "arbor-3-b+0-3.conf"}) {
@@ -364,7 +359,7 @@ TEST_F(Boot, CommandOfTheBuilderIsAskedAndTold) {
     const auto control = Control();
     EXPECT_EQ(control->Running()->version, "3.046");
     ASSERT_TRUE(control->Activate("A", false));
-    EXPECT_EQ(Bytes(folder / "told"), "A\n");
+    EXPECT_EQ(ReadText(folder / "told"), "A\n");
     const auto good = control->MarkGood();
     ASSERT_FALSE(good);
     EXPECT_NE(good.error().text.find("good' failed"), std::string::npos) << good.error().text;
@@ -445,15 +440,4 @@ TEST_F(Boot, NobodyElseCanHoldTheLocks) {
     for (const char* const name : {"state/trial", "state/trial.watched"}) {
         EXPECT_EQ(fs::status(folder / name).permissions(), fs::perms(0600)) << name;
     }
-}
-
-TEST_F(Boot, SomebodyWhoJudgesIsSeen) {
-    EXPECT_FALSE(ZTrialWatch::IsHeld(settings.state));
-    {
-        const auto watch = ZTrialWatch::Hold(settings.state);
-        ASSERT_TRUE(watch);
-        EXPECT_TRUE(ZTrialWatch::IsHeld(settings.state));
-        EXPECT_FALSE(ZTrialWatch::Hold(settings.state)) << "one at a time";
-    }
-    EXPECT_FALSE(ZTrialWatch::IsHeld(settings.state));
 }

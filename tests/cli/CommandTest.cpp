@@ -313,7 +313,7 @@ TEST(Upload, CarriesEveryByteAndClosesNothingThatWasRefused) {
 
 TEST(Accessory, IsKnownByItsSerialNumberWhereTheDeviceHasALink) {
     // clang-format off
-    const struct { const char* line; ScriptedGateway::Answer peers; const char* message; int status; const char* text; } cases[]{
+    const std::tuple<const char*, ScriptedGateway::Answer, const char*, int, const char*> cases[]{
         {"transfer 9 --to 4", {200, kPeers}, R"({"version": "9", "serialNumber": "4", "deviceModel": "QMD"})", 0, "started"},
         {"transfer 9 --to 7", {200, kPeers}, R"({"version": "9", "serialNumber": "7"})", 0, "started"},
         {"transfer 9 --to 7", {503, "{}"}, R"({"version": "9", "serialNumber": "7"})", 0, "started"},
@@ -323,18 +323,18 @@ TEST(Accessory, IsKnownByItsSerialNumberWhereTheDeviceHasALink) {
         {"remote-install --to 5", {200, kPeers}, R"({"serialNumber": "5", "deviceModel": "KiteQM"})", 0, "started"},
     };
     // clang-format on
-    for (const auto& item : cases) {
+    for (const auto& [line, peers, message, status, text] : cases) {
         ScriptedGateway gateway;
-        const bool transfer = std::string(item.line).starts_with("transfer");
+        const bool transfer = std::string(line).starts_with("transfer");
         const std::string path = transfer ? "/v1/transfer" : "/v1/remoteinstall";
-        gateway.Script("/v1/peers", item.peers);
+        gateway.Script("/v1/peers", peers);
         gateway.Script(path, {200, transfer ? kYes : R"({"messages": [{"bSuccess": true}]})"});
-        const auto program = RunProgram(gateway, item.line);
-        EXPECT_EQ(program->Status(), item.status) << item.line;
-        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
-        const auto messages = gateway.Messages(path, item.message != nullptr ? 1 : 0);
-        ASSERT_EQ(messages.size(), item.message != nullptr ? 1U : 0U) << item.line;
-        EXPECT_TRUE(messages.empty() || messages.front() == json::parse(item.message)) << item.line;
+        const auto program = RunProgram(gateway, line);
+        EXPECT_EQ(program->Status(), status) << line;
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(text));
+        const auto messages = gateway.Messages(path, message != nullptr ? 1 : 0);
+        ASSERT_EQ(messages.size(), message != nullptr ? 1U : 0U) << line;
+        EXPECT_TRUE(messages.empty() || messages.front() == json::parse(message)) << line;
     }
 }
 

@@ -8,8 +8,7 @@
 
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
+using namespace testing;
 
 #define OURS "aaaa0000aaaa0000"
 #define OTHER "bbbb0000bbbb0000"
@@ -145,7 +144,7 @@ TEST(Follow, ADeviceThatGoesAwayFallsSilentOrNamesNoJobIsGivenUp) {
 
 TEST(Follow, AScanTellsTheOutcomeOfItsOwnCheck) {
     // clang-format off
-    const struct { const char* state; std::string more; mode_t mode; int status; const char* text; } cases[]{
+    const std::tuple<const char*, std::string, mode_t, int, const char*> cases[]{
         {"Succeeded", R"(, "version": "3.046")", 0755, 0, "a.pkg: accepted, version 3.046\n"},
         {"Failed", R"(, "version": "3.1")" + Because("it is older"), 0755, 1, "rejected (version 3.1): it is older"},
         {"Cancelled", Because("its drive was removed"), 0755, 1, "cancelled: its drive was removed"},
@@ -154,22 +153,22 @@ TEST(Follow, AScanTellsTheOutcomeOfItsOwnCheck) {
         {"Succeeded", R"(, "version": "3.046")", 0600, 0, "a.pkg: accepted, version 3.046\n"},
     };
     // clang-format on
-    for (const auto& item : cases) {
+    for (const auto& [state, more, mode, status, text] : cases) {
         Device device;
-        if (item.mode != 0644) {
+        if (mode != 0644) {
             device.Script("/v1/trust",
-                          {200, item.mode == 0600 ? R"({"trustedSigners": "/t"})" : R"({"trustedSigners": ""})"});
+                          {200, mode == 0600 ? R"({"trustedSigners": "/t"})" : R"({"trustedSigners": ""})"});
         }
         const std::string file = device.Folder() + "/a.pkg";
-        const char* const opposite = item.status == 0 ? "Failed" : "Succeeded";
+        const char* const opposite = status == 0 ? "Failed" : "Succeeded";
         device.Play({kLive, "scan",
                      Told(OTHER, "Check", opposite, OfFile(file)) + Told(OURS, "Check", "Running", OfFile(file)) +
-                         Told(OURS, "Check", item.state, OfFile(file, item.more))});
+                         Told(OURS, "Check", state, OfFile(file, more))});
         std::ofstream(file) << "x";
-        chmod(file.c_str(), item.mode);
+        chmod(file.c_str(), mode);
         const auto program = device.Start("scan " + file);
-        EXPECT_EQ(program->Status(), item.status) << program->Errors();
-        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
+        EXPECT_EQ(program->Status(), status) << program->Errors();
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(text));
     }
     Device device;
     device.Play({kLive, "scan", Told(OURS, "Scan", "Succeeded", OfFile(device.Folder()))});
@@ -219,12 +218,7 @@ TEST(Follow, AnUploadTellsTheOutcomeOfTheCheckThatItBegan) {
 
 TEST(Follow, CancellingEndsWithTheJob) {
     const std::string running = JobDocument(OURS, "Install", "Running", R"(, "version": "3.1")");
-    const struct {
-        std::string now;
-        std::string later;
-        int status;
-        const char* text;
-    } cases[]{
+    const std::tuple<std::string, std::string, int, const char*> cases[]{
         {running, Told(OURS, "Install", "Cancelled", Because("cancelled by user bob")), 0,
          "install 3.1: cancelled by user bob\n"},
         {running, Told(OURS, "Install", "Succeeded"), 1, "not cancelled, it had succeeded by then"},
@@ -232,14 +226,14 @@ TEST(Follow, CancellingEndsWithTheJob) {
         {running, Told(OURS, "Install", "Lost", Because("restart")), 3, "not known: restart"},
         {JobDocument(OURS, "Install", "Failed", R"(, "version": "3.1")"), "", 1, "it has ended already: failed"},
     };
-    for (const auto& item : cases) {
+    for (const auto& [now, later, status, text] : cases) {
         Device device;
-        device.Script("/v1/operations/aaaa", {200, item.now});
-        device.Play({kLive, "cancel", Told(OTHER, "Install", "Cancelled") + item.later});
+        device.Script("/v1/operations/aaaa", {200, now});
+        device.Play({kLive, "cancel", Told(OTHER, "Install", "Cancelled") + later});
         const auto program = device.Start("cancel aaaa");
-        EXPECT_EQ(program->Status(), item.status) << program->Errors();
-        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(item.text));
-        if (!item.later.empty()) {
+        EXPECT_EQ(program->Status(), status) << program->Errors();
+        EXPECT_THAT(program->Output() + program->Errors(), HasSubstr(text));
+        if (!later.empty()) {
             EXPECT_EQ(device.Messages("/v1/cancel", 1).front().at("id"), OURS) << "the whole id";
         }
     }
@@ -280,8 +274,8 @@ TEST(Follow, TheLogGoesOnWithoutLosingOrRepeatingALine) {
     program->Interrupt();
     EXPECT_EQ(program->Status(), 130);
     EXPECT_THAT(program->Output(),
-                testing::MatchesRegex("1970[^\n]*:00\\.000 info    Node: line 1\n[^\n]* line 3\n[^\n]* line 6\n"
-                                      "[^\n]*error   Node: line 5\n[^\n]*warning Node: line 1\n"));
+                MatchesRegex("1970[^\n]*:00\\.000 info    Node: line 1\n[^\n]* line 3\n[^\n]* line 6\n"
+                             "[^\n]*error   Node: line 5\n[^\n]*warning Node: line 1\n"));
     EXPECT_EQ(device.Messages("/v1/events", 1).front(), boost::json::value(true));
 }
 

@@ -36,10 +36,7 @@ TEST(ForwardedRequest, OnlyThePagesFilesTakeNoSecret) {
 }
 
 TEST(ForwardedRequest, OtherHostsOtherPagesAndWhatIsNotWellFormedAreRefused) {
-    const struct {
-        std::string headers;
-        int status;
-    } rows[] = {
+    const std::pair<std::string, int> rows[]{
         {"Host: device.example\r\n", 421},
         {"Host: 127.0.0.1\r\n", 421},
         {"Host: 127.0.0.1:8080\r\n", 421},
@@ -53,8 +50,8 @@ TEST(ForwardedRequest, OtherHostsOtherPagesAndWhatIsNotWellFormedAreRefused) {
         {"Host: 127.0.0.1:80\r\nX: a\nHost: b\r\n", 400},
         {"Host: 127.0.0.1:80\r\nno colon\r\n", 400},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(StatusOf(Head("GET / HTTP/1.1", row.headers)), row.status) << row.headers;
+    for (const auto& [headers, status] : rows) {
+        EXPECT_EQ(StatusOf(Head("GET / HTTP/1.1", headers)), status) << headers;
     }
     for (const char* line : {"GET / HTTP/1.0", "GET /", "", "GET  / HTTP/1.1", "GET / x HTTP/1.1"}) {
         EXPECT_EQ(StatusOf(Head(line)), 400) << line;

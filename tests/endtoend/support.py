@@ -29,9 +29,23 @@ class InstrumentCase(LoggedCase):
 
     def restart(self) -> None:
         """Ends arbord, and starts it again."""
-        host.stop()
-        self.assertEqual(0, self.process.wait())
+        self.switch_off()
         self._start()
+
+    def ordered(self, code: int, *arguments: str) -> str:
+        """What the client says to an order; it has to end with that code."""
+        done = arborctl(*arguments)
+        self.assertEqual(code, done.returncode, done.stdout)
+        return done.stdout
+
+    def kill_host(self) -> None:
+        self.process.kill()
+        self.process.wait()
+
+    def switch_off(self) -> None:
+        """Ends arbord in order."""
+        host.stop()
+        self.assertEqual(0, self.process.wait(), host.said())
 
     def _start(self) -> None:
         """A stick that comes during the start-up scan would be looked at twice: waits until that is over."""

@@ -75,11 +75,10 @@ class Documents(InstrumentCase):
         wait_until(lambda: gateway.updates() == ["3.048"], "what was withdrawn is offered no longer")
         self.assertIn("not trusted", refusal("arbor-3.046.pkg"))
         self.assertIn("revoked", refusal("second.pkg"))
-        self.assertEqual(1, arborctl("install", "3.047", "--wait").returncode)
+        self.ordered(1, "install", "3.047", "--wait")
         # Nothing brings it back: no restart, no power cut with half a file, no older stick.
         (KEPT / f"{NAME}.new").write_text("{")
-        self.process.kill()
-        self.process.wait()
+        self.kill_host()
         self.process = host.start()
         self.assertEqual(2, self.in_force())
         wait_until(lambda: gateway.updates() == ["3.048"], "the other one is offered")
@@ -96,8 +95,7 @@ class Documents(InstrumentCase):
         # The first one was refused, or will be judged by what the other one brought.
         wait_until(lambda: gateway.updates() == ["3.048", "3.047"], "both are offered")
         self.assertEqual(2, self.in_force())
-        done = arborctl("install", "3.048", "--no-reboot", "--wait")
-        self.assertEqual(0, done.returncode, done.stdout)
+        self.ordered(0, "install", "3.048", "--no-reboot", "--wait")
 
     def test_what_must_not_be_followed_is_refused_with_the_reason(self) -> None:
         older = self.copied("older")
@@ -114,10 +112,9 @@ class Documents(InstrumentCase):
         self.assertIn("signed by 1 of the 2", job["reason"])
         sticks.detach()
         for file in (lacks, self.office / "strange.json", paths.GRAPH):
-            done = arborctl("trust", "apply", str(file))
-            self.assertEqual(1, done.returncode, done.stdout)
+            self.ordered(1, "trust", "apply", str(file))
         self.assertEqual(1, self.in_force())
-        self.assertEqual(0, arborctl("trust", "apply", str(newest)).returncode)
+        self.ordered(0, "trust", "apply", str(newest))
         self.assertEqual(3, self.in_force())
         self.assertIn("in force already", arborctl("trust", "apply", str(newest)).stdout)
         brought = self.plug(older)
@@ -139,7 +136,7 @@ class Documents(InstrumentCase):
         self.sign("alice", "bob")
         sticks.attach([slow, Path(f"{slow}.sig")])
         wait_until(lambda: [check["version"] for check in jobs("Check")] == ["3.047"], "it is being verified")
-        self.assertEqual(0, arborctl("trust", "apply", str(self.file)).returncode)
+        self.ordered(0, "trust", "apply", str(self.file))
         wait_until(lambda: not gateway.get("operations?state=Open")["operations"], "all has ended")
         self.assertEqual([], gateway.updates())
         self.assertIn("not trusted", refusal("slow.pkg"))
@@ -167,8 +164,7 @@ class Documents(InstrumentCase):
         wait_until(lambda: refusal("carries.pkg"), "nor does what a package brings count for it")
         self.assertEqual(1, self.in_force())
         (KEPT / "full").unlink()
-        done = arborctl("trust", "apply", str(self.file))
-        self.assertEqual(0, done.returncode, done.stdout)
+        self.ordered(0, "trust", "apply", str(self.file))
         self.assertEqual(2, self.in_force())
         # One that is damaged all the same: nobody knows any more who is trusted.
         (KEPT / NAME).write_text("{")
@@ -176,7 +172,3 @@ class Documents(InstrumentCase):
         sticks.detach()
         sticks.attach([stick_package("3.046")])
         wait_until(lambda: NAME in refusal("arbor-3.046.pkg"), "it is refused")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,13 +5,12 @@ import os
 import shutil
 import signal
 import subprocess
-import threading
 import unittest
 from pathlib import Path
 
 from installs import ended, job, jobs, state_of
 from simulation import gateway, paths, places, sticks
-from support import InstrumentCase, arborctl, both_slots, configure, outcomes, script_package, stick_package, wait_until
+from support import InstrumentCase, outcomes, script_package, stick_package, wait_until
 
 MOST_THREADS = 40
 PLUGS = 100
@@ -73,7 +72,7 @@ class Silent(InstrumentCase):
         sticks.attach([stick_package("3.045")], "usb2")
         wait_until(lambda: gateway.updates() == ["3.046", "3.045"], "the other stick's is offered")
         drive.answers_again()
-        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        self.ordered(0, "install", "3.046", "--no-reboot", "--wait")
         drive.is_pulled()
         wait_until(lambda: gateway.updates() == ["3.045"], "what was on it is offered no more")
         wait_until(lambda: usage(self.process.pid)["children"] == 0, "no process is left")
@@ -93,28 +92,6 @@ class Silent(InstrumentCase):
         self.assertIn(ended(check["id"])["state"], ("Cancelled", "Failed"))
         wait_until(lambda: not gateway.get("operations?state=Open")["operations"], "nothing is left open")
         wait_until(lambda: usage(self.process.pid)["children"] == 0, "no process is left")
-
-    def test_request_whose_asker_has_gone_is_not_begun(self) -> None:
-        drive = self.attach(stick_package("3.046"))
-        wait_until(lambda: gateway.updates() == ["3.046"], "3.046 is offered")
-        configure("Gateway", answerTimeoutSeconds=1)
-        self.restart()
-        wait_until(lambda: gateway.updates() == ["3.046"], "3.046 is offered again")
-        drive.falls_silent()
-        statuses: list[int] = []
-        askers = [threading.Thread(target=lambda: statuses.append(
-            gateway.post("updatesystem", {"version": "3.046", "reboot": False})[0])) for _ in range(4)]
-        for asker in askers:
-            asker.start()
-        for asker in askers:
-            asker.join()
-        self.assertEqual([504] * 4, statuses, "each has given up")
-        wait_until(lambda: "is not begun: whoever asked for it has gone" in paths.HOST_LOG.read_text(), "the others are dropped")
-        drive.answers_again()
-        wait_until(lambda: not gateway.get("operations?state=Open")["operations"], "nothing is left to do")
-        gone = ("Cancelled", "whoever asked for it has gone")
-        self.assertEqual([gone] * 4, [(install["state"], install["reason"]) for install in jobs("Install")])
-        self.assertEqual(("A", {"A": "3.044", "B": "3.043"}), both_slots())
 
 
 class Plugs(InstrumentCase):
@@ -159,19 +136,6 @@ class Plugs(InstrumentCase):
             self.assertEqual("Succeeded", ended(scan["id"])["state"])
             events.next("updateavailable")
 
-    def test_version_stays_offered_by_the_stick_that_is_left(self) -> None:
-        for name in paths.STICK_NAMES:
-            sticks.attach([stick_package("3.046")], name)
-            wait_until(lambda on=name: any(check["file"].startswith(str(paths.STICKS / on)) and check["state"] == "Succeeded"
-                                           for check in jobs("Check")), f"that of {name} is checked")
-        with gateway.Events() as events:
-            sticks.detach(paths.STICK_NAMES[1])
-            events.next("updateavailable", lambda message: outcomes(message) == (set(), ["3.046"]))
-        sources = [package["source"] for package in gateway.get("status")["updates"]]
-        self.assertEqual([str(paths.STICKS / paths.STICK_NAMES[0])], sources)
-        done = arborctl("install", "3.046", "--no-reboot", "--wait")
-        self.assertEqual(0, done.returncode, done.stdout)
-
 
 class Uploads(InstrumentCase):
     def test_upload_is_checked_when_it_may_be_run_and_forgotten_when_it_goes(self) -> None:
@@ -183,17 +147,6 @@ class Uploads(InstrumentCase):
             upload.unlink()
             events.next("updateavailable", lambda message: outcomes(message)[1] == [])
         self.assertEqual([], gateway.updates())
-
-    def test_refused_upload_is_told_and_removed(self) -> None:
-        with gateway.Events() as events:
-            arriving = paths.UPDATES / ".arriving"
-            shutil.copy(stick_package("3.047"), arriving)
-            arriving.rename(paths.UPDATES / "damaged.pkg")
-            events.next("updateavailable", lambda message: {name for name, _, _ in outcomes(message)[0]} == {"damaged.pkg"})
-        wait_until(lambda: not (paths.UPDATES / "damaged.pkg").exists(), "it is removed")
-        refused = gateway.get("status")["refused"]
-        self.assertEqual([str(paths.UPDATES / "damaged.pkg")], [package["file"] for package in refused])
-        self.assertTrue(refused[0]["reason"])
 
 
 def usage(pid: int) -> dict[str, int]:

@@ -9,7 +9,7 @@ import tempfile
 from pathlib import Path
 
 from pair import stock
-from pair_support import (BUILT, CART, PALM, SERIAL, TRANSFER, PairCase, arborctl, build_package, let_in, other, until,
+from pair_support import (BUILT, CART, PALM, TRANSFER, PairCase, arborctl, build_package, let_in, other, until,
                           until_connected)
 from signing import build
 from simulation import gateway, paths, slots
@@ -47,6 +47,7 @@ class Large(PairCase):
             image.write(END)
         package = build(self.disk / "large.pkg", NEW, image=self.disk / "image", keys=stock.ensure() / "keys",
                         options=("--silent-seconds", "60"))
+        self.assertLess(package.stat().st_blocks * 512, 8 << 20, "holes stay holes")
         BUILT.unlink()
         self.assertEqual(0, os.spawnlp(os.P_WAIT, "cp", "cp", "--sparse=always", str(package), str(BUILT)))
 

@@ -9,7 +9,7 @@ from pathlib import Path
 
 from installs import HALFWAY, MOMENTS, Install, ended, is_alive, job, jobs, percent_of, stand_still_at, stepped_package
 from simulation import gateway, host, paths, slots, sticks
-from support import (FIXTURES, PROGRESS, InstrumentCase, arborctl, both_slots, progress_client, script_package, wait_until)
+from support import FIXTURES, PROGRESS, InstrumentCase, both_slots, wait_until
 
 FIRST, SECOND = "3.046", "3.048"
 
@@ -23,17 +23,12 @@ class OperationsCase(InstrumentCase):
         sticks.attach([stepped_package(version, FIXTURES) for version in (FIRST, SECOND)])
         wait_until(lambda: gateway.updates() == [SECOND, FIRST], "both versions are offered")
 
-    def kill_host(self) -> None:
-        self.process.kill()
-        self.process.wait()
-
     def start_host(self) -> None:
         self.process = host.start()
         wait_until(lambda: gateway.updates() == [SECOND, FIRST], "the versions are offered again")
 
     def restart_host(self) -> None:
-        host.stop()
-        self.assertEqual(0, self.process.wait(), host.said())
+        self.switch_off()
         self.start_host()
 
     def assert_goes_on(self, install: Install, percent: int) -> None:
@@ -141,21 +136,6 @@ class Restarts(OperationsCase):
 
 
 class Together(OperationsCase):
-    def test_second_install_is_refused_and_the_first_is_not_touched(self) -> None:
-        install = Install(FIRST, until=HALFWAY)
-        for version in (SECOND, FIRST):
-            status, refusal = gateway.post("updatesystem", {"version": version, "reboot": False})
-            self.assertEqual((200, False, "ERRCODE_BUSY"), (status, refusal["bSuccess"], refusal["ErrCode"]))
-            self.assertIn(f"{FIRST} is being installed", refusal["text"])
-            self.assertEqual("Failed", job(refusal["operationId"])["state"])
-        refused = arborctl("install", SECOND, "--wait")
-        self.assertNotEqual(0, refused.returncode, refused.stdout)
-        self.assert_goes_on(install, percent_of(HALFWAY))
-        install.go_on(until="88 Checking the image")
-        self.assert_goes_on(install, 88)
-        install.go_on()
-        self.assert_succeeds(install, FIRST)
-        self.assert_next_install_works()
 
     def test_installer_that_is_killed_has_failed_and_the_next_one_works(self) -> None:
         for name, killed in (("watcher", ("watcher",)), ("worker", ("worker",)), ("both", ("worker", "watcher"))):
@@ -176,68 +156,6 @@ class Together(OperationsCase):
             self.assertEqual(("3.044", "A", "B", version), tuple(status[key] for key in (
                 "installedVersion", "runningSlot", "nextSlot", "nextVersion")))
             self.assertEqual([], status["operations"])
-
-    def test_documents_of_an_earlier_installer_end_no_later_install(self) -> None:
-        release = paths.RUNTIME / "release"
-        sticks.attach([script_package("waits.pkg", f"case $1 in\n--version) echo 9.1;;\n--verify) ;;\n"
-                                                   f"*) while [ ! -e {release} ]; do sleep 0.1; done;;\nesac\n")], "usb2")
-        wait_until(lambda: "9.1" in gateway.updates(), "9.1 is offered")
-        earlier = Install("9.1")
-        with progress_client() as client, gateway.Events() as events:
-            client.send(b'{"message":"half","percent":50}')
-            events.next("progress")
-            release.touch()
-            self.assertEqual("Succeeded", ended(earlier.id)["state"], "told by its exit, without a last document")
-            install = Install(FIRST, until=HALFWAY)
-            try:
-                client.send(b'{"message":"Installed","percent":100,"done":true}')
-            except OSError:
-                pass  # it was closed: just as good
-            install.go_on(until="88 Checking the image")
-            self.assert_goes_on(install, 88)
-            install.go_on()
-            self.assert_succeeds(install, FIRST)
-
-    def test_last_documents_of_other_makers_are_read_as_meant(self) -> None:
-        release = paths.RUNTIME / "release"
-        sticks.attach([script_package("waits.pkg", f"case $1 in\n--version) echo 9.1;;\n--verify) ;;\n"
-                                                   f"*) while [ ! -e {release} ]; do sleep 0.1; done; exit 1;;\nesac\n")], "usb2")
-        wait_until(lambda: "9.1" in gateway.updates(), "9.1 is offered")
-        for last, state in ((b'{"message":"a","done":1}', "Succeeded"), (b'{"message":"b","done":true}\0', "Succeeded"),
-                            (b'{"message":"c","error":1}\0\0', "Failed"), (b'{"done":true,"message":"' + b"x" * 2000, "Failed")):
-            with self.subTest(last[:30]):
-                release.unlink(missing_ok=True)
-                install = Install("9.1")
-                with progress_client() as client:
-                    client.send(last)
-                    if state == "Failed" and b"done" in last:  # too long a document is none: its process tells
-                        release.touch()
-                    self.assertEqual(state, ended(install.id)["state"])
-                release.touch()
-                wait_until(lambda gone=install.watcher: not is_alive(gone), "the installer has ended")
-                wait_until(lambda: not PROGRESS.exists(), "the relay is free")
-
-    def test_install_that_can_not_begin_says_why_and_leaves_nothing_in_the_way(self) -> None:
-        broken = paths.STICKS / "usb1" / f"arbor-{FIRST}.pkg"
-        whole = broken.read_bytes()
-        broken.write_text("#!/nonexistent/interpreter\n")
-        PROGRESS.unlink(missing_ok=True)
-        for name, prepare, tidy, reason in (
-                ("not to be run", lambda: None, lambda: broken.write_bytes(whole), "could not be started"),
-                ("no place for the relay", PROGRESS.mkdir, PROGRESS.rmdir, str(PROGRESS))):
-            with self.subTest(name):
-                prepare()
-                status, refusal = gateway.post("updatesystem", {"version": FIRST, "reboot": False})
-                self.assertEqual((200, False), (status, refusal["bSuccess"]))
-                told = ended(refusal["operationId"])
-                self.assertEqual("Failed", told["state"])
-                self.assertIn(reason, told["reason"])
-                self.assertEqual(0, told["processId"], "no installer was started")
-                tidy()
-                done = arborctl("install", SECOND, "--no-reboot", "--wait")
-                self.assertEqual(0, done.returncode, done.stdout)
-                self.assertIn("100 %", done.stdout)
-                self.assertFalse(gateway.get("status")["updateInProgress"])
 
 
 def _contents(folder: Path) -> dict[str, str]:

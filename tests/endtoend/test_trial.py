@@ -64,9 +64,7 @@ class Trial(InstrumentCase):
         drive = sticks.attach([another], paths.STICK_NAMES[1])
         wait_until(lambda: "3.045" in gateway.updates(), "another image of that version is offered")
         shutil.copyfile(stick_package("3.045"), drive / another.name)
-        refused = arborctl("install", "3.045", "--wait")
-        self.assertEqual(1, refused.returncode, refused.stdout)
-        self.assertIn("was taken back", refused.stdout)
+        self.assertIn("was taken back", self.ordered(1, "install", "3.045", "--wait"))
         sticks.detach(paths.STICK_NAMES[1])
         wait_until(lambda: gateway.updates() == ["3.046"], "it is not offered any more")
 
@@ -83,12 +81,12 @@ class Trial(InstrumentCase):
         wait_until(lambda: ("3.045", "Failed") in self.trials() and gateway.updates() == ["3.046"], "it is not offered again")
         self.assertIn("came back to 3.044: measures: no signal on channel 2", jobs("Trial")[0]["reason"])
         wait_until(lambda: "was taken back" in refusal("arbor-3.045.pkg"), "it is refused")
-        self.assertEqual(1, arborctl("install", "3.045", "--wait").returncode)
+        self.ordered(1, "install", "3.045", "--wait")
         self.exchange_another_image_for_the_one_taken_back()
 
-        self.assertEqual(0, arborctl("allow", "3.045").returncode)
+        self.ordered(0, "allow", "3.045")
         wait_until(lambda: gateway.updates() == ["3.046", "3.045"], "it is offered again")
-        self.assertEqual(1, arborctl("allow", "3.045").returncode)
+        self.ordered(1, "allow", "3.045")
 
         self.install("3.046")
         wait_until(lambda: standing().get("lastVersion") == "3.046", "the trial has ended")
@@ -118,21 +116,19 @@ class Trial(InstrumentCase):
 
     def test_people_confirm_and_go_back_and_nothing_writes_over_the_way_back(self) -> None:
         self.judge(confirmByPerson=True, deadlineSeconds=0)
-        self.assertEqual(1, arborctl("confirm").returncode)
+        self.ordered(1, "confirm")
         self.install("3.045")
         wait_until(lambda: standing().get("waiting") == "somebody who confirms it", "it waits for a person")
         wait_until(lambda: gateway.updates() == ["3.046", "3.045"], "both versions are offered")
-        refused = arborctl("install", "3.046", "--wait")
-        self.assertEqual(1, refused.returncode, refused.stdout)
-        self.assertIn("has not proved itself", refused.stdout)
-        self.assertEqual(0, arborctl("revert", "--reason", "too loud").returncode)
+        self.assertIn("has not proved itself", self.ordered(1, "install", "3.046", "--wait"))
+        self.ordered(0, "revert", "--reason", "too loud")
         wait_until(lambda: standing().get("lastOutcome") == "reverted" and installed() == "3.044", "the instrument is back")
         self.assertRegex(standing()["lastReason"], "^taken back by user .*: too loud$")
 
         wait_until(lambda: gateway.updates() == ["3.046"], "the other one is offered")
         self.install("3.046")
         wait_until(lambda: standing().get("waiting") == "somebody who confirms it", "it waits for a person")
-        self.assertEqual(0, arborctl("confirm").returncode)
+        self.ordered(0, "confirm")
         wait_until(lambda: ("3.046", "Succeeded") in self.trials(), "the journal has it")
         self.assertEqual(("confirmed", "3.046"), (standing()["state"], installed()))
 
@@ -145,8 +141,8 @@ class Trial(InstrumentCase):
         wait_until(lambda: gateway.updates() == ["3.046", "3.045"], "it is offered again")
 
     def test_install_without_a_restart_is_undone(self) -> None:
-        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        self.ordered(0, "install", "3.046", "--no-reboot", "--wait")
         wait_until(lambda: standing()["state"] == "installed", "it starts next")
-        self.assertEqual(0, arborctl("revert").returncode)
+        self.ordered(0, "revert")
         self.assertEqual(("confirmed", "A"), (standing()["state"], both_slots()[0]))
-        self.assertEqual(1, arborctl("revert").returncode)
+        self.ordered(1, "revert")

@@ -10,7 +10,7 @@ from pathlib import Path
 
 from installs import ended, jobs
 from signing import arbor_pkg, build, in_first_format, new_keys, refusal
-from simulation import gateway, host, paths, places, sticks
+from simulation import gateway, host, paths, sticks
 from support import FIXTURES, InstrumentCase, arborctl, both_slots, configure, script_package, stick_package, wait_until
 
 RAN = paths.RUNTIME / "ran"
@@ -98,7 +98,7 @@ class Trust(InstrumentCase):
                  build(paths.STATE / "board.pkg", "9.2", board="apalis-imx8")]
         drive = self.insert(*files, stick_package("3.046"))
         os.symlink(files[0], drive / "link.pkg")
-        self.assertEqual(0, arborctl("scan", str(drive)).returncode)
+        self.ordered(0, "scan", str(drive))
         for name, reason in (("unsigned.pkg", "no package"), ("._arbor.pkg", "no package"),
                              ("foreign.pkg", "CN = Stranger is not trusted"), ("board.pkg", "is for board apalis-imx8")):
             wait_until(lambda: reason in refusal(name), f"{name} is refused because {reason}")
@@ -114,8 +114,7 @@ class Trust(InstrumentCase):
         subprocess.run(["mount", "-o", "remount,bind,noexec,nosuid,nodev,ro", drive], check=True)
         gateway.post("scan", {"path": str(drive / "plain.pkg")})
         wait_until(lambda: gateway.updates() == ["3.046"], "it is offered")
-        done = arborctl("install", "3.46", "--no-reboot", "--wait")  # the same version
-        self.assertEqual(0, done.returncode, done.stdout)
+        self.ordered(0, "install", "3.46", "--no-reboot", "--wait")  # the same version
         self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), both_slots())
 
     def test_packages_whose_signature_covers_all_run_from_a_copy(self) -> None:
@@ -130,7 +129,7 @@ class Trust(InstrumentCase):
         drive = self.insert(own, Path(f"{own}.sig"), changed, Path(f"{changed}.sig"), first)
         self.assertEqual(["3.047", "3.046"], gateway.updates())
         self.assertIn("not the file that was signed", refusal("changed.pkg"))
-        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        self.ordered(0, "install", "3.046", "--no-reboot", "--wait")
         self.assertEqual(("B", {"A": "3.044", "B": "3.046"}), both_slots())
         done = arborctl("install", "3.047", "--no-reboot", "--wait")
         self.assertTrue(RAN.exists(), done.stdout)
@@ -167,9 +166,7 @@ class Trust(InstrumentCase):
         with open(drive / "arbor-3.046.pkg", "r+b") as package:
             package.seek(-(1 << 20), os.SEEK_END)
             package.write(b"exchanged")
-        done = arborctl("install", "3.046", "--no-reboot", "--wait")
-        self.assertEqual(1, done.returncode, done.stdout)
-        self.assertIn("the image in the package is damaged", done.stdout)
+        self.assertIn("the image in the package is damaged", self.ordered(1, "install", "3.046", "--no-reboot", "--wait"))
         self.assertEqual("A", both_slots()[0])
 
     def test_package_that_is_exchanged_once_its_installer_has_begun_is_the_one_that_was_read(self) -> None:
@@ -229,7 +226,7 @@ class Trust(InstrumentCase):
         self.insert(stick_package("3.046"), script_package("unsigned.pkg", STRANGER))
         self.assertEqual(["3.046"], gateway.updates())
         self.assertFalse(RAN.exists())
-        self.assertEqual(0, arborctl("install", "3.046", "--no-reboot", "--wait").returncode)
+        self.ordered(0, "install", "3.046", "--no-reboot", "--wait")
         sticks.detach()
         configure("ArborInstall", UnconfinedChecks=False)
         self.restart()
@@ -237,7 +234,7 @@ class Trust(InstrumentCase):
         self.insert(stick_package("3.046"))
         self.assertEqual([], gateway.updates())
         self.assertRegex(refusal("arbor-3.046.pkg"), "^checks can't be confined: nothing")
-        self.assertEqual(1, arborctl("upload", str(stick_package("3.046"))).returncode)
+        self.ordered(1, "upload", str(stick_package("3.046")))
         self.assertTrue((paths.UPDATES / "arbor-3.046.pkg").exists(), "what the device could not judge may be good")
 
     def test_device_that_does_not_know_itself_accepts_nothing(self) -> None:
@@ -284,12 +281,7 @@ class Open(InstrumentCase):
         self.assertIn(f"says: \\x1b[2J{forged}", console)
         self.assertNotIn(f"\n{forged}", console)
         self.assertNotIn("\033", console)
-        self.process.kill()
-        self.process.wait()
+        self.kill_host()
         self.process = host.start()
         Path(f"{said}.go").touch()
         wait_until(said.exists, "it goes on though nobody takes what it says")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -55,6 +55,19 @@ def expect(holds: bool, what: str) -> None:
         raise Broken(what)
 
 
+def agreed(new: list[dict], done: Command) -> tuple[str, str]:
+    """The state of the job that the command began, which is what the command said, and all that was said of it."""
+    expect(len(new) <= 1, f"one order, and these jobs: {new}")
+    state, reason = (new[0]["state"], new[0]["reason"]) if new else ("not begun", "")
+    story = f"arborctl ended with {done.status} ({done.told!r}), the job is {state} ({reason!r})"
+    expect(state in ("Succeeded", "Failed", "Cancelled", "Lost", "not begun"), story)
+    unknown = done.status == 3 and "not known" in done.told  # the host was killed before it had answered
+    expect((done.status == 0) == (state == "Succeeded") or unknown, story)
+    expect(done.status == 0 or len(done.told.strip()) > 20, story)
+    expect(state in ("Succeeded", "not begun") or bool(reason), story)
+    return state, story
+
+
 @dataclass(frozen=True)
 class Taken:
     """What the graph host has of the machine when nothing goes on."""

@@ -1,7 +1,6 @@
 """Places that are full: what can't be kept is told, and once there is room again the same order works."""
 
 import os
-import os
 import random
 import shutil
 import tempfile

@@ -8,7 +8,7 @@ import time
 from pathlib import Path
 from typing import Callable
 
-from device import Command, expect
+from device import Command, agreed, expect
 from pair.remote import Remote
 from simulation import furnish, gateway, paths, slots
 from simulation.whole import Broken, until
@@ -18,7 +18,6 @@ SERIAL, VERSION = PALM.device.serial_number, CART.device.installed
 BUILT = CART.path(paths.ARCHIVE / VERSION / "arbor_qm.pkg")
 CARRIED = PALM.path(paths.UPDATES / "arbor_qm.pkg")
 PROGRAMS = ("ssh", "sshd", "rsync", "avahi-resolve", "python3", "sh", "bash")
-OVER = ("Succeeded", "Failed", "Cancelled", "Lost")
 
 
 def order(*arguments: str) -> Command:
@@ -90,15 +89,7 @@ def calm() -> None:
 def told(kind: str, known: set[str], done: Command) -> tuple[str, str]:
     """The state of the job that the command began, and all that was said of it."""
     new = [job for job in gateway.jobs(kind, CART.gateway) if job["id"] not in known]
-    expect(len(new) <= 1, f"one order, and these jobs: {new}")
-    state, reason = (new[0]["state"], new[0]["reason"]) if new else ("not begun", "")
-    story = f"arborctl ended with {done.status} ({done.told!r}), the job is {state} ({reason!r})"
-    expect(state in (*OVER, "not begun"), story)
-    unknown = done.status == 3 and "not known" in done.told
-    expect((done.status == 0) == (state == "Succeeded") or unknown, story)
-    expect(done.status == 0 or len(done.told.strip()) > 20, story)
-    expect(state in ("Succeeded", "not begun") or bool(reason), story)
-    return state, story
+    return agreed(new, done)
 
 
 class Transfer:

@@ -1,6 +1,5 @@
 #include <gmock/gmock.h>
 
-#include <future>
 #include <regex>
 
 #include "NodeBase/ZGraph.h"
@@ -113,11 +112,11 @@ TEST_F(Graph, LeadsItsNodesThroughTheirLivesInOrder) {
 }
 
 TEST_F(Graph, SaysWhichNodeCouldNotBeSetUpAndDropsIt) {
-    const std::pair<const char*, const char*> cases[]{{"init", "Node \"n\" could not be initialised"},
-                                                      {"config", "Node \"n\" refused its configuration"},
-                                                      {"config!", "Node \"n\" failed while it was set up"},
-                                                      {"map", "Node \"n\" could not subscribe its keywords"},
-                                                      {"construct", "Node \"n\" could not be made: torn"}};
+    const std::pair<const char*, const char*> cases[]{
+        {"init", "Node \"n\" could not be initialised"},      {"config", "Node \"n\" refused its configuration"},
+        {"config!", "Node \"n\" failed while it was set up"}, {"map", "Node \"n\" could not subscribe its keywords"},
+        {"construct", "Node \"n\" could not be made: torn"},
+    };
     for (const auto& [fault, error] : cases) {
         g_fault = fault;
         EXPECT_EQ(ErrorOf(m_graph->AddNode("StoryNode", "n", nullptr)), error);
@@ -157,8 +156,10 @@ TEST_F(Graph, EndsCommandsThatItsNodesWaitFor) {
 }
 
 TEST_F(Graph, WaitsOutARefusalUpToTheGracePeriod) {
-    const std::tuple<int, std::uint32_t, ZGraphEnd> cases[]{{2, 60, ZGraphEnd::Agreed},
-                                                            {1'000'000, 1, ZGraphEnd::Forced}};
+    const std::tuple<int, std::uint32_t, ZGraphEnd> cases[]{
+        {2, 60, ZGraphEnd::Agreed},
+        {1'000'000, 1, ZGraphEnd::Forced},
+    };
     for (const auto& [refusals, grace, end] : cases) {
         m_core->m_ShutdownGraceSeconds = grace;
         ZGraph graph(m_core);

@@ -110,12 +110,14 @@ TEST_F(Platform, ReadsTheIdentityFromASoundEepromOnly) {
         "TlvInfo\0\x01\x00\x2b\x21\x06KiteLX\x24\x06\x02\0\0\0\0\x01\x23\x04SN-7\x28\x0dverdin-"
         "imx8mm\xfe\x04\xa1\x3f\xcb\x7d";
     const std::string sound(kBytes, sizeof kBytes - 1);
-    const std::tuple<std::size_t, char, std::string> bad[]{{0, 'X', "no TlvInfo header of version 1"},
-                                                           {8, 2, "no TlvInfo header of version 1"},
-                                                           {10, '\x2c', "the image is shorter than its header says"},
-                                                           {12, '\xff', "a field reaches past the end"},
-                                                           {13, 'k', "the checksum is wrong"},
-                                                           {48, 1, "there is no checksum"}};
+    const std::tuple<std::size_t, char, std::string> bad[]{
+        {0, 'X', "no TlvInfo header of version 1"},
+        {8, 2, "no TlvInfo header of version 1"},
+        {10, '\x2c', "the image is shorter than its header says"},
+        {12, '\xff', "a field reaches past the end"},
+        {13, 'k', "the checksum is wrong"},
+        {48, 1, "there is no checksum"},
+    };
     for (const auto& [at, byte, reason] : bad) {
         const LogCapture log;
         ZPlatform::Configure({m_folder.Write("eeprom", std::string(sound).replace(at, 1, 1, byte)), {}, {}, 1min});

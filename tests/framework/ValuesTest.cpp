@@ -69,7 +69,7 @@ TEST(Log, LetsNoTextForgeASecondLineAndRemembersTheNewest) {
         Log(std::to_string(line));
     }
     EXPECT_THAT(Texts({.count = 2}), ElementsAre("1003", "1004"));
-    EXPECT_THAT(Texts({.count = 5000}), SizeIs(testing::AllOf(testing::Ge(1000U), testing::Le(1100U))));
+    EXPECT_THAT(Texts({.count = 5000}), SizeIs(AllOf(Ge(1000U), Le(1100U))));
 }
 
 TEST(Log, AnswersToQuestionsDoNotPushOutWhatHappened) {
@@ -83,7 +83,7 @@ TEST(Log, AnswersToQuestionsDoNotPushOutWhatHappened) {
     const auto lines = ZLog::Instance().Recent({.count = 1000});
     const auto texts = Texts({});
     EXPECT_EQ(std::ranges::count(texts, "asked"), 100);
-    EXPECT_THAT(texts, testing::Contains("it happened"));
+    EXPECT_THAT(texts, Contains("it happened"));
     EXPECT_EQ(texts.back(), "it went on");
     EXPECT_EQ(lines.back().number, first + 2001) << "each line has a number of its own";
     EXPECT_TRUE(std::ranges::is_sorted(lines, {}, &ZLogLine::number));

@@ -4,9 +4,14 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <thread>
 
 #include "NodeGateway/ZNodeGateway.h"
+#include "ZNodeJournal.h"
+#include "ZShared/ZUnixAddress.h"
 
 std::string Reply::Text(const std::string& key) const {
     ZJSONCommStream stream;
@@ -25,10 +30,8 @@ std::shared_ptr<ZMessage> Made(const std::string& className, const std::string& 
 
 RawClient::RawClient(const std::filesystem::path& socket, const std::string& firstBytes)
     : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socket.string().copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(::connect(m_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0) << socket;
+    const auto address = ZUnixAddress::Of(socket.string());
+    EXPECT_EQ(::connect(m_socket.Get(), address->Get(), ZUnixAddress::Size()), 0) << socket;
     Send(firstBytes);
 }
 
@@ -115,6 +118,12 @@ bool Gateway::Start(const std::string& settings) {
     return true;
 }
 
+bool Gateway::StartJournal() {
+    const auto record = ZMakeShared<ZNodeJournalCfg>("Journal");
+    record->m_DatabaseFile = ToZString((folder / "journal.sqlite").string());
+    return graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal");
+}
+
 Reply Gateway::Send(const std::string& method, const std::string& path, const std::string& body) const {
     httplib::Client client(socket.string());
     client.set_address_family(AF_UNIX);
@@ -138,4 +147,43 @@ void Gateway::PublishProgress(int percent, const std::string& text) {
     message->m_Percent = percent;
     message->m_Message = text;
     EXPECT_TRUE(probe->Publish(probe->GetEndpoint(ZEndpointType::Progress, "", 0), message));
+}
+
+Crowd Gateway::Clients(int count, const std::string& firstBytes, const std::string& ofEachSecond) const {
+    Crowd clients;
+    for (int number = 0; number < count; ++number) {
+        clients.push_back(std::make_unique<RawClient>(socket, number % 2 == 0 ? firstBytes : ofEachSecond));
+    }
+    return clients;
+}
+
+void Gateway::ExpectMetric(const std::string& sample) {
+    std::string metrics;
+    EXPECT_TRUE(WaitUntil([&] {
+        metrics = Get("/v1/metrics").body;
+        return metrics.find('\n' + sample + '\n') != std::string::npos;
+    })) << sample
+        << " is not in\n"
+        << metrics;
+}
+
+void GatewayOfUsers::SetUp() {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can be somebody else too";
+    }
+    Gateway::SetUp();
+    std::filesystem::permissions(folder.Path(), std::filesystem::perms(0755));
+}
+
+std::string PostText(const std::string& path, const std::string& body) {
+    return "POST " + path + " HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+void As(const Identity& identity, const std::function<void()>& work) {
+    std::thread([&] {
+        EXPECT_EQ(::syscall(SYS_setgroups, identity.groups.size(), identity.groups.data()), 0);
+        EXPECT_EQ(::syscall(SYS_setresgid, -1, identity.group, -1), 0);
+        EXPECT_EQ(::syscall(SYS_setresuid, -1, identity.user, -1), 0);
+        work();
+    }).join();
 }

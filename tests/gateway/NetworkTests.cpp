@@ -10,14 +10,10 @@
 
 #include "GatewayFixture.h"
 #include "NodeBase/ZOperation.h"
-#include "ZNodeJournal.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
+using namespace testing;
 namespace asio = boost::asio;
 namespace json = boost::json;
 
@@ -114,9 +110,7 @@ protected:
     std::string AskAs(const std::string& token, const std::string& path, const std::string& body) const {
         return Ask(RequestText(body.empty() ? "GET" : "POST", path, kHost + Bearer(token), body));
     }
-    bool HasListeners(int count) {
-        return Get("/v1/metrics").body.find("arbor_event_clients " + std::to_string(count) + '\n') != std::string::npos;
-    }
+    bool HasNoListeners() { return Get("/v1/metrics").body.find("arbor_event_clients 0\n") != std::string::npos; }
 
     const std::uint16_t port = FreePort();
 };
@@ -124,11 +118,7 @@ protected:
 TEST_F(GatewayNetwork, TakesRequestsWithATokenForAHostOfItsOwnFromItsOwnPages) {
     ASSERT_TRUE(Start(Listen(R"("hostNames":["Device.example"])"))) << log.All();
     const std::string good = Bearer(kLooker);
-    const struct {
-        const char* path;
-        std::string headers;
-        const char* status;
-    } rows[] = {
+    const std::tuple<const char*, std::string, const char*> rows[]{
         {"/v1/log", kHost + good, "200"},
         {"/v1/log", kHost + "authorization: bearer " + kLooker + "\r\n", "200"},
         {"/v1/log", kHost, "401"},
@@ -154,10 +144,10 @@ TEST_F(GatewayNetwork, TakesRequestsWithATokenForAHostOfItsOwnFromItsOwnPages) {
         {"/v1/log", kHost + "Origin: null\r\n" + good, "403"},
         {"/v1/log", kHost + "Origin: http://localhost\r\nOrigin: http://evil.example\r\n" + good, "403"},
     };
-    for (const auto& row : rows) {
-        const std::string answer = Ask(RequestText("GET", row.path, row.headers));
-        EXPECT_THAT(answer, StartsWith(std::string("HTTP/1.1 ") + row.status)) << row.path << '\n' << row.headers;
-        EXPECT_EQ(answer.find("WWW-Authenticate: Bearer") != std::string::npos, std::string(row.status) == "401");
+    for (const auto& [path, headers, status] : rows) {
+        const std::string answer = Ask(RequestText("GET", path, headers));
+        EXPECT_THAT(answer, StartsWith(std::string("HTTP/1.1 ") + status)) << path << '\n' << headers;
+        EXPECT_EQ(answer.find("WWW-Authenticate: Bearer") != std::string::npos, std::string(status) == "401");
         EXPECT_THAT(answer, Not(HasSubstr("Access-Control")));
     }
     EXPECT_THAT(Ask(RequestText("OPTIONS", "/v1/log", kHost + "Origin: http://localhost\r\n")), HasSubstr(" 401 "));
@@ -174,26 +164,20 @@ TEST_F(GatewayNetwork, TakesRequestsWithATokenForAHostOfItsOwnFromItsOwnPages) {
 
 TEST_F(GatewayNetwork, GivesATokenItsRoleAndWritesItsNameDown) {
     ASSERT_TRUE(Start(Listen(R"("developerMode":true)"))) << log.All();
-    const auto record = ZMakeShared<ZNodeJournalCfg>("Journal");
-    record->m_DatabaseFile = ToZString((folder / "journal.sqlite").string());
-    ASSERT_TRUE(graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal"));
+    ASSERT_TRUE(StartJournal());
     ZGuarded<std::shared_ptr<ZOperation>> begun;
-    probe->Listen(ZEndpointType::ClientRequest, "updatesystem", [&](const std::shared_ptr<ZMessage>& request) {
+    probe->Listen(kClient, "updatesystem", [&](const std::shared_ptr<ZMessage>& request) {
         begun.Exchange(probe->BeginOperation({.kind = ZOperationKind::Install}, request.get()));
         return Made("ZVersionInfoMsg");
     });
-    probe->Listen(ZEndpointType::GraphService, "pair", [](const auto&) { return Made("ZPeersMsg"); });
-    probe->Listen(ZEndpointType::GraphService, "cancel");
-    const struct {
-        const char* token;
-        const char* path;
-        const char* status;
-    } rows[] = {
+    probe->Listen(kService, "pair", [](const auto&) { return Made("ZPeersMsg"); });
+    probe->Listen(kService, "cancel");
+    const std::tuple<const char*, const char*, const char*> rows[]{
         {kLooker, "/v1/updatesystem", "403"}, {kLooker, "/v1/pair", "403"},   {kOperator, "/v1/pair", "403"},
         {kAdmin, "/v1/pair", "200"},          {kAdmin, "/v1/newFile", "403"}, {kOperator, "/v1/updatesystem", "200"},
     };
-    for (const auto& row : rows) {
-        EXPECT_THAT(AskAs(row.token, row.path, "{}"), StartsWith(std::string("HTTP/1.1 ") + row.status)) << row.path;
+    for (const auto& [token, path, status] : rows) {
+        EXPECT_THAT(AskAs(token, path, "{}"), StartsWith(std::string("HTTP/1.1 ") + status)) << path;
     }
     EXPECT_THAT(AskAs(kLooker, "/v1/pair", "{}"), HasSubstr(R"(you (token eye) have only the role \"look\")"));
     ASSERT_TRUE(begun.Copy());
@@ -218,11 +202,7 @@ TEST_F(GatewayNetwork, GivesATokenItsRoleAndWritesItsNameDown) {
 
 TEST_F(GatewayNetwork, SaysWhatItCanNotServeWith) {
     const std::string line = std::string("\nci look ") + kWrong;
-    const struct {
-        std::string tokens;
-        unsigned mode;
-        const char* error;
-    } files[] = {
+    const std::tuple<std::string, unsigned, const char*> files[]{
         {kTokens, 0640, "tokens: others than its owner may use it"},
         {kTokens, 0604, "tokens: others than its owner may use it"},
         {"# nobody\n\n", 0600, "tokens: it holds no token"},
@@ -234,10 +214,10 @@ TEST_F(GatewayNetwork, SaysWhatItCanNotServeWith) {
         {std::string("c/i look ") + kWrong, 0600, "tokens:1: a name is"},
         {std::string("ci look ") + kWrong + " x", 0600, "tokens:1: there is more behind the token"},
     };
-    for (const auto& row : files) {
-        folder.Write("tokens", row.tokens, row.mode);
-        EXPECT_FALSE(Start(Listen())) << row.error;
-        EXPECT_THAT(log.Lines().back().text, AllOf(HasSubstr("(\"listen\")"), HasSubstr(row.error)));
+    for (const auto& [tokens, mode, problem] : files) {
+        folder.Write("tokens", tokens, mode);
+        EXPECT_FALSE(Start(Listen())) << problem;
+        EXPECT_THAT(log.Lines().back().text, AllOf(HasSubstr("(\"listen\")"), HasSubstr(problem)));
         EXPECT_THAT(log.All(), Not(HasSubstr(kWrong)));
         std::filesystem::remove(folder / "tokens");
     }
@@ -271,11 +251,8 @@ TEST_F(GatewayNetwork, SaysWhatItCanNotServeWith) {
 
 TEST_F(GatewayNetwork, HasItsSettingsCheckedWithTheirLine) {
     const std::string tls = R"(,"certificateFile":"/c")";
-    const struct {
-        std::string listen;
-        std::string more;
-        const char* complaint;  // empty: none
-    } rows[] = {
+    // The complaint is empty where there is none.
+    const std::tuple<std::string, std::string, const char*> rows[]{
         {"127.0.0.1:80", "", ""},
         {"[::1]:65535", "", ""},
         {"0.0.0.0:80", tls + R"(,"privateKeyFile":"/k")", ""},
@@ -294,17 +271,17 @@ TEST_F(GatewayNetwork, HasItsSettingsCheckedWithTheirLine) {
         {"localhost:80", "", "it must be an address with its port"},
         {"::1:80", "", "it must be an address with its port"},
     };
-    for (const auto& row : rows) {
-        const std::string tokens = row.more.find("tokenFile") == std::string::npos ? R"(,"tokenFile":"/t")" : "";
+    for (const auto& [listen, more, complaint] : rows) {
+        const std::string tokens = more.find("tokenFile") == std::string::npos ? R"(,"tokenFile":"/t")" : "";
         const auto file = folder.Write("graph.json", R"({"libraries":["libNodeGateway.so"],"nodes":[{"name":"Gateway",)"
                                                      "\"class\":\"ZNodeGateway\",\"config\":{\n\"listen\":\"" +
-                                                         row.listen + '"' + tokens + row.more + "}}]}");
+                                                         listen + '"' + tokens + more + "}}]}");
         const auto output = folder / "output";
         const std::string command =
             std::string(ARBORD) + " --check --graph " + file.string() + " > " + output.string() + " 2>&1";
-        EXPECT_EQ(std::system(command.c_str()) == 0, *row.complaint == '\0') << row.listen << ReadText(output);
-        EXPECT_THAT(ReadText(output), HasSubstr(row.complaint)) << row.listen;
-        EXPECT_EQ(ReadText(output).find(file.string() + ":2: ") != std::string::npos, *row.complaint != '\0');
+        EXPECT_EQ(std::system(command.c_str()) == 0, *complaint == '\0') << listen << ReadText(output);
+        EXPECT_THAT(ReadText(output), HasSubstr(complaint)) << listen;
+        EXPECT_EQ(ReadText(output).find(file.string() + ":2: ") != std::string::npos, *complaint != '\0');
     }
 }
 
@@ -339,7 +316,7 @@ TEST_F(GatewayNetwork, StreamsEventsAndKnowsWhenAListenerHasGone) {
     EXPECT_TRUE(client->WaitFor("\"percent\":35"));
     client->Send("what is not asked for");
     client.reset();
-    EXPECT_TRUE(WaitUntil([&] { return HasListeners(0); }));
+    EXPECT_TRUE(WaitUntil([&] { return HasNoListeners(); }));
     RawClient last(port, request);
     EXPECT_TRUE(last.WaitFor(": live"));
     RawClient half(port, "GET /v1/st");
@@ -357,7 +334,7 @@ TEST_F(GatewayNetwork, StreamsEventsAndKnowsWhenAListenerHasGone) {
     }
     EXPECT_TRUE(encrypted->WaitFor("\"percent\":99"));
     encrypted.reset();
-    EXPECT_TRUE(WaitUntil([&] { return HasListeners(0); }));
+    EXPECT_TRUE(WaitUntil([&] { return HasNoListeners(); }));
     TlsClient stalled(port);
     stalled.Send(request);
     EXPECT_TRUE(stalled.WaitFor(": live"));
@@ -365,7 +342,7 @@ TEST_F(GatewayNetwork, StreamsEventsAndKnowsWhenAListenerHasGone) {
         for (int count = 0; count < 20; ++count) {
             PublishProgress(count, large + large + large + large);
         }
-        return HasListeners(0);
+        return HasNoListeners();
     })) << "a listener that takes nothing";
     EXPECT_FALSE(TlsClient(port).failure);
 }
@@ -382,19 +359,13 @@ TEST_F(GatewayNetwork, SlowsDownWhoeverGuessesAndServesOthersMeanwhile) {
         EXPECT_THAT(AskAs(kLooker, "/v1/log", ""), StartsWith("HTTP/1.1 200"));
         for (const auto& client : clients) {
             client->ReadAll();
-            EXPECT_THAT(client->Received(), testing::MatchesRegex("HTTP/1.1 4(01|29) .*"));
+            EXPECT_THAT(client->Received(), MatchesRegex("HTTP/1.1 4(01|29) .*"));
             refused = client->Received().starts_with("HTTP/1.1 429") ? client->Received() : refused;
         }
         return !refused.empty();
     }));
     EXPECT_THAT(refused, HasSubstr("Retry-After: 1"));
-    EXPECT_EQ(
-        std::ranges::count_if(log.Lines(),
-                              [](const auto& line) {
-                                  return line.text.find("Somebody at 127.0.0.1 asked with a token that is not known") !=
-                                         std::string::npos;
-                              }),
-        1);
+    EXPECT_EQ(log.Count("Somebody at 127.0.0.1 asked with a token that is not known"), 1);
 }
 
 TEST_F(GatewayNetwork, BoundsWhatStrangersHold) {

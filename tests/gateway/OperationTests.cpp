@@ -6,29 +6,22 @@
 
 #include "GatewayFixture.h"
 #include "NodeBase/ZOperation.h"
-#include "ZNodeJournal.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-using testing::Not;
-
-constexpr auto kClient = ZEndpointType::ClientRequest;
-constexpr auto kService = ZEndpointType::GraphService;
+using namespace testing;
 
 /// The gateway with a real journal beside it.
 class GatewayJobs : public Gateway {
 protected:
-    bool StartWithJournal(const std::string& settings = "") {
-        const auto record = ZMakeShared<ZNodeJournalCfg>("Journal");
-        record->m_DatabaseFile = ToZString((folder / "journal.sqlite").string());
-        return Start(settings) && graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal");
-    }
+    bool StartWithJournal(const std::string& settings = "") { return Start(settings) && StartJournal(); }
     std::shared_ptr<ZOperation> Begin(ZOperationKind kind, const char* file = "") {
         return probe->BeginOperation({.kind = kind, .file = file});
     }
     std::string Status() { return Get("/v1/status").body; }
+    bool WaitForStatus(const char* part) {
+        return WaitUntil([&] { return Status().find(part) != std::string::npos; });
+    }
 };
 
 std::string Asker() {
@@ -87,14 +80,11 @@ TEST_F(GatewayJobs, ServesTheHistory) {
         const auto message = ZMakeShared<ZOperationMsg>();
         message->m_Id = id;
         message->m_State = ZOperationState::Lost;
-        probe->Publish(probe->GetEndpoint(kService, "operation", 0), message);
+        probe->Tell("operation", message);
     }
     const std::string id = ToStdString(failed->Id());
-    const struct {
-        std::string path;
-        int status;
-        const char* told;  // a part of the answer
-    } rows[] = {
+    // What is told is a part of the answer.
+    const std::tuple<std::string, int, const char*> rows[]{
         {"", 200, R"("id":"twin0002")"},
         {"?kind=INSTALL&state=open", 200, R"("file":"2.pkg")"},
         {"?state=failed&since=1&node=probe&limit=1", 200, R"("reason":"the signer is unknown")"},
@@ -114,10 +104,10 @@ TEST_F(GatewayJobs, ServesTheHistory) {
         {"?limit=1001", 400, R"("field":"limit")"},
         {"?before=x", 400, R"("field":"before")"},
     };
-    for (const auto& row : rows) {
-        const Reply reply = Get("/v1/operations" + row.path);
-        EXPECT_EQ(reply.status, row.status) << row.path << reply.body;
-        EXPECT_THAT(reply.body, HasSubstr(row.told)) << row.path;
+    for (const auto& [path, status, told] : rows) {
+        const Reply reply = Get("/v1/operations" + path);
+        EXPECT_EQ(reply.status, status) << path << reply.body;
+        EXPECT_THAT(reply.body, HasSubstr(told)) << path;
     }
     EXPECT_EQ(Post("/v1/operations", "{}").status, 405);
     EXPECT_EQ(Post("/v1/operations/" + id, "{}").status, 405);
@@ -133,22 +123,17 @@ TEST_F(GatewayJobs, TellsEveryChangeOfAJobAndCountsItsEnd) {
     first->Tell("Install", "writing", 44);
     first->Cancel("by alice");
     ASSERT_TRUE(listener.WaitFor("by alice")) << listener.Received();
-    EXPECT_THAT(listener.Received(),
-                testing::MatchesRegex(".*event: operation\n[^\n]*\n[^\n]*\"state\":\"Queued\".*"
-                                      "event: operation\n[^\n]*\n[^\n]*\"state\":\"Running\".*"
-                                      "event: operation\n[^\n]*\n[^\n]*\"percent\":44.*"
-                                      "event: operation\n[^\n]*\n[^\n]*\"state\":\"Cancelled\".*"));
-    std::string metrics;
-    EXPECT_TRUE(WaitUntil([&] {
-        metrics = Get("/v1/metrics").body;
-        return metrics.find("\narbor_operations_total{kind=\"Install\",state=\"Cancelled\"} 1\n") != std::string::npos;
-    })) << metrics;
-    EXPECT_THAT(metrics, AllOf(HasSubstr("\narbor_operations_open{kind=\"Install\"} 1\n"),
-                               HasSubstr("\narbor_operations_open{kind=\"Check\"} 0\n"),
-                               HasSubstr("\narbor_update_in_progress 1\n")));
+    EXPECT_THAT(listener.Received(), MatchesRegex(".*event: operation\n[^\n]*\n[^\n]*\"state\":\"Queued\".*"
+                                                  "event: operation\n[^\n]*\n[^\n]*\"state\":\"Running\".*"
+                                                  "event: operation\n[^\n]*\n[^\n]*\"percent\":44.*"
+                                                  "event: operation\n[^\n]*\n[^\n]*\"state\":\"Cancelled\".*"));
+    for (const char* sample :
+         {R"(arbor_operations_total{kind="Install",state="Cancelled"} 1)", R"(arbor_operations_open{kind="Install"} 1)",
+          R"(arbor_operations_open{kind="Check"} 0)", "arbor_update_in_progress 1"}) {
+        ExpectMetric(sample);
+    }
     second->Succeed();
-    EXPECT_TRUE(
-        WaitUntil([&] { return Get("/v1/metrics").body.find("\narbor_update_in_progress 0\n") != std::string::npos; }));
+    ExpectMetric("arbor_update_in_progress 0");
 }
 
 TEST_F(GatewayJobs, TellsTheStateWithoutQuestionsThatLeaveLogLines) {
@@ -172,7 +157,7 @@ TEST_F(GatewayJobs, TellsTheStateWithoutQuestionsThatLeaveLogLines) {
     for (int count = 0; count < 1100; ++count) {
         checks.push_back(Begin(ZOperationKind::Check));
     }
-    EXPECT_TRUE(WaitUntil([&] { return Status().find(R"("updateInProgress":true)") != std::string::npos; }));
+    EXPECT_TRUE(WaitForStatus(R"("updateInProgress":true)"));
     for (const auto& check : checks) {
         check->LeaveOpen();
     }
@@ -188,13 +173,13 @@ TEST_F(GatewayJobs, TellsTheStateWithoutQuestionsThatLeaveLogLines) {
         EXPECT_THAT(status, HasSubstr(part));
     }
     install->Succeed();
-    EXPECT_TRUE(WaitUntil([&] { return Status().find(R"("updateInProgress":false)") != std::string::npos; }));
+    EXPECT_TRUE(WaitForStatus(R"("updateInProgress":false)"));
     Begin(ZOperationKind::Install)->Fail("no power");
     const auto newest = Begin(ZOperationKind::Install);  // open: not the last that has ended
-    EXPECT_TRUE(WaitUntil([&] { return Status().find(R"("updateInProgress":true)") != std::string::npos; }));
-    EXPECT_THAT(Status(), testing::ContainsRegex(R"re("lastInstall":\{[^{}]*"reason":"no power")re"));
+    EXPECT_TRUE(WaitForStatus(R"("updateInProgress":true)"));
+    EXPECT_THAT(Status(), ContainsRegex(R"re("lastInstall":\{[^{}]*"reason":"no power")re"));
     newest->Succeed();
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
 }
 
 }  // namespace

@@ -10,25 +10,17 @@
 
 #include "GatewayFixture.h"
 #include "NodeBase/ZOperation.h"
-#include "ZNodeJournal.h"
 #include "ZShared/ZUnixAddress.h"
 
 namespace {
 
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 namespace json = boost::json;
-
-constexpr auto kClient = ZEndpointType::ClientRequest;
-constexpr auto kDevice = ZEndpointType::DeviceRequest;
 
 class GatewayOrders : public Gateway {
 protected:
     void StartWithJournal() {
-        ASSERT_TRUE(Start()) << error;
-        const auto record = ZMakeShared<ZNodeJournalCfg>("Journal");
-        record->m_DatabaseFile = ToZString((folder / "journal.sqlite").string());
-        ASSERT_TRUE(graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal"));
+        ASSERT_TRUE(Start() && StartJournal()) << error;
         probe->Listen(kClient, "updatesystem", [this](const std::shared_ptr<ZMessage>& request) {
             const auto update = cast_shared<ZSystemUpdateMsg>(request);
             if (update->m_Version.empty()) {
@@ -81,9 +73,7 @@ protected:
         return {std::move(connection), child};
     }
     static void Forget(const ZFileDescriptor& connection, const std::string& file) {
-        const std::string body = R"({"file":")" + file + "\"}";
-        const std::string text =
-            "POST /v1/forget HTTP/1.0\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        const std::string text = PostText("/v1/forget", R"({"file":")" + file + "\"}");
         EXPECT_EQ(::send(connection.Get(), text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
         std::array<char, 4096> answer{};
         EXPECT_GT(::recv(connection.Get(), answer.data(), answer.size(), 0), 0);
@@ -101,8 +91,8 @@ TEST_F(GatewayOrders, AreWrittenDownWithWhoGaveThemAndWhatBecameOfThem) {
     Post("/v1/transfer", R"({"version":"3.\n046"})");
     Post("/v1/pair", R"({"publicKey":7})");
     Post("/v1/findupdates", "{}");  // a question is no order
-    EXPECT_THAT(Told(), testing::ElementsAre(
-                            StartsWith("pair  -"), R"(transfer 3.\n046 -No node of this graph serves "transfer")",
+    EXPECT_THAT(Told(),
+                ElementsAre(StartsWith("pair  -"), R"(transfer 3.\n046 -No node of this graph serves "transfer")",
                             StartsWith("scan /etc/passwd -/etc/passwd is neither"),
                             StartsWith(R"(newFile /tmp evil.pkg -"newFile" is a message between nodes)"),
                             "updatesystem  -an install is under way", "updatesystem 3.046 reboot +"));
@@ -140,7 +130,7 @@ TEST_F(GatewayOrders, AreNotToldForEachPieceOfAFile) {
         Post("/v1/upload", R"({"className":"ZFileWriteMsg","filePath":"a.pkg","data":")" + std::string(data) + "\"}");
     }
     Post("/v1/upload", R"({"className":"ZFileCloseMsg","filePath":"a.pkg"})");
-    EXPECT_THAT(Told(), testing::ElementsAre("upload a.pkg -no space left", "upload a.pkg +"));
+    EXPECT_THAT(Told(), ElementsAre("upload a.pkg -no space left", "upload a.pkg +"));
 }
 
 TEST_F(GatewayOrders, NameTheProcessAsItIsOrSayThatItHasGone) {

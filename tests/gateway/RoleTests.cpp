@@ -1,25 +1,17 @@
 // Who may do what: groups as the kernel tells them of whoever connects.
 
 #include <grp.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
-#include <thread>
+#include <numeric>
 
 #include "GatewayFixture.h"
 #include "NodeBase/ZOperation.h"
-#include "ZNodeJournal.h"
 
 namespace {
 
-using testing::AllOf;
-using testing::HasSubstr;
-
-constexpr auto kClient = ZEndpointType::ClientRequest;
-constexpr auto kService = ZEndpointType::GraphService;
+using namespace testing;
 
 // Users and groups that every system has.
-constexpr uid_t kNobody = 65534;
 constexpr uid_t kDaemon = 1;
 constexpr const char* kLook = "users";
 constexpr const char* kOperate = "games";
@@ -30,33 +22,10 @@ gid_t Id(const char* group) {
     return ::getgrnam(group)->gr_gid;
 }
 
-struct Identity {
-    uid_t user = kNobody;
-    std::vector<gid_t> groups;  // supplementary ones
-    gid_t group = kNobody;
-};
-
-/// Runs `work` on a thread that the kernel takes for somebody else's: a thread may have an identity of its own.
-void As(const Identity& identity, const std::function<void()>& work) {
-    std::thread([&] {
-        EXPECT_EQ(::syscall(SYS_setgroups, identity.groups.size(), identity.groups.data()), 0);
-        EXPECT_EQ(::syscall(SYS_setresgid, -1, identity.group, -1), 0);
-        EXPECT_EQ(::syscall(SYS_setresuid, -1, identity.user, -1), 0);
-        work();
-    }).join();
-}
-
-class GatewayRoles : public Gateway {
+class GatewayRoles : public GatewayOfUsers {
 protected:
-    void SetUp() override {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root can be somebody else too";
-        }
-        Gateway::SetUp();
-        std::filesystem::permissions(folder.Path(), std::filesystem::perms(0755));
-    }
     void StartFor(const std::string& groups) {
-        ASSERT_TRUE(Start(R"("socketMode":"0666")" + (groups.empty() ? "" : "," + groups))) << error;
+        ASSERT_TRUE(StartForAll(groups)) << error;
         for (const char* keyword : {"findupdates", "updatesystem"}) {
             probe->Listen(kClient, keyword, [](const auto&) { return Made("ZVersionInfoMsg"); });
         }
@@ -88,11 +57,7 @@ protected:
 };
 
 TEST_F(GatewayRoles, BelongToGroupsAndIncludeEachOther) {
-    const struct {
-        const char* settings;
-        Identity who;
-        const char* roles;
-    } rows[] = {
+    const std::tuple<const char*, Identity, const char*> rows[]{
         {"", {}, "loa"},
         {kAllGroups, {}, ""},
         {kAllGroups, {kNobody, {Id(kLook)}}, "l"},
@@ -108,19 +73,17 @@ TEST_F(GatewayRoles, BelongToGroupsAndIncludeEachOther) {
         {R"("lookGroup":"users")", {kNobody, {Id(kLook)}}, "loa"},
         {R"("lookGroup":"users","administerGroup":"audio")", {kNobody, {Id(kLook)}}, "lo"},
     };
-    for (const auto& row : rows) {
+    for (const auto& [settings, who, roles] : rows) {
         graph.reset();
-        StartFor(row.settings);
-        EXPECT_EQ(RolesOf(row.who), row.roles) << row.settings << " user " << row.who.user;
+        StartFor(settings);
+        EXPECT_EQ(RolesOf(who), roles) << settings << " user " << who.user;
     }
 }
 
 TEST_F(GatewayRoles, AreTakenWhenSomebodyConnectsOutOfManyGroups) {
     StartFor(kAllGroups);
-    std::vector<gid_t> many;
-    for (gid_t group = 100'000; group < 100'300; ++group) {
-        many.push_back(group);
-    }
+    std::vector<gid_t> many(300);
+    std::iota(many.begin(), many.end(), 100'000);
     EXPECT_EQ(RolesOf({kNobody, many}), "");
     many.push_back(Id(kOperate));
     EXPECT_EQ(RolesOf({kNobody, many}), "lo");
@@ -128,10 +91,10 @@ TEST_F(GatewayRoles, AreTakenWhenSomebodyConnectsOutOfManyGroups) {
     std::unique_ptr<RawClient> client;
     As({kNobody, {Id(kLook)}}, [&] { client = std::make_unique<RawClient>(socket, ""); });
     As({kNobody, {Id(kAdminister)}}, [&] {
-        client->Send("POST /v1/updatesystem HTTP/1.0\r\nContent-Length: 2\r\n\r\n{}");
-        client->ReadAll();
+        client->Send(PostText("/v1/updatesystem", "{}"));
+        EXPECT_TRUE(client->WaitFor("\r\n\r\n"));
     });
-    EXPECT_THAT(client->Received(), testing::StartsWith("HTTP/1.1 403"));
+    EXPECT_TRUE(client->Says("403")) << client->Received();
 }
 
 TEST_F(GatewayRoles, AreNamedInARefusalWithTheGroupAndWhoAsked) {
@@ -153,7 +116,7 @@ TEST_F(GatewayRoles, AreNamedInARefusalWithTheGroupAndWhoAsked) {
         SendAs(looker, "POST", "/v1/updatesystem");
     }
     EXPECT_EQ(log.Lines().size(), before) << "the same refusal fills the log";
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
 }
 
 TEST_F(GatewayRoles, LetAnOperatorEndJobsOfHisOwnOnly) {
@@ -162,14 +125,9 @@ TEST_F(GatewayRoles, LetAnOperatorEndJobsOfHisOwnOnly) {
     const std::string nobodyKnows = R"({"id":"0123456789abcdef"})";
     EXPECT_THAT(SendAs(operating, "POST", "/v1/cancel", nobodyKnows).Text("detail"),
                 HasSubstr("nobody tells who asked"));
-    const auto record = ZMakeShared<ZNodeJournalCfg>("Journal");
-    record->m_DatabaseFile = ToZString((folder / "journal.sqlite").string());
-    ASSERT_TRUE(graph->AddNode("ZNodeJournal", "Journal", record) && graph->StartNode("Journal"));
+    ASSERT_TRUE(StartJournal());
     const auto begin = [&](const char* asker) {
-        ZOperationSubject subject;
-        subject.kind = ZOperationKind::Install;
-        subject.asker = asker;
-        return probe->BeginOperation(subject);
+        return probe->BeginOperation({.kind = ZOperationKind::Install, .asker = asker});
     };
     const auto cancel = [&](const Identity& who, const std::string& id) {
         return SendAs(who, "POST", "/v1/cancel", R"({"id":")" + id + "\"}");

@@ -7,10 +7,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using testing::HasSubstr;
-using testing::Not;
-
-constexpr auto kService = ZEndpointType::GraphService;
+using namespace testing;
 
 /// The gateway of a device with an updates folder and two drives, one of them reached by a link.
 class GatewayScan : public Gateway {
@@ -52,19 +49,16 @@ protected:
 
 TEST_F(GatewayScan, HasFilesAndDrivesLookedAtWhereOneWouldLookAnyway) {
     StartWithDrives();
-    const struct {
-        std::string path;
-        std::string told;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[]{
         {"updates/a.pkg", "updates/a.pkg"}, {"usb1/a.pkg", "usb1/a.pkg"}, {"usb1//./deep/b.pkg", "usb1/deep/b.pkg"},
         {"usb2/d.pkg", "usb2/d.pkg"},       {"disk/d.pkg", "usb2/d.pkg"}, {"in.pkg", "usb1/a.pkg"},
     };
     std::size_t count = 0;
-    for (const auto& row : rows) {
-        const Reply reply = Scan((folder / row.path).string());
-        EXPECT_EQ(reply.status, 202) << row.path << reply.body;
+    for (const auto& [path, told] : rows) {
+        const Reply reply = Scan((folder / path).string());
+        EXPECT_EQ(reply.status, 202) << path << reply.body;
         EXPECT_EQ(reply.Text("operationId").size(), 16U) << reply.body;
-        EXPECT_EQ(Told(++count), (folder / row.told).string());
+        EXPECT_EQ(Told(++count), (folder / told).string());
         EXPECT_EQ(probe->Received().back()->Origin()->operationId, reply.Text("operationId"));
     }
     for (const char* drive : {"usb1", "usb2", "usb1/"}) {
@@ -76,10 +70,7 @@ TEST_F(GatewayScan, HasFilesAndDrivesLookedAtWhereOneWouldLookAnyway) {
 
 TEST_F(GatewayScan, RefusesEveryOtherPathAndSaysWhy) {
     StartWithDrives();
-    const struct {
-        std::string path;
-        std::string reason;
-    } rows[] = {
+    const std::pair<std::string, std::string> rows[]{
         {(folder / "e.pkg").string(), "is neither on a drive"},
         {(folder / "usb1/../e.pkg").string(), "is neither on a drive"},
         {(folder / "usb1/out.pkg").string(), "leads to another place"},
@@ -94,13 +85,13 @@ TEST_F(GatewayScan, RefusesEveryOtherPathAndSaysWhy) {
         {"", "absolute path"},
         {"/proc/self/cwd\\u0000/a", "absolute path"},
     };
-    for (const auto& row : rows) {
-        const Reply reply = Scan(row.path);
-        EXPECT_EQ(reply.status, 403) << row.path;
-        EXPECT_THAT(reply.Text("detail"), HasSubstr(row.reason));
+    for (const auto& [path, reason] : rows) {
+        const Reply reply = Scan(path);
+        EXPECT_EQ(reply.status, 403) << path;
+        EXPECT_THAT(reply.Text("detail"), HasSubstr(reason));
         EXPECT_EQ(reply.Text("field"), "path");
     }
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
 }
 
 TEST_F(GatewayScan, NeedsNoStorageNodeForTheUpdatesFolder) {
@@ -130,7 +121,7 @@ TEST_F(GatewayScan, KeepsWhatNodesTellEachOtherFromPeople) {
         EXPECT_THAT(reply.Text("detail"), HasSubstr("arborctl "));
     }
     EXPECT_EQ(closed, 4U);
-    EXPECT_THAT(probe->Received(), testing::IsEmpty());
+    EXPECT_THAT(probe->Received(), IsEmpty());
     EXPECT_THAT(log.All(), HasSubstr("was refused \"newFile\""));
 }
 
@@ -139,9 +130,7 @@ TEST_F(GatewayScan, OpensThemInDeveloperModeAndSaysSoAtTheStart) {
     EXPECT_THAT(log.All(), Not(HasSubstr("developerMode")));
     graph.reset();
     ASSERT_TRUE(Start(R"("developerMode":true)"));
-    EXPECT_TRUE(std::ranges::any_of(log.Lines(), [](const auto& line) {
-        return line.level == 3 && line.text.find("\"developerMode\" is on") != std::string::npos;
-    })) << log.All();
+    EXPECT_EQ(log.Count("\"developerMode\" is on", 3), 1) << log.All();
     EXPECT_THAT(Get("/v1/status").body, HasSubstr(R"("developerMode":true)"));
     EXPECT_THAT(Get("/v1/openapi.json").body, HasSubstr("/v1/newFile"));
     probe->Listen(kService, "newFile");

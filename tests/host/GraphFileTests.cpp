@@ -4,8 +4,7 @@
 #include "ArbordProcess.h"
 
 namespace json = boost::json;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace testing;
 
 namespace {
 
@@ -23,10 +22,7 @@ std::string Check(const std::filesystem::path& file) {
 
 TEST(GraphFile, ErrorsNameFileLineAndKey) {
     // "@" stands for the nodes and libraries of a good file, on one line.
-    const struct {
-        std::string text;
-        std::vector<std::string> errors;
-    } cases[] = {
+    const std::pair<std::string, std::vector<std::string>> cases[]{
         {"", {":1: this is no JSON: incomplete JSON"}},
         {"{\n\n \"core\": ! }", {":3: this is no JSON: "}},
         {"{@}\n{}", {":2: there is more text behind the document's end"}},
@@ -95,13 +91,14 @@ TEST(GraphFile, ErrorsAreToldAllAtOnce) {
     "required": false,
     "config": {
       "ArchiveDir": "../x",
-      "ProgressPath": "/etc/passwd" } },
-  { "name": "Files", "class": "ZNodeFileIO", "config": { "idleSeconds": 0,
+      "ProgressPath": "/etc/passwd", "ProgressPort": 70000 } },
+  { "name": "Files", "class": "ZNodeFileIO", "config": { "idleSeconds": 0, "maxOpenFiles": 257,
       "roots": [ "/srv/a", "b", "/var/lib/dpkg" ] } },
   { "name": "Gateway", "class": "ZNodeGateway", "config": { "socketPath": "gateway.sock",
       "socketMode": "0999" } },
   { "name": "Link", "class": "ZNodePeer", "config": { "keyFile": "/k", "pinsFile": "/p",
-      "listen": "nonsense" } } ] })");
+      "listen": "nonsense" } },
+  { "name": "Storage", "class": "ZNodeStorage", "config": { "excludedRoots": [ "media/own" ] } } ] })");
     const std::string output = Check(file);
     EXPECT_THAT(output, StartsWith("1\n"));
     for (const char* error :
@@ -112,12 +109,15 @@ TEST(GraphFile, ErrorsAreToldAllAtOnce) {
           ":11: nodes[0]: \"required\" is false; without a ZNodeArborInstall nothing is updated",
           ":13: nodes[0].config: \"ArchiveDir\" is \"../x\"; it must be a folder below the device's mount point",
           ":14: nodes[0].config: \"ProgressPath\" is \"/etc/passwd\"; it must be a file's name",
+          ":14: nodes[0].config: \"ProgressPort\" is ",
           ":15: nodes[1].config: \"idleSeconds\" is 0; it must be a number from 1 to 3600",
+          ":15: nodes[1].config: \"maxOpenFiles\" is 257; it must be a number from 1 to 256",
           ":16: nodes[1].config: \"roots\" is \"b\"; it must be an absolute path",
           ":16: nodes[1].config: \"roots\" is \"/var/lib/dpkg\"; it must be a folder of its own",
           ":17: nodes[2].config: \"socketPath\" is \"gateway.sock\"; it must be an absolute path",
           ":18: nodes[2].config: \"socketMode\" is \"0999\"; it must be a text of octal permission bits",
-          ":20: nodes[3].config: \"listen\" is \"nonsense\"; it must be an address such as tcp://*:5700"}) {
+          ":20: nodes[3].config: \"listen\" is \"nonsense\"; it must be an address such as tcp://*:5700",
+          ":21: nodes[4].config: \"excludedRoots\" is \"media/own\"; it must be an absolute path"}) {
         EXPECT_THAT(output, HasSubstr(file.string() + error));
     }
 }
@@ -126,15 +126,14 @@ TEST(GraphFile, KeepsTheUpdatesFolderAwayFromWhatIsNeeded) {
     const TemporaryFolder folder;
     std::filesystem::create_directories(folder / "state/updates");
     std::filesystem::create_directory_symlink("/etc", folder / "link");
-    const struct {
-        std::string updates;
-        const char* refusal;
-    } cases[] = {{"/", "must be a folder of its own"},
-                 {"/var/lib/../lib/", "must be a folder of its own"},
-                 {(folder / "link").string(), "it belongs to the system"},
-                 {folder.Path().string(), "it holds "},
-                 {"/dev/shm", "must be a folder of its own"},
-                 {(folder / "state/updates").string(), "no errors, nodes: 1"}};
+    const std::pair<std::string, const char*> cases[]{
+        {"/", "must be a folder of its own"},
+        {"/var/lib/../lib/", "must be a folder of its own"},
+        {(folder / "link").string(), "it belongs to the system"},
+        {folder.Path().string(), "it holds "},
+        {"/dev/shm", "must be a folder of its own"},
+        {(folder / "state/updates").string(), "no errors, nodes: 1"},
+    };
     const auto keys = folder.Write("keys.json", R"({ "core": { "updatesFolder": ")" + (folder / "state").string() +
                                                     R"(" }, "libraries": [ "libNodePeer.so" ], "nodes": [
         { "name": "Link", "class": "ZNodePeer", "config": { "pinsFile": "/p",

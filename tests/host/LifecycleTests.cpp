@@ -132,11 +132,7 @@ TEST(Arbord, EndsAtTheThirdSignalThoughItsOutputBlocks) {
 }
 
 TEST(Arbord, AnswersACommandLineWithoutAGraph) {
-    const struct {
-        std::vector<std::string> arguments;
-        int exit;
-        const char* output;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, int, const char*> cases[]{
         {{"--version"}, 0, "arbord 3."}, {{}, 2, "--graph is required"}, {{"--graph", "x", "--typo"}, 2, "--typo"}};
     for (const auto& [arguments, exit, output] : cases) {
         ArbordProcess arbord(arguments);

@@ -44,10 +44,6 @@ private:
     const std::size_t m_before = Row("VmRSS:");
 };
 
-std::ptrdiff_t CountLines(const LogCapture& log, const std::string& text) {
-    return std::ranges::count_if(log.Lines(), [&](const auto& line) { return line.text.find(text) != line.text.npos; });
-}
-
 /// Many connections at once, each of which greets as the protocol wants it, announces a long frame and sends it.
 class Strangers {
 public:
@@ -150,7 +146,7 @@ TEST_F(LinkBounds, StrangersCostLittleAreToldOfOnceAndKeepNobodyOut) {
     EXPECT_TRUE(WaitUntil([&] { return strangers.SendOn(); }));
     joining.join();
     EXPECT_LT(growth.Bytes(), kMostAboveIdle);
-    const auto told = CountLines(m_log, "127.0.0.1");
+    const auto told = m_log.Count("127.0.0.1");
     // Each kind once, and once more after the pins have changed; and where the device listens.
     EXPECT_TRUE(told >= 1 && told <= 10) << m_log.All();
 }
@@ -167,7 +163,7 @@ TEST_F(LinkBounds, APairedDeviceThatNeverEndsAMessageIsCutOffAndToldOfOnce) {
         EXPECT_TRUE(attacker.IsCutOff()) << m_log.All();
         EXPECT_LT(growth.Bytes(), kMostAboveIdle);
     }
-    EXPECT_EQ(1, CountLines(m_log, "a message is too long")) << m_log.All();
+    EXPECT_EQ(1, m_log.Count("a message is too long")) << m_log.All();
     EXPECT_TRUE(m_cart.IsConnectedTo(m_palm.Key()));
 }
 
@@ -177,12 +173,12 @@ TEST_F(LinkBounds, APairedDeviceThatFloodsDoesNotFillTheLog) {
     ASSERT_EQ("", m_cart.Pair(keys->publicKey));
     Attacker attacker(m_port, m_cart.Key(), m_attackerKey, "rubbish");
     ASSERT_TRUE(attacker.IsConnected());
-    EXPECT_TRUE(WaitUntil([&] { return CountLines(m_log, "is dropped") >= 1; })) << m_log.All();
+    EXPECT_TRUE(WaitUntil([&] { return m_log.Count("is dropped") >= 1; })) << m_log.All();
     Join(m_cart, m_port, m_palm);
     for (int round = 0; round < 50; ++round) {
         EXPECT_TRUE(m_cart.IsConnectedTo(m_palm.Key()));
     }
-    EXPECT_EQ(1, CountLines(m_log, "is dropped"));
+    EXPECT_EQ(1, m_log.Count("is dropped"));
 }
 
 }  // namespace

@@ -8,8 +8,7 @@ namespace {
 
 using Kind = LinkPolicy::Order::Kind;
 using std::chrono::milliseconds;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 /// An order without what the tests do not look at.
 using Said = std::pair<Kind, LinkPolicy::Id>;
@@ -111,11 +110,10 @@ TEST_F(Policy, ASilentDeviceIsProbedAndGivenUp) {
 
 TEST_F(Policy, APinnedDeviceIsCalledAgainLaterAndLater) {
     Pin("a", "tcp://10.0.0.1:1");
-    const struct {
-        LinkPolicy::End end;
-        int before;  // milliseconds until it is called again
-    } table[]{{LinkPolicy::End::Lost, 100}, {LinkPolicy::End::Lost, 200},    {LinkPolicy::End::Lost, 400},
-              {LinkPolicy::End::Lost, 400}, {LinkPolicy::End::Refused, 500}, {LinkPolicy::End::WrongDevice, 60'000}};
+    // How a call ended, and the milliseconds before the next one.
+    const std::pair<LinkPolicy::End, int> table[]{
+        {LinkPolicy::End::Lost, 100}, {LinkPolicy::End::Lost, 200},    {LinkPolicy::End::Lost, 400},
+        {LinkPolicy::End::Lost, 400}, {LinkPolicy::End::Refused, 500}, {LinkPolicy::End::WrongDevice, 60'000}};
     LinkPolicy::Id call = 1;
     EXPECT_THAT(After(milliseconds(0)), ElementsAre(Said{Kind::Call, call}));
     for (const auto& [end, before] : table) {

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <atomic>
-#include <csignal>
 #include <filesystem>
 #include <future>
 #include <thread>
@@ -338,10 +337,7 @@ TEST(LinkSettings, AreRefusedByNameWhenTheyCanNotBeUsed) {
     const TemporaryFolder folder;
     const std::string key = (folder / "key.json").string();
     const std::string pins = folder.Write("pins.json", R"({"peers":[{"publicKey":"none"}]})").string();
-    const struct {
-        std::string settings;
-        std::string said;
-    } rows[]{
+    const std::pair<std::string, std::string> rows[]{
         {"", R"("keyFile" is ""; it must be an absolute path whose variables are set)"},
         {R"("keyFile":"/tmp/a","pinsFile":"b")", R"("pinsFile" is "b"; it must be an absolute path)"},
         {R"("listen":"udp://*:1")", R"("listen" is "udp://*:1"; it must be an address such as tcp://*:5700)"},
@@ -350,14 +346,14 @@ TEST(LinkSettings, AreRefusedByNameWhenTheyCanNotBeUsed) {
         {R"("keyFile":")" + pins + R"(","pinsFile":"/b")", R"("keyFile": )" + pins},
         {R"("keyFile":")" + key + R"(","pinsFile":")" + pins + '"', R"("pinsFile": )" + pins},
     };
-    for (const auto& row : rows) {
+    for (const auto& [settings, said] : rows) {
         const LogCapture log;
         ZGraph graph(ZMakeShared<ZCoreConfigParams>());
         const auto record = ZMakeShared<ZNodePeerCfg>();
         ZJSONCommStream stream;
-        ASSERT_TRUE(record->Load(std::string_view("{" + row.settings + "}"), stream)) << stream.Error();
-        EXPECT_FALSE(graph.AddNode(ZNodePeer::kClassName, "Peer", record)) << row.settings;
-        EXPECT_THAT(log.All(), testing::HasSubstr("Peer can't be set up: " + row.said)) << row.settings;
+        ASSERT_TRUE(record->Load(std::string_view("{" + settings + "}"), stream)) << stream.Error();
+        EXPECT_FALSE(graph.AddNode(ZNodePeer::kClassName, "Peer", record)) << settings;
+        EXPECT_THAT(log.All(), testing::HasSubstr("Peer can't be set up: " + said)) << settings;
     }
 }
 

@@ -7,20 +7,12 @@
 // What is told about work on accessories is so, and no work stands in another's way.
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 
 class AccessoryJobs : public NodeFixture {
 protected:
-    AccessoryJobs() { m_path = std::getenv("PATH") == nullptr ? "" : std::getenv("PATH"); }
-    ~AccessoryJobs() override { ::setenv("PATH", m_path.c_str(), 1); }
-
-    void Program(const std::string& name, const std::string& script) {
-        folder.Write("bin/" + name, "#!/bin/sh\n" + script + "\n", 0755);
-        ::setenv("PATH", ((folder / "bin").string() + ":/usr/sbin:/usr/bin:/sbin:/bin").c_str(), 1);
-    }
     /// An accessory "P1" at 127.0.0.1 on which every command works; others are not found.
     void StartWithAccessory(const std::string& config) {
         InstallSystem("3.044");
@@ -30,14 +22,6 @@ protected:
         Program("ssh", ":");
         Program("rsync", ":");
         Start(R"("ProgressPort":)" + std::to_string(port) + (config.empty() ? "" : "," + config));
-    }
-    std::shared_ptr<ZVersionInfoMsg> InstallOn(const char* serialNumber) {
-        const auto request = Z_MAKE(ZSystemUpdateMsg);
-        request->m_Version = "3.044";
-        request->m_SerialNumber = serialNumber;
-        const auto answer =
-            cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
-        return answer ? cast_shared<ZVersionInfoMsg>(answer->m_Messages.front()) : nullptr;
     }
     /// Connects to the relay from that address of this machine.
     ZFileDescriptor Connect(const char* from) const {
@@ -64,9 +48,6 @@ protected:
     }
     /// Of this process alone, and below those that the kernel hands out: tests run beside each other.
     const std::uint16_t port = static_cast<std::uint16_t>(10'000 + ::getpid() % 20'000);
-
-private:
-    std::string m_path;
 };
 
 TEST_F(AccessoryJobs, FailWhenTheAccessoryFallsSilentAndOthersGoOn) {
@@ -143,19 +124,10 @@ TEST_F(AccessoryJobs, BuildForEachBoardAndSendNoneToAnother) {
                  "#!/bin/sh\ncd \"${0%/*}/..\"; [ $3 = lazy ] || echo for $3 > $5\n", 0755);
     Start();
     const auto check = [&](const char* board, ZDeviceModel model) {
-        const auto request = Z_MAKE(ZDeviceCompatibilityMsg);
-        request->m_Version = "3.010";
-        request->m_Board = board;
-        request->m_Model = model;
-        probe->Ask(ZEndpointType::GraphService, "checkCompatibility", request);
+        CheckFit("3.010", board, model);
         EXPECT_TRUE(WaitUntil([&] { return !Tables().BuildInProgress(); }));
     };
-    const auto transfer = [&](ZDeviceModel model) {
-        const auto request = Z_MAKE(TransferMsg);
-        request->m_Version = "3.044";
-        request->m_DeviceModel = model;
-        return cast_shared<ZVersionInfoMsg>(probe->Ask(ZEndpointType::DeviceRequest, "transfer", request));
-    };
+    const auto transfer = [&](ZDeviceModel model) { return Transfer("3.044", "", model); };
     check("verdin-imx8mm", ZDeviceModel::QMA);
     EXPECT_TRUE(log.Has(2, "Skipping build because we already have it")) << "the archive's is for that board";
     check("apalis-imx8", ZDeviceModel::QMB);
@@ -182,7 +154,7 @@ TEST_F(AccessoryJobs, BuildForEachBoardAndSendNoneToAnother) {
     });
     EXPECT_TRUE(transfer(ZDeviceModel::QMA)->m_bSuccess);
     EXPECT_TRUE(transfer(ZDeviceModel::QMB)->m_bSuccess);
-    EXPECT_THAT(sent, testing::ElementsAre("arbor_qm.pkg", "arbor_kite.pkg"));
+    EXPECT_THAT(sent, ElementsAre("arbor_qm.pkg", "arbor_kite.pkg"));
 }
 
 }  // namespace

@@ -9,10 +9,7 @@
 #include "NodeFixture.h"
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 
@@ -27,15 +24,7 @@ protected:
     }
 
     /// What the node says is there once it has checked the drive's file.
-    std::vector<std::string> Check(const std::string& name) {
-        const std::size_t before = probe->Received().size();
-        const auto update = Z_MAKE(FolderUpdateMsg);
-        update->m_Folder = ToZString(Drive().string());
-        update->m_FileName = ToZString(name);
-        probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "newFile", 0), update);
-        EXPECT_TRUE(probe->WaitForMessages(before + 1));
-        return Records(cast_shared<ZMessageArray>(probe->Received().back()));
-    }
+    std::vector<std::string> Check(const std::string& name) { return AnnounceFile(Drive() / name); }
     void ExpectGoodPackageWorks() {
         node->RemoveStorageDevices({ToZString(Drive().string())});
         Package("good.pkg", "3.045");
@@ -94,24 +83,6 @@ TEST_F(BadInput, InPlaceOfAPackageIsRefusedAndTheNextPackageWorks) {
     }
 }
 
-TEST_F(BadInput, OfAPackageThatHangsEndsWithTheTimeLimitAndTheNextPackageWorks) {
-    Start();
-    const auto limitCommandsTo = [](std::chrono::seconds time) { ZPlatform::Configure({{}, {}, {}, time}); };
-    const std::string stayed = (folder / "stayed").string();
-    for (const char* step : {"--version", "--verify"}) {
-        const LogCapture fresh;
-        std::ostringstream script;
-        script << "#!/bin/sh\n[ $1 = " << step << " ] || { echo 3.1; exit 0; }\necho $$ >> " << stayed
-               << "\nsleep 600 & wait\n";
-        const std::string file = folder.Write("drive/hangs.pkg", script.str(), 0755).string();
-        limitCommandsTo(std::chrono::seconds(1));
-        EXPECT_THAT(Check("hangs.pkg"), Contains(EndsWith(file + " rejected 7")));
-        EXPECT_THAT(fresh.All(), HasSubstr(": The command was ended after 1 s"));
-        limitCommandsTo(std::chrono::minutes(1));
-        ExpectGoodPackageWorks();
-    }
-}
-
 TEST_F(BadInput, InAManifestIsRefusedOrReadAsItStands) {
     fs::create_directory(folder / "Manifest.json");
     Start();
@@ -145,9 +116,7 @@ TEST_F(BadInput, InTheArchivesPlaceCostsTheArchiveOnly) {
     Start();
     EXPECT_TRUE(log.Has(4, "Filesystem exception for archive path <" + (folder / "mount/Archive").string() + ">"));
     ExpectGoodPackageWorks();
-    const auto request = Z_MAKE(ZSystemUpdateMsg);
-    request->m_Version = "3.045";
-    const auto answer = cast_shared<ZVersionInfoMsg>(AskClient("updatesystem", request));
+    const auto answer = AskForUpdate(UpdateTo("3.045"));
     ASSERT_TRUE(answer && !answer->m_bSuccess) << "its installer would run, and nobody see how far it is";
     EXPECT_THAT(ToStdString(answer->m_ErrorText), HasSubstr("progress: Too many levels of symbolic links"));
     EXPECT_TRUE(log.Has(4, "Unable to bind() socket: Too many levels of symbolic links"));

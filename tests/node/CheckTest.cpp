@@ -1,47 +1,23 @@
-#include <csignal>
 
 #include "NodeFixture.h"
 
 // Checks of package files: none waits for another, and what is offered can be installed.
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 
 class Checks : public NodeFixture {
 protected:
-    /// What could be installed, the newest first.
-    std::vector<std::string> Offered() {
-        return Records(cast_shared<ZMessageArray>(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg))));
-    }
     std::shared_ptr<ZInventoryMsg> Inventory() {
         return cast_shared<ZInventoryMsg>(
             probe->Ask(ZEndpointType::GraphService, "inventory", Z_MAKE(ZGenericRequestMsg)));
     }
-    void TellDrives(const std::vector<fs::path>& added, const std::vector<fs::path>& removed) {
-        const auto devices = Z_MAKE(StorageDevicesMsg);
-        for (const fs::path& drive : added) {
-            devices->m_AddedDevices.push_back(ToZString(drive.string()));
-        }
-        for (const fs::path& drive : removed) {
-            devices->m_RemovedDevices.push_back(ToZString(drive.string()));
-        }
-        probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0), devices);
-    }
-    void TellFile(const fs::path& file, bool bGone = false) {
-        const auto update = Z_MAKE(FolderUpdateMsg);
-        update->m_bGone = bGone;
-        update->m_Folder = ToZString(file.parent_path().string());
-        update->m_FileName = ToZString(file.filename().string());
-        probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "newFile", 0), update);
-    }
-    /// A package whose check never ends by itself; each one notes its process.
-    fs::path Hanging(const std::string& name) const {
-        return folder.Write(name, "#!/bin/sh\necho $$ >> " + (folder / "hanging").string() + "\nexec sleep 600\n",
-                            0755);
+    /// A package whose check never ends by itself, unless `script` ends it first; each one notes its process.
+    fs::path Hanging(const std::string& name, const std::string& script = "") const {
+        const std::string noted = (folder / "hanging").string();
+        return folder.Write(name, "#!/bin/sh\n" + script + "\necho $$ >> " + noted + "\nsleep 600 & wait\n", 0755);
     }
     std::vector<pid_t> HangingProcesses() const {
         std::vector<pid_t> alive;
@@ -84,13 +60,15 @@ TEST_F(Checks, EndAfterALimitOfTheirOwnAndByCancelling) {
     const auto refused = Inventory()->m_Refused.front();
     EXPECT_EQ(refused->m_File, ToZString(file.string()));
     EXPECT_THAT(ToStdString(refused->m_Reason), HasSubstr("ended after 1 s"));
+    TellFile(Hanging("drive/late.pkg", "[ $1 = --version ] && echo 3.1 && exit"));
+    EXPECT_TRUE(WaitForJobLike("Check late.pkg Failed: ")) << "its second step";
+    EXPECT_THAT(log.All(), HasSubstr(": The command was ended after 1 s"));
+    EXPECT_TRUE(WaitUntil([&] { return HangingProcesses().empty(); }));
     Restart();
     Start();
     TellFile(file);
     ASSERT_TRUE(WaitForJob("Check hangs.pkg Running"));
-    const auto cancel = Z_MAKE(ZCancelMsg);
-    cancel->m_Id = Jobs().back()->m_Id;
-    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "cancel", 0), cancel);
+    Cancel(Jobs().back()->m_Id);
     EXPECT_TRUE(WaitForJob("Check hangs.pkg Cancelled: cancelled by the device itself"));
     EXPECT_TRUE(Inventory()->m_Refused.empty()) << "nothing was found out about the file";
 }
@@ -115,9 +93,9 @@ TEST_F(Checks, OfADriveThatComesAndGoesLeaveNothingBehind) {
     EXPECT_TRUE(WaitUntil([&] {
         const auto all = Jobs();
         return std::ranges::none_of(all, [](const auto& job) { return job->IsOpen(); });
-    })) << testing::PrintToString(JobLines());
+    })) << PrintToString(JobLines());
     EXPECT_LE(most - before, 12) << "four checks, four actions, and what reaps and logs";
-    EXPECT_THAT(Offered(), testing::IsEmpty());
+    EXPECT_THAT(Offered(), IsEmpty());
 }
 
 TEST_F(Checks, KnowEveryPlaceOfAVersion) {
@@ -222,7 +200,7 @@ TEST_F(Checks, ForgetUploadsButNothingElse) {
                 fs::exists(Drive() / "g.pkg"));
     EXPECT_TRUE(forget("good.pkg"));
     EXPECT_FALSE(fs::exists(good));
-    EXPECT_THAT(Offered(), testing::IsEmpty());
+    EXPECT_THAT(Offered(), IsEmpty());
 }
 
 }  // namespace

@@ -14,9 +14,7 @@
 // What a person is told about an install is so, whatever becomes of it.
 
 namespace fs = std::filesystem;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace {
 
@@ -51,9 +49,7 @@ protected:
                                                   outcome + R"(","reason":")" + reason + R"(","bootId":")" + BootId() +
                                                   "\"}");
     }
-    std::shared_ptr<ZVersionInfoMsg> Ask(const char* version) {
-        return cast_shared<ZVersionInfoMsg>(AskClient("updatesystem", UpdateTo(version)));
-    }
+    std::shared_ptr<ZVersionInfoMsg> Ask(const char* version) { return AskForUpdate(UpdateTo(version)); }
 
 private:
     std::shared_ptr<ZOperationMsg> m_latest;
@@ -86,7 +82,7 @@ TEST_F(InstallLife, CountsItsOwnDocumentsOnly) {
     ASSERT_TRUE(probe->WaitForMessages(1));
     ::kill(first, SIGKILL);
     ASSERT_TRUE(WaitForJob("Install 3.045 Failed: the installer was ended by SIGKILL"));
-    ASSERT_TRUE(WaitUntil([&] { return !Tables().Relaying(); }));
+    ASSERT_TRUE(WaitForNoRelay());
     Begin("3.046");
     EXPECT_TRUE(earlier.IsCutOff()) << "what it says can't be taken for the next install's";
     Installer installer(socket);
@@ -98,12 +94,15 @@ TEST_F(InstallLife, IsSeenRightAfterOneThatCouldNotBeStarted) {
     const fs::path broken = Package("a.pkg", "3.040");
     Package("b.pkg", "3.045", 0, kLives);
     Start();
-    auto results = Z_MAKE(ZMessageArray);
-    node->ScanDrive(Drive(), results);
+    ScanDrive();
     fs::permissions(broken, fs::perms::owner_read);
     for (int round = 0; round < 5; ++round) {
-        EXPECT_FALSE(Ask("3.040")->m_bSuccess);
+        EXPECT_EQ(Ask("3.040")->m_ErrorCode, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
     }
+    EXPECT_TRUE(log.Has(2, "Software update command FAILURE"));
+    EXPECT_TRUE(log.Has(4, "Unable to start install process. Kill the progress action"));
+    EXPECT_TRUE(WaitForNoRelay());
+    EXPECT_FALSE(fs::exists(socket));
     ASSERT_TRUE(Ask("3.045")->m_bSuccess);
     Installer installer(socket);
     installer.Say(R"({"percent":50,"message":"seen"})");
@@ -114,17 +113,14 @@ TEST_F(InstallLife, IsSeenRightAfterOneThatCouldNotBeStarted) {
 }
 
 TEST_F(InstallLife, IsToldByTheEndOfItsProcessWhenNoDocumentTellsIt) {
-    const struct {
-        const char* version;
-        const char* script;
-        const char* end;
-    } rows[] = {{"3.045", "exit 3", "Failed: the installer ended with status 3"},
-                {"3.046", "kill -9 $$", "Failed: the installer was ended by SIGKILL"},
-                {"3.047", "exit 0", "Succeeded"}};
+    const std::tuple<const char*, const char*, const char*> rows[]{
+        {"3.045", "exit 3", "Failed: the installer ended with status 3"},
+        {"3.046", "kill -9 $$", "Failed: the installer was ended by SIGKILL"},
+        {"3.047", "exit 0", "Succeeded"}};
     for (const auto& [version, script, end] : rows) {
         Begin(version, script);
         EXPECT_TRUE(WaitForJob("Install " + std::string(version) + " " + end));
-        EXPECT_TRUE(WaitUntil([&] { return !Tables().Relaying(); })) << "and the next one is seen";
+        EXPECT_TRUE(WaitForNoRelay()) << "and the next one is seen";
     }
     // A last document that is too long for one read is none.
     const pid_t process = Begin("3.048");
@@ -136,21 +132,18 @@ TEST_F(InstallLife, IsToldByTheEndOfItsProcessWhenNoDocumentTellsIt) {
 }
 
 TEST_F(InstallLife, IsToldByTheRecordThatItsInstallerLeft) {
-    const struct {
-        const char* version;
-        const char* outcome;
-        const char* end;
-    } rows[] = {{"3.045", "succeeded", "Succeeded"},
-                {"3.046", "failed", "Failed: no space"},
-                {"3.047", "running", "Failed: the installer ended with status 0 before it had finished"},
-                {"3.048", "cancelled", "Cancelled: no space"}};
+    const std::tuple<const char*, const char*, const char*> rows[]{
+        {"3.045", "succeeded", "Succeeded"},
+        {"3.046", "failed", "Failed: no space"},
+        {"3.047", "running", "Failed: the installer ended with status 0 before it had finished"},
+        {"3.048", "cancelled", "Cancelled: no space"}};
     for (const auto& [version, outcome, end] : rows) {
         const fs::path gate = Drive() / (std::string(version) + ".gate");
         Begin(version, "while [ ! -e '" + gate.string() + "' ]; do sleep 0.05; done");
         LeaveRecord(ToStdString(Latest().m_Id), outcome, outcome == std::string("succeeded") ? "" : "no space");
         std::ofstream(gate).put('x');
         EXPECT_TRUE(WaitForJob("Install " + std::string(version) + " " + end));
-        EXPECT_TRUE(WaitUntil([&] { return !Tables().Relaying(); }));
+        EXPECT_TRUE(WaitForNoRelay());
     }
     LeaveRecord("another", "failed", "not this one's");
     Begin("3.049", "exit 0");
@@ -171,7 +164,7 @@ TEST_F(InstallLife, EndsThoughSomebodyWritesOnAfterIt) {
     EXPECT_TRUE(probe->WaitForMessages(1));
     ::kill(process, SIGKILL);
     EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the installer was ended by SIGKILL"));
-    EXPECT_TRUE(WaitUntil([&] { return !Tables().Relaying(); })) << "the next install would be refused";
+    EXPECT_TRUE(WaitForNoRelay()) << "the next install would be refused";
     stop = true;
     ::shutdown(flood.Get(), SHUT_RDWR);  // wakes it
     writer.join();
@@ -243,8 +236,7 @@ TEST_F(InstallLife, GoesOnAfterARestartOfTheHost) {
     installer.Say(R"({"percent":70,"message":"still here"})");
     ASSERT_TRUE(WaitUntil([&] { return Latest().m_Percent == 70; }));
     EXPECT_EQ(Latest().m_Id, left->m_Id);
-    auto results = Z_MAKE(ZMessageArray);
-    node->ScanDrive(Drive(), results);
+    ScanDrive();
     EXPECT_EQ(Ask("3.045")->m_ErrorCode, ZFrameworkErrorCodes::ERRCODE_BUSY);
     restart();  // once more, and now its end is not this host's child's either
     LeaveRecord(ToStdString(left->m_Id), "failed", "the disk is full");
@@ -268,10 +260,7 @@ TEST_F(InstallLife, IsCancelledByAnybodyAndTheInstallerPutsThingsInOrder) {
     Begin("3.045",
           "trap 'touch " + tidy + "; exit 1' TERM; touch " + ready + "; while [ -e \"$0\" ]; do sleep 0.05; done");
     ASSERT_TRUE(WaitUntil([&] { return fs::exists(ready); }));
-    const auto cancel = Z_MAKE(ZCancelMsg);
-    cancel->m_Id = Latest().m_Id;
-    cancel->SetOrigin(std::make_shared<ZRequestOrigin>("user alice", ""));
-    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "cancel", 0), cancel);
+    Cancel(Latest().m_Id, "user alice");
     EXPECT_TRUE(WaitForJob("Install 3.045 Cancelled: cancelled by user alice"));
     EXPECT_TRUE(fs::exists(tidy));
     Begin("3.046", "exit 0");
@@ -302,8 +291,7 @@ TEST_F(InstallLife, IsRefusedBeforeItsInstallerStartsWhenItsProgressCouldNotBeSe
 TEST_F(InstallLife, IsNotBegunForSomebodyWhoHasGone) {
     Package("a.pkg", "3.045");
     Start();
-    auto results = Z_MAKE(ZMessageArray);
-    node->ScanDrive(Drive(), results);
+    ScanDrive();
     // The node is busy with something else when the request comes, and its asker does not wait so long.
     const auto entered = std::make_shared<std::promise<void>>();
     std::promise<void> release;
@@ -324,6 +312,7 @@ TEST_F(InstallLife, IsNotBegunForSomebodyWhoHasGone) {
     release.set_value();
     holder.join();
     EXPECT_TRUE(log.WaitFor(3, "Installing 3.045 is not begun: whoever asked for it has gone"));
+    EXPECT_TRUE(WaitForJob("Install 3.045 Cancelled: whoever asked for it has gone"));
     EXPECT_FALSE(fs::exists(Drive() / "a.pkg.args"));
 }
 

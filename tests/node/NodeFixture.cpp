@@ -2,11 +2,11 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 
 #include "ZMessages/ZJSONCommStream.h"
+#include "ZShared/ZUnixAddress.h"
 
 namespace fs = std::filesystem;
 
@@ -37,6 +37,7 @@ NodeFixture::~NodeFixture() {
     jobs.reset();
     graph.reset();
     ZPlatform::Configure({});
+    ::setenv("PATH", m_path.c_str(), 1);
     if (HasFailure()) {
         std::cerr << "Log:\n" << log.All();
     }
@@ -88,17 +89,84 @@ fs::path NodeFixture::Package(const std::string& name, const std::string& versio
 
 std::shared_ptr<ZMessageArray> NodeFixture::AnnounceDrive() {
     const std::size_t before = probe->Received().size();
-    const auto devices = Z_MAKE(StorageDevicesMsg);
-    devices->m_AddedDevices = {ToZString(Drive().string())};
-    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0), devices);
+    TellDrives({Drive()}, {});
     EXPECT_TRUE(probe->WaitForMessages(before + 1));
     return cast_shared<ZMessageArray>(probe->Received().back());
 }
 
-std::shared_ptr<ZVersionInfoMsg> NodeFixture::Install(const std::shared_ptr<ZSystemUpdateMsg>& request) {
+std::vector<std::string> NodeFixture::AnnounceFile(const fs::path& file) const {
+    const std::size_t before = probe->Received().size();
+    TellFile(file);
+    EXPECT_TRUE(probe->WaitForMessages(before + 1));
+    return Records(cast_shared<ZMessageArray>(probe->Received().back()));
+}
+
+void NodeFixture::TellFile(const fs::path& file, bool bGone) const {
+    const auto update = Z_MAKE(FolderUpdateMsg);
+    update->m_bGone = bGone;
+    update->m_Folder = ToZString(file.parent_path().string());
+    update->m_FileName = ToZString(file.filename().string());
+    probe->Tell("newFile", update);
+}
+
+void NodeFixture::TellDrives(const std::vector<fs::path>& added, const std::vector<fs::path>& removed) const {
+    const auto devices = Z_MAKE(StorageDevicesMsg);
+    for (const fs::path& drive : added) {
+        devices->m_AddedDevices.push_back(ToZString(drive.string()));
+    }
+    for (const fs::path& drive : removed) {
+        devices->m_RemovedDevices.push_back(ToZString(drive.string()));
+    }
+    probe->Tell("storagedeviceupdate", devices);
+}
+
+std::vector<std::string> NodeFixture::Offered() {
+    return Records(cast_shared<ZMessageArray>(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg))));
+}
+
+void NodeFixture::Cancel(const ZString& job, const char* asker) const {
+    const auto cancel = Z_MAKE(ZCancelMsg);
+    cancel->m_Id = job;
+    if (asker != nullptr) {
+        cancel->SetOrigin(std::make_shared<ZRequestOrigin>(asker, ""));
+    }
+    probe->Tell("cancel", cancel);
+}
+
+void NodeFixture::ScanDrive() {
     auto results = Z_MAKE(ZMessageArray);
     node->ScanDrive(Drive(), results);
-    return cast_shared<ZVersionInfoMsg>(AskClient("updatesystem", request));
+}
+
+std::shared_ptr<ZVersionInfoMsg> NodeFixture::InstallOn(const char* serialNumber, const char* version) {
+    const auto request = UpdateTo(version);
+    request->m_SerialNumber = serialNumber;
+    const auto answer = cast_shared<ZMessageArray>(probe->Ask(ZEndpointType::DeviceRequest, "remoteinstall", request));
+    return answer ? cast_shared<ZVersionInfoMsg>(answer->m_Messages.front()) : nullptr;
+}
+
+std::shared_ptr<ZVersionInfoMsg> NodeFixture::Transfer(const char* version, const char* serialNumber,
+                                                       ZDeviceModel model) {
+    const auto request = Z_MAKE(TransferMsg);
+    request->m_Version = version;
+    request->m_SerialNumber = serialNumber;
+    request->m_DeviceModel = model;
+    return cast_shared<ZVersionInfoMsg>(probe->Ask(ZEndpointType::DeviceRequest, "transfer", request));
+}
+
+std::shared_ptr<ZDeviceCompatibilityMsg> NodeFixture::CheckFit(const char* version, const char* board,
+                                                               ZDeviceModel model) {
+    const auto request = Z_MAKE(ZDeviceCompatibilityMsg);
+    request->m_Model = model;
+    request->m_Version = version;
+    request->m_Board = board;
+    request->m_BoardType = 1;
+    return cast_shared<ZDeviceCompatibilityMsg>(probe->Ask(ZEndpointType::GraphService, "checkCompatibility", request));
+}
+
+void NodeFixture::Program(const std::string& name, const std::string& script) {
+    folder.Write("bin/" + name, "#!/bin/sh\n" + script + "\n", 0755);
+    ::setenv("PATH", ((folder / "bin").string() + ":/usr/sbin:/usr/bin:/sbin:/bin").c_str(), 1);
 }
 
 std::vector<std::shared_ptr<ZOperationMsg>> NodeFixture::Jobs() const {
@@ -146,12 +214,9 @@ bool NodeFixture::WaitForJob(const std::string& line) const {
 }
 
 Installer::Installer(const fs::path& socket) : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    socket.string().copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_TRUE(WaitUntil([&] {
-        return ::connect(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    })) << socket;
+    const auto address = ZUnixAddress::Of(socket.string());
+    EXPECT_TRUE(WaitUntil([&] { return ::connect(m_socket.Get(), address->Get(), ZUnixAddress::Size()) == 0; }))
+        << socket;
 }
 
 void Installer::Say(const std::string& text) {

@@ -70,8 +70,36 @@ protected:
     /// What the installer of a package does to live as long as the test.
     static constexpr const char* kLives = "while [ -e \"$0\" ]; do sleep 0.05; done";
 
+    /// Looks at the drive without telling anybody.
+    void ScanDrive();
     /// Looks at the drive, then asks for the installation.
-    std::shared_ptr<ZVersionInfoMsg> Install(const std::shared_ptr<ZSystemUpdateMsg>& request);
+    std::shared_ptr<ZVersionInfoMsg> Install(const std::shared_ptr<ZSystemUpdateMsg>& request) {
+        ScanDrive();
+        return AskForUpdate(request);
+    }
+    std::shared_ptr<ZVersionInfoMsg> AskForUpdate(const std::shared_ptr<ZSystemUpdateMsg>& request) {
+        return cast_shared<ZVersionInfoMsg>(AskClient("updatesystem", request));
+    }
+    /// What the answer to "remoteinstall" holds first.
+    std::shared_ptr<ZVersionInfoMsg> InstallOn(const char* serialNumber, const char* version = "3.044");
+    std::shared_ptr<ZVersionInfoMsg> Transfer(const char* version, const char* serialNumber = "",
+                                              ZDeviceModel model = ZDeviceModel::KiteQM);
+    /// Asks as an accessory does whether this device fits.
+    std::shared_ptr<ZDeviceCompatibilityMsg> CheckFit(const char* version, const char* board = "verdin-imx8mm",
+                                                      ZDeviceModel model = ZDeviceModel::KiteQM);
+    /// Puts a program of that name first in the path of all commands, until the test ends.
+    void Program(const std::string& name, const std::string& script);
+    /// What could be installed, the newest first.
+    std::vector<std::string> Offered();
+    void TellFile(const std::filesystem::path& file, bool bGone = false) const;
+    void TellDrives(const std::vector<std::filesystem::path>& added,
+                    const std::vector<std::filesystem::path>& removed) const;
+    /// Tells of a file, and what the node then announces.
+    std::vector<std::string> AnnounceFile(const std::filesystem::path& file) const;
+    void Cancel(const ZString& job, const char* asker = nullptr) const;
+    bool WaitForNoRelay() {
+        return WaitUntil([this] { return !Tables().Relaying(); });
+    }
     /// Every job as it was told last, in the order in which they were begun.
     std::vector<std::shared_ptr<ZOperationMsg>> Jobs() const;
     /// Waits for a job that stands as in "Install 3.045 Failed: why"; of a file, by its name.
@@ -98,6 +126,9 @@ protected:
     std::shared_ptr<ProbeNode> jobs;  // hears of every job
     std::shared_ptr<ZNodeArborInstall> node;
     const std::filesystem::path socket = folder / "mount/Archive/progress";
+
+private:
+    const std::string m_path = std::getenv("PATH") == nullptr ? "" : std::getenv("PATH");
 };
 
 /// One record of a scan's result as a line: "3.045 System", or "3.1 /drive/a.pkg rejected 4".

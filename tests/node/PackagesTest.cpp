@@ -1,25 +1,13 @@
 #include "NodeFixture.h"
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 namespace {
 
 class Packages : public NodeFixture {
 protected:
     Packages() { probe->Listen(ZEndpointType::GraphService, "updateavailable"); }
-
-    /// Announces one file and returns what the node then says is there.
-    std::vector<std::string> AnnounceFile(const fs::path& file) {
-        const std::size_t before = probe->Received().size();
-        const auto update = Z_MAKE(FolderUpdateMsg);
-        update->m_Folder = ToZString(file.parent_path().string());
-        update->m_FileName = ToZString(file.filename().string());
-        probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "newFile", 0), update);
-        EXPECT_TRUE(probe->WaitForMessages(before + 1));
-        return Records(cast_shared<ZMessageArray>(probe->Received().back()));
-    }
 };
 
 TEST_F(Packages, AreCheckedAndAnnouncedRejectionsFirstThenNewestFirst) {
@@ -51,8 +39,7 @@ TEST_F(Packages, AreCheckedAndAnnouncedRejectionsFirstThenNewestFirst) {
     EXPECT_TRUE(log.Has(2, "File " + plain + " Not Executable and is regular file"));
     EXPECT_TRUE(log.Has(2, "File " + (Drive() / "sub").string() + " is executable and Is NOT a regular file"));
     EXPECT_TRUE(log.Has(4, "Error getting file permissions 2"));
-    EXPECT_EQ(Records(cast_shared<ZMessageArray>(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg)))),
-              (std::vector<std::string>{"3.046 System", "3.045 System", "3.044 System"}));
+    EXPECT_THAT(Offered(), ElementsAre("3.046 System", "3.045 System", "3.044 System"));
 
     EXPECT_EQ(AnnounceDrive()->m_Messages.size(), 7u) << "a second scan must not add entries";
     EXPECT_TRUE(log.Has(2, "Erasing duplicate package file " + (Drive() / "new.pkg").string() + " version 3.046"));
@@ -64,21 +51,14 @@ TEST_F(Packages, OfADriveThatLeftAreForgottenAndOnlyThose) {
     Package("a.pkg", "3.045");
     Package("../drive0/b.pkg", "3.046");
     for (const char* drive : {"drive", "drive0"}) {
-        const auto devices = Z_MAKE(StorageDevicesMsg);
-        devices->m_AddedDevices = {ToZString((folder / drive).string())};
-        devices->m_RemovedDevices = {"", "/nonexistent"};
-        probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "storagedeviceupdate", 0), devices);
+        TellDrives({folder / drive}, {"", "/nonexistent"});
     }
-    ASSERT_TRUE(WaitUntil([&] {
-        const auto answer = cast_shared<ZMessageArray>(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg)));
-        return answer && answer->m_Messages.size() == 2;
-    }));
+    ASSERT_TRUE(WaitUntil([&] { return Offered().size() == 2; }));
     EXPECT_TRUE(node->RemoveStorageDevices({ToZString(Drive().string() + "/.//")}));
-    const auto left = cast_shared<ZMessageArray>(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg)));
-    EXPECT_THAT(Records(left), ElementsAre("3.046 System"));
+    EXPECT_THAT(Offered(), ElementsAre("3.046 System"));
     EXPECT_TRUE(log.Has(2, "Removing package " + (Drive() / "a.pkg").string()));
     node->RemoveStorageDevices({ToZString((folder / "drive0").string())});
-    EXPECT_THAT(Records(cast_shared<ZMessageArray>(AskClient("findupdates", Z_MAKE(ZGenericRequestMsg)))), IsEmpty());
+    EXPECT_THAT(Offered(), IsEmpty());
     EXPECT_TRUE(log.Has(2, "No software packages found"));
 }
 
@@ -92,7 +72,7 @@ TEST_F(Packages, ThatShowUpAsSingleFilesAreCheckedWhenExecutableAndNamedSo) {
     EXPECT_THAT(AnnounceFile(folder / "drive/gone.pkg"), ElementsAre("3.045 System")) << "the next input still works";
     EXPECT_TRUE(log.Has(4, "Error getting file permissions 2"));
 
-    probe->Publish(probe->GetEndpoint(ZEndpointType::GraphService, "newFile", 0), Z_MAKE(ZGenericRequestMsg));
+    probe->Tell("newFile", Z_MAKE(ZGenericRequestMsg));
     EXPECT_TRUE(log.WaitFor(4, "Unknown message ZGenericRequestMsg"));
 }
 

@@ -20,6 +20,7 @@ BOARD = "verdin-imx8mm"
 LIMIT = 60  # seconds until a test is given up as hanging
 INSTALLED = "Installed, takes effect at the next restart"
 UNIX = ("--skip-verify", "--sock=1", "--addr=progress")
+NO_RESTART = ("--skip-verify", "--no-reboot")
 
 
 def read(*path: str) -> bytes:
@@ -44,6 +45,13 @@ def run(*command: str, limit: float = LIMIT, **options) -> subprocess.CompletedP
     return subprocess.run(command, capture_output=True, text=True, timeout=limit, check=False, **options)
 
 
+def must_run(*command: str, **options) -> str:
+    """What a program prints; it has to end well."""
+    done = run(*command, **options)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
+
+
 class PackageTest(unittest.TestCase):
     """A folder with keys and a payload of three and a half pieces; instruments and packages are made on demand."""
 
@@ -53,14 +61,13 @@ class PackageTest(unittest.TestCase):
         cls.addClassCleanup(folder.cleanup)
         cls.folder = folder.name
         cls.keys = cls.path("keys")
-        assert run(ARBOR_PKG, "keygen", "--out", cls.keys, "--name", "Test signer").returncode == 0
+        must_run(ARBOR_PKG, "keygen", "--out", cls.keys, "--name", "Test signer")
         cls.payload = cls.path("payload.img")
         with open(cls.payload, "wb") as file:
             file.write(os.urandom(7 << 19))
         cls.package, cls.older, cls.newer = cls.path("arbor_qm.pkg"), cls.path("older.pkg"), cls.path("newer.pkg")
         for package, version in ((cls.package, "3.045"), (cls.older, "3.044"), (cls.newer, "3.046")):
-            done = run(ARBOR_PKG, "build", *cls.recipe(version), "--silent-seconds", "0.1", "-o", package)
-            assert done.returncode == 0, done.stderr
+            must_run(ARBOR_PKG, "build", *cls.recipe(version), "--silent-seconds", "0.1", "-o", package)
 
     @classmethod
     def path(cls, *names: str) -> str:
@@ -72,6 +79,12 @@ class PackageTest(unittest.TestCase):
         pairs = signers or ((cls.path("keys", "key.pem"), cls.path("keys", "cert.pem")),)
         return ["--version", version, "--board", BOARD, "--payload", cls.payload,
                 *(word for key, certificate in pairs for word in ("--key", key, "--cert", certificate))]
+
+    @staticmethod
+    def inspect(file: str, *options: str) -> tuple[int, dict]:
+        """The exit code, and the facts."""
+        done = run(ARBOR_PKG, "inspect", "--json", *options, file)
+        return done.returncode, json.loads(done.stdout)
 
     def instrument(self) -> "Instrument":
         instrument = Instrument(tempfile.mkdtemp(dir=self.folder))

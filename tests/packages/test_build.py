@@ -6,7 +6,7 @@ import os
 import shutil
 
 from forge import Signer, rewritten
-from support import ARBOR_PKG, BOARD, PackageTest, read, run, write
+from support import ARBOR_PKG, BOARD, PackageTest, must_run, read, run, write
 
 from arborinstaller.layout import Package
 
@@ -14,10 +14,6 @@ from arborinstaller.layout import Package
 class Building(PackageTest):
     def build(self, *changes: str, signers: tuple[tuple[str, str], ...] = ()) -> str:
         return run(ARBOR_PKG, "build", *self.recipe("3.045", *signers), "-o", self.path("x.pkg"), *changes).stderr
-
-    def inspect(self, file: str, *options: str) -> tuple[int, dict]:
-        done = run(ARBOR_PKG, "inspect", "--json", *options, file)
-        return done.returncode, json.loads(done.stdout)
 
     def verify(self, package: str, board: str = BOARD, trust: str = "") -> tuple[int, str]:
         done = run(package, "--verify", *([board] if board else []), "--trust", trust or self.keys, cwd="/")
@@ -33,6 +29,12 @@ class Building(PackageTest):
                         "signature": "good", "payload": "good", "trusted": True, "verdict": "good",
                         "sentence": f"version 3.045 for board {BOARD}, signed by CN = Test signer"}
             self.assertEqual((0, expected), (code, {key: facts[key] for key in expected}))
+        with Package(new) as package, open(new, "r+b") as file:
+            file.seek(package.payload_end - 1)
+            file.write(bytes([read(self.payload)[-1] ^ 1]))
+        code, facts = self.inspect(new)
+        self.assertEqual((1, "good", "bad"), (code, facts["signature"], facts["payload"]))
+        self.assertIn("image is damaged", facts["sentence"])
         for arguments in (["--version"], ["--dry-run", "--version"]):
             self.assertEqual("3.045\n", run(self.package, *arguments).stdout)
 
@@ -85,30 +87,6 @@ class Building(PackageTest):
                 self.assertEqual(code, found, output)
                 self.assertIn(text, output)
 
-    def test_no_changed_byte_passes(self) -> None:
-        good = read(self.package)
-        with Package(self.package) as package:
-            offsets = package.payload_offset, package.payload_end
-        flipped = {"comment of the stub": 30, "version in the header": good.index(b"3.045", 4096), "code": offsets[0] - 500,
-                   "first byte of the payload": offsets[0], "last byte of the payload": offsets[1] - 1}
-        cases = {what: good[:at] + bytes([good[at] ^ 1]) + good[at + 1:] for what, at in flipped.items()}
-        at = good.index(b'"signature":"', offsets[1]) + 20
-        cases["signature"] = good[:at] + (b"C" if good[at:at + 1] == b"B" else b"B") + good[at + 1:]  # of its own letters
-        cases |= {"cut in the signature": good[:-1], "cut in the payload": good[:offsets[0] + 5], "longer": good + b"\0"}
-        for what, content in cases.items():
-            with self.subTest(what):
-                with open(self.path("bad.pkg"), "wb") as file:
-                    file.write(content)
-                os.chmod(self.path("bad.pkg"), 0o755)
-                code, output = self.verify(self.path("bad.pkg"))
-                self.assertEqual(1, code, output)
-                self.assertIn("FAILED: ", output)
-                code, facts = self.inspect(self.path("bad.pkg"))
-                found = "badPayload" if facts["payload"] == "bad" else facts["verdict"]
-                self.assertEqual((1, "badPayload" if "of the payload" in what else
-                                  "damaged" if what in ("code", "longer") or "cut" in what else "badSignature"), (code, found))
-                self.assertIn("image is damaged" if found == "badPayload" else "", facts["sentence"])
-
     def test_a_digest_that_was_found_ahead_counts_for_the_whole_payload_of_the_same_file_alone(self) -> None:
         right, other = hashlib.sha256(read(self.payload)).hexdigest(), "f" * 64
         with Package(self.package) as package:
@@ -158,8 +136,7 @@ class Signing(PackageTest):
         del arguments[at:at + 2]
 
         def inspect(*options: str) -> tuple[int, dict]:
-            done = run(ARBOR_PKG, "inspect", "--json", "--trust", self.keys, *options, tool)
-            return done.returncode, json.loads(done.stdout)
+            return self.inspect(tool, "--trust", self.keys, *options)
 
         write(tool, "#!/bin/sh\necho 3.045\n")
         self.assertEqual("notPackage", inspect()[1]["verdict"])
@@ -185,8 +162,7 @@ class Archiving(PackageTest):
     def test_a_version_directory_builds_its_packages_for_the_boards_it_was_signed_for(self) -> None:
         version = self.path("3.045")
         self.assertIn("give " + version, run(ARBOR_PKG, "archive", *self.recipe("3.045"), self.folder).stderr)
-        done = run(ARBOR_PKG, "archive", *self.recipe("3.045"), "--component", "fpga=1.2@apalis-imx8", version)
-        self.assertEqual(0, done.returncode, done.stderr)
+        must_run(ARBOR_PKG, "archive", *self.recipe("3.045"), "--component", "fpga=1.2@apalis-imx8", version)
         manifest = json.loads(read(version, "Manifest.json"))
         self.assertEqual([{"name": "fpga", "version": "1.2", "board": "apalis-imx8"}], manifest["components"])
         script = os.path.join(version, manifest["installerPath"], "installer.py")

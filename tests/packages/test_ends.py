@@ -6,11 +6,10 @@ import signal
 import tempfile
 import time
 
-from support import INSTALLED, LIMIT, UNIX, Instrument, PackageTest, Receiver, faulty, read, wait_until, write
+from support import INSTALLED, LIMIT, NO_RESTART, UNIX, Instrument, PackageTest, Receiver, faulty, read, wait_until, write
 
 from arborinstaller.record import Record, end_of
 
-NO_RESTART = ("--skip-verify", "--no-reboot")
 MEMBERS = {"operation", "version", "outcome", "reason", "slot", "bootId", "processId", "startedAt", "endedAt"}
 
 

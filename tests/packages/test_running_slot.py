@@ -4,9 +4,7 @@ import json
 import os
 import shutil
 
-from support import PackageTest, faulty, read, write
-
-NO_RESTART = ("--skip-verify", "--no-reboot")
+from support import NO_RESTART, PackageTest, faulty, read, write
 
 
 class RunningSlot(PackageTest):

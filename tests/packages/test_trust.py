@@ -6,11 +6,10 @@ import shutil
 from unittest import mock
 
 from forge import Signer
-from support import ARBOR_PKG, BOARD, PackageTest, read, run, write
+from support import ARBOR_PKG, BOARD, PackageTest, must_run, read, run, write
 
 from arborinstaller import documents, jsontext
 from arborinstaller.failure import Failure
-from arborpkg import trustfile
 from arborpkg.trustfile import TrustFile
 
 
@@ -52,7 +51,7 @@ class Trust(PackageTest):
 
     def verdict(self, package: str, trust: str, state: str = "") -> str:
         """What arbor-pkg says, which must be what the package says itself."""
-        facts = json.loads(run(ARBOR_PKG, "inspect", "--json", "--trust", trust, "--state", state, package).stdout)
+        facts = self.inspect(package, "--trust", trust, "--state", state)[1]
         said = run(package, "--verify", BOARD, "--trust", trust, env={**os.environ, "ARBOR_TRUST_STATE": state}).stdout
         self.assertEqual(f"{'OK' if facts['verdict'] == 'good' else 'FAILED'}: {facts['sentence']}\n", said)
         return facts["verdict"]
@@ -89,13 +88,13 @@ class Trust(PackageTest):
         self.assertEqual(["unknownSigner", "good"], [self.verdict(package, system, state) for package in (self.package, newer)])
         carrying = self.build("carrying.pkg", "3.048", "--trust-document", self.file, by="second")
         self.assertEqual(["good", "good"], [self.verdict(carrying, system, where) for where in ("", state)])
-        self.assertEqual(3, json.loads(run(ARBOR_PKG, "inspect", "--json", carrying).stdout)["carriedTrust"])
+        self.assertEqual(3, self.inspect(carrying)[1]["carriedTrust"])
         instrument = self.instrument()
         for package, place, code in ((self.package, state, 1), (self.package, "", 0), (carrying, "", 0), (newer, state, 0)):
             instrument.environment["ARBOR_TRUST_STATE"] = place
             self.assertEqual(code, instrument.install(package, "--no-reboot", "--trust", system)[0], (package, place))
 
-        digest = json.loads(run(ARBOR_PKG, "inspect", "--json", newer).stdout)["signedDigest"]
+        digest = self.inspect(newer)[1]["signedDigest"]
         self.assertIn(digest, self.trust("revoke", newer))
         self.sign("carol", "dave")
         self.copied("state")
@@ -111,8 +110,7 @@ class Trust(PackageTest):
 
     def test_an_archive_builds_packages_that_carry_the_documents(self) -> None:
         self.make("alice", "bob")
-        done = run(ARBOR_PKG, "archive", *self.recipe("3.049"), "--trust-document", self.file, self.path("3.049"))
-        self.assertEqual(0, done.returncode, done.stderr)
+        must_run(ARBOR_PKG, "archive", *self.recipe("3.049"), "--trust-document", self.file, self.path("3.049"))
         run(self.path("3.049", "installer", "installer.py"), "--build", "--device", BOARD, "--output", "again.pkg")
         self.assertEqual(read(self.path("3.049", "arbor_qm.pkg")), read(self.path("3.049", "again.pkg")))
         self.assertEqual("good", self.verdict(self.path("3.049", "again.pkg"), self.copied("archive")))
@@ -198,11 +196,9 @@ class Trust(PackageTest):
         with mock.patch.dict(os.environ, {"SOFTHSM2_CONF": self.path("softhsm2.conf"), "ARBOR_KEY_PASSPHRASE": "1234"}):
             for arguments in (("--init-token", "--free", "--label", "office", "--so-pin", "4321"),
                               ("--import", signer.key_file, "--token", "office", "--label", "signer", "--id", "01")):
-                done = run("softhsm2-util", *arguments, "--pin", "1234")
-                self.assertEqual(0, done.returncode, done.stderr)
+                must_run("softhsm2-util", *arguments, "--pin", "1234")
             os.unlink(signer.key_file)
-            done = run(ARBOR_PKG, "keygen", "--key", uri, "--out", self.path("token"), "--name", "Token")
-            self.assertEqual(0, done.returncode, done.stderr)
+            must_run(ARBOR_PKG, "keygen", "--key", uri, "--out", self.path("token"), "--name", "Token")
             certificate = self.path("token", "cert.pem")
             self.trust("init")
             self.trust("add-key", "--key", uri, "--role", "trust", "--role", "release", "--name", "Token")

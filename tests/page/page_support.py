@@ -48,10 +48,6 @@ class PageCase(InstrumentCase):
         self.browser.press(f"Install {version}")
         self.browser.press(f"Install {version}", within="dialog")
 
-    def kill_host(self) -> None:
-        self.process.kill()
-        self.process.wait()
-
     def start_host(self) -> None:
         self.process = host.start()
 

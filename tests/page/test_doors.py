@@ -35,19 +35,15 @@ class Door(PageCase):
         self.assertEqual("gzip", ask(port, "/main.js", **{"Accept-Encoding": "gzip"})[1].headers["Content-Encoding"])
         self.assertEqual(200, ask(port, "/v1/status", **good)[0])
         for expected, target, headers in (
-                (401, "/v1/status", {}), (401, "/%761/status", {}), (401, "//v1/status", {}), (401, "/v1/../v1/status", {}),
-                (401, "/v1/status", {"Authorization": f"Bearer {'0' * 64}"}), (401, "/v1/status", {"Authorization": "Bearer "}),
-                (421, "/v1/status", {**good, "Host": "device.example"}), (421, "/", {"Host": f"device.example:{port}"}),
-                (403, "/v1/status", {**good, "Origin": "http://elsewhere.example"}), (403, "/v1/status", {**good, "Origin": "null"}),
-                (404, "/passwd", {})):
+                (401, "/v1/status", {}), (401, "/v1/../v1/status", {}), (401, "/v1/status", {"Authorization": f"Bearer {'0' * 64}"}),
+                (421, "/v1/status", {**good, "Host": "device.example"}),
+                (403, "/v1/status", {**good, "Origin": "http://elsewhere.example"}), (404, "/passwd", {})):
             with self.subTest(target=target, headers=headers):
                 self.assertEqual(expected, ask(port, target, **headers)[0])
         self.assertEqual(401, ask(port, "/v1/cancel", "POST", **{"Content-Length": "0"})[0])
-        for broken in (b"GET / HTTP/1.1\r\n\r\n", b"GET / HTTP/1.0\r\nHost: localhost\r\n\r\n", b"nonsense\r\n\r\n",
-                       b"GET / HTTP/1.1\r\nHost: 127.0.0.1:%d\r\n folded: x\r\n\r\n" % port):
-            with self.subTest(broken), socket.create_connection(("127.0.0.1", port), 60) as connection:
-                connection.sendall(broken)
-                self.assertRegex(connection.recv(4096), rb"^HTTP/1\.1 400 ")
+        with socket.create_connection(("127.0.0.1", port), 60) as connection:
+            connection.sendall(b"nonsense\r\n\r\n")
+            self.assertRegex(connection.recv(4096), rb"^HTTP/1\.1 400 ")
 
     def test_port_ends_with_the_command_and_idle_connections_keep_nobody_out(self) -> None:
         port = int(self.served.origin.rpartition(":")[2])
@@ -117,6 +113,6 @@ class Network(PageCase):
         self.restart()
         self.assertEqual(401, ask(self.port, "/")[0])
         self.assertIsNone(gateway.get("status")["pageAddress"])
-        self.assertEqual(1, arborctl("ui", "--network").returncode)
+        self.ordered(1, "ui", "--network")
         configure("Gateway", pagePath="")
         self.restart()

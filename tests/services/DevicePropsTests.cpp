@@ -12,11 +12,7 @@ TEST(DeviceProps, AnswersWithTheIdentityOfTheTimeOfTheQuestion) {
     ASSERT_TRUE(graph.AddNode("ZNodeDeviceProps", "props", record) && graph.AddNode("ProbeNode", "probe", nullptr));
     const auto probe = cast_shared<ProbeNode>(graph.Node("probe"));
 
-    const struct {
-        std::optional<ZIdentity> identity;
-        ZDeviceModel model;
-        bool warned;
-    } cases[] = {
+    const std::tuple<std::optional<ZIdentity>, ZDeviceModel, bool> cases[]{
         {ZIdentity{"QMB", "SN7", "verdin-imx8mm"}, ZDeviceModel::QMB, false},
         {ZIdentity{"qmb", "SN7", ""}, ZDeviceModel::KiteQM, true},
         {std::nullopt, ZDeviceModel::KiteQM, false},

@@ -287,16 +287,3 @@ TEST_F(FileIO, HandsOverWhatIsForAnotherDevice) {
     EXPECT_EQ(Ask(Make<ZFileOpenMsg>(file, "SN1")), kDone) << "this device";
     EXPECT_THAT(Ask(Make<ZFileReadMsg>(file, "P1")), HasSubstr("a file can't be read from another device"));
 }
-
-TEST_F(FileIO, RefusesBadSettingsAndNamesTheKey) {
-    const auto refuses = [&](const char* line) { return !Start() && log.Has(4, line); };
-    record->m_Roots = {"/srv/a", "/tmp"};
-    EXPECT_TRUE(refuses(R"("roots" is "/tmp"; it must be a folder of its own: not / nor one of the system's)"))
-        << log.All();
-    record->m_Roots = {"/srv/a", "var/tmp"};
-    EXPECT_TRUE(refuses(R"("roots" is "var/tmp"; it must be an absolute path whose variables are set)")) << log.All();
-    record->m_MaxOpenFiles = 257;
-    EXPECT_TRUE(refuses(R"("maxOpenFiles" is 257; it must be a number from 1 to 256)")) << log.All();
-    record->m_IdleSeconds = 0;
-    EXPECT_TRUE(refuses(R"("idleSeconds" is 0; it must be a number from 1 to 3600)")) << log.All();
-}

@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "Journal.h"
+#include "JournalFiles.h"
 #include "NodeBase/ZOperation.h"
 #include "TestSupport.h"
 #include "ZShared/ZFileDescriptor.h"
@@ -20,14 +21,6 @@ using journal::Journal;
 namespace {
 
 using enum ZOperationState;
-
-std::shared_ptr<ZOperationMsg> Job(const std::string& id, ZOperationState state, std::int32_t process = 0) {
-    auto message = ZMakeShared<ZOperationMsg>();
-    message->m_Id = ToZString(id);
-    message->m_State = state;
-    message->m_ProcessId = process;
-    return message;
-}
 
 /// The ids of all jobs of that state, newest first.
 std::vector<std::string> Ids(Journal& journal, const char* state = "") {
@@ -59,12 +52,7 @@ protected:
             journal.Take(Job("job " + std::to_string(number), Succeeded));
         }
     }
-    bool ToldOnce(const std::string& text) const {
-        const auto lines = log.Lines();
-        return std::ranges::count_if(lines, [&](const LogCapture::Line& line) {
-                   return line.level == 4 && line.text.find(text) != std::string::npos;
-               }) == 1;
-    }
+    bool ToldOnce(const std::string& text) const { return log.Count(text, 4) == 1; }
 
     TemporaryFolder folder;
     const fs::path file = folder / "journal.sqlite";
@@ -152,10 +140,7 @@ TEST_F(JournalFile, KeepsWhatWasWholeWhenTheEndOfItsLogIsTorn) {
 }
 
 TEST_F(JournalFile, PutsADamagedFileAsideAndBeginsAnew) {
-    const struct {
-        const char* name;
-        std::function<void()> damage;
-    } rows[] = {
+    const std::pair<const char*, std::function<void()>> rows[]{
         {"another kind of file", [&] { folder.Write("journal.sqlite", std::string(10'000, 'x')); }},
         {"its first page",
          [&] { std::fstream(file, std::ios::in | std::ios::out).seekp(100) << std::string(900, 'x'); }},
@@ -166,12 +151,12 @@ TEST_F(JournalFile, PutsADamagedFileAsideAndBeginsAnew) {
              bytes.seekp(8192) << std::string(fs::file_size(file) - 8192, 'x');
          }},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& [name, damage] : rows) {
+        SCOPED_TRACE(name);
         fs::remove(file);
         fs::remove(file.string() + ".damaged");
         Keep(0, 100);
-        row.damage();
+        damage();
         const auto damaged = fs::file_size(file);
         log.Clear();
         Journal journal = Opened();
@@ -231,7 +216,7 @@ TEST_F(JournalFile, WritesAfterwardsWhatAFullDiskHadNoRoomFor) {
         journal.Take(Job("across", Failed));
         EXPECT_TRUE(journal.IsFailing());
         EXPECT_TRUE(ToldOnce("are kept in memory")) << log.All();
-        EXPECT_THAT(journal.Answer(ZOperationsRequestMsg())->m_Problem, testing::HasSubstr("disk is full"));
+        EXPECT_THAT(journal.Answer(ZOperationsRequestMsg())->m_Problem, HasSubstr("disk is full"));
         EXPECT_EQ(Ids(journal).size(), 302U);
         EXPECT_THAT(Ids(journal, "Failed"), ElementsAre("across")) << "the disk has it as running";
         EXPECT_THAT(Ids(journal, "Running"), IsEmpty());

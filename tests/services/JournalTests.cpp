@@ -1,8 +1,8 @@
 // The journal in a graph: what it keeps, what it answers, and what it makes of an earlier life's jobs.
 
 #include <gmock/gmock.h>
-#include <sqlite3.h>
 
+#include "JournalFiles.h"
 #include "NodeBase/ZGraph.h"
 #include "TestSupport.h"
 #include "ZMessages/OperationMessages.h"
@@ -40,7 +40,13 @@ protected:
         job->Succeed();
         return job->Id();
     }
-    /// `json` is the request's.
+    /// As a node does that has such a job.
+    void TellJob(const ZString& id, ZOperationState state = Queued) {
+        const auto message = ZMakeShared<ZOperationMsg>();
+        message->m_Id = id;
+        message->m_State = state;
+        worker->Tell("operation", message);
+    }
     std::shared_ptr<ZOperationsMsg> Ask(const std::function<void(ZOperationsRequestMsg&)>& fill) {
         const auto request = ZMakeShared<ZOperationsRequestMsg>();
         fill(*request);
@@ -77,11 +83,7 @@ TEST_F(JournalNode, FindsJobsByAllThatIsKnownOfThem) {
     const auto running = Begin(ZOperationKind::Install, "3");
     running->Start();
     const auto waiting = Begin(ZOperationKind::Check, "4");
-    const struct {
-        const char* name;
-        std::function<void(ZOperationsRequestMsg&)> request;
-        const char* files;
-    } rows[] = {
+    const std::tuple<const char*, std::function<void(ZOperationsRequestMsg&)>, const char*> rows[]{
         {"all", [](auto&) {}, "4 3 2 1"},
         {"kind", [](auto& request) { request.m_Kind = "Install"; }, "3 2"},
         {"state", [](auto& request) { request.m_State = "Failed"; }, "2"},
@@ -96,8 +98,8 @@ TEST_F(JournalNode, FindsJobsByAllThatIsKnownOfThem) {
         {"id, of another kind", [&](auto& request) { request.m_Id = failed->Id(), request.m_Kind = "Check"; }, ""},
     };
     for (const bool again : {false, true}) {
-        for (const auto& row : rows) {
-            EXPECT_EQ(Files(row.request), row.files) << row.name;
+        for (const auto& [name, request, files] : rows) {
+            EXPECT_EQ(Files(request), files) << name;
         }
         if (!again) {  // from the disk, what is open and what is not
             ZProcessId self = *FindProcess(::getpid());
@@ -117,18 +119,10 @@ TEST_F(JournalNode, FindsJobsByAllThatIsKnownOfThem) {
 
 TEST_F(JournalNode, RefusesQuestionsThatMeanNothing) {
     ASSERT_TRUE(Start());
-    const auto job = [&](const char* id) {
-        const auto message = ZMakeShared<ZOperationMsg>();
-        message->m_Id = id;
-        worker->Publish(worker->GetEndpoint(ZEndpointType::GraphService, "operation", 0), message);
-    };
-    job("abcd0000");
-    job("abcd0001");
-    job("abcd00010");
-    const struct {
-        std::function<void(ZOperationsRequestMsg&)> request;
-        const char* said;
-    } rows[] = {
+    for (const char* id : {"abcd0000", "abcd0001", "abcd00010"}) {
+        TellJob(id);
+    }
+    const std::pair<std::function<void(ZOperationsRequestMsg&)>, const char*> rows[]{
         {[](auto& request) { request.m_Kind = "install"; }, "ERRCODE_INVALID_REQUEST \"kind\" is one of Check, Scan, "},
         {[](auto& request) { request.m_State = "Done"; },
          "ERRCODE_INVALID_REQUEST \"state\" is Open, or one of Queued"},
@@ -140,11 +134,11 @@ TEST_F(JournalNode, RefusesQuestionsThatMeanNothing) {
         {[](auto& request) { request.m_Id = "abcd1"; }, "ERRCODE_NOT_FOUND There is no job with the id \"abcd1\""},
         {[](auto& request) { request.m_Id = "%' OR 1=1"; }, "ERRCODE_NOT_FOUND There is no job with the id"},
     };
-    for (const auto& row : rows) {
-        const auto answer = Ask(row.request);
+    for (const auto& [request, said] : rows) {
+        const auto answer = Ask(request);
         EXPECT_FALSE(answer->m_bSuccess);
         EXPECT_THAT(std::string(magic_enum::enum_name(answer->m_ErrorCode)) + ' ' + ToStdString(answer->m_ErrorText),
-                    StartsWith(row.said));
+                    StartsWith(said));
         EXPECT_THAT(answer->m_Operations, IsEmpty());
     }
     EXPECT_EQ(Find("abcd0001")->m_Id, "abcd0001") << "the whole of one, the beginning of another";
@@ -225,10 +219,7 @@ TEST_F(JournalNode, SettlesWhatAnEarlierLifeLeftOpen) {
     adopted->Succeed();
     // Nothing turns an end into another, nor wakes what has ended.
     const auto late = [&](const ZString& id, ZOperationState state) {
-        const auto change = ZMakeShared<ZOperationMsg>();
-        change->m_Id = id;
-        change->m_State = state;
-        worker->Publish(worker->GetEndpoint(ZEndpointType::GraphService, "operation", 0), change);
+        TellJob(id, state);
         return Find(id)->m_State;
     };
     for (const bool again : {false, true}) {
@@ -247,6 +238,7 @@ TEST_F(JournalNode, RemovesTheOldestThatHaveEndedAndNoOpenOne) {
     ASSERT_TRUE(Start());
     const auto open = Begin(ZOperationKind::Install, "open");
     open->LeaveOpen();
+    const ZString installed = Settled(ZOperationKind::Install);
     for (int count = 0; count < 250; ++count) {
         Settled(ZOperationKind::Check, std::to_string(count).c_str());
     }
@@ -254,6 +246,7 @@ TEST_F(JournalNode, RemovesTheOldestThatHaveEndedAndNoOpenOne) {
     EXPECT_THAT(all->m_Operations.size(), AllOf(Le(100U), Ge(98U)));
     EXPECT_EQ(all->m_Operations.front()->m_File, "249");
     EXPECT_EQ(all->m_Operations.back()->m_File, "open");
+    EXPECT_EQ(Find(installed)->m_State, Succeeded) << "however many files are checked";
 
     record->m_MostRows = 1000;
     Restart();
@@ -266,26 +259,12 @@ TEST_F(JournalNode, RemovesTheOldestThatHaveEndedAndNoOpenOne) {
     EXPECT_TRUE(
         WaitUntil([&] { return Ask([](auto& request) { request.m_Limit = 1000; })->m_Operations.size() <= 100; }));
 
-    sqlite3* database = nullptr;
     graph.reset();
-    ::sqlite3_open(file.c_str(), &database);
-    ::sqlite3_exec(database, "UPDATE operations SET endedAt = endedAt - 864000000", nullptr, nullptr, nullptr);
-    ::sqlite3_close(database);
+    ChangeDatabase(file, "UPDATE operations SET endedAt = endedAt - 864000000");
     record->m_MostDays = 7;
     ASSERT_TRUE(Start());
     Settled(ZOperationKind::Check, "today");
     EXPECT_EQ(Files([](auto&) {}), "today");
-}
-
-TEST_F(JournalNode, KeepsWhatWasInstalledHoweverManyFilesAreChecked) {
-    record->m_MostRows = 100;
-    ASSERT_TRUE(Start());
-    const ZString installed = Settled(ZOperationKind::Install, "a.pkg");
-    for (int count = 0; count < 250; ++count) {
-        Settled(ZOperationKind::Check, std::to_string(count).c_str());
-    }
-    EXPECT_EQ(Find(installed)->m_State, ZOperationState::Succeeded);
-    EXPECT_LE(Ask([](auto& request) { request.m_Limit = 1000; })->m_Operations.size(), 100U);
 }
 
 TEST_F(JournalNode, CutsTextsThatAreTooLong) {
@@ -297,9 +276,7 @@ TEST_F(JournalNode, CutsTextsThatAreTooLong) {
     const auto found = Find(job->Id());
     EXPECT_EQ(found->m_File.size(), 4096U);
     EXPECT_EQ(found->m_Reason, ToZString(reason.substr(0, 4095))) << "a character was cut in two";
-    const auto change = ZMakeShared<ZOperationMsg>();
-    change->m_Id = ZString(65, 'a');
-    worker->Publish(worker->GetEndpoint(ZEndpointType::GraphService, "operation", 0), change);
+    TellJob(ZString(65, 'a'));
     EXPECT_EQ(Ask([](auto&) {})->m_Operations.size(), 1U);
 }
 
@@ -311,10 +288,7 @@ TEST_F(JournalNode, RefusesBadSettingsAndAFileOfANewerProgram) {
     ASSERT_TRUE(Start());
     Settled();
     graph.reset();
-    sqlite3* database = nullptr;
-    ::sqlite3_open(file.c_str(), &database);
-    ::sqlite3_exec(database, "PRAGMA user_version=2", nullptr, nullptr, nullptr);
-    ::sqlite3_close(database);
+    ChangeDatabase(file, "PRAGMA user_version=2");
     EXPECT_FALSE(Start());
     EXPECT_TRUE(
         log.Has(4, "Journal can't be set up: " + file.string() + " was written by a newer version of this program"))
@@ -326,13 +300,7 @@ TEST_F(JournalNode, ReadsAFileThatKnewFewerThings) {
     ASSERT_TRUE(Start());
     const ZString id = Settled();
     graph.reset();
-    sqlite3* database = nullptr;
-    ::sqlite3_open(file.c_str(), &database);
-    ASSERT_EQ(
-        ::sqlite3_exec(database, "ALTER TABLE operations DROP COLUMN asker;ALTER TABLE operations DROP COLUMN percent",
-                       nullptr, nullptr, nullptr),
-        SQLITE_OK);
-    ::sqlite3_close(database);
+    ChangeDatabase(file, "ALTER TABLE operations DROP COLUMN asker;ALTER TABLE operations DROP COLUMN percent");
     ASSERT_TRUE(Start());
     EXPECT_EQ(Find(id)->m_Percent, 0);
     EXPECT_EQ(Find(id)->m_State, Succeeded);

@@ -1,11 +1,9 @@
 // The orders that the journal keeps: how many, in which order, and when the disk takes nothing.
 
 #include <gmock/gmock.h>
-#include <sqlite3.h>
-
-#include <fstream>
 
 #include "Journal.h"
+#include "JournalFiles.h"
 #include "NodeBase/ZOperation.h"
 #include "TestSupport.h"
 
@@ -139,18 +137,8 @@ TEST_F(JournalOrders, StayInMemoryWhileTheDiskTakesNothing) {
 }
 
 TEST_F(JournalOrders, FindRoomInAFileOfAnEarlierProgram) {
-    {
-        Opened()->Take([] {
-            auto job = ZMakeShared<ZOperationMsg>();
-            job->m_Id = "job";
-            job->m_State = ZOperationState::Succeeded;
-            return job;
-        }());
-    }
-    sqlite3* database = nullptr;
-    ASSERT_EQ(::sqlite3_open(file.c_str(), &database), SQLITE_OK);
-    ASSERT_EQ(::sqlite3_exec(database, "DROP TABLE orders", nullptr, nullptr, nullptr), SQLITE_OK);
-    ::sqlite3_close(database);
+    Opened()->Take(Job("job", ZOperationState::Succeeded));
+    ChangeDatabase(file, "DROP TABLE orders");
     auto journal = Opened();
     journal->Take(Order("1"));
     EXPECT_THAT(Kept(*journal), ElementsAre("1"));

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-
 #include "NodeBase/ZGraph.h"
 #include "TestSupport.h"
 #include "ZMessages/OperationMessages.h"

@@ -59,6 +59,12 @@ bool LogCapture::WaitFor(int level, const std::string& text) const {
     return WaitUntil([&] { return Has(level, text); });
 }
 
+std::ptrdiff_t LogCapture::Count(const std::string& text, int level) const {
+    return std::ranges::count_if(Lines(), [&](const Line& line) {
+        return (level == 0 || line.level == level) && line.text.find(text) != std::string::npos;
+    });
+}
+
 void LogCapture::Clear() {
     const std::lock_guard lock(m_mutex);
     m_lines.clear();

@@ -44,6 +44,8 @@ public:
     bool Has(int level, const std::string& text) const;
     /// As Has, and waits for the line for as long as a loaded machine may need.
     bool WaitFor(int level, const std::string& text) const;
+    /// How many lines hold `text`, of that level unless it is 0.
+    std::ptrdiff_t Count(const std::string& text, int level = 0) const;
     /// Forgets the lines so far.
     void Clear();
     /// All lines, for a failure's message.
@@ -81,6 +83,10 @@ public:
     bool WaitForMessages(std::size_t count) const;
     /// Asks and returns the answer; null when there is none.
     std::shared_ptr<ZMessage> Ask(ZEndpointType type, const char* name, const std::shared_ptr<ZMessage>& request);
+    /// Tells all nodes of an event, such as "newFile".
+    void Tell(const char* event, const std::shared_ptr<ZMessage>& message) {
+        Publish(GetEndpoint(ZEndpointType::GraphService, event, 0), message);
+    }
 
 private:
     mutable std::mutex m_mutex;
