@@ -39,7 +39,9 @@ ScriptedGateway::ScriptedGateway() : m_server(std::make_unique<Server>()) {
         const std::lock_guard lock(m_mutex);
         m_messages[request.path].emplace_back(request.has_param("log"));
         if (m_nextEvents == m_events.size()) {
-            response.status = 503;
+            const auto refusal = m_answers.find(request.path);
+            response.status = refusal != m_answers.end() ? refusal->second.status : 503;
+            response.set_content(refusal != m_answers.end() ? refusal->second.body : "", "application/problem+json");
             return;
         }
         const Events events = m_events[m_nextEvents++];

@@ -258,6 +258,14 @@ TEST(Follow, WatchShowsEveryKindOfEventUntilItIsInterrupted) {
                           "job aaaa0000: check /a: running\njob aaaa0000: check /a: failed: bad\n"));
 }
 
+TEST(Follow, AStreamThatIsRefusedSaysWhy) {
+    Device device;
+    device.Script("/v1/events", {403, R"({"title": "Forbidden", "detail": "user bob may not look"})"});
+    const auto program = device.Start("watch");
+    EXPECT_EQ(program->Status(), 1);
+    EXPECT_THAT(program->Errors(), HasSubstr("user bob may not look"));
+}
+
 std::string LogEntry(int number, int level = 2) {
     return R"({"number": )" + std::to_string(number) + R"(, "time": 86400000, "level": )" + std::to_string(level) +
            R"(, "channel": "Node", "text": "line )" + std::to_string(number) + R"("})";

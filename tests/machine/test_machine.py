@@ -46,9 +46,13 @@ class Chapters(unittest.TestCase):
         self.machine.wait(lambda: version in story.offered(self.machine), f"{version} is offered")
         file = next(each["file"] for each in story.asked(self.machine, "updates")["packages"] if each["version"] == version)
         self.machine.run(f"dd if={file} iflag=nocache count=0")  # what was checked is read again
-        slot = next(slot["slot"] for slot in story.asked(self.machine, "slots")["slots"] if not slot["running"])
         story.install(self.machine, version)
-        self.machine.wait(lambda: self.machine.run(f"test -e {image.DATA}/Slots/{slot}/version").status == 1, "the slot is written to")
+
+        def is_written() -> bool:
+            job = self.install_job()
+            return job["state"] == "Running" and job["percent"] > 10
+
+        self.machine.wait(is_written, "the image is being written")
         return len(self.machine.starts)
 
     def test_0_the_doctor_finds_no_fault(self) -> None:
