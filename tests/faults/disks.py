@@ -17,7 +17,9 @@ ROOM = "size=24m,mode=0755"
 
 
 def on_small_disk(place: Path) -> None:
-    """The folder with all that is in it becomes a file system of its own with little room; the host starts again on it."""
+    """The folder with all that is in it becomes a file system of its own with little room; the host starts again on it, and
+    offers what it offered."""
+    offered = gateway.updates()
     host.stop()
     with tempfile.TemporaryDirectory(prefix="arbor-fault-") as hidden:
         places.mount("small", Path(hidden), ROOM)
@@ -29,6 +31,7 @@ def on_small_disk(place: Path) -> None:
             places.unmount(Path(hidden))
             raise
     host.start()
+    until(lambda: gateway.updates() == offered, "what is on the stick is offered again")
     calm()
 
 
