@@ -66,11 +66,36 @@ def strike(victim: str, before: dict[str, list[int]], chance: random.Random, lon
     return "nothing, it had ended"
 
 
+def restart(device: Remote) -> None:
+    """Until it has: its installer may just restart it, too."""
+    said: list[str] = []
+
+    def has() -> bool:
+        done = device.run("reboot")
+        said[:] = [done.stdout]
+        return done.returncode == 0
+    try:
+        until(has, f"{device.device.name} restarts")
+    except Broken as error:
+        raise Broken(f"{error}: {said}") from None
+
+
+def settle(state: str) -> None:
+    """A good installer restarts the accessory, after it has told so; after one that was killed somebody has to."""
+    def runs_what_starts_next() -> bool:
+        status = gateway.get("status", PALM.gateway)
+        return status["runningSlot"] == status["nextSlot"]
+    if state != "Succeeded" and not runs_what_starts_next():
+        restart(PALM)
+    until(runs_what_starts_next, "the accessory has restarted")
+    connected()
+    calm()
+
+
 def come_back(device: Remote) -> None:
     """A device whose host has gone is restarted by its watchdog."""
     until(lambda: not host_of(device), "the host is gone")
-    done = device.run("reboot")
-    expect(done.returncode == 0, done.stdout)
+    restart(device)
 
 
 def connected() -> None:
@@ -133,7 +158,7 @@ def fresh() -> None:
         node = next(node for node in graph["nodes"] if node["class"] == "ZNodeArborInstall")
         node["config"].update(AccessoryPatienceSeconds=2, AllowDowngrades=True)
         furnish.write_json(device.path(paths.GRAPH), graph)
-        expect(device.run("reboot").returncode == 0, "it restarts")
+        restart(device)
     for device, known in ((CART, PALM), (PALM, CART)):
         done = device.let_in(known)
         expect(done.returncode == 0, done.stdout)
@@ -192,14 +217,15 @@ def rounds(activity_class: type, *victims: str) -> Callable[[random.Random, int]
                 done = command.end()
                 connected()
                 calm()
-                activity.look(*told(activity.kind, known, done), victim)
+                state, story = told(activity.kind, known, done)
+                activity.look(state, story, victim)
+                settle(state)
             except Broken as error:
                 raise Broken(f"round {number + 1}, killed: {name}: {error}") from None
         for again in (Transfer, RemoteInstall):
             activity = again()
             done = activity.begin().end()
             expect(done.status == 0, f"undisturbed it failed: {done.told}")
-            connected()
-            calm()
+            settle("Succeeded")
         return ", ".join(f"{count} x {name}" for name, count in struck.items())
     return run

@@ -1,5 +1,6 @@
 """Starts and stops the graph host the way the service manager does, and reboots the instrument."""
 
+import fcntl
 import json
 import os
 import signal
@@ -70,9 +71,14 @@ def reboot() -> None:
     if slots.BOOTING in os.environ:
         paths.AGAIN.touch()
         return
-    stop()
-    slots.boot_step("stop")
-    power_on()
+    power = os.open(paths.CONFIG, os.O_RDONLY)
+    try:
+        fcntl.flock(power, fcntl.LOCK_EX)  # one restart at a time: who asks meanwhile restarts what has come up
+        stop()
+        slots.boot_step("stop")
+        power_on()
+    finally:
+        os.close(power)
 
 
 def power_on() -> subprocess.Popen:
