@@ -47,7 +47,7 @@ std::string HistoryText(const json::array& documents) {
     for (const auto& document : documents) {
         const Job job = Job::From(document);
         table.AddRow({job.ShortId(), TimeText(job.createdAt), job.KindWord(), job.What(), AskerText(job),
-                      StateText(job), job.Duration(MillisecondsNow()), job.Why()});
+                      StateText(job), job.Duration(), job.Why()});
     }
     return table.Text();
 }
@@ -73,7 +73,7 @@ std::string JobText(const Job& job) {
     add("Asked at", time(job.createdAt));
     add("Started at", time(job.startedAt));
     add("Ended at", time(job.endedAt));
-    add("Took", job.Duration(MillisecondsNow()));
+    add("Took", job.Duration());
     add("Part of", job.parent);
     add("Done by", job.node);
     return table.Text();

@@ -46,6 +46,7 @@ Job Job::From(const boost::json::value& document) {
     job.createdAt = fields::Number(document, "createdAt");
     job.startedAt = fields::Number(document, "startedAt");
     job.endedAt = fields::Number(document, "endedAt");
+    job.took = fields::Number(document, "took");
     return job;
 }
 
@@ -94,10 +95,8 @@ std::string Job::Why() const {
     return state == "Cancelled" ? "cancelled" : "it does not say why";
 }
 
-std::string Job::Duration(std::int64_t now) const {
-    const std::int64_t begun = startedAt;
-    const std::int64_t until = endedAt != 0 ? endedAt : now;
-    return begun == 0 || until < begun ? std::string() : DurationText(until - begun);
+std::string Job::Duration() const {
+    return took <= 0 ? std::string() : DurationText(took);
 }
 
 }  // namespace arborctl

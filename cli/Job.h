@@ -26,6 +26,7 @@ struct Job {
     std::int64_t createdAt = 0;
     std::int64_t startedAt = 0;
     std::int64_t endedAt = 0;
+    std::int64_t took = 0;  ///< milliseconds, so far for one that runs; 0: not known
 
     static Job From(const boost::json::value& document);
 
@@ -43,8 +44,8 @@ struct Job {
     [[nodiscard]] std::string Stage() const;
     /// Why it ended as it did, in a sentence; empty for one that succeeded or has not ended.
     [[nodiscard]] std::string Why() const;
-    /// How long it took, or has been at work until `now`; empty before it started.
-    [[nodiscard]] std::string Duration(std::int64_t now) const;
+    /// How long it took, or has been at work; empty before it started, and when nobody knows.
+    [[nodiscard]] std::string Duration() const;
     /// The front of the id, as people type it.
     [[nodiscard]] std::string ShortId() const { return id.substr(0, 8); }
 };

@@ -12,7 +12,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     python3 openssl softhsm2 libengine-pkcs11-openssl libubootenv-tool shellcheck curl util-linux mount procps ca-certificates git
     chromium
-    avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs bubblewrap
+    avahi-daemon avahi-utils libnss-mdns openssh-client openssh-server rsync dbus iproute2 i2c-tools bindfs python3-fusepy bubblewrap
 )
 package_tools=(debhelper dpkg-dev lintian mandoc man-db debootstrap systemd-container squashfs-tools u-boot-tools e2fsprogs)
 arm64_tools=(debootstrap qemu-user-static)

@@ -48,6 +48,18 @@ std::shared_ptr<ZOperationMsg> ZOperation::CopyOf(const ZOperationMsg& message) 
     return copy;
 }
 
+void ZOperation::CountTime(ZOperationMsg& job) {
+    if (job.m_StartedSinceBoot > 0 && std::string_view(job.m_BootId) == BootId()) {
+        job.m_Took = std::max<std::int64_t>(1, MillisecondsSinceBoot() - job.m_StartedSinceBoot);
+    }
+}
+
+void ZOperation::Tell(const State& state) const {
+    auto copy = CopyOf(*state.message);
+    CountTime(*copy);
+    m_publish(std::move(copy));
+}
+
 std::shared_ptr<ZOperationMsg> ZOperation::Get() const {
     return CopyOf(*m_message.Lock()->message);
 }
@@ -57,6 +69,7 @@ void ZOperation::Start() {
     if (MayFollow(state->message->m_State, ZOperationState::Running)) {
         state->message->m_State = ZOperationState::Running;
         state->message->m_StartedAt = MillisecondsNow();
+        state->message->m_StartedSinceBoot = MillisecondsSinceBoot();
         Tell(*state);
     }
 }

@@ -79,6 +79,8 @@ public:
     /// Whether a job may go from one state to the other.
     static bool MayFollow(ZOperationState from, ZOperationState to);
     static ZString NewId();
+    /// Brings up to date how long a job that runs has taken so far; that of one of another boot is not known.
+    static void CountTime(ZOperationMsg& job);
 
 private:
     struct State {
@@ -91,7 +93,7 @@ private:
     };
     bool Settle(ZOperationState state, const ZString& reason, ZFrameworkErrorCodes::ZErrorCode code);
     static std::shared_ptr<ZOperationMsg> CopyOf(const ZOperationMsg& message);
-    void Tell(const State& state) const { m_publish(CopyOf(*state.message)); }
+    void Tell(const State& state) const;
 
     const std::shared_ptr<const ZOperationMsg> m_begun;
     const Publish m_publish;

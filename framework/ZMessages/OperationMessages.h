@@ -27,6 +27,9 @@ public:
     std::int64_t m_StartedAt = 0;
     std::int64_t m_EndedAt = 0;
     ZString m_BootId;  ///< the kernel's, of the boot in which it was begun
+    // Milliseconds by a clock that nobody sets; 0: not yet, or not known.
+    std::int64_t m_StartedSinceBoot = 0;  ///< when it started, from that boot on
+    std::int64_t m_Took = 0;              ///< how long it ran, or has run when this was told
     // Its process, when it has one that outlives the host; the start tells it from a later one of the same number.
     std::int32_t m_ProcessId = 0;
     std::uint64_t m_ProcessStart = 0;  ///< clock ticks after the boot, field 22 of /proc/PID/stat
@@ -36,7 +39,8 @@ public:
     Z_FIELDS(Z_FIELD(m_Id), Z_FIELD(m_Parent), Z_FIELD(m_Kind), Z_FIELD(m_State), Z_FIELD(m_Version), Z_FIELD(m_File),
              Z_FIELD(m_Device), Z_FIELD(m_Asker), Z_FIELD(m_Node), Z_FIELD(m_Header), Z_FIELD(m_Message),
              Z_FIELD(m_Percent), Z_FIELD(m_Reason), Z_FIELD(m_ErrorCode), Z_FIELD(m_CreatedAt), Z_FIELD(m_StartedAt),
-             Z_FIELD(m_EndedAt), Z_FIELD(m_BootId), Z_FIELD(m_ProcessId), Z_FIELD(m_ProcessStart))
+             Z_FIELD(m_EndedAt), Z_FIELD(m_BootId), Z_FIELD(m_StartedSinceBoot), Z_FIELD(m_Took), Z_FIELD(m_ProcessId),
+             Z_FIELD(m_ProcessStart))
 };
 Z_REGISTER(ZOperationMsg)
 

@@ -22,5 +22,8 @@ const std::string& BootId();
 /// Milliseconds since 1970 by the system's clock.
 std::int64_t MillisecondsNow();
 
+/// Milliseconds since this boot, sleep included: no change of the system's clock touches them.
+std::int64_t MillisecondsSinceBoot();
+
 /// How a process ended, in words that follow "it": "ended with status 3", "was ended by SIGKILL".
 std::string EndOfProcess(int waitStatus);

@@ -28,6 +28,21 @@ bool IsDamage(int code) {
     return (code & 0xFF) == SQLITE_CORRUPT || (code & 0xFF) == SQLITE_NOTADB;
 }
 
+/// The system's own reason for an error of a read or a write, 0 when it is not known: SQLite keeps that of a commit
+/// with the file it was about, which is the log of changes or the database.
+int SystemReason(sqlite3* handle, int code) {
+    int reason = ::sqlite3_system_errno(handle);
+    for (const int which : {SQLITE_FCNTL_JOURNAL_POINTER, SQLITE_FCNTL_FILE_POINTER}) {
+        sqlite3_file* file = nullptr;
+        if (reason == 0 && (code & 0xFF) == SQLITE_IOERR &&
+            ::sqlite3_file_control(handle, "main", which, static_cast<void*>(&file)) == SQLITE_OK && file != nullptr &&
+            file->pMethods != nullptr) {
+            file->pMethods->xFileControl(file, SQLITE_FCNTL_LAST_ERRNO, &reason);
+        }
+    }
+    return reason;
+}
+
 }  // namespace
 
 void Database::Close::operator()(sqlite3* handle) const {
@@ -60,7 +75,7 @@ ZError Database::ErrorOf(int code) {
     if (!detail.empty() && !text.ends_with(detail)) {
         text += " (" + detail + ')';
     }
-    if (const int reason = m_handle && isLast ? ::sqlite3_system_errno(m_handle.get()) : 0; reason != 0) {
+    if (const int reason = isLast ? SystemReason(m_handle.get(), code) : 0; reason != 0) {
         return ZError::OfSystem(text, reason);
     }
     return ZError(text);

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "MessageRows.h"
+#include "NodeBase/ZOperation.h"
 #include "ZShared/ZLog.h"
 
 namespace journal {
@@ -306,8 +307,12 @@ std::shared_ptr<ZOperationsMsg> Journal::Answer(const ZOperationsRequestMsg& req
         jobs.resize(query->limit);
         answer->m_Next = ToZString(std::to_string(jobs.back().number));
     }
-    for (Job& job : jobs) {
-        answer->m_Operations.push_back(std::move(job.message));
+    for (const Job& job : jobs) {
+        auto& told = answer->m_Operations.emplace_back(Z_MAKE(ZOperationMsg));
+        told->CloneDataMembers(*job.message);
+        if (told->IsOpen()) {
+            ZOperation::CountTime(*told);
+        }
     }
     answer->m_Problem = ToZString(m_failing ? m_problem : std::string());
     return answer;

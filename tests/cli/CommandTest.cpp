@@ -54,9 +54,9 @@ constexpr const char* kInventory = R"({"packages": [{"version": "3.046", "relati
     "errorCode": "ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED"}]})";
 constexpr const char* kJob = R"({"id": "1f3a9c0200000000", "kind": "RemoteInstall", "state": "Failed", "version": "3.1",
     "device": "4", "asker": "user alice", "node": "ArborInstall", "reason": "no power", "errorCode": "ERRCODE_NONE",
-    "createdAt": 86400000, "startedAt": 86400000, "endedAt": 86525000})";
+    "createdAt": 86400000, "startedAt": 86400000, "endedAt": 1, "took": 125000})";
 constexpr const char* kJobs = R"({"operations": [{"id": "1f3a9c0200000000", "kind": "RemoteInstall", "state": "Failed",
-    "version": "3.1", "device": "4", "reason": "no power", "startedAt": 1000, "endedAt": 1500},
+    "version": "3.1", "device": "4", "reason": "no power", "startedAt": 1000, "endedAt": 99999999999, "took": 500},
     {"id": "2b", "kind": "Check", "state": "Running", "file": "/a.pkg", "percent": 7, "asker": "drive /d"}]})";
 constexpr const char* kOrders = R"({"orders": [
     {"user": "mallory", "program": "curl\u001b", "processId": 77, "keyword": "newFile", "subject": "/tmp evil.pkg",

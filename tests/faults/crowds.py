@@ -80,6 +80,33 @@ def installs(_: random.Random, times: int) -> str:
     return f"{times} installs; before: {before}; after: {taken()}"
 
 
+def _hour(number: int, chance: random.Random) -> None:
+    """What people do with the instrument in an hour of a busy day, one thing after the other."""
+    plug("3.045", "3.046")
+    install(whole.VERSIONS[number % 2])
+    sticks.detach()
+    expect(arborctl("upload", str(whole.package("3.046"))).status == 0, "it can be sent")
+    for _ in range(30):  # somebody has the page open, somebody a script
+        question = chance.choice((("status", "--json"), ("history",), ("log", "-n", "100"), ("slots",), ("updates",), ("orders",)))
+        expect(arborctl(*question).status == 0, f"{question} is answered")
+    arborctl("scan", "/media/nothing")
+    arborctl("forget", "arbor-3.046.pkg")
+    until(lambda: not gateway.updates(), "nothing is offered")
+
+
+def day(chance: random.Random, times: int) -> str:
+    """Hours of use, without a pause and without a restart."""
+    fresh()
+    for number in range(4):  # until the allocator has what it keeps
+        _hour(number, chance)
+    before = at_rest()
+    for number in range(times):
+        _hour(number, chance)
+    calm()
+    expect_as_before(before, 1024)
+    return f"{times} hours; before: {before}; after: {taken()}"
+
+
 def _connected(count: int) -> list[socket.socket]:
     """So many connections of one user, as far as the host takes them."""
     found = []

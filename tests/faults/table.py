@@ -4,6 +4,7 @@ import random
 from dataclasses import dataclass
 from typing import Callable
 
+import clock
 import crowds
 import disks
 import kills
@@ -34,9 +35,14 @@ ROWS = (
     Row("full-archive", disks.row(paths.ARCHIVE, disks.order_install, disks.order_scan), 1, 10),
     Row("full-state", disks.row(paths.STATE, disks.order_install, disks.order_upload, disks.order_scan), 2, 10),
     Row("full-log", disks.row(paths.LOGS, disks.order_install, disks.order_upload), 1, 10),
+    Row("quota-updates", disks.row(paths.UPDATES, disks.order_upload, disks.order_install, disk=disks.disk_with_quota), 1, 10),
+    Row("quota-slots", disks.row(paths.SLOTS, disks.order_install, disk=disks.disk_with_quota), 2, 10),
+    Row("quota-state", disks.row(paths.STATE, disks.order_install, disks.order_upload, disks.order_scan, disk=disks.disk_with_quota), 2, 10),
+    Row("clock", clock.jumps, 6, 60),
     Row("swaps", crowds.swaps, 5, 200),
     Row("plugs", crowds.plugs, 30, 1000),
     Row("installs", crowds.installs, 6, 1000),
+    Row("day", crowds.day, 2, 24),
     Row("connections", crowds.connections, 1, 10),
 )
 

@@ -2,7 +2,7 @@
 import js from '@eslint/js';
 
 const BROWSER = ['AbortController', 'AbortSignal', 'Blob', 'FileReader', 'MutationObserver', 'TextDecoderStream', 'URL', 'URLSearchParams',
-  'addEventListener', 'clearInterval', 'clearTimeout', 'console', 'document', 'fetch', 'history', 'location', 'sessionStorage',
+  'addEventListener', 'clearInterval', 'clearTimeout', 'console', 'document', 'fetch', 'history', 'location', 'performance', 'sessionStorage',
   'setInterval', 'setTimeout', 'window'];
 const readable = (names) => Object.fromEntries(names.map((name) => [name, 'readonly']));
 

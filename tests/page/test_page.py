@@ -4,6 +4,8 @@ import contextlib
 import json
 import os
 import signal
+import subprocess
+import unittest
 from pathlib import Path
 
 from browser import Browser
@@ -192,6 +194,17 @@ class Installs(PageCase):
         wait_until(lambda: gateway.updates() == [], "nothing is offered any more")
         self.browser.press(f"Install {VERSION}", within="dialog")
         self.browser.see(f"Install {VERSION}: ", within="[role=alert]")
+
+
+class Facts(unittest.TestCase):
+    def test_clock_that_was_set_back_changes_neither_what_is_newest_nor_how_long_it_took(self) -> None:
+        facts = (paths.PROJECT / "services/NodeGateway/page/js/facts.js").read_text()
+        done = subprocess.run(["node", "--input-type=module", "-"], text=True, capture_output=True, check=False, input=facts + """
+            const job = (id, year, more) => ({ id, kind: 'Install', createdAt: Date.UTC(year), startedAt: Date.UTC(year), endedAt: Date.UTC(2026), took: 90000, ...more });
+            const jobs = [job('1', 2026, { state: 'Succeeded', version: '3.045', bootId: 'a' }), job('2', 1985, { state: 'Failed' })];
+            const state = { jobs: new Map(jobs.map((one) => [one.id, one])), status: { bootId: 'b', installedVersion: '3.045' }, link: 'live' };
+            console.log(outcome(state).kind, lastInstallTook([...jobs].reverse()), lastRestart([job('3', 1985, { bootId: 'b' }), jobs[0]]));""")
+        self.assertEqual(done.stdout, "failed 90000 0\n", done.stderr)
 
 
 class Files(PageCase):

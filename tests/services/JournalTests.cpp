@@ -191,6 +191,34 @@ TEST_F(JournalNode, KeepsProgressInMemoryAndTellsIt) {
     EXPECT_NE(fs::last_write_time(wal), before.second);
 }
 
+TEST_F(JournalNode, TellsHowLongAJobHasTakenByAClockThatNobodySets) {
+    ASSERT_TRUE(Start());
+    const auto job = Begin(ZOperationKind::Install);
+    EXPECT_EQ(Find(job->Id())->m_Took, 0);
+    const std::int64_t before = MillisecondsSinceBoot();
+    job->Start();
+    const auto toldSo = [&](std::int64_t least) { return Find(job->Id())->m_Took >= least; };
+    ASSERT_TRUE(WaitUntil([&] { return toldSo(20); })) << "it grows while nothing is told";
+    job->SetProcess({4321, 99});
+    job->LeaveOpen();
+    Restart();  // the host; the boot is the same
+    const std::int64_t sofar = Find(job->Id())->m_Took;
+    EXPECT_GE(sofar, 20);
+    worker->AdoptOperation(*Find(job->Id()))->Succeed();
+    const std::int64_t took = Find(job->Id())->m_Took;
+    EXPECT_GE(took, sofar);
+    EXPECT_LE(took, MillisecondsSinceBoot() - before);
+
+    const auto earlier = ZMakeShared<ZOperationMsg>();  // it runs since another boot, which had another clock
+    earlier->m_Id = "abcd0001";
+    earlier->m_State = Running;
+    earlier->m_BootId = "another";
+    earlier->m_StartedSinceBoot = 1;
+    earlier->m_Took = 7;
+    worker->Tell("operation", earlier);
+    EXPECT_EQ(Find(earlier->m_Id)->m_Took, 7);
+}
+
 TEST_F(JournalNode, SettlesWhatAnEarlierLifeLeftOpen) {
     ASSERT_TRUE(Start());
     const auto queued = Begin();

@@ -9,7 +9,8 @@ const numbersOf = (version) => (version ?? '').split('.').map((piece) => parseIn
 export const isSameVersion = (one, other) => numbersOf(one) === numbersOf(other);
 
 export const isOpen = (job) => job.state === 'Queued' || job.state === 'Running';
-export const newestFirst = (jobs) => [...jobs].sort((a, b) => b.createdAt - a.createdAt);
+// Jobs as they were heard of; their times may be those of a clock that was wrong.
+export const newestFirst = (jobs) => [...jobs].reverse();
 export const may = (state, role) => ROLES.indexOf(state.status?.you?.role) >= ROLES.indexOf(role);
 
 export function mayCancel(state, job) {
@@ -25,8 +26,7 @@ export const scans = (state) => [...state.jobs.values()].filter((job) => job.kin
 
 // An event may have told its end when nobody could be asked any more: the instrument restarts right behind it.
 function lastInstall(state) {
-  const told = [...state.jobs.values(), state.status?.lastInstall].filter(Boolean);
-  return newestFirst(told.filter((job) => job.kind === 'Install' && !isOpen(job)))[0] ?? null;
+  return newestFirst(state.jobs.values()).find((job) => job.kind === 'Install' && !isOpen(job)) ?? state.status?.lastInstall ?? null;
 }
 
 // What the last install on this instrument has come to:
@@ -62,13 +62,13 @@ export function mustStayOn(state) {
 }
 
 // How long the last restart took, in ms: from the end of an install to the first job of the boot behind it. `jobs` as the
-// journal tells them; 0 when they do not tell.
+// journal tells them, the newest first; 0 when they do not tell.
 export function lastRestart(jobs) {
-  const ordered = newestFirst(jobs).reverse();
-  for (const job of ordered.filter((one) => one.kind === 'Install' && one.state === 'Succeeded').reverse()) {
-    const next = ordered.find((other) => other.createdAt > job.endedAt);
-    const took = next ? next.createdAt - job.endedAt : 0;
-    if (took && next.bootId !== job.bootId && took < LONGEST_RESTART_MS) {
+  for (const [place, job] of jobs.entries()) {
+    const next = job.kind === 'Install' && job.state === 'Succeeded'
+      && jobs.slice(0, place).reverse().find((other) => other.createdAt > job.endedAt || other.bootId !== job.bootId);
+    const took = next && next.bootId !== job.bootId ? next.createdAt - job.endedAt : 0;
+    if (took > 0 && took < LONGEST_RESTART_MS) {
       return took;
     }
   }
@@ -76,8 +76,7 @@ export function lastRestart(jobs) {
 }
 
 export function lastInstallTook(jobs) {
-  const job = newestFirst(jobs).find((one) => one.kind === 'Install' && one.state === 'Succeeded' && one.startedAt);
-  return job ? job.endedAt - job.startedAt : 0;
+  return jobs.find((one) => one.kind === 'Install' && one.state === 'Succeeded' && one.took)?.took ?? 0;
 }
 
 // One entry for each version, with the places where it lies.

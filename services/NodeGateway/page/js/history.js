@@ -11,9 +11,12 @@ const MARGIN_MS = 1000; // a line about an end comes a moment after it
 
 const what = (job) => [job.version, job.device && `→ ${job.device}`, !job.version && (job.kind === 'Scan' ? job.file : baseName(job.file))].filter(Boolean).join(' ');
 
+// The clock may have been set back meanwhile.
+const earliest = (job) => (job.endedAt ? Math.min(job.createdAt, job.endedAt) : job.createdAt);
+
 function Lines({ job }) {
-  const told = useAsked(() => get(`log?lines=1000&level=2&since=${job.createdAt}`), [job.state]);
-  const until = job.endedAt ? job.endedAt + MARGIN_MS : Infinity;
+  const told = useAsked(() => get(`log?lines=1000&level=2&since=${earliest(job)}`), [job.state]);
+  const until = job.endedAt ? Math.max(job.createdAt, job.endedAt) + MARGIN_MS : Infinity;
   const lines = (told?.entries ?? []).filter((line) => line.time <= until);
   return html`<h3>${texts.lines}</h3>
     ${lines.length ? html`<pre class="log" tabindex="0" aria-label=${texts.lines}>${lines.map((line) => html`<span class=${`line level-${line.level}`} key=${line.number}>${line.text}${'\n'}</span>`)}</pre>`
@@ -21,7 +24,7 @@ function Lines({ job }) {
 }
 
 function Details({ job }) {
-  const told = useAsked(() => askJobs({ limit: 300, since: job.createdAt }), [job.state]);
+  const told = useAsked(() => askJobs({ limit: 300, since: earliest(job) }), [job.state]);
   const parts = (told?.operations ?? []).filter((one) => one.parent === job.id).reverse();
   return html`<div class="details">
     <${Facts} rows=${[
@@ -38,7 +41,7 @@ function Details({ job }) {
 
 function Entry({ job }) {
   const [open, setOpen] = useState(false);
-  const took = job.endedAt && job.startedAt ? texts.took(texts.duration(job.endedAt - job.startedAt)) : '';
+  const took = job.took && !isOpen(job) ? texts.took(texts.duration(job.took)) : '';
   return html`<li class="entry">
     <button type="button" class="entry-head" aria-expanded=${open} onClick=${() => setOpen(!open)}>
       <span class="grow"><span class="name">${texts.kinds[job.kind] ?? job.kind} ${what(job)}</span>
@@ -54,7 +57,8 @@ export function History() {
   const [kind, setKind] = useState('');
   const [end, setEnd] = useState('');
   const [pages, setPages] = useState({ jobs: [], next: '' });
-  const newest = Math.max(0, ...[...state.jobs.values()].map((job) => Math.max(job.createdAt, job.endedAt)));
+  const heard = [...state.jobs.values()];
+  const newest = `${heard.at(-1)?.id} ${heard.filter(isOpen).map((job) => job.id)}`; // another one when one has begun or ended
   const query = { limit: PAGE, ...(kind && { kind }), ...(end && { state: end }) };
   const load = (before) => askJobs({ ...query, ...(before && { before }) }).then((page) => {
     setPages((known) => ({ jobs: before ? [...known.jobs, ...page.operations] : page.operations, next: page.next, told: true }));

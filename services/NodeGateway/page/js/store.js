@@ -80,11 +80,12 @@ async function live() {
 }
 
 async function refresh() {
+  const asked = performance.now();
   const status = await get('status');
-  for (const job of [...(status.operations ?? []), status.lastInstall]) {
+  for (const job of [status.lastInstall, ...[...(status.operations ?? [])].reverse()]) {
     keep(job);
   }
-  dropUntold(status);
+  dropUntold(status, asked);
   learnRestart();
   change({ status, link: 'live' });
 }
@@ -98,10 +99,10 @@ async function learnRestart() {
 }
 
 // A job that was open and is told no more has ended while nobody listened.
-function dropUntold(status) {
+function dropUntold(status, asked) {
   const told = new Set((status.operations ?? []).map((job) => job.id));
   for (const job of state.jobs.values()) {
-    if (status.operations && isOpen(job) && !told.has(job.id) && job.createdAt < status.now - 2000) {
+    if (status.operations && isOpen(job) && !told.has(job.id) && job.heardAt < asked - 2000) {
       get(`operations/${job.id}`).then(keep, () => state.jobs.delete(job.id)).then(() => change({}));
     }
   }
@@ -115,9 +116,9 @@ function keep(job) {
   if (known && !isOpen(known) && isOpen(job)) {
     return; // was asked before it ended
   }
-  state.jobs.set(job.id, job);
+  state.jobs.set(job.id, { ...job, heardAt: known?.heardAt ?? performance.now() });
   if (state.jobs.size > MOST_JOBS) {
-    const oldest = [...state.jobs.values()].filter((other) => !isOpen(other)).sort((a, b) => a.createdAt - b.createdAt)[0];
+    const oldest = [...state.jobs.values()].find((other) => !isOpen(other));
     state.jobs.delete(oldest?.id);
   }
 }

@@ -18,7 +18,7 @@ const base64 = (blob) => new Promise((resolve, reject) => {
 
 export async function carry(file) {
   const tell = (className, more) => send('upload', { className, filePath: file.name, ...more });
-  change({ upload: { name: file.name, size: file.size, sent: 0, since: state.status?.now ?? 0 } });
+  change({ upload: { name: file.name, size: file.size, sent: 0, known: new Set(state.jobs.keys()) } });
   try {
     if (file.size === 0) {
       throw new Error(texts.uploadEmpty);
@@ -36,9 +36,9 @@ export async function carry(file) {
   }
 }
 
-// The newest check of that file since its carrying began.
+// The newest check of that file that was not known when its carrying began.
 function checkOf(upload) {
-  return newestFirst(state.jobs.values()).find((job) => job.kind === 'Check' && baseName(job.file) === upload.name && job.createdAt >= upload.since);
+  return newestFirst(state.jobs.values()).find((job) => job.kind === 'Check' && baseName(job.file) === upload.name && !upload.known.has(job.id));
 }
 
 function Told({ upload }) {
