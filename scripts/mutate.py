@@ -92,7 +92,8 @@ class Workshop:
 
     def __init__(self, number: int) -> None:
         self.folder = HOME / str(number)
-        (self.folder / "root").mkdir(parents=True, exist_ok=True)
+        for place in (self.folder / "root", HOME / "work"):
+            place.mkdir(parents=True, exist_ok=True)
 
     def prepare(self) -> str:
         """Brings the copy to what the checkout holds, and builds it. Returns a digest of what the tests depend on."""
