@@ -58,8 +58,6 @@ def jumps(chance: random.Random, times: int) -> str:
         within = 0
         for number in range(times):
             kind, activity = chance.choice(list(activities.items()))
-            for file in paths.UPDATES.iterdir():
-                arborctl("forget", file.name)
             plug("3.045", "3.046")
             begun = time.monotonic()
             activity.begin()
@@ -67,6 +65,8 @@ def jumps(chance: random.Random, times: int) -> str:
             jump(chance.choice(YEARS))
             activity.end()
             within += expect_told(kind, begun)
+            for file in paths.UPDATES.iterdir():
+                arborctl("forget", file.name)
             if number % 4 == 3:
                 restart()
         calm()
