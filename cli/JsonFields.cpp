@@ -27,7 +27,7 @@ void AppendPretty(std::string& out, const json::value& value, const std::string&
     if (value.is_object() && !value.get_object().empty()) {
         const char* separator = "{\n";
         for (const auto& member : value.get_object()) {
-            out += separator + inner + json::serialize(member.key()) + ": ";
+            out += separator + inner + Escaped(json::serialize(member.key())) + ": ";
             AppendPretty(out, member.value(), inner);
             separator = ",\n";
         }

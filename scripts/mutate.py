@@ -35,7 +35,7 @@ MADE = ["made.settings", "made.reference"]
 FITTING = {
     "text": ["framework_values_test", "cli_text_test", "cli_program_test", "services_tests", "gateway_tests", "endtoend.badinput"],
     "framework/ZTrust": ["trust_tests", "node_tests", "cli_program_test", "endtoend.trust", "endtoend.documents", "endtoend.accessory.trust"],
-    "framework/ZBoot": ["boot_tests", "services_tests", "endtoend.trial", "endtoend.doctor"],
+    "framework/ZBoot": ["boot_tests", *MADE, "services_tests", "endtoend.trial", "endtoend.doctor"],
     "framework/NodeLink": ["link_tests", "cli_program_test", *PAIR],
     "framework": ["framework_values_test", "framework_graph_test", "host_tests", "services_tests", "node_tests", "link_tests",
                   "gateway_tests", *MADE, *DEVICE, *PAIR],
@@ -49,7 +49,7 @@ FITTING = {
     "services/NodeTrial": ["services_tests", *MADE, "endtoend.trial", "endtoend.doctor"],
     "services": ["services_tests", "node_tests", "host_tests", *MADE, "endtoend.drives", "endtoend.journey", *PAIR],
     "host": ["host_tests", "framework_graph_test", *MADE, "endtoend.journey"],
-    "boot": ["boot_tests", "endtoend.trial"],
+    "boot": ["boot_tests", *MADE, "endtoend.trial"],
     "cli": ["cli_text_test", "cli_program_test", "trust_tests", "link_tests", "made.reference", "endtoend.doctor", "endtoend.journey",
             "endtoend.operations.together", "endtoend.trial", "endtoend.trust", "endtoend.documents", *PAIR],
     "packages": [*PACKAGES, "endtoend.journey", "endtoend.trial", "endtoend.trust", "endtoend.documents"],

@@ -373,6 +373,8 @@ TEST_F(Boot, SettingsNameWhatIsWrong) {
     const auto read = ZBootSettings::Load(folder / "boot.json");
     ASSERT_TRUE(read) << ErrorOf(read);
     EXPECT_EQ(read->attempts, 100U);
+    Write(folder / "least.json", R"({"attempts":1})");
+    EXPECT_EQ(ZBootSettings::Load(folder / "least.json")->attempts, 1U);
     EXPECT_EQ(read->control + read->command + read->slotVariable + read->printEnvironment + read->setEnvironment +
                   read->entries,
               "cdvpse");

@@ -131,7 +131,7 @@ constexpr AnswerCase kAnswers[]{
     {"check 9 --board b", "checkCompatibility", R"({"version": "9", "board": "b"})",
      200, R"({"compatible": false})", 1, "Compatible       no", ""},
     {"send cancel -", "cancel", R"({"from": "input"})", 202, "", 0, "accepted\n", ""},
-    {"send upload @in", "upload", R"({"from": "input"})", 200, R"({"bSuccess": false})", 1, "\"bSuccess\": false", ""},
+    {"send upload @in", "upload", R"({"from": "input"})", 200, R"({"a\u007f": 1, "bSuccess": false})", 1, "\"a\\x7f\": 1,\n  \"bSuccess\": false", ""},
     {"send nope", "other", kAny, 200, "{}", 1, "", "unknown (HTTP 404)"},
     {"install 9", "updatesystem", R"({"version": "9", "progressHost": "", "reboot": true})",
      200, R"({"bSuccess": false, "ErrCode": "ERRCODE_NONE"})", 1, "", "Installing 9: the device has no package"},

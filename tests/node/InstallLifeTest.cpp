@@ -6,6 +6,7 @@
 #include <csignal>
 #include <fstream>
 #include <limits>
+#include <thread>
 
 #include "NodeFixture.h"
 #include "ZShared/ZProcess.h"
@@ -73,6 +74,27 @@ TEST_F(InstallLife, IsNotTouchedByASecondRequest) {
     installer.Say(R"({"percent":100,"done":true})");
     EXPECT_TRUE(WaitForJob("Install 3.045 Succeeded"));
     EXPECT_FALSE(Ask("3.049")->m_bSuccess) << "its process lives on: it restarts the device";
+}
+
+TEST_F(InstallLife, IsFollowedByOneThatIsOrderedWhileItsProcessEnds) {
+    Package("b.pkg", "3.049");
+    bool isTaken = false;
+    for (int round = 0; round < 5 && !isTaken; ++round) {  // the node waits for some seconds only
+        const std::string version = "3.05" + std::to_string(round);
+        const fs::path ends = folder / ("ends" + version);
+        Begin(version.c_str(), "while [ ! -e " + ends.string() + " ]; do sleep 0.01; done");
+        Installer installer(socket);
+        installer.Say(R"({"percent":100,"done":true})");
+        ASSERT_TRUE(WaitForJob("Install " + version + " Succeeded"));
+        std::jthread later([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            std::ofstream(ends) << "now";
+        });
+        isTaken = Ask("3.049")->m_bSuccess;
+        later.join();
+        ASSERT_TRUE(isTaken || WaitForNoRelay());
+    }
+    EXPECT_TRUE(isTaken) << log.All();
 }
 
 TEST_F(InstallLife, CountsItsOwnDocumentsOnly) {
