@@ -16,6 +16,10 @@ FRESH_DESCRIPTORS = 4  # that may be open at this moment and were not at that on
 MEMORY_KIB = 8192  # that the allocator may have kept since: rows that are about memory take less
 
 
+class LeftOut(Exception):
+    """This machine can't make the fault; the text says why."""
+
+
 @dataclass
 class Command:
     """arborctl as a person runs it, beside what goes on."""

@@ -11,7 +11,7 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Callable, Iterator
 
-from device import arborctl, at_rest, calm, expect, expect_as_before, fresh, install, jobs, plug, restart
+from device import LeftOut, arborctl, at_rest, calm, expect, expect_as_before, fresh, install, jobs, plug, restart
 from simulation import gateway, host, paths, places, slots, whole
 from simulation.whole import until
 
@@ -55,6 +55,8 @@ def small_disk(place: Path) -> Iterator[Callable]:
 @contextmanager
 def disk_with_quota(place: Path) -> Iterator[Callable]:
     """A disk with room, of which the user may have a part. Yields what makes that end."""
+    if not os.path.exists("/dev/fuse"):
+        raise LeftOut("there is no /dev/fuse")
     served: list[subprocess.Popen] = []
 
     def mount(copy: Path, over: Path) -> None:

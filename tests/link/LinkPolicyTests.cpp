@@ -192,6 +192,11 @@ TEST(LogLimit, TellsTheFirstLineOfAKindThenOneAMinuteAndOfManyKindsTogether) {
     EXPECT_EQ(std::nullopt, limit.Admit("f", now));
     EXPECT_EQ("", limit.Admit("a", now));
 
+    const std::string stranger(200, 'x');
+    ZLogLimit few(8);
+    EXPECT_EQ("", few.Admit(stranger + "1", now));
+    EXPECT_EQ(std::nullopt, few.Admit(stranger + "2", now)) << "of a kind's text only so much is kept";
+
     ZLogLimit two(8, 2);
     for (const auto& told :
          {std::optional<std::string>(""), std::optional<std::string>(""), std::optional<std::string>()}) {
