@@ -69,6 +69,20 @@ TEST_F(Wires, ARefusalIsBelievedOnlyOfWhoHasWelcomed) {
     EXPECT_EQ(LinkWire::News::Failed, Feed(std::exchange(impostor.Output(), {}) + refusal, m_caller));
 }
 
+TEST_F(Wires, WhoWasRefusedDoesNotGetInAfterAll) {
+    LinkCurve caller(LinkCurve::Side::Caller, m_callersKeys, m_listenersKeys.publicKey);
+    LinkCurve listener(LinkCurve::Side::Listener, m_listenersKeys, {});
+    EXPECT_EQ(std::nullopt, caller.Take("\x05READY")) << "it has not begun";
+    const auto welcome = listener.Take(caller.Begin());
+    ASSERT_TRUE(welcome);
+    const auto initiate = caller.Take(*welcome);
+    ASSERT_TRUE(initiate && listener.Take(*initiate));
+    ASSERT_EQ(LinkCurve::State::Asks, listener.GetState());
+    ASSERT_TRUE(caller.Take(listener.Refuse()));
+    EXPECT_EQ(std::nullopt, caller.Take(listener.Admit()));
+    EXPECT_EQ(LinkCurve::State::Refused, caller.GetState());
+}
+
 TEST_F(Wires, AfterALongFrameNotMoreIsReadAtOnceThanBefore) {
     Open();
     const std::size_t usual = m_listener.Room().size();
