@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Plants faults in the product, one at a time, and tells which of them the tests notice: mutate.py [N] [SEED].
+"""Plants faults in the product, one at a time, and tells which of them the tests notice: mutate.py [N] [SEED] [FILE:LINE...].
 
-Of all lines on which a fault can be planted the seed chooses N. Each fault is built and the tests of its room run, the near
+Of all lines on which a fault can be planted the seed chooses N, or those that are named. Each fault is built and the tests of its room run, the near
 ones first, until one fails. A fault that does not compile, or compiles to the same, counts for nothing; the next one takes
 its place. All of it happens in copies below build/mutate, and in a sandbox whose writes go nowhere else: a fault may well be
 that something deletes too much. A line is chosen by its text, so a change elsewhere leaves the other faults as they are.
@@ -50,6 +50,7 @@ FITTING = {
     "services": ["services_tests", "node_tests", "host_tests", *MADE, "endtoend.drives", "endtoend.journey", *PAIR],
     "host": ["host_tests", "framework_graph_test", *MADE, "endtoend.journey"],
     "boot": ["boot_tests", *MADE, "endtoend.trial"],
+    "cli/PageServer": ["cli_program_test", "page.doors"],
     "cli": ["cli_text_test", "cli_program_test", "trust_tests", "link_tests", "made.reference", "endtoend.doctor", "endtoend.journey",
             "endtoend.operations.together", "endtoend.trial", "endtoend.trust", "endtoend.documents", *PAIR],
     "packages": [*PACKAGES, "endtoend.journey", "endtoend.trial", "endtoend.trust", "endtoend.documents"],
@@ -111,6 +112,9 @@ class Workshop:
             if not copy.is_file() or copy.read_bytes() != content:
                 copy.parent.mkdir(parents=True, exist_ok=True)
                 shutil.copy(ROOT / name, copy)
+        browser = Path("tests/page/node_modules")  # what set-up has brought for the page's tests
+        (source / browser).unlink(missing_ok=True)
+        (source / browser).symlink_to(ROOT / browser)
         made = self.run(["cmake", "-G", "Ninja", "-S", str(SOURCE), "-B", str(BUILD), "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0",
                          "-DCMAKE_CXX_FLAGS=-w", "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache", "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", "-DARBOR_TESTS=ON"])
         if made.code != 0 or not self.build("all"):
@@ -152,7 +156,7 @@ class Tests:
 
     def __init__(self, workshop: Workshop, sources: str) -> None:
         listed = json.loads(workshop.run(["ctest", "--test-dir", str(BUILD), "--show-only=json-v1"]).said)["tests"]
-        self._listed = {test["name"]: test for test in listed if test["name"].startswith(("endtoend.", "packages.", "made."))}
+        self._listed = {test["name"]: test for test in listed if test["name"].startswith(("endtoend.", "packages.", "made.", "page."))}
         self.usual: dict[str, dict[str, float]] = {}
         self._failing: dict[str, list[str]] = {}
         self._sources, self._kept = sources, HOME / "usual.json"
@@ -235,8 +239,10 @@ def judge(workshop: Workshop, tests: Tests, objects: dict[str, str], fault: Faul
         path.write_bytes(good.encode("latin-1"))
 
 
-def main(count: int, seed: str) -> int:
+def main(count: int, seed: str, places: list[str]) -> int:
     faults = choose(ROOT, PRODUCT, seed)
+    if places:
+        faults = [fault for fault in faults if str(fault).split(": ")[0] in places]
     print(f"mutate: {len(faults)} lines have room for a fault; seed {seed}", flush=True)
     workshops = [Workshop(number) for number in range(1, 2 * (os.cpu_count() or 1) + 1)]
     sources = workshops[0].prepare()
@@ -276,4 +282,4 @@ def main(count: int, seed: str) -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main(int(sys.argv[1]) if len(sys.argv) > 1 else 20, sys.argv[2] if len(sys.argv) > 2 else "1"))
+    sys.exit(main(int(sys.argv[1]) if len(sys.argv) > 1 else 20, sys.argv[2] if len(sys.argv) > 2 else "1", sys.argv[3:]))

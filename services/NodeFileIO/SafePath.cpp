@@ -85,9 +85,6 @@ FileError OpenFolder(const ConfinedFolder& confined, MissingFolders missing, ZFi
         return SystemError(errno);
     }
     for (const fs::path& step : confined.below) {
-        if (step.empty()) {
-            continue;  // of a slash at the end
-        }
         ZFileDescriptor next(OpenStep(folder.Get(), step.c_str(), missing));
         if (!next) {
             return SystemError(errno);

@@ -24,6 +24,7 @@ TEST(TextFormat, ShowsNothingThatWouldSteerATerminal) {
         {"\xE2\x80\xAEgkp", "\\xe2\\x80\\xaegkp"},
         {"cut \xE2\x82", "cut \\xe2\\x82"},
         {"overlong \xC0\x9B \xE0\x80\x9B", "overlong \\xc0\\x9b \\xe0\\x80\\x9b"},
+        {"no more of it \xE2(\x9B", "no more of it \\xe2(\\x9b"},
         {"surrogate \xED\xA0\x80", "surrogate \\xed\\xa0\\x80"},
     };
     for (const auto& [text, shown] : cases) {

@@ -306,6 +306,12 @@ TEST_F(InstallLife, IsRefusedBeforeItsInstallerStartsWhenItsProgressCouldNotBeSe
         ASSERT_TRUE(WaitUntil([&] { return fs::exists(package.string() + ".args"); }));
         EXPECT_EQ(ReadText(package.string() + ".args").find("--sock=1"), std::string::npos) << "the first did not run";
         fs::remove(package.string() + ".args");
+        if (name == "taken") {
+            ASSERT_TRUE(WaitForJob("Install 3.045 Succeeded"));
+            fs::remove(folder / "mount/Archive/taken");
+            EXPECT_TRUE(Install(UpdateTo("3.045"))->m_bSuccess) << "what was in the way has gone";
+            ASSERT_TRUE(WaitUntil([&] { return fs::remove(package.string() + ".args"); }));
+        }
         Restart();
     }
 }

@@ -168,7 +168,9 @@ class Archiving(PackageTest):
         script = os.path.join(version, manifest["installerPath"], "installer.py")
 
         def build(board: str, name: str) -> str:
-            return run(script, "--build", "--device", board, "--output", name, cwd="/").stdout
+            done = run(script, "--build", "--device", board, "--output", name, cwd="/")
+            self.assertEqual(done.returncode, 0 if done.stdout.startswith("OK") else 1)
+            return done.stdout
 
         before = set(os.listdir(version))
         self.assertIn("OK: built", build("apalis-imx8", "arbor_kite.pkg"))
