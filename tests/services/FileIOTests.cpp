@@ -177,6 +177,8 @@ TEST_F(FileIO, StaysBelowItsFolders) {
     fs::create_directory_symlink(folder / "outside", root / "new");
     EXPECT_EQ(Close(root / "new/../new/u.pkg"), kDone);
     EXPECT_TRUE(fs::exists(root / "moved/u.pkg") && !fs::exists(root / "new/u.pkg")) << "it followed the link";
+    fs::remove_all(root);
+    EXPECT_THAT(Open(file), HasSubstr("No such file or directory"));
 }
 
 TEST_F(FileIO, KnowsWhoOpenedWhat) {

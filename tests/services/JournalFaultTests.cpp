@@ -159,21 +159,28 @@ TEST_F(JournalFile, PutsADamagedFileAsideAndBeginsAnew) {
         damage();
         const auto damaged = fs::file_size(file);
         log.Clear();
-        {
-            Journal journal = Opened();
-            journal.Take(Job("open", Running));
-            journal.Take(Job("afterwards", Running));
-            Ids(journal);  // finds what nobody has looked at until now
-            EXPECT_EQ(fs::file_size(file.string() + ".damaged"), damaged);
-            EXPECT_TRUE(ToldOnce(file.string() + ".damaged, and begun anew")) << log.All();
-            EXPECT_THAT(Ids(journal), ElementsAre("afterwards", "open"));
-            journal.Take(Job("afterwards", Succeeded));
-            EXPECT_THAT(Ids(journal, "Succeeded"), ElementsAre("afterwards"));
-            EXPECT_FALSE(journal.HasRest());
-        }
-        Journal later = Opened();
-        EXPECT_THAT(Ids(later), ElementsAre("afterwards", "open")) << "what was known goes into the new file";
+        Journal journal = Opened();
+        journal.Take(Job("afterwards", Running));
+        Ids(journal);  // finds what nobody has looked at until now
+        EXPECT_EQ(fs::file_size(file.string() + ".damaged"), damaged);
+        EXPECT_TRUE(ToldOnce(file.string() + ".damaged, and begun anew")) << log.All();
+        EXPECT_THAT(Ids(journal), ElementsAre("afterwards"));
+        journal.Take(Job("afterwards", Succeeded));
+        EXPECT_THAT(Ids(journal, "Succeeded"), ElementsAre("afterwards"));
+        EXPECT_FALSE(journal.HasRest());
     }
+    fs::remove(file);
+    Keep(0, 2000);
+    {
+        Journal journal = Opened();
+        journal.Take(Job("open", Running));
+        std::fstream bytes(file, std::ios::in | std::ios::out);  // while it is in use
+        bytes.seekp(8192) << std::string(fs::file_size(file) - 8192, 'x') << std::flush;
+        Ids(journal);
+        EXPECT_THAT(Ids(journal), ElementsAre("open"));
+    }
+    Journal later = Opened();
+    EXPECT_THAT(Ids(later), ElementsAre("open")) << "what is known goes into the new file";
 }
 
 TEST_F(JournalFile, KeepsTheNewestInMemoryWhileItsFolderCanNotBeMade) {
