@@ -12,7 +12,7 @@ by_interpreter() { by_name | xargs -0 grep -lIZ -m1 -E "^#!.*\b$1\b" -- || true;
 
 check_format() {
     echo "lint: format"
-    by_name '*.h' '*.cpp' | xargs -0 -r clang-format --dry-run -Werror
+    by_name '*.h' '*.c' '*.cpp' | xargs -0 -r clang-format --dry-run -Werror
 }
 
 check_scripts() {

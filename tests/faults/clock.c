@@ -1,5 +1,5 @@
-/* The system's clock as programs see it, set as many seconds ahead or back as the file ARBOR_CLOCK says (eight bytes, as the
-   machine has them). Laid over the C library with LD_PRELOAD; clocks that nobody sets go on as they are. */
+/* The system's clock as programs see it, set as many seconds ahead or back as the file ARBOR_CLOCK says (eight bytes,
+   as the machine has them). Laid over the C library with LD_PRELOAD; clocks that nobody sets go on as they are. */
 
 #define _GNU_SOURCE
 #include <fcntl.h>
