@@ -49,7 +49,9 @@ std::shared_ptr<ZOperationMsg> ZOperation::CopyOf(const ZOperationMsg& message) 
 }
 
 void ZOperation::CountTime(ZOperationMsg& job) {
-    if (job.m_StartedSinceBoot > 0 && std::string_view(job.m_BootId) == BootId()) {
+    if (std::string_view(job.m_BootId) != BootId()) {
+        job.m_Took = 0;
+    } else if (job.m_StartedSinceBoot > 0) {
         job.m_Took = std::max<std::int64_t>(1, MillisecondsSinceBoot() - job.m_StartedSinceBoot);
     }
 }

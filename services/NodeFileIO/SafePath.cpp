@@ -85,6 +85,9 @@ FileError OpenFolder(const ConfinedFolder& confined, MissingFolders missing, ZFi
         return SystemError(errno);
     }
     for (const fs::path& step : confined.below) {
+        if (step.empty()) {
+            continue;  // behind a folder that is not there yet, and was named with a dot
+        }
         ZFileDescriptor next(OpenStep(folder.Get(), step.c_str(), missing));
         if (!next) {
             return SystemError(errno);

@@ -30,7 +30,7 @@ constexpr const char* kTable =
 /// An install that runs may have a process that lives on, known or not: its node finds out.
 constexpr const char* kLose =
     "UPDATE operations SET reason = CASE state WHEN 0 THEN 'the host ended before it began'"
-    " ELSE 'the host ended while it ran' END, endedAt = ?1, state = ?2 WHERE state < 2 AND processId = 0"
+    " ELSE 'the host ended while it ran' END, endedAt = ?1, took = 0, state = ?2 WHERE state < 2 AND processId = 0"
     " AND NOT (state = 1 AND kind = ?3)";
 
 std::string WriteText() {

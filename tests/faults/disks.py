@@ -62,7 +62,10 @@ def disk_with_quota(place: Path) -> Iterator[Callable]:
     def mount(copy: Path, over: Path) -> None:
         shutil.copytree(over, copy, symlinks=True, dirs_exist_ok=True)
         served.append(subprocess.Popen([Path(__file__).with_name("quota"), copy, over]))
-        until(lambda: os.path.ismount(over) and Path("/proc/self/mountinfo").read_text().count(f" {over} ") > before, "the disk is there")
+        until(lambda: served[-1].poll() is not None or Path("/proc/self/mountinfo").read_text().count(f" {over} ") > before,
+              "the disk is there")
+        if served[-1].returncode is not None:
+            raise LeftOut("this machine mounts no FUSE file system")
     before = Path("/proc/self/mountinfo").read_text().count(f" {place} ")
     try:
         with _on(place, mount):

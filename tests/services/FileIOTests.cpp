@@ -171,6 +171,8 @@ TEST_F(FileIO, StaysBelowItsFolders) {
     EXPECT_THAT(Open(file, 04755), HasSubstr("more than permission bits"));
     EXPECT_THAT(Ask(Make<ZFileReadMsg>(file)), StartsWith("ERRCODE_NOT_FOUND"));
     EXPECT_EQ(Files(folder.Path()), present);
+    ASSERT_EQ(Open(root / "later/./u.pkg"), kDone);
+    ASSERT_EQ(Close(root / "later/./u.pkg"), kDone);
     ASSERT_EQ(Open(root / "new/../new/u.pkg"), kDone);
     EXPECT_THAT(Open(root / "new/u.pkg"), StartsWith("ERRCODE_BUSY"));
     fs::rename(root / "new", root / "moved");

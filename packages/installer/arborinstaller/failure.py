@@ -25,6 +25,5 @@ def _text(error: BaseException) -> str:
     if isinstance(error, Failure):
         return str(error)
     if isinstance(error, OSError) and error.strerror:
-        name = error.filename2 or error.filename  # of two it is the second that is made: a link's text is no name
-        return f"{name}: {error.strerror}" if name else error.strerror
+        return f"{error.filename}: {error.strerror}" if error.filename else error.strerror
     return f"internal error: {type(error).__name__}: {error}"

@@ -131,7 +131,10 @@ class Slots:
         """Makes `slot` the one the instrument starts from: one rename, before it the old, after it the new."""
         link = os.path.join(self.root, _NEW_LINK)
         remove_if_there(link)
-        os.symlink(slot, link)
+        try:
+            os.symlink(slot, link)
+        except OSError as error:
+            raise OSError(error.errno, error.strerror, link) from None  # it names the text of the link first
         os.replace(link, os.path.join(self.root, "active"))
         sync_directory(self.root)
 

@@ -108,7 +108,8 @@ function dropUntold(status, asked) {
   }
 }
 
-function keep(job) {
+// `heardAt`: by the page's own clock, of what an event told; the journal may not know it yet. 0: it knows.
+function keep(job, heardAt = 0) {
   if (!job) {
     return;
   }
@@ -116,9 +117,9 @@ function keep(job) {
   if (known && !isOpen(known) && isOpen(job)) {
     return; // was asked before it ended
   }
-  state.jobs.set(job.id, { ...job, heardAt: known?.heardAt ?? performance.now() });
+  state.jobs.set(job.id, { ...job, heardAt: known?.heardAt ?? heardAt });
   if (state.jobs.size > MOST_JOBS) {
-    const oldest = [...state.jobs.values()].find((other) => !isOpen(other));
+    const oldest = [...state.jobs.values()].find((other) => !isOpen(other) && other.id !== state.status?.lastInstall?.id);
     state.jobs.delete(oldest?.id);
   }
 }
@@ -142,7 +143,7 @@ async function refreshSoon() {
 
 function onEvent(name, document) {
   if (name === 'operation') {
-    keep(document);
+    keep(document, performance.now());
     if (state.order?.id === document.id) {
       state.order = null;
     }

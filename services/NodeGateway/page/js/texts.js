@@ -101,7 +101,7 @@ export const texts = {
   willWrite: (slot) => `${slot ? `Slot ${slot}` : 'The other slot'} is written anew; what runs now goes on running meanwhile.`,
   willRestart: (usual) => `At the end the instrument restarts${usual ? `: about ${usual}, as the last time` : ''}. No measurement is possible until it is back.`,
   willTake: (time) => `The last install took ${time}.`,
-  neverTook: 'How long an install takes here is not known yet: this would be the first.',
+  neverTook: 'How long an install takes here is not known yet.',
   willReturn: (version) => `If the new version does not start, ${version} is still there, in its own slot.`,
   close: 'Not now',
   ok: 'Close',
