@@ -57,9 +57,9 @@ void ZOperation::CountTime(ZOperationMsg& job) {
 }
 
 void ZOperation::Tell(const State& state) const {
-    auto copy = CopyOf(*state.message);
+    const auto copy = CopyOf(*state.message);
     CountTime(*copy);
-    m_publish(std::move(copy));
+    m_publish(copy);
 }
 
 std::shared_ptr<ZOperationMsg> ZOperation::Get() const {
