@@ -259,6 +259,22 @@ class Journals(PageCase):
         self.assertRegex(Path(saved).read_text(), r"(?m)^\d{4}-.* 2 \S+ Removing package /media/usb1/arbor-3\.046\.pkg$")
         self.assert_looks_right("the log")
 
+    def test_job_that_ends_before_anybody_listens_does_not_run_for_ever(self) -> None:
+        self.browser.run("""
+            memory.asked = 0;
+            const job = { id: 'feed', kind: 'Transfer', state: 'Running', version: '9.99', device: 'ghost', header: '', message: '', percent: 7,
+                          createdAt: Date.now(), startedAt: Date.now(), endedAt: 0, took: 1, bootId: '', reason: '', asker: '', file: '', node: '' };
+            await page.route('**/v1/operations/feed', (route) => route.fulfill({ json: { ...job, state: 'Succeeded', endedAt: Date.now() } }));
+            await page.route('**/v1/status', async (route) => {
+                const response = await route.fetch();
+                const status = await response.json();
+                await route.fulfill({ response, json: memory.asked++ ? status : { ...status, operations: [job] } });
+            });
+            await page.reload();
+            while (memory.asked < 2) { await new Promise((resolve) => setTimeout(resolve, 20)); }
+            await page.locator('body').getByText('9.99').first().waitFor({ state: 'hidden' });
+            await page.unrouteAll({ behavior: 'ignoreErrors' });""")
+
     def test_history_that_is_not_written_is_told(self) -> None:
         self.kill_host()
         configure("Journal", databaseFile="/dev/full/journal.sqlite")

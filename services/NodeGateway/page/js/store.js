@@ -108,8 +108,8 @@ function dropUntold(status, asked) {
   }
 }
 
-// `heardAt`: by the page's own clock, of what an event told; the journal may not know it yet. 0: it knows.
-function keep(job, heardAt = 0) {
+// `heardAt`: by the page's own clock, of what an event told and the journal may not know yet.
+function keep(job, heardAt = -Infinity) {
   if (!job) {
     return;
   }
