@@ -310,6 +310,8 @@ std::optional<ZTrialState> ZTrialState::Parse(std::string_view text) {
                                        .reason = Text(entry, "reason"),
                                        .at = Number<std::int64_t>(entry, "at")});
         }
+        const auto surplus = std::max(state.takenBack.size(), kMostTakenBack) - kMostTakenBack;
+        state.takenBack.erase(state.takenBack.begin(), state.takenBack.begin() + static_cast<std::ptrdiff_t>(surplus));
     }
     return state;
 }

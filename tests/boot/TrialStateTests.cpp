@@ -172,7 +172,10 @@ TEST_F(TrialState, IsTheSameAfterItWasWrittenAndReadWhateverItsTextsHold) {
         device.state.takenBack.push_back(
             {"3." + std::to_string(entry), std::string(64, 'a'), std::string(400, 'x'), 1});
     }
-    device.state.takenBack.resize(ZTrialState::kMostTakenBack);
+    const auto kept = ZTrialState::Parse(device.state.ToText());
+    ASSERT_TRUE(kept && kept->takenBack.size() == ZTrialState::kMostTakenBack);
+    EXPECT_EQ(kept->takenBack.back().version, "3.99") << "the newest stay";
+    device.state = *kept;
     const std::string text = device.state.ToText();
     EXPECT_LT(text.size(), ZTrialState::kLargest);
     const auto read = ZTrialState::Parse(text);
