@@ -109,6 +109,7 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
                                      const CheckOrder& order) {
     using Codes = ZFrameworkErrorCodes;
     ZOperation& operation = *order.operation;
+    static_cast<void>(m_trust.CanConfine());  // what is waited for that is not of the package's own time
     PackageCheck check{file, operation, ZClock::now() + std::chrono::seconds(Config().m_CheckTimeoutSeconds), {}};
     const ZString path = ToZString(file.string());
     if (m_trust.IsOn()) {

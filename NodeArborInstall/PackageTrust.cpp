@@ -31,7 +31,6 @@ constexpr const char* kOpened = "/proc/self/fd/8";  // by the shell, for what ru
 
 constexpr auto kInvalid = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
 
-constexpr auto kTryLimit = std::chrono::seconds(10);
 // Whether what says who is trusted can be read: the trust documents, or the certificates where there are none.
 constexpr const char* kCanRead =
     R"(ls "$0" > /dev/null || exit 1
@@ -78,8 +77,8 @@ ZResult<ZTrustedSigners> PackageTrust::Signers() const {
 }
 
 ZResult<void> PackageTrust::CanJudge() const {
-    if (!m_refusal.empty()) {
-        return ZError(m_refusal);
+    if (const auto may = MayRun(); !may) {
+        return may;
     }
     const auto signers = Signers();
     return signers ? ZResult<void>() : signers.error();
@@ -110,11 +109,11 @@ bool PackageTrust::IsNewer(const ZTrustChain& chain) const {
 }
 
 ZResult<PackageTrust::Opened> PackageTrust::Open(const fs::path& path, std::chrono::milliseconds limit) const {
+    if (const auto may = MayRun(); !may) {
+        return may.error();
+    }
     const auto deadline = ZClock::now() + limit;
     const auto left = [&] { return std::chrono::ceil<std::chrono::milliseconds>(deadline - ZClock::now()); };
-    if (!m_refusal.empty()) {
-        return ZError(m_refusal);
-    }
     auto file = SnapshotFile(path.string(), kUsuallyRead, limit);
     if (!file) {
         return file.error();
@@ -218,7 +217,7 @@ std::string PackageTrust::Command(const fs::path& file, const std::string& argum
         variables.emplace_back("ARBOR_PACKAGE_FD", "9");
         opened += " 9<" + ShellQuoted(source);
     }
-    if (!m_isConfined) {
+    if (m_policy.goesOnUnconfined && !CanConfine()) {
         std::string line = "exec env ";
         for (const auto& [name, value] : variables) {
             line.append(ShellQuoted(std::string(name).append("=").append(value))).append(" ");
@@ -247,17 +246,22 @@ Confinement PackageTrust::Confined() const {
     return confined;
 }
 
-ZResult<void> PackageTrust::CanConfine() const {
+void PackageTrust::TryConfining(ConfinementTrial::Told told) {
     // A package looks at the signers as well, as nobody.
+    constexpr auto kLimit = ConfinementTrial::kLimit;
     std::string line = Confined().CommandLine(
-                           {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kTryLimit) +
+                           {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kLimit) +
                        " 2>&1";
-    if (const auto unit = TransientUnit::ForCheck(kTryLimit)) {
+    if (const auto unit = TransientUnit::ForCheck(kLimit)) {
         line = unit->CommandLine(line) + " 2>&1";
     }
-    std::string output;
-    if (ZPlatform::ExecuteCommand(line, output, kTryLimit)) {
-        return {};
-    }
-    return ZError("checks can't be confined: " + output);
+    m_trial = std::make_unique<ConfinementTrial>(std::move(line), std::move(told));
+}
+
+ZResult<void> PackageTrust::CanConfine() const {
+    return m_trial ? m_trial->Outcome() : ZResult<void>();
+}
+
+ZResult<void> PackageTrust::MayRun() const {
+    return m_policy.goesOnUnconfined ? ZResult<void>() : CanConfine();
 }

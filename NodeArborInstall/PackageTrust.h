@@ -8,6 +8,7 @@
 #include <string>
 
 #include "Confinement.h"
+#include "ConfinementTrial.h"
 #include "ZShared/ZError.h"
 #include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZFileSnapshot.h"
@@ -27,6 +28,7 @@ public:
         std::filesystem::path signers;  ///< the folder that says whose packages may run; empty: everybody's
         std::filesystem::path state;    ///< where trust documents are kept; empty: none can be
         bool acceptsDevelopment = false;
+        bool goesOnUnconfined = false;  ///< where commands can't be confined they run all the same; else none does
     };
     PackageTrust() = default;
     explicit PackageTrust(Policy policy) : m_policy(std::move(policy)) {}
@@ -67,22 +69,24 @@ public:
 
     /// The shell command line that runs the package with `arguments`, apart from the system: no network, no other
     /// processes, nothing of the files but programs and libraries, nowhere to write but a small folder, no privileges;
-    /// memory, processes and processor time are bounded, and all of it ends with the command. What runs are the
-    /// approved bytes; those of a head at the path of `file`.
+    /// memory, processes and processor time are bounded, and all of it ends with the command. Where that can't be, and
+    /// the policy goes on, it runs as this process does. What runs are the approved bytes; those of a head at the path
+    /// of `file`.
     std::string Command(const std::filesystem::path& file, const std::string& arguments, const Approved& package,
                         std::chrono::seconds limit) const;
-    /// From now on commands run as this process does, with the approved bytes all the same.
-    void LeaveUnconfined() { m_isConfined = false; }
-    /// From now on no package can be judged, and this is why.
-    void RefuseAll(const std::string& reason) { m_refusal = reason; }
-    /// Whether packages can be judged at all; what is refused else says nothing about the package.
-    ZResult<void> CanJudge() const;
 
-    /// Whether this system can confine commands.
+    /// Begins to find out whether this system can confine commands, which takes a while: what depends on it waits, no
+    /// longer than ConfinementTrial::kLimit. `told` gets the outcome, as there.
+    void TryConfining(ConfinementTrial::Told told);
+    /// Whether this system can confine commands. Waits as said above; before TryConfining it is taken for so.
     ZResult<void> CanConfine() const;
+    /// Whether packages can be judged at all; what is refused else says nothing about the package. Waits likewise.
+    ZResult<void> CanJudge() const;
 
 private:
     Confinement Confined() const;
+    /// Whether anything may run, by what is known of this system.
+    ZResult<void> MayRun() const;
     ZResult<void> MayBeCopied(int signature) const;
     ZResult<Opened> OpenWhole(const std::filesystem::path& file, ZFileSnapshot snapshot,
                               std::chrono::milliseconds limit) const;
@@ -90,6 +94,5 @@ private:
     Policy m_policy;
     std::unique_ptr<std::mutex> m_following = std::make_unique<std::mutex>();
     std::unique_ptr<std::mutex> m_copying = std::make_unique<std::mutex>();
-    bool m_isConfined = true;
-    std::string m_refusal;
+    std::unique_ptr<ConfinementTrial> m_trial;  // none: it was not tried
 };

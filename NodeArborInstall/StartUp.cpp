@@ -48,8 +48,8 @@ void ZNodeArborInstall::ReadIdentity() {
 void ZNodeArborInstall::ReadTrust() {
     m_trust = PackageTrust({.signers = fs::path(m_pConfig->m_TrustedSigners),
                             .state = fs::path(m_pConfig->m_TrustState),
-                            .acceptsDevelopment = m_pConfig->m_bAcceptDevelopment});
-    m_trustProblem.clear();
+                            .acceptsDevelopment = m_pConfig->m_bAcceptDevelopment,
+                            .goesOnUnconfined = m_pConfig->m_bUnconfinedChecks});
     if (!m_trust.IsOn()) {
         Z_LOG(3, "No trusted signers are configured: every package that is brought runs, as root");
         return;
@@ -57,22 +57,16 @@ void ZNodeArborInstall::ReadTrust() {
     if (m_pConfig->m_bAcceptDevelopment) {
         Z_LOG(3, "Packages of development keys run here");
     }
-    if (const auto confined = m_trust.CanConfine(); !confined) {
-        const bool goesOn = m_pConfig->m_bUnconfinedChecks;
-        m_trustProblem = (goesOn ? "packages are checked without being confined: " : "no package is accepted: ") +
-                         ToZString(confined.error().text);
-        if (goesOn) {
-            m_trust.LeaveUnconfined();
-        } else {
-            m_trust.RefuseAll(confined.error().text);
-        }
-    }
-    const auto signers = m_trust.Signers();
-    if (const ZString problem = TrustProblem(signers); !problem.empty()) {
-        Z_LOG(signers && m_pConfig->m_bUnconfinedChecks ? 3 : 4, "With trusted signers, %s", problem);
+    if (const auto signers = m_trust.Signers(); !signers) {
+        Z_LOG(4, "With trusted signers, %s", TrustProblem(signers));
     } else if (signers->Document() != nullptr) {
         Z_LOG(2, "Trust document %u is in force", signers->Document()->number);
     }
+    m_trust.TryConfining([this](const ZResult<void>& confined) {
+        if (!confined) {
+            Z_LOG(m_pConfig->m_bUnconfinedChecks ? 3 : 4, "With trusted signers, %s", ConfinementProblem(confined));
+        }
+    });
 }
 
 void ZNodeArborInstall::PrepareUpdatesFolder(const std::shared_ptr<ZCoreConfigParams>& core) {

@@ -120,7 +120,17 @@ bool ZNodeArborInstall::OnApplyTrust(const std::shared_ptr<ZMessage>& message) {
 }
 
 ZString ZNodeArborInstall::TrustProblem(const ZResult<ZTrustedSigners>& signers) const {
-    return signers ? m_trustProblem : "no package is accepted: " + ToZString(signers.error().text);
+    return signers ? ConfinementProblem(m_trust.CanConfine())
+                   : "no package is accepted: " + ToZString(signers.error().text);
+}
+
+ZString ZNodeArborInstall::ConfinementProblem(const ZResult<void>& confined) const {
+    if (confined) {
+        return {};
+    }
+    const bool goesOn = m_pConfig->m_bUnconfinedChecks;
+    return (goesOn ? "packages are checked without being confined: " : "no package is accepted: ") +
+           ToZString(confined.error().text);
 }
 
 bool ZNodeArborInstall::OnTrust(const std::shared_ptr<ZMessage>& request) {

@@ -226,6 +226,8 @@ private:
     void ForgetGone(const std::set<std::filesystem::path>& files);
     /// What is in the way of accepting packages; empty: nothing.
     ZString TrustProblem(const ZResult<ZTrustedSigners>& signers) const;
+    /// What of that is because checks can't be confined.
+    ZString ConfinementProblem(const ZResult<void>& confined) const;
     /// With a trust policy: reads the file, follows its trust documents, and says whether it may run on this device.
     ZResult<PackageTrust::Approved> Approve(const std::filesystem::path& file, std::chrono::milliseconds limit);
     /// What comes once it has told its version.
@@ -279,7 +281,6 @@ private:
     ZString m_model;
     ZString m_board;
     PackageTrust m_trust;
-    ZString m_trustProblem;                        // why checks can't be confined, and what follows; empty: they can
     ZGuarded<ZString> m_UpdateVersion;             // of the install started last, here or on the accessory
     ZGuarded<ZString> m_RemoteInstallSerial;       // of the accessory that was to be installed last
     std::atomic<bool> m_bUpdateInProgress{false};  // of this device; an install never clears it once it runs
