@@ -22,22 +22,31 @@ std::string IdOfBoot(const std::string& file) {
     return id;
 }
 
+/// What the loader says of its next start. A question may run a program: it is asked once for both steps that need the
+/// answer.
+struct Loader {
+    ZResult<ZSlotVersion> next;
+    bool bCounts = false;  ///< it starts again what runs, and counts that
+
+    Loader(const ZBootControl& control, const ZSlotVersion& running)
+        : next(control.Next()), bCounts(next && next->slot == running.slot && control.Counts()) {}
+};
+
 /// What runs is confirmed: the loader is to start it again, and to count nothing. It may have gone back by itself, and
 /// know nothing of that at its next start; or the state may have been lost.
-ZResult<void> Agree(ZBootControl& control, const ZTrialState& state) {
-    const auto next = control.Next();
-    if (!next || state.trial) {
-        return next ? ZResult<void>() : next.error();
+ZResult<void> Agree(ZBootControl& control, const ZTrialState& state, const Loader& loader) {
+    if (!loader.next || state.trial) {
+        return loader.next ? ZResult<void>() : loader.next.error();
     }
-    if (next->slot != state.confirmed.slot) {
+    if (loader.next->slot != state.confirmed.slot) {
         return control.Activate(state.confirmed.slot, false);
     }
-    return control.Counts() ? control.MarkGood() : ZResult<void>();
+    return loader.bCounts ? control.MarkGood() : ZResult<void>();
 }
 
 /// Where the loader would go back to, while it counts starts of what runs. It may have gone there already.
-ZSlotVersion WayBack(const ZBootControl& control, const std::string& next, const ZSlotVersion& running) {
-    if (next == running.slot && control.Counts()) {
+ZSlotVersion WayBack(const ZBootControl& control, const Loader& loader, const ZSlotVersion& running) {
+    if (loader.bCounts) {
         for (const ZSlotVersion& version : control.Slots()) {
             if (version.slot != running.slot && control.IsWhole(version)) {
                 return version;
@@ -57,16 +66,16 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
     if (!running->IsKnown()) {
         return ZError("slot " + running->slot + " does not tell which version stands in it");
     }
-    const auto next = control.Next();
+    const Loader loader(control, *running);
     ZBootFacts facts{.running = *running,
-                     .next = next ? next->slot : std::string(),
+                     .next = loader.next ? loader.next->slot : std::string(),
                      .bootId = IdOfBoot(settings.bootIdFile),
                      .now = MillisecondsNow(),
                      .clock = BootClock(),
                      .bLoaderFallsBack = control.FallsBack(),
                      .bCanGoBack = false,
                      .attempts = settings.attempts,
-                     .wayBack = WayBack(control, next ? next->slot : std::string(), *running)};
+                     .wayBack = WayBack(control, loader, *running)};
     auto action = ZBootAction::GoOn;
     const auto state = ZTrialFile(settings.state).Change([&](ZTrialState& kept) {
         facts.bCanGoBack = control.IsWhole(kept.confirmed);
@@ -76,7 +85,7 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
         return state.error();
     }
     if (control.FallsBack() && running->SameAs(state->confirmed)) {
-        if (const auto agreed = Agree(control, *state); !agreed) {
+        if (const auto agreed = Agree(control, *state, loader); !agreed) {
             return agreed.error();
         }
     }
