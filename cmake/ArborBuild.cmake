@@ -53,10 +53,11 @@ elseif(ARBOR_SANITIZE)
     message(FATAL_ERROR "ARBOR_SANITIZE is '${ARBOR_SANITIZE}'; it may be empty, address, thread or fuzzer")
 endif()
 
-# arbor_library(NAME SOURCES... ): a shared library, found by its siblings beside it.
+# arbor_library(NAME SOURCES... ): a shared library, found by its siblings beside it, built and installed alike: what CMake
+# would write into the library otherwise has an empty folder in it, which is the one that somebody stands in.
 function(arbor_library name)
     add_library(${name} SHARED ${ARGN})
-    set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN")
+    set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN" BUILD_WITH_INSTALL_RPATH ON)
 endfunction()
 
 # arbor_framework_library(NAME SOURCES...): one that nodes of others are built on, with its headers, whose names stay
