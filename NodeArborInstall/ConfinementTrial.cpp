@@ -3,15 +3,20 @@
 #include <optional>
 #include <system_error>
 
+#include "TransientUnit.h"
 #include "ZShared/ZPlatform.h"
 #include "ZShared/ZStopEvent.h"
 
 namespace {
 
 ZResult<void> Try(const std::string& line) {
+    const auto unit = TransientUnit::ForCheck(ConfinementTrial::kLimit);
     std::string output;
-    if (ZPlatform::ExecuteCommand(line, output, ConfinementTrial::kLimit)) {
+    if (ZPlatform::ExecuteCommand(unit ? unit->CommandLine(line) + " 2>&1" : line, output, ConfinementTrial::kLimit)) {
         return {};
+    }
+    if (unit) {
+        unit->End();  // who waited for it was ended, it was perhaps not
     }
     return ZError("checks can't be confined: " + output);
 }
@@ -25,15 +30,16 @@ std::shared_future<ZResult<void>> Known(const ZResult<void>& outcome) {
 }  // namespace
 
 ConfinementTrial::ConfinementTrial(std::string line, Told told) {
-    const auto run = [line = std::move(line), told, stop = ZStopEvent::OfThisThread()] {
+    const auto run = [line = std::move(line), told, stop = ZStopEvent::OfThisThread()]() -> ZResult<void> {
         std::optional<ZStopScope> scope;
         if (stop != nullptr) {
             scope.emplace(*stop);
         }
         auto outcome = Try(line);
-        if (stop == nullptr || !stop->IsSet()) {
-            told(outcome);
+        if (stop != nullptr && stop->IsSet()) {
+            return ZError("whether checks can be confined was not found out: the host stops");
         }
+        told(outcome);
         return outcome;
     };
     try {

@@ -8,7 +8,6 @@
 
 #include "PackageFiles.h"
 #include "ShellText.h"
-#include "TransientUnit.h"
 #include "ZShared/ZDeadline.h"
 #include "ZShared/ZFileSnapshot.h"
 #include "ZShared/ZPlatform.h"
@@ -53,13 +52,7 @@ ZResult<void> Keep(const std::string& chain, const fs::path& folder) {
         return ZError("there is no place to keep trust documents: TrustState is not set");
     }
     MakeState(folder);
-    if (auto replaced = ReplaceFile(folder / kTrustFileName, chain, 0644); !replaced) {
-        return replaced;
-    }
-    std::error_code error;
-    fs::permissions(folder / kTrustFileName, fs::perms::group_read | fs::perms::others_read, fs::perm_options::add,
-                    error);
-    return {};
+    return ReplaceFile(folder / kTrustFileName, chain, 0644);
 }
 
 ZResult<ZFileDescriptor> Duplicate(const ZFileDescriptor& file) {
@@ -249,17 +242,17 @@ Confinement PackageTrust::Confined() const {
 void PackageTrust::TryConfining(ConfinementTrial::Told told) {
     // A package looks at the signers as well, as nobody.
     constexpr auto kLimit = ConfinementTrial::kLimit;
-    std::string line = Confined().CommandLine(
-                           {"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kLimit) +
-                       " 2>&1";
-    if (const auto unit = TransientUnit::ForCheck(kLimit)) {
-        line = unit->CommandLine(line) + " 2>&1";
-    }
-    m_trial = std::make_unique<ConfinementTrial>(std::move(line), std::move(told));
+    const std::string line =
+        Confined().CommandLine({"/bin/sh", "-c", kCanRead, m_policy.signers.string(), m_policy.state.string()}, kLimit);
+    m_trial = std::make_unique<ConfinementTrial>(line + " 2>&1", std::move(told));
 }
 
 ZResult<void> PackageTrust::CanConfine() const {
     return m_trial ? m_trial->Outcome() : ZResult<void>();
+}
+
+bool PackageTrust::KnowsConfining(std::chrono::milliseconds patience) const {
+    return !m_trial || m_trial->IsKnown(patience);
 }
 
 ZResult<void> PackageTrust::MayRun() const {

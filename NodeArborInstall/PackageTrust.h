@@ -80,6 +80,8 @@ public:
     void TryConfining(ConfinementTrial::Told told);
     /// Whether this system can confine commands. Waits as said above; before TryConfining it is taken for so.
     ZResult<void> CanConfine() const;
+    /// Whether that can be told without waiting, once `patience` is over at the latest.
+    bool KnowsConfining(std::chrono::milliseconds patience) const;
     /// Whether packages can be judged at all; what is refused else says nothing about the package. Waits likewise.
     ZResult<void> CanJudge() const;
 

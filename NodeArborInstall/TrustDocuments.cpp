@@ -22,6 +22,8 @@ namespace {
 // One more than a chain may have: what is longer is refused for its length.
 constexpr ZSnapshotSize kRead{.begin = ZTrustChain::kLargest + 2, .end = 0};
 
+constexpr std::chrono::seconds kAnswerPatience{1};  // of an answer for what is known in a moment, mostly
+
 ZResult<ZTrustChain> ReadChain(const fs::path& file) {
     const auto snapshot = SnapshotFile(file.string(), kRead, kReadPatience);
     if (!snapshot) {
@@ -120,8 +122,13 @@ bool ZNodeArborInstall::OnApplyTrust(const std::shared_ptr<ZMessage>& message) {
 }
 
 ZString ZNodeArborInstall::TrustProblem(const ZResult<ZTrustedSigners>& signers) const {
-    return signers ? ConfinementProblem(m_trust.CanConfine())
-                   : "no package is accepted: " + ToZString(signers.error().text);
+    if (!signers) {
+        return "no package is accepted: " + ToZString(signers.error().text);
+    }
+    if (!m_trust.KnowsConfining(kAnswerPatience)) {
+        return "no package is accepted yet: whether checks can be confined is being tried";
+    }
+    return ConfinementProblem(m_trust.CanConfine());
 }
 
 ZString ZNodeArborInstall::ConfinementProblem(const ZResult<void>& confined) const {

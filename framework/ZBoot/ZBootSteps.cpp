@@ -85,7 +85,8 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
         return state.error();
     }
     if (control.FallsBack() && running->SameAs(state->confirmed)) {
-        if (const auto agreed = Agree(control, *state, loader); !agreed) {
+        // One that did not answer is asked again: its variables may come late.
+        if (const auto agreed = Agree(control, *state, loader.next ? loader : Loader(control, *running)); !agreed) {
             return agreed.error();
         }
     }

@@ -1,6 +1,7 @@
 #include "ZShared/ZReplaceFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -34,11 +35,15 @@ void SyncFolderOf(const std::filesystem::path& file) {
 
 }  // namespace
 
-ZResult<void> ReplaceFile(const std::filesystem::path& file, std::string_view bytes, mode_t mode) {
+ZResult<void> ReplaceFile(const std::filesystem::path& file, std::string_view bytes, std::optional<mode_t> mode) {
     // Under a name of its own until it is whole.
     const std::string temporary = file.string() + ".new";
     ::unlink(temporary.c_str());
-    const ZFileDescriptor output(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
+    const ZFileDescriptor output(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode.value_or(0666)));
+    if (mode && output) {
+        static_cast<void>(::fchmod(output.Get(), *mode));  // what new files usually are not allowed was left out
+    }
     if (output && WriteAll(output.Get(), bytes) && Sync(output.Get()) &&
         ::rename(temporary.c_str(), file.c_str()) == 0) {
         SyncFolderOf(file);

@@ -3,12 +3,14 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include "TestSupport.h"
 #include "ZShared/ZFileDescriptor.h"
 #include "ZShared/ZFolderGuard.h"
 #include "ZShared/ZMountTable.h"
 #include "ZShared/ZPlatform.h"
+#include "ZShared/ZReplaceFile.h"
 
 using namespace std::chrono_literals;
 using namespace testing;
@@ -193,6 +195,17 @@ TEST_F(Platform, KnowsADeviceUnderAnyOfItsNames) {
         EXPECT_THAT(ErrorOf(asArchive), HasSubstr("something is mounted at " + mountPoint));
     }
     EXPECT_EQ(afterwards, "");
+}
+
+TEST_F(Platform, AFileThatIsReplacedIsAllowedWhatItIsToBeWhateverOtherNewOnesAre) {
+    const mode_t before = ::umask(077);
+    const auto modeOf = [this](std::optional<mode_t> mode) {
+        EXPECT_TRUE(ReplaceFile(m_folder / "file", "text", mode));
+        return std::filesystem::status(m_folder / "file").permissions();
+    };
+    EXPECT_EQ(modeOf(0644), std::filesystem::perms(0644));
+    EXPECT_EQ(modeOf({}), std::filesystem::perms(0600));
+    ::umask(before);
 }
 
 }  // namespace

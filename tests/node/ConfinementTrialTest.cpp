@@ -25,6 +25,7 @@ protected:
 TEST_F(ConfinementTrials, WhoBeganItGoesOnAndWhoAsksWaits) {
     std::promise<std::string> told;
     const ConfinementTrial good(Waiting(), [](const ZResult<void>& outcome) { EXPECT_TRUE(outcome); });
+    EXPECT_FALSE(good.IsKnown({}));
     const ConfinementTrial bad(Waiting() + "echo no namespaces; exit 1",
                                [&](const ZResult<void>& outcome) { told.set_value(ErrorOf(outcome)); });
     Go();
@@ -38,5 +39,5 @@ TEST_F(ConfinementTrials, EndsUntoldWithTheThreadThatBeganIt) {
     const ZStopScope scope(stop);
     const ConfinementTrial trial(Waiting(), [](const ZResult<void>&) { ADD_FAILURE() << "it was told"; });
     stop.Set();
-    EXPECT_NE(ErrorOf(trial.Outcome()), "");
+    EXPECT_EQ(ErrorOf(trial.Outcome()), "whether checks can be confined was not found out: the host stops");
 }
