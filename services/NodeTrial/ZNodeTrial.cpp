@@ -106,9 +106,7 @@ bool ZNodeTrial::InitMessageMap() {
 }
 
 std::shared_ptr<ZOperation> ZNodeTrial::Begin(const ZSlotVersion& version) {
-    auto operation = BeginOperation({.kind = ZOperationKind::Trial, .version = ToZString(version.version)});
-    operation->Start();
-    return operation;
+    return BeginOperation({.kind = ZOperationKind::Trial, .version = ToZString(version.version)});
 }
 
 bool ZNodeTrial::OnGraphCreated() {
@@ -227,7 +225,7 @@ void ZNodeTrial_JudgeAction::TellLast() {
     if (!state.last || state.last->bTold) {
         return;
     }
-    const auto operation = Node().Begin(state.last->version);
+    const auto operation = Node().Begin(state.last->version);  // not started: how long it took nobody knows any more
     if (state.last->bConfirmed) {
         operation->Succeed();
     } else {
@@ -282,6 +280,7 @@ bool ZNodeTrial_JudgeAction::ActionThread() {
         return true;
     }
     const auto operation = Node().Begin(**version);
+    operation->Start();
     Z_LOG(2, "Version %s has to prove itself: start %u of %u", (*version)->version, trial.State().trial->attempts,
           trial.Settings().attempts);
     Watch(*operation, **version);

@@ -80,6 +80,7 @@ class Trial(InstrumentCase):
         self.assertIn("3.045 was taken back", arborctl("status").stdout)
         wait_until(lambda: ("3.045", "Failed") in self.trials() and gateway.updates() == ["3.046"], "it is not offered again")
         self.assertIn("came back to 3.044: measures: no signal on channel 2", jobs("Trial")[0]["reason"])
+        self.assertEqual((0, 0), (jobs("Trial")[0]["startedAt"], jobs("Trial")[0]["took"]), "nobody knows")
         wait_until(lambda: "was taken back" in refusal("arbor-3.045.pkg"), "it is refused")
         self.ordered(1, "install", "3.045", "--wait")
         self.exchange_another_image_for_the_one_taken_back()

@@ -50,6 +50,7 @@ class Chapters(unittest.TestCase):
 
         def is_written() -> bool:
             job = self.install_job()
+            self.assertIn(job["state"], ("Queued", "Running"), job["reason"])
             return job["state"] == "Running" and job["percent"] > 10
 
         self.machine.wait(is_written, "the image is being written")

@@ -27,6 +27,7 @@ def run(machine: Machine, factory: Factory, times: int, seed: int) -> None:
     """Cuts it so many times. MachineError with round and seed when something is not as it has to be."""
     chance = random.Random(seed)
     seen: collections.Counter[str] = collections.Counter()
+    machine.pause = machine.idle_pause
     machine.power_on()
     machine.wait(lambda: asked(machine, "slots")["state"] == "confirmed", "the graph runs")
     begun = time.monotonic()

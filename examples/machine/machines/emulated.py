@@ -29,7 +29,8 @@ class Emulated(Machine):
     """One instrument. Its disks are made anew from what the factory has."""
 
     patience = 900.0  # an emulated second is a long one while others use the processor, too
-    pause = 3.0       # and a look takes a second from what is looked at
+    pause = 1.0       # and a look takes time from what is looked at
+    idle_pause = 9.0
 
     def __init__(self, factory: Factory, cable: Sequence[Path] = ()) -> None:
         """`cable` has its own end and the other's, two sockets that the emulators make."""

@@ -33,6 +33,8 @@ class Machine:
     """Seconds for anything that has to come, a start among it."""
     pause = 0.05
     """Seconds between two looks at something that has to come."""
+    idle_pause = 0.05
+    """The same where nothing can be missed between two looks."""
 
     def __init__(self, name: str) -> None:
         self.name = name
