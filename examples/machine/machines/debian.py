@@ -95,14 +95,17 @@ def kept(name: str, made_from: str, make: Callable[[Path], None]) -> Path:
 def workplace(name: str) -> Iterator[Path]:
     """A folder beside the systems for as long as it is needed. Those that killed processes left behind are removed."""
     CACHE.mkdir(parents=True, exist_ok=True)
-    for left in CACHE.glob(f"{name}-????????"):
-        with contextlib.suppress(OSError), open(left / "lock", "w", encoding="ascii") as lock:
-            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-            shutil.rmtree(left)
-    with tempfile.TemporaryDirectory(prefix=f"{name}-", dir=CACHE, ignore_cleanup_errors=True) as folder, \
-            open(Path(folder) / "lock", "w", encoding="ascii") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        yield Path(folder)
+    with contextlib.ExitStack() as place:
+        # One process at a time: a folder that has no lock yet looks like one that was left behind.
+        with open(CACHE / "workplaces", "w", encoding="ascii") as gate:
+            fcntl.flock(gate, fcntl.LOCK_EX)
+            for left in CACHE.glob(f"{name}-????????"):
+                with contextlib.suppress(OSError), open(left / "lock", "w", encoding="ascii") as lock:
+                    fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                    shutil.rmtree(left)
+            folder = Path(place.enter_context(tempfile.TemporaryDirectory(prefix=f"{name}-", dir=CACHE, ignore_cleanup_errors=True)))
+            fcntl.flock(place.enter_context(open(folder / "lock", "w", encoding="ascii")), fcntl.LOCK_EX)
+        yield folder
 
 
 def _make_anew(name: str, folder: Path, make: Callable[[Path], None]) -> None:
