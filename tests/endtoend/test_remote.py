@@ -40,7 +40,7 @@ class Remote(PairCase):
         graph = json.loads(CART.path(paths.GRAPH).read_text())
         node = next(node for node in graph["nodes"] if node["class"] == "ZNodeArborInstall")
         # Its own package is a script that nobody signed.
-        node["config"].update(AccessoryPatienceSeconds=1, TrustedSigners="")
+        node["config"].update(AccessoryPatienceSeconds=10, TrustedSigners="")
         furnish.write_json(CART.path(paths.GRAPH), graph)
         CART.run("reboot").check_returncode()
         build_package()
