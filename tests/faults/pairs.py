@@ -156,7 +156,7 @@ def fresh() -> None:
     for device in (CART, PALM):
         graph = json.loads(device.path(paths.GRAPH).read_text())
         node = next(node for node in graph["nodes"] if node["class"] == "ZNodeArborInstall")
-        node["config"].update(AccessoryPatienceSeconds=2, AllowDowngrades=True)
+        node["config"].update(AccessoryPatienceSeconds=5, AllowDowngrades=True)
         furnish.write_json(device.path(paths.GRAPH), graph)
         restart(device)
     for device, known in ((CART, PALM), (PALM, CART)):

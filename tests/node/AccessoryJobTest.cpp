@@ -51,7 +51,7 @@ protected:
 };
 
 TEST_F(AccessoryJobs, FailWhenTheAccessoryFallsSilentAndOthersGoOn) {
-    StartWithAccessory(R"("AccessoryPatienceSeconds":1)");
+    StartWithAccessory(R"("AccessoryPatienceSeconds":3)");
     const char* const end =
         "RemoteInstall 3.044 Failed: the installer on the accessory (127.0.0.1) does not report any more: whether it "
         "goes on is not known";
