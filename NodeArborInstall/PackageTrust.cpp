@@ -70,7 +70,7 @@ ZResult<ZTrustedSigners> PackageTrust::Signers() const {
 }
 
 ZResult<void> PackageTrust::CanJudge() const {
-    if (const auto may = MayRun(); !may) {
+    if (auto may = MayRun(); !may) {
         return may;
     }
     const auto signers = Signers();
