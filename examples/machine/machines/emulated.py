@@ -20,6 +20,7 @@ from .machine import Answer, Machine, MachineError, Start
 _LOADER = Path("/usr/lib/u-boot/qemu_arm64/u-boot.bin")
 _PROMPT = re.compile(rb"<(\d+)># ")
 _STARTED = re.compile(rb"loader: slot=([AB]) start=(\d+) trial=[01]\r")
+_LOADER_PROMPT = b"\n=> "
 _MIB = 1 << 20
 _CARD_MIB = 1024  # a power of two, as cards are
 _COMMAND_SECONDS = 300.0
@@ -209,6 +210,8 @@ class _Console:
         for match in _STARTED.finditer(self._text, self._seen):
             self._starts.append(Start(match[1].decode(), int(match[2])))
             self._seen = match.end()
+        if self._text.endswith(_LOADER_PROMPT):
+            self._line.sendall(b"boot\n")  # what was typed for the system came while the loader counted down, and stopped it
         prompt = _PROMPT.search(self._text, self._seen)
         if prompt and self._prompt_of < len(self._starts):
             self._prompt_of = len(self._starts)
