@@ -240,10 +240,10 @@ class Trust(InstrumentCase):
     def test_packages_wait_until_it_is_known_whether_checks_can_be_confined_and_nobody_else_does(self) -> None:
         go = paths.STATE / "go"
         search_first(self, "bwrap", f"until [ -e {go} ]; do sleep 0.02; done; exec {shutil.which('bwrap')} \"$@\"")
-        sticks.attach([stick_package("3.046")])
         for _ in range(2):  # the first one is stopped while it is tried
             self.restart()
             self.assertIn("no package is accepted yet", arborctl("status").stdout)
+        sticks.attach([stick_package("3.046")])
         go.touch()
         wait_until(lambda: gateway.updates() == ["3.046"], "it is offered")
         self.assertNotIn("no package", arborctl("status").stdout)
