@@ -26,13 +26,16 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-fno-gnu-unique)
 endif()
 
+set(own_templates -Wl,--version-script=${CMAKE_SOURCE_DIR}/cmake/own-templates.map)
+
 # What distributions ask of a program that reads what strangers bring. The same for every release build, so that the packages
 # are built of the objects that were tested.
 if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT ARBOR_SANITIZE)
     add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
     # The headers then mark results that must be used; that one does not count is said by a cast, which g++ does not hear.
     add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-unused-result>)
-    add_link_options(-Wl,-z,relro -Wl,-z,now)
+    # Each of the others' templates is otherwise looked up by its name in every library, at each start.
+    add_link_options(-Wl,-z,relro -Wl,-z,now ${own_templates})
 endif()
 
 if(ARBOR_SANITIZE STREQUAL "address")
@@ -43,7 +46,7 @@ if(ARBOR_SANITIZE STREQUAL "address")
 elseif(ARBOR_SANITIZE STREQUAL "thread")
     add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -O1 -g1)
     # Other libraries would otherwise find the instrumented code of the standard templates that both use, and be half checked.
-    add_link_options(-fsanitize=thread -Wl,--version-script=${CMAKE_SOURCE_DIR}/cmake/own-templates.map)
+    add_link_options(-fsanitize=thread ${own_templates})
     # The compiler warns that fences are not instrumented; none of ours is.
     add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-tsan>)
 elseif(ARBOR_SANITIZE STREQUAL "fuzzer")

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -131,6 +132,8 @@ HostExit RunGraph(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
     OpenStandardDescriptors();
+    // A heap for each thread would keep what that thread needed once, at the start.
+    ::mallopt(M_ARENA_MAX, 2);
     // A client that goes away is an error of that write, not the end of the process.
     std::signal(SIGPIPE, SIG_IGN);
     try {

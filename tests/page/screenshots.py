@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Makes the pictures of the page that are kept in docs/page: one of each step of an update, and some of other sizes.
 
-    PYTHONPATH=examples/instrument:tests/endtoend ARBOR_TEST_LOGS=build examples/instrument/instrument run --host -- tests/page/screenshots.py
+    PYTHONPATH=examples/instrument:tests/endtoend ARBOR_TEST_LOGS=build examples/instrument/instrument run --host -- tests/page/screenshots.py [trial]
     PYTHONPATH=examples/instrument:examples/two-instruments:tests/endtoend ARBOR_TEST_LOGS=build \\
         examples/two-instruments/two-instruments run -- tests/page/screenshots.py accessory
 
@@ -76,6 +76,20 @@ def update(browser: Browser, served: Served) -> None:
     shot(browser, "log", BENCH, "dark")
 
 
+def trial(browser: Browser, served: Served) -> None:
+    from support import configure, stick_package
+    configure("Trial", confirmByPerson=True, deadlineSeconds=0)  # from the first restart on
+    begin(browser, served, "Plug a stick in")
+    sticks.attach([stick_package(version) for version in ("3.045", "3.046")])
+    paths.FAULTS.write_text("3.045 no signal on channel 2\n")
+    for version, seen in (("3.045", "was taken back"), ("3.046", "has to prove itself")):
+        browser.see(version, within="[aria-labelledby=offers]")
+        browser.press(f"Install {version}")
+        browser.press(f"Install {version}", within="dialog")
+        browser.see(seen, within="[aria-labelledby=trial]")
+    shot(browser, "trial")
+
+
 def accessory(browser: Browser, served: Served) -> None:
     from pair_support import CART, PALM, let_in, other, until, until_connected
     begin(browser, served, "CT-240101")
@@ -94,7 +108,7 @@ def accessory(browser: Browser, served: Served) -> None:
 
 
 def main(arguments: list[str]) -> None:
-    enter, story = [], update
+    enter, story = [], trial if arguments == ["trial"] else update
     if arguments == ["accessory"]:
         from pair_support import CART
         enter, story = CART.words(), accessory

@@ -13,7 +13,7 @@ from common import wait_until
 from installs import HALFWAY, is_alive, job, jobs, stand_still_at, stepped_package
 from page_support import OrderedInstall, PageCase, offered
 from simulation import furnish, gateway, paths, sticks
-from support import FIXTURES, configure, stick_package
+from support import FIXTURES, configure, installed, stick_package
 
 VERSION = "3.048"
 
@@ -62,6 +62,31 @@ class Sticks(PageCase):
         browser.press("Offer again: 3.045")
         browser.see("3.045", within="[aria-labelledby=offers]")
         browser.gone("was taken back", within="[aria-labelledby=refused]")
+
+    def test_version_that_waits_for_a_person_is_taken_back_or_kept(self) -> None:
+        browser = self.browser
+        configure("Trial", confirmByPerson=True, deadlineSeconds=0)
+        self.restart()
+        sticks.attach([stick_package(version) for version in ("3.045", "3.046")])
+        browser.see("3.045", within="[aria-labelledby=offers]")
+        self.install("3.045")
+        browser.see("3.045 has to prove itself: start 1 of 3. It waits for somebody who confirms it.", within="[aria-labelledby=trial]")
+        self.assert_looks_right("a version on trial")
+        browser.press("Go back")
+        browser.see("Go back to 3.044?", "3.045 is taken back", within="dialog")
+        browser.press("Not now", within="dialog")
+        browser.press("Go back")
+        browser.press("Go back", within="dialog")
+        browser.await_outcome("returned")
+        browser.see("3.045 was taken back", "taken back by", within="[aria-labelledby=trial]")
+
+        browser.see("3.046", within="[aria-labelledby=offers]")
+        self.install("3.046")
+        browser.see("3.046 has to prove itself", within="[aria-labelledby=trial]")
+        browser.press("It works: keep it")
+        browser.gone("has to prove itself")
+        browser.see("confirmed", within="[aria-labelledby=instrument]")
+        self.assertEqual(("3.046", "confirmed"), (installed(), gateway.post("slots")[1]["state"]))
 
     def test_keyboard_alone_installs(self) -> None:
         sticks.attach([stepped_package(VERSION, FIXTURES)])

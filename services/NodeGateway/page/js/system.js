@@ -8,8 +8,23 @@ import { texts } from './texts.js';
 // Where the version that runs stands, in an instrument that judges new ones.
 const trialText = (trial) => trial && texts.trials[trial.state]?.(trial);
 
+function ConfirmRevert({ trial, onClose }) {
+  const go = () => {
+    onClose();
+    order('Trial', texts.revert, 'revert', {});
+  };
+  return html`<${Dialog} title=${texts.confirmRevert(trial.slots.find((slot) => !slot.running)?.version)} onClose=${onClose}
+      actions=${html`<button type="button" class="main" onClick=${go}>${texts.revert}</button>`}>
+    <ul class="plain">
+      <li>${texts.willRestartNow}</li>
+      <li>${texts.willTakeBack(trial.version)}</li>
+    </ul>
+  <//>`;
+}
+
 // What a person can say about a version: while it is on trial, and of those that were taken back.
 export function Trial() {
+  const [asked, setAsked] = useState(null); // of which trial, by its beginning: another one is another question
   const { trial } = state.status;
   const mayAct = may(state, 'operate') && state.link === 'live' && !(state.order && !state.order.problem);
   if (!trial || (trial.state !== 'trial' && !trial.problem && trial.takenBack.length === 0)) {
@@ -19,13 +34,14 @@ export function Trial() {
     ${trial.problem && html`<p class="note bad">${trial.problem}</p>`}
     ${trial.state === 'trial' && html`<div class="row"><p class="grow">${texts.trials.trial(trial)} ${texts.waitsFor(trial.waiting)}</p>
       ${may(state, 'operate') && html`<div class="buttons">
-        <button type="button" disabled=${!mayAct} onClick=${() => order('Trial', texts.revert, 'revert', {})}>${texts.revert}</button>
+        <button type="button" disabled=${!mayAct} onClick=${() => setAsked(trial.since)}>${texts.revert}</button>
         <button type="button" class="main" disabled=${!mayAct} onClick=${() => order('Trial', texts.confirm, 'confirm', {})}>${texts.confirm}</button></div>`}</div>`}
     <ul class="rows">${trial.takenBack.map((one) => html`<li class="row" key=${one.version}>
       <div class="grow"><p class="name">${texts.takenBack(one.version)}</p>
         <p class="reason">${one.reason}</p><p class="small"><time>${texts.time(one.at)}</time></p></div>
       ${may(state, 'operate') && html`<button type="button" class="quiet" disabled=${!mayAct} aria-label=${texts.allowThis(one.version)}
         onClick=${() => order('Trial', texts.allowThis(one.version), 'allow', { version: one.version })}>${texts.allow}</button>`}</li>`)}</ul>
+    ${trial.state === 'trial' && asked === trial.since && html`<${ConfirmRevert} trial=${trial} onClose=${() => setAsked(null)} />`}
   <//>`;
 }
 

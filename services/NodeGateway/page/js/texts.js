@@ -103,6 +103,9 @@ export const texts = {
   willTake: (time) => `The last install took ${time}.`,
   neverTook: 'How long an install takes here is not known yet.',
   willReturn: (version) => `If the new version does not start, ${version} is still there, in its own slot.`,
+  confirmRevert: (version) => `Go back to ${version || 'the version before'}?`,
+  willRestartNow: 'The instrument restarts at once. No measurement is possible until it is back.',
+  willTakeBack: (version) => `${version} is taken back: it is offered again only when somebody allows it.`,
   close: 'Not now',
   ok: 'Close',
 
