@@ -18,15 +18,6 @@ namespace {
 constexpr const char* kOtherBoard = "apalis-imx8";
 constexpr std::size_t kLongestBoard = 64;  // as packages have it
 
-/// What changes when a file is written anew; none when there is no such file.
-std::optional<std::pair<ino_t, std::int64_t>> StampOf(const fs::path& file) {
-    struct stat status {};
-    if (::stat(file.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return std::nullopt;
-    }
-    return std::pair{status.st_ino, status.st_ctim.tv_sec * 1'000'000'000 + status.st_ctim.tv_nsec};
-}
-
 std::string ModelName(ZDeviceModel model) {
     return std::string(magic_enum::enum_name(model));
 }

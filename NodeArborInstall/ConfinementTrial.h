@@ -19,11 +19,13 @@ public:
 
     /// Waits for the outcome. An error says why commands can't be confined.
     ZResult<void> Outcome() const { return m_outcome.get(); }
-    /// Whether the outcome is known, once `patience` is over at the latest.
+    /// Whether the outcome is known; waits for it until `patience` has passed since the trial began, so that many who
+    /// ask wait no longer than one.
     bool IsKnown(std::chrono::milliseconds patience) const {
-        return m_outcome.wait_for(patience) == std::future_status::ready;
+        return m_outcome.wait_until(m_begun + patience) == std::future_status::ready;
     }
 
 private:
+    std::chrono::steady_clock::time_point m_begun = std::chrono::steady_clock::now();
     std::shared_future<ZResult<void>> m_outcome;  // whose end waits for the thread
 };

@@ -117,8 +117,8 @@ bool ZNodeArborInstall::FinishScan(DriveChecks& checks, std::shared_ptr<ZMessage
     return any;
 }
 
-bool ZNodeArborInstall::MayBePackage(fs::perms permissions) const {
-    return m_trust.IsOn() || IsExecutable(permissions);
+bool ZNodeArborInstall::MayBePackage(const fs::path& file, fs::perms permissions) const {
+    return IsExecutable(permissions) || (m_trust.IsOn() && file.extension() == ".pkg");
 }
 
 void ZNodeArborInstall::CheckDriveEntry(const fs::path& file, DriveChecks& checks) {
@@ -130,9 +130,9 @@ void ZNodeArborInstall::CheckDriveEntry(const fs::path& file, DriveChecks& check
         Z_LOG(4, "Error getting file permissions %d", error.value());
     }
     const bool known = !error && status.permissions() != fs::perms::unknown;
-    const bool executable = known && MayBePackage(status.permissions());
+    const bool executable = known && IsExecutable(status.permissions());
     const bool regular = fs::is_regular_file(status);
-    if (!executable || !regular) {
+    if (!known || !MayBePackage(file, status.permissions()) || !regular) {
         Z_LOG(2, "File %s %s and %s", file.c_str(), executable ? "is executable" : "Not Executable",
               regular ? "is regular file" : "Is NOT a regular file");
         return;
@@ -170,7 +170,7 @@ bool ZNodeArborInstall::RemoveStorageDevices(const ZVector<ZString>& drives) {
             Z_LOG(2, "Removing package %s", package);
         }
         std::erase_if(*m_refused.Lock(), [&](const auto& entry) {
-            return VersionTables::IsOnDrive(fs::path(entry->m_File).lexically_normal(), root);
+            return VersionTables::IsOnDrive(fs::path(entry.told->m_File).lexically_normal(), root);
         });
     }
     return true;

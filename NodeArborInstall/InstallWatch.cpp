@@ -171,18 +171,21 @@ std::optional<int> ZNodeArborInstall_InstallAction::Reap(const ZProcessId& proce
     return status;
 }
 
-std::shared_ptr<ZOperationsMsg> ZNodeArborInstall::AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request) {
+std::shared_ptr<ZOperationsMsg> ZNodeArborInstall::AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request,
+                                                              std::chrono::seconds patience) {
     std::shared_ptr<ZMessage> answer;
-    constexpr auto kPatience = std::chrono::seconds(3);
-    PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "operations", 0), request, &answer,
-                       {true, false, kPatience});
+    const auto outcome = PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "operations", 0), request, &answer,
+                                            {true, false, patience});
+    if (outcome == ZPublishOutcome::NoAnswer) {
+        Z_LOG(3, "The journal does not answer");
+    }
     return ZCAST(ZOperationsMsg, answer);
 }
 
 void ZNodeArborInstall::AwaitNote(const ZOperation& operation) {
     const auto request = Z_MAKE(ZOperationsRequestMsg);
     request->m_Id = operation.Id();
-    AskJournal(request);
+    AskJournal(request, std::chrono::seconds(3));
 }
 
 void ZNodeArborInstall::AdoptInstalls() {
@@ -190,7 +193,9 @@ void ZNodeArborInstall::AdoptInstalls() {
     request->m_Node = Name();
     request->m_State = "Open";
     request->m_Kind = "Install";  // others have no process that could live on
-    if (const auto left = AskJournal(request)) {
+    constexpr auto kPatience =
+        std::chrono::seconds(15);  // it is asked this once, while all of a device may be starting
+    if (const auto left = AskJournal(request, kPatience)) {
         for (const auto& operation : left->m_Operations) {
             Adopt(*operation);
         }
@@ -206,6 +211,7 @@ void ZNodeArborInstall::Adopt(const ZOperationMsg& left) {
     const bool isNoted = process.id != 0;
     const bool hasEnded = isNoted && FindProcess(process.id) != process;
     if (left.m_BootId != ToZString(BootId()) || (hasEnded && !life->SlotsAreHeld())) {
+        operation->ForgetTime();
         life->OnEnded(std::nullopt);
         return;
     }

@@ -60,8 +60,9 @@ bool ZNodeArborInstall::OnInventory(const std::shared_ptr<ZMessage>& request) {
         package->m_Size = SizeOf(file);
         answer->m_Archive.push_back(package);
     }
-    const auto refused = m_refused.Copy();
-    answer->m_Refused.assign(refused.begin(), refused.end());
+    for (const Refused& refused : m_refused.Copy()) {
+        answer->m_Refused.push_back(refused.told);
+    }
     answer->m_TrustedSigners = Config().m_TrustedSigners;
     if (m_trust.IsOn()) {
         const auto signers = m_trust.Signers();
@@ -74,18 +75,18 @@ bool ZNodeArborInstall::OnInventory(const std::shared_ptr<ZMessage>& request) {
     return PublishResponse(request, answer);
 }
 
-void ZNodeArborInstall::KeepRefused(const ZString& version, const ZString& file, ZFrameworkErrorCodes::ZErrorCode code,
-                                    const ZString& reason) {
+void ZNodeArborInstall::KeepRefused(const ZString& version, const ZString& file, const ZError& why,
+                                    const std::optional<FileStamp>& stamp) {
     const auto entry = Z_MAKE(ZPackageInfoMsg);
     entry->m_Version = version;
     entry->m_File = file;
     entry->m_Source = IsUpload(fs::path(file)) ? ZString("upload") : ToZString(fs::path(file).parent_path().string());
-    entry->m_Reason = reason;
-    entry->m_ErrorCode = code;
+    entry->m_Reason = ToZString(why.text);
+    entry->m_ErrorCode = why.code;
     entry->m_CheckedAt = MillisecondsNow();
     const auto refused = m_refused.Lock();
-    std::erase_if(*refused, [&](const auto& other) { return other->m_File == file; });
-    refused->push_front(entry);
+    std::erase_if(*refused, [&](const auto& other) { return other.told->m_File == file; });
+    refused->push_front({entry, stamp});
     if (refused->size() > kMostRefused) {
         refused->pop_back();
     }
@@ -104,16 +105,18 @@ bool ZNodeArborInstall::ForgetFile(const fs::path& file) {
 }
 
 void ZNodeArborInstall::RemoveRefusedUploads(const ZMessageArray& results) {
-    if (m_trust.IsOn() && !m_trust.CanJudge()) {
-        return;  // they may be good ones
-    }
     for (const auto& message : results.m_Messages) {
         const auto record = ZCAST(ZVersionInfoMsg, message);
         if (!record || record->m_bSuccess || !IsUpload(fs::path(record->m_VersionType))) {
             continue;
         }
-        const auto isIt = [&](const auto& entry) { return entry->m_File == record->m_VersionType; };
-        // A check that was broken off has found nothing out.
+        // Where nothing was found out it may be a good one; a check that was broken off leaves none here. Another file
+        // may have come in its place meanwhile.
+        const auto isIt = [&](const Refused& entry) {
+            return entry.told->m_File == record->m_VersionType && entry.stamp &&
+                   entry.told->m_ErrorCode != ZFrameworkErrorCodes::ERRCODE_NONE &&
+                   entry.stamp == StampOf(fs::path(entry.told->m_File));
+        };
         if (const auto refused = m_refused.Copy(); std::ranges::any_of(refused, isIt)) {
             std::error_code error;
             const bool removed = fs::remove(fs::path(record->m_VersionType), error);
@@ -154,7 +157,7 @@ bool ZNodeArborInstall::OnForget(const std::shared_ptr<ZMessage>& message) {
     }
     Z_LOG(2, "The upload %s was removed", file);
     ForgetFile(file);
-    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return fs::path(entry->m_File) == file; });
+    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return fs::path(entry.told->m_File) == file; });
     PublishResponse(message, answer);
     auto results = Z_MAKE(ZMessageArray);
     CheckAvailableUpdates(results, true);

@@ -16,6 +16,12 @@ constexpr std::size_t kLongestVersion = std::size_t{64} * 1024;
 // Of what a package says of itself, in a reason that people read.
 constexpr std::size_t kShownOutput = 500;
 
+constexpr auto kInvalid = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
+
+ZError Invalid(const std::string& reason) {
+    return ZError(reason, kInvalid);
+}
+
 }  // namespace
 
 ZNodeArborInstall::QueuedCheck ZNodeArborInstall::QueueCheck(const fs::path& file,
@@ -24,7 +30,7 @@ ZNodeArborInstall::QueuedCheck ZNodeArborInstall::QueueCheck(const fs::path& fil
                                                              const ZMessage* request) {
     EndChecksOfFile(file);
     const auto operation = BeginOperation(subject, request);
-    const CheckOrder order{operation, ++m_checkOrder};
+    const CheckOrder order{operation, ++m_checkOrder, IsUpload(file) ? StampOf(file) : std::nullopt};
     auto done = m_checks.Add([this, file, results, order] {
         ZOperation& job = *order.operation;
         if (const auto why = job.CancelReason()) {
@@ -51,12 +57,12 @@ void ZNodeArborInstall::EndChecksOfFile(const fs::path& file) {
             operation->AskToCancel("because the file is checked again");
         }
     }
-    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return fs::path(entry->m_File) == file; });
+    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return fs::path(entry.told->m_File) == file; });
 }
 
 bool ZNodeArborInstall::CheckPackageFile(const fs::path& file, std::shared_ptr<ZMessageArray>& results) {
     const ZOperationSubject subject{.kind = ZOperationKind::Check, .file = ToZString(file.string())};
-    const CheckOrder order{BeginOperation(subject), ++m_checkOrder};
+    const CheckOrder order{BeginOperation(subject), ++m_checkOrder, std::nullopt};
     order.operation->Start();
     return CheckPackage(file, results, order);
 }
@@ -107,7 +113,6 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::Approve(const fs::path& file,
 
 bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMessageArray>& results,
                                      const CheckOrder& order) {
-    using Codes = ZFrameworkErrorCodes;
     ZOperation& operation = *order.operation;
     static_cast<void>(m_trust.CanConfine());  // what is waited for that is not of the package's own time
     PackageCheck check{file, operation, ZClock::now() + std::chrono::seconds(Config().m_CheckTimeoutSeconds), {}};
@@ -118,8 +123,7 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
             if (!operation.CancelReason()) {
                 Z_LOG(4, "Verification failed on %s: %s", path, approved.error().text);
             }
-            Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, approved.error().text,
-                   operation);
+            Refuse(results, "unknown", file, approved.error(), order);
             return false;
         }
         check.approved.emplace(std::move(*approved));
@@ -127,8 +131,7 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
     std::string output;
     if (!RunCheck(check, " --version", output)) {
         Z_LOG(4, "Execute command %s failed: %s", ShellEscape(file.string()) + " --version", output);
-        Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
-               "it does not tell its version: " + output, operation);
+        Refuse(results, "unknown", file, Invalid("it does not tell its version: " + output), order);
         return false;
     }
     ZSoftwareVersion version;
@@ -136,10 +139,11 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
     const bool isAnother = check.approved && output != check.approved->package.version;
     if (!version.m_valid || output.size() > kLongestVersion || isAnother) {
         Z_LOG(4, "File <%s> Invalid package <%s>", path, output);
-        Refuse(results, "unknown", file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
-               (isAnother ? "it does not tell the version that was signed: " : "what it tells is no version: ") +
-                   output.substr(0, kShownOutput),
-               operation);
+        Refuse(
+            results, "unknown", file,
+            Invalid((isAnother ? "it does not tell the version that was signed: " : "what it tells is no version: ") +
+                    output.substr(0, kShownOutput)),
+            order);
         return true;
     }
     operation.SetVersion(version.m_text);
@@ -148,31 +152,30 @@ bool ZNodeArborInstall::CheckPackage(const fs::path& file, std::shared_ptr<ZMess
 
 bool ZNodeArborInstall::FinishCheck(const PackageCheck& check, const ZSoftwareVersion& version,
                                     std::shared_ptr<ZMessageArray>& results, const CheckOrder& order) {
-    using Codes = ZFrameworkErrorCodes;
     const fs::path& file = check.file;
     const ZString path = ToZString(file.string());
     std::string output;
     if (!VerifyPackageFile(check, version, output)) {
         Z_LOG(4, "Verification failed on %s: %s", path, output);
-        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, output, check.operation);
+        Refuse(results, version.m_text, file, Invalid(output), order);
         return false;
     }
     if (!IsVersionAllowed(version, file)) {
-        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED,
-               "it is older than the installed version " + ToStdString(m_systemVersion.m_text), check.operation);
+        Refuse(results, version.m_text, file,
+               ZError("it is older than the installed version " + ToStdString(m_systemVersion.m_text),
+                      ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED),
+               order);
         return true;
     }
     const std::string digest = check.approved ? ImageDigest(check.approved->package) : std::string();
     if (const auto good = MayBeOffered(version.m_text, digest); !good) {
         Z_LOG(3, "Package %s is not offered: %s", path, good.error().text);
-        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED, good.error().text,
-               check.operation);
+        Refuse(results, version.m_text, file, good.error(), order);
         return true;
     }
     if (!RecordPackage(check, version, order)) {
         Z_LOG(4, "File <%s> went away while it was checked", path);
-        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE,
-               "it went away while it was checked", check.operation);
+        Refuse(results, version.m_text, file, Invalid("it went away while it was checked"), order);
         return true;
     }
     // Another trust document may have come into force meanwhile, when this one was not known yet.
@@ -180,8 +183,7 @@ bool ZNodeArborInstall::FinishCheck(const PackageCheck& check, const ZSoftwareVe
             check.approved ? m_trust.Judge(check.approved->package, ToStdString(m_board)) : ZResult<void>();
         !good) {
         Z_LOG(4, "Verification failed on %s: %s", path, good.error().text);
-        Refuse(results, version.m_text, file, Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, good.error().text,
-               check.operation);
+        Refuse(results, version.m_text, file, good.error(), order);
         return false;
     }
     check.operation.Succeed();
@@ -189,22 +191,25 @@ bool ZNodeArborInstall::FinishCheck(const PackageCheck& check, const ZSoftwareVe
 }
 
 void ZNodeArborInstall::Refuse(std::shared_ptr<ZMessageArray>& results, const ZString& version, const fs::path& file,
-                               ZFrameworkErrorCodes::ZErrorCode code, const std::string& reason,
-                               ZOperation& operation) {
+                               const ZError& why, const CheckOrder& order) {
+    ZOperation& operation = *order.operation;
     const ZString path = ToZString(file.string());
-    const auto why = operation.CancelReason();
-    // Under a policy nothing is told of a file about which nothing was found out.
-    if (!why || !m_trust.IsOn()) {
-        AddInvalidPackage(results, version, path, code);
+    const auto cancelled = operation.CancelReason();
+    // Under a policy nothing is told of a file whose check was broken off.
+    if (!cancelled || !m_trust.IsOn()) {
+        const bool isFoundOut = why.code != ZFrameworkErrorCodes::ERRCODE_NONE;
+        AddInvalidPackage(results, version, path, isFoundOut ? why.code : kInvalid);
     }
-    if (why) {
-        operation.Cancel(ToZString("cancelled " + *why));
+    if (cancelled) {
+        operation.Cancel(ToZString("cancelled " + *cancelled));
         return;  // nothing was found out about the file
     }
-    const ZString text = ToZString(reason.substr(0, kShownOutput));
-    operation.Fail(text.empty() ? "it was not accepted, and does not say why" : text, code);
+    const std::string text = why.text.empty() ? "it was not accepted, and does not say why" : why.text;
+    const ZError told(text.substr(0, kShownOutput), why.code);
     ForgetFile(file);
-    KeepRefused(version, path, code, operation.Get()->m_Reason);
+    KeepRefused(version, path, told,
+                order.stamp);  // first: whoever judges again looks at what is checked, and then at these
+    operation.Fail(ToZString(told.text), told.code);
 }
 
 bool ZNodeArborInstall::VerifyPackageFile(const PackageCheck& check, const ZSoftwareVersion& version,

@@ -69,14 +69,6 @@ ZResult<ZTrustedSigners> PackageTrust::Signers() const {
     return ZTrustedSigners::Load(m_policy.signers.string(), m_policy.state.string());
 }
 
-ZResult<void> PackageTrust::CanJudge() const {
-    if (auto may = MayRun(); !may) {
-        return may;
-    }
-    const auto signers = Signers();
-    return signers ? ZResult<void>() : signers.error();
-}
-
 ZResult<std::optional<std::uint32_t>> PackageTrust::Follow(const ZTrustChain& chain) {
     const std::lock_guard lock(*m_following);
     const auto signers = Signers();

@@ -64,7 +64,8 @@ public:
     /// Open's.
     ZResult<Approved> Approve(Opened opened, const std::string& board) const;
 
-    /// Whether the package may run on `board` (empty: any), by who is trusted now. Its payload is not looked at.
+    /// Whether the package may run on `board` (empty: any), by who is trusted now. Its payload is not looked at. An
+    /// error's code is as Open's.
     ZResult<void> Judge(const ZPackage& package, const std::string& board) const;
 
     /// The shell command line that runs the package with `arguments`, apart from the system: no network, no other
@@ -80,10 +81,8 @@ public:
     void TryConfining(ConfinementTrial::Told told);
     /// Whether this system can confine commands. Waits as said above; before TryConfining it is taken for so.
     ZResult<void> CanConfine() const;
-    /// Whether that can be told without waiting, once `patience` is over at the latest.
+    /// Whether that can be told without waiting; as ConfinementTrial::IsKnown.
     bool KnowsConfining(std::chrono::milliseconds patience) const;
-    /// Whether packages can be judged at all; what is refused else says nothing about the package. Waits likewise.
-    ZResult<void> CanJudge() const;
 
 private:
     Confinement Confined() const;

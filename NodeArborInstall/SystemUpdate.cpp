@@ -107,27 +107,37 @@ void ZNodeArborInstall::StartInstaller(const fs::path& package, const ZSystemUpd
         return;
     }
     operation->SetFile(ToZString(package.string()));
+    Launch(*approved, request, answer, operation);
+}
+
+void ZNodeArborInstall::Launch(const PackageTrust::Approved& package, const ZSystemUpdateMsg& request,
+                               ZVersionInfoMsg& answer, const std::shared_ptr<ZOperation>& operation) {
+    bool isStarted = false;
+    const ZScopeEnd end([&] {
+        if (!isStarted) {
+            StopRelay();  // whatever went wrong: the next install needs the relay's place
+        }
+    });
     operation->Start();
     AwaitNote(*operation);
     const auto life = std::make_shared<InstallLife>(operation, m_slots);
     m_install.Exchange(life);
-    const std::vector<std::string> arguments = InstallerArguments(package, request);
+    const std::vector<std::string> arguments = InstallerArguments(fs::path(operation->Get()->m_File), request);
     // Logged run together, as tools that read these logs expect it.
     const std::string command = std::accumulate(arguments.begin(), arguments.end(), std::string());
     Z_LOG(2, "Software update command %s", command);
-    const ZSealedProgram sealed{approved->program.Get(), approved->Source()};
+    const ZSealedProgram sealed{package.program.Get(), package.Source()};
     // Making the relay ready may have taken longer than its asker waits.
     const auto started = ZResponseSource(request).IsAbandoned()
                              ? ZResult<void>(ZError("whoever asked for it has gone"))
-                             : RunInstaller(arguments, life, approved->program ? &sealed : nullptr);
-    m_bUpdateInProgress = started.has_value();
+                             : RunInstaller(arguments, life, package.program ? &sealed : nullptr);
+    m_bUpdateInProgress = isStarted = started.has_value();
     Z_LOG(2, "Software update command %s", started ? "SUCCESS" : "FAILURE");
     answer.m_bSuccess = started.has_value();
-    answer.m_ErrorCode = Codes::ERRCODE_NONE;
+    answer.m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
     if (!started) {
         Z_LOG(4, "Unable to start install process. Kill the progress action");
-        StopRelay();
-        answer.m_ErrorCode = Codes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
+        answer.m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
         answer.m_ErrorText = ToZString(started.error().text);
         life->OnNotStarted("the installer could not be started: " + answer.m_ErrorText, answer.m_ErrorCode);
     }
@@ -145,21 +155,22 @@ ZResult<PackageTrust::Approved> ZNodeArborInstall::PackageToInstall(const fs::pa
     if (isAllowed && offered) {
         return approved;
     }
-    const std::string reason = !approved    ? approved.error().text
-                               : !isIt      ? "it is another version by now"
-                               : !isAllowed ? "it is older than what is installed"
-                                            : offered.error().text;
+    constexpr auto kInvalid = ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE;
+    const ZError why = !approved    ? approved.error()
+                       : !isIt      ? ZError("it is another version by now", kInvalid)
+                       : !isAllowed ? ZError("it is older than what is installed", kInvalid)
+                                    : offered.error();
     const ZString path = ToZString(package.string());
-    if (!approved && approved.error().code == ZFrameworkErrorCodes::ERRCODE_NONE) {
-        return approved;  // nothing was found out about it: its drive may be slow
+    if (why.code == ZFrameworkErrorCodes::ERRCODE_NONE) {
+        return why;  // nothing was found out about it: its drive may be slow
     }
-    Z_LOG(4, "Verification failed on %s: %s", path, reason);
+    Z_LOG(4, "Verification failed on %s: %s", path, why.text);
     ForgetFile(package);
-    KeepRefused(version, path, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE, ToZString(reason));
+    KeepRefused(version, path, why, std::nullopt);
     auto results = Z_MAKE(ZMessageArray);
-    AddInvalidPackage(results, version, path, ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE);
+    AddInvalidPackage(results, version, path, kInvalid);
     CheckAvailableUpdates(results, true);
-    return ZError(reason);
+    return why;
 }
 
 /// The relay's socket has to listen before the installer connects, which it may do only once.

@@ -15,6 +15,9 @@ ZResult<std::shared_ptr<ZSlotsMsg>> ZNodeArborInstall::AskSlots() {
     const auto outcome = PublishWithOutcome(GetEndpoint(ZEndpointType::GraphService, "slots", 0),
                                             Z_MAKE(ZGenericRequestMsg), &answer, {true, false, kPatience});
     const auto slots = ZCAST(ZSlotsMsg, answer);
+    if (!slots) {
+        m_bJudgedAlone = true;
+    }
     if (!slots && (outcome == ZPublishOutcome::NoAnswer || outcome == ZPublishOutcome::QueueFull)) {
         return ZError("it is not known which versions were taken back: the node that judges them does not answer");
     }
@@ -31,9 +34,11 @@ ZResult<void> ZNodeArborInstall::MayBeOffered(const ZString& version, const std:
     }
     for (const auto& entry : (*slots)->m_TakenBack) {
         const bool byDigest = !entry->m_Digest.empty() && !digest.empty();
-        if (byDigest ? ToStdString(entry->m_Digest) == digest : entry->m_Version == version) {
+        if (byDigest ? ToStdString(entry->m_Digest) == digest
+                     : ZSoftwareVersion(entry->m_Version) == ZSoftwareVersion(version)) {
             return ZError("version " + ToStdString(version) + " was taken back (" + ToStdString(entry->m_Reason) +
-                          "); it is offered again once somebody allows it");
+                              "); it is offered again once somebody allows it",
+                          ZFrameworkErrorCodes::ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED);
         }
     }
     return {};
@@ -64,7 +69,8 @@ bool ZNodeArborInstall::OnTrial(const std::shared_ptr<ZMessage>& message) {
         versions.push_back(entry->m_Version);
     }
     const auto before = m_takenBack.Exchange(versions);
-    if (before && *before != versions) {
+    const bool isNew = before ? *before != versions : !versions.empty();
+    if (m_bJudgedAlone.exchange(false) || isNew) {
         RunAction("JudgeAgain", nullptr);
     }
     return true;

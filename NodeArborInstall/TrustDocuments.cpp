@@ -160,7 +160,7 @@ void ZNodeArborInstall::JudgeAgain(std::shared_ptr<ZMessageArray>& results) {
         files.insert(place.file);
     }
     for (const auto& refused : m_refused.Copy()) {
-        files.emplace(refused->m_File);
+        files.emplace(refused.told->m_File);
     }
     std::deque<std::pair<std::future<bool>, std::shared_ptr<ZMessageArray>>> checks;
     const auto await = [&](std::size_t left) {
@@ -201,11 +201,10 @@ void ZNodeArborInstall::ForgetGone(const std::set<fs::path>& files) {
         const auto exists = ExistsWithin(file.string(), kReadPatience);
         return exists && !*exists;
     });
-    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return gone.contains(fs::path(entry->m_File)); });
+    std::erase_if(*m_refused.Lock(), [&](const auto& entry) { return gone.contains(fs::path(entry.told->m_File)); });
 }
 
 bool ZNodeArborInstall_JudgeAgainAction::Work() {
-    const ZUseFlag::Hold busy(Node().BusyFlag());
     auto results = Z_MAKE(ZMessageArray);
     Node().JudgeAgain(results);
     const auto told = ZCAST(ZMessageArray, ZNodeComm::CloneMessage(results));

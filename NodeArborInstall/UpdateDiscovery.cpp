@@ -110,15 +110,15 @@ void ZNodeArborInstall_CheckFileAction::CheckFile(const fs::path& file, std::sha
         }
         return;
     }
-    const bool executable = Node().MayBePackage(status.permissions());
-    if (executable && file.extension() == ".pkg") {
+    if (Node().MayBePackage(file, status.permissions()) && file.extension() == ".pkg") {
         Z_LOG(2, "Found package file %s", file);
         Node().CheckNow(file, results, m_pMessage.get());
         return;
     }
     Node().ForgetFile(file);  // one that was offered may no longer be run
     // The two words are the wrong way round; tools that read these logs know them so.
-    Z_LOG(2, "File %s %s", file.filename().c_str(), executable ? "Not Executable" : "is executable");
+    Z_LOG(2, "File %s %s", file.filename().c_str(),
+          IsExecutable(status.permissions()) ? "Not Executable" : "is executable");
 }
 
 bool ZNodeArborInstall_StorageDevicesUpdateAction::Work() {

@@ -8,6 +8,7 @@
 #include "CheckQueue.h"
 #include "InstallLife.h"
 #include "NodeBase/ZNode.h"
+#include "PackageFiles.h"
 #include "PackageTrust.h"
 #include "ProgressRelay.h"
 #include "VersionTables.h"
@@ -154,9 +155,8 @@ public:
     ZResult<void> MayBeOffered(const ZString& version, const std::string& digest);
     /// Whether the slot that does not run may be written over: not while it is the way back.
     ZResult<void> MayBeReplaced();
-    /// Whether a file with this status may be a package: without a trust policy it runs as it is, so it has to be
-    /// executable.
-    bool MayBePackage(std::filesystem::perms permissions) const;
+    /// Whether the file may be a package: without a trust policy it runs as it is, so it has to be executable.
+    bool MayBePackage(const std::filesystem::path& file, std::filesystem::perms permissions) const;
     /// The jobs of a message that were not taken over will not be.
     void DropJobs(const ZMessage& message);
     /// Removes the uploads that were refused, once that was told.
@@ -192,7 +192,8 @@ private:
     void AdoptInstalls();
     void Adopt(const ZOperationMsg& left);
     /// Null when nobody keeps jobs, or no answer comes in time.
-    std::shared_ptr<ZOperationsMsg> AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request);
+    std::shared_ptr<ZOperationsMsg> AskJournal(const std::shared_ptr<ZOperationsRequestMsg>& request,
+                                               std::chrono::seconds patience);
     void OnProgress(bool bUnix, const std::shared_ptr<InstallProgressMsg>& progress);
 
     // Package checks.
@@ -200,6 +201,7 @@ private:
     struct CheckOrder {
         std::shared_ptr<ZOperation> operation;
         std::uint64_t order = 0;
+        std::optional<FileStamp> stamp;  // of an upload
     };
     bool ScanDriveFor(const std::filesystem::path& drive, std::shared_ptr<ZMessageArray>& results,
                       const ZMessage* request);
@@ -208,8 +210,9 @@ private:
     void EndChecksOf(const ZVector<ZString>& drives);
     /// What was found out about the file, or is being, is of an earlier one of that name.
     void EndChecksOfFile(const std::filesystem::path& file);
-    void KeepRefused(const ZString& version, const ZString& file, ZFrameworkErrorCodes::ZErrorCode code,
-                     const ZString& reason);
+    /// Without a code nothing was found out about the file: it may be a good one.
+    void KeepRefused(const ZString& version, const ZString& file, const ZError& why,
+                     const std::optional<FileStamp>& stamp);
     struct QueuedCheck {
         std::shared_ptr<ZOperation> operation;
         std::future<bool> done;
@@ -235,7 +238,7 @@ private:
                      std::shared_ptr<ZMessageArray>& results, const CheckOrder& order);
     bool RunCheck(const PackageCheck& check, const std::string& arguments, std::string& output);
     void Refuse(std::shared_ptr<ZMessageArray>& results, const ZString& version, const std::filesystem::path& file,
-                ZFrameworkErrorCodes::ZErrorCode code, const std::string& reason, ZOperation& operation);
+                const ZError& why, const CheckOrder& order);
     bool VerifyPackageFile(const PackageCheck& check, const ZSoftwareVersion& version, std::string& output);
     bool IsVersionAllowed(const ZSoftwareVersion& version, const std::filesystem::path& file);
     static std::shared_ptr<ZVersionInfoMsg> MakeUpdateRecord(const ZSoftwareVersion& version);
@@ -247,6 +250,9 @@ private:
     std::vector<std::string> InstallerArguments(const std::filesystem::path& package, const ZSystemUpdateMsg& request);
     void StartInstaller(const std::filesystem::path& package, const ZSystemUpdateMsg& request, ZVersionInfoMsg& answer,
                         const std::shared_ptr<ZOperation>& operation);
+    /// Goes on with a package that may run; its progress is relayed.
+    void Launch(const PackageTrust::Approved& package, const ZSystemUpdateMsg& request, ZVersionInfoMsg& answer,
+                const std::shared_ptr<ZOperation>& operation);
     /// Whether the installer can report its progress, or does so elsewhere.
     ZResult<void> StartRelay(const ZSystemUpdateMsg& request);
     void StopRelay();
@@ -303,10 +309,15 @@ private:
         std::size_t running = 0;
         std::deque<std::shared_ptr<ZMessage>> waiting;
     };
-    ZGuarded<std::map<std::string, Backlog>> m_backlogs;               // by action
-    ZGuarded<std::deque<std::shared_ptr<ZPackageInfoMsg>>> m_refused;  // the newest first
-    ZGuarded<std::optional<std::vector<ZString>>> m_takenBack;         // versions, as last told
-    ZGuarded<std::map<ZDeviceModel, ZString>> m_accessoryBoards;       // as accessories told them
+    ZGuarded<std::map<std::string, Backlog>> m_backlogs;  // by action
+    struct Refused {
+        std::shared_ptr<ZPackageInfoMsg> told;
+        std::optional<FileStamp> stamp;  // of the very file, of an upload
+    };
+    ZGuarded<std::deque<Refused>> m_refused;                      // the newest first
+    ZGuarded<std::optional<std::vector<ZString>>> m_takenBack;    // versions, as last told
+    std::atomic<bool> m_bJudgedAlone{false};                      // something, as nobody said what was taken back
+    ZGuarded<std::map<ZDeviceModel, ZString>> m_accessoryBoards;  // as accessories told them
     std::atomic<std::uint64_t> m_checkOrder{0};
     // One for each remote install that waits for its action.
     ZGuarded<std::vector<std::shared_ptr<ZUseFlag::Hold>>> m_remoteInstallHolds;

@@ -49,8 +49,8 @@ std::shared_ptr<ZOperationMsg> ZOperation::CopyOf(const ZOperationMsg& message) 
 }
 
 void ZOperation::CountTime(ZOperationMsg& job) {
-    if (std::string_view(job.m_BootId) != BootId()) {
-        job.m_Took = 0;
+    if (std::string_view(job.m_BootId) != BootId() || job.m_State == ZOperationState::Lost) {
+        job.m_Took = 0;  // nobody knows when it ended
     } else if (job.m_StartedSinceBoot > 0) {
         job.m_Took = std::max<std::int64_t>(1, MillisecondsSinceBoot() - job.m_StartedSinceBoot);
     }
@@ -110,6 +110,12 @@ void ZOperation::SetProcess(const ZProcessId& process) {
     state->message->m_ProcessId = process.id;
     state->message->m_ProcessStart = process.start;
     Tell(*state);
+}
+
+void ZOperation::ForgetTime() {
+    const auto state = m_message.Lock();
+    state->message->m_StartedSinceBoot = 0;
+    state->message->m_Took = 0;
 }
 
 bool ZOperation::Settle(ZOperationState end, const ZString& reason, ZFrameworkErrorCodes::ZErrorCode code) {

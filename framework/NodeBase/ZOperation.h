@@ -52,6 +52,8 @@ public:
     void SetVersion(const ZString& version);
     void SetFile(const ZString& file);
     void SetProcess(const ZProcessId& process);
+    /// How long it took is not known: nobody watched it. Told with the next change.
+    void ForgetTime();
 
     // How it ends. The first one counts; true for that one.
     bool Succeed() { return Settle(ZOperationState::Succeeded, {}, ZFrameworkErrorCodes::ERRCODE_NONE); }
@@ -79,7 +81,8 @@ public:
     /// Whether a job may go from one state to the other.
     static bool MayFollow(ZOperationState from, ZOperationState to);
     static ZString NewId();
-    /// Brings up to date how long a job that runs has taken so far; that of one of another boot is not known.
+    /// Brings up to date how long a job that runs has taken so far; that of one of another boot, or that was
+    /// lost, is not known.
     static void CountTime(ZOperationMsg& job);
 
 private:

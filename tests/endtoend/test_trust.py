@@ -261,6 +261,8 @@ class Trust(InstrumentCase):
                 wait_until(lambda: reason in refusal("arbor-3.046.pkg"), "it is refused")
                 self.assertEqual([], gateway.updates())
                 sticks.detach()
+                self.ordered(1, "upload", str(stick_package("3.046")))
+                self.assertTrue((paths.UPDATES / "arbor-3.046.pkg").exists(), "it may be good")
                 mend()
         shutil.rmtree(paths.TRUST)
         self.restart()

@@ -175,6 +175,56 @@ TEST_F(Checks, OfUploadsTakeAwayWhatWasRefusedOrRemoved) {
     EXPECT_TRUE(fs::exists(onDrive)) << "what lies on a stick is its owner's";
 }
 
+TEST_F(Checks, OfUploadsLeaveWhatTookTheNameOfARefusedOne) {
+    Start();
+    const fs::path upload = folder / "updates/arbor.pkg";
+    const fs::path corrected = folder.Write("corrected.pkg", ReadText(Package("g.pkg", "3.045")), 0755);
+    // The corrected one comes while the first is checked, and nobody has told of it yet.
+    folder.Write(
+        "updates/arbor.pkg",
+        "#!/bin/sh\n[ \"$1\" = --version ] && echo 3.045 && exit\nmv " + corrected.string() + " \"$0\"\nexit 1\n",
+        0755);
+    TellFile(upload);
+    ASSERT_TRUE(WaitForJobLike("Check arbor.pkg Failed"));
+    const fs::path other = folder.Write("updates/other.pkg", ReadText(Package("b.pkg", "3.046", 1)), 0755);
+    TellFile(other);
+    ASSERT_TRUE(WaitUntil([&] { return !fs::exists(other); })) << "what was refused is let go";
+    ASSERT_TRUE(fs::exists(upload));
+    TellFile(upload);
+    EXPECT_TRUE(WaitForJob("Check arbor.pkg Succeeded"));
+}
+
+TEST_F(Checks, AreDoneAgainOnceItIsSaidWhatWasTakenBack) {
+    Start();
+    const fs::path upload = folder.Write("updates/arbor.pkg", ReadText(Package("g.pkg", "3.045")), 0755);
+    TellFile(upload);
+    ASSERT_TRUE(WaitForJob("Check arbor.pkg Succeeded")) << "nobody judges here yet";
+    const auto stands = Z_MAKE(ZSlotsMsg);
+    const auto entry = Z_MAKE(ZTakenBackMsg);
+    entry->m_Version = "3.045";
+    entry->m_Reason = "no signal";
+    stands->m_TakenBack.push_back(entry);
+    ZGuarded<std::shared_ptr<ZMessage>> answer;  // none: the judge is busy
+    probe->Listen(ZEndpointType::GraphService, "slots", [&](const auto&) { return answer.Copy(); });
+    answer.Exchange(ZNodeComm::CloneMessage(stands));
+    probe->Tell("trial", ZNodeComm::CloneMessage(stands));
+    EXPECT_TRUE(WaitForJobLike("Check arbor.pkg Failed: version 3.045 was taken back (no signal)"));
+    EXPECT_THAT(Offered(), IsEmpty());
+
+    answer.Exchange(nullptr);
+    const fs::path later = folder.Write("updates/later.pkg", ReadText(Package("l.pkg", "3.046")), 0755);
+    TellFile(later);
+    ASSERT_TRUE(WaitForJobLike("Check later.pkg Failed: it is not known which versions were taken back"));
+    answer.Exchange(ZNodeComm::CloneMessage(stands));
+    const fs::path bad = folder.Write("updates/bad.pkg", ReadText(Package("b.pkg", "3.047", 1)), 0755);
+    TellFile(bad);
+    ASSERT_TRUE(WaitUntil([&] { return !fs::exists(bad); })) << "what was refused is let go";
+    EXPECT_TRUE(fs::exists(later)) << "it may be a good one";
+    probe->Tell("trial", ZNodeComm::CloneMessage(stands));
+    EXPECT_TRUE(WaitForJob("Check later.pkg Succeeded"));
+    EXPECT_THAT(Offered(), ElementsAre("3.046 System"));
+}
+
 TEST_F(Checks, ForgetUploadsButNothingElse) {
     Start();
     const fs::path good = folder.Write("updates/good.pkg", ReadText(Package("g.pkg", "3.045")), 0755);

@@ -267,6 +267,7 @@ TEST_F(InstallLife, GoesOnAfterARestartOfTheHost) {
     // What ended while the host was away: told by the record, or not known.
     restart();
     EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the disk is full"));
+    EXPECT_EQ(Latest().m_Took, 0) << "nobody knows when it ended";
     LeaveRecord(ToStdString(left->m_Id), "running", "");
     restart();
     EXPECT_TRUE(WaitForJob("Install 3.045 Failed: the installer was ended before it had finished"));
@@ -274,6 +275,7 @@ TEST_F(InstallLife, GoesOnAfterARestartOfTheHost) {
     restart();
     EXPECT_TRUE(
         WaitForJob("Install 3.045 Lost: the installer ended while nobody watched it, and left no record of how"));
+    EXPECT_EQ(Latest().m_Took, 0);
 }
 
 TEST_F(InstallLife, IsCancelledByAnybodyAndTheInstallerPutsThingsInOrder) {

@@ -208,6 +208,11 @@ TEST_F(JournalNode, TellsHowLongAJobHasTakenByAClockThatNobodySets) {
     const std::int64_t took = Find(job->Id())->m_Took;
     EXPECT_GE(took, sofar);
     EXPECT_LE(took, MillisecondsSinceBoot() - before);
+    const auto lost = Begin(ZOperationKind::Install);
+    lost->Start();
+    ASSERT_TRUE(WaitUntil([&] { return Find(lost->Id())->m_Took > 0; }));
+    lost->Lose("nothing can watch it");
+    EXPECT_EQ(Find(lost->Id())->m_Took, 0);
 
     const auto earlier = ZMakeShared<ZOperationMsg>();  // it runs since another boot, which had another clock
     earlier->m_Id = "abcd0001";
