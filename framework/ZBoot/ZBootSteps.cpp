@@ -66,7 +66,10 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
     if (!running->IsKnown()) {
         return ZError("slot " + running->slot + " does not tell which version stands in it");
     }
-    const Loader loader(control, *running);
+    Loader loader(control, *running);
+    if (!loader.next) {
+        loader = Loader(control, *running);  // its variables may come late
+    }
     ZBootFacts facts{.running = *running,
                      .next = loader.next ? loader.next->slot : std::string(),
                      .bootId = IdOfBoot(settings.bootIdFile),
@@ -85,8 +88,7 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
         return state.error();
     }
     if (control.FallsBack() && running->SameAs(state->confirmed)) {
-        // One that did not answer is asked again: its variables may come late.
-        if (const auto agreed = Agree(control, *state, loader.next ? loader : Loader(control, *running)); !agreed) {
+        if (const auto agreed = Agree(control, *state, loader); !agreed) {
             return agreed.error();
         }
     }
@@ -103,7 +105,8 @@ ZResult<ZTrialState> NoteNext(const ZBootSettings& settings, const ZBootControl&
     if (!next) {
         return next.error();
     }
-    return ZTrialFile(settings.state).Change([&](ZTrialState& state) { state.Install(*next); });
+    const std::string boot = IdOfBoot(settings.bootIdFile);
+    return ZTrialFile(settings.state).Change([&](ZTrialState& state) { state.Install(*next, boot); });
 }
 
 ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl& control, const ZTrialFault& fault) {
