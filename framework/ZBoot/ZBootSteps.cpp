@@ -80,15 +80,21 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
                      .attempts = settings.attempts,
                      .wayBack = WayBack(control, loader, *running)};
     auto action = ZBootAction::GoOn;
-    const auto state = ZTrialFile(settings.state).Change([&](ZTrialState& kept) {
+    bool isCounted = false;
+    ZTrialFile file(settings.state);
+    const auto state = file.Change([&](ZTrialState& kept) {
+        isCounted = kept.bootId == facts.bootId;
         facts.bCanGoBack = control.IsWhole(kept.confirmed);
         action = kept.Begin(facts);
     });
     if (!state) {
         return state.error();
     }
-    if (control.FallsBack() && running->SameAs(state->confirmed)) {
+    // Later in the same boot the loader may have been told of an install that the state does not know yet.
+    if (!isCounted && control.FallsBack() && running->SameAs(state->confirmed)) {
         if (const auto agreed = Agree(control, *state, loader); !agreed) {
+            // Whoever is next to count this boot tries again.
+            static_cast<void>(file.Change([](ZTrialState& kept) { kept.bootId.clear(); }));
             return agreed.error();
         }
     }

@@ -246,6 +246,25 @@ TEST_F(Environment, VersionThatNeverCameUpIsTakenBackHoweverTheLoaderHasLeftIt) 
     }
 }
 
+TEST_F(Environment, InstallIsNotUndoneByAHostThatStartsMeanwhile) {
+    const auto control = Control();
+    ASSERT_TRUE(control->Activate("A", false));
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    ASSERT_TRUE(control->Activate("B", true)) << "noted a moment later, or never";
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    EXPECT_EQ(control->Next()->slot, "B");
+    ASSERT_TRUE(control->Activate("A", false));
+    Start("A");
+    Write(folder / "silent", "");
+    EXPECT_FALSE(BeginBoot(settings, *control)) << "so the next one that starts counts this boot";
+    fs::remove(folder / "silent");
+    ASSERT_TRUE(control->Activate("B", true));
+    ASSERT_TRUE(NoteNext(settings, *control));
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    EXPECT_EQ(control->Next()->slot, "B");
+    EXPECT_EQ(NoteNext(settings, *control)->trial->version.version, "3.046");
+}
+
 namespace {
 
 /// What systemd-boot does with entries at a start, as tests/boot/real_loader.py has seen it do.
