@@ -66,7 +66,10 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
     if (!running->IsKnown()) {
         return ZError("slot " + running->slot + " does not tell which version stands in it");
     }
-    const Loader loader(control, *running);
+    Loader loader(control, *running);
+    if (!loader.next) {
+        loader = Loader(control, *running);  // its variables may come late
+    }
     ZBootFacts facts{.running = *running,
                      .next = loader.next ? loader.next->slot : std::string(),
                      .bootId = IdOfBoot(settings.bootIdFile),
@@ -77,16 +80,21 @@ ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& cont
                      .attempts = settings.attempts,
                      .wayBack = WayBack(control, loader, *running)};
     auto action = ZBootAction::GoOn;
-    const auto state = ZTrialFile(settings.state).Change([&](ZTrialState& kept) {
+    bool isCounted = false;
+    ZTrialFile file(settings.state);
+    const auto state = file.Change([&](ZTrialState& kept) {
+        isCounted = kept.bootId == facts.bootId;
         facts.bCanGoBack = control.IsWhole(kept.confirmed);
         action = kept.Begin(facts);
     });
     if (!state) {
         return state.error();
     }
-    if (control.FallsBack() && running->SameAs(state->confirmed)) {
-        // One that did not answer is asked again: its variables may come late.
-        if (const auto agreed = Agree(control, *state, loader.next ? loader : Loader(control, *running)); !agreed) {
+    // Later in the same boot the loader may have been told of an install that the state does not know yet.
+    if (!isCounted && control.FallsBack() && running->SameAs(state->confirmed)) {
+        if (const auto agreed = Agree(control, *state, loader); !agreed) {
+            // Whoever is next to count this boot tries again.
+            static_cast<void>(file.Change([](ZTrialState& kept) { kept.bootId.clear(); }));
             return agreed.error();
         }
     }
@@ -103,7 +111,8 @@ ZResult<ZTrialState> NoteNext(const ZBootSettings& settings, const ZBootControl&
     if (!next) {
         return next.error();
     }
-    return ZTrialFile(settings.state).Change([&](ZTrialState& state) { state.Install(*next); });
+    const std::string boot = IdOfBoot(settings.bootIdFile);
+    return ZTrialFile(settings.state).Change([&](ZTrialState& state) { state.Install(*next, boot); });
 }
 
 ZResult<ZTrialState> FailTrial(const ZBootSettings& settings, const ZBootControl& control, const ZTrialFault& fault) {

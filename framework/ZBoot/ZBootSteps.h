@@ -9,7 +9,8 @@
 // behind it is carried on at the next start.
 
 /// Counts this boot, once. GoBack when the version that runs has to be left now: Leave does that. A boot loader that
-/// means to start or to count something else than the confirmed version, while that one runs, is told.
+/// means to start or to count something else than the confirmed version, while that one runs, is told; where it can't
+/// be, the boot is not counted.
 ZResult<ZBootAction> BeginBoot(const ZBootSettings& settings, ZBootControl& control);
 
 /// Makes the version that starts next known to the state, when it is not the one that runs. Called after a switch.

@@ -63,6 +63,7 @@ json::object ToJson(const ZTrial& trial) {
     object["reason"] = Kept(trial.fault.reason, kLongestReason);
     object["cause"] = ToText(trial.fault.cause);
     object["failedCheck"] = Kept(trial.fault.failedCheck, kLongestName);
+    object["bootId"] = Kept(trial.bootId, kLongestName);
     return object;
 }
 
@@ -81,7 +82,8 @@ std::optional<ZTrial> ToTrial(const json::value& from) {
                   .fault = {.reason = Text(from, "reason"),
                             .cause = cause == kCauses.end() ? ZTrialCause::Said
                                                             : static_cast<ZTrialCause>(cause - kCauses.begin()),
-                            .failedCheck = Text(from, "failedCheck")}};
+                            .failedCheck = Text(from, "failedCheck")},
+                  .bootId = Text(from, "bootId")};
 }
 
 json::object ToJson(const ZTrialEnd& end) {
@@ -170,7 +172,8 @@ ZBootAction ZTrialState::Begin(const ZBootFacts& facts) {
     } else if (!facts.running.SameAs(confirmed)) {
         action = BeginTrial(facts);
     } else if (trial && trial->stage == ZTrialStage::Installed) {
-        if (facts.bLoaderFallsBack && facts.next == confirmed.slot) {
+        // Such a loader had to start the other one, whatever it says now that it starts next.
+        if (facts.bLoaderFallsBack && trial->bootId != facts.bootId) {
             End({"it never came up, so the boot loader went back", ZTrialCause::NeverUp}, facts.now);
         } else if (facts.next == confirmed.slot) {
             trial.reset();  // it was switched back before it had begun
@@ -207,13 +210,13 @@ ZBootAction ZTrialState::BeginTrial(const ZBootFacts& facts) {
     return IsLeaving() && facts.bCanGoBack ? ZBootAction::GoBack : ZBootAction::GoOn;
 }
 
-void ZTrialState::Install(const ZSlotVersion& next) {
+void ZTrialState::Install(const ZSlotVersion& next, const std::string& inBoot) {
     if (trial && trial->stage != ZTrialStage::Installed) {
         return;  // it runs: where the device goes next is decided by how its trial ends
     }
     trial.reset();
     if (next.IsKnown() && confirmed.IsKnown() && !next.SameAs(confirmed)) {
-        trial = ZTrial{.version = next};
+        trial = ZTrial{.version = next, .bootId = inBoot};
     }
 }
 

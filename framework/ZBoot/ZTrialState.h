@@ -49,6 +49,7 @@ struct ZTrial {
     std::int64_t since = 0;      ///< milliseconds since 1970, of its first start
     std::uint32_t goneBack = 0;  ///< how often the boot loader was told to leave it
     ZTrialFault fault{};         ///< why it failed, once it has
+    std::string bootId{};        ///< of the boot in which it was installed
 };
 
 /// How the last trial ended.
@@ -121,8 +122,9 @@ struct ZTrialState {
 
     /// Counts a boot, once. What it must do next.
     ZBootAction Begin(const ZBootFacts& facts);
-    /// Another version starts next. Nothing when that is the confirmed one, but for a trial that had not begun.
-    void Install(const ZSlotVersion& next);
+    /// In the boot `inBoot`, another version starts next. Nothing when that is the confirmed one, but for a trial that
+    /// had not begun.
+    void Install(const ZSlotVersion& next, const std::string& inBoot);
     /// The version on trial has proved itself, or somebody wants it all the same; `by` says how.
     void Confirm(const std::string& by, std::int64_t now);
     /// The version on trial has failed; the device is about to be restarted.

@@ -150,14 +150,28 @@ TEST_F(Boot, WhatCouldNotBeLeftIsLeftAtTheNextStart) {
     EXPECT_EQ(*BeginBoot(settings, *control), ZBootAction::GoOn) << "no circles";
 }
 
-TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
-    Write(folder / "env", std::string(0x4000, '\0'));
-    Write(folder / "fw_env.config", (folder / "env").string() + " 0x0 0x4000\n");
-    Write(folder / "defaults", "slot=A\nother=kept\n");
-    const std::string config = " -c " + (folder / "fw_env.config").string();
-    settings.control = "uboot-env";
-    settings.printEnvironment = "fw_printenv" + config;
-    settings.setEnvironment = "fw_setenv" + config + " -f " + (folder / "defaults").string();
+namespace {
+
+/// U-Boot's variables, in a file, with its own tools. They give no answer once while the file "late" is there, and none
+/// at all while "silent" is.
+class Environment : public Boot {
+protected:
+    Environment() {
+        Write(folder / "env", std::string(0x4000, '\0'));
+        Write(folder / "fw_env.config", (folder / "env").string() + " 0x0 0x4000\n");
+        Write(folder / "defaults", "slot=A\nother=kept\n");
+        const std::string config = " -c " + (folder / "fw_env.config").string();
+        Write(folder / "print", "rm " + (folder / "late").string() + " 2>/dev/null && exit 1; test ! -e " +
+                                    (folder / "silent").string() + " && exec fw_printenv" + config + " \"$@\"");
+        settings.control = "uboot-env";
+        settings.printEnvironment = "sh " + (folder / "print").string();
+        settings.setEnvironment = "fw_setenv" + config + " -f " + (folder / "defaults").string();
+    }
+};
+
+}  // namespace
+
+TEST_F(Environment, IsSetInOneWrite) {
     const auto control = Control();
     ASSERT_TRUE(control->Activate("B", true)) << "its own tools have to be installed";
     EXPECT_EQ(control->Next()->slot, "B");
@@ -192,7 +206,8 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
         return ZTrialFile(settings.state).Read();
     };
     EXPECT_TRUE(lose("B", "B")->IsOnTrial(control->At("B")));
-    EXPECT_EQ(lose("B", "B")->confirmed.slot, "A");
+    Write(folder / "late", "");
+    EXPECT_EQ(lose("B", "B")->confirmed.slot, "A") << "it is asked twice";
     EXPECT_TRUE(control->Counts());
     EXPECT_EQ(lose("B", "A")->confirmed.slot, "A") << "it went back by itself";
     EXPECT_FALSE(control->Counts());
@@ -201,6 +216,53 @@ TEST_F(Boot, EnvironmentOfTheBootLoaderIsSetInOneWrite) {
     EXPECT_EQ(lose("B", "B")->confirmed.slot, "B") << "there is no way back";
     settings.setEnvironment = "false";
     EXPECT_FALSE(Control()->Activate("A", false));
+}
+
+TEST_F(Environment, VersionThatNeverCameUpIsTakenBackHoweverTheLoaderHasLeftIt) {
+    const auto control = Control();
+    ASSERT_TRUE(control->Activate("A", false));
+    for (const bool isSilent : {false, true}) {
+        for (const char* const left : {"A", "B"}) {
+            SCOPED_TRACE(std::string(left) + (isSilent ? ", and does not answer at first" : ""));
+            fs::remove_all(folder / "state");
+            Start("A");
+            ASSERT_TRUE(BeginBoot(settings, *control));
+            ASSERT_TRUE(control->Activate("B", true));
+            ASSERT_TRUE(NoteNext(settings, *control));
+            ASSERT_TRUE(control->Activate(left, true));
+            Start("A");
+            if (isSilent) {
+                Write(folder / "silent", "");
+                EXPECT_FALSE(BeginBoot(settings, *control));
+                fs::remove(folder / "silent");
+            }
+            ASSERT_TRUE(BeginBoot(settings, *control)) << "the host";
+            EXPECT_EQ(control->Next()->slot, "A");
+            EXPECT_FALSE(control->Counts());
+            const auto state = NoteNext(settings, *control);
+            EXPECT_FALSE(state->trial);
+            EXPECT_EQ(state->takenBack.size(), 1U);
+        }
+    }
+}
+
+TEST_F(Environment, InstallIsNotUndoneByAHostThatStartsMeanwhile) {
+    const auto control = Control();
+    ASSERT_TRUE(control->Activate("A", false));
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    ASSERT_TRUE(control->Activate("B", true)) << "noted a moment later, or never";
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    EXPECT_EQ(control->Next()->slot, "B");
+    ASSERT_TRUE(control->Activate("A", false));
+    Start("A");
+    Write(folder / "silent", "");
+    EXPECT_FALSE(BeginBoot(settings, *control)) << "so the next one that starts counts this boot";
+    fs::remove(folder / "silent");
+    ASSERT_TRUE(control->Activate("B", true));
+    ASSERT_TRUE(NoteNext(settings, *control));
+    ASSERT_TRUE(BeginBoot(settings, *control));
+    EXPECT_EQ(control->Next()->slot, "B");
+    EXPECT_EQ(NoteNext(settings, *control)->trial->version.version, "3.046");
 }
 
 namespace {

@@ -43,7 +43,7 @@ struct Device {
     }
     void Install() {
         active = "B";
-        state.Install(kNew);
+        state.Install(kNew, state.bootId);
     }
     std::string Counts() const {
         const ZTrialCounts& counts = state.counts;
