@@ -78,7 +78,7 @@ class Browser:
 
     def _text(self) -> str:
         assert self._process.stdin and self._process.stdout
-        self._process.stdin.write(json.dumps({"code": "return page.url() + ' ' + await page.locator('body').innerText() + JSON.stringify(troubles)"}) + "\n")
+        self._process.stdin.write(json.dumps({"code": "return page.url() + ' ' + await page.locator('body').innerText() + JSON.stringify([troubles, refused])"}) + "\n")
         self._process.stdin.flush()
         return str(json.loads(self._process.stdout.readline() or "{}").get("value"))
 

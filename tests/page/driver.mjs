@@ -23,11 +23,14 @@ context.setDefaultTimeout(LIMIT);
 const troubles = [];
 const requests = [];
 const answered = [];
+const refused = []; // to explain a test that failed
 function watch(page) {
   page.on('console', (message) => ['error', 'warning'].includes(message.type()) && !/Failed to load resource/.test(message.text()) && troubles.push(message.text()));
   page.on('pageerror', (error) => troubles.push(String(error)));
   page.on('request', (request) => requests.push(request.url()));
   page.on('requestfinished', (request) => answered.push(request.url()));
+  page.on('requestfailed', (request) => refused.push(`${request.url()}: ${request.failure()?.errorText}`));
+  page.on('response', (response) => response.ok() || refused.push(`${response.url()}: ${response.status()}`));
 }
 context.on('page', watch);
 const page = context.pages()[0] ?? await context.newPage();
@@ -46,8 +49,8 @@ const memory = {}; // what one step leaves for the next, such as a second tab
 for await (const line of createInterface({ input: process.stdin })) {
   let answer;
   try {
-    const run = new AsyncFunction('page', 'context', 'memory', 'accessibility', 'overflow', 'troubles', 'requests', 'answered', JSON.parse(line).code);
-    answer = { value: (await run(page, context, memory, accessibility, overflow, troubles, requests, answered)) ?? null };
+    const run = new AsyncFunction('page', 'context', 'memory', 'accessibility', 'overflow', 'troubles', 'requests', 'answered', 'refused', JSON.parse(line).code);
+    answer = { value: (await run(page, context, memory, accessibility, overflow, troubles, requests, answered, refused)) ?? null };
   } catch (error) {
     answer = { error: String(error.stack ?? error) };
   }

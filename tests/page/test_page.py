@@ -88,6 +88,14 @@ class Sticks(PageCase):
         browser.see("confirmed", within="[aria-labelledby=instrument]")
         self.assertEqual(("3.046", "confirmed"), (installed(), gateway.post("slots")[1]["state"]))
 
+    def test_page_of_which_a_part_could_not_be_had_is_loaded_anew(self) -> None:
+        for part in ("main.js", "log.js"):
+            self.browser.run("""
+                await page.goto('about:blank');
+                await page.route(`**/${part}`, (route) => route.abort('connectionreset'), { times: 1 });
+                await page.goto(address)""", part=part, address=self.served.address)
+            self.browser.see("Plug a stick in", within="[aria-labelledby=offers]")
+
     def test_keyboard_alone_installs(self) -> None:
         sticks.attach([stepped_package(VERSION, FIXTURES)])
         browser = self.browser
