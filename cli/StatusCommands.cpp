@@ -153,10 +153,11 @@ std::string StatusText(const json::value& status) {
 }
 
 /// Why a file was refused, by its code, and what a person does next.
-constexpr std::array<std::pair<std::string_view, const char*>, 2> kNextSteps{{
+constexpr std::array<std::pair<std::string_view, const char*>, 3> kNextSteps{{
     {"ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE",
      "copy it again; if that does not help, make it anew, for this board and signed by a trusted signer"},
     {"ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED", "bring a newer version, or let the update node's settings allow it"},
+    {"ERRCODE_NONE", "nothing was found out about it: mend what is said above, then bring it again"},
 }};
 
 std::string NextStep(const json::value& package) {

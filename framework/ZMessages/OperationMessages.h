@@ -106,8 +106,8 @@ public:
     ZString m_Signer;          ///< who signed it, as the certificate says; empty: not known
     // Of a file that was refused:
     ZString m_Reason;
-    ZFrameworkErrorCodes::ZErrorCode m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;
-    std::int64_t m_CheckedAt = 0;  ///< milliseconds since 1970
+    ZFrameworkErrorCodes::ZErrorCode m_ErrorCode = ZFrameworkErrorCodes::ERRCODE_NONE;  ///< none: nothing was found out
+    std::int64_t m_CheckedAt = 0;                                                       ///< milliseconds since 1970
 
     Z_FIELDS(Z_FIELD(m_Version), Z_FIELD(m_File), Z_FIELD(m_Source), Z_FIELD(m_Relation), Z_FIELD(m_Board),
              Z_FIELD(m_Size), Z_FIELD(m_Signer), Z_FIELD(m_Reason), Z_FIELD(m_ErrorCode), Z_FIELD(m_CheckedAt))

@@ -86,6 +86,7 @@ export const texts = {
   advice: {
     ERRCODE_SYSUPDATE_INVALID_PACKAGE_FILE: 'copy the file to the stick again. If that does not help, ask for a package for this board, from somebody whom this instrument trusts.',
     ERRCODE_SYSUPDATE_VERSION_NOT_ALLOWED: 'bring a newer version; this instrument does not go back by itself. What was taken back is offered again above.',
+    ERRCODE_NONE: 'nothing was found out about it. Mend what is said above, then put the stick in, or bring the file, again.',
     other: 'put the stick in again, or bring another file.',
   },
   errorCodes: {
