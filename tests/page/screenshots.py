@@ -78,7 +78,7 @@ def update(browser: Browser, served: Served) -> None:
 
 def trial(browser: Browser, served: Served) -> None:
     from support import configure, stick_package
-    configure("Trial", confirmByPerson=True, deadlineSeconds=0)  # from the first restart on
+    configure("Trial", confirmByPerson=True, deadlineSeconds=15)  # from the first restart on
     begin(browser, served, "Plug a stick in")
     sticks.attach([stick_package(version) for version in ("3.045", "3.046")])
     paths.FAULTS.write_text("3.045 no signal on channel 2\n")
