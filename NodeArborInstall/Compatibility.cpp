@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <magic_enum/magic_enum.hpp>
 
 #include "PackageFiles.h"

@@ -193,8 +193,8 @@ void ZNodeArborInstall::AdoptInstalls() {
     request->m_Node = Name();
     request->m_State = "Open";
     request->m_Kind = "Install";  // others have no process that could live on
-    constexpr auto kPatience =
-        std::chrono::seconds(15);  // it is asked this once, while all of a device may be starting
+    // It is asked this once, while all of a device may be starting.
+    constexpr auto kPatience = std::chrono::seconds(15);
     if (const auto left = AskJournal(request, kPatience)) {
         for (const auto& operation : left->m_Operations) {
             Adopt(*operation);

@@ -204,18 +204,18 @@ TEST_F(Checks, AreDoneAgainOnceItIsSaidWhatWasTakenBack) {
     entry->m_Version = "3.045";
     entry->m_Reason = "no signal";
     stands->m_TakenBack.push_back(entry);
-    ZGuarded<std::shared_ptr<ZMessage>> answer;  // none: the judge is busy
-    probe->Listen(ZEndpointType::GraphService, "slots", [&](const auto&) { return answer.Copy(); });
-    answer.Exchange(ZNodeComm::CloneMessage(stands));
+    const auto answer = std::make_shared<ZGuarded<std::shared_ptr<ZMessage>>>();  // none: the judge is busy
+    probe->Listen(ZEndpointType::GraphService, "slots", [answer](const auto&) { return answer->Copy(); });
+    answer->Exchange(ZNodeComm::CloneMessage(stands));
     probe->Tell("trial", ZNodeComm::CloneMessage(stands));
     EXPECT_TRUE(WaitForJobLike("Check arbor.pkg Failed: version 3.045 was taken back (no signal)"));
     EXPECT_THAT(Offered(), IsEmpty());
 
-    answer.Exchange(nullptr);
+    answer->Exchange(nullptr);
     const fs::path later = folder.Write("updates/later.pkg", ReadText(Package("l.pkg", "3.046")), 0755);
     TellFile(later);
     ASSERT_TRUE(WaitForJobLike("Check later.pkg Failed: it is not known which versions were taken back"));
-    answer.Exchange(ZNodeComm::CloneMessage(stands));
+    answer->Exchange(ZNodeComm::CloneMessage(stands));
     const fs::path bad = folder.Write("updates/bad.pkg", ReadText(Package("b.pkg", "3.047", 1)), 0755);
     TellFile(bad);
     ASSERT_TRUE(WaitUntil([&] { return !fs::exists(bad); })) << "what was refused is let go";
